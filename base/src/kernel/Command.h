@@ -1,0 +1,77 @@
+#pragma once
+
+#include "kernel/KernelExport.h"
+
+#include <string>
+#include <vector>
+
+class Properties;
+
+/// One key of a command's arguments or results, for people who ask what a command wants.
+struct CommandKey {
+    std::string name;
+    std::string type; ///< "bool", "int", "unsigned", "long", "real", "text", "properties", "vector of ..."
+    std::string meaning;
+    bool required = true;
+};
+
+/// What `orvexctl list-commands` tells about a command. It lives beside the command, in its constructor.
+struct CommandHelp {
+    std::string summary;
+    std::vector<CommandKey> arguments = {};
+    std::vector<CommandKey> results = {};
+};
+
+/// Something that a client can ask the server to do. A command is a class without fields of its own;
+/// arguments and results are keys of Properties.
+///
+/// execute() runs on the main thread of every rank at the same time, unless the command is threaded.
+class ORVEX_KERNEL_EXPORT Command {
+public:
+    static constexpr const char* COMMAND_TAG = "command";
+
+    explicit Command(CommandHelp help = {});
+    Command(const Command&) = delete;
+    Command& operator=(const Command&) = delete;
+
+    virtual ~Command();
+    virtual void execute(const Properties& args, Properties& response) = 0;
+    virtual std::string getName() const = 0;
+    /// Whether the command may change the simulation: true unless overridden.
+    virtual bool isStateChanger() const;
+    /// Whether the command, with these arguments, is able to run beside the main thread: on a thread of its
+    /// own of the serial or master process, not distributed and without messaging. False unless overridden.
+    virtual bool isThreaded(const Properties& args) const;
+    /// Whether it should do so this time. isThreaded(args) unless overridden.
+    virtual bool shouldThread(const Properties& args) const;
+    /// Whether the response holds anything beside an error: true unless overridden.
+    virtual bool hasResponse() const;
+    /// Called after execute() threw and the error stands in `response`. Does nothing unless overridden.
+    virtual void onError(const Properties& args, Properties& response);
+
+    const CommandHelp& getHelp() const { return _help; }
+
+    /// Writes the name under COMMAND_TAG.
+    void addSelfTo(Properties& properties) const;
+    /// The name in `properties`, empty when there is none.
+    static std::string getCommandName(const Properties& properties);
+
+private:
+    CommandHelp _help;
+};
+
+/// A command that only asks: it changes no state.
+class ORVEX_KERNEL_EXPORT QueryCommand : public Command {
+public:
+    using Command::Command;
+    bool isStateChanger() const override;
+};
+
+/// A command without results.
+class ORVEX_KERNEL_EXPORT NoResultCommand : public Command {
+public:
+    using Command::Command;
+    void execute(const Properties& args, Properties& response) override;
+    bool hasResponse() const override;
+    virtual void execute(const Properties& args) = 0;
+};

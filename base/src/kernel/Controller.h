@@ -1,0 +1,94 @@
+#pragma once
+
+#include "kernel/KernelExport.h"
+
+#include "kernel/Properties.h"
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+class Command;
+class Mutex;
+class Subject;
+
+/// Knows the commands of this process and runs them.
+///
+/// The main thread runs commands: in processCommands(), processQueuedCommands() or executeCommand(). Other
+/// threads only queue requests (see QueuedCommand) and ask what runs.
+class ORVEX_KERNEL_EXPORT Controller {
+public:
+    static Controller& getSingleton();
+    static void reset();
+
+    /// Takes ownership. A second command of the same name is an InternalError. Main thread.
+    void registerCommand(Command* command);
+    /// Null when there is no such command.
+    const Command* findCommand(const std::string& name) const;
+    /// All commands, in the order of their registration.
+    std::vector<const Command*> getCommands() const;
+    /// The registered name nearest to `name` (edit distance, ignoring case), empty when none is near.
+    std::string getNearestName(const std::string& name) const;
+
+    /// Runs `command`; what it throws, and every fault of the request itself, ends as an error in `response`.
+    /// The observables are told around it, except from within another command, which runs on all ranks already.
+    /// Main thread; collective in the sense of the observers attached.
+    /// @return false when `response` holds an error
+    bool executeCommand(const Properties& command, Properties& response);
+    /// The same, answering with the text of the response.
+    std::string execute(const Properties& command);
+
+    /// A client's request on its way to the main thread.
+    struct QueuedCommand {
+        Properties command;
+        std::string client; ///< on whose behalf, for people
+        /// Called on the main thread with the response, once, also when the request was never run.
+        std::function<void(const Properties& response)> onDone;
+    };
+    /// The command at work, for those who ask.
+    struct RunningCommand {
+        std::string name;
+        std::string client;
+        std::chrono::system_clock::time_point since;
+    };
+
+    /// Appends a request. Any thread. After stopProcessing() it is answered at once with an error.
+    void enqueue(QueuedCommand request);
+    /// Any thread.
+    std::optional<RunningCommand> getRunningCommand() const;
+
+    /// Serves the queue until stopProcessing(). Main thread.
+    void processCommands();
+    /// Runs what stands in the queue and returns. Main thread.
+    void processQueuedCommands();
+    bool hasQueuedCommands() const;
+    /// Ends processCommands() after the command at work; requests still queued are answered with an error.
+    /// Any thread, also before processCommands() was entered.
+    void stopProcessing();
+
+    /// Told with the command before it runs.
+    Subject& getMasterScatterCommandObservable();
+    /// Told with the response after it ran.
+    Subject& getMasterGatherResponseObservable();
+    /// Told with the response after it ran.
+    Subject& getPostExecuteFloatingPointErrorObservable();
+    /// Told when a signal was raised, on the thread that caused it, before the error is thrown.
+    Subject& getSignalRaisedObservable();
+
+    /// True while a command runs that isn't distributed to all ranks: messaging is locked out.
+    static bool isSerialCritical() { return _serialCriticalLockCount != 0; }
+
+    /// The lock that keeps other threads out of the Controller while a command runs.
+    Mutex& getLock();
+
+private:
+    struct Impl;
+    Controller();
+    ~Controller();
+
+    static unsigned _serialCriticalLockCount;
+    std::unique_ptr<Impl> _impl;
+};

@@ -1,0 +1,90 @@
+#pragma once
+
+#include "kernel/KernelExport.h"
+#include "kernel/Properties.h"
+
+#include <exception>
+#include <string>
+
+/// What went wrong, as a tree that can cross ranks and reach a client.
+///
+/// The tree holds ERROR_TAG (the type text), MESSAGE_TAG, SEVERITY_TAG and, where one was taken,
+/// STACK_TRACE_TAG, beside whatever keys the raiser added. An error object that is only built is not
+/// raised: see raise() in kernel/Raise.h.
+class ORVEX_KERNEL_EXPORT Error : public std::exception {
+public:
+    static constexpr const char* ERROR_TAG = "Error";
+    static constexpr const char* MESSAGE_TAG = "Message";
+    static constexpr const char* SEVERITY_TAG = "Severity";
+    static constexpr const char* STACK_TRACE_TAG = "StackTrace";
+    static constexpr const char* DEFAULT_ERROR_TYPE = "Server::Error";
+
+    static constexpr int RECOVERABLE_SEVERITY = 2;
+    static constexpr int NON_RECOVERABLE_SEVERITY = 3;
+
+    /// @param collective  true when all ranks raise this same error at the same place
+    Error(const std::string& message, int severity, const Properties& properties = Properties(),
+          const std::string& type = DEFAULT_ERROR_TYPE, bool collective = false);
+    Error(const Error&);
+    Error& operator=(const Error&);
+    ~Error() override;
+
+    const char* what() const noexcept override;
+    const Properties& getProperties() const { return _properties; }
+    Properties& getProperties() { return _properties; }
+    int getSeverity() const;
+    bool isCollective() const { return _collective; }
+
+    /// True when `response` carries an error (it has ERROR_TAG).
+    static bool isErrorIn(const Properties& response);
+    /// The message of the error in `response`, empty when there is none.
+    static std::string getMessage(const Properties& response);
+
+private:
+    Properties _properties;
+    std::string _what;
+    bool _collective;
+};
+
+/// An error that fails a command and leaves the server running.
+class ORVEX_KERNEL_EXPORT RecoverableError : public Error {
+public:
+    explicit RecoverableError(const std::string& message, int severity = RECOVERABLE_SEVERITY,
+                              const Properties& properties = Properties(),
+                              const std::string& type = DEFAULT_ERROR_TYPE, bool collective = false);
+};
+
+/// The user's input is at fault.
+class ORVEX_KERNEL_EXPORT InputError : public RecoverableError {
+public:
+    using RecoverableError::RecoverableError;
+};
+
+/// The operating system, the file system or the installation is at fault.
+class ORVEX_KERNEL_EXPORT SystemError : public RecoverableError {
+public:
+    using RecoverableError::RecoverableError;
+};
+
+/// A floating-point fault, as a signal or found in the status flags.
+class ORVEX_KERNEL_EXPORT FloatingPointError : public RecoverableError {
+public:
+    using RecoverableError::RecoverableError;
+};
+
+/// An error after which the job can't go on, unless all ranks meet it together.
+class ORVEX_KERNEL_EXPORT NonRecoverableError : public Error {
+public:
+    explicit NonRecoverableError(const std::string& message, const Properties& properties = Properties(),
+                                 const std::string& type = DEFAULT_ERROR_TYPE);
+
+    static bool isNonRecoverableErrorIn(const Properties& response);
+};
+
+/// A broken invariant: a fault of the program, with the place where it was seen.
+///
+/// The tree adds "Condition", "File" and "Line".
+class ORVEX_KERNEL_EXPORT InternalError : public NonRecoverableError {
+public:
+    InternalError(const std::string& message, const std::string& condition, const std::string& file, int line);
+};

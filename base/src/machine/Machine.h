@@ -1,0 +1,228 @@
+#pragma once
+
+#include "kernel/Observer.h"
+#include "kernel/Subject.h"
+#include "machine/ExitStatus.h"
+#include "machine/MachineExport.h"
+
+#include <array>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+class Communicator;
+class Error;
+class MachineHost;
+class ParallelConsoleBuf;
+class Properties;
+class Serializable;
+class StandardStreamManager;
+class Timer;
+
+namespace Analytics {
+class Event;
+class Manager;
+} // namespace Analytics
+
+/// How processes are placed on processors.
+enum CpuBindingPolicy : int { BANDWIDTH_BINDING = 0, LATENCY_BINDING = 1, LEAST_LOAD_BINDING = 2 };
+
+/// The process: what it is in the job, what it owns, how it starts and how it stops.
+///
+/// One instance for each operating-system process. The static accessors tell the role, size and rank; they work
+/// before main() has run and then give a serial process of one rank. They may be called from any thread once
+/// main() has fixed the role.
+class ORVEX_MACHINE_EXPORT Machine {
+public:
+    enum SerialParallelMode : int { SERIAL_MODE = 0, MASTER_MODE = 1, WORKER_MODE = 2 };
+    enum NodeState : int {
+        UNKNOWN_STATE = -1,
+        AWAITING_COMMAND = 0,
+        GATHERING_RESPONSE = 1,
+        HANDLING_ERROR = 2,
+        PROCESSING = 3
+    };
+    /// What kind of server the modules above make of this process; only stored here.
+    enum ServerType : int { DEFAULT_SERVER_TYPE = 0 };
+    /// The groups of ranks that share memory; indexes the shared-memory and sparse communicators.
+    enum ShmemScope : int { NUMA_SCOPE = 0, SOCKET_SCOPE = 1, HOST_SCOPE = 2 };
+    static constexpr std::size_t NUMBER_SHMEM_SCOPES = 3;
+
+    /// Told once near the end of main().
+    class OnExitObserver : public Observer {};
+    class ORVEX_MACHINE_EXPORT OnExitObservable : public Subject {
+    public:
+        void attach(OnExitObserver& observer);
+        void detach(OnExitObserver& observer);
+    };
+
+    // Guards that lock messaging out of a region: machine/MachineLocks.h
+    class SerialCritical;
+    class ParallelPerformanceCritical;
+
+    /// Made on first use, without a lock: main() calls it before a second thread exists.
+    static Machine& getSingleton();
+    ~Machine();
+    Machine(const Machine&) = delete;
+    Machine& operator=(const Machine&) = delete;
+
+    /// The whole life of the process. Collective over all processes of the job. Main thread.
+    /// @throw std::invalid_argument for what the user typed wrong in the options that all roles share
+    /// @throw InternalError, NonRecoverableError when the message layer can't be started
+    void main(int argc, char** argv);
+
+    OnExitObservable& getOnExitObservable() { return _onExitObservable; }
+
+    // Role and size.
+    static bool isSerial() { return _serialParallelMode == SERIAL_MODE; }
+    /// Rank 0 of a parallel job; false in a serial process.
+    static bool isMaster() { return _serialParallelMode == MASTER_MODE; }
+    static bool isParallel() { return _serialParallelMode > SERIAL_MODE; }
+    static bool isProxyServer() { return _isProxyServer; }
+    static bool isProxySessionDaemon() { return _isProxySessionDaemon; }
+    static unsigned nProcesses() { return _np; }
+    static unsigned getPartitionId() { return _partition; }
+
+    // Communicators and host. Each raises InternalError when there is none.
+    static Communicator& globalCommunicator();
+    static Communicator& sharedMemCommunicator(ShmemScope scope);
+    /// Null on a rank that isn't in it.
+    static Communicator* hasSparseCommunicator(ShmemScope scope);
+    static const MachineHost& getHost();
+
+    static const std::string& getExecutableName() { return _executableName; }
+    static const std::wstring& getExecutablePath() { return _executablePath; }
+    static bool bindThreads() { return (_threadBindingAttributes & THREAD_BINDING_OFF) == 0; }
+    static bool enableThreadBindingVerbosity() { return (_threadBindingAttributes & THREAD_BINDING_VERBOSE) != 0; }
+    static int getIOVerbosityLevel() { return static_cast<int>(_iodebug); }
+    static void setIOVerbosityLevel(int level) { _iodebug = static_cast<unsigned>(level); }
+    static bool isCpuBindingContentionTestEnabled() { return _cpuBindingContentionTest; }
+    static void enableCpuBindingContentionTest(bool on) { _cpuBindingContentionTest = on; }
+    static bool getPrintpids() { return _printpids; }
+    static ServerType getServerType();
+    static void setServerType(ServerType type);
+    static std::wstring getPassToDesign();
+    static void setPassToDesign(std::wstring text);
+
+    // Locks, see machine/MachineLocks.h.
+    static void assertNotSerialCritical(const char* message);
+    static void assertNotParallelPerformanceCritical(const char* message);
+    static const unsigned& getPerformanceCriticalLock() { return _performanceCriticalLock; }
+
+    NodeState getState() const { return _state; }
+    void setState(NodeState state) { _state = state; }
+    std::string getStateString(NodeState state) const;
+    const std::string& getProcessFileName() const { return _processFileName; }
+    const std::wstring& getTemporaryDirectory() const { return _temporaryDirectory; }
+    std::wstring getJobManagerURL() const { return _jobManagerUrl; }
+    int getTaskId() const { return _taskId; }
+    bool isParallelIo() const { return _parallelIo; }
+    /// Stays false in a serial process.
+    void setParallelIo(bool on) { _parallelIo = on && isParallel(); }
+    bool isDesignStudy() const { return _designStudy; }
+    bool isDesignManager() const { return _designManager; }
+    /// Whether the collective checks of a development version run.
+    bool hasDevErrorChecking() const;
+    void setDevErrorChecking(bool on) { _devErrorChecking = on; }
+
+    const ExitStatus& getExitStatus() const { return _exitStatus; }
+    void updateExitStatus(const ExitStatus& status);
+    /// Takes the whole job down with `status` added to the exit status. Any thread. Doesn't return in a serial
+    /// process.
+    void abort(const ExitStatus& status);
+
+    /// The asctime text of the start, with its final newline.
+    std::string getStartTime() const { return _startTime; }
+    /// The asctime text of now.
+    std::string getTime() const;
+    /// [s] since an arbitrary moment: the message layer's clock in a parallel process, else the wall clock.
+    double wallTime() const;
+    void registerDefaultRootObject(Serializable* root) { _defaultRootObject = root; }
+
+    StandardStreamManager& getStandardStreamManager();
+    bool isUsageManagerInitialized() const;
+    void logUsageEvent(Analytics::Event& event);
+
+    // The road of the console and the times; collective over the global communicator where a gather is meant.
+    void enableCommunicationTimer(bool on);
+    bool communicationTimerEnabled() const;
+    double getTotalCommunicationTime() const;
+    void getCommunicationTimes(std::vector<double>& times) const;
+    void getElapsedTimes(std::vector<double>& times) const;
+    void getCpuTimes(std::vector<double>& times) const;
+    /// One name for each rank, on the serial or master process; others leave `hosts` alone. Collective.
+    void getHostsOnMaster(std::vector<std::string>& hosts) const;
+
+    /// Fixes the role and starts the message layer. Collective. Part of main(), public for programs that are not
+    /// a server: they call it first and stopCommunicators() last.
+    void startCommunicators(int& argc, char*** argv, std::map<std::string, unsigned>& consumed);
+    void stopCommunicators();
+
+private:
+    friend class Communicator;
+    friend class GlobalCondition;
+    friend class GlobalFloatingPointError;
+    friend class MachineTestAccess;
+
+    static constexpr unsigned THREAD_BINDING_OFF = 1u << 0;
+    static constexpr unsigned THREAD_BINDING_VERBOSE = 1u << 1;
+
+    /// Lifts all messaging locks when a signal interrupts the code that holds them.
+    class SignalRaisedObserver : public Observer {
+    public:
+        explicit SignalRaisedObserver(Machine& machine) : _machine(machine) {}
+        void update(Properties& properties) override;
+
+    private:
+        Machine& _machine;
+    };
+
+    static void handleFailedPerformanceCriticalTest(const char* message);
+
+    static Machine* _singleton;
+    static SerialParallelMode _serialParallelMode;
+    static unsigned _np;
+    static unsigned _partition;
+    static bool _threaded;
+    static bool _useInternalBinding;
+    static CpuBindingPolicy _cpuBindingPolicy;
+    static bool _cpuBindingContentionTest;
+    static unsigned _threadBindingAttributes;
+    static bool _printpids;
+    static unsigned _iodebug;
+    static bool _isProxyServer;
+    static bool _isProxySessionDaemon;
+    static std::string _executableName;
+    static std::wstring _executablePath;
+    static std::unique_ptr<Communicator> _globalComm;
+    static std::array<std::unique_ptr<Communicator>, NUMBER_SHMEM_SCOPES> _shmemComm;
+    static std::array<std::unique_ptr<Communicator>, NUMBER_SHMEM_SCOPES> _sparseComm;
+    static MachineHost* _host;
+    static unsigned _serialCriticalLock;
+    static unsigned _performanceCriticalLock;
+
+    OnExitObservable _onExitObservable;
+    std::string _processFileName;
+    NodeState _state = AWAITING_COMMAND;
+    std::wstring _jobManagerUrl;
+    int _taskId = -1;
+    bool _parallelIo = false;
+    bool _debuggerAttach = false;
+    bool _devErrorChecking = true;
+    Timer* _timer = nullptr;
+    std::string _startTime;
+    bool _deleteOnExit = false;
+    std::wstring _temporaryDirectory;
+    bool _usageDisabled = false;
+    Analytics::Manager* _usageManager = nullptr;
+    StandardStreamManager* _standardStreamManager = nullptr;
+    ParallelConsoleBuf* _parallelConsoleBuf = nullptr;
+    SignalRaisedObserver _signalRaisedObserver{*this};
+    std::wstring _passToDesign;
+    ServerType _serverType = DEFAULT_SERVER_TYPE;
+    ExitStatus _exitStatus;
+    Serializable* _defaultRootObject = nullptr;
+    bool _designStudy = false;
+    bool _designManager = false;
+};

@@ -1,0 +1,77 @@
+# What every target of the build shares: language level, warnings, sanitizers, output folders.
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_CXX_VISIBILITY_PRESET hidden)
+set(CMAKE_C_VISIBILITY_PRESET hidden)
+set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+if(NOT CMAKE_BUILD_TYPE)
+  set(CMAKE_BUILD_TYPE Release)
+endif()
+
+# Programs, libraries and modules lie side by side as they do when installed,
+# so a module is found beside the program in both places.
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
+set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
+set(CMAKE_ARCHIVE_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
+set(CMAKE_INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR};$ORIGIN")
+add_link_options(-Wl,--enable-new-dtags)
+
+find_program(ORVEX_CCACHE ccache)
+if(ORVEX_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
+  set(CMAKE_C_COMPILER_LAUNCHER ${ORVEX_CCACHE})
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${ORVEX_CCACHE})
+endif()
+
+# A fault inside a command becomes an exception on the thread that caused it, hence the first two.
+# Messages and stack traces name sources relative to the repository, hence the prefix map.
+add_compile_options(-fnon-call-exceptions -fasynchronous-unwind-tables
+                    -ffile-prefix-map=${CMAKE_SOURCE_DIR}/=)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+  # clang 14 has no -fnon-call-exceptions for its own code generation; builds with it are for checks.
+  add_compile_options(-Qunused-arguments -Wno-ignored-optimization-argument)
+endif()
+
+# Line tables in every kind of build: a stack trace names file and line.
+string(APPEND CMAKE_CXX_FLAGS_RELEASE " -g1")
+string(APPEND CMAKE_C_FLAGS_RELEASE " -g1")
+
+add_library(orvex_warnings INTERFACE)
+target_compile_options(orvex_warnings INTERFACE -Wall -Wextra -Wconversion -Wshadow -Werror)
+
+if(ORVEX_SANITIZER)
+  add_compile_options(-fsanitize=${ORVEX_SANITIZER} -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=${ORVEX_SANITIZER})
+endif()
+
+# orvex_add_library(<target> ALIAS <Orvex::Name> FOLDER <folder under base/src> SOURCES ... HEADERS ...)
+# One floor of the house: a shared library whose public face is HEADERS, installed under include/orvex/<folder>.
+function(orvex_add_library target)
+  cmake_parse_arguments(ARG "" "ALIAS;FOLDER" "SOURCES;HEADERS" ${ARGN})
+  add_library(${target} SHARED ${ARG_SOURCES})
+  add_library(${ARG_ALIAS} ALIAS ${target})
+  string(REPLACE "Orvex::" "" export_name ${ARG_ALIAS})
+  set_target_properties(${target} PROPERTIES
+    EXPORT_NAME ${export_name} VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
+    VERIFY_INTERFACE_HEADER_SETS ON)
+  target_sources(${target} PUBLIC FILE_SET HEADERS BASE_DIRS ${CMAKE_SOURCE_DIR}/base/src FILES ${ARG_HEADERS})
+  target_link_libraries(${target} PRIVATE $<BUILD_INTERFACE:orvex_warnings>)
+  target_compile_features(${target} PUBLIC cxx_std_20)
+  install(TARGETS ${target} EXPORT OrvexTargets
+          LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+          FILE_SET HEADERS DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/orvex)
+endfunction()
+
+# orvex_add_module(<target> SOURCES ... LIBRARIES ...)
+# A module that the server loads at run time by the target's name.
+function(orvex_add_module target)
+  cmake_parse_arguments(ARG "TEST_ONLY" "" "SOURCES;LIBRARIES" ${ARGN})
+  add_library(${target} MODULE ${ARG_SOURCES})
+  target_link_libraries(${target} PRIVATE orvex_warnings ${ARG_LIBRARIES})
+  if(NOT ARG_TEST_ONLY)
+    install(TARGETS ${target} LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+  endif()
+endfunction()
