@@ -1,0 +1,49 @@
+#pragma once
+
+#include "platform/PlatformExport.h"
+
+#include <memory>
+
+namespace Platform {
+
+/// Memory of a process. [bytes]; a value that the system doesn't tell is 0.
+struct MemoryUse {
+    long long virtualSize = 0;
+    long long virtualHighWater = 0;
+    long long residentSize = 0;
+    long long residentHighWater = 0;
+    long long sharedLibraries = 0;
+};
+
+/// Asks the system, again and again, for the memory of one process; keeps its way to the answer open.
+/// One thread at a time.
+class ORVEX_PLATFORM_EXPORT MemoryQuery {
+public:
+    explicit MemoryQuery(int pid);
+    MemoryQuery(const MemoryQuery&) = delete;
+    MemoryQuery& operator=(const MemoryQuery&) = delete;
+    ~MemoryQuery();
+
+    /// All five values. @return false, with `use` unchanged, when the process can't be read
+    bool query(MemoryUse& use);
+    /// Sizes of now only, a tenth of the time of query(): the high-water marks and the libraries stay.
+    bool querySizes(MemoryUse& use);
+
+private:
+    int _pid;
+    int _status = -1;
+    int _statm = -1;
+};
+
+/// Memory of processes and of the host. Local, any thread.
+class ORVEX_PLATFORM_EXPORT Memory {
+public:
+    std::unique_ptr<MemoryQuery> createQuery(int pid) const;
+    /// [bytes] that the host could still give without swapping; 0 when it doesn't tell
+    long long getAvailableMemory() const;
+};
+
+/// The one memory service of the process.
+ORVEX_PLATFORM_EXPORT Memory& memory();
+
+} // namespace Platform

@@ -1,0 +1,13 @@
+#pragma once
+
+#include "platform/PlatformExport.h"
+
+/// What a Thread runs.
+class ORVEX_PLATFORM_EXPORT Runnable {
+public:
+    virtual ~Runnable();
+    /// The thread's body.
+    virtual void run() = 0;
+    /// Asks run() to return soon; doesn't wait. Any thread.
+    virtual void stop() = 0;
+};

@@ -1,0 +1,23 @@
+#pragma once
+
+#include "platform/PlatformExport.h"
+
+#include <string>
+
+namespace Platform {
+
+/// The calling thread. Local, any thread.
+class ORVEX_PLATFORM_EXPORT Threads {
+public:
+    /// Lets other threads go first.
+    void yield() const;
+    /// The system's number of the calling thread; the process's own for the main thread.
+    int getThreadId() const;
+    /// Names the calling thread for debuggers; the system keeps 15 characters.
+    void setName(const std::string& name) const;
+};
+
+/// The one threads service of the process.
+ORVEX_PLATFORM_EXPORT Threads& threads();
+
+} // namespace Platform
