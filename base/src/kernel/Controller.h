@@ -34,11 +34,12 @@ public:
     std::string getNearestName(const std::string& name) const;
 
     /// Runs `command`; what it throws, and every fault of the request itself, ends as an error in `response`.
-    /// The observables are told around it, except from within another command, which runs on all ranks already.
-    /// Main thread; collective in the sense of the observers attached.
+    /// The observables are told around it, except from within another command, which runs on all ranks
+    /// already. Main thread; collective in the sense of the observers attached.
     /// @return false when `response` holds an error
     bool executeCommand(const Properties& command, Properties& response);
-    /// The same, answering with the text of the response.
+    /// The same for the loops that serve all ranks, answering with the text of the response: the observables
+    /// are told also while a command runs, since such a loop may be served from within one.
     std::string execute(const Properties& command);
 
     /// A client's request on its way to the main thread.
@@ -55,7 +56,12 @@ public:
         std::chrono::system_clock::time_point since;
     };
 
-    /// Appends a request. Any thread. After stopProcessing() it is answered at once with an error.
+    /// Whether queued commands may run on threads of their own: yes unless told otherwise. Without threads a
+    /// command that would, runs on the main thread, with messaging locked out. Main thread.
+    void setThreadedCommands(bool on);
+
+    /// Appends a request. Any thread. After stopProcessing() it is answered at once with an
+    /// error, on the calling thread.
     void enqueue(QueuedCommand request);
     /// Any thread.
     std::optional<RunningCommand> getRunningCommand() const;

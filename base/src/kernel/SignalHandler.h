@@ -1,0 +1,41 @@
+#pragma once
+
+#include "kernel/KernelExport.h"
+
+#include <functional>
+
+/// What becomes of signals.
+///
+/// A fault that a thread causes itself (segmentation fault, bus error, illegal instruction, floating-point
+/// trap) becomes an error on that thread: NonRecoverableError, FloatingPointError for a trap. First the
+/// observers of Controller::getSignalRaisedObservable() are told, with the keys "Signal" (name),
+/// "SignalNumber" and Error::MESSAGE_TAG. Where no exception can pass, and on a fault while a fault is
+/// handled, the stack is printed on the standard error stream and the abort callback ends the process; a
+/// fault there ends it at once, and so does a fault whose handling doesn't come to an end within
+/// FAULT_TIME_LIMIT.
+///
+/// SIGTERM, SIGINT and SIGHUP that others send go to the stop callback, on a thread of their own. A broken
+/// pipe is never a signal.
+class ORVEX_KERNEL_EXPORT SignalHandler {
+public:
+    static constexpr double FAULT_TIME_LIMIT = 10.0; ///< [s]
+
+    /// True when floating-point faults arrive as signals. Set by setCatchFpeSignals().
+    static bool _catchFpeSignals;
+    /// Makes division by zero, overflow and invalid operations trap on the calling thread and on the threads
+    /// that it starts from now on, or no longer. Main thread. On also installs the handling of faults.
+    static void setCatchFpeSignals(bool on);
+
+    /// Installs the handling of faults and ignores SIGPIPE. A second call does nothing. Main thread.
+    /// @throw std::system_error when the system refuses
+    static void install();
+    /// The system's default course for all of it. Main thread.
+    static void uninstall();
+
+    /// Ends the process, and in a job all of it; called on the thread at fault. None: the process ends with a
+    /// core image where the system makes one. Any thread.
+    static void setAbortCallback(std::function<void()> callback);
+    /// Called, with the signal's number, for each SIGTERM, SIGINT and SIGHUP, on a thread of its own. An
+    /// empty function gives the three back to the system. Main thread.
+    static void setStopCallback(std::function<void(int signal)> callback);
+};
