@@ -12,12 +12,13 @@
 #include <vector>
 
 class Communicator;
-class Error;
+class LauncherWatch;
 class MachineHost;
 class ParallelConsoleBuf;
 class Properties;
 class Serializable;
 class StandardStreamManager;
+struct ServerHostOptions;
 class Timer;
 
 namespace Analytics {
@@ -30,9 +31,9 @@ enum CpuBindingPolicy : int { BANDWIDTH_BINDING = 0, LATENCY_BINDING = 1, LEAST_
 
 /// The process: what it is in the job, what it owns, how it starts and how it stops.
 ///
-/// One instance for each operating-system process. The static accessors tell the role, size and rank; they work
-/// before main() has run and then give a serial process of one rank. They may be called from any thread once
-/// main() has fixed the role.
+/// One instance for each operating-system process. The static accessors tell the role, size and rank; they
+/// work before main() has run and then give a serial process of one rank. They may be called from any thread
+/// once main() has fixed the role.
 class ORVEX_MACHINE_EXPORT Machine {
 public:
     enum SerialParallelMode : int { SERIAL_MODE = 0, MASTER_MODE = 1, WORKER_MODE = 2 };
@@ -94,7 +95,9 @@ public:
     static const std::string& getExecutableName() { return _executableName; }
     static const std::wstring& getExecutablePath() { return _executablePath; }
     static bool bindThreads() { return (_threadBindingAttributes & THREAD_BINDING_OFF) == 0; }
-    static bool enableThreadBindingVerbosity() { return (_threadBindingAttributes & THREAD_BINDING_VERBOSE) != 0; }
+    static bool enableThreadBindingVerbosity() {
+        return (_threadBindingAttributes & THREAD_BINDING_VERBOSE) != 0;
+    }
     static int getIOVerbosityLevel() { return static_cast<int>(_iodebug); }
     static void setIOVerbosityLevel(int level) { _iodebug = static_cast<unsigned>(level); }
     static bool isCpuBindingContentionTestEnabled() { return _cpuBindingContentionTest; }
@@ -128,9 +131,14 @@ public:
 
     const ExitStatus& getExitStatus() const { return _exitStatus; }
     void updateExitStatus(const ExitStatus& status);
-    /// Takes the whole job down with `status` added to the exit status. Any thread. Doesn't return in a serial
-    /// process.
+    /// Takes the whole job down with `status` added to the exit status. Any thread. Doesn't return in a
+    /// serial process.
     void abort(const ExitStatus& status);
+    /// abort() with the status of a server error, for whoever can neither go on nor throw.
+    static void abortFromAnywhere();
+    /// For the program, when main() has thrown: takes a job down with `status`, since other ranks may wait
+    /// for this one. Nothing in a process that isn't, or not yet, a rank of a job.
+    static void endFailedStart(const ExitStatus& status);
 
     /// The asctime text of the start, with its final newline.
     std::string getStartTime() const { return _startTime; }
@@ -145,6 +153,13 @@ public:
     void logUsageEvent(Analytics::Event& event);
 
     // The road of the console and the times; collective over the global communicator where a gather is meant.
+    /// Lets the workers' standard output reach the console, or silences it again; nothing in a serial
+    /// process. Collective when `on`. @throw InputError on all ranks once the master's streams were moved to
+    /// files
+    void enableSlaveCout(bool on);
+    bool slaveCoutEnabled() const;
+    /// Whether each rank keeps what it prints in "partition<rank>.log"; nothing in a serial process. Local.
+    void enableSlaveCoutLogFile(bool on);
     void enableCommunicationTimer(bool on);
     bool communicationTimerEnabled() const;
     double getTotalCommunicationTime() const;
@@ -154,8 +169,8 @@ public:
     /// One name for each rank, on the serial or master process; others leave `hosts` alone. Collective.
     void getHostsOnMaster(std::vector<std::string>& hosts) const;
 
-    /// Fixes the role and starts the message layer. Collective. Part of main(), public for programs that are not
-    /// a server: they call it first and stopCommunicators() last.
+    /// Fixes the role and starts the message layer. Collective. Part of main(), public for programs that are
+    /// not a server: they call it first and stopCommunicators() last.
     void startCommunicators(int& argc, char*** argv, std::map<std::string, unsigned>& consumed);
     void stopCommunicators();
 
@@ -165,20 +180,63 @@ private:
     friend class GlobalFloatingPointError;
     friend class MachineTestAccess;
 
+    /// Option word to the number of command-line words that it uses, filled by the passes over the line.
+    using ConsumedOptions = std::map<std::string, unsigned>;
+
+    class CommonOptions;
+
     static constexpr unsigned THREAD_BINDING_OFF = 1u << 0;
     static constexpr unsigned THREAD_BINDING_VERBOSE = 1u << 1;
 
     /// Lifts all messaging locks when a signal interrupts the code that holds them.
     class SignalRaisedObserver : public Observer {
     public:
-        explicit SignalRaisedObserver(Machine& machine) : _machine(machine) {}
         void update(Properties& properties) override;
-
-    private:
-        Machine& _machine;
     };
 
+    Machine();
+
     static void handleFailedPerformanceCriticalTest(const char* message);
+
+    // The steps of main(), in their order.
+    static const char* driverModuleName(const std::string& driver);
+    static std::string findDriverModule(int argc, const char* const* argv, ConsumedOptions& consumed);
+    void optionallyPreloadMpi(const char* module, int argc, const char* const* const* argv,
+                              ConsumedOptions& consumed);
+    void startMessageLayer(const std::string& module, int& argc, char*** argv);
+    void startLauncherWatch();
+    void startHost();
+    void parseCommonArgvs(int argc, char** argv, ConsumedOptions& consumed);
+    void setTemporaryDirectory(const std::wstring& directory);
+    void installTerminateHandler();
+    void uninstallTerminateHandler();
+    void warnOfMixedVectorization() const;
+    void startParallelErrorHandler();
+    void startTimer();
+    void scanForDesignFlags(int argc, const char* const* argv);
+    void startUsageManager();
+    void startConsole();
+    void runRole(int argc, char** argv, ConsumedOptions& consumed);
+    void stopLogger();
+    void stopUsageManager();
+    void deleteOnExit();
+    void stopTimer();
+    void stopHost();
+    void stopConsole();
+
+    // The work of a serial or master process.
+    void startServerHost(int argc, char** argv, ConsumedOptions& consumed);
+    void settleSessionFile(const std::wstring& name, bool createNew);
+    [[noreturn]] void refuseSessionFile(const char* key, const std::wstring& name,
+                                        const std::string& message);
+    void serve(const ServerHostOptions& options);
+    void writeProcessFile() const;
+    /// Ends the process, or the job when there is one, with `status` as it is.
+    [[noreturn]] void leave(const ExitStatus& status);
+
+    void gatherOnMaster(double value, std::vector<double>& values) const;
+    /// Gives up the communicators without destroying them: other ranks may be anywhere.
+    static std::unique_ptr<Communicator> releaseCommunicators();
 
     static Machine* _singleton;
     static SerialParallelMode _serialParallelMode;
@@ -218,11 +276,12 @@ private:
     Analytics::Manager* _usageManager = nullptr;
     StandardStreamManager* _standardStreamManager = nullptr;
     ParallelConsoleBuf* _parallelConsoleBuf = nullptr;
-    SignalRaisedObserver _signalRaisedObserver{*this};
+    SignalRaisedObserver _signalRaisedObserver;
     std::wstring _passToDesign;
     ServerType _serverType = DEFAULT_SERVER_TYPE;
     ExitStatus _exitStatus;
     Serializable* _defaultRootObject = nullptr;
     bool _designStudy = false;
     bool _designManager = false;
+    std::unique_ptr<LauncherWatch> _launcherWatch; ///< in a parallel process
 };

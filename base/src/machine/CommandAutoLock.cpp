@@ -1,0 +1,23 @@
+#include "machine/CommandAutoLock.h"
+
+#include "machine/Machine.h"
+
+#include "kernel/Controller.h"
+#include "platform/Mutex.h"
+
+CommandAutoLock::CommandAutoLock() {
+    if (!Machine::isSerial() && !Machine::isMaster())
+        return;
+    _lock = &Controller::getSingleton().getLock();
+    _lock->lock();
+}
+
+CommandAutoLock::~CommandAutoLock() {
+    if (_lock)
+        _lock->unlock();
+}
+
+CommandAutoLock& CommandAutoLock::operator=(const CommandAutoLock& other) {
+    _lock = other._lock;
+    return *this;
+}

@@ -1,0 +1,228 @@
+// The life of the process: Machine::main, its steps in their order, and the ways to its end.
+
+#include "machine/Machine.h"
+
+#include "machine/CommandController.h"
+#include "machine/Communicator.h"
+#include "machine/MachineCommands.h"
+#include "machine/ParallelConsoleBuf.h"
+#include "machine/StandardStreamManager.h"
+#include "machine/StopSignals.h"
+#include "machine/SynchronizedDynamicLoader.h"
+#include "machine/Timer.h"
+
+#include "kernel/AnalyticsManager.h"
+#include "kernel/Controller.h"
+#include "kernel/CoreObject.h"
+#include "kernel/Error.h"
+#include "kernel/EventLoggerManager.h"
+#include "kernel/EventTracker.h"
+#include "kernel/SignalHandler.h"
+#include "kernel/SingletonCleaner.h"
+#include "platform/Chip.h"
+#include "platform/FpuHandling.h"
+#include "platform/Time.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <exception>
+#include <iostream>
+#include <stdexcept>
+#include <string_view>
+
+namespace {
+
+/// Says what nobody caught, for the reader of the log.
+void reportUncaught() noexcept {
+    try {
+        if (const std::exception_ptr uncaught = std::current_exception())
+            std::rethrow_exception(uncaught);
+    } catch (const std::exception& error) {
+        std::cerr << "\nTerminating: " << error.what() << std::endl;
+    } catch (...) {
+        std::cerr << "\nTerminating: an error of unknown type" << std::endl;
+    }
+}
+
+void terminateHandler() {
+    reportUncaught();
+    Machine::abortFromAnywhere();
+    std::_Exit(int(Machine::getSingleton().getExitStatus())); // a terminate handler must not return
+}
+
+} // namespace
+
+void Machine::main(int argc, char** argv) {
+    std::ios::sync_with_stdio(true);
+    FpuHandling::resetEnvironment(FpuEnvironmentAccessKey());
+    auto consumed = std::make_unique<ConsumedOptions>();
+    startCommunicators(argc, &argv, *consumed);
+    parseCommonArgvs(argc, argv, *consumed);
+    if (_isProxyServer || _isProxySessionDaemon)
+        throw std::invalid_argument(
+            "This version can't run as a proxy: -proxyserver and -proxydaemon are unknown");
+    installTerminateHandler();
+    SignalHandler::setAbortCallback(&Machine::abortFromAnywhere);
+    SignalHandler::install();
+    StopSignals::install();
+    if (isParallel())
+        warnOfMixedVectorization();
+    SynchronizedDynamicLoader::getSingleton().nonStateLoad("OrvexScene");
+    startParallelErrorHandler();
+    startTimer();
+    scanForDesignFlags(argc, argv);
+    startUsageManager();
+    startConsole();
+    registerMachineCommands();
+
+    runRole(argc, argv, *consumed);
+
+    stopLogger();
+    consumed.reset();
+    _onExitObservable.notify();
+    stopUsageManager();
+    if (_deleteOnExit)
+        deleteOnExit();
+    stopTimer();
+    stopCommunicators();
+    stopConsole();
+    StopSignals::uninstall();
+}
+
+void Machine::warnOfMixedVectorization() const {
+    std::vector<int> levels;
+    globalCommunicator().gather(Platform::chip().getVectorizationLevel(), levels, Communicator::masterRank());
+    if (!isMaster() ||
+        std::adjacent_find(levels.begin(), levels.end(), std::not_equal_to<>()) == levels.end())
+        return;
+    std::cout << "Warning: The set of hardware resources has mixed vectorization capabilities.\n"
+                 "This can lead to numerical issues (see \"Avoid Using Mixed-Vector Hardware in a Single\n"
+                 "Parallel Job\" in the User's Guide). The command line flag \"-xbuildopt standard\"\n"
+                 "can be passed to force the lowest vectorization level on all hosts. Use of this option\n"
+                 "may impact performance. It does not affect vectorization of third-party libraries, so "
+                 "further issues might arise."
+              << std::endl;
+}
+
+void Machine::startParallelErrorHandler() {
+    if (!isParallel())
+        return;
+    _state = HANDLING_ERROR;
+    if (!_threaded)
+        std::cout << "All internal errors will be treated as fatal" << std::endl;
+    _state = AWAITING_COMMAND;
+}
+
+void Machine::startTimer() {
+    _timer = new Timer;
+    _timer->start();
+    _startTime = Platform::time().getAscTime();
+}
+
+void Machine::scanForDesignFlags(int argc, const char* const* argv) {
+    for (int i = 1; i < argc; ++i) {
+        const std::string_view word = argv[i] ? argv[i] : "";
+        _designManager = word == "-dmproject";
+        _designStudy = word == "-encoded-dmrunfile";
+        if (_designManager || _designStudy)
+            return; // the first one decides
+    }
+}
+
+void Machine::runRole(int argc, char** argv, ConsumedOptions& consumed) {
+    const ExitStatus failed(ExitStatus::NON_RECOVERABLE_SERVER_ERROR);
+    try {
+        if (isSerial() || isMaster()) {
+            startServerHost(argc, argv, consumed);
+        } else {
+            writeProcessFile();
+            Controller::getSingleton().getSignalRaisedObservable().attach(_signalRaisedObserver);
+            CommandController::getSingleton().processCommands();
+        }
+    } catch (Error& error) {
+        std::cerr << "\nExit error: " << error.getProperties().toString() << std::endl;
+        abort(failed);
+    } catch (std::exception& error) {
+        std::cerr << "\nExit error: " << error.what() << std::endl;
+        abort(failed);
+    } catch (...) {
+        std::cerr << "\nAborting due to nonrecoverable error." << std::endl;
+        abort(failed);
+    }
+}
+
+void Machine::stopLogger() {
+    EventTracker::getSingleton().getEventLoggerManager().report();
+    EventTracker::reset();
+}
+
+void Machine::stopUsageManager() {
+    delete _usageManager;
+    _usageManager = nullptr;
+}
+
+void Machine::deleteOnExit() {
+    if (_defaultRootObject)
+        CoreObject::destroy(_defaultRootObject);
+    _defaultRootObject = nullptr;
+    std::string().swap(_executableName);
+    SingletonCleaner::reset();
+}
+
+void Machine::stopTimer() {
+    _timer->stop();
+}
+
+void Machine::stopConsole() {
+    std::cout.flush();
+    delete _standardStreamManager;
+    _standardStreamManager = nullptr;
+    delete _parallelConsoleBuf;
+    _parallelConsoleBuf = nullptr;
+}
+
+void Machine::updateExitStatus(const ExitStatus& status) {
+    _exitStatus += status;
+}
+
+void Machine::installTerminateHandler() {
+    std::set_terminate(&terminateHandler);
+}
+
+void Machine::uninstallTerminateHandler() {
+    std::set_terminate(nullptr);
+}
+
+void Machine::abort(const ExitStatus& status) {
+    uninstallTerminateHandler();
+    _exitStatus += status;
+    if (isParallel()) {
+        if (Communicator* const ranks = releaseCommunicators().release())
+            ranks->abort(_exitStatus);
+        return;
+    }
+    std::exit(int(_exitStatus));
+}
+
+void Machine::abortFromAnywhere() {
+    getSingleton().abort(ExitStatus(ExitStatus::SERVER_ERROR));
+}
+
+void Machine::endFailedStart(const ExitStatus& status) {
+    if (!isParallel())
+        return;
+    // As a rule the other ranks fail alike, and each has its line to write.
+    constexpr double GRACE = 0.3; // [s]
+    Platform::time().sleep(GRACE);
+    getSingleton().abort(status);
+}
+
+void Machine::leave(const ExitStatus& status) {
+    std::cout.flush();
+    if (isParallel())
+        // After a mere exit the other ranks would wait for this one until the launcher notices, and some
+        // launchers then forget the value.
+        if (Communicator* const ranks = releaseCommunicators().release())
+            ranks->abort(status);
+    std::exit(int(status));
+}

@@ -1,0 +1,60 @@
+#include "machine/StopSignals.h"
+
+#include "machine/Machine.h"
+
+#include "kernel/Server.h"
+#include "kernel/SignalHandler.h"
+#include "platform/Signals.h"
+#include "platform/Time.h"
+
+#include <cstdlib>
+#include <iostream>
+#include <mutex>
+#include <optional>
+
+namespace {
+
+/// Guards what follows against the thread that hears the signals.
+std::mutex requestMutex;
+bool isServing = false;
+std::optional<double> requestTime; // [s]
+
+[[noreturn]] void endAtOnce(int signal) {
+    std::cerr << '\n'
+              << Platform::Signals::getName(signal) << " again: the process ends at once" << std::endl;
+    if (Machine::isSerial() || Machine::isMaster())
+        Machine::abortFromAnywhere();
+    constexpr int EXIT_VALUE_OF_SIGNAL = 128;
+    std::_Exit(EXIT_VALUE_OF_SIGNAL + signal);
+}
+
+} // namespace
+
+void StopSignals::install() {
+    SignalHandler::setStopCallback(&StopSignals::request);
+}
+
+void StopSignals::uninstall() {
+    SignalHandler::setStopCallback({});
+}
+
+void StopSignals::setServing(bool serving) {
+    const std::lock_guard lock(requestMutex);
+    isServing = serving;
+    if (isServing && requestTime)
+        Server::getSingleton().stop();
+}
+
+void StopSignals::request(int signal) {
+    const std::lock_guard lock(requestMutex);
+    const double now = Platform::time().getTime();
+    if (requestTime && now - *requestTime > PATIENCE)
+        endAtOnce(signal);
+    if (requestTime)
+        return;
+    requestTime = now;
+    if (Machine::isSerial() || Machine::isMaster())
+        std::cerr << '\n' << Platform::Signals::getName(signal) << ": the server stops in order" << std::endl;
+    if (isServing)
+        Server::getSingleton().stop();
+}

@@ -1,0 +1,23 @@
+#pragma once
+
+/// What this process does when a signal asks it to end (SIGTERM, SIGINT, SIGHUP).
+///
+/// Launchers pass such a signal on to all ranks of a job. The serial or master process stops its server in
+/// order, which releases the workers; a worker leaves that to the master. Who asks again after PATIENCE gets
+/// the process ended at once, and with it the job.
+class StopSignals {
+public:
+    static constexpr double PATIENCE =
+        2.0; ///< [s] one Ctrl-C often arrives twice: from the terminal and the launcher
+
+    /// Main thread, once the role is fixed.
+    static void install();
+    /// The system's default course again. Main thread.
+    static void uninstall();
+
+    /// While true, a request stops the server; one that came earlier does so now. Main thread.
+    static void setServing(bool serving);
+
+private:
+    static void request(int signal);
+};
