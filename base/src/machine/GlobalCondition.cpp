@@ -1,0 +1,56 @@
+#include "machine/GlobalCondition.h"
+
+#include "machine/Communicator.h"
+#include "machine/Machine.h"
+#include "machine/MachineLocks.h"
+
+#include "kernel/OrvexVersion.h"
+#include "kernel/Raise.h"
+
+namespace {
+
+/// Collective: the number of ranks on which the condition holds.
+unsigned countTrue(bool condition) {
+    unsigned trueCount = condition ? 1u : 0u;
+    Machine::globalCommunicator().allReduce(trueCount, Communicator::SUM);
+    return trueCount;
+}
+
+bool checkInvariant(bool condition) {
+    if (!Machine::getSingleton().hasDevErrorChecking() ||
+        Machine::nProcesses() > GlobalCondition::MAX_CHECKED_PROCESSES)
+        return condition;
+    const Machine::ParallelPerformanceCritical::Exemption exemption;
+    const unsigned trueCount = countTrue(condition);
+    ORVEX_ASSERT(trueCount == 0 || trueCount == Machine::nProcesses(),
+                 "Invalid use of ON_ALL_INVARIANT; conditions differ");
+    return condition;
+}
+
+} // namespace
+
+GlobalCondition::GlobalCondition(bool condition, ModeEnum mode)
+    : _result(computeCollectiveCondition(condition, mode)) {}
+
+GlobalCondition::~GlobalCondition() = default;
+
+bool GlobalCondition::computeCollectiveCondition(bool condition, ModeEnum mode) {
+    if (Machine::isParallel() || OrvexVersion::isDevelopmentVersion())
+        ORVEX_ASSERT_AS(Machine::_serialCriticalLock == 0, "! _serialCriticalLock",
+                        "Coding error: GlobalCondition attempted in a serial-critical code section");
+    if (Machine::isSerial())
+        return condition;
+
+    switch (mode) {
+    case ON_ALL:
+        return countTrue(condition) == Machine::nProcesses();
+    case ON_ANY:
+        return countTrue(condition) > 0;
+    case ON_MASTER:
+        Machine::globalCommunicator().broadcast(condition, Communicator::masterRank());
+        return condition;
+    case ON_ALL_INVARIANT:
+        return checkInvariant(condition);
+    }
+    return condition;
+}

@@ -1,0 +1,22 @@
+#include "machine/GlobalReport.h"
+
+#include "machine/Communicator.h"
+#include "machine/Machine.h"
+
+#include "kernel/ObservableFromClient.h"
+
+#include <sstream>
+
+void GlobalReport::limit(const std::string& quantity, const std::string& region, int cells,
+                         const double* value) {
+    if (Machine::isParallel())
+        Machine::globalCommunicator().allReduce(cells, Communicator::SUM);
+    if (cells <= 0)
+        return;
+    std::ostringstream text;
+    text << quantity << " limited";
+    if (value != nullptr)
+        text << " to " << *value;
+    text << " in " << cells << " cells in region " << region << '\n';
+    ObservableFromClient::notifyImmediate("ConsoleMessage", text.str());
+}

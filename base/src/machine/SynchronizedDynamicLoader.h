@@ -1,0 +1,32 @@
+#pragma once
+
+#include "machine/MachineExport.h"
+
+#include <string>
+
+/// Loads a module on all ranks of the job, or fails on all of them.
+class ORVEX_MACHINE_EXPORT SynchronizedDynamicLoader {
+public:
+    /// Made on first use. Main thread.
+    static SynchronizedDynamicLoader& getSingleton();
+    static void reset();
+    SynchronizedDynamicLoader(const SynchronizedDynamicLoader&) = delete;
+    SynchronizedDynamicLoader& operator=(const SynchronizedDynamicLoader&) = delete;
+
+    /// Whether this process has loaded `module`. Local.
+    bool isLoaded(const std::string& module);
+
+    /// Loads `module`, whose name becomes part of the state of a simulation.
+    /// Collective over the global communicator. Main thread.
+    /// @throw SystemError on all ranks when one of them can't load it; where it succeeded the module stays
+    /// loaded
+    void load(const std::string& module);
+    /// The same for a module that leaves no trace in a simulation's state.
+    void nonStateLoad(const std::string& module);
+
+private:
+    SynchronizedDynamicLoader();
+    ~SynchronizedDynamicLoader();
+
+    static SynchronizedDynamicLoader* _singleton;
+};
