@@ -1,0 +1,168 @@
+#include "modules/OrvexParallelSandbox/SolveHeatConduction.h"
+
+#include "modules/OrvexParallelSandbox/HeatConduction.h"
+
+#include "kernel/Properties.h"
+#include "kernel/Raise.h"
+#include "kernel/Task.h"
+#include "machine/Machine.h"
+
+#include <algorithm>
+#include <cmath>
+#include <iostream>
+#include <sstream>
+
+namespace {
+
+/// Each rank holds five values for a point. [points]
+constexpr unsigned long long MAX_POINTS = 1ULL << 28;
+constexpr unsigned MAX_POINTS_ALONG_AXIS = 1u << 20;
+
+/// The arguments, checked.
+struct Input {
+    unsigned nx = 200;
+    unsigned ny = 200;
+    double source = 1.0;
+    double conductivity = 1.0;
+    double wallTemperature = 0.0;
+    double tolerance = 1e-10;
+    unsigned maxIterations = 0; ///< 0: ten times the points along both axes
+    unsigned reportInterval = 50;
+
+    explicit Input(const Properties& args) {
+        read(args, "nx", nx);
+        read(args, "ny", ny);
+        read(args, "source", source);
+        read(args, "conductivity", conductivity);
+        read(args, "wallTemperature", wallTemperature);
+        read(args, "tolerance", tolerance);
+        read(args, "maxIterations", maxIterations);
+        read(args, "reportInterval", reportInterval);
+        check();
+        if (maxIterations == 0)
+            maxIterations = 10 * (nx + ny);
+    }
+
+private:
+    template <class V>
+    static void read(const Properties& args, const char* key, V& value) {
+        if (args.hasName(key))
+            args.get(key, value);
+    }
+
+    template <class V>
+    static void demand(bool condition, const char* key, V value, const std::string& expected) {
+        if (condition)
+            return;
+        std::ostringstream message;
+        message << '"' << key << "\" must be " << expected << ", but it is " << value;
+        raise(InputError(message.str()));
+    }
+
+    void check() const {
+        const std::string range = "from 1 to " + std::to_string(MAX_POINTS_ALONG_AXIS);
+        demand(nx >= 1 && nx <= MAX_POINTS_ALONG_AXIS, "nx", nx, range);
+        demand(ny >= 1 && ny <= MAX_POINTS_ALONG_AXIS, "ny", ny, range);
+        const unsigned long long points = static_cast<unsigned long long>(nx) * ny;
+        demand(points <= MAX_POINTS, "nx * ny", points, "at most " + std::to_string(MAX_POINTS));
+        demand(std::isfinite(source), "source", source, "finite");
+        demand(std::isfinite(conductivity) && conductivity > 0.0, "conductivity", conductivity,
+               "finite and above 0");
+        demand(std::isfinite(wallTemperature), "wallTemperature", wallTemperature, "finite");
+        demand(tolerance > 0.0 && tolerance < 1.0, "tolerance", tolerance, "between 0 and 1");
+    }
+};
+
+/// Tells the user on the master, and those who watch the task, how far the work is.
+class Progress {
+public:
+    Progress(const Input& input) : _input(input), _task("SolveHeatConduction") {}
+
+    /// Whether to go on. Never throws for a cancelled task: the ranks must agree on it first.
+    bool tell(unsigned iteration, double residual) {
+        if (_input.reportInterval != 0 && iteration % _input.reportInterval == 0)
+            print(iteration, residual);
+        try {
+            _task.setProgress(std::log(residual) / std::log(_input.tolerance));
+        } catch (const RecoverableError&) {
+            return false;
+        }
+        return !_task.isCancelled();
+    }
+
+private:
+    static void print(unsigned iteration, double residual) {
+        if (Machine::isSerial() || Machine::isMaster())
+            std::cout << "SolveHeatConduction: iteration " << iteration << ", residual " << residual
+                      << std::endl;
+    }
+
+    const Input& _input;
+    Task _task;
+};
+
+void answer(const Input& input, const GridBlock& block, const HeatConduction::Result& result,
+            Properties& response) {
+    const double scale = input.source / input.conductivity;
+    const auto temperature = [&](double u) { return input.wallTemperature + scale * u; };
+    response.set("ranks", Machine::nProcesses());
+    response.set("processGrid", std::vector<unsigned>{block.ranksX(), block.ranksY()});
+    response.set("converged", result.converged);
+    response.set("iterations", result.iterations);
+    response.set("residual", result.residual);
+    response.set("centreTemperature", temperature(result.centre));
+    response.set("exactCentreTemperature", temperature(HeatConduction::exactCentre()));
+    response.set("error", std::abs(result.centre / HeatConduction::exactCentre() - 1.0));
+    response.set("meanTemperature", temperature(result.mean));
+    response.set("extremeTemperature", temperature(result.maximum));
+    response.set("heatImbalance", result.heatImbalance);
+    response.set("wallTime", result.wallTime);
+    response.set("communicationTime", result.communicationTime);
+    response.set("timePerIteration", result.wallTime / std::max(result.iterations, 1u));
+}
+
+} // namespace
+
+SolveHeatConduction::SolveHeatConduction()
+    : QueryCommand(
+          {"Solves the steady heat conduction in a square plate of side 1, heated evenly inside and cooled "
+           "at its edges, "
+           "with the grid cut among all ranks.",
+           {{"nx", "unsigned", "points inside along x; 200 by default", false},
+            {"ny", "unsigned", "points inside along y; 200 by default", false},
+            {"source", "real", "heat that comes in, per area and time; 1 by default", false},
+            {"conductivity", "real", "heat conductivity, above 0; 1 by default", false},
+            {"wallTemperature", "real", "temperature of the edges; 0 by default", false},
+            {"tolerance", "real", "relative residual to reach, between 0 and 1; 1e-10 by default", false},
+            {"maxIterations", "unsigned", "when to give up; 0, the default: 10 (nx + ny)", false},
+            {"reportInterval", "unsigned", "iterations between two lines of progress, 0: none; 50 by default",
+             false}},
+           {{"ranks", "unsigned", "ranks at work"},
+            {"processGrid", "vector of unsigned", "columns and rows of ranks"},
+            {"converged", "bool", "whether the tolerance was reached"},
+            {"iterations", "unsigned", "iterations done"},
+            {"residual", "real", "relative residual, computed anew from the solution"},
+            {"centreTemperature", "real", "in the middle of the plate"},
+            {"exactCentreTemperature", "real", "the same from the exact solution"},
+            {"error", "real", "relative error of the temperature rise in the middle of the plate"},
+            {"meanTemperature", "real", "over the plate"},
+            {"extremeTemperature", "real", "farthest from that of the edges"},
+            {"heatImbalance", "real", "difference of heat out and heat in, relative to heat in"},
+            {"wallTime", "real", "[s] of the iterations, on the slowest rank"},
+            {"communicationTime", "real", "[s] of it in messages, on the rank with the most"},
+            {"timePerIteration", "real", "[s]"}}}) {}
+
+void SolveHeatConduction::execute(const Properties& args, Properties& response) {
+    const Input input(args);
+    HeatConduction plate(input.nx, input.ny,
+                         Machine::isParallel() ? &Machine::globalCommunicator() : nullptr);
+    Progress progress(input);
+    const HeatConduction::Result result =
+        plate.solve(input.tolerance, input.maxIterations,
+                    [&](unsigned iteration, double residual) { return progress.tell(iteration, residual); });
+    if (result.cancelled)
+        raise(RecoverableError("The heat conduction was cancelled after " +
+                                   std::to_string(result.iterations) + " iterations",
+                               Error::RECOVERABLE_SEVERITY, Properties(), Error::DEFAULT_ERROR_TYPE, true));
+    answer(input, plate.getBlock(), result, response);
+}
