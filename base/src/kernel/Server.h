@@ -38,8 +38,8 @@ public:
     void setClientAddress(const std::string& address);
     /// Number of ports to try from the port given to start(), -1: that port, then any free one.
     void setPortRange(int range);
-    /// Called once by start(), on the calling thread, when the last client was answered and no command will come
-    /// any more: the place to release the other ranks. startInThread() doesn't call it; there
+    /// Called once by start(), on the calling thread, when the last client was answered and no command will
+    /// come any more: the place to release the other ranks. startInThread() doesn't call it; there
     /// Controller::processCommands() returns.
     void setServiceEndedCallback(std::function<void()> callback);
     void setLimits(const ServerLimits& limits);
@@ -51,13 +51,14 @@ public:
     /// @throw NonRecoverableError when no port can be had
     void startInThread(const std::wstring& name, unsigned port);
     /// Asks the server to stop in order: the command at work finishes and is answered, queued requests are
-    /// refused, Controller::stopProcessing() is called, the clients are told. Returns at once. Any thread, also a
-    /// signal watcher's (not a signal handler); again has no further effect.
+    /// refused, Controller::stopProcessing() is called, the clients are told. Returns at once. Any thread,
+    /// also a signal watcher's (not a signal handler); again has no further effect.
     void stop();
     /// Stops and returns when nothing of the service is left: thread, sockets, session record, console tap.
     /// The thread that runs the commands, after Controller::processCommands() returned.
     void join();
-    /// True from the moment that clients can connect (that stop() can end it, without connections) to the end.
+    /// True from the moment that clients can connect (that stop() can end it, without connections) to the
+    /// end.
     bool isRunning() const;
     /// The port it listens on, 0 when it doesn't.
     unsigned getPort() const;
@@ -69,8 +70,8 @@ public:
     void flushNotifies();
     /// Tells the clients that the job ends, and why. Any thread; takes a fraction of a second at most.
     void notifyAbort(Properties& reason);
-    /// Sends `params` to the clients as the notification `method`. A client that reads slowly may miss it. Any
-    /// thread.
+    /// Sends `params` to the clients as the notification `method`. A client that reads slowly may miss it.
+    /// Any thread.
     void notify(const std::string& method, const Properties& params);
 
 private:

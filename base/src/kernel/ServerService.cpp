@@ -1,0 +1,536 @@
+#include "kernel/ServerService.h"
+
+#include "kernel/Command.h"
+#include "kernel/Controller.h"
+#include "kernel/OrvexVersion.h"
+#include "kernel/Properties.h"
+#include "kernel/Raise.h"
+#include "kernel/RpcListener.h"
+#include "kernel/RpcMessage.h"
+#include "kernel/RpcSocket.h"
+#include "kernel/SessionHandshake.h"
+#include "kernel/SessionLocator.h"
+#include "kernel/Task.h"
+
+#include "platform/Io.h"
+#include "platform/Log.h"
+#include "platform/Process.h"
+#include "platform/StringHelper.h"
+
+#include <asio/executor_work_guard.hpp>
+#include <asio/io_context.hpp>
+#include <asio/post.hpp>
+#include <asio/steady_timer.hpp>
+
+#include <algorithm>
+#include <iostream>
+
+namespace {
+
+constexpr std::chrono::milliseconds SUPERVISION_PERIOD{50};
+constexpr std::size_t NOTICE_SIZE = std::size_t(32) << 10; ///< console text in one notification [bytes]
+constexpr std::string_view OWN_METHODS = "server.";
+
+double secondsSinceEpoch(std::chrono::system_clock::time_point time) {
+    return std::chrono::duration<double>(time.time_since_epoch()).count();
+}
+
+double secondsSince(std::chrono::system_clock::time_point time) {
+    return std::chrono::duration<double>(std::chrono::system_clock::now() - time).count();
+}
+
+Properties describeKey(const CommandKey& key) {
+    Properties properties;
+    properties.set("name", key.name);
+    properties.set("type", key.type);
+    properties.set("meaning", key.meaning);
+    properties.set("required", key.required);
+    return properties;
+}
+
+Properties describeCommand(const Command& command) {
+    const CommandHelp& help = command.getHelp();
+    std::vector<Properties> arguments;
+    std::vector<Properties> results;
+    std::transform(help.arguments.begin(), help.arguments.end(), std::back_inserter(arguments), describeKey);
+    std::transform(help.results.begin(), help.results.end(), std::back_inserter(results), describeKey);
+    Properties properties;
+    properties.set("name", command.getName());
+    properties.set("summary", help.summary);
+    properties.set("changesState", command.isStateChanger());
+    properties.set("arguments", arguments);
+    properties.set("results", results);
+    return properties;
+}
+
+/// How much of `text` goes into the next notification: whole lines if possible, whole characters always.
+std::size_t noticeLength(std::string_view text) {
+    if (text.size() <= NOTICE_SIZE)
+        return text.size();
+    const std::size_t lineEnd = text.rfind('\n', NOTICE_SIZE - 1);
+    if (lineEnd != std::string_view::npos)
+        return lineEnd + 1;
+    std::size_t length = NOTICE_SIZE;
+    while (length > NOTICE_SIZE - 4 && (static_cast<unsigned char>(text[length]) & 0xC0u) == 0x80u)
+        --length;
+    return length;
+}
+
+/// The answer to a command: its response, or its error with all else that stands in the response.
+std::string answerOf(const std::string& id, const Properties& response) {
+    if (!Error::isErrorIn(response))
+        return RpcMessage::answer(id, response.toString());
+    Properties data = response;
+    data.remove(Error::MESSAGE_TAG);
+    return RpcMessage::failure(id, {RpcFault::COMMAND_FAILED, Error::getMessage(response)}, data.toString());
+}
+
+} // namespace
+
+struct ServerService::Loop {
+    explicit Loop(asio::io_context& context) : guard(context.get_executor()), timer(context) {}
+
+    asio::executor_work_guard<asio::io_context::executor_type> guard;
+    asio::steady_timer timer;
+};
+
+ServerService::ServerService(Settings settings)
+    : _settings(std::move(settings)), _context(std::make_shared<asio::io_context>(1)),
+      _loop(std::make_unique<Loop>(*_context)) {}
+
+ServerService::~ServerService() = default;
+
+// --- Beginning and end
+
+void ServerService::open() {
+    if (_settings.mode != Server::NO_CONNECTION) {
+        _listener = std::make_unique<RpcListener>(_context);
+        _listener->open(_settings.clientAddress, _settings.port, _settings.portRange);
+        _port = _listener->getPort();
+        _listener->start(
+            [this](std::unique_ptr<RpcSocket> socket) { accept(std::move(socket)); },
+            [this](std::unique_ptr<RpcSocket> socket, const std::string& address) {
+                const RpcFault fault{RpcFault::NOT_AUTHENTICATED,
+                                     "This server takes no connections from " + address};
+                const std::string line = RpcMessage::failure({}, fault);
+                asio::error_code ignored; // a courtesy: the connection ends either way
+                socket->socket.write_some(asio::buffer(line), ignored);
+                _log.warn("ServerService::accept", "Connection refused",
+                          address + " isn't the client " + _settings.clientAddress);
+            },
+            [this](const std::string& text) { _log.warn("ServerService::accept", "Connection lost", text); });
+    }
+    publishRecord();
+    if (_settings.outputToClients && _settings.mode != Server::NO_CONNECTION)
+        _tee = std::make_unique<ConsoleTee>(std::cout, _settings.limits.consoleBacklog,
+                                            [this] { onConsoleText(); });
+    _running = true;
+    if (_stopRequested)
+        asio::post(*_context, [this] { beginStop(); });
+}
+
+void ServerService::publishRecord() {
+    SessionRecord record;
+    record.name = _settings.name;
+    record.address = _settings.clientAddress.empty() ? "127.0.0.1" : Platform::io().getHostName();
+    record.port = _port;
+    record.product = OrvexVersion::getVersionedProductName();
+    record.listed = _settings.listed;
+    record.key = _key.toHex();
+    SessionLocator::getSingleton().publish(record);
+}
+
+void ServerService::releaseConsole() {
+    const std::lock_guard lock(_consoleMutex);
+    _tee.reset();
+}
+
+void ServerService::run() {
+    try {
+        _context->run();
+    } catch (const std::exception& error) {
+        OS::Log::instance("Default").error("ServerService::run", "The server's thread failed: @0@",
+                                           error.what());
+        abort(std::string("The server's thread failed: ") + error.what());
+    }
+    _running = false;
+}
+
+bool ServerService::runSome() {
+    if (_context->run_one() > 0)
+        return true;
+    _running = false;
+    return false;
+}
+
+void ServerService::stop() {
+    if (_stopRequested.exchange(true))
+        return;
+    Controller::getSingleton().stopProcessing();
+    if (_running)
+        asio::post(*_context, [this] { beginStop(); });
+}
+
+void ServerService::expectNoAnswers() {
+    asio::post(*_context, [this] { endConnections(); });
+}
+
+void ServerService::beginStop() {
+    if (_stopping)
+        return;
+    _stopping = true;
+    if (_listener)
+        _listener->close();
+    _port = 0;
+    notify("server.stopping", Properties());
+    endWhenAnswered();
+}
+
+void ServerService::endWhenAnswered() {
+    if (_stopping && _unanswered == 0)
+        endConnections();
+}
+
+void ServerService::endConnections() {
+    if (_ending)
+        return;
+    _ending = true;
+    if (_listener)
+        _listener->close();
+    _port = 0;
+    drainConsole();
+    for (const ServerClients::Connection& connection : _clients.getAll()) {
+        if (connection->getPeer().authenticated)
+            connection->endWith({}, "the server has stopped");
+        else
+            connection->close("the server has stopped");
+    }
+    SessionLocator::getSingleton().withdraw();
+    _loop->guard.reset(); // the loop ends with the last connection
+}
+
+void ServerService::abort(const std::string& reason) {
+    Properties params;
+    params.set(Error::MESSAGE_TAG, reason);
+    notifyAbort(params);
+    SessionLocator::cleanup();
+    const std::function<void()>& callback =
+        _settings.abortCallback ? _settings.abortCallback : SessionLocator::getSingleton().getAbortCallback();
+    if (callback)
+        callback();
+}
+
+// --- Connections
+
+void ServerService::accept(std::unique_ptr<RpcSocket> socket) {
+    auto connection = std::make_shared<RpcConnection>(std::move(socket), _settings.limits, *this);
+    if (_clients.getNumberStrangers() >= _settings.limits.strangers) {
+        const ServerClients::Connection oldest = _clients.getOldestStranger();
+        oldest->close("too many connections without a proof of the session key; this was the oldest");
+    }
+    SessionHandshake::Greeting greeting;
+    greeting.protocol = SessionRecord::PROTOCOL_VERSION;
+    greeting.product = OrvexVersion::getVersionedProductName();
+    greeting.nonce = connection->getPeer().nonce = SessionKey::makeNonce();
+    _clients.add(connection);
+    connection->send(greeting.toLine());
+    connection->start();
+    onSupervisionNeeded();
+}
+
+void ServerService::onClosed(RpcConnection& connection, const std::string& reason) {
+    if (!connection.getPeer().authenticated && !_ending)
+        warn(connection, "Connection without proof of the session key closed", reason);
+    else
+        OS::Log::instance("Default").info("ServerService::onClosed", "@0@, @1@: @2@",
+                                          connection.getPeer().client, connection.getAddress(), reason);
+    _clients.remove(connection);
+    if (_tee)
+        _tee->setWanted(_clients.hasReaders());
+}
+
+void ServerService::onTooLong(RpcConnection& connection) {
+    const std::size_t limit =
+        connection.getPeer().authenticated ? _settings.limits.frameSize : _settings.limits.handshakeFrameSize;
+    const RpcFault fault{
+        RpcFault::INVALID_REQUEST,
+        "The line is longer than " + std::to_string(limit) + " bytes" +
+            (connection.getPeer().authenticated ? "" : ", the limit before the session key is proved")};
+    warn(connection, "Request refused", fault.message);
+    connection.endWith(RpcMessage::failure({}, fault), fault.message);
+}
+
+void ServerService::onSupervisionNeeded() {
+    if (_supervising)
+        return;
+    _supervising = true;
+    _loop->timer.expires_after(SUPERVISION_PERIOD);
+    _loop->timer.async_wait([this](const asio::error_code&) { supervise(); });
+}
+
+void ServerService::supervise() {
+    _supervising = false;
+    const RpcConnection::Clock::time_point now = RpcConnection::Clock::now();
+    bool more = false;
+    for (const ServerClients::Connection& connection : _clients.getAll()) {
+        const RpcConnection::Peer& peer = connection->getPeer();
+        const bool stranger = !peer.authenticated && connection->isOpen();
+        if (stranger && now - peer.connected > _settings.limits.handshakeTime) {
+            const RpcFault fault{RpcFault::NOT_AUTHENTICATED,
+                                 "The session key wasn't proved within " +
+                                     std::to_string(_settings.limits.handshakeTime.count()) + " ms"};
+            connection->endWith(RpcMessage::failure({}, fault), fault.message);
+        }
+        more = connection->supervise(now) || stranger || more;
+    }
+    if (more)
+        onSupervisionNeeded();
+}
+
+void ServerService::warn(const RpcConnection& connection, const std::string& kind, const std::string& text) {
+    const std::string& client = connection.getPeer().client;
+    _log.warn("ServerService::serve", kind,
+              connection.getAddress() + (client.empty() ? "" : " (" + client + ")") + ": " + text);
+}
+
+void ServerService::refuse(RpcConnection& connection, const std::string& id, const RpcFault& fault,
+                           std::string_view data) {
+    warn(connection, "Request refused", fault.message);
+    const std::string line = RpcMessage::failure(id, fault, data);
+    if (connection.getPeer().authenticated)
+        connection.send(line);
+    else
+        connection.endWith(line, fault.message);
+}
+
+// --- Requests
+
+void ServerService::onLine(RpcConnection& connection, std::string_view line) {
+    if (line.find_first_not_of(" \t\r") == std::string_view::npos)
+        return;
+    RpcMessage message;
+    try {
+        if (const std::optional<RpcFault> fault = message.parse(line))
+            refuse(connection, message.id, *fault);
+        else if (!message.isRequest())
+            refuse(connection, message.id,
+                   {RpcFault::INVALID_REQUEST, "The server asks nothing, so it expects no answer"});
+        else if (!connection.getPeer().authenticated)
+            greet(connection, message);
+        else
+            serve(connection, message);
+    } catch (const std::exception& error) { // out of memory for one client must not end the others
+        refuse(connection, message.id, {RpcFault::INTERNAL_ERROR, error.what()});
+    }
+}
+
+void ServerService::greet(RpcConnection& connection, const RpcMessage& message) {
+    SessionHandshake::Admission admission;
+    if (const auto fault = SessionHandshake::admit(message, _key, connection.getPeer().nonce, admission)) {
+        refuse(connection, message.id, *fault);
+        return;
+    }
+    const bool control = admission.access == SessionHandshake::Access::CONTROL;
+    const ServerClients::Connection other = _clients.getCommandClient();
+    if (_settings.mode == Server::SINGLE_CONNECTION && !control && other)
+        refuse(connection, message.id,
+               {RpcFault::BUSY,
+                other->getPeer().client + " is connected, and this session serves one client at a time"},
+               getStatus().toString());
+    else if (_clients.getNumberClients() >= _settings.limits.clients)
+        refuse(connection, message.id,
+               {RpcFault::BUSY, "This session serves " + std::to_string(_settings.limits.clients) +
+                                    " clients already, its limit"},
+               getStatus().toString());
+    else {
+        _clients.admit(connection, control, admission.client);
+        if (_tee)
+            _tee->setWanted(_clients.hasReaders());
+        Properties result;
+        result.set("proof", admission.proof);
+        result.set("session", _settings.name);
+        result.set("mode", static_cast<int>(_settings.mode));
+        connection.send(RpcMessage::answer(message.id, result.toString()));
+    }
+}
+
+void ServerService::serve(RpcConnection& connection, const RpcMessage& message) {
+    if (!message.method.starts_with(OWN_METHODS)) {
+        runCommand(connection, message);
+        return;
+    }
+    try {
+        const Properties params(message.params.empty() ? std::string_view("{}") : message.params);
+        const std::string result = callMethod(message.method, params, connection);
+        if (result.empty())
+            refuse(connection, message.id,
+                   {RpcFault::METHOD_NOT_FOUND, "The server has no method \"" + message.method + "\""});
+        else if (!message.id.empty())
+            connection.send(RpcMessage::answer(message.id, result));
+    } catch (const RecoverableError& error) {
+        refuse(connection, message.id, {RpcFault::INVALID_PARAMS, error.what()});
+    }
+}
+
+void ServerService::runCommand(RpcConnection& connection, const RpcMessage& message) {
+    RpcFault fault{RpcFault::INVALID_PARAMS, {}};
+    Properties command;
+    try {
+        if (!message.params.empty())
+            command = Properties(message.params);
+        if (command.hasName(Command::COMMAND_TAG))
+            fault.message = std::string("The argument \"") + Command::COMMAND_TAG +
+                            "\" is taken: it holds the method's name";
+        command.set(Command::COMMAND_TAG, message.method);
+    } catch (const RecoverableError& error) {
+        fault.message = error.what();
+    }
+    if (connection.getPeer().control)
+        fault = {RpcFault::INVALID_REQUEST, "This connection is for control: it runs no commands"};
+    else if (_stopping)
+        fault = {RpcFault::STOPPING, "The server is stopping"};
+    if (!fault.message.empty()) {
+        refuse(connection, message.id, fault);
+        return;
+    }
+    connection.beginRequest();
+    ++_unanswered;
+    Controller::getSingleton().enqueue(
+        {std::move(command), connection.getPeer().client,
+         [self = shared_from_this(), to = connection.shared_from_this(),
+          id = message.id](const Properties& response) { self->onCommandDone(*to, id, response); }});
+}
+
+void ServerService::onCommandDone(RpcConnection& connection, const std::string& id,
+                                  const Properties& response) {
+    drainConsole(); // what the command printed comes before its answer
+    connection.finishRequest(id.empty() ? std::string() : answerOf(id, response));
+    if (--_unanswered == 0 && _stopRequested)
+        asio::post(*_context, [this] { endWhenAnswered(); });
+}
+
+std::string ServerService::callMethod(const std::string& method, const Properties& params,
+                                      const RpcConnection& connection) {
+    const std::string& client = connection.getPeer().client;
+    if (method == "server.ping")
+        return Properties().toString();
+    if (method == "server.status")
+        return getStatus().toString();
+    if (method == "server.listCommands")
+        return listCommands(params).toString();
+    if (method == "server.cancel") {
+        Properties result;
+        result.set("cancelled", Task::cancelCurrent());
+        return result.toString();
+    }
+    if (method == "server.stop") {
+        OS::Log::instance("Default").info("ServerService::callMethod", "@0@ asked the server to stop",
+                                          client);
+        Properties result = getStatus();
+        // Last, so that the answer goes out before the news of the stop.
+        asio::post(*_context, [this] { stop(); });
+        return result.toString();
+    }
+    if (method == "server.abort") {
+        const std::string reason =
+            params.hasName("reason") ? ": " + params.getString("reason") : std::string();
+        if (!_settings.abortCallback && !SessionLocator::getSingleton().getAbortCallback())
+            raise(RecoverableError("This server has no way to abort its job"));
+        asio::post(*_context, [this, text = client + " demanded the abort" + reason] { abort(text); });
+        return Properties().toString();
+    }
+    return {};
+}
+
+Properties ServerService::getStatus() const {
+    Properties status;
+    SessionLocator::getSingleton().getInfo(status);
+    status.set("name", _settings.name);
+    status.set("host", Platform::io().getHostName());
+    status.set("pid", Platform::process().getPid());
+    status.set("ranks", SessionLocator::getSingleton().getNumberProcesses());
+    status.set("product", OrvexVersion::getVersionedProductName());
+    status.set("uptime", secondsSince(_since));
+    status.set("mode", _settings.mode == Server::COLLABORATIVE ? "collaborative" : "single");
+    status.set("stopping", _stopRequested.load());
+    status.set("clients", _clients.describe());
+    const std::size_t unanswered = _unanswered;
+    const auto running = Controller::getSingleton().getRunningCommand();
+    status.set("queued", unanswered > 0 && running ? unanswered - 1 : unanswered);
+    if (running) {
+        Properties command;
+        command.set("command", running->name);
+        command.set("client", running->client);
+        command.set("since", secondsSinceEpoch(running->since));
+        command.set("seconds", secondsSince(running->since));
+        status.set("running", command);
+    }
+    return status;
+}
+
+Properties ServerService::listCommands(const Properties& params) const {
+    const Controller& controller = Controller::getSingleton();
+    std::vector<Properties> commands;
+    if (params.hasName("name")) {
+        const std::string name = params.getString("name");
+        const Command* command = controller.findCommand(name);
+        if (!command) {
+            const std::string nearest = controller.getNearestName(name);
+            raise(InputError("There is no command \"" + name + "\"" +
+                             (nearest.empty() ? "" : "; did you mean \"" + nearest + "\"?")));
+        }
+        commands.push_back(describeCommand(*command));
+    } else {
+        for (const Command* command : controller.getCommands())
+            commands.push_back(describeCommand(*command));
+    }
+    Properties result;
+    result.set("commands", commands);
+    return result;
+}
+
+// --- Notifications
+
+void ServerService::notify(const std::string& method, const Properties& params) {
+    drainConsole();
+    _clients.sendNotice(RpcMessage::notification(method, params.toString()), 1);
+}
+
+void ServerService::notifyAbort(const Properties& reason) {
+    drainConsole();
+    _clients.sendToAll(RpcMessage::notification("server.abort", reason.toString()));
+    _clients.flush(_settings.limits.flushTime);
+}
+
+void ServerService::flushNotifies() {
+    drainConsole();
+    _clients.flush(_settings.limits.flushTime);
+}
+
+void ServerService::onConsoleText() {
+    if (!_settings.threaded)
+        drainConsole();
+    else if (!_consolePosted.exchange(true))
+        asio::post(*_context, [this] { drainConsole(); });
+}
+
+void ServerService::drainConsole() {
+    const std::lock_guard lock(_consoleMutex);
+    if (!_tee)
+        return;
+    _consolePosted = false;
+    const ConsoleTee::Text console = _tee->take();
+    std::string_view rest = console.text;
+    while (!rest.empty()) {
+        const std::string_view part = rest.substr(0, noticeLength(rest));
+        rest.remove_prefix(part.size());
+        const auto lines = static_cast<std::size_t>(std::count(part.begin(), part.end(), '\n'));
+        _clients.sendNotice(
+            RpcMessage::notification("server.console", "{\"text\":" + RpcMessage::quote(part) + "}"),
+            std::max<std::size_t>(lines, 1));
+    }
+    if (console.lostLines > 0)
+        _clients.sendNotice(RpcMessage::notification("server.consoleLost",
+                                                     "{\"lines\":" + std::to_string(console.lostLines) + "}"),
+                            console.lostLines);
+}

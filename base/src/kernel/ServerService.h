@@ -1,0 +1,122 @@
+#pragma once
+
+#include "kernel/ConsoleTee.h"
+#include "kernel/RateLimitedLog.h"
+#include "kernel/RpcConnection.h"
+#include "kernel/Server.h"
+#include "kernel/ServerClients.h"
+#include "kernel/ServerLimits.h"
+#include "kernel/SessionKey.h"
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+
+class Properties;
+class RpcListener;
+struct RpcFault;
+struct RpcMessage;
+
+namespace asio {
+class io_context;
+}
+
+/// One run of a Server, from the first listening to the last connection's end.
+///
+/// One thread runs the loop, with run() or runSome(): the service thread. Requests go from there to the
+/// Controller, whose thread answers them straight to the client's socket.
+class ServerService : public RpcConnection::Owner, public std::enable_shared_from_this<ServerService> {
+public:
+    struct Settings {
+        Server::ConnectionMode mode = Server::SINGLE_CONNECTION;
+        bool outputToClients = true;
+        bool listed = true;
+        bool threaded = true;
+        std::string name;
+        std::string clientAddress;
+        unsigned port = 0;
+        int portRange = -1;
+        ServerLimits limits;
+        std::function<void()> abortCallback;
+    };
+
+    explicit ServerService(Settings settings);
+    ServerService(const ServerService&) = delete;
+    ServerService& operator=(const ServerService&) = delete;
+    ~ServerService() override;
+
+    /// Listens, writes the session record, takes over std::cout. The thread that runs the commands.
+    /// @throw NonRecoverableError when no port can be had
+    void open();
+    /// Gives std::cout back. The same thread.
+    void releaseConsole();
+
+    /// Serves until the end. Aborts the job when serving itself fails.
+    void run();
+    /// Waits for something to do and does it. @return false at the end
+    bool runSome();
+
+    // Any thread.
+    void stop();
+    /// No request that is still unanswered will be answered any more.
+    void expectNoAnswers();
+    bool isRunning() const { return _running; }
+    unsigned getPort() const { return _port; }
+    const std::string& getName() const { return _settings.name; }
+    void notify(const std::string& method, const Properties& params);
+    void notifyAbort(const Properties& reason);
+    void flushNotifies();
+
+private:
+    // Told by the connections.
+    void onLine(RpcConnection& connection, std::string_view line) override;
+    void onTooLong(RpcConnection& connection) override;
+    void onClosed(RpcConnection& connection, const std::string& reason) override;
+    void onSupervisionNeeded() override;
+
+    void accept(std::unique_ptr<struct RpcSocket> socket);
+    void supervise();
+    void serve(RpcConnection& connection, const RpcMessage& message);
+    void greet(RpcConnection& connection, const RpcMessage& message);
+    void admit(RpcConnection& connection, const RpcMessage& message, const std::string& proof);
+    void runCommand(RpcConnection& connection, const RpcMessage& message);
+    void onCommandDone(RpcConnection& connection, const std::string& id, const Properties& response);
+    /// The server's own methods, answered at once whatever command runs.
+    std::string callMethod(const std::string& method, const Properties& params,
+                           const RpcConnection& connection);
+    Properties getStatus() const;
+    Properties listCommands(const Properties& params) const;
+    void abort(const std::string& reason);
+    void refuse(RpcConnection& connection, const std::string& id, const RpcFault& fault,
+                std::string_view data = {});
+    void warn(const RpcConnection& connection, const std::string& kind, const std::string& text);
+
+    void publishRecord();
+    void onConsoleText();
+    void drainConsole();
+    void beginStop();
+    void endWhenAnswered();
+    void endConnections();
+
+    const Settings _settings;
+    const SessionKey _key = SessionKey::generate();
+    const std::chrono::system_clock::time_point _since = std::chrono::system_clock::now();
+    struct Loop;
+    std::shared_ptr<asio::io_context> _context;
+    std::unique_ptr<Loop> _loop; ///< what serves to wait: timer and work guard
+    std::unique_ptr<RpcListener> _listener;
+    ServerClients _clients;
+    RateLimitedLog _log;
+    std::unique_ptr<ConsoleTee> _tee;
+    std::mutex _consoleMutex; ///< console text goes out in the order in which it came
+    std::atomic<bool> _consolePosted{false};
+    std::atomic<bool> _running{false};
+    std::atomic<bool> _stopRequested{false};
+    std::atomic<std::size_t> _unanswered{0};
+    std::atomic<unsigned> _port{0};
+    bool _stopping = false;
+    bool _ending = false;
+    bool _supervising = false;
+};

@@ -1,0 +1,40 @@
+#pragma once
+
+#include "kernel/KernelExport.h"
+
+#include <optional>
+#include <string>
+
+class Properties;
+
+/// What a running server tells the clients of its own user: where it is, and the key that opens it.
+struct ORVEX_KERNEL_EXPORT SessionRecord {
+    static constexpr unsigned PROTOCOL_VERSION = 1;
+    static constexpr std::size_t MAX_TEXT_SIZE = 64 * 1024; ///< [bytes]
+
+    std::string name;    ///< the session's, as people call it
+    std::string host;    ///< where it runs
+    std::string address; ///< to connect to: a name or an address
+    unsigned port = 0;   ///< 0: it takes no connections
+    int pid = 0;
+    unsigned long long startStamp = 0; ///< of the process, tells it from a later one with the same pid
+    unsigned ranks = 1;
+    double startTime = 0.0; ///< [s] since 1970
+    std::string user;
+    std::string product; ///< name and version
+    unsigned protocol = PROTOCOL_VERSION;
+    bool listed = true; ///< whether clients find it by themselves
+    std::string key;    ///< 64 hexadecimal digits
+    std::wstring path;  ///< of the file it was read from or written to; not part of the text
+
+    /// The text of the record, of its file.
+    std::string toText() const;
+    /// None when `text` isn't a record.
+    static std::optional<SessionRecord> fromText(const std::string& text);
+    /// What anybody may know: everything but the key.
+    Properties describe() const;
+
+    /// Whether the process lives on this host; false when it died or runs elsewhere.
+    bool isAliveHere() const;
+    bool isOnThisHost() const;
+};
