@@ -83,13 +83,14 @@ extern "C" {
 #define OXM_MPI_ERR_LASTCODE 58
 
 /// Return codes of the wrapper itself.
-#define OXM_MPI_ERR_NO_DRIVER 0x40000001      /* no driver is initialised yet */
-#define OXM_MPI_ERR_BAD_DRIVER 0x40000002     /* the library is no driver, or one of another version */
-#define OXM_MPI_ERR_NOT_RUNNING 0x40000003    /* before OXM_MPI_Init or after OXM_MPI_Finalize */
-#define OXM_MPI_ERR_LAUNCHER 0x40000004       /* another MPI's launcher started this process */
-#define OXM_MPI_ERR_NO_FUNCTION 0x40000005    /* the driver's MPI doesn't have this function */
-#define OXM_MPI_ERR_NO_PARALLEL_IO 0x40000006 /* OXM_MPIO_Initialize wasn't called, or the MPI has no files  \
-                                               */
+#define OXM_MPI_ERR_NO_DRIVER 0x40000001   /* no driver is initialised yet */
+#define OXM_MPI_ERR_BAD_DRIVER 0x40000002  /* the library is no driver, or one of another version */
+#define OXM_MPI_ERR_NOT_RUNNING 0x40000003 /* before OXM_MPI_Init or after OXM_MPI_Finalize */
+#define OXM_MPI_ERR_LAUNCHER 0x40000004    /* another MPI's launcher started this process */
+#define OXM_MPI_ERR_NO_FUNCTION 0x40000005 /* the driver's MPI doesn't have this function */
+#define OXM_MPI_ERR_NO_PARALLEL_IO                                                                           \
+    0x40000006 /* OXM_MPIO_Initialize wasn't called, or the MPI has no files                                 \
+                */
 #define OXM_MPI_ERR_NO_REDUCTION_SLOT 0x40000007 /* too many user reductions are alive at a time */
 
 /// Handles that always stand for the same thing.
@@ -346,7 +347,7 @@ ORVEX_MPIWRAPPER_EXPORT int OXM_MPI_File_write_at_all(int file, OXM_MPI_Offset o
 
 /// Hints.
 
-ORVEX_MPIWRAPPER_EXPORT int OXM_MPI_Info_create(int* info);
+ORVEX_MPIWRAPPER_EXPORT int OXM_MPI_Info_create(int* newInfo);
 ORVEX_MPIWRAPPER_EXPORT int OXM_MPI_Info_free(int* info);
 ORVEX_MPIWRAPPER_EXPORT int OXM_MPI_Info_set(int info, const char* key, const char* value);
 /// `valueLength` doesn't count the terminator. `flag` tells whether the key is there; `value` is set then
@@ -356,9 +357,10 @@ ORVEX_MPIWRAPPER_EXPORT int OXM_MPI_Info_get(int info, const char* key, int valu
 
 /// Clock, texts, names.
 
-/// Seconds since some time in the past; 0 until a driver is initialised. Any thread.
+/// Seconds since some time in the past; goes on after OXM_MPI_Finalize, and is 0 before OXM_MPI_Init. Any
+/// thread.
 ORVEX_MPIWRAPPER_EXPORT double OXM_MPI_Wtime(void);
-/// Resolution of OXM_MPI_Wtime in seconds; 0 until a driver is initialised. Any thread.
+/// Resolution of OXM_MPI_Wtime in seconds; 0 before OXM_MPI_Init. Any thread.
 ORVEX_MPIWRAPPER_EXPORT double OXM_MPI_Wtick(void);
 /// The MPI's own text of a code, or the wrapper's where the code is the wrapper's. Works at any time, for any
 /// code.

@@ -1,0 +1,92 @@
+#include "mpiwrapper/drivers/Driver.h"
+
+namespace Driver {
+
+int Barrier(int comm) {
+    return translate(MPI_Barrier(handles.comms.get(comm)));
+}
+
+int Bcast(void* buffer, int count, int datatype, int root, int comm) {
+    return translate(
+        MPI_Bcast(buffer, count, handles.types.get(datatype), toNativeRank(root), handles.comms.get(comm)));
+}
+
+int Gather(const void* sendBuffer, int sendCount, int sendType, void* recvBuffer, int recvCount, int recvType,
+           int root, int comm) {
+    return translate(MPI_Gather(toNativeBuffer(sendBuffer), sendCount, handles.types.get(sendType),
+                                recvBuffer, recvCount, handles.types.get(recvType), toNativeRank(root),
+                                handles.comms.get(comm)));
+}
+
+int Gatherv(const void* sendBuffer, int sendCount, int sendType, void* recvBuffer, const int* recvCounts,
+            const int* displacements, int recvType, int root, int comm) {
+    return translate(MPI_Gatherv(toNativeBuffer(sendBuffer), sendCount, handles.types.get(sendType),
+                                 recvBuffer, recvCounts, displacements, handles.types.get(recvType),
+                                 toNativeRank(root), handles.comms.get(comm)));
+}
+
+int Allgather(const void* sendBuffer, int sendCount, int sendType, void* recvBuffer, int recvCount,
+              int recvType, int comm) {
+    return translate(MPI_Allgather(toNativeBuffer(sendBuffer), sendCount, handles.types.get(sendType),
+                                   recvBuffer, recvCount, handles.types.get(recvType),
+                                   handles.comms.get(comm)));
+}
+
+int Allgatherv(const void* sendBuffer, int sendCount, int sendType, void* recvBuffer, const int* recvCounts,
+               const int* displacements, int recvType, int comm) {
+    return translate(MPI_Allgatherv(toNativeBuffer(sendBuffer), sendCount, handles.types.get(sendType),
+                                    recvBuffer, recvCounts, displacements, handles.types.get(recvType),
+                                    handles.comms.get(comm)));
+}
+
+int Scatter(const void* sendBuffer, int sendCount, int sendType, void* recvBuffer, int recvCount,
+            int recvType, int root, int comm) {
+    return translate(MPI_Scatter(sendBuffer, sendCount, handles.types.get(sendType),
+                                 toNativeBuffer(recvBuffer), recvCount, handles.types.get(recvType),
+                                 toNativeRank(root), handles.comms.get(comm)));
+}
+
+int Scatterv(const void* sendBuffer, const int* sendCounts, const int* displacements, int sendType,
+             void* recvBuffer, int recvCount, int recvType, int root, int comm) {
+    return translate(MPI_Scatterv(sendBuffer, sendCounts, displacements, handles.types.get(sendType),
+                                  toNativeBuffer(recvBuffer), recvCount, handles.types.get(recvType),
+                                  toNativeRank(root), handles.comms.get(comm)));
+}
+
+int Alltoall(const void* sendBuffer, int sendCount, int sendType, void* recvBuffer, int recvCount,
+             int recvType, int comm) {
+    return translate(MPI_Alltoall(toNativeBuffer(sendBuffer), sendCount, handles.types.get(sendType),
+                                  recvBuffer, recvCount, handles.types.get(recvType),
+                                  handles.comms.get(comm)));
+}
+
+int Alltoallv(const void* sendBuffer, const int* sendCounts, const int* sendDisplacements, int sendType,
+              void* recvBuffer, const int* recvCounts, const int* recvDisplacements, int recvType, int comm) {
+    return translate(MPI_Alltoallv(toNativeBuffer(sendBuffer), sendCounts, sendDisplacements,
+                                   handles.types.get(sendType), recvBuffer, recvCounts, recvDisplacements,
+                                   handles.types.get(recvType), handles.comms.get(comm)));
+}
+
+int Reduce(const void* sendBuffer, void* recvBuffer, int count, int datatype, int op, int root, int comm) {
+    return translate(MPI_Reduce(toNativeBuffer(sendBuffer), recvBuffer, count, handles.types.get(datatype),
+                                handles.ops.get(op), toNativeRank(root), handles.comms.get(comm)));
+}
+
+int Allreduce(const void* sendBuffer, void* recvBuffer, int count, int datatype, int op, int comm) {
+    return translate(MPI_Allreduce(toNativeBuffer(sendBuffer), recvBuffer, count, handles.types.get(datatype),
+                                   handles.ops.get(op), handles.comms.get(comm)));
+}
+
+int Reduce_scatter(const void* sendBuffer, void* recvBuffer, const int* recvCounts, int datatype, int op,
+                   int comm) {
+    return translate(MPI_Reduce_scatter(toNativeBuffer(sendBuffer), recvBuffer, recvCounts,
+                                        handles.types.get(datatype), handles.ops.get(op),
+                                        handles.comms.get(comm)));
+}
+
+int Scan(const void* sendBuffer, void* recvBuffer, int count, int datatype, int op, int comm) {
+    return translate(MPI_Scan(toNativeBuffer(sendBuffer), recvBuffer, count, handles.types.get(datatype),
+                              handles.ops.get(op), handles.comms.get(comm)));
+}
+
+} // namespace Driver
