@@ -7,3 +7,6 @@ find_package(Threads REQUIRED)
 # The C++ bindings of their headers stay out of sight.
 pkg_check_modules(OMPI IMPORTED_TARGET ompi)
 pkg_check_modules(MPICH IMPORTED_TARGET mpich)
+
+# Behind OS::Log.
+find_package(spdlog REQUIRED)

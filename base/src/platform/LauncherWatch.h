@@ -27,7 +27,7 @@ public:
     using Callback = std::function<void(const std::string& reason)>;
 
     /// @param callback    tells whom it concerns; it may end the process itself
-    /// @param grace       [s] from the callback's return to the end
+    /// @param grace       [s] from the callback's call to the end
     /// @param exitStatus  of that end
     explicit LauncherWatch(Callback callback, double grace = 1.0, int exitStatus = 1);
     LauncherWatch(const LauncherWatch&) = delete;

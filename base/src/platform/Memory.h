@@ -30,7 +30,6 @@ public:
     bool querySizes(MemoryUse& use);
 
 private:
-    int _pid;
     int _status = -1;
     int _statm = -1;
 };

@@ -1,0 +1,5 @@
+#include "platform/Mutex.h"
+
+Mutex::Mutex() = default;
+
+Mutex::~Mutex() = default;

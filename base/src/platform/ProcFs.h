@@ -1,0 +1,26 @@
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <string>
+
+/// What the system's process pages tell. Private to the platform layer.
+namespace ProcFs {
+
+struct Stat {
+    std::string name; ///< at most 15 characters
+    char state = '?';
+    int parent = 0;
+    unsigned long long startStamp = 0;
+};
+
+/// Nothing when there is no such process.
+std::optional<Stat> readStat(int pid);
+/// A small file of the system, at most `maxBytes` of it; nothing when it can't be read.
+std::optional<std::string> readText(const std::string& path, std::size_t maxBytes = 1u << 20);
+/// The path behind a symbolic link; empty, with errno set, when it can't be read.
+std::string readLink(const std::string& path);
+/// The executable of a process, without what the system adds when it was replaced; empty with errno set.
+std::string readExecutable(const std::string& pid);
+
+} // namespace ProcFs

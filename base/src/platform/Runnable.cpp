@@ -1,0 +1,3 @@
+#include "platform/Runnable.h"
+
+Runnable::~Runnable() = default;

@@ -1,0 +1,251 @@
+#include "platform/Signals.h"
+
+#include "platform/Pipe.h"
+#include "platform/QuietThread.h"
+
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <fcntl.h>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <system_error>
+#include <thread>
+#include <unistd.h>
+#include <utility>
+
+namespace Platform {
+
+const int Signals::TERMINATE = SIGTERM;
+const int Signals::INTERRUPT = SIGINT;
+const int Signals::HANG_UP = SIGHUP;
+const int Signals::SEGMENTATION = SIGSEGV;
+const int Signals::BUS_ERROR = SIGBUS;
+const int Signals::FLOATING_POINT = SIGFPE;
+const int Signals::ILLEGAL = SIGILL;
+const int Signals::ABORT = SIGABRT;
+
+namespace {
+
+constexpr int NUMBER_SIGNALS = 65;
+static_assert(std::atomic<int>::is_always_lock_free, "signal handlers read it");
+static_assert(std::atomic<Signals::FaultCallback>::is_always_lock_free, "signal handlers read it");
+
+std::atomic<int> wakeDescriptor{-1};
+std::atomic<Signals::FaultCallback> faultCallbacks[NUMBER_SIGNALS];
+
+void setAction(int signal, const struct sigaction& action, struct sigaction* before = nullptr) {
+    if (::sigaction(signal, &action, before) != 0)
+        throw std::system_error(errno, std::generic_category(), "Signal " + Signals::getName(signal));
+}
+
+/// Hands the signal to the watching thread.
+void onWatched(int signal) {
+    const int error = errno;
+    const auto byte = static_cast<unsigned char>(signal);
+    // A full pipe holds the news already that something came.
+    if (::write(wakeDescriptor.load(), &byte, 1) < 0) {
+    }
+    errno = error;
+}
+
+void onFault(int signal, siginfo_t* info, void*) {
+    if (const auto callback = faultCallbacks[signal].load())
+        callback(signal, info->si_code, info->si_addr);
+    // Behind this handler a fault strikes again and finds the default course; what another process sent
+    // doesn't.
+    ::signal(signal, SIG_DFL);
+    if (info->si_code <= 0)
+        ::raise(signal);
+}
+
+/// What was set up here. Never destroyed: a signal may come at any time.
+struct Setup {
+    std::mutex mutex;
+    std::map<int, Signals::WatchCallback> callbacks;
+    std::map<int, struct sigaction> watchedBefore;
+    std::set<int> faults;
+    std::unique_ptr<Pipe> pipe; ///< made once and kept: a handler may be about to write to it
+    std::thread thread;
+};
+
+Setup& getSetup() {
+    static auto* setup = new Setup;
+    return *setup;
+}
+
+constexpr char END_OF_WATCH = 0;
+
+/// The body of the watching thread.
+void serve() {
+    Setup& setup = getSetup();
+    for (;;) {
+        char byte = END_OF_WATCH;
+        const int n = setup.pipe->read(&byte, 1, -1.0);
+        if (n == 0)
+            continue;
+        if (n < 0 || byte == END_OF_WATCH)
+            return;
+        const int signal = static_cast<unsigned char>(byte);
+        Signals::WatchCallback callback;
+        {
+            const std::lock_guard lock(setup.mutex);
+            const auto found = setup.callbacks.find(signal);
+            if (found != setup.callbacks.end())
+                callback = found->second;
+        }
+        if (callback)
+            callback(signal);
+    }
+}
+
+/// With the lock of `setup` held.
+void startThread(Setup& setup) {
+    if (!setup.pipe) {
+        auto pipe = std::make_unique<Pipe>();
+        const int end = pipe->getWriteDescriptor();
+        if (::fcntl(end, F_SETFL, O_NONBLOCK) != 0) // a handler never waits
+            throw std::system_error(errno, std::generic_category(), "Signal pipe");
+        setup.pipe = std::move(pipe);
+        wakeDescriptor = end;
+    }
+    if (!setup.thread.joinable())
+        setup.thread = startQuietThread("signals", serve);
+}
+
+} // namespace
+
+void Signals::watch(const std::vector<int>& signals, WatchCallback callback) {
+    Setup& setup = getSetup();
+    const std::lock_guard lock(setup.mutex);
+    startThread(setup);
+    for (const int signal : signals) {
+        struct sigaction action {};
+        action.sa_handler = onWatched;
+        action.sa_flags = SA_RESTART;
+        ::sigfillset(&action.sa_mask);
+        struct sigaction before {};
+        setup.callbacks[signal] = callback;
+        setAction(signal, action, &before);
+        setup.watchedBefore.emplace(signal, before); // of an earlier watch, the first one stays
+    }
+}
+
+void Signals::unwatch() {
+    Setup& setup = getSetup();
+    std::thread thread;
+    {
+        const std::lock_guard lock(setup.mutex);
+        for (const auto& [signal, before] : setup.watchedBefore)
+            ::sigaction(signal, &before, nullptr); // was good once, so it is now
+        setup.watchedBefore.clear();
+        setup.callbacks.clear();
+        thread = std::move(setup.thread);
+        if (!thread.joinable())
+            return;
+        // The pipe has room: nothing but the thread's end is to come, and the thread empties it.
+        while (!setup.pipe->write(&END_OF_WATCH, 1, 0.1)) {
+        }
+    }
+    if (thread.get_id() == std::this_thread::get_id())
+        thread.detach(); // asked from a callback: the thread ends behind it
+    else
+        thread.join();
+}
+
+void Signals::installFaultHandler(const std::vector<int>& signals, FaultCallback callback) {
+    Setup& setup = getSetup();
+    const std::lock_guard lock(setup.mutex);
+    for (const int signal : signals) {
+        if (signal <= 0 || signal >= NUMBER_SIGNALS)
+            throw std::system_error(EINVAL, std::generic_category(), "Signal " + getName(signal));
+        struct sigaction action {};
+        action.sa_sigaction = onFault;
+        // The signal stays unblocked in its handler, so an exception may leave it and a second fault comes
+        // back; and the handler runs on the stack that the exception unwinds.
+        action.sa_flags = SA_SIGINFO | SA_NODEFER;
+        ::sigemptyset(&action.sa_mask);
+        faultCallbacks[signal] = callback;
+        setAction(signal, action);
+        setup.faults.insert(signal);
+    }
+}
+
+void Signals::restoreDefaults(const std::vector<int>& signals) {
+    Setup& setup = getSetup();
+    const std::lock_guard lock(setup.mutex);
+    std::vector<int> list = signals;
+    if (list.empty())
+        list.assign(setup.faults.begin(), setup.faults.end());
+    for (const int signal : list) {
+        if (::signal(signal, SIG_DFL) == SIG_ERR)
+            throw std::system_error(errno, std::generic_category(), "Signal " + getName(signal));
+        setup.faults.erase(signal);
+    }
+}
+
+void Signals::ignore(int signal) {
+    if (::signal(signal, SIG_IGN) == SIG_ERR)
+        throw std::system_error(errno, std::generic_category(), "Signal " + getName(signal));
+}
+
+std::string Signals::getName(int signal) {
+    const char* name = ::sigabbrev_np(signal);
+    return name != nullptr ? std::string("SIG") + name : "signal " + std::to_string(signal);
+}
+
+namespace {
+
+const char* describeFloatingPoint(int code) {
+    switch (code) {
+    case FPE_INTDIV:
+        return "integer division by zero";
+    case FPE_INTOVF:
+        return "integer overflow";
+    case FPE_FLTDIV:
+        return "division by zero";
+    case FPE_FLTOVF:
+        return "overflow";
+    case FPE_FLTUND:
+        return "underflow";
+    case FPE_FLTRES:
+        return "inexact result";
+    case FPE_FLTINV:
+        return "invalid operation";
+    default:
+        return nullptr;
+    }
+}
+
+const char* describeMemory(int signal, int code) {
+    if (signal == SIGSEGV && code == SEGV_MAPERR)
+        return "address not mapped";
+    if (signal == SIGSEGV && code == SEGV_ACCERR)
+        return "no permission for the address";
+    if (signal == SIGBUS && code == BUS_ADRALN)
+        return "misaligned address";
+    if (signal == SIGBUS && code == BUS_ADRERR)
+        return "no memory behind the address";
+    return nullptr;
+}
+
+} // namespace
+
+std::string Signals::getFaultText(int signal, int code) {
+    const char* description = ::sigdescr_np(signal);
+    std::string text = description != nullptr ? description : getName(signal);
+    const char* detail = signal == SIGFPE ? describeFloatingPoint(code) : describeMemory(signal, code);
+    if (code <= 0)
+        detail = "sent by a process";
+    return detail != nullptr ? text + ": " + detail : text;
+}
+
+Signals& signals() {
+    static Signals service;
+    return service;
+}
+
+} // namespace Platform

@@ -1,0 +1,184 @@
+#include "platform/StackTracer.h"
+
+#include "platform/Io.h"
+
+#include <cstdint>
+#include <cstdlib>
+#include <cxxabi.h>
+#include <dlfcn.h>
+#include <link.h>
+#include <memory>
+#include <mutex>
+#include <sstream>
+#include <unwind.h>
+
+// libbacktrace, told here since its header lies in a folder that only g++ looks into.
+extern "C" {
+struct backtrace_state;
+using backtrace_error_callback = void (*)(void* data, const char* message, int error);
+using backtrace_full_callback = int (*)(void* data, std::uintptr_t pc, const char* file, int line,
+                                        const char* function);
+using backtrace_syminfo_callback = void (*)(void* data, std::uintptr_t pc, const char* symbol,
+                                            std::uintptr_t value, std::uintptr_t size);
+backtrace_state* backtrace_create_state(const char* program, int threaded, backtrace_error_callback error,
+                                        void* data);
+int backtrace_pcinfo(backtrace_state* state, std::uintptr_t pc, backtrace_full_callback callback,
+                     backtrace_error_callback error, void* data);
+int backtrace_syminfo(backtrace_state* state, std::uintptr_t pc, backtrace_syminfo_callback callback,
+                      backtrace_error_callback error, void* data);
+}
+
+namespace Platform {
+
+namespace {
+
+struct Capture {
+    const void** frames;
+    std::size_t maxFrames;
+    std::size_t skip;
+    std::size_t count = 0;
+};
+
+_Unwind_Reason_Code takeFrame(_Unwind_Context* context, void* data) {
+    auto& capture = *static_cast<Capture*>(data);
+    int beforeInstruction = 0;
+    std::uintptr_t address = _Unwind_GetIPInfo(context, &beforeInstruction);
+    if (address == 0)
+        return _URC_END_OF_STACK;
+    if (beforeInstruction != 0)
+        ++address; // where a signal struck: as if it were a return address, like all others
+    if (capture.skip > 0) {
+        --capture.skip;
+        return _URC_NO_REASON;
+    }
+    if (capture.count == capture.maxFrames)
+        return _URC_END_OF_STACK;
+    capture.frames[capture.count++] = reinterpret_cast<const void*>(address);
+    return _URC_NO_REASON;
+}
+
+/// How often libraries came and went: libbacktrace knows only those that were there when its state was made.
+unsigned long long countLibraryChanges() {
+    unsigned long long changes = 0;
+    ::dl_iterate_phdr(
+        [](dl_phdr_info* info, std::size_t, void* data) {
+            *static_cast<unsigned long long*>(data) = info->dlpi_adds + info->dlpi_subs;
+            return 1;
+        },
+        &changes);
+    return changes;
+}
+
+void ignoreError(void*, const char*, int) {} // what can't be found stays unknown
+
+/// The debug information of the process. A state can't be given back, so one is made per change of the loaded
+/// libraries, when a trace is asked for, and no more.
+backtrace_state* getState() {
+    static std::mutex mutex;
+    static backtrace_state* state = nullptr;
+    static unsigned long long changesThen = 0;
+    const std::lock_guard lock(mutex);
+    const unsigned long long changes = countLibraryChanges();
+    if (state == nullptr || changes != changesThen) {
+        state = ::backtrace_create_state(nullptr, 1, ignoreError, nullptr);
+        changesThen = changes;
+    }
+    return state;
+}
+
+std::string demangle(const char* symbol) {
+    int status = 0;
+    const std::unique_ptr<char, void (*)(void*)> name(
+        ::abi::__cxa_demangle(symbol, nullptr, nullptr, &status), std::free);
+    return status == 0 && name ? name.get() : symbol;
+}
+
+struct Place {
+    std::string function;
+    std::string file;
+    int line = 0;
+};
+
+/// Called for inlined functions too, the innermost first: that one is where the program stood.
+int takePlace(void* data, std::uintptr_t, const char* file, int line, const char* function) {
+    auto& place = *static_cast<Place*>(data);
+    if (function != nullptr)
+        place.function = demangle(function);
+    if (file != nullptr) {
+        place.file = file;
+        place.line = line;
+    }
+    return 1;
+}
+
+void takeSymbol(void* data, std::uintptr_t, const char* symbol, std::uintptr_t, std::uintptr_t) {
+    if (symbol != nullptr)
+        static_cast<Place*>(data)->function = demangle(symbol);
+}
+
+std::string describe(const void* frame) {
+    const auto pc = reinterpret_cast<std::uintptr_t>(frame) - 1; // into the call before the return address
+    Place place;
+    if (backtrace_state* state = getState()) {
+        ::backtrace_pcinfo(state, pc, takePlace, ignoreError, &place);
+        if (place.function.empty())
+            ::backtrace_syminfo(state, pc, takeSymbol, ignoreError, &place);
+    }
+    Dl_info library{};
+    const bool known = ::dladdr(reinterpret_cast<const void*>(pc), &library) != 0;
+    if (place.function.empty() && known && library.dli_sname != nullptr)
+        place.function = demangle(library.dli_sname);
+
+    std::ostringstream text;
+    if (place.function.empty())
+        text << frame;
+    else
+        text << place.function;
+    if (!place.file.empty())
+        text << " at " << place.file << ":" << place.line;
+    else if (known && library.dli_fname != nullptr)
+        text << " in " << library.dli_fname;
+    return text.str();
+}
+
+} // namespace
+
+[[gnu::noinline]] std::size_t StackTracer::capture(const void** frames, std::size_t maxFrames,
+                                                   std::size_t skip) const {
+    Capture capture{frames, maxFrames, skip + 1}; // this function's own frame comes first
+    _Unwind_Backtrace(takeFrame, &capture);
+    return capture.count;
+}
+
+std::vector<std::string> StackTracer::resolve(const void* const* frames, std::size_t count) const {
+    std::vector<std::string> texts;
+    texts.reserve(count);
+    for (std::size_t i = 0; i < count; ++i)
+        texts.push_back(describe(frames[i]));
+    return texts;
+}
+
+[[gnu::noinline]] std::vector<std::string> StackTracer::getStackTrace(std::size_t maxFrames) const {
+    std::vector<const void*> frames(maxFrames);
+    const std::size_t count = capture(frames.data(), maxFrames, 1);
+    return resolve(frames.data(), count);
+}
+
+[[gnu::noinline]] void StackTracer::writeStackTrace(int descriptor, std::size_t maxFrames) const {
+    constexpr std::size_t MOST = 256;
+    const void* frames[MOST];
+    const std::size_t count = capture(frames, maxFrames < MOST ? maxFrames : MOST, 1);
+    for (std::size_t i = 0; i < count; ++i) {
+        // Line by line: when a later frame can't be described, the earlier ones are out.
+        const std::string line = "  " + describe(frames[i]) + "\n";
+        if (!io().write(descriptor, line.data(), line.size()))
+            return;
+    }
+}
+
+StackTracer& error() {
+    static StackTracer service;
+    return service;
+}
+
+} // namespace Platform

@@ -1,0 +1,3 @@
+#include "platform/WallTimer.h"
+
+WallTimer::~WallTimer() = default;
