@@ -1,0 +1,235 @@
+// The road of a command through a real job of any number of ranks.
+
+#include "machine/CommandController.h"
+#include "machine/Communicator.h"
+#include "machine/Machine.h"
+
+#include "kernel/Command.h"
+#include "kernel/Controller.h"
+#include "kernel/Error.h"
+#include "kernel/Properties.h"
+#include "platform/FloatingPointErrorRecord.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace {
+
+bool isAmong(const std::vector<unsigned>& ranks) {
+    return std::find(ranks.begin(), ranks.end(), Machine::getPartitionId()) != ranks.end();
+}
+
+/// Runs on every rank; what the ranks saw is compared by the command itself.
+class TestCommand : public Command {
+public:
+    using Body = std::function<void(const Properties& args, Properties& response)>;
+    TestCommand(std::string name, Body body) : _name(std::move(name)), _body(std::move(body)) {}
+    void execute(const Properties& args, Properties& response) override { _body(args, response); }
+    std::string getName() const override { return _name; }
+
+private:
+    std::string _name;
+    Body _body;
+};
+
+int timesCounted = 0;
+
+/// Fails on the ranks in "ranks", each with its own text.
+void fail(const Properties& args, Properties&) {
+    std::vector<unsigned> ranks;
+    args.get("ranks", ranks);
+    if (isAmong(ranks))
+        throw InputError("failed on rank " + std::to_string(Machine::getPartitionId()));
+}
+
+/// Answers whether all ranks got the same text, and how long it is.
+void compare(const Properties& args, Properties& response) {
+    const std::string mine = args.getString("text");
+    std::string masters = mine;
+    Machine::globalCommunicator().broadcast(masters, Communicator::masterRank());
+    std::vector<unsigned> equal;
+    Machine::globalCommunicator().allGather(unsigned(mine == masters), equal);
+    response.set("equal", std::count(equal.begin(), equal.end(), 1u) == int(Machine::nProcesses()));
+    response.set("size", static_cast<unsigned long>(mine.size()));
+}
+
+void count(const Properties&, Properties&) {
+    ++timesCounted;
+}
+
+void tellState(const Properties&, Properties& response) {
+    response.set("state", static_cast<int>(Machine::getSingleton().getState()));
+}
+
+/// A running computation that stops at a known point for what the clients want.
+void computeAndServe(const Properties&, Properties& response) {
+    CommandController::getSingleton().processQueuedCommands();
+    std::vector<unsigned> counts;
+    Machine::globalCommunicator().allGather(unsigned(timesCounted), counts);
+    response.set("counts", counts);
+}
+
+void fault(const Properties& args, Properties&) {
+    std::vector<unsigned> ranks;
+    args.get("ranks", ranks);
+    if (isAmong(ranks))
+        FloatingPointErrorRecord::set("a fault");
+}
+
+void registerTestCommands() {
+    Controller& controller = Controller::getSingleton();
+    if (controller.findCommand("TestFail"))
+        return;
+    controller.registerCommand(new TestCommand("TestFail", fail));
+    controller.registerCommand(new TestCommand("TestCompare", compare));
+    controller.registerCommand(new TestCommand("TestCount", count));
+    controller.registerCommand(new TestCommand("TestState", tellState));
+    controller.registerCommand(new TestCommand("TestComputeAndServe", computeAndServe));
+    controller.registerCommand(new TestCommand("TestFault", fault));
+}
+
+class CommandControllerTest : public testing::Test {
+protected:
+    void SetUp() override {
+        registerTestCommands();
+        timesCounted = 0;
+    }
+
+    /// The master plays the server, the workers serve until it releases them.
+    static void inCommandLoop(const std::function<void()>& serve) {
+        if (!Machine::isMaster()) {
+            CommandController::getSingleton().processCommands();
+            return;
+        }
+        serve();
+        CommandController::getSingleton().releaseWorkers();
+    }
+
+    static Properties run(const std::string& name, const Properties& args = Properties()) {
+        Properties command = args;
+        command.set(Command::COMMAND_TAG, name);
+        Properties response;
+        CommandController::getSingleton().masterExecuteCommand(command, response);
+        return response;
+    }
+    static Properties run(const std::string& name, const std::vector<unsigned>& ranks) {
+        Properties args;
+        args.set("ranks", ranks);
+        return run(name, args);
+    }
+};
+
+struct FailingRanks {
+    std::vector<unsigned> ranks;
+    unsigned winner;
+};
+
+/// Rows whose ranks this job doesn't have are played by those that it has.
+std::vector<FailingRanks> failingRanks() {
+    const unsigned last = Machine::nProcesses() - 1;
+    const auto inJob = [last](unsigned rank) { return std::min(rank, last); };
+    return {{{inJob(2), inJob(5)}, inJob(2)}, {{0, inJob(3)}, 0}, {{last}, last}, {{0}, 0}};
+}
+
+} // namespace
+
+TEST_F(CommandControllerTest, TheLowestFailingRankIsTheErrorOfAllAndTheWorkersStay) {
+    inCommandLoop([] {
+        for (const FailingRanks& row : failingRanks()) {
+            const Properties response = run("TestFail", row.ranks);
+            EXPECT_EQ(Error::getMessage(response), "failed on rank " + std::to_string(row.winner));
+            EXPECT_EQ(response.getInt(Error::SEVERITY_TAG), 2);
+            EXPECT_EQ(response.getString(CommandController::COMMAND_KEY), "TestFail");
+            EXPECT_EQ(response.hasName(CommandController::RANK_KEY), row.winner != 0);
+            if (row.winner != 0) {
+                EXPECT_EQ(response.getUnsignedInt(CommandController::RANK_KEY), row.winner);
+            }
+            EXPECT_FALSE(Error::isErrorIn(run("TestFail", std::vector<unsigned>())));
+        }
+    });
+    EXPECT_EQ(Machine::getSingleton().getState(), Machine::AWAITING_COMMAND);
+}
+
+TEST_F(CommandControllerTest, EveryRankEndsWithTheSameError) {
+    for (const FailingRanks& row : failingRanks()) {
+        Properties response;
+        response.set("kept", 1);
+        if (isAmong(row.ranks)) {
+            response =
+                InputError("failed on rank " + std::to_string(Machine::getPartitionId())).getProperties();
+            response.set("kept", 1);
+        }
+        CommandController::getSingleton().parseErrorProperties(response);
+        EXPECT_EQ(Error::getMessage(response), "failed on rank " + std::to_string(row.winner));
+        EXPECT_EQ(response.hasName(CommandController::RANK_KEY), row.winner != 0);
+        EXPECT_EQ(response.getInt("kept"), 1);
+    }
+    // An error that says nothing doesn't win; without any error nothing changes.
+    const unsigned last = Machine::nProcesses() - 1;
+    Properties silent;
+    if (Machine::isMaster())
+        silent.set(Error::ERROR_TAG, "silent");
+    if (Machine::getPartitionId() == last && last != 0)
+        silent = InputError("loud").getProperties();
+    CommandController::getSingleton().parseErrorProperties(silent);
+    EXPECT_EQ(Error::getMessage(silent), last == 0 ? "" : "loud");
+    Properties fine;
+    fine.set("a", 1);
+    const Properties before = fine;
+    CommandController::getSingleton().parseErrorProperties(fine);
+    EXPECT_EQ(fine, before);
+}
+
+TEST_F(CommandControllerTest, TheCommandReachesAllRanksWhole) {
+    inCommandLoop([] {
+        for (const std::size_t size : {std::size_t(0), std::size_t(1), std::size_t(6) << 20}) {
+            std::string text(size, 'x');
+            if (size > 3)
+                text.replace(size / 2, 3, std::string("\0\n\"", 3));
+            Properties args;
+            args.set("text", text);
+            const Properties response = run("TestCompare", args);
+            EXPECT_EQ(Error::getMessage(response), "");
+            EXPECT_TRUE(response.getBool("equal")) << size;
+            EXPECT_EQ(response.getUnsignedLong("size"), size);
+        }
+        EXPECT_EQ(run("TestState").getInt("state"), Machine::PROCESSING);
+        EXPECT_EQ(Error::getMessage(run("NoSuchCommand")).find("Unknown command"), 0u);
+    });
+}
+
+TEST_F(CommandControllerTest, AFloatingPointFaultOfAnyRankFailsTheCommandWithoutARank) {
+    inCommandLoop([] {
+        const Properties response = run("TestFault", {Machine::nProcesses() - 1});
+        EXPECT_NE(Error::getMessage(response).find("\n  a fault\n"), std::string::npos);
+        EXPECT_FALSE(response.hasName(CommandController::RANK_KEY));
+        EXPECT_EQ(response.getString(CommandController::COMMAND_KEY), "TestFault");
+        EXPECT_FALSE(Error::isErrorIn(run("TestFault", std::vector<unsigned>())));
+    });
+}
+
+TEST_F(CommandControllerTest, QueuedCommandsRunOnAllRanksInTheMiddleOfACommand) {
+    inCommandLoop([] {
+        int answers = 0;
+        const auto enqueue = [&answers](const std::string& name) {
+            Properties command;
+            command.set(Command::COMMAND_TAG, name);
+            command.set("ranks", std::vector<unsigned>{Machine::nProcesses() - 1});
+            Controller::getSingleton().enqueue(
+                {command, "a test", [&answers](const Properties&) { ++answers; }});
+        };
+        enqueue("TestCount");
+        enqueue("TestFail");
+        enqueue("TestCount");
+        for (const int served : {3, 3}) { // the second time the queue is empty
+            std::vector<unsigned> counts;
+            run("TestComputeAndServe").get("counts", counts);
+            EXPECT_EQ(counts, std::vector<unsigned>(Machine::nProcesses(), 2));
+            EXPECT_EQ(answers, served);
+        }
+    });
+}

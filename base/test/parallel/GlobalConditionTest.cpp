@@ -1,0 +1,195 @@
+// Conditions, checks, reports and floating-point errors folded over a job of any number of ranks.
+
+#include "machine/Communicator.h"
+#include "machine/GlobalErrorCheck.h"
+#include "machine/GlobalFloatingPointError.h"
+#include "machine/GlobalReport.h"
+#include "machine/MachineLocks.h"
+
+#include "kernel/ObservableFromClient.h"
+#include "kernel/OrvexVersion.h"
+#include "platform/FloatingPointErrorRecord.h"
+
+#include "unit/machine/MachineTestAccess.h"
+
+#include <gtest/gtest.h>
+
+#include <optional>
+#include <string>
+
+namespace {
+
+unsigned rank() {
+    return Machine::getPartitionId();
+}
+unsigned lastRank() {
+    return Machine::nProcesses() - 1;
+}
+
+template <class E, class F>
+std::optional<std::string> messageOf(F operation) {
+    try {
+        operation();
+    } catch (const E& error) {
+        return Error::getMessage(error.getProperties());
+    }
+    return std::nullopt;
+}
+
+/// All collective checks on, or off.
+class ParallelChecks : public testing::TestWithParam<bool> {
+protected:
+    void SetUp() override {
+        if (Machine::isSerial())
+            GTEST_SKIP() << "for a job";
+        Machine::getSingleton().setDevErrorChecking(GetParam());
+    }
+    void TearDown() override { Machine::getSingleton().setDevErrorChecking(true); }
+    static bool checks() { return Machine::getSingleton().hasDevErrorChecking(); }
+};
+
+INSTANTIATE_TEST_SUITE_P(Checks, ParallelChecks, testing::Values(true, false),
+                         [](const auto& row) { return row.param ? "on" : "off"; });
+
+TEST_P(ParallelChecks, modesFoldTheLocalConditions) {
+    using Mode = GlobalCondition::ModeEnum;
+    struct Row {
+        const char* trueOn;
+        bool local;
+        bool onAll;
+        bool onAny;
+        bool onMaster;
+    };
+    const bool alone = Machine::nProcesses() == 1;
+    const Row rows[] = {
+        {"all", true, true, true, true},
+        {"none", false, false, false, false},
+        {"the master", rank() == 0, alone, true, true},
+        {"the last", rank() == lastRank(), alone, true, alone},
+        {"all but the last", rank() != lastRank(), false, !alone, !alone},
+    };
+    for (const Row& row : rows) {
+        EXPECT_EQ(GlobalCondition(row.local, Mode::ON_ALL), row.onAll) << row.trueOn;
+        EXPECT_EQ(GlobalCondition(row.local, Mode::ON_ANY), row.onAny) << row.trueOn;
+        EXPECT_EQ(GlobalCondition(row.local, Mode::ON_MASTER), row.onMaster) << row.trueOn;
+        EXPECT_EQ(GlobalCondition(row.local, static_cast<Mode>(4)), row.local) << row.trueOn;
+        const bool differs = row.onAny && !row.onAll;
+        const std::optional<std::string> expected =
+            checks() && differs
+                ? std::optional<std::string>("Invalid use of ON_ALL_INVARIANT; conditions differ")
+                : std::nullopt;
+        EXPECT_EQ(messageOf<InternalError>(
+                      [&] { EXPECT_EQ(GlobalCondition(row.local, Mode::ON_ALL_INVARIANT), row.local); }),
+                  expected)
+            << row.trueOn;
+    }
+}
+
+TEST_P(ParallelChecks, invariantConditionsOfLargeJobsSendNothing) {
+    const auto mode = Machine::isMaster() ? Machine::MASTER_MODE : Machine::WORKER_MODE;
+    const unsigned ranks = Machine::nProcesses();
+    const unsigned me = rank();
+    MachineTestAccess::playRole(mode, 13, me);
+    // Only one rank comes here: a message would wait for ever.
+    if (me == ranks - 1) {
+        const bool condition = me % 2 == 0;
+        EXPECT_EQ(GlobalCondition(condition, GlobalCondition::ON_ALL_INVARIANT), condition);
+        EXPECT_TRUE(GlobalErrorCheck::holds(true, GlobalCondition::ON_ALL_INVARIANT, "here.cpp", 1));
+    }
+    MachineTestAccess::playRole(mode, ranks, me);
+}
+
+TEST_P(ParallelChecks, locks) {
+    {
+        const Machine::SerialCritical lock;
+        EXPECT_EQ(messageOf<InternalError>([] { GlobalCondition(true, GlobalCondition::ON_ALL_INVARIANT); }),
+                  "Coding error: GlobalCondition attempted in a serial-critical code section");
+    }
+    const Machine::ParallelPerformanceCritical lock;
+    EXPECT_EQ(messageOf<InternalError>([] { GlobalCondition(true, GlobalCondition::ON_ALL_INVARIANT); }),
+              std::nullopt)
+        << "its check is exempt";
+    EXPECT_EQ(Machine::getPerformanceCriticalLock(), 1u);
+}
+
+TEST_P(ParallelChecks, errorIsRaisedOnAllRanks) {
+    const auto check = [](bool condition, GlobalCondition::ModeEnum mode) {
+        return messageOf<InputError>([&] { ORVEX_GLOBAL_CHECK(condition, mode, InputError("bad")); });
+    };
+    EXPECT_EQ(check(rank() != lastRank(), GlobalCondition::ON_ALL), "bad");
+    EXPECT_EQ(check(rank() == lastRank(), GlobalCondition::ON_ANY), std::nullopt);
+    EXPECT_EQ(check(rank() != 0, GlobalCondition::ON_MASTER), "bad");
+    EXPECT_EQ(check(false, GlobalCondition::ON_ALL_INVARIANT), "bad");
+    EXPECT_EQ(check(true, GlobalCondition::ON_ALL), std::nullopt);
+}
+
+TEST_P(ParallelChecks, rankAtAnotherCheckIsTold) {
+    const bool astray = rank() == lastRank() && Machine::nProcesses() > 1;
+    const std::string file = astray ? "base/src/elsewhere.cpp" : "base/src/here.cpp";
+    const int line = astray ? 7 : 5;
+    for (const auto mode : {GlobalCondition::ON_ALL, GlobalCondition::ON_ANY, GlobalCondition::ON_MASTER,
+                            GlobalCondition::ON_ALL_INVARIANT}) {
+        const std::optional<std::string> expected =
+            astray && checks()
+                ? std::optional<std::string>("Mismatched contexts for global error check:\n"
+                                             "   line: 7, file: base/src/elsewhere.cpp\n"
+                                             "   master line: 5, master file: base/src/here.cpp")
+                : std::nullopt;
+        EXPECT_EQ(messageOf<InternalError>(
+                      [&] { EXPECT_TRUE(GlobalErrorCheck::holds(true, mode, file.c_str(), line)); }),
+                  expected)
+            << mode;
+    }
+    // Only lines are compared.
+    EXPECT_EQ(messageOf<InternalError>(
+                  [&] { GlobalErrorCheck::holds(true, GlobalCondition::ON_ALL, file.c_str(), 5); }),
+              std::nullopt);
+    // All ranks are in step still.
+    unsigned sum = 1;
+    Machine::globalCommunicator().allReduce(sum, Communicator::SUM);
+    EXPECT_EQ(sum, Machine::nProcesses());
+}
+
+TEST_P(ParallelChecks, reportAddsUpTheCells) {
+    std::string told;
+    ObservableFromClient::setNotifier([&](const std::string&, const std::string& text) { told += text; });
+    const double value = 2.5;
+    GlobalReport::limit("Pressure", "Fluid", 0, &value);
+    GlobalReport::limit("Pressure", "Fluid", rank() == lastRank() ? 3 : 0, &value);
+    GlobalReport::limit("Density", "Air", 1, nullptr);
+    ObservableFromClient::setNotifier({});
+    EXPECT_EQ(told, "Pressure limited to 2.5 in 3 cells in region Fluid\nDensity limited in " +
+                        std::to_string(Machine::nProcesses()) + " cells in region Air\n");
+}
+
+TEST_P(ParallelChecks, floatingPointRecordsOfAllRanksBecomeOneError) {
+    const auto messageFor = [](const std::string& entries, bool several) {
+        return "A floating point error has occurred. The following " +
+               std::string(several ? "errors have" : "error has") + " been logged:" + entries +
+               "\nPlease check your usage and inputs.";
+    };
+    struct Row {
+        const char* name;
+        std::string record;
+        std::string message;
+    };
+    const unsigned ranks = Machine::nProcesses();
+    const char* const texts[] = {"flux", "area", "mass"};
+    const std::string distinct = ranks == 1   ? "\n  flux"
+                                 : ranks == 2 ? "\n1. area\n2. flux"
+                                              : "\n1. area\n2. flux\n3. mass";
+    const Row rows[] = {
+        {"the last rank only", rank() == lastRank() ? "flux" : "", messageFor("\n  flux", false)},
+        {"the same on all", "flux", messageFor("\n  flux", false)},
+        {"distinct", texts[rank() % 3], messageFor(distinct, ranks > 1)},
+    };
+    for (const Row& row : rows) {
+        if (!row.record.empty())
+            FloatingPointErrorRecord::set(row.record);
+        EXPECT_EQ(messageOf<FloatingPointError>(&GlobalFloatingPointError::assertNoError), row.message)
+            << row.name;
+        EXPECT_EQ(messageOf<Error>(&GlobalFloatingPointError::assertNoError), std::nullopt) << row.name;
+    }
+}
+
+} // namespace

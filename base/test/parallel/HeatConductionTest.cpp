@@ -1,0 +1,110 @@
+// The sandbox's solver: its cutting of the grid, and its answers on any number of ranks against those of one.
+
+#include "modules/OrvexParallelSandbox/HeatConduction.h"
+
+#include "kernel/Raise.h"
+#include "machine/Communicator.h"
+#include "machine/Machine.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+TEST(GridBlock, blocksCoverTheGridAndKnowEachOther) {
+    for (const auto [nx, ny] :
+         {std::pair(1u, 16u), std::pair(16u, 16u), std::pair(7u, 5u), std::pair(100u, 3u)})
+        for (unsigned ranks = 1; ranks <= 16; ++ranks) {
+            SCOPED_TRACE(std::to_string(nx) + " by " + std::to_string(ny) + " on " + std::to_string(ranks));
+            std::vector<GridBlock> blocks;
+            try {
+                for (unsigned rank = 0; rank < ranks; ++rank)
+                    blocks.emplace_back(nx, ny, ranks, rank);
+            } catch (const InputError&) {
+                bool fits = false;
+                for (unsigned columns = 1; columns <= ranks; ++columns)
+                    fits = fits || (ranks % columns == 0 && columns <= nx && ranks / columns <= ny);
+                EXPECT_FALSE(fits);
+                continue;
+            }
+            std::vector<unsigned> owners(nx * ny, 0);
+            for (const GridBlock& block : blocks) {
+                EXPECT_TRUE(block.x().count > 0 && block.y().count > 0);
+                for (unsigned y = 0; y < ny; ++y)
+                    for (unsigned x = 0; x < nx; ++x)
+                        owners[y * nx + x] += block.x().contains(x) && block.y().contains(y) ? 1 : 0;
+            }
+            EXPECT_EQ(owners, std::vector<unsigned>(nx * ny, 1));
+            for (unsigned rank = 0; rank < ranks; ++rank)
+                for (const GridBlock::Side side : GridBlock::SIDES)
+                    if (const auto& other = blocks[rank].neighbour(side)) {
+                        EXPECT_EQ(blocks[*other].neighbour(GridBlock::opposite(side)), rank);
+                        const bool horizontal = side == GridBlock::WEST || side == GridBlock::EAST;
+                        EXPECT_EQ(horizontal ? blocks[rank].y().first : blocks[rank].x().first,
+                                  horizontal ? blocks[*other].y().first : blocks[*other].x().first);
+                    }
+        }
+}
+
+bool goOn(unsigned, double) {
+    return true;
+}
+
+Communicator* allRanks() {
+    return Machine::isParallel() ? &Machine::globalCommunicator() : nullptr;
+}
+
+TEST(HeatConduction, ranksTogetherFindWhatOneFindsAlone) {
+    constexpr double TOLERANCE = 1e-11;
+    for (const auto [nx, ny] :
+         {std::pair(8u, 8u), std::pair(31u, 31u), std::pair(20u, 9u), std::pair(7u, 64u)}) {
+        SCOPED_TRACE(std::to_string(nx) + " by " + std::to_string(ny));
+        const HeatConduction::Result alone = HeatConduction(nx, ny, nullptr).solve(TOLERANCE, 1000, goOn);
+        const HeatConduction::Result together =
+            HeatConduction(nx, ny, allRanks()).solve(TOLERANCE, 1000, goOn);
+        for (const HeatConduction::Result& result : {alone, together}) {
+            EXPECT_TRUE(result.converged);
+            EXPECT_FALSE(result.cancelled);
+            EXPECT_LT(result.residual, 100 * TOLERANCE);
+            EXPECT_LT(result.heatImbalance, 1e-9);
+        }
+        EXPECT_NEAR(together.iterations, alone.iterations, 2);
+        EXPECT_NEAR(together.centre, alone.centre, 1e-10);
+        EXPECT_NEAR(together.mean, alone.mean, 1e-10);
+        EXPECT_NEAR(together.maximum, alone.maximum, 1e-10);
+    }
+}
+
+TEST(HeatConduction, errorFallsWithTheSquareOfTheDistance) {
+    EXPECT_NEAR(HeatConduction::exactCentre(), 0.0736713532814, 1e-12);
+    double coarse = 0.0;
+    for (const unsigned n : {15u, 31u, 63u}) {
+        const HeatConduction::Result result = HeatConduction(n, n, allRanks()).solve(1e-12, 1000, goOn);
+        const double error = std::abs(result.centre - HeatConduction::exactCentre());
+        EXPECT_DOUBLE_EQ(result.maximum, result.centre);
+        EXPECT_NEAR(result.mean, 0.0351442, 0.02 / n);
+        if (coarse > 0.0)
+            EXPECT_NEAR(coarse / error, 4.0, 0.2) << n;
+        coarse = error;
+    }
+}
+
+TEST(HeatConduction, endsOnAllRanksAlike) {
+    const HeatConduction::Result unfinished = HeatConduction(40, 40, allRanks()).solve(1e-12, 5, goOn);
+    EXPECT_EQ(unfinished.iterations, 5u);
+    EXPECT_FALSE(unfinished.converged);
+    EXPECT_GT(unfinished.residual, 1e-3);
+
+    // The last rank alone has enough of it.
+    const bool last = Machine::getPartitionId() + 1 == Machine::nProcesses();
+    const HeatConduction::Result cancelled =
+        HeatConduction(40, 40, allRanks()).solve(1e-12, 1000, [&](unsigned iteration, double) {
+            return !last || iteration < 3;
+        });
+    EXPECT_TRUE(cancelled.cancelled);
+    EXPECT_EQ(cancelled.iterations, 4u);
+
+    if (Machine::nProcesses() > 2)
+        EXPECT_THROW(HeatConduction(1, 2, allRanks()), InputError);
+}
+
+} // namespace

@@ -1,0 +1,257 @@
+#include "parallel/ParallelTest.h"
+#include "parallel/ParallelTestWatchdog.h"
+
+#include "mpiwrapper/OxmMpi.h"
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <mutex>
+#include <numeric>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace {
+
+constexpr int EXIT_DIFFERENT_TESTS = 87;
+/// On a busy machine ranks come late to a test, which isn't the test's fault. In seconds.
+constexpr double TIME_TO_MEET = 20.0;
+
+void check(int code, const char* call) {
+    if (code == OXM_MPI_SUCCESS)
+        return;
+    char text[OXM_MPI_MAX_ERROR_STRING] = "";
+    int length = 0;
+    OXM_MPI_Error_string(code, text, &length); // the text is empty if even that fails
+    throw std::runtime_error(std::string(call) + ": " + text);
+}
+#define CHECK(call) check(call, #call)
+
+/// What a rank has to say of a test.
+enum Outcome { PASSED = 0, FAILED = 1, SKIPPED = 2 };
+
+/// The ranks' talk about the tests, on a communicator of its own.
+class Conference {
+public:
+    Conference() {
+        int group = OXM_MPI_GROUP_NULL;
+        CHECK(OXM_MPI_Comm_group(OXM_MPI_COMM_WORLD, &group));
+        CHECK(OXM_MPI_Comm_create(OXM_MPI_COMM_WORLD, group, &_comm));
+        CHECK(OXM_MPI_Group_free(&group));
+        CHECK(OXM_MPI_Comm_rank(_comm, &_rank));
+        CHECK(OXM_MPI_Comm_size(_comm, &_size));
+    }
+
+    void close() { CHECK(OXM_MPI_Comm_free(&_comm)); }
+
+    int rank() const { return _rank; }
+    int size() const { return _size; }
+
+    std::vector<int> allGather(int value) const {
+        std::vector<int> values(static_cast<std::size_t>(_size));
+        CHECK(OXM_MPI_Allgather(&value, 1, OXM_MPI_INT, values.data(), 1, OXM_MPI_INT, _comm));
+        return values;
+    }
+
+    /// Each rank's text, on every rank.
+    std::vector<std::string> allGather(const std::string& text) const {
+        const std::vector<int> lengths = allGather(static_cast<int>(text.size()));
+        std::vector<int> displacements(lengths.size(), 0);
+        std::partial_sum(lengths.begin(), lengths.end() - 1, displacements.begin() + 1);
+        std::string all(static_cast<std::size_t>(displacements.back() + lengths.back()), ' ');
+        CHECK(OXM_MPI_Allgatherv(text.data(), static_cast<int>(text.size()), OXM_MPI_CHAR, all.data(),
+                                 lengths.data(), displacements.data(), OXM_MPI_CHAR, _comm));
+        std::vector<std::string> texts;
+        for (std::size_t i = 0; i < lengths.size(); ++i)
+            texts.push_back(
+                all.substr(static_cast<std::size_t>(displacements[i]), static_cast<std::size_t>(lengths[i])));
+        return texts;
+    }
+
+    /// Ends the job if the ranks aren't about to do the same thing.
+    void agreeOn(const std::string& step) const {
+        const std::vector<std::string> steps = allGather(step);
+        for (const std::string& other : steps)
+            if (other != steps.front()) {
+                if (_rank == 0)
+                    for (std::size_t i = 0; i < steps.size(); ++i)
+                        std::fprintf(stderr, "[ DISAGREE ] rank %zu runs %s\n", i, steps[i].c_str());
+                // The others give rank 0 the time to tell.
+                if (OXM_MPI_Barrier(_comm) == OXM_MPI_SUCCESS)
+                    std::_Exit(EXIT_DIFFERENT_TESTS);
+                std::abort();
+            }
+    }
+
+private:
+    int _comm = OXM_MPI_COMM_NULL;
+    int _rank = 0;
+    int _size = 0;
+};
+
+std::string listRanks(const std::vector<int>& outcomes, int outcome) {
+    std::string text;
+    for (std::size_t i = 0; i < outcomes.size(); ++i)
+        if (outcomes[i] == outcome)
+            text.append(text.empty() ? "" : " ").append(std::to_string(i));
+    return text;
+}
+
+/// Keeps the ranks in step, and brings their failures to rank 0.
+class Chairman : public testing::EmptyTestEventListener {
+public:
+    Chairman(const Conference& conference, ParallelTestWatchdog& watchdog, double timeLimit)
+        : _conference(conference), _watchdog(watchdog), _timeLimit(timeLimit) {}
+
+    bool hasFailed() const { return _hasFailed; }
+
+private:
+    void OnTestStart(const testing::TestInfo& test) override {
+        const std::string name = std::string(test.test_suite_name()) + "." + test.name();
+        _watchdog.begin("the test " + name, _timeLimit + TIME_TO_MEET);
+        _watchdog.setState("waits for the other ranks to begin it");
+        _conference.agreeOn(name);
+        _watchdog.begin("the test " + name, _timeLimit);
+    }
+
+    void OnTestPartResult(const testing::TestPartResult& result) override {
+        if (!result.failed() || _isReporting)
+            return;
+        std::ostringstream text;
+        text << (result.file_name() ? result.file_name() : "unknown file") << ":" << result.line_number()
+             << ": " << result.message() << "\n";
+        const std::lock_guard lock(_mutex);
+        _failures += text.str();
+        _watchdog.addFailure(text.str());
+    }
+
+    void OnTestEnd(const testing::TestInfo& test) override {
+        _watchdog.setState("has left it and waits for the other ranks");
+        report(test.result()->Skipped() ? SKIPPED : PASSED);
+    }
+
+    void OnTestProgramEnd(const testing::UnitTest&) override {
+        _watchdog.begin("the end of the tests", _timeLimit);
+        _conference.agreeOn("the end of the tests");
+        report(PASSED);
+    }
+
+    /// Collective. What other ranks failed in since the last report becomes a failure of rank 0.
+    void report(Outcome outcome) {
+        const std::vector<int> outcomes = _conference.allGather(_failures.empty() ? outcome : FAILED);
+        const std::string failed = listRanks(outcomes, FAILED);
+        const std::string skipped = listRanks(outcomes, SKIPPED);
+        const std::string passed = listRanks(outcomes, PASSED);
+        const bool isSplit = failed.empty() && !skipped.empty() && !passed.empty();
+        _hasFailed |= !failed.empty() || isSplit;
+        if (!failed.empty())
+            showFailures(_conference.allGather(_failures), failed);
+        if (isSplit && _conference.rank() == 0)
+            fail("Skipped on ranks " + skipped + " and run on ranks " + passed);
+        const std::lock_guard lock(_mutex);
+        _failures.clear();
+    }
+
+    void showFailures(const std::vector<std::string>& failures, const std::string& ranks) {
+        if (_conference.rank() != 0)
+            return;
+        for (std::size_t i = 1; i < failures.size(); ++i)
+            if (!failures[i].empty())
+                fail("Failed on rank " + std::to_string(i) + ":\n" + failures[i]);
+        if (ranks != "0")
+            std::printf("[  RANKS   ] failed on ranks %s of %d\n", ranks.c_str(), _conference.size());
+    }
+
+    void fail(const std::string& text) {
+        _isReporting = true;
+        ADD_FAILURE() << text;
+        _isReporting = false;
+    }
+
+    const Conference& _conference;
+    ParallelTestWatchdog& _watchdog;
+    double _timeLimit;
+    std::mutex _mutex;
+    std::string _failures;
+    bool _isReporting = false;
+    bool _hasFailed = false;
+};
+
+ParallelTestWatchdog* theWatchdog = nullptr;
+int theRank = 0;
+int theSize = 1;
+std::string theDriver;
+
+/// Takes an own option out of the command line.
+double takeTimeLimit(int& argc, char** argv) {
+    constexpr std::string_view OPTION = "--test-seconds=";
+    double seconds = 30.0;
+    int kept = 0;
+    for (int i = 0; i < argc; ++i) {
+        if (std::string_view(argv[i]).starts_with(OPTION))
+            seconds = std::strtod(argv[i] + OPTION.size(), nullptr);
+        else
+            argv[kept++] = argv[i];
+    }
+    argc = kept;
+    argv[argc] = nullptr;
+    return seconds;
+}
+
+int runTests(int& argc, char** argv, ParallelTestWatchdog& watchdog, double timeLimit) {
+    Conference conference;
+    theRank = conference.rank();
+    theSize = conference.size();
+    watchdog.setRank(theRank, theSize);
+    testing::InitGoogleTest(&argc, argv);
+    testing::TestEventListeners& listeners = testing::UnitTest::GetInstance()->listeners();
+    if (theRank != 0) {
+        delete listeners.Release(listeners.default_result_printer());
+        delete listeners.Release(listeners.default_xml_generator());
+    }
+    auto* const chairman = new Chairman(conference, watchdog, timeLimit);
+    listeners.Append(chairman); // owns it
+    const bool isGood = RUN_ALL_TESTS() == 0 && !chairman->hasFailed();
+    conference.close();
+    return isGood ? EXIT_SUCCESS : EXIT_FAILURE;
+}
+
+} // namespace
+
+int ParallelTest::rank() {
+    return theRank;
+}
+int ParallelTest::size() {
+    return theSize;
+}
+const char* ParallelTest::driver() {
+    return theDriver.c_str();
+}
+void ParallelTest::setTimeLimit(double seconds) {
+    theWatchdog->setTimeLimit(seconds);
+}
+
+int main(int argc, char** argv) {
+    const double timeLimit = takeTimeLimit(argc, argv);
+    for (int i = 1; i + 1 < argc; ++i)
+        if (std::string_view(argv[i]) == "-mpi")
+            theDriver = argv[i + 1];
+    ParallelTestWatchdog watchdog;
+    theWatchdog = &watchdog;
+    int result = EXIT_FAILURE;
+    try {
+        watchdog.begin("the start of the message layer", timeLimit);
+        ParallelTest::startMessageLayer(argc, argv);
+        result = runTests(argc, argv, watchdog, timeLimit);
+        watchdog.begin("the end of the message layer", timeLimit);
+        ParallelTest::stopMessageLayer();
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "[  FAILED  ] rank %d of %d: %s\n", theRank, theSize, error.what());
+        std::_Exit(EXIT_FAILURE);
+    }
+    return result;
+}

@@ -1,0 +1,117 @@
+#!/usr/bin/env python3
+"""Runs a program as a job of one MPI, once for each rank count, and cleans up behind it.
+
+    run-ranks.py --mpi openmpi4 --launcher PATH --ranks 1,2,3 [--seconds 60] [--expect REGEX]... -- PROGRAM [ARG...]
+
+The program gets "-mpi" and the driver's name behind its own arguments ({mpi} in an argument becomes that name).
+Without --expect each run must end with exit value 0. With it each run must fail, and its output must hold each of
+the expressions. A run that takes longer than its seconds is ended with all its processes and has failed.
+"""
+import argparse
+import os
+import pathlib
+import re
+import signal
+import subprocess
+import sys
+import time
+import uuid
+
+MARK = "ORVEX_TEST_JOB"
+
+
+def parse_arguments():
+    parser = argparse.ArgumentParser(usage=__doc__)
+    parser.add_argument("--mpi", required=True, choices=["openmpi4", "mpich2"])
+    parser.add_argument("--launcher", required=True)
+    parser.add_argument("--ranks", required=True, type=lambda text: [int(n) for n in text.split(",")])
+    parser.add_argument("--seconds", type=float, default=60.0)
+    parser.add_argument("--expect", action="append", default=[])
+    parser.add_argument("--driver", help="the driver's name if it isn't the launcher's own")
+    parser.add_argument("program", nargs="+")
+    return parser.parse_args()
+
+
+def launcher_command(mpi, launcher, ranks):
+    if mpi == "mpich2":
+        return [launcher, "-n", str(ranks)]
+    command = [launcher, "--oversubscribe", "--bind-to", "none"]
+    if os.geteuid() == 0:
+        command.append("--allow-run-as-root")
+    return command + ["-np", str(ranks)]
+
+
+def marked_processes(mark):
+    """All processes of a run, whoever their parent is by now."""
+    needle = f"{MARK}={mark}".encode()
+    found = []
+    for entry in pathlib.Path("/proc").iterdir():
+        if not entry.name.isdigit() or int(entry.name) == os.getpid():
+            continue
+        try:
+            if needle in (entry / "environ").read_bytes().split(b"\0"):
+                found.append(int(entry.name))
+        except OSError:
+            pass  # ended meanwhile, or not ours
+    return found
+
+
+def end_processes(mark):
+    """Ends what a run left; returns how many processes that were."""
+    left = marked_processes(mark)
+    for number, patience in ((signal.SIGTERM, 3.0), (signal.SIGKILL, 3.0)):
+        for pid in marked_processes(mark):
+            try:
+                os.kill(pid, number)
+            except ProcessLookupError:
+                pass
+        end = time.monotonic() + patience
+        while marked_processes(mark) and time.monotonic() < end:
+            time.sleep(0.05)
+    return len(left)
+
+
+def run(arguments, ranks):
+    """One job; returns what is wrong with it, or None."""
+    driver = arguments.driver or arguments.mpi
+    mark = uuid.uuid4().hex
+    command = launcher_command(arguments.mpi, arguments.launcher, ranks)
+    command += [argument.replace("{mpi}", driver) for argument in arguments.program] + ["-mpi", driver]
+    start = time.monotonic()
+    process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                               env=dict(os.environ, **{MARK: mark}), start_new_session=True)
+    try:
+        output, _ = process.communicate(timeout=arguments.seconds)
+        value = process.returncode
+    except subprocess.TimeoutExpired:
+        value = None
+    left = end_processes(mark)
+    if value is None:
+        process.kill()
+        output, _ = process.communicate()
+    text = output.decode(errors="replace")
+    print(f"--- {ranks} ranks, {time.monotonic() - start:.1f} s, exit value {value} " + "-" * 30, flush=True)
+    print(text, flush=True)
+    if value is None:
+        return f"didn't end within {arguments.seconds:g} s; {left} processes were ended"
+    if not arguments.expect:
+        return f"exit value {value}" if value else None
+    if value == 0:
+        return "exit value 0, a failure was expected"
+    missing = [expression for expression in arguments.expect if not re.search(expression, text, re.M)]
+    return f"the output has no {missing}" if missing else None
+
+
+def main():
+    arguments = parse_arguments()
+    failures = []
+    for ranks in arguments.ranks:
+        failure = run(arguments, ranks)
+        if failure:
+            failures.append(f"{ranks} ranks: {failure}")
+    for failure in failures:
+        print(f"run-ranks: {arguments.mpi}, {failure}")
+    return 1 if failures else 0
+
+
+sys.exit(main())
