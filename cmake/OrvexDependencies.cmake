@@ -10,3 +10,17 @@ pkg_check_modules(MPICH IMPORTED_TARGET mpich)
 
 # Behind OS::Log.
 find_package(spdlog REQUIRED)
+
+# Behind Properties: RapidJSON (headers alone) for its JSON, pugixml for its XML.
+find_package(RapidJSON REQUIRED)
+find_package(pugixml REQUIRED)
+
+# Behind the keys of sessions.
+find_package(OpenSSL REQUIRED COMPONENTS Crypto)
+
+# Behind the server's sockets: standalone asio (headers alone).
+find_path(ASIO_INCLUDE_DIR asio.hpp REQUIRED)
+
+# Behind orvexctl: its command line, its prompt.
+find_package(CLI11 REQUIRED)
+pkg_check_modules(LIBEDIT REQUIRED IMPORTED_TARGET libedit)

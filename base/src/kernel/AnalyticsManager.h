@@ -10,7 +10,7 @@ namespace Analytics {
 class Event;
 
 /// Writes events to the record: one JSON object a line, the oldest dropped when the file grows beyond its
-/// bound. One thread at a time; other processes may write to the same record.
+/// bound. One thread at a time. Two processes that write at the same moment may lose one of their events.
 class ORVEX_KERNEL_EXPORT Manager {
 public:
     static constexpr std::size_t MAX_RECORD_SIZE = std::size_t(1) << 18; ///< [bytes]

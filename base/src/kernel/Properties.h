@@ -10,8 +10,14 @@
 
 /// A tree of keys in the order in which they were set.
 ///
-/// Its text form is JSON (RFC 8259) on one line, `{}` when empty, and toString() and the constructor from that
-/// text round-trip exactly: 64-bit integers, non-finite reals, embedded zeros, wide text (as UTF-8).
+/// Its text form is JSON (RFC 8259) on one line, `{}` when empty, and toString() and the constructor from
+/// that text round-trip exactly: 64-bit integers, non-finite reals, embedded zeros, wide text (as UTF-8). A
+/// real has a fraction or an exponent in the text, an integer neither. A real that isn't finite is the object
+/// {"$real":"nan"}, {"$real":"inf"} or {"$real":"-inf"}.
+///
+/// Narrow text is UTF-8; each byte that isn't part of it becomes U+FFFD when it is set. Text that is parsed
+/// must be UTF-8 without fault. What JSON calls null can be parsed and written, but no getter takes it.
+///
 /// A value type; one thread at a time.
 class ORVEX_KERNEL_EXPORT Properties {
 public:
@@ -34,6 +40,7 @@ public:
     Properties& operator=(Properties&&) noexcept;
     ~Properties();
 
+    /// The same keys in the same order with the same values, kinds of numbers included; NaN equals NaN.
     bool operator==(const Properties&) const;
 
     /// One line of JSON.
@@ -67,8 +74,8 @@ public:
     void set(const std::string& key, const std::vector<std::wstring>& value, Mode mode = Mode::REPLACE);
     void set(const std::string& key, const std::vector<Properties>& value, Mode mode = Mode::REPLACE);
 
-    // Getters convert between number types where nothing is lost. A missing key, a value of another type or out
-    // of range is an InputError that names the key, what stands there and what was expected.
+    // Getters convert between number types where nothing is lost. A missing key, a value of another type or
+    // out of range is an InputError that names the key, what stands there and what was expected.
     std::string getString(const std::string& key) const;
     std::wstring getOrvexString(const std::string& key) const;
     int getInt(const std::string& key) const;

@@ -14,7 +14,7 @@
 /// fault there ends it at once, and so does a fault whose handling doesn't come to an end within
 /// FAULT_TIME_LIMIT.
 ///
-/// SIGTERM, SIGINT and SIGHUP that others send go to the stop callback, on a thread of their own. A broken
+/// SIGTERM and SIGINT that others send go to the stop callback, on a thread of their own. A broken
 /// pipe is never a signal.
 class ORVEX_KERNEL_EXPORT SignalHandler {
 public:
@@ -35,7 +35,7 @@ public:
     /// Ends the process, and in a job all of it; called on the thread at fault. None: the process ends with a
     /// core image where the system makes one. Any thread.
     static void setAbortCallback(std::function<void()> callback);
-    /// Called, with the signal's number, for each SIGTERM, SIGINT and SIGHUP, on a thread of its own. An
-    /// empty function gives the three back to the system. Main thread.
+    /// Called, with the signal's number, for each SIGTERM and SIGINT, on a thread of its own. An
+    /// empty function gives both back to the system. Main thread.
     static void setStopCallback(std::function<void(int signal)> callback);
 };

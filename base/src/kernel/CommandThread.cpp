@@ -1,0 +1,20 @@
+#include "kernel/CommandThread.h"
+
+#include "kernel/Command.h"
+
+#include <utility>
+
+CommandThread::CommandThread(Command& command, Controller::QueuedCommand request, Work work,
+                             std::function<void()> finished)
+    : _command(command), _request(std::move(request)), _work(std::move(work)),
+      _onFinished(std::move(finished)), _info{command.getName(), _request.client,
+                                              std::chrono::system_clock::now()},
+      _thread(*this, "orvex-command") {}
+
+CommandThread::~CommandThread() = default;
+
+void CommandThread::run() {
+    _work(_command, _request.command, _response);
+    _finished.store(true, std::memory_order_release);
+    _onFinished();
+}

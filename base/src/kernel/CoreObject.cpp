@@ -1,0 +1,3 @@
+#include "kernel/CoreObject.h"
+
+CoreObject::~CoreObject() = default;

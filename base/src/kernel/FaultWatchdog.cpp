@@ -1,0 +1,59 @@
+#include "kernel/FaultWatchdog.h"
+
+#include "platform/Io.h"
+#include "platform/Time.h"
+
+#include <cstdlib>
+#include <string_view>
+
+FaultWatchdog::FaultWatchdog() = default;
+
+FaultWatchdog::~FaultWatchdog() {
+    stop();
+}
+
+void FaultWatchdog::start() {
+    _stopped = false;
+    _thread = std::thread([this] { watch(); });
+}
+
+void FaultWatchdog::stop() {
+    if (!_thread.joinable())
+        return;
+    _stopped = true;
+    ++_bell;
+    _bell.notify_one();
+    _thread.join();
+}
+
+void FaultWatchdog::arm(int signal, double limit) {
+    _signal = signal;
+    _limit = limit;
+    ++_armed;
+    ++_bell;
+    _bell.notify_one();
+}
+
+void FaultWatchdog::disarm() {
+    --_armed;
+}
+
+void FaultWatchdog::watch() {
+    constexpr double STEP = 0.02; // [s]
+    constexpr std::string_view MESSAGE = "\nThe handling of a fault came to no end: the process ends.\n";
+    while (!_stopped) {
+        const int bell = _bell;
+        if (_armed == 0) {
+            _bell.wait(bell);
+            continue;
+        }
+        const double end = Platform::time().getTime() + _limit;
+        while (_armed != 0 && !_stopped && Platform::time().getTime() < end)
+            Platform::time().sleep(STEP);
+        if (_armed == 0 || _stopped)
+            continue;
+        // Nothing is left to do when this can't be written.
+        static_cast<void>(Platform::io().write(2, MESSAGE.data(), MESSAGE.size()));
+        std::_Exit(128 + _signal);
+    }
+}

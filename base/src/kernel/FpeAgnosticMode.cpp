@@ -1,0 +1,3 @@
+#include "kernel/FpeAgnosticMode.h"
+
+bool FpeAgnosticMode::_active = false;

@@ -1,0 +1,3 @@
+#include "kernel/Observer.h"
+
+Observer::~Observer() = default;

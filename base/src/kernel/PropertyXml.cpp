@@ -1,0 +1,238 @@
+#include "kernel/PropertyXml.h"
+
+#include "kernel/Properties.h"
+#include "kernel/Raise.h"
+#include "platform/Base64Encoder.h"
+#include "platform/StringHelper.h"
+
+#include <pugixml.hpp>
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <limits>
+#include <optional>
+#include <type_traits>
+#include <utility>
+
+namespace PropertyXml {
+
+using PropertyTree::Array;
+using PropertyTree::makeInteger;
+using PropertyTree::Member;
+using PropertyTree::Tree;
+using PropertyTree::Value;
+
+namespace {
+
+[[noreturn]] void raiseMalformed(const std::string& reason) {
+    raise(InputError("Malformed XML: " + reason));
+}
+
+void checkDepth(unsigned depth) {
+    ORVEX_ASSERT(depth <= Properties::MAX_DEPTH, "A Properties is nested too deep to be written");
+}
+
+bool isXmlName(const std::string& name) {
+    constexpr std::string_view LETTERS = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz_";
+    constexpr std::string_view OTHERS = "0123456789-.";
+    return !name.empty() && LETTERS.find(name.front()) != std::string_view::npos &&
+           std::all_of(name.begin(), name.end(), [&](char c) {
+               return LETTERS.find(c) != std::string_view::npos || OTHERS.find(c) != std::string_view::npos;
+           });
+}
+
+/// Control characters have no place in XML; a carriage return would come back as a line feed elsewhere.
+bool fitsXml(std::string_view text) {
+    return std::all_of(text.begin(), text.end(), [](char c) {
+        return static_cast<unsigned char>(c) >= 0x20 || c == '\t' || c == '\n';
+    });
+}
+
+void setText(pugi::xml_node node, const std::string& text) {
+    node.text().set(text.c_str());
+}
+
+void writeTree(const Tree& tree, pugi::xml_node parent, unsigned depth);
+
+void writeReal(double value, pugi::xml_node parent) {
+    char text[40];
+    const char* end = std::to_chars(text, text + sizeof text, value).ptr;
+    setText(parent.append_child("double"), std::string(text, static_cast<std::size_t>(end - text)));
+}
+
+void writeText(const std::string& text, pugi::xml_node parent) {
+    if (fitsXml(text))
+        setText(parent.append_child("string"), text);
+    else
+        setText(parent.append_child("base64"), Base64Encoder::encode(text));
+}
+
+void writeValue(const Value& value, pugi::xml_node parent, unsigned depth) {
+    std::visit(
+        [&](const auto& data) {
+            using T = std::decay_t<decltype(data)>;
+            if constexpr (std::is_same_v<T, std::monostate>) {
+                parent.append_child("nil");
+            } else if constexpr (std::is_same_v<T, bool>) {
+                setText(parent.append_child("boolean"), data ? "1" : "0");
+            } else if constexpr (std::is_integral_v<T>) {
+                setText(parent.append_child(std::is_signed_v<T> ? "i8" : "u8"), std::to_string(data));
+            } else if constexpr (std::is_same_v<T, double>) {
+                writeReal(data, parent);
+            } else if constexpr (std::is_same_v<T, std::string>) {
+                writeText(data, parent);
+            } else if constexpr (std::is_same_v<T, Array>) {
+                checkDepth(depth + 1);
+                pugi::xml_node list = parent.append_child("array").append_child("data");
+                for (const Value& element : data)
+                    writeValue(element, list.append_child("value"), depth + 1);
+            } else {
+                writeTree(data, parent, depth + 1);
+            }
+        },
+        value.data);
+}
+
+void writeTree(const Tree& tree, pugi::xml_node parent, unsigned depth) {
+    checkDepth(depth);
+    pugi::xml_node node = parent.append_child("struct");
+    for (const Member& member : tree.getMembers()) {
+        pugi::xml_node child = node.append_child("member");
+        pugi::xml_node name = child.append_child("name");
+        if (!fitsXml(member.key))
+            name.append_attribute("encoding").set_value("base64");
+        setText(name, fitsXml(member.key) ? member.key : Base64Encoder::encode(member.key));
+        writeValue(member.value, child.append_child("value"), depth);
+    }
+}
+
+/// The character data directly below `node`.
+std::string getText(pugi::xml_node node) {
+    std::string text;
+    for (const pugi::xml_node child : node.children())
+        if (child.type() == pugi::node_pcdata || child.type() == pugi::node_cdata)
+            text += child.value();
+    return text;
+}
+
+pugi::xml_node firstElement(pugi::xml_node node) {
+    return node.find_child([](pugi::xml_node child) { return child.type() == pugi::node_element; });
+}
+
+std::string decodeBase64(const std::string& text) {
+    std::string error;
+    const std::optional<std::string> bytes = Base64Encoder::decodeBytes(text, &error);
+    if (!bytes)
+        raiseMalformed("\"" + text.substr(0, 60) + "\" isn't Base64: " + error);
+    if (!StringHelper::isValidUtf8(*bytes))
+        raiseMalformed("a text in Base64 isn't UTF-8");
+    return *bytes;
+}
+
+template <class T>
+T parseNumber(const std::string& text, const char* kind) {
+    T number{};
+    const char* end = text.data() + text.size();
+    const auto [stop, code] = std::from_chars(text.data(), end, number);
+    if (code != std::errc() || stop != end)
+        raiseMalformed("\"" + text.substr(0, 60) + "\" isn't a number of the kind \"" + kind + "\"");
+    return number;
+}
+
+void checkParsedDepth(unsigned depth) {
+    if (depth > Properties::MAX_DEPTH)
+        raiseMalformed("it is nested deeper than " + std::to_string(Properties::MAX_DEPTH) + " levels");
+}
+
+Tree parseTree(pugi::xml_node node, unsigned depth);
+
+/// The value below the "value" element `node`.
+Value parseValue(pugi::xml_node node, unsigned depth) {
+    const pugi::xml_node typed = firstElement(node);
+    const std::string_view kind = typed.name();
+    if (!typed)
+        return Value(getText(node));
+    if (kind == "struct")
+        return Value(parseTree(typed, depth + 1));
+    if (kind == "array") {
+        checkParsedDepth(depth + 1);
+        Array array;
+        for (const pugi::xml_node element : typed.child("data").children("value"))
+            array.push_back(parseValue(element, depth + 1));
+        return Value(std::move(array));
+    }
+    const std::string text = getText(typed);
+    if (kind == "string")
+        return Value(text);
+    if (kind == "base64")
+        return Value(decodeBase64(text));
+    if (kind == "i8" || kind == "i4" || kind == "int")
+        return makeInteger(parseNumber<std::int64_t>(text, "integer"));
+    if (kind == "u8")
+        return makeInteger(parseNumber<std::uint64_t>(text, "natural"));
+    if (kind == "double")
+        return Value(parseNumber<double>(text, "real"));
+    if (kind == "boolean" && (text == "0" || text == "1"))
+        return Value(text == "1");
+    if (kind == "nil")
+        return Value();
+    raiseMalformed("a value of the kind \"" + std::string(kind.substr(0, 60)) + "\" isn't known");
+}
+
+Tree parseTree(pugi::xml_node node, unsigned depth) {
+    checkParsedDepth(depth);
+    std::vector<Member> members;
+    for (const pugi::xml_node child : node.children("member")) {
+        const pugi::xml_node name = child.child("name");
+        const bool encoded = std::string_view(name.attribute("encoding").value()) == "base64";
+        if (!name || !child.child("value"))
+            raiseMalformed("a member has no name or no value");
+        members.push_back(Member{encoded ? decodeBase64(getText(name)) : getText(name),
+                                 parseValue(child.child("value"), depth)});
+    }
+    Tree tree;
+    if (const std::string* key = tree.assign(std::move(members)))
+        raiseMalformed("the key \"" + *key + "\" stands there twice");
+    return tree;
+}
+
+class StringWriter : public pugi::xml_writer {
+public:
+    void write(const void* data, std::size_t size) override {
+        text.append(static_cast<const char*>(data), size);
+    }
+    std::string text;
+};
+
+} // namespace
+
+std::string write(const Tree& tree, const std::string& rootName) {
+    ORVEX_ASSERT(isXmlName(rootName), "\"" + rootName + "\" can't name an XML element");
+    pugi::xml_document document;
+    writeTree(tree, document.append_child(rootName.c_str()), 1);
+    StringWriter writer;
+    document.save(writer, "", pugi::format_raw | pugi::format_no_declaration, pugi::encoding_utf8);
+    return std::move(writer.text);
+}
+
+Tree parse(std::string_view xml) {
+    if (xml.size() > Properties::MAX_TEXT_SIZE)
+        raiseMalformed("its " + std::to_string(xml.size()) + " bytes are more than the limit of " +
+                       std::to_string(Properties::MAX_TEXT_SIZE));
+    if (xml.find('\0') != std::string_view::npos || !StringHelper::isValidUtf8(xml))
+        raiseMalformed("it isn't UTF-8 text without zero bytes");
+    constexpr unsigned FLAGS = pugi::parse_escapes | pugi::parse_cdata | pugi::parse_ws_pcdata_single;
+    pugi::xml_document document;
+    const pugi::xml_parse_result result =
+        document.load_buffer(xml.data(), xml.size(), FLAGS, pugi::encoding_utf8);
+    if (!result)
+        raiseMalformed(std::string(result.description()) + " at byte " + std::to_string(result.offset));
+    const pugi::xml_node root = firstElement(document);
+    const pugi::xml_node tree = firstElement(root);
+    if (std::string_view(tree.name()) != "struct")
+        raiseMalformed("a root element with one struct was expected");
+    return parseTree(tree, 1);
+}
+
+} // namespace PropertyXml

@@ -1,0 +1,3 @@
+#include "kernel/Serializable.h"
+
+Serializable::~Serializable() = default;

@@ -1,0 +1,219 @@
+#include "kernel/SignalHandler.h"
+
+#include "kernel/Controller.h"
+#include "kernel/Error.h"
+#include "kernel/FaultWatchdog.h"
+#include "kernel/Raise.h"
+#include "kernel/Subject.h"
+#include "platform/FpuHandling.h"
+#include "platform/Io.h"
+#include "platform/Log.h"
+#include "platform/Signals.h"
+#include "platform/StackTracer.h"
+#include "platform/StringHelper.h"
+#include "platform/Thread.h"
+#include "platform/Time.h"
+
+#include <atomic>
+#include <csignal>
+#include <cstdlib>
+#include <exception>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+bool SignalHandler::_catchFpeSignals = false;
+
+namespace {
+
+constexpr const char* SIGNAL_TAG = "Signal";
+constexpr const char* SIGNAL_NUMBER_TAG = "SignalNumber";
+constexpr const char* ADDRESS_TAG = "Address";
+constexpr std::size_t MAX_TRACE_FRAMES = 48;
+constexpr int STANDARD_ERROR = 2;
+
+/// How far this thread is in the handling of a fault.
+enum class FaultState { NONE, HANDLING, ENDING };
+constinit thread_local FaultState faultState __attribute__((tls_model("initial-exec"))) = FaultState::NONE;
+
+bool installed = false;
+/// What it pointed to before is never freed: a fault may be about to call it.
+std::atomic<const std::function<void()>*> abortCallback{nullptr};
+std::atomic<bool> processEnds{false};
+std::terminate_handler terminateBefore = nullptr;
+
+/// Not a function-local object: it must be there when the first fault strikes.
+FaultWatchdog watchdog;
+
+const std::vector<int>& faultSignals() {
+    static const std::vector<int> signals{Platform::Signals::SEGMENTATION, Platform::Signals::BUS_ERROR,
+                                          Platform::Signals::ILLEGAL, Platform::Signals::FLOATING_POINT};
+    return signals;
+}
+
+void print(const std::string& text) {
+    // Nothing is left to do when even this fails.
+    static_cast<void>(Platform::io().write(STANDARD_ERROR, text.data(), text.size()));
+}
+
+/// Ends the process through the abort callback; the first thread does it, any other one waits for the end.
+[[noreturn]] void endProcess(int signal) {
+    if (processEnds.exchange(true))
+        while (true)
+            Platform::time().sleep(SignalHandler::FAULT_TIME_LIMIT);
+    faultState = FaultState::ENDING;
+    watchdog.arm(signal, SignalHandler::FAULT_TIME_LIMIT);
+    if (const std::function<void()>* callback = abortCallback.load())
+        (*callback)();
+    std::set_terminate(nullptr);
+    std::abort();
+}
+
+/// A fault that strikes while this thread handles another one.
+[[noreturn]] void endInFault(int signal, int code) {
+    if (faultState == FaultState::ENDING)
+        std::_Exit(128 + signal);
+    faultState = FaultState::ENDING;
+    print("\nFault in the handling of a fault: " + Platform::Signals::getFaultText(signal, code) + "\n");
+    Platform::error().writeStackTrace(STANDARD_ERROR, MAX_TRACE_FRAMES);
+    endProcess(signal);
+}
+
+/// Prints a fault whose error could not pass; every other exception keeps the course that it had.
+void onTerminate() {
+    if (const std::exception_ptr current = std::current_exception()) {
+        try {
+            std::rethrow_exception(current);
+        } catch (const Error& error) {
+            const Properties& properties = error.getProperties();
+            if (properties.hasName(SIGNAL_NUMBER_TAG)) {
+                std::string text = std::string("\nFault where no error can pass: ") + error.what() + "\n";
+                std::istringstream trace(properties.getString(Error::STACK_TRACE_TAG));
+                for (std::string line; std::getline(trace, line);)
+                    text += "  " + line + "\n";
+                print(text);
+                endProcess(properties.getInt(SIGNAL_NUMBER_TAG));
+            }
+        } catch (...) {
+            // Not ours.
+        }
+    }
+    if (terminateBefore != nullptr)
+        terminateBefore();
+    std::abort();
+}
+
+/// Stands before whatever terminate handler is installed by now.
+void watchTerminate() {
+    const std::terminate_handler now = std::get_terminate();
+    if (now == onTerminate)
+        return;
+    terminateBefore = now;
+    std::set_terminate(onTerminate);
+}
+
+bool isFloatingPointTrap(int signal, const std::string& text) {
+    return signal == Platform::Signals::FLOATING_POINT && text.find("integer") == std::string::npos;
+}
+
+Properties describeFault(int signal, const std::string& text, void* address) {
+    const void* frames[MAX_TRACE_FRAMES];
+    const std::size_t count = Platform::error().capture(frames, MAX_TRACE_FRAMES, 2);
+    std::ostringstream where;
+    where << address;
+    Properties properties;
+    properties.set(SIGNAL_TAG, Platform::Signals::getName(signal));
+    properties.set(SIGNAL_NUMBER_TAG, signal);
+    properties.set(ADDRESS_TAG, where.str());
+    properties.set(Error::MESSAGE_TAG, text);
+    properties.set(Error::STACK_TRACE_TAG,
+                   StringHelper::join(Platform::error().resolve(frames, count), "\n"));
+    return properties;
+}
+
+void tellObservers(Properties properties) {
+    try {
+        Controller::getSingleton().getSignalRaisedObservable().notify(properties);
+    } catch (const std::exception& error) {
+        OS::Log::instance("Default").error("SignalHandler::tellObservers", "@0@", error.what());
+    }
+}
+
+/// The system gives a handler a clean floating-point environment, and an exception takes that along.
+void restoreTraps(bool isTrap) {
+    if (SignalHandler::_catchFpeSignals && (isTrap || Thread::isMain()))
+        SignalHandler::setCatchFpeSignals(true);
+}
+
+/// Turns the fault into an error on this thread.
+void onFault(int signal, int code, void* address) {
+    if (faultState != FaultState::NONE)
+        endInFault(signal, code);
+    faultState = FaultState::HANDLING;
+    watchdog.arm(signal, SignalHandler::FAULT_TIME_LIMIT);
+    const std::string text = Platform::Signals::getFaultText(signal, code);
+    const bool isTrap = isFloatingPointTrap(signal, text);
+    const Properties properties = describeFault(signal, text, address);
+    tellObservers(properties);
+    restoreTraps(isTrap);
+    watchTerminate();
+    watchdog.disarm();
+    faultState = FaultState::NONE;
+    if (!isTrap)
+        raise(NonRecoverableError(text, properties));
+    // One rank alone must not go on from here while the others wait for it, so this error is announced, too.
+    FloatingPointError error(text, Error::NON_RECOVERABLE_SEVERITY, properties);
+    announceRaise(error);
+    raise(std::move(error));
+}
+
+} // namespace
+
+void SignalHandler::setCatchFpeSignals(bool on) {
+    if (on) {
+        install();
+        FpuHandling::enableTraps(FpuEnvironmentAccessKey(), FpuHandling::ALL);
+    } else {
+        FpuHandling::disableTraps(FpuEnvironmentAccessKey(), FpuHandling::ALL);
+    }
+    _catchFpeSignals = on;
+}
+
+void SignalHandler::install() {
+    if (installed)
+        return;
+    watchdog.start();
+    Platform::signals().installFaultHandler(faultSignals(), onFault);
+    Platform::signals().ignore(SIGPIPE);
+    installed = true;
+}
+
+void SignalHandler::uninstall() {
+    if (!installed)
+        return;
+    Platform::signals().restoreDefaults(faultSignals());
+    watchdog.stop();
+    installed = false;
+}
+
+void SignalHandler::setAbortCallback(std::function<void()> callback) {
+    abortCallback.store(callback ? new std::function<void()>(std::move(callback)) : nullptr);
+}
+
+void SignalHandler::setStopCallback(std::function<void(int signal)> callback) {
+    if (!callback) {
+        Platform::signals().unwatch();
+        return;
+    }
+    Platform::signals().watch({Platform::Signals::TERMINATE, Platform::Signals::INTERRUPT},
+                              [callback = std::move(callback)](int signal) {
+                                  try {
+                                      callback(signal);
+                                  } catch (const std::exception& error) {
+                                      OS::Log::instance("Default").error("SignalHandler::setStopCallback",
+                                                                         "@0@", error.what());
+                                  }
+                              });
+}

@@ -1,0 +1,3 @@
+#include "kernel/ThreadParallelContext.h"
+
+unsigned ThreadParallelContext::_threadParallelContext = 0;
