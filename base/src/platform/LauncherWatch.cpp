@@ -11,7 +11,6 @@
 #include <cerrno>
 #include <poll.h>
 #include <string_view>
-#include <sys/pidfd.h>
 #include <system_error>
 #include <thread>
 #include <unistd.h>
@@ -165,7 +164,7 @@ bool LauncherWatch::start() {
         return false;
     _impl->ends.clear();
     for (const Ancestor& ancestor : _impl->ancestors)
-        _impl->ends.emplace_back(::pidfd_open(ancestor.pid, 0));
+        _impl->ends.emplace_back(ProcFs::openEndOfProcess(ancestor.pid));
     _impl->wake = std::make_unique<Pipe>();
     _impl->thread = startQuietThread("launcher-watch", [impl = _impl.get()] { impl->run(); });
     return true;

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <string_view>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace ProcFs {
@@ -60,6 +61,11 @@ std::optional<Stat> readStat(int pid) {
             stat.startStamp = static_cast<unsigned long long>(value);
     }
     return stat;
+}
+
+int openEndOfProcess(int pid) {
+    // The call itself: the header of the C library has no C linkage in some versions.
+    return static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
 }
 
 std::string readLink(const std::string& path) {

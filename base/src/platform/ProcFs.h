@@ -18,6 +18,9 @@ struct Stat {
 std::optional<Stat> readStat(int pid);
 /// A small file of the system, at most `maxBytes` of it; nothing when it can't be read.
 std::optional<std::string> readText(const std::string& path, std::size_t maxBytes = 1u << 20);
+/// A descriptor that becomes readable when the process ends; -1 when there is no such process or the system
+/// has no such descriptors.
+int openEndOfProcess(int pid);
 /// The path behind a symbolic link; empty, with errno set, when it can't be read.
 std::string readLink(const std::string& path);
 /// The executable of a process, without what the system adds when it was replaced; empty with errno set.

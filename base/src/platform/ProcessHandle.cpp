@@ -2,6 +2,7 @@
 
 #include "platform/ChildKeeper.h"
 #include "platform/Descriptor.h"
+#include "platform/ProcFs.h"
 #include "platform/ProcessHandleImpl.h"
 #include "platform/Time.h"
 
@@ -10,7 +11,6 @@
 #include <csignal>
 #include <fcntl.h>
 #include <poll.h>
-#include <sys/pidfd.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -53,7 +53,7 @@ bool ProcessHandle::Impl::poll() {
 bool ProcessHandle::Impl::waitUntil(double until) {
     if (poll())
         return true;
-    const Descriptor end(::pidfd_open(pid, 0));
+    const Descriptor end(ProcFs::openEndOfProcess(pid));
     while (!poll()) {
         const double left = until < 0.0 ? 3600.0 : until - Platform::time().getTime();
         if (left <= 0.0)
