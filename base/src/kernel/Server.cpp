@@ -6,6 +6,7 @@
 #include "kernel/Raise.h"
 #include "kernel/ServerService.h"
 #include "kernel/SessionLocator.h"
+#include "kernel/SingletonCleaner.h"
 #include "kernel/Task.h"
 
 #include "platform/FileSystem.h"
@@ -106,7 +107,9 @@ void Server::Impl::end() {
     runner.reset();
 }
 
-Server::Server() : _impl(std::make_unique<Impl>()) {}
+Server::Server() : _impl(std::make_unique<Impl>()) {
+    SingletonCleaner::registerReset(&Server::reset);
+}
 
 Server::~Server() {
     if (_impl->thread)
@@ -158,8 +161,13 @@ void Server::setLimits(const ServerLimits& limits) {
 
 void Server::start(const std::wstring& name, unsigned port) {
     _impl->begin(name, port, false);
-    while (_impl->service->runSome())
-        Controller::getSingleton().processQueuedCommands();
+    Controller& controller = Controller::getSingleton();
+    controller.setThreadedCommands(false);
+    while (_impl->service->runSome()) {
+        controller.processQueuedCommands();
+        if (_impl->service->stopRequested())
+            controller.processCommands(); // refuses what is queued
+    }
     if (_impl->serviceEndedCallback)
         _impl->serviceEndedCallback();
     _impl->end();

@@ -471,20 +471,17 @@ Properties ServerService::getStatus() const {
 Properties ServerService::listCommands(const Properties& params) const {
     const Controller& controller = Controller::getSingleton();
     std::vector<Properties> commands;
+    Properties result;
     if (params.hasName("name")) {
         const std::string name = params.getString("name");
-        const Command* command = controller.findCommand(name);
-        if (!command) {
-            const std::string nearest = controller.getNearestName(name);
-            raise(InputError("There is no command \"" + name + "\"" +
-                             (nearest.empty() ? "" : "; did you mean \"" + nearest + "\"?")));
-        }
-        commands.push_back(describeCommand(*command));
+        if (const Command* command = controller.findCommand(name))
+            commands.push_back(describeCommand(*command));
+        else
+            result.set("nearest", controller.getNearestName(name));
     } else {
         for (const Command* command : controller.getCommands())
             commands.push_back(describeCommand(*command));
     }
-    Properties result;
     result.set("commands", commands);
     return result;
 }

@@ -63,6 +63,7 @@ public:
     /// No request that is still unanswered will be answered any more.
     void expectNoAnswers();
     bool isRunning() const { return _running; }
+    bool stopRequested() const { return _stopRequested; }
     unsigned getPort() const { return _port; }
     const std::string& getName() const { return _settings.name; }
     void notify(const std::string& method, const Properties& params);

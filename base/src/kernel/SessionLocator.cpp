@@ -2,6 +2,7 @@
 
 #include "kernel/Properties.h"
 #include "kernel/Raise.h"
+#include "kernel/SingletonCleaner.h"
 
 #include "platform/FileSystem.h"
 #include "platform/Io.h"
@@ -79,7 +80,9 @@ struct SessionLocator::Impl {
     bool withdrawn = false;
 };
 
-SessionLocator::SessionLocator() : _impl(std::make_unique<Impl>()) {}
+SessionLocator::SessionLocator() : _impl(std::make_unique<Impl>()) {
+    SingletonCleaner::registerReset(&SessionLocator::reset);
+}
 
 SessionLocator::~SessionLocator() {
     withdraw();

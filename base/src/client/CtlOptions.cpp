@@ -1,0 +1,68 @@
+#include "client/CtlOptions.h"
+
+#include "kernel/OrvexVersion.h"
+
+#include <CLI/CLI.hpp>
+
+namespace {
+
+constexpr char DESCRIPTION[] =
+    "Drives a running server: one command, a script of them, or an interactive prompt.";
+
+constexpr char FOOTER[] = R"(
+Commands of orvexctl itself:
+  list-sessions          the sessions of this user, newest first
+  list-commands [NAME]   what the server can do; with NAME, its arguments and results
+  status                 what runs, since when, on whose behalf
+  cancel                 ask the task at work to end early
+  stop                   end the server in order: the command at work finishes first
+  abort [reason=TEXT]    take the whole job down at once
+
+Arguments are key=value; the command's help decides the type of a value. Without it, true, false and
+numbers are what they look like, [...] and {...} are JSON, and the rest is text. key='"1"' is the text 1;
+key:=JSON is taken as it stands. A script holds a command a line; # begins a comment.
+
+Without a command: a prompt, or the script on standard input when that isn't a terminal.
+
+Exit codes: 0 done, 1 the command failed, 2 wrong usage, 3 no server to connect to, 4 the server refuses this
+client, 5 the connection was lost, 6 time is up.
+
+Examples:
+  orvexctl GetHosts
+  orvexctl ListDir path=/data
+  orvexctl --json --session wing.sim GetTimes
+  orvexctl --file commands.txt)";
+
+} // namespace
+
+CtlOptions CtlOptions::parse(int argc, char** argv, std::optional<int>& exitCode) {
+    CtlOptions options;
+    double timeout = 0.0;
+    CLI::App app(DESCRIPTION, "orvexctl");
+    app.footer(FOOTER);
+    app.set_version_flag("--version", OrvexVersion::getVersionedProductName());
+    app.add_option("-s,--session", options.session,
+                   "Session by name or process number; default: the newest here");
+    app.add_option("--host", options.host, "Host of the server");
+    app.add_option("--port", options.port, "Port of the server")->check(CLI::Range(1u, 65535u));
+    app.add_option("--key-file", options.keyFile, "Session record that holds address and key");
+    app.add_option("-f,--file", options.script, "Script of commands; - is standard input");
+    app.add_option("--timeout", timeout,
+                   "Seconds to wait for an answer; default: as long as the server lives")
+        ->check(CLI::PositiveNumber);
+    app.add_flag("--json", options.json,
+                 "Answers as JSON, one object a line; the console goes to standard error");
+    app.add_flag("-q,--quiet", options.quiet, "Don't show what the server prints");
+    app.add_flag("-k,--keep-going", options.keepGoing, "A script goes on after an error");
+    app.add_option("command", options.words, "Command and its arguments, key=value");
+    try {
+        app.parse(argc, argv);
+        if (timeout > 0.0)
+            options.timeout = std::chrono::milliseconds(static_cast<long long>(timeout * 1000.0) + 1);
+        if (!options.script.empty() && !options.words.empty())
+            throw CLI::ValidationError("--file", "a script and a command can't both be given");
+    } catch (const CLI::ParseError& error) {
+        exitCode = app.exit(error) == 0 ? SUCCESS : USAGE_ERROR;
+    }
+    return options;
+}

@@ -1,0 +1,36 @@
+#pragma once
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <vector>
+
+/// How orvexctl ends.
+enum ExitCode : int {
+    SUCCESS = 0,
+    COMMAND_FAILED = 1, ///< the server ran the command, or a request to itself, and it failed
+    USAGE_ERROR = 2,
+    CANNOT_CONNECT = 3, ///< no session is there, or nobody answers
+    REFUSED = 4,        ///< wrong key, other version, or another client is connected
+    CONNECTION_LOST = 5,
+    TIMED_OUT = 6
+};
+
+/// What the user asked for.
+struct CtlOptions {
+    std::string session; ///< name or pid, empty: the newest
+    std::string host;
+    unsigned port = 0;
+    std::string keyFile;
+    std::string script; ///< path, "-" is standard input
+    bool json = false;
+    bool quiet = false;     ///< no console output of the server
+    bool keepGoing = false; ///< a script goes on after an error
+    bool help = false;
+    std::optional<std::chrono::milliseconds> timeout; ///< for an answer; none: as long as it takes
+    std::vector<std::string> words;                   ///< the command and its arguments
+
+    /// Reads the command line; prints what it asks to print or what is wrong with it.
+    /// @param exitCode  set when there is nothing more to do
+    static CtlOptions parse(int argc, char** argv, std::optional<int>& exitCode);
+};
