@@ -1,0 +1,809 @@
+#pragma once
+
+#include "kernel/Raise.h"
+#include "machine/MachineExport.h"
+#include "machine/MessageBuffers.h"
+#include "machine/MpiCore.h"
+#include "machine/PrimitiveArray.h"
+#include "machine/ReductionThunk.h"
+#include "machine/StructDatatype.h"
+
+#include <cstddef>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+class ExitStatus;
+class Properties;
+
+/// The type in which the length of a container travels between two ranks.
+using mssg_count_t = unsigned int;
+
+/// A set of ranks that talk to each other: the typed face of one MPI communicator.
+///
+/// What travels, in all typed operations:
+/// - a value of fixed size: a primitive type (bool, the character and integer types, float, double, long
+/// double,
+///   std::complex), an enumeration, a LocatedValue, a std::array of such, a struct with StructMembers;
+/// - a pointer with a count of such values;
+/// - a container of such values that can be resized, std::vector or std::string: its length travels first,
+/// and
+///   the receiver's takes that length;
+/// - a std::span: memory whose length all sides know already; only its content travels.
+/// Everything else, std::vector<bool> included, is refused by the compiler. Lengths, counts and displacements
+/// are in values, whatever these consist of.
+///
+/// All operations belong to the main thread, and those named collective must be called by all ranks of this
+/// communicator in the same order. They are refused, with an InternalError, while messaging is locked (see
+/// machine/MachineLocks.h) or from another thread. A failure of the message layer is a NonRecoverableError.
+/// Both are raised on this rank only, and leave the communicator usable.
+///
+/// Broadcasts, gathers and scatters cut a message that is larger than one call may carry; all others refuse
+/// it. Objects are held by std::unique_ptr, and die before MpiCore::finalize(), on all their ranks together.
+class ORVEX_MACHINE_EXPORT Communicator : private MessageBuffers {
+public:
+    using RequestStack = MpiCore::RequestStack;
+    using PersistentRequestStack = MpiCore::PersistentRequestStack;
+
+    /// What a reduction does to the values of all ranks, element by element.
+    enum Operation : int {
+        MAX = OXM_MPI_MAX,
+        MIN = OXM_MPI_MIN,
+        SUM = OXM_MPI_SUM,
+        PRODUCT = OXM_MPI_PROD,
+        BITWISE_AND = OXM_MPI_BAND,
+        BITWISE_OR = OXM_MPI_BOR,
+        LOGICAL_AND = OXM_MPI_LAND,
+        LOGICAL_OR = OXM_MPI_LOR,
+        LOGICAL_XOR = OXM_MPI_LXOR,
+        BITWISE_XOR = OXM_MPI_BXOR,
+        MAX_LOCATION = OXM_MPI_MAXLOC, ///< of LocatedValue
+        MIN_LOCATION = OXM_MPI_MINLOC  ///< of LocatedValue
+    };
+
+    /// A number that a message carries, so that a receiver can choose among messages.
+    class Tag {
+    public:
+        /// @param tag  below upper_bound(), or MpiCore::ANY_TAG where messages are received or probed
+        /// @throw InternalError for another value
+        constexpr Tag(unsigned tag) : _tag(static_cast<int>(tag)) {
+            if (!(tag < upper_bound() || tag == MpiCore::ANY_TAG)) [[unlikely]]
+                raiseOutOfBounds();
+        }
+        static constexpr unsigned upper_bound() { return 0x7FFF; }
+        constexpr int value() const { return _tag; }
+
+    private:
+        friend class Communicator;
+        struct Unchecked {};
+        constexpr Tag(Unchecked, int tag) : _tag(tag) {}
+        [[noreturn]] ORVEX_MACHINE_EXPORT static void raiseOutOfBounds();
+
+        int _tag;
+    };
+
+    /// Memory that the caller owns, as the buffer-level operations see it.
+    using MessageBuffers::BufferBase;
+    using MessageBuffers::ConstBufferBase;
+
+    /// An array of records that a function of the caller's reduces: the elements of a contiguous datatype,
+    /// which lives as long as this object. The records are borrowed.
+    class ORVEX_MACHINE_EXPORT CustomReductionBuffer {
+    public:
+        template <class T>
+        CustomReductionBuffer(T* records, std::size_t count)
+            : _contiguousType(allocateContiguous(strideOf<T>, viewOf<int>(records, 0).type)),
+              _buffer{records, castCount<int>(count), _contiguousType, sizeof(T)} {}
+        virtual ~CustomReductionBuffer();
+        CustomReductionBuffer(const CustomReductionBuffer&) = delete;
+        CustomReductionBuffer& operator=(const CustomReductionBuffer&) = delete;
+
+        BufferBase<int> get() const { return _buffer; }
+
+    private:
+        static int allocateContiguous(std::size_t count, int baseType);
+
+        int _contiguousType;
+        BufferBase<int> _buffer;
+    };
+    /// Combines `*length` records of `in` into `inout`.
+    using ReductionFunction = void (*)(void* in, void* inout, int* length, int* datatype);
+
+    static constexpr unsigned _master = 0;
+    static constexpr unsigned masterRank() { return _master; }
+    /// The tag of a message that names none; no other can have it.
+    static const Tag _defaultTag;
+    using MessageBuffers::_oversizedMessageHint;
+    using MessageBuffers::_oversizedMessageString;
+
+    // Construction and identity.
+    // ------------------------------------------------------------------------------
+
+    /// All processes of the job. Local.
+    Communicator();
+    /// Frees the communicator. Collective, unless it is the one of all processes.
+    virtual ~Communicator();
+    Communicator(const Communicator&) = delete;
+    Communicator& operator=(const Communicator&) = delete;
+
+    /// Whether both stand for the same communicator of the message layer.
+    bool operator==(const Communicator& other) const { return _handle == other._handle; }
+
+    const int& handle() const { return _handle; }
+    unsigned size() const { return _size; }
+    unsigned myRank() const { return _myRank; }
+    /// The processor name: the host, for most MPI libraries.
+    const std::string& myName() const { return _myName; }
+
+    /// Switches the time keeping of this communicator, which makes each operation slower. Local.
+    void enableCommunicationTimer(bool on);
+    bool isCommunicationTimerEnabled() const { return _communicationTimerEnabled; }
+    /// [s] spent in operations of this communicator while its timer was on.
+    double getCommunicationTime() const { return _communicationTime; }
+
+    /// A communicator of some ranks of this one, in the order given. Collective, with the same list
+    /// everywhere.
+    /// @return null on a rank that isn't in `ranks`
+    std::unique_ptr<Communicator> createCommunicator(const std::vector<unsigned>& ranks) const;
+    /// One communicator for each set of ranks that share memory. Collective.
+    std::unique_ptr<Communicator> createSharedMemCommunicators() const;
+
+    /// Takes the whole job down with `status` as exit value. Local.
+    void abort(const ExitStatus& status);
+
+    // Size limits.
+    // --------------------------------------------------------------------------------------------
+
+    /// The largest message that one call carries [bytes]; larger ones are cut. All ranks of a communicator
+    /// must have the same limit, not below the size of the largest element. Says on the standard output what
+    /// changed.
+    void setMaxBufferSize(std::size_t bytes);
+    std::size_t getMaxBufferSize() const { return _maxBufferSize; }
+    bool exceedsMaximumBufferSize(const std::size_t& bytes) const { return bytes > _maxBufferSize; }
+    /// Whether `count` elements of `typeSize` bytes are too large for one call.
+    bool exceedsSizeLimits(const std::size_t& count, unsigned typeSize) const {
+        return count * typeSize > _maxBufferSize || count > MAX_COUNT;
+    }
+
+    // Synchronisation. Collective.
+    // ----------------------------------------------------------------------------
+
+    /// Returns when all ranks have called it.
+    void synchronise();
+    /// The same for ranks that may wait for hours: who has waited for `spinTime` [s] sleeps between looks.
+    void noSpinSynchronise(double spinTime);
+
+    // Point-to-point. A rank can't send to itself.
+    // ------------------------------------------------------------
+
+    /// Sends a value, a container or a span to `dest`; returns when `value` may be changed again.
+    template <PrimitiveArray::Object V>
+    void send(const V& value, unsigned dest, Tag tag = _defaultTag) {
+        sendValue<false>(value, dest, tag);
+    }
+    /// Sends `count` values in one message.
+    template <class T>
+    void send(const T* data, std::size_t count, unsigned dest, Tag tag = _defaultTag) {
+        send(viewOf<int>(data, count), dest, tag);
+    }
+
+    /// Like send(), but returns only once the receiver has begun to receive.
+    template <PrimitiveArray::Object V>
+    void syncSend(const V& value, unsigned dest, Tag tag = _defaultTag) {
+        sendValue<true>(value, dest, tag);
+    }
+    template <class T>
+    void syncSend(const T* data, std::size_t count, unsigned dest, Tag tag = _defaultTag) {
+        syncSend(viewOf<int>(data, count), dest, tag);
+    }
+
+    /// Receives what `source` sent by send() or syncSend() with the same kind of value.
+    template <PrimitiveArray::Object V>
+    void recv(V&& value, unsigned source, Tag tag = _defaultTag) {
+        if constexpr (PrimitiveArray::Resizable<std::remove_reference_t<V>>) {
+            PrimitiveArray::Array r(value);
+            checkMessageCount(r.size, RECEIVED_COUNT);
+            mssg_count_t count = 0;
+            recv(viewOf<int>(&count, 1), source, tag);
+            r.resize(count);
+            if (count != 0)
+                recv(targetOf<int>(value), source, tag);
+        } else {
+            recv(targetOf<int>(value), source, tag);
+        }
+    }
+    /// Receives up to `count` values in one message.
+    template <class T>
+    void recv(T* data, std::size_t count, unsigned source, Tag tag = _defaultTag) {
+        recv(viewOf<int>(data, count), source, tag);
+    }
+
+    /// Receives from whoever sent first, and tells who that was.
+    template <PrimitiveArray::Object V>
+    void recvFromAny(V&& value, unsigned& source, Tag tag = _defaultTag) {
+        if constexpr (PrimitiveArray::Resizable<std::remove_reference_t<V>>) {
+            PrimitiveArray::Array r(value);
+            checkMessageCount(r.size, RECEIVED_COUNT);
+            mssg_count_t count = 0;
+            recvFromAny(viewOf<int>(&count, 1), source, tag);
+            r.resize(count);
+            if (count != 0)
+                recv(targetOf<int>(value), source, tag);
+        } else {
+            recvFromAny(targetOf<int>(value), source, tag);
+        }
+    }
+    template <class T>
+    void recvFromAny(T* data, std::size_t count, unsigned& source, Tag tag = _defaultTag) {
+        recvFromAny(viewOf<int>(data, count), source, tag);
+    }
+
+    /// Sends to `dest` and receives from `source` at the same time; both sides call it. A received container
+    /// takes the length of what arrives.
+    template <PrimitiveArray::Object S, PrimitiveArray::Object R>
+    void sendrecv(const S& outgoing, unsigned dest, R&& incoming, unsigned source) {
+        using Received = std::remove_reference_t<R>;
+        static_assert(PrimitiveArray::TravelsWithLength<S> == PrimitiveArray::Resizable<Received>,
+                      "sendrecv() needs a container on both sides or on none");
+        if constexpr (PrimitiveArray::TravelsWithLength<S>) {
+            PrimitiveArray::Array s(outgoing);
+            PrimitiveArray::Array r(incoming);
+            checkMessageCount(s.size, SENT_COUNT);
+            const auto sent = static_cast<mssg_count_t>(s.size);
+            mssg_count_t received = 0;
+            sendrecv(viewOf<int>(&sent, 1), dest, viewOf<int>(&received, 1), source);
+            r.resize(received);
+        }
+        sendrecv(constContentOf<int>(outgoing), dest, targetOf<int>(incoming), source);
+    }
+    template <class T>
+    void sendrecv(const T* sendData, std::size_t sendCount, unsigned dest, T* recvData, std::size_t recvCount,
+                  unsigned source) {
+        sendrecv(viewOf<int>(sendData, sendCount), dest, viewOf<int>(recvData, recvCount), source);
+    }
+
+    // Non-blocking. `value` must stay alive, and as it is, until the stack completed. A container travels
+    // with the length that it has on this rank: no length is sent, and the receiver's isn't resized.
+
+    template <PrimitiveArray::Object V>
+    void iSend(V&& value, unsigned dest, RequestStack& requests, Tag tag = _defaultTag) {
+        assertOutlivesRequest<V>();
+        iSend(constContentOf<int>(value), dest, requests, tag);
+    }
+    template <class T>
+    void iSend(const T* data, std::size_t count, unsigned dest, RequestStack& requests,
+               Tag tag = _defaultTag) {
+        iSend(viewOf<int>(data, count), dest, requests, tag);
+    }
+
+    template <PrimitiveArray::Object V>
+    void iSyncSend(V&& value, unsigned dest, RequestStack& requests, Tag tag = _defaultTag) {
+        assertOutlivesRequest<V>();
+        iSyncSend(constContentOf<int>(value), dest, requests, tag);
+    }
+    template <class T>
+    void iSyncSend(const T* data, std::size_t count, unsigned dest, RequestStack& requests,
+                   Tag tag = _defaultTag) {
+        iSyncSend(viewOf<int>(data, count), dest, requests, tag);
+    }
+
+    template <PrimitiveArray::Object V>
+    void iRecv(V&& value, unsigned source, RequestStack& requests, Tag tag = _defaultTag) {
+        assertOutlivesRequest<V>();
+        iRecv(targetOf<int>(value), source, requests, tag);
+    }
+    template <class T>
+    void iRecv(T* data, std::size_t count, unsigned source, RequestStack& requests, Tag tag = _defaultTag) {
+        iRecv(viewOf<int>(data, count), source, requests, tag);
+    }
+
+    template <PrimitiveArray::Object V>
+    void iRecvFromAny(V&& value, RequestStack& requests, Tag tag = _defaultTag) {
+        assertOutlivesRequest<V>();
+        iRecvFromAny(targetOf<int>(value), requests, tag);
+    }
+    template <class T>
+    void iRecvFromAny(T* data, std::size_t count, RequestStack& requests, Tag tag = _defaultTag) {
+        iRecvFromAny(viewOf<int>(data, count), requests, tag);
+    }
+
+    /// Prepares a receive that start() begins.
+    template <PrimitiveArray::Object V>
+    void recvInit(V&& value, unsigned source, PersistentRequestStack& requests, Tag tag = _defaultTag) {
+        assertOutlivesRequest<V>();
+        recvInit(targetOf<int>(value), source, requests, tag);
+    }
+    template <class T>
+    void recvInit(T* data, std::size_t count, unsigned source, PersistentRequestStack& requests,
+                  Tag tag = _defaultTag) {
+        recvInit(viewOf<int>(data, count), source, requests, tag);
+    }
+
+    void start(PersistentRequestStack& requests);
+    /// Completes all requests of the stack.
+    void wait(RequestStack& requests);
+    /// @param sources  the source of each message, in the order of the requests
+    void wait(RequestStack& requests, std::vector<unsigned>& sources);
+    /// Whether all requests of the stack are complete; if so it is empty now.
+    bool test(RequestStack& requests);
+    /// Lets go of requests that nobody will wait for.
+    void freeRequest(RequestStack& requests);
+
+    /// Waits for a message and tells about it without receiving it.
+    /// @param source  a rank or MpiCore::ANY_SOURCE; afterwards the sender
+    /// @param tag     a tag or MpiCore::ANY_TAG; afterwards the message's
+    /// @param count   values of T in the message
+    template <class T>
+    void probe(unsigned& source, unsigned& tag, unsigned& count) {
+        using Record = PrimitiveArray::Record<T>;
+        _probe(source, tag, PrimitiveArray::datatype<typename Record::t>(), count);
+        count /= Record::stride;
+    }
+    /// The same without waiting. @return false, and `count` 0, when no such message stands
+    template <class T>
+    bool iProbe(unsigned& source, unsigned& tag, unsigned& count) {
+        using Record = PrimitiveArray::Record<T>;
+        const bool stands = _iProbe(source, tag, PrimitiveArray::datatype<typename Record::t>(), count);
+        count /= Record::stride;
+        return stands;
+    }
+
+    // Collectives.
+    // ---------------------------------------------------------------------------------------------
+
+    /// Afterwards every rank's `value` equals the root's.
+    template <PrimitiveArray::Object V>
+    void broadcast(V&& value, unsigned root) {
+        if constexpr (PrimitiveArray::Resizable<std::remove_reference_t<V>>) {
+            PrimitiveArray::Array array(value);
+            unsigned long long count = array.size;
+            broadcast(viewOf<unsigned>(&count, 1), root);
+            array.resize(count);
+        }
+        broadcast(targetOf<unsigned>(value), root);
+    }
+    /// `count` values, the same number on all ranks.
+    template <class T>
+    void broadcast(T* data, std::size_t count, unsigned root) {
+        broadcast(viewOf<unsigned>(data, count), root);
+    }
+    void broadcast(std::vector<std::string>& values, unsigned root);
+    void broadcast(Properties& value, unsigned root);
+
+    /// `all[i]` on the root is the value of rank i; other ranks' `all` is left alone.
+    template <class T>
+    void gather(const T& value, std::vector<T>& all, unsigned root) {
+        static_assert(PrimitiveArray::assertTravels<std::vector<T>>());
+        if (_myRank == root)
+            all.resize(_size);
+        gather(viewOf<unsigned>(&value, 1), viewOf<unsigned>(all.data(), _myRank == root ? _size : 0), root);
+    }
+    /// `send` has the same length on all ranks; `recv` on the root holds them in rank order.
+    template <class T>
+    void gather(const std::vector<T>& send, std::vector<T>& recv, unsigned root) {
+        static_assert(PrimitiveArray::assertTravels<std::vector<T>>());
+        if (_myRank == root && recv.size() != _size * send.size())
+            recv.resize(_size * send.size());
+        gather(send.data(), send.size(), recv.data(), root);
+    }
+    /// @param recv  on the root: room for `count` values of each rank
+    template <class T>
+    void gather(const T* send, std::size_t count, T* recv, unsigned root) {
+        gather(viewOf<unsigned>(send, count), viewOf<unsigned>(recv, _myRank == root ? _size * count : 0),
+               root);
+    }
+    void gather(const std::string& value, std::vector<std::string>& all, unsigned root);
+    /// On the master `all[i]` is the tree of rank i; elsewhere `all` ends empty.
+    void gather(const Properties& value, std::vector<Properties>& all);
+
+    /// The same with the result on every rank.
+    template <class T>
+    void allGather(const T& value, std::vector<T>& all) {
+        static_assert(PrimitiveArray::assertTravels<std::vector<T>>());
+        all.resize(_size);
+        allGather(viewOf<unsigned>(&value, 1), viewOf<unsigned>(all.data(), _size));
+    }
+    template <class T>
+    void allGather(const std::vector<T>& send, std::vector<T>& recv) {
+        static_assert(PrimitiveArray::assertTravels<std::vector<T>>());
+        recv.resize(_size * send.size());
+        allGather(send.data(), send.size(), recv.data());
+    }
+    template <class T>
+    void allGather(const T* send, std::size_t count, T* recv) {
+        allGather(viewOf<unsigned>(send, count), viewOf<unsigned>(recv, _size * count));
+    }
+    void allGather(const std::string& value, std::vector<std::string>& all);
+    /// `out` gains the union of all ranks' sets.
+    void allGather(const std::set<std::string>& in, std::set<std::string>& out);
+
+    /// Contributions of any length: `recv` on the root is their concatenation in rank order, and `counts[i]`
+    /// the length of rank i's. Other ranks' `recv` and `counts` are left alone.
+    template <class S, PrimitiveArray::Resizable R>
+    void gatherVector(const S& send, R& recv, std::vector<unsigned>& counts, unsigned root) {
+        PrimitiveArray::Array s(send);
+        PrimitiveArray::Array r(recv);
+        std::vector<unsigned> displacements;
+        const unsigned long long total = gatherCounts(s.size, counts, displacements, root);
+        const bool here = _myRank == root;
+        if (here)
+            r.resize(total);
+        gatherVector(contentOf<unsigned>(send), here ? contentOf<unsigned>(recv) : noneLike<unsigned>(recv),
+                     counts.data(), displacements.data(), root);
+        if (here)
+            subtractStrideLength(counts.data(), counts.data(), r.stride);
+    }
+    /// @param recvCounts     on the root: values of each rank
+    /// @param displacements  on the root: where in `recv` each rank's values begin; null for one after the
+    /// other
+    template <class T>
+    void gatherVector(const T* send, std::size_t sendCount, T* recv, const unsigned* recvCounts,
+                      const unsigned* displacements, unsigned root) {
+        const bool here = _myRank == root;
+        const ElementCounts blocks(*this, here ? recvCounts : nullptr, displacements, strideOf<T>);
+        gatherVector(viewOf<unsigned>(send, sendCount), viewOf<unsigned>(recv, blocks.total / strideOf<T>),
+                     blocks.counts, blocks.displacements, root);
+    }
+    /// The same with the result on every rank.
+    template <class S, PrimitiveArray::Resizable R>
+    void allGatherVector(const S& send, R& recv, std::vector<unsigned>& counts) {
+        PrimitiveArray::Array s(send);
+        PrimitiveArray::Array r(recv);
+        std::vector<unsigned> displacements;
+        r.resize(allGatherCounts(s.size, counts, displacements));
+        allGatherVector(contentOf<unsigned>(send), contentOf<unsigned>(recv), counts.data(),
+                        displacements.data());
+        subtractStrideLength(counts.data(), counts.data(), r.stride);
+    }
+    template <class T>
+    void allGatherVector(const T* send, std::size_t sendCount, T* recv, const unsigned* recvCounts,
+                         const unsigned* displacements) {
+        const ElementCounts blocks(*this, recvCounts, displacements, strideOf<T>);
+        allGatherVector(viewOf<unsigned>(send, sendCount), viewOf<unsigned>(recv, blocks.total / strideOf<T>),
+                        blocks.counts, blocks.displacements);
+    }
+
+    /// Rank i gets `send[i]` of the root. @param send  on the root: one value for each rank
+    template <class T>
+    void scatter(const std::vector<T>& send, T& value, unsigned root) {
+        static_assert(PrimitiveArray::assertTravels<std::vector<T>>());
+        checkBlocks(_myRank == root, send.size(), 1);
+        scatter(send.data(), &value, 1, root);
+    }
+    /// Rank i gets block i of the root's `send`. `recv` has the length of one block, the same on all ranks.
+    template <class T>
+    void scatter(const std::vector<T>& send, std::vector<T>& recv, unsigned root) {
+        static_assert(PrimitiveArray::assertTravels<std::vector<T>>());
+        checkBlocks(_myRank == root, send.size(), recv.size());
+        scatter(send.data(), recv.data(), recv.size(), root);
+    }
+    /// @param count  values for each rank
+    template <class T>
+    void scatter(const T* send, T* recv, std::size_t count, unsigned root) {
+        scatter(viewOf<unsigned>(send, _myRank == root ? _size * count : 0), viewOf<unsigned>(recv, count),
+                root);
+    }
+
+    /// Blocks of any length: rank i gets `counts[i]` values of the root's `send`, which holds the blocks in
+    /// rank order. `send` and `counts` matter on the root only.
+    template <class S, PrimitiveArray::Resizable R>
+    void scatterVector(const S& send, const std::vector<unsigned>& counts, R& recv, unsigned root) {
+        PrimitiveArray::Array r(recv);
+        const bool here = _myRank == root;
+        const ElementCounts blocks(*this, here ? counts.data() : nullptr, nullptr, r.stride);
+        checkBlocks(here, PrimitiveArray::Array(send).size, blocks.total, counts.size());
+        unsigned count = 0;
+        scatter(viewOf<unsigned>(blocks.counts, here ? _size : 0), viewOf<unsigned>(&count, 1), root);
+        r.resize(count);
+        scatterVector(here ? contentOf<unsigned>(send) : noneLike<unsigned>(send), blocks.counts,
+                      blocks.displacements, contentOf<unsigned>(recv), root);
+    }
+    /// @param recvCount  values for this rank, as the root's `sendCounts` tells them
+    template <class T>
+    void scatterVector(const T* send, const unsigned* sendCounts, const unsigned* displacements, T* recv,
+                       std::size_t recvCount, unsigned root) {
+        const ElementCounts blocks(*this, _myRank == root ? sendCounts : nullptr, displacements, strideOf<T>);
+        scatterVector(viewOf<unsigned>(send, blocks.total / strideOf<T>), blocks.counts, blocks.displacements,
+                      viewOf<unsigned>(recv, recvCount), root);
+    }
+
+    // Reductions. Collective. A container or count has the same length on all ranks.
+    // ---------------------------
+    //
+    // A function that combines is a plain function or a lambda without captures, `T combine(const T&, const
+    // T&)` or `void combine(const T& from, T& into)`. It may be called for the ranks in any order, and must
+    // not throw.
+
+    /// The root's `value` becomes the combination of all ranks' values; the others' stay.
+    template <PrimitiveArray::Object V>
+    void reduce(V&& value, Operation operation, unsigned root) {
+        _reduce(targetOf<int>(value), operation, root);
+    }
+    template <class T>
+    void reduce(T* data, std::size_t count, Operation operation, unsigned root) {
+        _reduce(viewOf<int>(data, count), operation, root);
+    }
+    template <PrimitiveArray::Object V, class F>
+    void reduce(V&& value, F combine, unsigned root) {
+        _reduce(recordsOf(value), ReductionThunk<PrimitiveArray::EntryOf<V>, F>::of(combine), root);
+    }
+
+    /// Every rank's `value` becomes the combination of all ranks' values.
+    template <PrimitiveArray::Object V>
+    void allReduce(V&& value, Operation operation) {
+        _allReduce(targetOf<int>(value), operation);
+    }
+    template <class T>
+    void allReduce(T* data, std::size_t count, Operation operation) {
+        _allReduce(viewOf<int>(data, count), operation);
+    }
+    template <PrimitiveArray::Object V, class F>
+    void allReduce(V&& value, F combine) {
+        _allReduce(recordsOf(value), ReductionThunk<PrimitiveArray::EntryOf<V>, F>::of(combine));
+    }
+
+    /// Rank i's `value` becomes the combination of the values of ranks 0 to i.
+    template <PrimitiveArray::Object V>
+    void scan(V&& value, Operation operation) {
+        _scan(targetOf<int>(value), operation);
+    }
+    template <class T>
+    void scan(T* data, std::size_t count, Operation operation) {
+        _scan(viewOf<int>(data, count), operation);
+    }
+    template <PrimitiveArray::Object V, class F>
+    void scan(V&& value, F combine) {
+        _scan(recordsOf(value), ReductionThunk<PrimitiveArray::EntryOf<V>, F>::of(combine));
+    }
+
+    /// Combines the ranks' `send` and gives block i to rank i. `recv` has the length of one block, the same
+    /// on all ranks, and `send` that of all blocks.
+    template <class T>
+    void reduceScatter(const std::vector<T>& send, std::vector<T>& recv, Operation operation) {
+        reduceScatter(contentOf<int>(send), contentOf<int>(recv), operation);
+    }
+    /// @param recvCount  values in one block
+    template <class T>
+    void reduceScatter(const T* send, T* recv, std::size_t recvCount, Operation operation) {
+        reduceScatter(viewOf<int>(send, _size * recvCount), viewOf<int>(recv, recvCount), operation);
+    }
+
+    // All to all. Collective.
+    // ----------------------------------------------------------------------------------
+
+    /// Block i of `send` goes to rank i, block i of `recv` comes from there; blocks have one length
+    /// everywhere.
+    template <class T>
+    void allToAll(const std::vector<T>& send, std::vector<T>& recv) {
+        static_assert(PrimitiveArray::assertTravels<std::vector<T>>());
+        recv.resize(send.size());
+        allToAll(contentOf<int>(send), contentOf<int>(recv));
+    }
+    /// @param count  values in one block
+    template <class T>
+    void allToAll(const T* send, T* recv, std::size_t count) {
+        allToAll(viewOf<int>(send, _size * count), viewOf<int>(recv, _size * count));
+    }
+    /// Blocks of any length, in rank order: `sendCounts[i]` values go to rank i, and `recvCounts[i]` come
+    /// from it.
+    template <class S, PrimitiveArray::Resizable R>
+    void allToAllVector(const S& send, const std::vector<unsigned>& sendCounts, R& recv,
+                        std::vector<unsigned>& recvCounts) {
+        PrimitiveArray::Array r(recv);
+        const ElementCounts out(*this, sendCounts.data(), nullptr, r.stride);
+        checkBlocks(true, PrimitiveArray::Array(send).size, out.total, sendCounts.size());
+        recvCounts.resize(_size);
+        allToAll(sendCounts.data(), recvCounts.data(), 1);
+        const ElementCounts in(*this, recvCounts.data(), nullptr, r.stride);
+        r.resize(in.total);
+        allToAllVector(contentOf<int>(send), out.counts, out.displacements, contentOf<int>(recv), in.counts,
+                       in.displacements);
+    }
+    /// Null displacements: blocks one after the other.
+    template <class T>
+    void allToAllVector(const T* send, const unsigned* sendCounts, const unsigned* sendDisplacements, T* recv,
+                        const unsigned* recvCounts, const unsigned* recvDisplacements) {
+        const ElementCounts out(*this, sendCounts, sendDisplacements, strideOf<T>);
+        const ElementCounts in(*this, recvCounts, recvDisplacements, strideOf<T>);
+        allToAllVector(viewOf<int>(send, out.total / strideOf<T>), out.counts, out.displacements,
+                       viewOf<int>(recv, in.total / strideOf<T>), in.counts, in.displacements);
+    }
+
+    // Tests. Collective.
+    // ---------------------------------------------------------------------------------------
+
+    /// Sends a little to and fro, says so on the standard output, and checks what arrives.
+    void testCommunicator();
+    /// Measures each pair of ranks. @param results  on the master: [KiB/s] from rank s to rank d at s *
+    /// size() + d
+    void performanceTest(std::vector<double>& results, unsigned messageBytes, unsigned iterations);
+
+private:
+    friend class CommunicatorFrame;
+    friend class CommunicatorTestAccess;
+
+    static constexpr std::size_t MAX_COUNT = 0x7FFFFFFF;
+    static constexpr const char* SENT_COUNT = "s.size <= std::numeric_limits<mssg_count_t>::max()";
+    static constexpr const char* RECEIVED_COUNT = "r.size <= std::numeric_limits<mssg_count_t>::max()";
+
+    /// Takes ownership of `handle`.
+    explicit Communicator(const int& handle);
+    void readIdentity();
+    void release() noexcept;
+
+    void checkSerialCriticalLock() const;
+    double getSendRecvSpeed(unsigned partner, bool sender, unsigned messageBytes, unsigned iterations);
+
+    // Buffer-level operations: argument checks, frame, wrapper call.
+    // ------------------------------------------
+
+    void send(ConstBufferBase<int> buf, unsigned dest, Tag tag) {
+        MpiCore::handleError(sendFrame(buf.data, buf.size, buf.type, dest, tag.value(), this, buf.typeSize));
+    }
+    void syncSend(ConstBufferBase<int> buf, unsigned dest, Tag tag) {
+        MpiCore::handleError(
+            syncSendFrame(buf.data, buf.size, buf.type, dest, tag.value(), this, buf.typeSize));
+    }
+    void recv(BufferBase<int> buf, unsigned source, Tag tag) {
+        recvFrame(buf.data, buf.size, buf.type, source, tag.value(), this, buf.typeSize);
+    }
+    void iSend(ConstBufferBase<int> buf, unsigned dest, RequestStack& requests, Tag tag);
+    void iSyncSend(ConstBufferBase<int> buf, unsigned dest, RequestStack& requests, Tag tag);
+    void iRecv(BufferBase<int> buf, unsigned source, RequestStack& requests, Tag tag);
+    void recvFromAny(BufferBase<int> buf, unsigned& source, Tag tag);
+    void iRecvFromAny(BufferBase<int> buf, RequestStack& requests, Tag tag);
+    void recvInit(BufferBase<int> buf, unsigned source, PersistentRequestStack& requests, Tag tag);
+    void sendrecv(ConstBufferBase<int> sendbuf, unsigned dest, BufferBase<int> recvbuf, unsigned source);
+    void _probe(unsigned& source, unsigned& tag, const int& type, unsigned& count);
+    bool _iProbe(unsigned& source, unsigned& tag, const int& type, unsigned& count);
+
+    void broadcast(BufferBase<unsigned> buf, unsigned root);
+    void gather(ConstBufferBase<unsigned> sendbuf, BufferBase<unsigned> recvbuf, unsigned root);
+    void gatherVector(ConstBufferBase<int> sendbuf, BufferBase<int> recvbuf, const unsigned* recvCounts,
+                      const unsigned* displacements, unsigned root);
+    void gatherVector(ConstBufferBase<unsigned> sendbuf, BufferBase<unsigned> recvbuf,
+                      const unsigned* recvCounts, const unsigned* displacements, unsigned root);
+    void allGather(ConstBufferBase<unsigned> sendbuf, BufferBase<unsigned> recvbuf);
+    void allGatherVector(ConstBufferBase<unsigned> sendbuf, BufferBase<unsigned> recvbuf,
+                         const unsigned* recvCounts, const unsigned* displacements);
+    void scatter(ConstBufferBase<unsigned> sendbuf, BufferBase<unsigned> recvbuf, unsigned root);
+    void scatterVector(ConstBufferBase<int> sendbuf, const unsigned* sendCounts,
+                       const unsigned* displacements, BufferBase<int> recvbuf, unsigned root);
+    void scatterVector(ConstBufferBase<unsigned> sendbuf, const unsigned* sendCounts,
+                       const unsigned* displacements, BufferBase<unsigned> recvbuf, unsigned root);
+    void _reduce(BufferBase<int> buf, int op, unsigned root);
+    void _allReduce(BufferBase<int> buf, int op) {
+        if (buf.size > 0)
+            MpiCore::handleError(allReduceFrame(buf.data, buf.size, buf.type, op, this, buf.typeSize));
+    }
+    void _scan(BufferBase<int> buf, int op);
+    void _reduce(const CustomReductionBuffer& buffer, ReductionFunction function, unsigned root);
+    void _allReduce(const CustomReductionBuffer& buffer, ReductionFunction function);
+    void _scan(const CustomReductionBuffer& buffer, ReductionFunction function);
+    void reduceScatter(ConstBufferBase<int> sendbuf, BufferBase<int> recvbuf, int op);
+    void allToAll(ConstBufferBase<int> sendbuf, BufferBase<int> recvbuf);
+    void allToAllVector(ConstBufferBase<int> sendbuf, const unsigned* sendCounts,
+                        const unsigned* sendDisplacements, BufferBase<int> recvbuf,
+                        const unsigned* recvCounts, const unsigned* recvDisplacements);
+
+    // The hot ones, in the wrapper's order of arguments with the communicator in its handle's place: with the
+    // gate open they end in a jump to the wrapper.
+
+    static int sendFrame(const void* data, int size, int type, unsigned dest, int tag, Communicator* self,
+                         unsigned typeSize);
+    static int syncSendFrame(const void* data, int size, int type, unsigned dest, int tag, Communicator* self,
+                             unsigned typeSize);
+    static void recvFrame(void* data, int size, int type, unsigned source, int tag, Communicator* self,
+                          unsigned typeSize);
+    static int allReduceFrame(void* data, int size, int type, int op, Communicator* self, unsigned typeSize);
+
+    // Cutting of what is too large for one call.
+
+    void cutGather(ConstBufferBase<unsigned> sendbuf, BufferBase<unsigned> recvbuf, unsigned root);
+    void cutGatherVector(ConstBufferBase<unsigned> sendbuf, BufferBase<unsigned> recvbuf,
+                         const unsigned* recvCounts, const unsigned* displacements, unsigned root,
+                         std::size_t total);
+    void cutAllGather(ConstBufferBase<unsigned> sendbuf, BufferBase<unsigned> recvbuf);
+    void cutAllGatherVector(ConstBufferBase<unsigned> sendbuf, BufferBase<unsigned> recvbuf,
+                            const unsigned* recvCounts, const unsigned* displacements);
+    void cutScatter(ConstBufferBase<unsigned> sendbuf, BufferBase<unsigned> recvbuf, unsigned root);
+    void cutScatterVector(ConstBufferBase<unsigned> sendbuf, const unsigned* sendCounts,
+                          const unsigned* displacements, BufferBase<unsigned> recvbuf, unsigned root,
+                          std::size_t total);
+    /// Whether some rank's block can be cut.
+    bool isDivisible(const unsigned* counts) const;
+    /// What the root tells the others: `total`, or 0 for too large a message whose blocks can't be cut.
+    std::size_t getCuttableTotal(std::size_t total, unsigned typeSize, const unsigned* counts) const;
+
+    // Counts and displacements of all ranks: size() entries each.
+
+    class CountArray;
+
+    void getDefaultDisplacements(const unsigned* counts, unsigned* displacements) const;
+    void addStrideLength(const unsigned* in, unsigned* out, unsigned stride) const;
+    void addStrideLength(const unsigned* inA, const unsigned* inB, unsigned* outA, unsigned* outB,
+                         unsigned stride) const;
+    void subtractStrideLength(const unsigned* in, unsigned* out, unsigned stride) const;
+
+    /// Counts and displacements of values turned into those of elements; null counts: this rank has none.
+    class ORVEX_MACHINE_EXPORT ElementCounts {
+    public:
+        ElementCounts(const Communicator& communicator, const unsigned* valueCounts,
+                      const unsigned* valueDisplacements, unsigned stride);
+        ElementCounts(const ElementCounts&) = delete;
+        ElementCounts& operator=(const ElementCounts&) = delete;
+
+        const unsigned* counts;
+        const unsigned* displacements;
+        unsigned long long total = 0; ///< elements from the first to the last
+
+    private:
+        std::vector<unsigned> _counts;
+        std::vector<unsigned> _displacements;
+    };
+
+    /// Gathers the lengths of the ranks' contributions, in elements, and fills `displacements` where the
+    /// result goes. @return the total there, else 0
+    unsigned long long gatherCounts(unsigned long long count, std::vector<unsigned>& counts,
+                                    std::vector<unsigned>& displacements, unsigned root);
+    unsigned long long allGatherCounts(unsigned long long count, std::vector<unsigned>& counts,
+                                       std::vector<unsigned>& displacements);
+
+    static void checkContribution(unsigned long long count);
+    unsigned long long placeBlocks(const std::vector<unsigned>& counts,
+                                   std::vector<unsigned>& displacements) const;
+
+    // Checks of sizes.
+
+    void checkOversize(std::size_t size, unsigned typeSize) const {
+        if (exceedsSizeLimits(size, typeSize)) [[unlikely]]
+            raiseOversize(size, typeSize);
+    }
+    [[noreturn]] static void raiseOversize(std::size_t size, unsigned typeSize);
+    static void checkMessageCount(unsigned long long size, const char* condition);
+    /// That the blocks which this rank hands out are those that it has.
+    void checkBlocks(bool here, std::size_t sendSize, std::size_t blockSize) const;
+    void checkBlocks(bool here, std::size_t sendSize, std::size_t total, std::size_t countsSize) const;
+
+    template <class V>
+    static CustomReductionBuffer recordsOf(V& value) {
+        static_assert(PrimitiveArray::assertTravels<V>());
+        if constexpr (PrimitiveArray::FixedSize<V>)
+            return CustomReductionBuffer(&value, 1);
+        else
+            return CustomReductionBuffer(value.data(), value.size());
+    }
+
+    template <bool synchronous, class V>
+    void sendValue(const V& value, unsigned dest, Tag tag) {
+        if constexpr (PrimitiveArray::TravelsWithLength<V>) {
+            PrimitiveArray::Array s(value);
+            checkMessageCount(s.size, SENT_COUNT);
+            const auto count = static_cast<mssg_count_t>(s.size);
+            transmit<synchronous>(viewOf<int>(&count, 1), dest, tag);
+            if (count != 0)
+                transmit<synchronous>(constContentOf<int>(value), dest, tag);
+        } else {
+            transmit<synchronous>(constContentOf<int>(value), dest, tag);
+        }
+    }
+    template <bool synchronous>
+    void transmit(ConstBufferBase<int> buf, unsigned dest, Tag tag) {
+        if constexpr (synchronous)
+            syncSend(buf, dest, tag);
+        else
+            send(buf, dest, tag);
+    }
+
+    int _handle;
+    int _group;
+    unsigned _size = 0;
+    unsigned _myRank = 0;
+    std::size_t _maxBufferSize = 0;
+    double _communicationTime = 0.0;
+    bool _communicationTimerEnabled = false;
+    std::string _myName;
+};
+
+inline constexpr Communicator::Tag Communicator::_defaultTag{Tag::Unchecked{}, 0x7FFF};

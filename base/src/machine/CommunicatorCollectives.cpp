@@ -1,0 +1,194 @@
+#include "machine/Communicator.h"
+
+#include "machine/CommunicatorFrame.h"
+
+#include "mpiwrapper/OxmMpi.h"
+
+#include <boost/container/small_vector.hpp>
+
+namespace {
+
+using Frame = CommunicatorFrame;
+constexpr Frame::Operation BROADCAST = Frame::global("Communicator::Broadcast");
+constexpr Frame::Operation GATHER = Frame::global("Communicator::Gather");
+constexpr Frame::Operation GATHER_VECTOR = Frame::global("Communicator::GatherVector");
+constexpr Frame::Operation ALL_GATHER = Frame::global("Communicator::AllGather");
+constexpr Frame::Operation ALL_GATHER_VECTOR = Frame::global("Communicator::AllGatherVector");
+constexpr Frame::Operation SCATTER = Frame::global("Communicator::Scatter");
+constexpr Frame::Operation SCATTER_VECTOR = Frame::global("Communicator::ScatterVector");
+constexpr Frame::Operation ALL_TO_ALL = Frame::global("Communicator::AllToAll");
+constexpr Frame::Operation ALL_TO_ALL_VECTOR = Frame::global("Communicator::AllToAllVector");
+
+} // namespace
+
+/// The counts or displacements of all ranks as the wrapper takes them: without an allocation up to 1024
+/// ranks.
+class Communicator::CountArray {
+public:
+    void fill(const unsigned* values, unsigned count) {
+        _values.resize(count, boost::container::default_init);
+        for (unsigned i = 0; i < count; ++i)
+            _values[i] = castCount<int>(values[i]);
+    }
+    /// Null when it wasn't filled.
+    const int* data() const { return _values.empty() ? nullptr : _values.data(); }
+
+private:
+    boost::container::small_vector<int, 1024> _values;
+};
+
+// Each of the cutting family cuts only where a smaller piece exists: one element of each rank goes as it is.
+
+void Communicator::broadcast(BufferBase<unsigned> buf, unsigned root) {
+    if (exceedsSizeLimits(buf.size, buf.typeSize) && buf.size > 1) [[unlikely]] {
+        const unsigned lower = buf.size / 2;
+        broadcast(partOf(buf, 0u, lower), root);
+        broadcast(partOf(buf, lower, buf.size - lower), root);
+        return;
+    }
+    if (buf.size == 0)
+        return;
+    Frame::passGate(*this);
+    checkOversize(buf.size, buf.typeSize);
+    MpiCore::handleError(Frame::run<OXM_MPI_Bcast, BROADCAST>(this, bytesOf(buf), 0, buf.data,
+                                                              static_cast<int>(buf.size), buf.type,
+                                                              static_cast<int>(root), _handle));
+}
+
+void Communicator::gather(ConstBufferBase<unsigned> sendbuf, BufferBase<unsigned> recvbuf, unsigned root) {
+    ORVEX_ASSERT_AS(sendbuf.type == recvbuf.type, "sendbuf.type == recvbuf.type", "Communicator::gather");
+    const bool exceeds = exceedsSizeLimits(static_cast<std::size_t>(sendbuf.size) * _size, sendbuf.typeSize);
+    if (exceeds && sendbuf.size > 1) [[unlikely]] {
+        cutGather(sendbuf, recvbuf, root);
+        return;
+    }
+    if (sendbuf.size == 0)
+        return;
+    Frame::passGate(*this);
+    if (!exceeds)
+        checkOversize(recvbuf.size, recvbuf.typeSize);
+    checkOversize(sendbuf.size, sendbuf.typeSize);
+    ORVEX_ASSERT_AS(sendbuf.type == recvbuf.type, "sendbuf.type == recvbuf.type", "Mismatch in gather types");
+    const auto count = static_cast<int>(sendbuf.size);
+    MpiCore::handleError(Frame::run<OXM_MPI_Gather, GATHER>(this, bytesOf(sendbuf), 0, sendbuf.data, count,
+                                                            sendbuf.type, recvbuf.data, count, recvbuf.type,
+                                                            static_cast<int>(root), _handle));
+}
+
+void Communicator::allGather(ConstBufferBase<unsigned> sendbuf, BufferBase<unsigned> recvbuf) {
+    ORVEX_ASSERT_AS(sendbuf.type == recvbuf.type, "sendbuf.type == recvbuf.type", "Communicator::allGather");
+    const bool exceeds = exceedsSizeLimits(static_cast<std::size_t>(sendbuf.size) * _size, sendbuf.typeSize);
+    if (exceeds && sendbuf.size > 1) [[unlikely]] {
+        cutAllGather(sendbuf, recvbuf);
+        return;
+    }
+    if (sendbuf.size == 0)
+        return;
+    Frame::passGate(*this);
+    checkOversize(exceeds ? sendbuf.size : recvbuf.size, recvbuf.typeSize);
+    const auto count = static_cast<int>(sendbuf.size);
+    MpiCore::handleError(Frame::run<OXM_MPI_Allgather, ALL_GATHER>(this, bytesOf(sendbuf), 0, sendbuf.data,
+                                                                   count, sendbuf.type, recvbuf.data, count,
+                                                                   recvbuf.type, _handle));
+}
+
+void Communicator::scatter(ConstBufferBase<unsigned> sendbuf, BufferBase<unsigned> recvbuf, unsigned root) {
+    ORVEX_ASSERT_AS(sendbuf.type == recvbuf.type, "sendbuf.type == recvbuf.type", "Communicator::scatter");
+    const bool exceeds = exceedsSizeLimits(static_cast<std::size_t>(recvbuf.size) * _size, recvbuf.typeSize);
+    if (exceeds && recvbuf.size > 1) [[unlikely]] {
+        cutScatter(sendbuf, recvbuf, root);
+        return;
+    }
+    if (recvbuf.size == 0)
+        return;
+    Frame::passGate(*this);
+    checkOversize(recvbuf.size, recvbuf.typeSize);
+    const auto count = static_cast<int>(recvbuf.size);
+    MpiCore::handleError(Frame::run<OXM_MPI_Scatter, SCATTER>(
+        this, recvbuf.size * sendbuf.typeSize, 0, sendbuf.data, count, sendbuf.type, recvbuf.data, count,
+        recvbuf.type, static_cast<int>(root), _handle));
+}
+
+void Communicator::gatherVector(ConstBufferBase<int> sendbuf, BufferBase<int> recvbuf,
+                                const unsigned* recvCounts, const unsigned* displacements, unsigned root) {
+    ORVEX_ASSERT_AS(sendbuf.type == recvbuf.type, "sendbuf.type == recvbuf.type",
+                    "Communicator::gatherVector");
+    CommunicatorFrame frame(*this, GATHER_VECTOR, bytesOf(sendbuf));
+    CountArray counts;
+    CountArray positions;
+    if (_myRank == root) {
+        counts.fill(recvCounts, _size);
+        positions.fill(displacements, _size);
+    }
+    MpiCore::handleError(OXM_MPI_Gatherv(sendbuf.data, sendbuf.size, sendbuf.type, recvbuf.data,
+                                         counts.data(), positions.data(), recvbuf.type,
+                                         static_cast<int>(root), _handle));
+    frame.finish();
+}
+
+void Communicator::scatterVector(ConstBufferBase<int> sendbuf, const unsigned* sendCounts,
+                                 const unsigned* displacements, BufferBase<int> recvbuf, unsigned root) {
+    ORVEX_ASSERT_AS(sendbuf.type == recvbuf.type, "sendbuf.type == recvbuf.type",
+                    "Communicator::scatterVector");
+    CommunicatorFrame frame(*this, SCATTER_VECTOR, bytesOf(recvbuf));
+    CountArray counts;
+    CountArray positions;
+    if (_myRank == root) {
+        counts.fill(sendCounts, _size);
+        positions.fill(displacements, _size);
+    }
+    MpiCore::handleError(OXM_MPI_Scatterv(sendbuf.data, counts.data(), positions.data(), sendbuf.type,
+                                          recvbuf.data, recvbuf.size, recvbuf.type, static_cast<int>(root),
+                                          _handle));
+    frame.finish();
+}
+
+void Communicator::allGatherVector(ConstBufferBase<unsigned> sendbuf, BufferBase<unsigned> recvbuf,
+                                   const unsigned* recvCounts, const unsigned* displacements) {
+    ORVEX_ASSERT_AS(sendbuf.type == recvbuf.type, "sendbuf.type == recvbuf.type",
+                    "Communicator::allGatherVector");
+    const bool exceeds = exceedsSizeLimits(recvbuf.size, recvbuf.typeSize);
+    if (exceeds && isDivisible(recvCounts)) [[unlikely]] {
+        cutAllGatherVector(sendbuf, recvbuf, recvCounts, displacements);
+        return;
+    }
+    Frame::passGate(*this);
+    if (!exceeds)
+        checkOversize(recvbuf.size, recvbuf.typeSize);
+    CommunicatorFrame frame(*this, ALL_GATHER_VECTOR, bytesOf(sendbuf));
+    CountArray counts;
+    CountArray positions;
+    counts.fill(recvCounts, _size);
+    positions.fill(displacements, _size);
+    MpiCore::handleError(OXM_MPI_Allgatherv(sendbuf.data, static_cast<int>(sendbuf.size), sendbuf.type,
+                                            recvbuf.data, counts.data(), positions.data(), recvbuf.type,
+                                            _handle));
+    frame.finish();
+}
+
+void Communicator::allToAll(ConstBufferBase<int> sendbuf, BufferBase<int> recvbuf) {
+    ORVEX_ASSERT_AS(sendbuf.type == recvbuf.type, "sendbuf.type == recvbuf.type", "Communicator::allToAll");
+    const auto size = static_cast<int>(_size);
+    MpiCore::handleError(Frame::run<OXM_MPI_Alltoall, ALL_TO_ALL>(
+        this, bytesOf(sendbuf), 0, sendbuf.data, sendbuf.size / size, sendbuf.type, recvbuf.data,
+        recvbuf.size / size, recvbuf.type, _handle));
+}
+
+void Communicator::allToAllVector(ConstBufferBase<int> sendbuf, const unsigned* sendCounts,
+                                  const unsigned* sendDisplacements, BufferBase<int> recvbuf,
+                                  const unsigned* recvCounts, const unsigned* recvDisplacements) {
+    ORVEX_ASSERT_AS(sendbuf.type == recvbuf.type, "sendbuf.type == recvbuf.type", "Communicator::allToAll");
+    CommunicatorFrame frame(*this, ALL_TO_ALL_VECTOR, bytesOf(sendbuf));
+    CountArray outCounts;
+    CountArray outPositions;
+    CountArray inCounts;
+    CountArray inPositions;
+    outCounts.fill(sendCounts, _size);
+    outPositions.fill(sendDisplacements, _size);
+    inCounts.fill(recvCounts, _size);
+    inPositions.fill(recvDisplacements, _size);
+    MpiCore::handleError(OXM_MPI_Alltoallv(sendbuf.data, outCounts.data(), outPositions.data(), sendbuf.type,
+                                           recvbuf.data, inCounts.data(), inPositions.data(), recvbuf.type,
+                                           _handle));
+    frame.finish();
+}

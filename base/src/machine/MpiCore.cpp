@@ -1,0 +1,106 @@
+#include "machine/MpiCore.h"
+
+#include "kernel/Raise.h"
+#include "mpiwrapper/OxmMpi.h"
+
+#include <array>
+#include <iostream>
+
+static_assert(MpiCore::ANY_TAG == OXM_MPI_ANY_TAG && MpiCore::ANY_SOURCE == OXM_MPI_ANY_SOURCE);
+
+TypedSubject<> MpiCore::_onFinalizationObservable;
+bool MpiCore::_isNotifyingFinalization = false;
+
+namespace {
+
+std::string getErrorText(int code) {
+    std::array<char, OXM_MPI_MAX_ERROR_STRING> text{};
+    int length = 0;
+    // A code without a text still has to be reported, so this call's own result isn't looked at.
+    OXM_MPI_Error_string(code, text.data(), &length);
+    return std::string(text.data(), static_cast<std::size_t>(length));
+}
+
+using TextGetter = int (*)(char*, int*, int);
+
+std::string getName(TextGetter getter) {
+    std::array<char, OXM_MPI_MAX_LIBRARY_VERSION_STRING> text{};
+    int length = 0;
+    MpiCore::handleError(getter(text.data(), &length, static_cast<int>(text.size())));
+    text.back() = '\0';
+    return text.data();
+}
+
+/// Keeps the mark of a running pass, also when an observer throws.
+class Mark {
+public:
+    explicit Mark(bool& flag) : _flag(flag) { _flag = true; }
+    ~Mark() { _flag = false; }
+    Mark(const Mark&) = delete;
+    Mark& operator=(const Mark&) = delete;
+
+private:
+    bool& _flag;
+};
+
+} // namespace
+
+void MpiCore::handleError(const int& code, const std::vector<OXM_MPI_Status_struct>& statuses) {
+    if (code != 0)
+        raiseError(code, statuses.data(), statuses.size());
+}
+
+void MpiCore::raiseError(int code) {
+    raise(NonRecoverableError("MPI Error : " + getErrorText(code)));
+}
+
+void MpiCore::raiseError(int code, const OXM_MPI_Status_struct* statuses, std::size_t count) {
+    std::string text = "MPI Errors[" + std::to_string(code) + "] : ";
+    if (code == OXM_MPI_ERR_IN_STATUS) {
+        for (std::size_t i = 0; i < count; ++i)
+            if (statuses[i].error != OXM_MPI_SUCCESS)
+                text += "Status index[" + std::to_string(i) + "] : " + getErrorText(statuses[i].error) + "\n";
+    } else {
+        text += getErrorText(code);
+    }
+    std::cerr << "MPI Error : " << text << std::endl;
+    raise(NonRecoverableError(text));
+}
+
+std::string MpiCore::getDistribName() {
+    return getName(OXM_MPI_Get_mpi_name);
+}
+
+void MpiCore::setDistribName(const std::string& name) {
+    handleError(OXM_MPI_Set_mpi_name(name.c_str(), static_cast<int>(name.size() + 1)));
+}
+
+std::string MpiCore::getMpiVersionName() {
+    return getName(OXM_MPI_Get_mpi_version);
+}
+
+void MpiCore::setMpiVersionName(const std::string& name) {
+    handleError(OXM_MPI_Set_mpi_version(name.c_str(), static_cast<int>(name.size() + 1)));
+}
+
+bool MpiCore::hasMpiSharedMemory() {
+    int shmSupported = 0;
+    ORVEX_ASSERT_AS(OXM_MPI_Supports_v3_shared_memory(&shmSupported) == OXM_MPI_SUCCESS,
+                    "OXM_MPI_Supports_v3_shared_memory(&shmSupported) == OXM_MPI_SUCCESS",
+                    "MPI_Supports_v3_shared_memory failed");
+    return shmSupported != 0;
+}
+
+bool MpiCore::disableCpuBindingCollisionTest() {
+    int disable = 0;
+    handleError(OXM_MPI_disable_cpu_bind_collision_test(&disable));
+    return disable == 1;
+}
+
+void MpiCore::finalize() {
+    if (!_isNotifyingFinalization) {
+        const Mark mark(_isNotifyingFinalization);
+        _onFinalizationObservable.notify();
+    }
+    handleError(OXM_MPI_Finalize());
+}

@@ -1,0 +1,89 @@
+#pragma once
+
+#include "machine/MachineExport.h"
+#include "platform/Time.h"
+
+#include <memory>
+
+class Communicator;
+class WallTimer;
+
+enum WallTimerType : int {
+    DEFAULT_WALL_TIMER = 0, ///< the message layer's clock in a parallel process, else the system's
+    SYSTEM_WALL_TIMER = 1
+};
+
+/// A stopwatch for one activity: wall-clock and processor time side by side, each running or not by itself,
+/// which it can also fold over the ranks of a communicator.
+///
+/// Times are in seconds: those of the intervals that are over, and that of the running one. Starting a clock
+/// that runs begins its interval anew. A value type; belongs to one thread. The collective readers are for
+/// the main thread of every rank of the communicator; in a serial process they give the local value.
+class ORVEX_MACHINE_EXPORT Timer {
+public:
+    /// @param communicator  whom the collective readers ask; null: all processes
+    explicit Timer(Communicator* communicator = nullptr);
+    explicit Timer(WallTimerType type, Communicator* communicator = nullptr);
+    Timer(const Timer& other);
+    Timer& operator=(const Timer& other);
+    ~Timer();
+
+    /// A stopped clock. An unknown type gives the system's, and says so on the standard output.
+    static std::unique_ptr<WallTimer> createWallTimer(WallTimerType type);
+
+    void start();
+    void startWallTimer();
+    void startCpuTimer();
+    /// Stopping a stopped clock has no effect.
+    void stop();
+    void stopWallTimer();
+    void stopCpuTimer();
+    /// Stops and forgets all.
+    void reset();
+    void resetWallTimer();
+    void resetCpuTimer();
+    /// Overwrites what was accumulated; running intervals go on.
+    void setTimes(double cpuTime, double wallTime);
+
+    bool running() const { return cpuTimerRunning() && wallTimerRunning(); }
+    bool wallTimerRunning() const;
+    bool cpuTimerRunning() const { return _cpuRunning; }
+
+    // Local readings; they stop nothing.
+
+    /// @throw InternalError when the running clock refuses the elapsed time
+    double getWallTime() const;
+    double getCpuTime() const;
+
+    // Collective readings. @throw InternalError also when a parallel process has no communicator
+
+    double getMaximumWallTime() const;
+    double getMaximumCpuTime() const;
+    double getMinimumWallTime() const;
+    double getMinimumCpuTime() const;
+    /// The sum over the ranks.
+    double getAccumulatedCpuTime() const;
+    /// The sum over the ranks, divided by the number of processes in the whole job.
+    double getAverageWallTime() const;
+    double getAverageCpuTime() const;
+    /// The population's, on the communicator's master; 0 elsewhere and in a serial process.
+    double getStandardDeviationWallTime() const;
+    double getStandardDeviationCpuTime() const;
+
+private:
+    double getElapsedWallTime() const;
+    double getElapsedCpuTime() const;
+    Communicator& checkCommunicator() const;
+    double getMaximum(double value) const;
+    double getMinimum(double value) const;
+    double getSum(double value) const;
+    double getAverage(double value) const;
+    double getStandardDeviation(double value) const;
+
+    std::unique_ptr<WallTimer> _wallTimer;
+    double _wallTime = 0.0;
+    Platform::ProcessorStamp _cpuStamp;
+    double _cpuTime = 0.0;
+    bool _cpuRunning = false;
+    Communicator* _communicator; ///< not owned; null in a serial process
+};
