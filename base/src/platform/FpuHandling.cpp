@@ -61,18 +61,6 @@ void FpuHandling::clearFpeStatus(FpeStatusWriteAccessKey) {
     std::feclearexcept(toSystem(ALL));
 }
 
-void FpuHandling::setFpeStatus(FpeStatusWriteAccessKey, unsigned int mask) {
-    // Raising a fault would run into its trap: the flags alone are set.
-    const int faults = toSystem(mask);
-    std::fexcept_t flags{};
-    std::fenv_t before;
-    std::feholdexcept(&before);
-    std::feraiseexcept(faults);
-    std::fegetexceptflag(&flags, faults);
-    std::fesetenv(&before);
-    std::fesetexceptflag(&flags, faults);
-}
-
 void FpuHandling::resetEnvironment(FpuEnvironmentAccessKey) {
     std::fesetenv(FE_DFL_ENV);
 }

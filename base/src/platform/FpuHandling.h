@@ -56,8 +56,6 @@ public:
     /// "Floating-point exception: division by zero, overflow"; "No floating-point exception" when clear.
     static std::string getFpeStatusAsString(FpeStatusReadAccessKey key);
     static void clearFpeStatus(FpeStatusWriteAccessKey key);
-    /// Sets the faults in `mask` without a trap.
-    static void setFpeStatus(FpeStatusWriteAccessKey key, unsigned int mask);
 
     /// Rounding to nearest, no traps, clear status, subnormal numbers kept.
     static void resetEnvironment(FpuEnvironmentAccessKey key);

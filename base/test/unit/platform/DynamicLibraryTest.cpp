@@ -1,0 +1,66 @@
+#include "platform/DynamicLibrary.h"
+
+#include "TemporaryDirectory.h"
+#include "platform/StringHelper.h"
+#include "platform/System.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+Platform::DynamicLibrary& libraries = Platform::dynamiclibrary();
+
+} // namespace
+
+TEST(DynamicLibrary, LoadsFindsAndUnloads) {
+    EXPECT_FALSE(libraries.isLoaded("OrvexPlatformTestModule"));
+    const auto first = libraries.load("OrvexPlatformTestModule");
+    ASSERT_NE(first.handle, nullptr) << first.error;
+    EXPECT_EQ(first.error, "");
+    EXPECT_TRUE(first.path.ends_with("/libOrvexPlatformTestModule.so")) << first.path;
+    EXPECT_TRUE(libraries.isLoaded("OrvexPlatformTestModule"));
+    EXPECT_TRUE(libraries.isLoaded("libOrvexPlatformTestModule.so"));
+    EXPECT_TRUE(libraries.isLoaded("libc.so.6")); // whoever loaded it
+    EXPECT_FALSE(libraries.isLoaded("msmpi.dll"));
+    EXPECT_NE(libraries.findSymbol(first.handle, "orvexTestModuleTrace"), nullptr);
+    EXPECT_EQ(libraries.findSymbol(first.handle, "orvexNothing"), nullptr);
+    EXPECT_EQ(libraries.findSymbol(nullptr, "orvexTestModuleTrace"), nullptr);
+
+    const auto second = libraries.load(first.path);
+    EXPECT_EQ(second.handle, first.handle);
+    EXPECT_EQ(libraries.unload(second.handle), "");
+    EXPECT_EQ(libraries.unload(first.handle), "");
+    EXPECT_EQ(libraries.unload(nullptr), "No module to unload");
+}
+
+TEST(DynamicLibrary, AFailureNamesEveryPathAndTheReason) {
+    const auto result = libraries.load("OrvexNoSuchModule");
+    EXPECT_EQ(result.handle, nullptr);
+    const auto candidates = libraries.getCandidates("OrvexNoSuchModule");
+    ASSERT_GE(candidates.size(), 3u);
+    const std::string program = StringHelper::toString(Platform::system().getExecutablePath());
+    EXPECT_EQ(candidates.front(), program.substr(0, program.rfind('/')) + "/libOrvexNoSuchModule.so");
+    EXPECT_EQ(candidates.back(), "libOrvexNoSuchModule.so");
+    std::string expected = "Couldn't load the module OrvexNoSuchModule:";
+    for (const std::string& candidate : candidates)
+        expected += "\n  " + candidate +
+                    (candidate == candidates.back() ? " (search path of the loader)" : "") +
+                    ": cannot open shared object file: No such file or directory";
+    EXPECT_EQ(result.error, expected);
+    EXPECT_EQ(libraries.load("").error, "A module needs a name");
+}
+
+TEST(DynamicLibrary, AFileThatCannotBeLoadedIsTheOneThatWasMeant) {
+    const auto broken = libraries.load("OrvexPlatformBrokenModule");
+    EXPECT_EQ(broken.handle, nullptr);
+    EXPECT_NE(broken.error.find("undefined symbol: orvexSymbolThatNobodyHas"), std::string::npos)
+        << broken.error;
+    EXPECT_EQ(broken.error.find("search path"), std::string::npos) << broken.error;
+
+    const TemporaryDirectory directory;
+    const std::string path = StringHelper::toString(directory / L"empty.so");
+    std::ofstream(path) << "no library";
+    const auto text = libraries.load(path);
+    EXPECT_EQ(text.handle, nullptr);
+    EXPECT_EQ(text.error.find("Couldn't load the module " + path + ":\n  " + path + ": "), 0u) << text.error;
+}

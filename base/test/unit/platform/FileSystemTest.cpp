@@ -1,0 +1,144 @@
+#include "platform/FileSystem.h"
+
+#include "TemporaryDirectory.h"
+#include "platform/StringHelper.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+using Names = std::vector<std::wstring>;
+namespace fs = std::filesystem;
+
+class FileSystemTest : public testing::Test {
+protected:
+    std::string narrow(const std::wstring& name) const { return StringHelper::toString(directory / name); }
+    void write(const std::wstring& name, const std::string& content) const {
+        std::ofstream(narrow(name)) << content;
+    }
+
+    TemporaryDirectory directory;
+    Platform::FileSystem& files = Platform::filesystem();
+};
+
+} // namespace
+
+TEST_F(FileSystemTest, ListsWhatIsThere) {
+    write(L"b.sim", "12345");
+    write(L"\x00E4\x20AC", "");
+    ASSERT_TRUE(files.makeDirectory(directory / L"sub"));
+    fs::create_symlink("sub", narrow(L"link"));
+    fs::create_symlink("nowhere", narrow(L"dangling"));
+    std::ofstream(narrow(L"bad") + "\xFF"); // a name that isn't UTF-8
+
+    Names dirs{L"old"};
+    Names names{L"old"};
+    ASSERT_TRUE(files.listDirectory(directory.getPath(), dirs, names));
+    EXPECT_EQ(dirs, (Names{L"link", L"sub"}));
+    EXPECT_EQ(names, (Names{L"b.sim", L"bad\xFFFD", L"dangling", L"\x00E4\x20AC"}));
+    for (const std::wstring& path : {directory / L"missing", directory / L"b.sim", std::wstring()}) {
+        EXPECT_FALSE(files.listDirectory(path, dirs, names));
+        EXPECT_TRUE(dirs.empty() && names.empty());
+    }
+}
+
+TEST_F(FileSystemTest, AsksAndChanges) {
+    write(L"file", "12345");
+    EXPECT_EQ(files.getSize(directory / L"file"), 5);
+    EXPECT_EQ(files.getSize(directory.getPath()), -1);
+    EXPECT_EQ(files.getSize(directory / L"missing"), -1);
+    EXPECT_GT(files.getModificationTime(directory / L"file"), 1.6e9);
+    EXPECT_TRUE(files.exists(directory / L"file"));
+    EXPECT_FALSE(files.isDirectory(directory / L"file"));
+    EXPECT_FALSE(files.isReadOnly(directory / L"file"));
+    EXPECT_FALSE(files.isReadOnly(directory / L"missing"));
+    EXPECT_EQ(files.isReadOnly(L"/proc/self/stat"), ::geteuid() != 0); // nothing is forbidden to root
+
+    EXPECT_EQ(files.rename(directory / L"file", directory / L"moved"), 0);
+    EXPECT_EQ(files.rename(directory / L"file", directory / L"moved"), ENOENT);
+    EXPECT_EQ(files.getSize(directory / L"moved"), 5);
+    EXPECT_TRUE(files.deleteFile(directory / L"moved"));
+    EXPECT_FALSE(files.deleteFile(directory / L"moved"));
+    EXPECT_FALSE(files.deleteFile(directory.getPath()));
+
+    EXPECT_FALSE(files.makeDirectory(directory / L"a/b"));
+    EXPECT_TRUE(files.makeDirectories(directory / L"a/b"));
+    EXPECT_TRUE(files.makeDirectories(directory / L"a/b"));
+    EXPECT_TRUE(files.makeDirectory(directory / L"a/b"));
+    EXPECT_FALSE(files.deleteDirectory(directory / L"a"));
+    EXPECT_TRUE(files.deleteTree(directory / L"a"));
+    EXPECT_FALSE(files.exists(directory / L"a"));
+    EXPECT_FALSE(files.deleteTree(directory / L"a"));
+}
+
+TEST_F(FileSystemTest, AZeroInAPathLeadsNowhere) {
+    write(L"file", "");
+    const std::wstring cut = directory / std::wstring(L"file\0x", 6);
+    EXPECT_FALSE(files.exists(cut));
+    EXPECT_FALSE(files.deleteFile(cut));
+    EXPECT_TRUE(files.exists(directory / L"file"));
+}
+
+TEST_F(FileSystemTest, CurrentDirectoryAndPaths) {
+    const std::wstring before = files.getCurrentDirectory();
+    EXPECT_FALSE(files.setCurrentDirectory(directory / L"missing"));
+    EXPECT_EQ(files.getCurrentDirectory(), before);
+    ASSERT_TRUE(files.setCurrentDirectory(directory.getPath()));
+    const std::wstring here = files.getCurrentDirectory();
+    EXPECT_EQ(fs::canonical(StringHelper::toString(here)),
+              fs::canonical(StringHelper::toString(directory.getPath())));
+    EXPECT_EQ(files.getAbsolutePath(L"x/../y/./z/"), here + L"/y/z");
+    ASSERT_TRUE(files.setCurrentDirectory(before));
+
+    EXPECT_EQ(files.getAbsolutePath(L"//a//../b"), L"/b");
+    EXPECT_EQ(files.getAbsolutePath(L""), L"");
+    for (const auto& [path, expected] :
+         {std::pair{L"", L""}, {L"name", L"name"}, {L"-a//b/", L"-a/b/"}, {L"//", L"/"}})
+        EXPECT_EQ(files.getFilePath(path), expected);
+    EXPECT_EQ(files.join(L"/a/", L"b"), L"/a/b");
+    EXPECT_EQ(files.join(L"", L"b"), L"b");
+    EXPECT_EQ(files.getRoots(), std::vector<std::string>{"/"});
+    EXPECT_TRUE(files.isDirectory(files.getDefaultTemporaryDirectory()));
+    std::ofstream null(StringHelper::toString(files.getNullDevice()));
+    EXPECT_TRUE(null << "gone" << std::flush);
+}
+
+TEST_F(FileSystemTest, PrivateFilesAndDirectories) {
+    const std::wstring folder = directory / L"deep/private";
+    ASSERT_TRUE(files.makePrivateDirectory(folder));
+    ::chmod(narrow(L"deep/private").c_str(), 0755);
+    ASSERT_TRUE(files.makePrivateDirectory(folder));
+    struct stat status;
+    ASSERT_EQ(::stat(narrow(L"deep/private").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777, 0700u);
+    fs::create_symlink("deep/private", narrow(L"link"));
+    EXPECT_FALSE(files.makePrivateDirectory(directory / L"link"));
+    write(L"plain", "");
+    EXPECT_FALSE(files.makePrivateDirectory(directory / L"plain"));
+
+    const std::wstring record = files.join(folder, L"record");
+    const mode_t mask = ::umask(0);
+    ASSERT_TRUE(files.writePrivateFile(record, "one"));
+    ASSERT_TRUE(files.writePrivateFile(record, "two"));
+    ::umask(mask);
+    EXPECT_TRUE(files.isPrivateFile(record));
+    std::string content = "old";
+    EXPECT_TRUE(files.readFile(record, content, 3));
+    EXPECT_EQ(content, "two");
+    EXPECT_FALSE(files.readFile(record, content, 2));
+    EXPECT_FALSE(files.readFile(folder, content, 99));
+    EXPECT_FALSE(files.writePrivateFile(directory / L"missing/record", ""));
+    Names dirs;
+    Names names;
+    ASSERT_TRUE(files.listDirectory(folder, dirs, names));
+    EXPECT_EQ(names, Names{L"record"}); // no half-written file is left beside it
+    ::chmod(StringHelper::toString(record).c_str(), 0640);
+    EXPECT_FALSE(files.isPrivateFile(record));
+    ASSERT_EQ(::mkfifo(narrow(L"fifo").c_str(), 0600), 0);
+    EXPECT_FALSE(files.readFile(directory / L"fifo", content, 9)); // and doesn't wait for a writer
+}

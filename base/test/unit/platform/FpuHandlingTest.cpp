@@ -1,0 +1,102 @@
+#include "platform/FpuHandling.h"
+#include "platform/FloatingPointErrorRecord.h"
+
+#include <gtest/gtest.h>
+
+#include <cfenv>
+#include <cmath>
+#include <limits>
+#include <thread>
+
+/// The door that the access keys leave to tests.
+class PlatformTestAccess {
+public:
+    static FpeStatusReadAccessKey read() { return {}; }
+    static FpeStatusWriteAccessKey write() { return {}; }
+    static FpuEnvironmentAccessKey environment() { return {}; }
+    static std::string getRecord() { return FloatingPointErrorRecord::get(); }
+    static void clearRecord() { FloatingPointErrorRecord::clear(); }
+};
+
+namespace {
+
+using Access = PlatformTestAccess;
+
+volatile double zero = 0.0;
+volatile double one = 1.0;
+volatile double huge = std::numeric_limits<double>::max();
+volatile double tiny = std::numeric_limits<double>::denorm_min();
+volatile double result = 0.0;
+
+class FpuHandlingTest : public testing::Test {
+protected:
+    void SetUp() override { FpuHandling::resetEnvironment(Access::environment()); }
+    void TearDown() override { FpuHandling::resetEnvironment(Access::environment()); }
+};
+
+} // namespace
+
+TEST_F(FpuHandlingTest, StatusTellsWhatHappened) {
+    const struct {
+        void (*operation)();
+        unsigned status;
+        std::string text;
+    } rows[] = {{[] { result = one + one; }, 0, "No floating-point exception"},
+                {[] { result = one / 3.0; }, 0, "No floating-point exception"}, // inexact doesn't count
+                {[] { result = tiny * 0.5; }, 0, "No floating-point exception"},
+                {[] { result = one / zero; }, 1, "Floating-point exception: division by zero"},
+                {[] { result = zero / zero; }, 2, "Floating-point exception: invalid operation"},
+                {[] { result = huge + huge; }, 4, "Floating-point exception: overflow"},
+                {[] {
+                     result = one / zero;
+                     result = huge * huge;
+                 },
+                 5, "Floating-point exception: division by zero, overflow"}};
+    for (const auto& row : rows) {
+        FpuHandling::clearFpeStatus(Access::write());
+        row.operation();
+        EXPECT_EQ(FpuHandling::isFpeStatusClear(Access::read()), row.status == 0) << row.text;
+        for (const unsigned bit : {1u, 2u, 4u})
+            EXPECT_EQ(FpuHandling::testFpeStatus(Access::read(), bit), (row.status & bit) != 0)
+                << row.text << bit;
+        EXPECT_EQ(FpuHandling::getFpeStatusAsString(Access::read()), row.text);
+    }
+    // Each thread has a status of its own.
+    FpuHandling::clearFpeStatus(Access::write());
+    std::thread([] { result = one / zero; }).join();
+    EXPECT_TRUE(FpuHandling::isFpeStatusClear(Access::read()));
+}
+
+TEST_F(FpuHandlingTest, EnvironmentIsSavedAndReset) {
+    FpuEnvironment saved;
+    std::fesetround(FE_UPWARD);
+    result = one / zero;
+    FpuHandling::saveEnvironment(Access::environment(), saved);
+    FpuHandling::resetEnvironment(Access::environment());
+    EXPECT_EQ(std::fegetround(), FE_TONEAREST);
+    EXPECT_TRUE(FpuHandling::isFpeStatusClear(Access::read()));
+    FpuHandling::restoreEnvironment(Access::environment(), saved);
+    EXPECT_EQ(std::fegetround(), FE_UPWARD);
+    EXPECT_TRUE(FpuHandling::testFpeStatus(Access::read(), FpuHandling::DIVISION_BY_ZERO));
+}
+
+TEST_F(FpuHandlingTest, TrapsAreSetApart) {
+    const unsigned two = FpuHandling::DIVISION_BY_ZERO | FpuHandling::OVERFLOW_FAULT;
+    EXPECT_EQ(FpuHandling::getTraps(Access::read()), 0u);
+    result = one / zero; // pending: mustn't trap when traps come on
+    EXPECT_EQ(FpuHandling::enableTraps(Access::environment(), two), 0u);
+    EXPECT_EQ(FpuHandling::getTraps(Access::read()), two);
+    EXPECT_EQ(FpuHandling::disableTraps(Access::environment(), FpuHandling::OVERFLOW_FAULT), two);
+    EXPECT_EQ(FpuHandling::getTraps(Access::read()), unsigned(FpuHandling::DIVISION_BY_ZERO));
+    FpuHandling::resetEnvironment(Access::environment());
+    EXPECT_EQ(FpuHandling::getTraps(Access::read()), 0u);
+}
+
+TEST(FloatingPointErrorRecord, TheLastTextStays) {
+    EXPECT_EQ(PlatformTestAccess::getRecord(), "");
+    FloatingPointErrorRecord::set("one");
+    FloatingPointErrorRecord::set("two");
+    EXPECT_EQ(PlatformTestAccess::getRecord(), "two");
+    PlatformTestAccess::clearRecord();
+    EXPECT_EQ(PlatformTestAccess::getRecord(), "");
+}

@@ -1,0 +1,130 @@
+#include "platform/LauncherWatch.h"
+
+#include "TemporaryDirectory.h"
+#include "platform/Pipe.h"
+#include "platform/Process.h"
+#include "platform/StringHelper.h"
+#include "platform/Time.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <sstream>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+
+namespace {
+
+constexpr int WATCH_STATUS = 7;
+
+/// A tree of real processes with the names of launchers; its innermost one is the rank that watches.
+class LauncherWatchTest : public testing::Test {
+protected:
+    // Orphans become our children, so that how they end can be seen.
+    void SetUp() override { ASSERT_EQ(::prctl(PR_SET_CHILD_SUBREAPER, 1), 0); }
+    void TearDown() override {
+        Platform::process().kill(rank);
+        if (tree)
+            tree->terminate(0.0);
+        while (::waitpid(-1, nullptr, 0) > 0) {
+        }
+        ::prctl(PR_SET_CHILD_SUBREAPER, 0);
+    }
+
+    void start(const std::vector<std::string>& names, const std::wstring& how) {
+        std::vector<std::wstring> command;
+        for (const std::string& name : names) {
+            const std::wstring program = directory / StringHelper::toWString(name);
+            std::filesystem::create_symlink(ORVEX_PROBE, StringHelper::toString(program));
+            command.insert(command.end(), {program, L"run"});
+        }
+        command.insert(command.end(), {StringHelper::toWString(ORVEX_PROBE), L"rank", how});
+        tree = Platform::process().start(command, {});
+        std::istringstream line(readLine());
+        line >> rank;
+        for (LauncherWatch::Ancestor ancestor{}; line >> ancestor.pid >> ancestor.name;)
+            ancestors.push_back(ancestor);
+    }
+    /// The next line that the rank prints; empty at the end or when none comes.
+    std::string readLine() {
+        std::string line;
+        char character = 0;
+        while (tree->getOutput()->read(&character, 1, 10.0) > 0 && character != '\n')
+            line += character;
+        return line;
+    }
+    /// How an orphan ended: its exit status, -1 when it didn't within the time limit.
+    static int await(int pid, double timeLimit) {
+        const double end = Platform::time().getTime() + timeLimit;
+        while (Platform::time().getTime() < end) {
+            int status = 0;
+            if (::waitpid(pid, &status, WNOHANG) == pid)
+                return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+            Platform::time().sleep(0.01);
+        }
+        return -1;
+    }
+    std::string getNames() const {
+        std::string names;
+        for (const auto& ancestor : ancestors)
+            names += ancestor.name + " ";
+        return names;
+    }
+
+    TemporaryDirectory directory;
+    std::unique_ptr<OS::Process::ProcessHandle> tree;
+    int rank = 0;
+    std::vector<LauncherWatch::Ancestor> ancestors;
+};
+
+} // namespace
+
+TEST_F(LauncherWatchTest, ARankEndsWithAnyOfItsAncestors) {
+    const struct {
+        std::vector<std::string> tree;
+        std::string watched;
+        std::size_t victim;
+        std::wstring how;
+    } rows[] = {{{"outer", "mpirun.test", "wrapper"}, "wrapper mpirun.test ", 1, L"plain"},
+                {{"outer", "mpirun.test", "wrapper"}, "wrapper mpirun.test ", 0, L"plain"},
+                {{"mpiexec", "hydra_pmi_proxy"}, "hydra_pmi_proxy mpiexec ", 1, L"hang"},
+                {{"mpiexec", "hydra_pmi_proxy"}, "hydra_pmi_proxy mpiexec ", 0, L"plain"},
+                {{"mpiexec", "test-harness", "srun"}, "srun ", 0, L"plain"},
+                {{"one", "two"}, "two ", 0, L"plain"}};
+    for (const auto& row : rows) {
+        std::filesystem::remove_all(StringHelper::toString(directory.getPath()));
+        Platform::filesystem().makeDirectory(directory.getPath());
+        ancestors.clear();
+        start(row.tree, row.how);
+        EXPECT_EQ(getNames(), row.watched);
+        ASSERT_GT(ancestors.size(), row.victim);
+        const auto& victim = ancestors[row.victim];
+        ASSERT_TRUE(Platform::process().kill(victim.pid));
+        EXPECT_EQ(readLine(), "The process " + std::to_string(victim.pid) + " (" + victim.name +
+                                  "), which held this job, has ended");
+        // The orphan is the process below the victim; between it and the rank, each passes the status on.
+        EXPECT_EQ(await(row.victim == 0 ? rank : ancestors[row.victim - 1].pid, 2.0), WATCH_STATUS);
+        EXPECT_FALSE(Platform::process().isAlive(rank));
+        // Whoever stands outside the watched part is left alone; end it and what it waits for.
+        for (const auto& ancestor : ancestors)
+            Platform::process().kill(ancestor.pid);
+        tree->terminate(0.0);
+    }
+}
+
+TEST_F(LauncherWatchTest, AStoppedWatchLetsTheProcessLive) {
+    start({"mpirun"}, L"stop");
+    ASSERT_EQ(ancestors.size(), 1u);
+    ASSERT_TRUE(Platform::process().kill(ancestors[0].pid));
+    EXPECT_EQ(readLine(), "outlived");
+    EXPECT_EQ(await(rank, 5.0), 0);
+}
+
+TEST(LauncherWatch, Names) {
+    for (const std::string name :
+         {"mpirun", "mpirun.openmpi", "mpiexec.hydra", "mpiexec.mpich", "hydra_pmi_proxy", "orterun", "orted",
+          "prterun", "prted", "srun", "slurmstepd"})
+        EXPECT_TRUE(LauncherWatch::isLauncherName(name)) << name;
+    for (const std::string name : {"", "bash", "mpirunner", "my.mpirun", "orvexsim", "systemd"})
+        EXPECT_FALSE(LauncherWatch::isLauncherName(name)) << name;
+}

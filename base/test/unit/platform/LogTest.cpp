@@ -1,0 +1,117 @@
+#include "platform/Log.h"
+
+#include "TemporaryDirectory.h"
+#include "platform/StringHelper.h"
+
+#include <gtest/gtest.h>
+
+#include <regex>
+#include <thread>
+
+namespace {
+
+/// A datum that counts how often it is turned into text.
+struct Counted {
+    int* count;
+};
+std::ostream& operator<<(std::ostream& stream, const Counted& counted) {
+    return stream << ++*counted.count;
+}
+
+class LogTest : public testing::Test {
+protected:
+    void SetUp() override { log.setStandardError(false); }
+    void TearDown() override {
+        log.setListener(nullptr);
+        log.setFile(L"");
+        log.setLevel(OS::Log::WARNING_LEVEL);
+        OS::Log::setProcessTag("");
+        log.setStandardError(true);
+    }
+
+    TemporaryDirectory directory;
+    OS::Log& log = OS::Log::instance("Default");
+};
+
+} // namespace
+
+TEST_F(LogTest, DataStandsForItsPlaces) {
+    const struct {
+        std::string text;
+        std::string expected;
+    } rows[] = {{"", ""},
+                {"#LPUs = @0@, mask = @1@", "#LPUs = 4, mask = 0-3"},
+                {"@1@@0@@1@", "0-340-3"},
+                {"@2@ stays, so do @ and @x@ and @-1@", "@2@ stays, so do @ and @x@ and @-1@"},
+                {"ann@host @0@", "ann@host 4"},
+                {"@@0@@", "@4@"}};
+    for (const auto& row : rows)
+        EXPECT_EQ(OS::Log::format(row.text, {"4", "0-3"}), row.expected);
+    EXPECT_EQ(OS::Log::format("@0@", {"@0@"}), "@0@"); // data isn't looked into
+}
+
+TEST_F(LogTest, LinesBearTheirContext) {
+    const std::wstring path = directory / L"log.txt";
+    ASSERT_TRUE(log.setFile(path));
+    log.setLevel(OS::Log::DEBUG_LEVEL);
+    OS::Log::setProcessTag("rank 3");
+    std::vector<OS::Log::Record> records;
+    log.setListener([&](const OS::Log::Record& record) {
+        records.push_back(record);
+        log.error("LogTest::listener", "goes nowhere");
+    });
+    const int line = __LINE__ + 1;
+    log.debug("A::a", "@0@ @1@ @2@ @3@", 1, L"w\x20AC", true, std::string("s"));
+    log.info("A::b", "i");
+    log.warning("A::c", "w");
+    log.error("A::d", "e");
+    ASSERT_EQ(records.size(), 4u);
+    EXPECT_EQ(records[0].operation, "A::a");
+    EXPECT_EQ(records[0].line, line);
+    EXPECT_EQ(records[0].text, "1 w\xE2\x82\xAC true s");
+    EXPECT_EQ(records[3].level, OS::Log::ERROR_LEVEL);
+
+    std::string content;
+    ASSERT_TRUE(Platform::filesystem().readFile(path, content, 10000));
+    const auto at = [line](int offset) { return std::to_string(line + offset); };
+    const std::regex pattern("(\\[[0-9: .-]{23}\\] \\[rank 3\\] \\[Default\\] )");
+    EXPECT_EQ(std::regex_replace(content, pattern, "> "),
+              "> [debug] [A::a:" + at(0) + "] 1 w\xE2\x82\xAC true s\n" + "> [info] [A::b:" + at(1) +
+                  "] i\n" + "> [warning] [A::c:" + at(2) + "] w\n" + "> [error] [A::d:" + at(3) + "] e\n");
+    EXPECT_FALSE(log.setFile(L"/proc/orvex/log.txt"));
+}
+
+TEST_F(LogTest, ALevelThatIsOffCostsNoText) {
+    int count = 0;
+    int lines = 0;
+    log.setListener([&lines](const OS::Log::Record&) { ++lines; });
+    EXPECT_FALSE(log.isEnabled(OS::Log::INFO_LEVEL)); // warnings and errors are on at first
+    log.info("A::a", "@0@", Counted{&count});
+    EXPECT_EQ(count + lines, 0);
+    log.warning("A::a", "@0@", Counted{&count});
+    log.setLevel(OS::Log::OFF);
+    log.error("A::a", "@0@", Counted{&count});
+    EXPECT_EQ(count, 1);
+    EXPECT_EQ(lines, 1);
+    EXPECT_EQ(&OS::Log::instance("Default"), &log);
+    EXPECT_NE(&OS::Log::instance("Other"), &log);
+}
+
+TEST_F(LogTest, ThreadsWriteWholeLines) {
+    const std::wstring path = directory / L"log.txt";
+    ASSERT_TRUE(log.setFile(path));
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([this] {
+            for (int i = 0; i < 200; ++i)
+                log.error("A::a", "@0@ end", i);
+        });
+    for (std::thread& thread : threads)
+        thread.join();
+    std::string content;
+    ASSERT_TRUE(Platform::filesystem().readFile(path, content, 1000000));
+    const auto lines = StringHelper::tokenize(content, "\n");
+    EXPECT_EQ(lines.size(), 800u);
+    for (const std::string& line : lines)
+        EXPECT_TRUE(line.starts_with("[") && line.ends_with(" end")) << line;
+}

@@ -1,0 +1,124 @@
+#include "platform/Thread.h"
+
+#include "platform/InterruptableRunnable.h"
+#include "platform/Lock.h"
+#include "platform/Semaphore.h"
+#include "platform/Threads.h"
+#include "platform/Time.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+namespace {
+
+// Asked while the program loads, before main().
+const bool mainAtLoadTime = Thread::isMain();
+
+class Worker : public InterruptableRunnable {
+public:
+    std::atomic<int> rounds{0};
+    std::atomic<bool> onMain{true};
+    std::atomic<bool> sleepLong{false};
+    Semaphore turn;
+
+protected:
+    void runNestedTask() override {
+        onMain = Thread::isMain();
+        ++rounds;
+        turn.post();
+        if (sleepLong)
+            sleep(30.0);
+        else
+            Platform::threads().yield();
+    }
+};
+
+} // namespace
+
+TEST(Thread, KnowsTheMainThread) {
+    EXPECT_TRUE(mainAtLoadTime);
+    EXPECT_TRUE(Thread::isMain());
+    EXPECT_EQ(Platform::threads().getThreadId(), ::getpid());
+    std::thread([] { EXPECT_FALSE(Thread::isMain()); }).join();
+}
+
+TEST(Thread, RunsAgainAfterAStop) {
+    Worker worker;
+    Thread thread(worker, "worker");
+    EXPECT_FALSE(thread.isRunning());
+    thread.join(); // nothing to wait for
+    for (int round = 0; round < 50; ++round) {
+        thread.start(); // waits for the run before, when it still goes
+        while (worker.turn.tryWait()) {
+        }
+        EXPECT_TRUE(worker.turn.wait(10.0)); // a task of this run: the one before has ended
+        worker.stop();
+        if (round % 2 == 0)
+            thread.join();
+    }
+    worker.stop();
+    thread.join();
+    EXPECT_FALSE(thread.isRunning());
+    EXPECT_FALSE(worker.onMain);
+}
+
+TEST(Thread, AStopBeforeTheFirstTaskCounts) {
+    Worker worker;
+    Thread thread(worker);
+    for (int i = 0; i < 100; ++i) {
+        thread.start();
+        worker.stop(); // before, while or after the thread begins
+        thread.join();
+    }
+    EXPECT_FALSE(thread.isRunning());
+}
+
+TEST(Thread, StopEndsASleepAndTheDestructorStops) {
+    Worker worker;
+    worker.sleepLong = true;
+    const double start = Platform::time().getTime();
+    {
+        Thread thread(worker);
+        thread.start();
+        ASSERT_TRUE(worker.turn.wait(10.0));
+        EXPECT_TRUE(thread.isRunning());
+    }
+    EXPECT_LT(Platform::time().getTime() - start, 10.0);
+    EXPECT_EQ(worker.rounds, 1);
+}
+
+TEST(Semaphore, CountsAndTimesOut) {
+    Semaphore semaphore(1);
+    EXPECT_TRUE(semaphore.tryWait());
+    EXPECT_FALSE(semaphore.tryWait());
+    EXPECT_FALSE(semaphore.wait(0.01));
+    EXPECT_FALSE(semaphore.wait(-1.0));
+    std::thread poster([&] {
+        semaphore.post();
+        semaphore.post();
+    });
+    semaphore.wait();
+    EXPECT_TRUE(semaphore.wait(10.0));
+    poster.join();
+    EXPECT_FALSE(semaphore.tryWait());
+}
+
+TEST(Mutex, BelongsToItsThread) {
+    Mutex mutex;
+    int count = 0;
+    const auto work = [&] {
+        for (int i = 0; i < 10000; ++i) {
+            const Lock outer(mutex);
+            const Lock inner(mutex); // the same thread may take it again
+            ++count;
+        }
+    };
+    std::thread other(work);
+    work();
+    other.join();
+    EXPECT_EQ(count, 20000);
+    const Lock held(mutex);
+    std::thread([&] { EXPECT_FALSE(mutex.tryLock()); }).join();
+}
