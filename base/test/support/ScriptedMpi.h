@@ -1,0 +1,106 @@
+#pragma once
+
+#include "mpiwrapper/OxmMpi.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+/// A wrapper call as the scripted driver saw it.
+struct ScriptedCall {
+    std::string name; ///< without the prefix: "Bcast"
+    /// Numbers in the order of the arguments; a handle that goes in by address counts as the number that it
+    /// holds.
+    std::vector<std::pair<std::string, long long>> numbers;
+    /// Counts, displacements, ranks, requests, ...: as many elements as the call reads.
+    std::map<std::string, std::vector<long long>> arrays;
+    std::map<std::string, std::string> texts;
+    /// All other addresses, also of what the call sets: for an action that fills buffers.
+    std::map<std::string, void*> addresses;
+    int result = OXM_MPI_SUCCESS;
+
+    /// A number by its argument's name; throws std::out_of_range when the call has none.
+    long long get(const std::string& argument) const;
+    /// "Bcast(count=5, datatype=10, root=0, comm=1)", in the order of the arguments. Buffers stand in it only
+    /// when they are null or in place.
+    std::string text() const { return _text; }
+
+    std::string _text;
+};
+
+/// Control of the module OrvexScriptedMpi, a driver that plays a job of one process. It can pretend to be one
+/// of many ranks: what would come from others then stays as it was, unless a test brings it by deliver() or
+/// setAction(). Collectives do what they do on one rank, with real data.
+///
+/// By default everything succeeds, requests complete at once, and files are kept in memory.
+class ScriptedMpi {
+public:
+    /// Loads the module, makes it the wrapper's driver with files, starts MPI, and resets it. As often as
+    /// wanted.
+    static ScriptedMpi& start();
+    /// Only loads the module.
+    static ScriptedMpi& load();
+    /// The module's handle, for OXM_MPI_Initialize.
+    static void* library();
+
+    virtual ~ScriptedMpi() = default;
+    /// Back to rank 0 of 1, without scripts, messages, calls or live handles.
+    virtual void reset() = 0;
+
+    // What the process is
+    virtual void setWorld(int rank, int size) = 0;
+    virtual void setProcessorName(const std::string& name) = 0;
+    virtual void setMaxBufferSize(std::uint64_t bytes) = 0;
+    virtual void setSharedMemorySupport(bool works) = 0;
+    virtual void setBindCollisionTestDisabled(int value) = 0;
+
+    // What goes wrong
+    /// The `nth` call of `name` from now on, counted from 1, returns `code` and does nothing else; with
+    /// OXM_MPI_ERR_IN_STATUS it does its work and takes its statuses from setStatuses().
+    virtual void fail(const std::string& name, int nth, int code) = 0;
+    /// The `nth` call of any function from now on.
+    virtual void failAny(int nth, int code) = 0;
+    virtual void setErrorText(int code, const std::string& text) = 0;
+
+    // What comes from outside
+    /// A message on any communicator, for receives and probes. Unmatched receives complete as they are.
+    virtual void deliver(int source, int tag, const void* data, std::size_t bytes) = 0;
+    /// The next statuses that calls set, one after the other, before the driver makes its own again.
+    virtual void setStatuses(const std::vector<OXM_MPI_Status_struct>& statuses) = 0;
+    /// What the next Waitany or Testany gives as index, with no request completed when it is undefined.
+    virtual void setIndex(int index) = 0;
+    /// Non-blocking requests complete at the look after `looks` unsuccessful ones.
+    virtual void setLooks(int looks) = 0;
+    /// Stands in the place of the driver's own work for `name`, and returns the code. An empty one ends that.
+    using Action = std::function<int(const ScriptedCall&)>;
+    virtual void setAction(const std::string& name, Action action) = 0;
+    /// The clock stands at `now` and moves on by `step` with each reading. Until then it is the real one.
+    virtual void setClock(double now, double step) = 0;
+
+    // What was seen
+    /// All calls in their order, the clock's and OXM_MPI_Get_max_buffer_size's left out.
+    virtual const std::vector<ScriptedCall>& calls() const = 0;
+    virtual void clearCalls() = 0;
+    virtual int clockReadings() const = 0;
+    /// Numbers of the handles that are alive, by kind, 0 left out: "comm", "group", "datatype", "op",
+    /// "request", "window", "file", "info".
+    virtual std::map<std::string, int> liveHandles() const = 0;
+    /// What was sent: destination, tag and bytes.
+    struct Message {
+        int partner;
+        int tag;
+        std::string bytes;
+    };
+    virtual const std::vector<Message>& sent() const = 0;
+
+    /// The texts of all calls, for comparisons.
+    std::vector<std::string> texts() const;
+    /// The names of all calls.
+    std::vector<std::string> names() const;
+    /// The calls of one function.
+    std::vector<ScriptedCall> callsOf(const std::string& name) const;
+};

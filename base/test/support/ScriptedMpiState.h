@@ -1,0 +1,180 @@
+#pragma once
+
+#include "support/ScriptedMpi.h"
+
+#include "mpiwrapper/MpiDriver.h"
+
+#include <deque>
+#include <memory>
+#include <optional>
+#include <string>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+/// What the scripted driver remembers: its script, its handles and what it saw.
+class ScriptedMpiState : public ScriptedMpi {
+public:
+    static ScriptedMpiState& getSingleton();
+
+    void reset() override;
+    void setWorld(int rank, int size) override;
+    void setProcessorName(const std::string& name) override { processorName = name; }
+    void setMaxBufferSize(std::uint64_t bytes) override { maxBufferSize = bytes; }
+    void setSharedMemorySupport(bool works) override { supportsSharedMemory = works; }
+    void setBindCollisionTestDisabled(int value) override { bindCollisionTestDisabled = value; }
+    void fail(const std::string& name, int nth, int code) override { _failures.push_back({name, nth, code}); }
+    void failAny(int nth, int code) override { _failures.push_back({"", nth, code}); }
+    void setErrorText(int code, const std::string& text) override { errorTexts[code] = text; }
+    void deliver(int source, int tag, const void* data, std::size_t bytes) override;
+    void setStatuses(const std::vector<OXM_MPI_Status_struct>& values) override;
+    void setIndex(int index) override { nextIndex = index; }
+    void setLooks(int looks) override { looksBeforeCompletion = looks; }
+    void setAction(const std::string& name, Action action) override { _actions[name] = std::move(action); }
+    void setClock(double now, double step) override;
+    const std::vector<ScriptedCall>& calls() const override { return _calls; }
+    void clearCalls() override { _calls.clear(); }
+    int clockReadings() const override { return _clockReadings; }
+    std::map<std::string, int> liveHandles() const override;
+    const std::vector<Message>& sent() const override { return sentMessages; }
+
+    /// Records a call and runs its script; `play` is the driver's own work.
+    template <class... Arguments>
+    int serve(const char* name, const char* argumentNames, int (*play)(Arguments...), Arguments... arguments);
+    double readClock();
+
+    void setStatus(OXM_MPI_Status_struct* status, int source, int tag, std::size_t bytes);
+
+    struct Comm {
+        std::vector<int> worldRanks;
+        int rank;
+        int size() const { return static_cast<int>(worldRanks.size()); }
+    };
+    struct Type {
+        std::size_t extent;
+        long long lowerBound;
+        bool isCommitted;
+    };
+    struct Request {
+        bool isReceive = false;
+        bool isPersistent = false;
+        bool isActive = true;
+        int looks = 0;
+        void* buffer = nullptr;
+        std::size_t capacity = 0;
+        int partner = 0;
+        int tag = 0;
+    };
+    struct File {
+        std::string name;
+        std::size_t position = 0;
+        std::map<std::string, std::string> info;
+    };
+
+    Comm* findComm(int handle);
+    /// Null unless the type may travel.
+    const Type* findType(int handle) const;
+    std::optional<Message> takeMessage(int source, int tag);
+    const Message* peekMessage(int source, int tag) const;
+
+    int worldRank = 0;
+    std::string processorName;
+    std::uint64_t maxBufferSize = 0;
+    bool supportsSharedMemory = true;
+    int bindCollisionTestDisabled = 0;
+    int looksBeforeCompletion = 0;
+    std::optional<int> nextIndex;
+    std::map<int, std::string> errorTexts;
+    std::map<int, Comm> comms;
+    std::map<int, std::vector<int>> groups;
+    std::map<int, Type> types;
+    std::map<int, OXM_MPI_User_function> ops;
+    std::map<int, Request> requests;
+    std::map<int, std::unique_ptr<char[]>> windows;
+    std::map<int, long long> windowSizes;
+    std::map<int, int> windowUnits;
+    std::map<int, File> files;
+    std::map<std::string, std::string> disk;
+    std::map<int, std::map<std::string, std::string>> infos;
+    std::vector<Message> mailbox;
+    std::vector<Message> sentMessages;
+
+    /// Handles of made objects are never used twice, so that a stale one is found out.
+    int makeHandle() { return _nextHandle++; }
+
+private:
+    struct Failure {
+        std::string name;
+        int nth;
+        int code;
+    };
+
+    int takeFailure(const std::string& name);
+    int run(std::size_t call, const std::function<int()>& play);
+
+    std::vector<Failure> _failures;
+    std::map<std::string, Action> _actions;
+    std::vector<ScriptedCall> _calls;
+    std::deque<OXM_MPI_Status_struct> _statuses;
+    int _nextHandle = 100;
+    int _clockReadings = 0;
+    std::optional<double> _clock;
+    double _clockStep = 0.0;
+};
+
+/// Takes the arguments of a call apart.
+class ScriptedCallWriter {
+public:
+    ScriptedCallWriter(ScriptedCall& call, const char* argumentNames, int commSize);
+    ~ScriptedCallWriter() { _call._text += ")"; }
+    ScriptedCallWriter(const ScriptedCallWriter&) = delete;
+    ScriptedCallWriter& operator=(const ScriptedCallWriter&) = delete;
+
+    void add(int value);
+    void add(long long value);
+    void add(int* value);
+    void add(const int* values);
+    void add(const long long* values);
+    void add(const char* text);
+    void add(const void* address);
+    void add(OXM_MPI_User_function function);
+    template <class T>
+    void add(T* address) {
+        addAddress(address);
+    }
+
+private:
+    std::string takeName();
+    void show(const std::string& name, const std::string& value);
+    void addAddress(const void* address);
+    template <class T>
+    void addArray(const std::string& name, const T* values, int count);
+
+    ScriptedCall& _call;
+    std::string _names;
+    int _commSize;
+    int _position = 0;
+    int _firstNumber = 0;
+};
+
+template <class... Arguments>
+int ScriptedMpiState::serve(const char* name, const char* argumentNames, int (*play)(Arguments...),
+                            Arguments... arguments) {
+    ScriptedCall call;
+    call.name = name;
+    {
+        // Only calls on a communicator have arrays of its size, and it is the last of their numbers.
+        int size = 0;
+        [[maybe_unused]] const auto note = [&]([[maybe_unused]] auto value) {
+            if constexpr (std::is_same_v<decltype(value), int>) {
+                const Comm* const comm = findComm(value);
+                size = comm ? comm->size() : 0;
+            }
+        };
+        (note(arguments), ...);
+        ScriptedCallWriter writer(call, argumentNames, size);
+        (writer.add(arguments), ...);
+    }
+    _calls.push_back(std::move(call));
+    return run(_calls.size() - 1, [&] { return play(arguments...); });
+}

@@ -1,0 +1,209 @@
+#include "mpiwrapper/MpiFunctions.h"
+#include "support/ScriptedMpi.h"
+
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+namespace {
+
+std::string errorText(int code) {
+    char text[OXM_MPI_MAX_ERROR_STRING];
+    int length = -1;
+    EXPECT_EQ(OXM_MPI_Error_string(code, text, &length), OXM_MPI_SUCCESS);
+    EXPECT_EQ(std::strlen(text), static_cast<std::size_t>(length));
+    return text;
+}
+
+/// Calls a function with zeros, which it must not look at.
+template <class... Arguments>
+int callWithZeros(int (*function)(Arguments...)) {
+    return function(Arguments{}...);
+}
+
+struct Refused {
+    const char* name;
+    int code;
+    bool isFile;
+};
+std::vector<Refused> callAllRunningFunctions() {
+    std::vector<Refused> result;
+#define CALL(name, parameters, arguments) result.push_back({#name, callWithZeros(&OXM_MPI_##name), false});
+#define CALL_FILE(name, parameters, arguments)                                                               \
+    result.push_back({#name, callWithZeros(&OXM_MPI_##name), true});
+    ORVEX_MPI_RUNNING_FUNCTIONS(CALL)
+    ORVEX_MPI_FILE_FUNCTIONS(CALL_FILE)
+    result.push_back({"Finalize", OXM_MPI_Finalize(), false});
+#undef CALL_FILE
+#undef CALL
+    return result;
+}
+
+// The tests of this file change the state of the wrapper in the process, so the order matters: the first test
+// sees a process without a driver. CTest runs the program as one test.
+
+TEST(MpiWrapperStart, everyFunctionRefusesWithoutDriver) {
+    for (const Refused& call : callAllRunningFunctions())
+        EXPECT_EQ(call.code, call.isFile ? OXM_MPI_ERR_NO_PARALLEL_IO : OXM_MPI_ERR_NO_DRIVER) << call.name;
+    int flag = 7;
+    EXPECT_EQ(OXM_MPI_Supports_v3_shared_memory(&flag), OXM_MPI_ERR_NO_DRIVER);
+    EXPECT_EQ(OXM_MPI_disable_cpu_bind_collision_test(&flag), OXM_MPI_ERR_NO_DRIVER);
+    EXPECT_EQ(OXM_MPI_Enable_trace(), OXM_MPI_ERR_NO_DRIVER);
+    EXPECT_EQ(OXM_MPI_Init(nullptr, nullptr), OXM_MPI_ERR_NO_DRIVER);
+    EXPECT_STREQ(OXM_MPI_Get_initialize_error(), "No MPI driver is loaded");
+    EXPECT_EQ(OXM_MPI_Wtime(), 0.0);
+    EXPECT_EQ(OXM_MPI_Get_max_buffer_size(), 0u);
+    EXPECT_EQ(errorText(OXM_MPI_ERR_NO_DRIVER), "No MPI driver is loaded");
+    EXPECT_EQ(errorText(OXM_MPI_ERR_TRUNCATE), "Message truncated on receive");
+    EXPECT_EQ(errorText(987654), "Unknown error code 987654");
+    for (int code = 0; code < OXM_MPI_ERR_LASTCODE; ++code)
+        EXPECT_NE(errorText(code).find_first_not_of("0123456789"), std::string::npos) << code;
+}
+
+struct WrongModule {
+    const char* path;
+    const char* reason;
+};
+
+TEST(MpiWrapperStart, refusesWhatIsNoDriverAndKeepsTheOldOne) {
+    const WrongModule modules[] = {
+        {ORVEX_WRONG_DRIVERS "/libOrvexNoDriver.so",
+         R"( isn't an MPI driver: it has no symbol "orvexMpiDriver")"},
+        {ORVEX_WRONG_DRIVERS "/libOrvexOtherVersion.so",
+         " is an MPI driver with interface version 77, but version 1 is needed"},
+        {ORVEX_WRONG_DRIVERS "/libOrvexOtherFunctions.so",
+         " is an MPI driver with another list of functions (8 bytes instead of "},
+        {ORVEX_WRONG_DRIVERS "/libOrvexEmptyDriver.so",
+         " is an MPI driver that lacks an indispensable function"},
+    };
+    ScriptedMpi& mpi = ScriptedMpi::start();
+    EXPECT_STREQ(OXM_MPI_Get_initialize_error(), "");
+    for (const WrongModule& module : modules) {
+        void* const library = dlopen(module.path, RTLD_NOW | RTLD_LOCAL);
+        ASSERT_TRUE(library) << dlerror();
+        EXPECT_EQ(OXM_MPI_Initialize(library), OXM_MPI_ERR_BAD_DRIVER);
+        EXPECT_TRUE(
+            std::string(OXM_MPI_Get_initialize_error()).starts_with(module.path + std::string(module.reason)))
+            << OXM_MPI_Get_initialize_error();
+        EXPECT_EQ(OXM_MPIO_Initialize(library), OXM_MPI_ERR_BAD_DRIVER);
+        mpi.clearCalls();
+        EXPECT_EQ(OXM_MPI_Barrier(OXM_MPI_COMM_WORLD), OXM_MPI_SUCCESS);
+        EXPECT_EQ(mpi.texts(), std::vector<std::string>{"Barrier(comm=1)"});
+        EXPECT_EQ(dlclose(library), 0);
+    }
+    EXPECT_EQ(OXM_MPI_Initialize(nullptr), OXM_MPI_ERR_BAD_DRIVER);
+    EXPECT_STREQ(OXM_MPI_Get_initialize_error(), "No library was given to take an MPI driver from");
+}
+
+TEST(MpiWrapperStart, servesWhatItsPhaseAllows) {
+    ScriptedMpi::start();
+    EXPECT_EQ(OXM_MPI_Init(nullptr, nullptr), OXM_MPI_ERR_OTHER);
+    EXPECT_STREQ(OXM_MPI_Get_initialize_error(), "MPI runs already");
+    const double before = OXM_MPI_Wtime();
+    EXPECT_EQ(OXM_MPI_Finalize(), OXM_MPI_SUCCESS);
+    for (const Refused& call : callAllRunningFunctions())
+        EXPECT_EQ(call.code, OXM_MPI_ERR_NOT_RUNNING) << call.name;
+    const double after = OXM_MPI_Wtime();
+    EXPECT_GE(after, before);
+    EXPECT_LT(after - before, 5.0) << "the clock goes on after the end";
+    EXPECT_GT(OXM_MPI_Wtick(), 0.0);
+    EXPECT_EQ(OXM_MPI_Init(nullptr, nullptr), OXM_MPI_ERR_NOT_RUNNING);
+
+    ASSERT_EQ(OXM_MPI_Initialize(ScriptedMpi::library()), OXM_MPI_SUCCESS);
+    for (const Refused& call : callAllRunningFunctions())
+        EXPECT_EQ(call.code, call.isFile ? OXM_MPI_ERR_NO_PARALLEL_IO : OXM_MPI_ERR_NOT_RUNNING) << call.name;
+    int works = 0;
+    EXPECT_EQ(OXM_MPI_Supports_v3_shared_memory(&works), OXM_MPI_SUCCESS);
+    EXPECT_EQ(works, 1);
+    EXPECT_EQ(errorText(OXM_MPI_ERR_NO_PARALLEL_IO), "Parallel files aren't supported by this MPI driver");
+    EXPECT_EQ(errorText(OXM_MPI_ERR_TAG), "Invalid tag") << "the driver isn't asked before its start";
+}
+
+TEST(MpiWrapperStart, tellsWhyTheStartFailed) {
+    ScriptedMpi& mpi = ScriptedMpi::load();
+    mpi.reset();
+    ASSERT_EQ(OXM_MPI_Initialize(ScriptedMpi::library()), OXM_MPI_SUCCESS);
+    mpi.fail("Init", 1, OXM_MPI_ERR_LAUNCHER);
+    mpi.setErrorText(OXM_MPI_ERR_LAUNCHER, "another launcher, rank 1 of 4");
+    EXPECT_EQ(OXM_MPI_Init(nullptr, nullptr), OXM_MPI_ERR_LAUNCHER);
+    EXPECT_STREQ(OXM_MPI_Get_initialize_error(), "another launcher, rank 1 of 4");
+    EXPECT_EQ(errorText(OXM_MPI_ERR_LAUNCHER), "another launcher, rank 1 of 4");
+    EXPECT_EQ(OXM_MPI_Barrier(OXM_MPI_COMM_WORLD), OXM_MPI_ERR_NOT_RUNNING);
+    EXPECT_EQ(OXM_MPI_Init(nullptr, nullptr), OXM_MPI_SUCCESS) << "a second try may succeed";
+}
+
+TEST(MpiWrapper, keepsNameAndVersion) {
+    ScriptedMpi::start();
+    struct Kind {
+        int (*set)(const char*, int);
+        int (*get)(char*, int*, int);
+        const char* original;
+    };
+    for (const Kind& kind : {Kind{&OXM_MPI_Set_mpi_name, &OXM_MPI_Get_mpi_name, "Scripted MPI"},
+                             Kind{&OXM_MPI_Set_mpi_version, &OXM_MPI_Get_mpi_version, "1.0"}}) {
+        char text[OXM_MPI_MAX_LIBRARY_VERSION_STRING];
+        int length = 0;
+        ASSERT_EQ(OXM_MPI_Finalize(), OXM_MPI_SUCCESS);
+        ScriptedMpi::start();
+        EXPECT_EQ(kind.get(text, &length, sizeof text), OXM_MPI_SUCCESS);
+        EXPECT_STREQ(text, kind.original);
+        EXPECT_EQ(kind.set("Cluster MPI", 12), OXM_MPI_SUCCESS);
+        EXPECT_EQ(kind.get(text, &length, sizeof text), OXM_MPI_SUCCESS);
+        EXPECT_STREQ(text, "Cluster MPI");
+        EXPECT_EQ(length, 11);
+        EXPECT_EQ(kind.get(text, &length, 8), OXM_MPI_SUCCESS);
+        EXPECT_STREQ(text, "Cluster") << "cut to the capacity";
+        EXPECT_EQ(kind.set("Cluster MPI", 4), OXM_MPI_SUCCESS);
+        EXPECT_EQ(kind.get(text, &length, sizeof text), OXM_MPI_SUCCESS);
+        EXPECT_STREQ(text, "Clus") << "no more than the length is read";
+        const std::string longText(5000, 'x');
+        EXPECT_EQ(kind.set(longText.c_str(), 5001), OXM_MPI_SUCCESS);
+        EXPECT_EQ(kind.get(text, &length, sizeof text), OXM_MPI_SUCCESS);
+        EXPECT_EQ(std::strlen(text), sizeof text - 1);
+        EXPECT_EQ(kind.set(nullptr, 3), OXM_MPI_ERR_ARG);
+        EXPECT_EQ(kind.get(text, &length, 0), OXM_MPI_ERR_ARG);
+    }
+}
+
+TEST(MpiWrapper, tracesWhileAsked) {
+    ScriptedMpi& mpi = ScriptedMpi::start();
+    mpi.setWorld(2, 4);
+    ASSERT_EQ(OXM_MPI_Enable_trace(), OXM_MPI_SUCCESS);
+    testing::internal::CaptureStderr();
+    const double value = 3.0;
+    int request = 0;
+    OXM_MPI_Status_struct status;
+    EXPECT_EQ(OXM_MPI_Isend(&value, 1, OXM_MPI_DOUBLE, 1, 7, OXM_MPI_COMM_WORLD, &request), OXM_MPI_SUCCESS);
+    const int handle = request;
+    EXPECT_EQ(OXM_MPI_Wait(&request, &status), OXM_MPI_SUCCESS);
+    mpi.fail("Barrier", 1, OXM_MPI_ERR_COMM);
+    EXPECT_EQ(OXM_MPI_Barrier(5), OXM_MPI_ERR_COMM);
+    int requests[] = {0, 0};
+    EXPECT_EQ(OXM_MPI_Waitall(2, requests, OXM_MPI_STATUSES_IGNORE), OXM_MPI_SUCCESS);
+    const std::string lines = testing::internal::GetCapturedStderr();
+    const std::string number = std::to_string(handle);
+    const std::string expected[] = {
+        "MPI rank 2: Isend\\(buffer=0x[0-9a-f]+, count=1, datatype=10, dest=1, tag=7, comm=1, request\\) = 0 "
+        "in "
+        "[0-9.]+ us request=" +
+            number + "\n",
+        "MPI rank 2: Wait\\(request=" + number +
+            ", status\\) = 0 in [0-9.]+ us request=0 status=\\{source=2 tag=7 error=0\\}\n",
+        "MPI rank 2: Barrier\\(comm=5\\) = 5 in [0-9.]+ us\n",
+        "MPI rank 2: Waitall\\(count=2, requests=\\[0 0\\], statuses\\) = 0 in [0-9.]+ us\n",
+    };
+    std::string all;
+    for (const std::string& line : expected)
+        all += line;
+    EXPECT_TRUE(testing::internal::RE::FullMatch(lines, all)) << lines;
+
+    ASSERT_EQ(OXM_MPI_Disable_trace(), OXM_MPI_SUCCESS);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(OXM_MPI_Barrier(OXM_MPI_COMM_WORLD), OXM_MPI_SUCCESS);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+}
+
+} // namespace
