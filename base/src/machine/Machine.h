@@ -18,8 +18,8 @@ class ParallelConsoleBuf;
 class Properties;
 class Serializable;
 class StandardStreamManager;
-struct ServerHostOptions;
 class Timer;
+struct ServerHostOptions;
 
 namespace Analytics {
 class Event;
@@ -217,6 +217,7 @@ private:
     void startUsageManager();
     void startConsole();
     void runRole(int argc, char** argv, ConsumedOptions& consumed);
+    static void tellClientsOfEnd(const std::string& message);
     void stopLogger();
     void stopUsageManager();
     void deleteOnExit();

@@ -17,6 +17,10 @@
 #include "kernel/Error.h"
 #include "kernel/EventLoggerManager.h"
 #include "kernel/EventTracker.h"
+#include "kernel/Properties.h"
+#include "kernel/Serializable.h"
+#include "kernel/Server.h"
+#include "kernel/SessionLocator.h"
 #include "kernel/SignalHandler.h"
 #include "kernel/SingletonCleaner.h"
 #include "platform/Chip.h"
@@ -141,14 +145,24 @@ void Machine::runRole(int argc, char** argv, ConsumedOptions& consumed) {
         }
     } catch (Error& error) {
         std::cerr << "\nExit error: " << error.getProperties().toString() << std::endl;
+        tellClientsOfEnd(error.what());
         abort(failed);
     } catch (std::exception& error) {
         std::cerr << "\nExit error: " << error.what() << std::endl;
+        tellClientsOfEnd(error.what());
         abort(failed);
     } catch (...) {
         std::cerr << "\nAborting due to nonrecoverable error." << std::endl;
         abort(failed);
     }
+}
+
+void Machine::tellClientsOfEnd(const std::string& message) {
+    if (!isSerial() && !isMaster())
+        return;
+    Properties reason;
+    reason.set(Error::MESSAGE_TAG, message);
+    Server::getSingleton().notifyAbort(reason);
 }
 
 void Machine::stopLogger() {
@@ -196,6 +210,7 @@ void Machine::uninstallTerminateHandler() {
 void Machine::abort(const ExitStatus& status) {
     uninstallTerminateHandler();
     _exitStatus += status;
+    SessionLocator::cleanup();
     if (isParallel()) {
         if (Communicator* const ranks = releaseCommunicators().release())
             ranks->abort(_exitStatus);

@@ -95,17 +95,16 @@ void Machine::serve(const ServerHostOptions& options) {
     if (options.portRange != ServerHostOptions::NO_PORT_RANGE)
         server.setPortRange(options.portRange);
 
+    StopSignals::setServing(true);
     if (_threaded) {
         if (!options.proxyHost.empty())
             raise(NonRecoverableError("This version can't start a proxy server on " + options.proxyHost));
         server.startInThread(options.sessionName, options.port);
-        StopSignals::setServing(true);
         CommandController::getSingleton().processCommands();
     } else {
         if (!options.proxyHost.empty())
             raise(NonRecoverableError("Proxy servers are not supported in non-threaded mode"));
         server.setServiceEndedCallback([] { CommandController::getSingleton().releaseWorkers(); });
-        StopSignals::setServing(true);
         server.start(options.sessionName, options.port);
     }
     StopSignals::setServing(false);

@@ -8,6 +8,7 @@
 
 #include "kernel/OrvexVersion.h"
 #include "kernel/Raise.h"
+#include "kernel/SessionLocator.h"
 #include "mpiwrapper/OxmMpi.h"
 #include "platform/DynamicLibrary.h"
 #include "platform/LauncherWatch.h"
@@ -137,8 +138,12 @@ void Machine::startMessageLayer(const std::string& module, int& argc, char*** ar
 void Machine::startLauncherWatch() {
     constexpr double GRACE = 1.0; // [s]
     _launcherWatch = std::make_unique<LauncherWatch>(
-        [](const std::string& reason) { std::cerr << "\nThis process ends: " << reason << std::endl; }, GRACE,
-        int(ExitStatus(ExitStatus::SERVER_ERROR)));
+        [](const std::string& reason) {
+            std::cerr << "\nThis process ends: " << reason << std::endl;
+            tellClientsOfEnd(reason);
+            SessionLocator::cleanup();
+        },
+        GRACE, int(ExitStatus(ExitStatus::SERVER_ERROR)));
     // Without a launcher or parent to lose there is nothing to watch.
     static_cast<void>(_launcherWatch->start());
 }

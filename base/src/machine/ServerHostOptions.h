@@ -1,15 +1,16 @@
 #pragma once
 
 #include "machine/CommandLine.h"
+#include "machine/MachineExport.h"
 
 #include <stdexcept>
 #include <string>
 
 /// What the serial or master process reads from the command line for its server: the last of the passes.
 /// Workers never read these options.
-struct ServerHostOptions {
+struct ORVEX_MACHINE_EXPORT ServerHostOptions {
     /// Why the process must not go on, in words for the user.
-    class Refusal : public std::runtime_error {
+    class ORVEX_MACHINE_EXPORT Refusal : public std::runtime_error {
     public:
         enum Kind {
             INVALID_ARGUMENT, ///< ends with the exit status of an invalid server argument
