@@ -1,0 +1,55 @@
+"""Installs the build, builds the examples against the package as a stranger would, and runs them."""
+import os
+import pathlib
+import subprocess
+import sys
+import tempfile
+import unittest
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "system"))
+import harness  # noqa: E402
+from harness import DRIVERS, LAUNCHERS, MPIS, Case, main  # noqa: E402
+
+
+class Consumer(Case):
+    @classmethod
+    def setUpClass(cls):
+        folder = tempfile.TemporaryDirectory(prefix="orvex-install-")
+        cls.addClassCleanup(folder.cleanup)
+        cls.top = pathlib.Path(folder.name)
+        cls.must("cmake", "--install", harness.BUILD, "--prefix", cls.top / "installed")
+        # What was installed may lie elsewhere later: nothing in it leans on the place or on the build.
+        cls.prefix = (cls.top / "installed").rename(cls.top / "moved")
+        cls.must("cmake", "-S", pathlib.Path(os.environ["ORVEX_SOURCE_DIR"]) / "examples", "-B", cls.top / "build",
+                 "-G", "Ninja", f"-DCMAKE_PREFIX_PATH={cls.prefix}", "-DCMAKE_BUILD_TYPE=Release",
+                 f"-DCMAKE_CXX_COMPILER={os.environ['ORVEX_COMPILER']}", "-DCMAKE_CXX_FLAGS=-Wall -Wextra -Werror")
+        cls.must("cmake", "--build", cls.top / "build")
+        harness.SERVER = cls.prefix / "bin/orvexsim"
+        harness.CLIENT = cls.prefix / "bin/orvexctl"
+
+    @staticmethod
+    def must(*words, **more):
+        answer = subprocess.run([str(word) for word in words], capture_output=True, text=True, timeout=200,
+                                stdin=subprocess.DEVNULL, **more)
+        if answer.returncode:
+            raise AssertionError(f"{words}: {answer.returncode}\n{answer.stdout[-4000:]}{answer.stderr[-4000:]}")
+        return answer.stdout
+
+    def test_program(self):
+        program = self.top / "build/heat_rod"
+        for launcher, words, ranks in [([], ["-s"], 1)] + [
+                ([*LAUNCHERS[mpi], "3"], ["-mpi", DRIVERS[mpi]], 3) for mpi in MPIS]:
+            with self.subTest(words=words):
+                text = self.must(*launcher, program, *words, env=self.room.environment(), cwd=self.room.work)
+                self.assertRegex(text, rf"^{ranks} ranks, \d+ sweeps, largest error ")
+
+    def test_module(self):
+        job = self.ready("-module", self.top / "build/ExampleSolver", mpi=MPIS[0], ranks=3)
+        answer = job.run("ComputePi", "intervals=100000")
+        self.assertAlmostEqual(answer["pi"], 3.14159265, places=7)
+        self.assertEqual(answer["ranks"], 3)
+        self.stop(job)
+
+
+if __name__ == "__main__":
+    main()

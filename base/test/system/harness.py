@@ -1,0 +1,289 @@
+"""Starts servers and jobs as a user does, and looks at them from outside.
+
+Each test case gets a room of its own: a folder for home, session records and temporary files, and a mark in the
+environment by which each process of the room is found again, whoever its parent is by then. Leaving the room
+ends what still runs and tells whether anything was left behind.
+"""
+import contextlib
+import json
+import os
+import pathlib
+import pwd
+import shutil
+import signal
+import socket
+import subprocess
+import tempfile
+import time
+import unittest
+import uuid
+
+BUILD = pathlib.Path(os.environ.get("ORVEX_BUILD_DIR", "build/release")).resolve()
+SERVER = BUILD / "bin/orvexsim"
+CLIENT = BUILD / "bin/orvexctl"
+MARK = "ORVEX_TEST_ROOM"
+
+# A build with sanitizers, or a busy machine, is allowed this much more time.
+PATIENCE = float(os.environ.get("ORVEX_TEST_PATIENCE", "1"))
+START_LIMIT = 30 * PATIENCE
+STOP_LIMIT = 20 * PATIENCE
+
+DRIVERS = {"openmpi": "openmpi4", "mpich": "mpich2"}
+LAUNCHERS = {
+    "openmpi": ["mpirun.openmpi", "--allow-run-as-root", "--oversubscribe", "--bind-to", "none", "-np"],
+    "mpich": ["mpiexec.mpich", "-n"],
+}
+MPIS = [mpi for mpi in LAUNCHERS if shutil.which(LAUNCHERS[mpi][0])]
+
+# Where servers of this user keep their session records, whatever the environment says.
+RECORDS = [pathlib.Path(pwd.getpwuid(os.getuid()).pw_dir) / ".local/state/orvex/sessions",
+           pathlib.Path(f"/tmp/orvex-{os.getuid()}/sessions")]
+
+
+def record_of(pid):
+    """The path of the session record of a server process, None when it has none."""
+    return next((path for folder in RECORDS for path in folder.glob(f"*-{pid}.session")), None)
+
+
+def wait_until(condition, limit, what):
+    """The first true value of condition(); fails after limit seconds."""
+    end = time.monotonic() + limit
+    while True:
+        value = condition()
+        if value:
+            return value
+        if time.monotonic() > end:
+            raise AssertionError(f"not within {limit:g} s: {what() if callable(what) else what}")
+        time.sleep(0.02)
+
+
+class Process:
+    """A process as /proc shows it."""
+
+    def __init__(self, pid):
+        self.pid = pid
+
+    def read(self, name):
+        try:
+            return (pathlib.Path("/proc") / str(self.pid) / name).read_bytes()
+        except OSError:
+            return b""
+
+    def environment(self):
+        pairs = (entry.partition(b"=") for entry in self.read("environ").split(b"\0"))
+        return {key.decode(errors="replace"): value.decode(errors="replace") for key, _, value in pairs}
+
+    def words(self):
+        return self.read("cmdline").decode(errors="replace").split("\0")[:-1]
+
+    def alive(self):
+        stat = self.read("stat").decode(errors="replace")
+        return bool(stat) and stat.rpartition(")")[2].split()[0] not in ("Z", "X")
+
+    def parent(self):
+        return int(self.read("stat").decode(errors="replace").rpartition(")")[2].split()[1])
+
+    def memory(self):
+        """Resident memory [bytes]."""
+        return int(self.read("statm").split()[1]) * os.sysconf("SC_PAGE_SIZE")
+
+    def cpu_time(self):
+        """Processor time of all threads [s]."""
+        fields = self.read("stat").decode().rpartition(")")[2].split()
+        return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+
+    def shared_files(self):
+        return {line.split()[-1] for line in self.read("maps").decode(errors="replace").splitlines()
+                if " /dev/shm/" in line}
+
+    def kill(self, number=signal.SIGKILL):
+        with contextlib.suppress(ProcessLookupError):
+            os.kill(self.pid, number)
+
+
+class Room:
+    """A folder and a mark for all that one test case starts."""
+
+    def __init__(self):
+        self.top = pathlib.Path(tempfile.mkdtemp(prefix="orvex-"))
+        self.mark = uuid.uuid4().hex
+        self.shared_files = set()
+        self.records = set()
+        self.work = self.top / "work"
+        for name in ("home", "tmp", "work"):
+            (self.top / name).mkdir(mode=0o700)
+
+    def environment(self, **more):
+        result = {key: value for key, value in os.environ.items()
+                  if not key.startswith(("OMPI_", "PMI", "PMIX", "HYDRA", "MPI", "XDG_"))}
+        result.update(HOME=str(self.top / "home"), TMPDIR=str(self.top / "tmp"), **{MARK: self.mark})
+        result.update(more)
+        return result
+
+    def processes(self):
+        """All that live in this room, orphans too."""
+        mark = f"{MARK}={self.mark}".encode()
+        found = []
+        for name in os.listdir("/proc"):
+            if name.isdigit():
+                process = Process(int(name))
+                if mark in process.read("environ").split(b"\0") and process.alive():
+                    found.append(process)
+        return found
+
+    def servers(self):
+        return [p for p in self.processes() if p.words()[:1] and pathlib.Path(p.words()[0]).name == "orvexsim"]
+
+    def remember_shared_files(self):
+        for process in self.servers():
+            self.shared_files |= process.shared_files()
+
+    def leftovers(self):
+        """What a job that ended in order must not leave behind; its work folder belongs to the test."""
+        rest = [f"process {p.pid} {' '.join(p.words())}" for p in self.processes()]
+        rest += [str(p) for p in (self.top / "tmp").rglob("*") if not p.is_dir()]
+        rest += [str(path) for path in (*self.shared_files, *self.records) if os.path.exists(path)]
+        return rest
+
+    def leave(self):
+        for _ in range(3):
+            for process in self.processes():
+                process.kill()
+            time.sleep(0.01)
+        for path in (*self.shared_files, *self.records):
+            with contextlib.suppress(OSError):
+                os.unlink(path)
+        shutil.rmtree(self.top, ignore_errors=True)
+
+
+class Job:
+    """A serial server (mpi None) or a job of `ranks` processes under a launcher."""
+
+    def __init__(self, room, *options, mpi=None, ranks=1, driver=None, launcher_options=(), environment=None, cwd=None):
+        self.room, self.mpi, self.ranks = room, mpi, ranks
+        if mpi:
+            command = [*LAUNCHERS[mpi], str(ranks), *launcher_options, str(SERVER),
+                       "-mpi", driver or DRIVERS[mpi], *map(str, options)]
+        else:
+            command = [str(SERVER), "-s", *map(str, options)]
+        self.number = len(list(room.top.glob("out-*")))
+        self._out = open(room.top / f"out-{self.number}", "w+b")
+        self._err = open(room.top / f"err-{self.number}", "w+b")
+        self.process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=self._out, stderr=self._err,
+                                        cwd=cwd or room.work, env=room.environment(**(environment or {})),
+                                        start_new_session=True)
+
+    def out(self):
+        return (self.room.top / f"out-{self.number}").read_text(errors="replace")
+
+    def err(self):
+        return (self.room.top / f"err-{self.number}").read_text(errors="replace")
+
+    def told(self):
+        return f"exit value {self.process.poll()}\n--- out\n{self.out()[-3000:]}\n--- err\n{self.err()[-3000:]}"
+
+    def members(self):
+        """The server processes of this job by rank."""
+        result = {}
+        for process in self.room.servers():
+            environment = process.environment()
+            rank = environment.get("OMPI_COMM_WORLD_RANK", environment.get("PMI_RANK", "0"))
+            result[int(rank)] = process
+        return result
+
+    def record(self):
+        """What the server wrote for its user's clients; None before that."""
+        master = self.members().get(0)
+        path = record_of(master.pid) if master else None
+        if path is None:
+            return None
+        self.room.records.add(path)
+        return json.loads(path.read_text())
+
+    def wait_ready(self):
+        """Until the server takes connections, or says that it takes none."""
+        def published():
+            if self.process.poll() is not None:
+                raise AssertionError("the server ended while it started: " + self.told())
+            return self.record()
+
+        wait_until(published, START_LIMIT, lambda: "the server is ready. " + self.told())
+        self.room.remember_shared_files()
+        return self
+
+    def _client(self, words):
+        path = record_of(self.members()[0].pid)
+        return [str(CLIENT), "--key-file", str(path), *map(str, words)]
+
+    def ctl(self, *words, check=True, limit=20, stdin=None):
+        """Runs orvexctl as a user does."""
+        answer = subprocess.run(self._client(words), capture_output=True, text=True, input=stdin,
+                                stdin=None if stdin is not None else subprocess.DEVNULL, cwd=self.room.work,
+                                timeout=limit * PATIENCE, env=self.room.environment(), errors="replace")
+        if check and answer.returncode != 0:
+            raise AssertionError(f"orvexctl {words}: {answer.returncode}\n{answer.stdout}{answer.stderr}" + self.told())
+        return answer
+
+    def ctl_started(self, *words):
+        """The same in the background; said() gives what it printed so far."""
+        path = self.room.top / f"ctl-{uuid.uuid4().hex}"
+        with open(path, "wb") as output:
+            client = subprocess.Popen(self._client(words), stdout=output, stderr=subprocess.STDOUT,
+                                      stdin=subprocess.DEVNULL, cwd=self.room.work, env=self.room.environment())
+        client.said = lambda: path.read_text(errors="replace")
+        return client
+
+    def run(self, name, *arguments, **more):
+        """Runs a command and gives its result as Python values."""
+        return json.loads(self.ctl("--json", name, *arguments, **more).stdout)
+
+    def wait(self, limit=STOP_LIMIT):
+        """The exit value, which must come within limit seconds."""
+        try:
+            return self.process.wait(timeout=limit)
+        except subprocess.TimeoutExpired:
+            raise AssertionError(f"the job still runs after {limit:g} s: " + self.told()) from None
+        finally:
+            self._out.flush()
+
+    def stop(self):
+        """Stops in order, by the client."""
+        self.ctl("stop")
+        return self.wait()
+
+
+class Case(unittest.TestCase):
+    """A test case with a room; asks at the end that nothing was left, unless the test killed something."""
+    maxDiff = None
+
+    def setUp(self):
+        self.room = Room()
+        self.killed_something = False
+        self.addCleanup(self.room.leave)
+
+    def start(self, *options, **more):
+        job = Job(self.room, *options, **more)
+        self.addCleanup(job._out.close)
+        self.addCleanup(job._err.close)
+        return job
+
+    def ready(self, *options, **more):
+        return self.start(*options, **more).wait_ready()
+
+    def nothing_left(self):
+        wait_until(lambda: not self.room.processes(), 5 * PATIENCE, lambda: f"all gone: {self.room.leftovers()}")
+        self.assertEqual(self.room.leftovers(), [])
+
+    def stop(self, job, expected=0):
+        self.assertEqual(job.stop(), expected, job.told())
+        self.nothing_left()
+
+
+def free_port():
+    with contextlib.closing(socket.socket()) as probe:
+        probe.bind(("127.0.0.1", 0))
+        return probe.getsockname()[1]
+
+
+def main():
+    unittest.main(verbosity=2, warnings="ignore")

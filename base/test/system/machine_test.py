@@ -1,0 +1,173 @@
+"""The machine's commands and modules as a client sees them: consoles of ranks, streams, hosts, the sandbox, scenes."""
+import json
+import math
+import re
+
+from harness import MPIS, PATIENCE, Case, main, wait_until
+
+
+class Consoles(Case):
+    """What each rank prints, and where it goes."""
+
+    def lines(self, job):
+        return [line for line in job.out().splitlines() if re.search(r"line \d", line)]
+
+    def said(self, job, lines):
+        wait_until(lambda: sorted(self.lines(job)) == sorted(lines), 5 * PATIENCE,
+                   lambda: f"{lines}, but {self.lines(job)}")
+
+    def test_workers_speak_when_asked(self):
+        for mpi in MPIS:
+            with self.subTest(mpi=mpi):
+                job = self.ready("-module", "OrvexTestModule", mpi=mpi, ranks=3)
+                job.run("TestPrint")
+                expected = ["line 0"]
+                self.said(job, expected)
+                job.run("EnableSlaveCout", "enableflag=true")
+                job.run("TestPrint", "lines=2")
+                expected += ["line 0", "line 1"] + [f"Proc[{rank}] : line {n}" for rank in (1, 2) for n in (0, 1)]
+                self.said(job, expected)
+                job.run("EnableSlaveCout", "enableflag=false")
+                job.run("TestPrint", "ranks=[1,2]")
+                job.run("TestPrint", "text=last line")
+                self.said(job, expected + ["last line 0"])
+                self.stop(job)
+
+    def test_log_files(self):
+        job = self.ready("-module", "OrvexTestModule", mpi=MPIS[0], ranks=2)
+        job.run("EnableProcessLogFile", "enableFlag=true")
+        job.run("TestPrint", "ranks=[1]")
+        job.run("EnableProcessLogFile", "enableFlag=false")
+        job.run("TestPrint", "ranks=[1]", "text=late line")
+        self.assertEqual((self.room.work / "partition1.log").read_text(), "line 0\n")
+        self.stop(job)
+
+    def test_streams_move_to_files(self):
+        for mpi in MPIS:
+            with self.subTest(mpi=mpi):
+                job = self.ready("-module", "OrvexTestModule", mpi=mpi, ranks=2)
+                pids = {rank: process.pid for rank, process in job.members().items()}
+                paths = job.run("RedirectStandardStreams")
+                self.assertEqual(paths, job.run("RedirectStandardStreams"))
+                self.assertEqual(paths["stdout"], f"{self.room.top}/tmp/orvexsim{pids[0]}-stdout.txt")
+                job.run("TestPrint", "text=moved")
+                with open(paths["stdout"], encoding="utf-8") as file:
+                    self.assertIn("moved 0", file.read())
+                self.assertNotIn("moved 0", job.out())
+                answer = job.ctl("EnableSlaveCout", "enableflag=true", check=False)
+                self.assertNotEqual(answer.returncode, 0)
+                self.assertIn("Cannot enable parallel output after the server has disconnected from it's parent",
+                              answer.stdout + answer.stderr)
+                job.run("TestPrint", "ranks=[1]")
+                with open(paths["stdout"].replace(str(pids[0]), str(pids[1])), encoding="utf-8") as file:
+                    self.assertEqual(file.read(), "", "the worker was silent and stays so")
+                self.stop(job)  # and the files are gone
+
+    def test_summary(self):
+        job = self.ready("-printpids", mpi=MPIS[0], ranks=3)
+        pids = {rank: process.pid for rank, process in job.members().items()}
+        host = job.run("GetHosts")["Rank[0]"]
+        self.assertRegex(job.out(), re.escape(f"Host 0 -- {host} -- Ranks 0-2\nProcess rank 0 {host} {pids[0]}\n"
+                                              "Total number of processes : 3\n\n") +
+                         "".join(f"Host ID 0 Rank {rank} on {host} with process ID {pids[rank]}\n" for rank in range(3)))
+        job.run("PrintProcessSummary")
+        for rank in range(3):
+            self.assertIn(f"Process rank {rank} {host} {pids[rank]}\n", job.out())
+        self.stop(job)
+
+
+class Answers(Case):
+    """Commands whose answer comes from all ranks."""
+
+    def test_times_hosts_and_speeds(self):
+        for mpi in MPIS:
+            with self.subTest(mpi=mpi):
+                job = self.ready(mpi=mpi, ranks=3)
+                hosts = job.run("GetHosts")
+                self.assertEqual(list(hosts), ["Number Processes", "Rank[0]", "Rank[1]", "Rank[2]"])
+                times = job.run("GetTimes")
+                self.assertEqual((len(times["CpuTimes"]), len(times["WallTimes"])), (3, 3))
+                self.assertTrue(all(0 < time < 300 for time in times["WallTimes"]))
+                speeds = job.run("PerformPerformanceTest")
+                self.assertEqual(speeds["Number of Processes"], 3)
+                self.assertEqual([speed > 0 for speed in speeds["Speeds"]], [i % 4 != 0 for i in range(9)])
+                self.assertEqual(job.run("GetCommunicationTimes")["CommunicationTimes"], [0, 0, 0])
+                for flag, text in (("true", "Turning on"), ("false", "Turning off")):
+                    job.run("EnableCommunicationTimer", f"enableFlag={flag}")
+                    self.assertIn(f"{text} communication timer.\n", job.out())
+                self.assertTrue(all(time > 0 for time in job.run("GetCommunicationTimes")["CommunicationTimes"]))
+                job.run("SetMaximumMessageBufferSize", "size=64")
+                self.assertRegex(job.out(), r"setting maximum buffer size : 64\n"
+                                            r"Warning, modifying the maximum message size from \d+ to 64\n")
+                self.assertEqual(job.run("GetHosts"), hosts, "messages in pieces")
+                self.stop(job)
+
+    def test_floating_point_fault_of_one_rank(self):
+        for mpi, ranks in ((None, 1), (MPIS[0], 3)):
+            with self.subTest(ranks=ranks):
+                job = self.ready("-module", "OrvexTestModule", mpi=mpi, ranks=ranks)
+                answer = job.ctl("TestDivideByZero", f"ranks=[{ranks - 1}]", check=False)
+                self.assertNotEqual(answer.returncode, 0)
+                self.assertIn("A floating point error has occurred. The following error has been logged:",
+                              answer.stdout + answer.stderr)
+                self.assertEqual(job.run("GetNumberOfWorkers")["NumberOfWorkers"], ranks)
+                self.stop(job)
+
+    def test_state_is_restored(self):
+        (self.room.work / "good.sim").write_text("simulation\n")
+        job = self.ready("-module", "OrvexTestModule", "-load", "good", mpi=MPIS[0], ranks=2)
+        self.assertIn("Restored good.sim\n", job.out())
+        self.stop(job)
+        (self.room.work / "bad.sim").write_text("letter\n")
+        job = self.start("-module", "OrvexTestModule", "-load", "bad.sim")
+        self.assertEqual(job.wait(), 32)
+        self.assertIn('Simulation file could not be loaded: ', job.err())
+        self.assertIn('is no simulation file', job.err())
+
+
+class Modules(Case):
+    def test_sandbox(self):
+        """The plate's temperature is the same on any number of ranks, and right."""
+        iterations = []
+        for mpi, ranks in [(None, 1)] + [(mpi, ranks) for mpi in MPIS for ranks in (2, 4)]:
+            with self.subTest(mpi=mpi, ranks=ranks):
+                job = self.ready(mpi=mpi, ranks=ranks)
+                job.run("LoadParallelSandBox")
+                result = job.run("SolveHeatConduction", "nx=63", "ny=63", "source=2", "wallTemperature=300")
+                self.assertTrue(result["converged"])
+                self.assertEqual(result["ranks"], ranks)
+                self.assertEqual(math.prod(result["processGrid"]), ranks)
+                self.assertAlmostEqual(result["exactCentreTemperature"], 300.1473427066, 9)
+                self.assertAlmostEqual(result["centreTemperature"], 300.1473427066, 3)
+                self.assertLess(result["error"], 1e-3)
+                self.assertLess(result["heatImbalance"], 1e-8)
+                iterations.append(result["iterations"])
+                self.assertRegex(job.out(), r"SolveHeatConduction: iteration 0, residual 1\n"
+                                            r"SolveHeatConduction: iteration 50, residual \S+\n")
+                for words, pattern in ((["nx=0"], '"nx" must be from 1'), (["tolerance=1"], '"tolerance" must be'),
+                                       (["nx=100000", "ny=100000"], "nx \\* ny"), (["conductivity=-1"], "above 0")):
+                    answer = job.ctl("SolveHeatConduction", *words, check=False)
+                    self.assertNotEqual(answer.returncode, 0)
+                    self.assertRegex(answer.stdout + answer.stderr, pattern)
+                self.stop(job)
+        self.assertLessEqual(max(iterations) - min(iterations), 2)
+
+    def test_scenes(self):
+        job = self.ready(mpi=MPIS[0], ranks=2)
+        job.run("CreateScene", "name=geometry", "title=The geometry")
+        job.run("CreateScene", "name=mesh")
+        for words, pattern in ((["CreateScene", "name=mesh"], "already"), (["CreateScene", "name="], "empty"),
+                               (["DeleteScene", "name=plot"], "no scene")):
+            answer = job.ctl(*words, check=False)
+            self.assertNotEqual(answer.returncode, 0)
+            self.assertRegex(answer.stdout + answer.stderr, pattern)
+        self.assertEqual(job.run("GetSceneInformation"),
+                         {"Number of Scenes": 2, "scenes": [{"name": "geometry", "title": "The geometry"},
+                                                            {"name": "mesh", "title": "mesh"}]})
+        job.run("DeleteScene", "name=geometry")
+        self.assertEqual(json.dumps(job.run("GetSceneInformation")["Number of Scenes"]), "1")
+        self.stop(job)
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,111 @@
+"""How a job ends when somebody ends it from outside: in order when asked, and within seconds when killed."""
+import json
+import os
+import signal
+import time
+
+from harness import MPIS, PATIENCE, Case, Process, main, record_of, wait_until
+
+GONE_LIMIT = 15 * PATIENCE
+
+
+class Asked(Case):
+    """SIGTERM and Ctrl-C ask the server to stop in order."""
+
+    def test_serial(self):
+        for number in (signal.SIGTERM, signal.SIGINT):
+            for options in ((), ("-nothreads",), ("-noconnect",)):
+                with self.subTest(signal=number.name, options=options):
+                    if "-noconnect" in options:
+                        job = self.start(*options)
+                        wait_until(lambda: job.out().endswith(")\n\n"), GONE_LIMIT, job.told)
+                        time.sleep(0.2)
+                    else:
+                        job = self.ready(*options)
+                    job.process.send_signal(number)
+                    self.assertEqual(job.wait(), 0, job.told())
+                    self.nothing_left()
+
+    def test_job(self):
+        for mpi in MPIS:
+            for number in (signal.SIGTERM, signal.SIGINT):
+                with self.subTest(mpi=mpi, signal=number.name):
+                    job = self.ready(mpi=mpi, ranks=3)
+                    job.members()[0].kill(number)
+                    self.assertEqual(job.wait(), 0, job.told())
+                    self.nothing_left()
+
+    def test_terminal(self):
+        """Ctrl-C at the terminal reaches the launcher and its ranks at once."""
+        for mpi in MPIS:
+            with self.subTest(mpi=mpi):
+                job = self.ready(mpi=mpi, ranks=2)
+                os.killpg(job.process.pid, signal.SIGINT)
+                job.wait()
+                wait_until(lambda: not self.room.processes(), GONE_LIMIT, lambda: str(self.room.leftovers()))
+
+    def test_while_a_command_runs(self):
+        """The command at work finishes and is answered; then the server stops."""
+        job = self.ready("-module", "OrvexTestModule", mpi=MPIS[0], ranks=2)
+        waiting = job.ctl_started("TestWait", "seconds=1.5")
+        wait_until(lambda: "TestWait" in job.ctl("status").stdout, 5 * PATIENCE, "the command runs")
+        job.members()[0].kill(signal.SIGTERM)
+        self.assertEqual(waiting.wait(timeout=GONE_LIMIT), 0)
+        self.assertEqual(job.wait(), 0, job.told())
+        self.nothing_left()
+
+
+class Killed(Case):
+    """kill -9 somewhere: the whole job is gone within seconds, no rank spins as an orphan."""
+
+    def victims(self, job):
+        result = {"worker": lambda: job.members()[1], "master": lambda: job.members()[0],
+                  "launcher": lambda: Process(job.process.pid)}
+        if job.mpi == "mpich":
+            result["proxy"] = lambda: Process(job.members()[0].parent())
+        return result
+
+    def check_gone(self, job, what, victim):
+        with self.subTest(mpi=job.mpi, victim=what):
+            self.assertTrue(victim.alive())
+            victim.kill()
+            began = time.monotonic()
+            wait_until(lambda: not self.room.servers(), GONE_LIMIT,
+                       lambda: f"the ranks are gone: {self.room.leftovers()} {job.told()}")
+            # The launcher notices its ranks' end by itself.
+            self.assertNotEqual(job.wait(), 0)
+            wait_until(lambda: not self.room.processes(), GONE_LIMIT, lambda: str(self.room.leftovers()))
+            return time.monotonic() - began
+
+    def test_idle(self):
+        for mpi in MPIS:
+            for what in ("worker", "master", "launcher", *(["proxy"] if mpi == "mpich" else [])):
+                job = self.ready(mpi=mpi, ranks=3)
+                self.check_gone(job, what, self.victims(job)[what]())
+
+    def test_busy(self):
+        """The same while all ranks are inside a command, away from the loop that listens."""
+        for mpi in MPIS:
+            for what in ("worker", "launcher"):
+                job = self.ready("-module", "OrvexTestModule", mpi=mpi, ranks=3)
+                job.ctl_started("TestWait", "seconds=60")
+                wait_until(lambda: "TestWait" in job.ctl("status").stdout, 5 * PATIENCE, "the command runs")
+                self.check_gone(job, what, self.victims(job)[what]())
+
+    def test_serial_record(self):
+        """A killed server leaves its session record; the next look tidies it, and a new server isn't hindered."""
+        job = self.ready()
+        pid = job.record()["pid"]
+        job.process.kill()
+        job.process.wait()
+        self.assertIsNotNone(record_of(pid))
+        again = self.ready()
+        listed = [json.loads(line)["pid"] for line in again.ctl("--json", "list-sessions").stdout.splitlines()]
+        self.assertNotIn(pid, listed)
+        self.assertIn(again.process.pid, listed)
+        self.assertIsNone(record_of(pid))
+        self.stop(again)
+
+
+if __name__ == "__main__":
+    main()
