@@ -111,9 +111,10 @@ inline int translate(int native, const MPI_Status& nativeStatus, OXM_MPI_Status_
     return code;
 }
 
-/// A call that makes an object: its handle, or 0 on failure.
+/// A call that makes an object: its handle, or 0 on failure. `object` is read after the call, which may stand
+/// among the arguments, hence the reference.
 template <class Native>
-int translateNew(int native, HandleTable<Native>& table, Native object, int* handle) {
+int translateNew(int native, HandleTable<Native>& table, const Native& object, int* handle) {
     if (native != MPI_SUCCESS) [[unlikely]] {
         *handle = 0;
         return translateFailure(native);

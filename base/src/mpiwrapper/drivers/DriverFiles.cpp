@@ -87,8 +87,12 @@ int File_write(int file, const void* buffer, int count, int datatype, OXM_MPI_St
     return translate(code, native, status);
 }
 
+// Not every MPI refuses an offset before the beginning, so the driver does.
+
 int File_read_at(int file, OXM_MPI_Offset offset, void* buffer, int count, int datatype,
                  OXM_MPI_Status_struct* status) {
+    if (offset < 0)
+        return refuse(OXM_MPI_ERR_ARG);
     MPI_Status native{};
     const int code = MPI_File_read_at(handles.files.get(file), offset, buffer, count,
                                       handles.types.get(datatype), &native);
@@ -97,6 +101,8 @@ int File_read_at(int file, OXM_MPI_Offset offset, void* buffer, int count, int d
 
 int File_write_at(int file, OXM_MPI_Offset offset, const void* buffer, int count, int datatype,
                   OXM_MPI_Status_struct* status) {
+    if (offset < 0)
+        return refuse(OXM_MPI_ERR_ARG);
     MPI_Status native{};
     const int code = MPI_File_write_at(handles.files.get(file), offset, buffer, count,
                                        handles.types.get(datatype), &native);
@@ -105,6 +111,8 @@ int File_write_at(int file, OXM_MPI_Offset offset, const void* buffer, int count
 
 int File_read_at_all(int file, OXM_MPI_Offset offset, void* buffer, int count, int datatype,
                      OXM_MPI_Status_struct* status) {
+    if (offset < 0)
+        return refuse(OXM_MPI_ERR_ARG);
     MPI_Status native{};
     const int code = MPI_File_read_at_all(handles.files.get(file), offset, buffer, count,
                                           handles.types.get(datatype), &native);
@@ -113,6 +121,8 @@ int File_read_at_all(int file, OXM_MPI_Offset offset, void* buffer, int count, i
 
 int File_write_at_all(int file, OXM_MPI_Offset offset, const void* buffer, int count, int datatype,
                       OXM_MPI_Status_struct* status) {
+    if (offset < 0)
+        return refuse(OXM_MPI_ERR_ARG);
     MPI_Status native{};
     const int code = MPI_File_write_at_all(handles.files.get(file), offset, buffer, count,
                                            handles.types.get(datatype), &native);

@@ -1,0 +1,221 @@
+#include "parallel/WrapperTestTools.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <filesystem>
+#include <fstream>
+#include <numeric>
+#include <random>
+
+using namespace WrapperTest;
+
+namespace {
+
+TEST(WrapperWindows, shareTheMemoryOfOneRank) {
+    int supported = 0;
+    ORVEX_GOOD(OXM_MPI_Supports_v3_shared_memory(&supported));
+    ASSERT_EQ(supported, 1);
+    int node = 0;
+    ORVEX_GOOD(OXM_MPI_Comm_split_type(WORLD, OXM_MPI_COMM_TYPE_SHARED, 0, OXM_MPI_INFO_NULL, &node));
+    int nodeRank = -1;
+    int nodeSize = -1;
+    ORVEX_GOOD(OXM_MPI_Comm_rank(node, &nodeRank));
+    ORVEX_GOOD(OXM_MPI_Comm_size(node, &nodeSize));
+    EXPECT_EQ(nodeSize, size()) << "these tests run on one host";
+    for (const std::size_t count : {std::size_t{1000}, std::size_t{0}}) {
+        const auto bytes = static_cast<OXM_MPI_Aint>(count * sizeof(int));
+        int window = 0;
+        void* base = nullptr;
+        ORVEX_GOOD(OXM_MPI_Win_allocate_shared(nodeRank == 0 ? bytes : 0, sizeof(int), OXM_MPI_INFO_NULL,
+                                               node, &base, &window));
+        OXM_MPI_Aint windowSize = -1;
+        int unit = -1;
+        ORVEX_GOOD(OXM_MPI_Win_shared_query(window, 0, &windowSize, &unit, &base));
+        EXPECT_EQ(windowSize, bytes);
+        if (count) {
+            EXPECT_EQ(unit, static_cast<int>(sizeof(int)));
+            int* const data = static_cast<int*>(base);
+            ORVEX_GOOD(OXM_MPI_Win_fence(0, window));
+            if (nodeRank == nodeSize - 1)
+                std::iota(data, data + count, 7);
+            ORVEX_GOOD(OXM_MPI_Win_fence(0, window));
+            EXPECT_EQ(data[0], 7);
+            EXPECT_EQ(data[count - 1], 7 + static_cast<int>(count) - 1);
+        }
+        ORVEX_GOOD(OXM_MPI_Win_free(&window));
+        EXPECT_EQ(window, OXM_MPI_WIN_NULL);
+    }
+    ORVEX_GOOD(OXM_MPI_Comm_free(&node));
+}
+
+/// The name of a file that doesn't exist yet, the same on all ranks; removed at the end.
+class SharedFileName {
+public:
+    SharedFileName() {
+        std::uint64_t number =
+            rank() == 0 ? std::random_device{}() * 0x100000001ull + std::random_device{}() : 0;
+        EXPECT_TRUE(isGood(OXM_MPI_Bcast(&number, 1, OXM_MPI_UINT64, 0, WORLD)));
+        _path = std::filesystem::temp_directory_path() / ("orvex-file-test-" + std::to_string(number));
+    }
+    ~SharedFileName() {
+        EXPECT_TRUE(isGood(OXM_MPI_Barrier(WORLD)));
+        std::error_code error;
+        if (rank() == 0)
+            std::filesystem::remove(_path, error); // nothing is there if the test failed early
+    }
+    const char* get() const { return _path.c_str(); }
+    const std::filesystem::path& path() const { return _path; }
+
+private:
+    std::filesystem::path _path;
+};
+
+constexpr int READ_WRITE = OXM_MPI_MODE_RDWR;
+constexpr int CREATE = OXM_MPI_MODE_RDWR | OXM_MPI_MODE_CREATE;
+constexpr int COUNT = 5;
+
+TEST(WrapperFiles, ranksWriteAndReadAtTheirPlaces) {
+    const SharedFileName name;
+    int file = 0;
+    ORVEX_GOOD(OXM_MPI_File_open(WORLD, name.get(), CREATE, OXM_MPI_INFO_NULL, &file));
+    ASSERT_NE(file, OXM_MPI_FILE_NULL);
+    for (const bool isCollective : {false, true}) {
+        std::array<int, COUNT> out;
+        std::iota(out.begin(), out.end(), 100 * rank() + isCollective);
+        const OXM_MPI_Offset offset = rank() * static_cast<OXM_MPI_Offset>(sizeof out);
+        OXM_MPI_Status_struct status;
+        ORVEX_GOOD(isCollective
+                       ? OXM_MPI_File_write_at_all(file, offset, out.data(), COUNT, INT, &status)
+                       : OXM_MPI_File_write_at(file, offset, out.data(), COUNT, INT, OXM_MPI_STATUS_IGNORE));
+        ORVEX_GOOD(OXM_MPI_Barrier(WORLD));
+        OXM_MPI_Offset bytes = -1;
+        ORVEX_GOOD(OXM_MPI_File_get_size(file, &bytes));
+        EXPECT_EQ(bytes, size() * static_cast<OXM_MPI_Offset>(sizeof out));
+        std::array<int, COUNT> in{};
+        const OXM_MPI_Offset neighbour = nextRank() * static_cast<OXM_MPI_Offset>(sizeof out);
+        ORVEX_GOOD(isCollective ? OXM_MPI_File_read_at_all(file, neighbour, in.data(), COUNT, INT, &status)
+                                : OXM_MPI_File_read_at(file, neighbour, in.data(), COUNT, INT, &status));
+        EXPECT_EQ(in[0], 100 * nextRank() + isCollective);
+        EXPECT_EQ(in[COUNT - 1], 100 * nextRank() + isCollective + COUNT - 1);
+        int count = -1;
+        ORVEX_GOOD(OXM_MPI_Get_count(&status, INT, &count));
+        EXPECT_EQ(count, COUNT);
+        ORVEX_GOOD(OXM_MPI_Barrier(WORLD));
+    }
+    ORVEX_GOOD(OXM_MPI_File_close(&file));
+    EXPECT_EQ(file, OXM_MPI_FILE_NULL);
+}
+
+TEST(WrapperFiles, pointerMovesAndReadingStopsAtTheEnd) {
+    const SharedFileName name;
+    if (rank() == 0)
+        std::ofstream(name.path()) << "0123456789";
+    ORVEX_GOOD(OXM_MPI_Barrier(WORLD));
+    int file = 0;
+    ORVEX_GOOD(OXM_MPI_File_open(WORLD, name.get(), CREATE, OXM_MPI_INFO_NULL, &file));
+    char text[16] = "";
+    OXM_MPI_Status_struct status;
+    int count = -1;
+    ORVEX_GOOD(OXM_MPI_File_read(file, text, 4, OXM_MPI_CHAR, &status));
+    EXPECT_EQ(std::string(text), "0123");
+    OXM_MPI_Offset position = -1;
+    OXM_MPI_Offset bytes = -1;
+    ORVEX_GOOD(OXM_MPI_File_get_position(file, &position));
+    ORVEX_GOOD(OXM_MPI_File_get_byte_offset(file, position, &bytes));
+    EXPECT_EQ(bytes, 4);
+    ORVEX_GOOD(OXM_MPI_Barrier(WORLD));
+    if (rank() == 0)
+        ORVEX_GOOD(OXM_MPI_File_write(file, "abc", 3, OXM_MPI_CHAR, OXM_MPI_STATUS_IGNORE));
+    ORVEX_GOOD(OXM_MPI_File_close(&file));
+    ORVEX_GOOD(OXM_MPI_Barrier(WORLD));
+    ORVEX_GOOD(OXM_MPI_File_open(WORLD, name.get(), READ_WRITE, OXM_MPI_INFO_NULL, &file));
+    ORVEX_GOOD(OXM_MPI_File_read(file, text, 16, OXM_MPI_CHAR, &status));
+    ORVEX_GOOD(OXM_MPI_Get_count(&status, OXM_MPI_CHAR, &count));
+    EXPECT_EQ(count, 10) << "the end of the file cuts the read";
+    EXPECT_EQ(std::string(text), "0123abc789") << "opening didn't truncate the file";
+    ORVEX_GOOD(OXM_MPI_File_close(&file));
+}
+
+TEST(WrapperFiles, failuresHaveTheirClass) {
+    const SharedFileName name;
+    int file = 77;
+    EXPECT_EQ(OXM_MPI_File_open(WORLD, name.get(), READ_WRITE, OXM_MPI_INFO_NULL, &file),
+              OXM_MPI_ERR_NO_SUCH_FILE)
+        << errorText(OXM_MPI_ERR_NO_SUCH_FILE);
+    EXPECT_EQ(file, OXM_MPI_FILE_NULL);
+    EXPECT_GT(errorText(OXM_MPI_ERR_NO_SUCH_FILE).size(), 8u);
+    EXPECT_EQ(OXM_MPI_File_open(WORLD, name.get(), 0, OXM_MPI_INFO_NULL, &file), OXM_MPI_ERR_AMODE);
+    OXM_MPI_Offset size = 0;
+    EXPECT_EQ(OXM_MPI_File_get_size(4711, &size), OXM_MPI_ERR_FILE);
+    ORVEX_GOOD(OXM_MPI_File_open(WORLD, name.get(), CREATE | OXM_MPI_MODE_DELETE_ON_CLOSE, OXM_MPI_INFO_NULL,
+                                 &file));
+    int value = 0;
+    EXPECT_EQ(OXM_MPI_File_read_at(file, -8, &value, 1, INT, OXM_MPI_STATUS_IGNORE), OXM_MPI_ERR_ARG);
+    ORVEX_GOOD(OXM_MPI_File_close(&file));
+    ORVEX_GOOD(OXM_MPI_Barrier(WORLD));
+    EXPECT_FALSE(std::filesystem::exists(name.path()));
+}
+
+TEST(WrapperFiles, hintsComeBack) {
+    int info = 0;
+    ORVEX_GOOD(OXM_MPI_Info_create(&info));
+    ORVEX_GOOD(OXM_MPI_Info_set(info, "panfs_layout_type", "3"));
+    ORVEX_GOOD(OXM_MPI_Info_set(info, "cb_nodes", "1"));
+    char value[33] = "old";
+    int flag = -1;
+    ORVEX_GOOD(OXM_MPI_Info_get(info, "panfs_layout_type", 32, value, &flag));
+    EXPECT_EQ(flag, 1);
+    EXPECT_STREQ(value, "3");
+    ORVEX_GOOD(OXM_MPI_Info_get(info, "no_such_key", 32, value, &flag));
+    EXPECT_EQ(flag, 0);
+    EXPECT_STREQ(value, "3") << "untouched without the key";
+    const SharedFileName name;
+    int file = 0;
+    ORVEX_GOOD(OXM_MPI_File_open(WORLD, name.get(), CREATE, info, &file));
+    int fileInfo = 0;
+    ORVEX_GOOD(OXM_MPI_File_get_info(file, &fileInfo));
+    ASSERT_NE(fileInfo, OXM_MPI_INFO_NULL);
+    ORVEX_GOOD(OXM_MPI_Info_get(fileInfo, "no_such_key", 32, value, &flag));
+    EXPECT_EQ(flag, 0);
+    ORVEX_GOOD(OXM_MPI_Info_free(&fileInfo));
+    ORVEX_GOOD(OXM_MPI_File_close(&file));
+    ORVEX_GOOD(OXM_MPI_Info_free(&info));
+    EXPECT_EQ(info, OXM_MPI_INFO_NULL);
+    EXPECT_NE(OXM_MPI_Info_set(4711, "key", "value"), OXM_MPI_SUCCESS);
+}
+
+TEST(WrapperProcess, knowsItsMpi) {
+    char text[OXM_MPI_MAX_PROCESSOR_NAME] = "";
+    int length = -1;
+    ORVEX_GOOD(OXM_MPI_Get_processor_name(text, &length));
+    EXPECT_GT(length, 0);
+    EXPECT_EQ(std::strlen(text), static_cast<std::size_t>(length));
+    ORVEX_GOOD(OXM_MPI_Get_mpi_name(text, &length, sizeof text));
+    EXPECT_STREQ(text, std::string(ParallelTest::driver()) == "mpich2" ? "MPICH" : "Open MPI");
+    ORVEX_GOOD(OXM_MPI_Get_mpi_version(text, &length, sizeof text));
+    EXPECT_EQ(std::string(text).find_first_not_of("0123456789.abcrc"), std::string::npos) << text;
+    EXPECT_GT(length, 2);
+    EXPECT_EQ(OXM_MPI_Get_max_buffer_size(), 0x7FFFFFFFu);
+    int disable = -1;
+    ORVEX_GOOD(OXM_MPI_disable_cpu_bind_collision_test(&disable));
+    EXPECT_EQ(disable, 0);
+    const double begin = OXM_MPI_Wtime();
+    EXPECT_GT(OXM_MPI_Wtick(), 0.0);
+    EXPECT_GE(OXM_MPI_Wtime(), begin);
+    EXPECT_EQ(OXM_MPI_Init(nullptr, nullptr), OXM_MPI_ERR_OTHER) << "it runs already";
+}
+
+TEST(WrapperProcess, tracesItsCalls) {
+    ORVEX_GOOD(OXM_MPI_Enable_trace());
+    testing::internal::CaptureStderr();
+    const int code = OXM_MPI_Barrier(WORLD);
+    const std::string text = testing::internal::GetCapturedStderr();
+    ORVEX_GOOD(OXM_MPI_Disable_trace());
+    ORVEX_GOOD(code);
+    const std::string expected =
+        "MPI rank " + std::to_string(rank()) + ": Barrier\\(comm=1\\) = 0 in [0-9.]+ us\n";
+    EXPECT_TRUE(testing::internal::RE::FullMatch(text, expected)) << text;
+}
+
+} // namespace
