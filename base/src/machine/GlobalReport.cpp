@@ -18,5 +18,5 @@ void GlobalReport::limit(const std::string& quantity, const std::string& region,
     if (value != nullptr)
         text << " to " << *value;
     text << " in " << cells << " cells in region " << region << '\n';
-    ObservableFromClient::notifyImmediate("ConsoleMessage", text.str());
+    ObservableFromClient::notifyImmediate(ObservableFromClient::CONSOLE_MESSAGE, text.str());
 }

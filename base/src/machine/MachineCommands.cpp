@@ -17,6 +17,7 @@
 #include "platform/System.h"
 
 #include <iostream>
+#include <limits>
 #include <string>
 #include <vector>
 
@@ -25,6 +26,8 @@ namespace {
 constexpr const char* ENABLE_KEY = "enableFlag";
 /// Cutting up can't go below one element, and no element in use is larger. [bytes]
 constexpr long long MINIMUM_BUFFER_SIZE = 8;
+/// What getIOVerbosityLevel() can tell.
+constexpr unsigned MAXIMUM_IO_VERBOSITY = std::numeric_limits<int>::max();
 
 EventLoggerManager& eventLoggerManager() {
     return EventTracker::getSingleton().getEventLoggerManager();
@@ -287,6 +290,9 @@ public:
     std::string getName() const override { return "EnableIODebug"; }
     void execute(const Properties& args, Properties&) override {
         const unsigned level = args.getUnsignedInt("ioVerbosityLevel");
+        if (level > MAXIMUM_IO_VERBOSITY)
+            raise(InputError("\"ioVerbosityLevel\" must be at most " + std::to_string(MAXIMUM_IO_VERBOSITY) +
+                             ", but it is " + std::to_string(level)));
         std::cout << "Setting the i/o debug level to : " << level << std::endl;
         Machine::setIOVerbosityLevel(static_cast<int>(level));
     }

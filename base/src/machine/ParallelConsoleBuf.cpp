@@ -15,8 +15,9 @@ namespace {
 
 constexpr int STANDARD_OUTPUT = 1; ///< the descriptor, whatever it stands for
 
-/// Guards all console buffers of the process and what goes out through them.
-Mutex _consoleMutex;
+/// Guards all console buffers of the process and what goes out through them. Never destroyed: whatever is
+/// destroyed at the end of the process may still print.
+Mutex& _consoleMutex = *new Mutex;
 
 /// "Proc[<rank>] : ", in columns for up to 99 ranks.
 std::string rankPrefix() {

@@ -5,12 +5,16 @@
 #include "machine/MpiCore.h"
 
 #include "kernel/Error.h"
+#include "platform/Process.h"
 
 #include "unit/machine/MachineTestAccess.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <iostream>
 #include <memory>
+#include <set>
 #include <sstream>
 
 /// Builds views of jobs that don't run.
@@ -168,8 +172,9 @@ TEST_F(MachineHostOfJob, summaries) {
             continue;
         }
         EXPECT_EQ(truncated, distribution + row.truncated);
-        if (!row.complete.empty())
+        if (!row.complete.empty()) {
             EXPECT_EQ(complete, distribution + row.complete);
+        }
         EXPECT_EQ(withPids.substr(0, truncated.size() + 1), truncated + "\n");
         EXPECT_NE(withPids.find("Host ID 1 Rank 1 on " + row.hostOfRank[1] + " with process ID 101\n") ==
                       std::string::npos,

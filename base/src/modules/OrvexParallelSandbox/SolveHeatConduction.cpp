@@ -20,8 +20,8 @@ constexpr unsigned MAX_POINTS_ALONG_AXIS = 1u << 20;
 
 /// The arguments, checked.
 struct Input {
-    unsigned nx = 200;
-    unsigned ny = 200;
+    unsigned nx = 128;
+    unsigned ny = 128;
     double source = 1.0;
     double conductivity = 1.0;
     double wallTemperature = 0.0;
@@ -128,8 +128,8 @@ SolveHeatConduction::SolveHeatConduction()
           {"Solves the steady heat conduction in a square plate of side 1, heated evenly inside and cooled "
            "at its edges, "
            "with the grid cut among all ranks.",
-           {{"nx", "unsigned", "points inside along x; 200 by default", false},
-            {"ny", "unsigned", "points inside along y; 200 by default", false},
+           {{"nx", "unsigned", "points inside along x; 128 by default", false},
+            {"ny", "unsigned", "points inside along y; 128 by default", false},
             {"source", "real", "heat that comes in, per area and time; 1 by default", false},
             {"conductivity", "real", "heat conductivity, above 0; 1 by default", false},
             {"wallTemperature", "real", "temperature of the edges; 0 by default", false},

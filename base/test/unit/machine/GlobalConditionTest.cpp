@@ -1,0 +1,176 @@
+// Conditions and floating-point checks of a process alone; those of a job are tested in one.
+
+#include "machine/GlobalErrorCheck.h"
+#include "machine/GlobalFloatingPointError.h"
+#include "machine/GlobalFloatingPointExceptionStatus.h"
+#include "machine/GlobalReport.h"
+#include "machine/MachineLocks.h"
+
+#include "kernel/FpeAgnosticMode.h"
+#include "kernel/IsolatedFpuContext.h"
+#include "kernel/ObservableFromClient.h"
+#include "kernel/OrvexVersion.h"
+#include "kernel/SignalHandler.h"
+#include "kernel/ThreadParallelContext.h"
+#include "platform/FloatingPointErrorRecord.h"
+
+#include "unit/machine/MachineTestAccess.h"
+
+#include <gtest/gtest.h>
+
+#include <cfenv>
+#include <optional>
+
+namespace {
+
+class SerialChecks : public testing::Test {
+protected:
+    void SetUp() override {
+        MachineTestAccess::startAfresh();
+        std::feclearexcept(FE_ALL_EXCEPT);
+    }
+    void TearDown() override { std::feclearexcept(FE_ALL_EXCEPT); }
+};
+
+using GlobalCondition_ = SerialChecks;
+using GlobalFloatingPointError_ = SerialChecks;
+
+/// The text of the Error that the operation raises, nothing when it raises none.
+template <class E, class F>
+std::optional<std::string> messageOf(F operation) {
+    try {
+        operation();
+    } catch (const E& error) {
+        return Error::getMessage(error.getProperties());
+    }
+    return std::nullopt;
+}
+
+TEST_F(GlobalCondition_, isTheLocalOneInEveryMode) {
+    for (int mode = 0; mode <= 4; ++mode)
+        for (const bool condition : {true, false})
+            EXPECT_EQ(GlobalCondition(condition, static_cast<GlobalCondition::ModeEnum>(mode)), condition)
+                << mode;
+}
+
+TEST_F(GlobalCondition_, serialCriticalCodeOffendsDevelopmentVersionsOnly) {
+    const Machine::SerialCritical lock;
+    const std::optional<std::string> expected =
+        OrvexVersion::isDevelopmentVersion()
+            ? std::optional<std::string>(
+                  "Coding error: GlobalCondition attempted in a serial-critical code section")
+            : std::nullopt;
+    EXPECT_EQ(messageOf<InternalError>([] { GlobalCondition(true, GlobalCondition::ON_ALL); }), expected);
+}
+
+TEST_F(GlobalCondition_, checkRaisesTheErrorBehindTheMode) {
+    int evaluations = 0;
+    const auto check = [&](bool good) {
+        ORVEX_GLOBAL_CHECK((++evaluations, good), GlobalCondition::ON_ALL,
+                           InputError("bad, ", 2, Properties()));
+    };
+    EXPECT_EQ(messageOf<InputError>([&] { check(true); }), std::nullopt);
+    EXPECT_EQ(messageOf<InputError>([&] { check(false); }), "bad, ");
+    EXPECT_EQ(evaluations, 2);
+}
+
+TEST_F(GlobalCondition_, reportOfLimitedCells) {
+    std::string told;
+    ObservableFromClient::setNotifier(
+        [&](const std::string& kind, const std::string& text) { told += kind + '|' + text; });
+    const double value = 1234567.0;
+    GlobalReport::limit("Pressure", "Fluid", 0, &value);
+    EXPECT_EQ(told, "");
+    GlobalReport::limit("Pressure", "Fluid", 3, &value);
+    GlobalReport::limit("Pressure", "Fluid", 4, nullptr);
+    EXPECT_EQ(told, "ConsoleMessage|Pressure limited to 1.23457e+06 in 3 cells in region Fluid\n"
+                    "ConsoleMessage|Pressure limited in 4 cells in region Fluid\n");
+    ObservableFromClient::setNotifier({});
+}
+
+std::string messageFor(const std::string& entry) {
+    return "A floating point error has occurred. The following error has been logged:\n  " + entry +
+           "\nPlease check your usage and inputs.";
+}
+
+/// What the flags alone tell, in both kinds of version.
+const std::string FLAG_TEXT = "Floating-point exception: division by zero";
+
+TEST_F(GlobalFloatingPointError_, pendingFaultBecomesOneErrorAndIsGone) {
+    const std::string development =
+        ", context: Unexpected FPE. If you see this message, please find the root cause that led to the FPE, "
+        "assign to "
+        "the appropriate group for mitigation, and add the HPC group as watchers for consultation.";
+    const std::string release = ", the specific cause cannot be identified";
+    struct Row {
+        const char* name;
+        std::function<void()> record;
+        std::string entry;
+    };
+    const std::vector<Row> rows = {
+        {"nothing saved", [] {}, FLAG_TEXT + (OrvexVersion::isDevelopmentVersion() ? development : release)},
+        {"context", [] { GlobalFloatingPointExceptionStatus::TestAndSaveLocalContext("flux"); },
+         FLAG_TEXT + ", context: flux"},
+        {"empty context", [] { GlobalFloatingPointExceptionStatus::TestAndSaveLocalContext(std::string()); },
+         FLAG_TEXT + ", context: "},
+        {"no context", [] { GlobalFloatingPointExceptionStatus::TestAndSaveLocalContext(nullptr); },
+         FLAG_TEXT + release},
+        {"the later record counts",
+         [] {
+             GlobalFloatingPointExceptionStatus::TestAndSaveLocalContext("first");
+             FloatingPointErrorRecord::set("second");
+         },
+         "second"},
+    };
+    for (const Row& row : rows) {
+        std::feraiseexcept(FE_DIVBYZERO);
+        row.record();
+        EXPECT_EQ(messageOf<FloatingPointError>(&GlobalFloatingPointError::assertNoError),
+                  messageFor(row.entry))
+            << row.name;
+        EXPECT_EQ(std::fetestexcept(FE_DIVBYZERO), 0) << row.name;
+        EXPECT_EQ(messageOf<Error>(&GlobalFloatingPointError::assertNoError), std::nullopt) << row.name;
+    }
+    std::feraiseexcept(FE_DIVBYZERO);
+    EXPECT_EQ(messageOf<FloatingPointError>([] {
+                  GlobalFloatingPointExceptionStatus::AssertNoException(MachineTestAccess::assertNoFpeKey());
+              }),
+              messageFor(FLAG_TEXT + release));
+}
+
+TEST_F(GlobalFloatingPointError_, flagsStayWhereNobodyMayLook) {
+    const auto test = [] {
+        std::feraiseexcept(FE_DIVBYZERO);
+        EXPECT_EQ(messageOf<Error>(&GlobalFloatingPointError::assertNoError), std::nullopt);
+        EXPECT_NE(std::fetestexcept(FE_DIVBYZERO), 0);
+        std::feclearexcept(FE_ALL_EXCEPT);
+    };
+    FpeAgnosticMode::activate();
+    test();
+    FpeAgnosticMode::deactivate();
+    {
+        const IsolatedFpuContext isolated(false);
+        test();
+    }
+    SignalHandler::_catchFpeSignals = true;
+    test();
+    SignalHandler::_catchFpeSignals = false;
+}
+
+TEST_F(GlobalFloatingPointError_, placesWhereTheCheckIsRefused) {
+    {
+        const Machine::SerialCritical lock;
+        EXPECT_EQ(messageOf<InternalError>(&GlobalFloatingPointError::assertNoError),
+                  "Cannot check global floating point error status in serial critical code. The status check "
+                  "must be "
+                  "called collectively on all processes.");
+    }
+    ThreadParallelContext::_threadParallelContext = 1;
+    EXPECT_EQ(
+        messageOf<InternalError>(&GlobalFloatingPointError::assertNoError),
+        "Cannot check global floating point error status from within a hybrid MPI thread context. The status "
+        "check must be called collectively on all processes.");
+    ThreadParallelContext::_threadParallelContext = 0;
+}
+
+} // namespace

@@ -1,0 +1,146 @@
+// The machine's commands in a process alone: what they answer, print and switch.
+
+#include "machine/MachineCommands.h"
+#include "machine/MachineHost.h"
+
+#include "kernel/Command.h"
+#include "kernel/Controller.h"
+#include "kernel/Error.h"
+#include "kernel/EventLoggerManager.h"
+#include "kernel/EventTracker.h"
+#include "platform/Io.h"
+#include "platform/Process.h"
+#include "platform/System.h"
+
+#include "unit/machine/MachineTestAccess.h"
+
+#include <gtest/gtest.h>
+
+#include <set>
+
+namespace {
+
+class MachineCommands : public testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        if (!Controller::getSingleton().findCommand("GetHosts"))
+            registerMachineCommands();
+    }
+    void SetUp() override {
+        MachineTestAccess::startAfresh();
+        CommandLine::Consumed consumed;
+        MachineTestAccess::startCommunicators({"-s"}, consumed);
+    }
+    void TearDown() override { MachineTestAccess::startAfresh(); }
+
+    static Properties run(const std::string& name, const std::string& args = "{}") {
+        Properties command(args);
+        command.set(Command::COMMAND_TAG, name);
+        Properties response;
+        static_cast<void>(Controller::getSingleton().executeCommand(command, response));
+        response.remove("Command");
+        return response;
+    }
+};
+
+TEST_F(MachineCommands, answersAndOutput) {
+    MachineTestAccess::setProcessFileName("pids.txt");
+    Properties hosts;
+    hosts.set("Number Processes", 1u);
+    hosts.set("Rank[0]", Platform::io().getHostName());
+    Properties user;
+    user.set("username", Platform::system().getUserName());
+    struct Row {
+        const char* name;
+        const char* args;
+        std::string response;
+        const char* printed;
+    };
+    const std::vector<Row> rows = {
+        {"GetProcessFileName", "{}", R"({"filename":"pids.txt"})", ""},
+        {"GetHosts", "{}", hosts.toString(), ""},
+        {"GetMpiVersion", "{}", R"({"Vendor":"","Version":"","MpiVersion":""})", ""},
+        {"GetNumberOfWorkers", "{}", R"({"NumberOfWorkers":1})", ""},
+        {"GetInterconnectName", "{}", R"({"Interconnect":""})", ""},
+        {"GetUserName", "{}", user.toString(), ""},
+        {"GetDoublePrecision", "{}", R"({"doubleprecision":true})", ""},
+        {"PerformPerformanceTest", "{}", R"({"Number of Processes":1})", ""},
+        {"GetCommunicationTimes", "{}", R"({"CommunicationTimes":[0.0]})", ""},
+        {"PrintProcessSummary", "{}", "{}", ""},
+        {"EnableIODebug", R"({"ioVerbosityLevel":3})", "{}", "Setting the i/o debug level to : 3\n"},
+        {"EnableCommunicationTimer", R"({"enableFlag":true})", "{}", ""},
+        {"EnableProcessLogFile", R"({"enableFlag":true})", "{}", ""},
+        {"EnableSlaveCout", R"({"enableflag":true})", "{}", ""},
+        {"SetMaximumMessageBufferSize", R"({"size":64})", "{}",
+         "Warning: cannot set message buffer size in serial!\n"},
+    };
+    for (const Row& row : rows) {
+        testing::internal::CaptureStdout();
+        const Properties response = run(row.name, row.args);
+        EXPECT_EQ(testing::internal::GetCapturedStdout(), row.printed) << row.name;
+        EXPECT_EQ(response.toString(), Properties(row.response).toString()) << row.name;
+    }
+    EXPECT_EQ(Machine::getIOVerbosityLevel(), 3);
+}
+
+TEST_F(MachineCommands, switches) {
+    for (const bool on : {true, false, true}) {
+        const std::string args = on ? R"({"enableFlag":true})" : R"({"enableFlag":false})";
+        run("EnableEventLogging", args);
+        EXPECT_EQ(EventTracker::getSingleton().getEventLoggerManager().isOn(), on);
+        run("SetDevErrorChecking", args);
+        EXPECT_EQ(MachineTestAccess::getDevErrorChecking(), on);
+    }
+    EXPECT_FALSE(Error::isErrorIn(run("ReportLogging")));
+}
+
+TEST_F(MachineCommands, refusalsNameWhatIsWrong) {
+    struct Row {
+        const char* name;
+        const char* args;
+        const char* named;
+    };
+    constexpr Row ROWS[] = {
+        {"EnableSlaveCout", R"({"enableFlag":true})", "enableflag"},
+        {"EnableEventLogging", R"({"enableFlag":"yes"})", "enableFlag"},
+        {"EnableIODebug", R"({"ioVerbosityLevel":-1})", "ioVerbosityLevel"},
+        {"EnableIODebug", R"({"ioVerbosityLevel":4294967295})", "ioVerbosityLevel"},
+        {"SetMaximumMessageBufferSize", "{}", "size"},
+        {"RedirectStandardStreams", "{}", "StandardStreamManager is NULL"},
+    };
+    for (const Row& row : ROWS)
+        EXPECT_NE(Error::getMessage(run(row.name, row.args)).find(row.named), std::string::npos) << row.name;
+}
+
+TEST_F(MachineCommands, everyCommandTellsWhatItIsFor) {
+    std::set<std::string> names;
+    for (const Command* command : Controller::getSingleton().getCommands()) {
+        EXPECT_TRUE(names.insert(command->getName()).second) << command->getName();
+        EXPECT_FALSE(command->getHelp().summary.empty()) << command->getName();
+    }
+}
+
+TEST_F(MachineCommands, hostOfAProcessAlone) {
+    const MachineHost& host = Machine::getHost();
+    EXPECT_EQ(host.getHostName(), Platform::io().getHostName());
+    EXPECT_EQ(host.getNumberHosts(), 1u);
+    EXPECT_EQ(host.getNumberProcesses(), 1u);
+    EXPECT_EQ(host.getIntraHostRank(), 0u);
+    EXPECT_TRUE(host.firstProcessOnHost());
+    EXPECT_FALSE(host.masterOnHost());
+    EXPECT_FALSE(host.hasIntraHostComm());
+    EXPECT_EQ(host.getHostPidMap(),
+              (MachineHost::HostPidMap{
+                  {host.getHostName(), {static_cast<unsigned>(Platform::process().getPid()), 0u}}}));
+    try {
+        host.getIntraHostComm();
+        ADD_FAILURE();
+    } catch (const InternalError& error) {
+        EXPECT_EQ(Error::getMessage(error.getProperties()),
+                  "Cannot access Intra-host Communicator in serial");
+        EXPECT_EQ(error.getProperties().getString("Condition"), "hasIntraHostComm()");
+        EXPECT_EQ(error.getProperties().getString("File"), "base/src/machine/MachineHost.cpp");
+    }
+}
+
+} // namespace

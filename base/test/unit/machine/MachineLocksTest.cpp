@@ -1,0 +1,202 @@
+// The locks that keep message passing out of a region, their bits in the gate, and what lifts them.
+
+#include "machine/MachineLocks.h"
+#include "machine/FieldLoopState.h"
+
+#include "kernel/MessagingGate.h"
+#include "kernel/OrvexVersion.h"
+#include "kernel/Raise.h"
+
+#include "unit/machine/MachineTestAccess.h"
+
+#include <gtest/gtest.h>
+
+#include <thread>
+
+namespace {
+
+using SerialCritical = Machine::SerialCritical;
+using PerformanceCritical = Machine::ParallelPerformanceCritical;
+using TemporaryExemption = PerformanceCritical::TemporaryExemption;
+
+/// What is written to the standard output meanwhile.
+template <class F>
+std::string printedBy(F operation) {
+    testing::internal::CaptureStdout();
+    operation();
+    return testing::internal::GetCapturedStdout();
+}
+
+/// Message and condition of the InternalError, empty when there is none.
+template <class F>
+std::pair<std::string, std::string> internalErrorOf(F operation) {
+    try {
+        operation();
+    } catch (const InternalError& error) {
+        return {Error::getMessage(error.getProperties()), error.getProperties().getString("Condition")};
+    }
+    return {};
+}
+
+using MessageAndCondition = std::pair<std::string, std::string>;
+
+class MachineLocks : public testing::Test {
+protected:
+    void SetUp() override { MachineTestAccess::startAfresh(); }
+    void TearDown() override {
+        EXPECT_EQ(MachineTestAccess::getSerialCriticalLock(), 0u);
+        EXPECT_EQ(Machine::getPerformanceCriticalLock(), 0u);
+        EXPECT_FALSE(FieldLoopState::busy());
+        EXPECT_TRUE(MessagingGate::isOpen());
+    }
+};
+
+TEST_F(MachineLocks, nestedSerialCriticalLiftsWithTheLast) {
+    const auto assertion = [] { Machine::assertNotSerialCritical("not here"); };
+    {
+        SerialCritical outer;
+        outer.bye();
+        {
+            const SerialCritical inner;
+            EXPECT_EQ(MachineTestAccess::getSerialCriticalLock(), 2u);
+        }
+        EXPECT_EQ(MachineTestAccess::getSerialCriticalLock(), 1u);
+        EXPECT_TRUE(MessagingGate::has(MessagingGate::SERIAL_CRITICAL));
+        EXPECT_EQ(internalErrorOf(assertion), MessageAndCondition("not here", "! _serialCriticalLock"));
+    }
+    EXPECT_EQ(internalErrorOf(assertion), MessageAndCondition());
+}
+
+TEST_F(MachineLocks, exemptionRestoresTheDepthThatItTook) {
+    const PerformanceCritical first;
+    const PerformanceCritical second;
+    const PerformanceCritical third;
+    {
+        const PerformanceCritical::Exemption exemption;
+        EXPECT_EQ(Machine::getPerformanceCriticalLock(), 0u);
+        EXPECT_FALSE(MessagingGate::has(MessagingGate::PERFORMANCE_CRITICAL));
+        {
+            const PerformanceCritical further;
+            EXPECT_EQ(Machine::getPerformanceCriticalLock(), 1u);
+        }
+        const PerformanceCritical::Exemption nested;
+        EXPECT_TRUE(MessagingGate::isOpen());
+    }
+    EXPECT_EQ(Machine::getPerformanceCriticalLock(), 3u);
+    EXPECT_TRUE(MessagingGate::has(MessagingGate::PERFORMANCE_CRITICAL));
+}
+
+TEST_F(MachineLocks, otherThreadsChangeNothing) {
+    const PerformanceCritical lock;
+    const std::string printed = printedBy([] {
+        std::thread([] {
+            const SerialCritical serial;
+            const PerformanceCritical performance;
+            const PerformanceCritical::Exemption exemption;
+            EXPECT_EQ(MachineTestAccess::getSerialCriticalLock(), 0u);
+            EXPECT_EQ(Machine::getPerformanceCriticalLock(), 1u);
+            MachineTestAccess::tellSignalRaised();
+            EXPECT_EQ(Machine::getPerformanceCriticalLock(), 1u);
+        }).join();
+    });
+    EXPECT_EQ(printed, "");
+}
+
+TEST_F(MachineLocks, signalLiftsAllAndTheGuardsWarn) {
+    const std::string printed = printedBy([] {
+        const SerialCritical serial;
+        const PerformanceCritical performance;
+        FieldLoopState::setBusy();
+        EXPECT_TRUE(MessagingGate::has(MessagingGate::FIELD_LOOP));
+        MachineTestAccess::tellSignalRaised();
+        EXPECT_TRUE(MessagingGate::isOpen());
+        EXPECT_FALSE(FieldLoopState::busy());
+    });
+    EXPECT_EQ(printed, "Warning : PerformanceCritical lock out of synch..\n"
+                       "Warning : SerialCritical lock out of synch..\n");
+}
+
+TEST_F(MachineLocks, fieldLoopStateIsNoCounter) {
+    FieldLoopState::setBusy();
+    FieldLoopState::setBusy();
+    EXPECT_TRUE(FieldLoopState::busy());
+    FieldLoopState::setIdle();
+    EXPECT_FALSE(FieldLoopState::busy());
+    EXPECT_TRUE(MessagingGate::isOpen());
+    FieldLoopState::setIdle();
+}
+
+TEST_F(MachineLocks, forbiddenCallStopsADevelopmentVersionWithItsChecksOn) {
+    const auto assertion = [] { Machine::assertNotParallelPerformanceCritical("too slow here"); };
+    for (const bool checks : {true, false}) {
+        Machine::getSingleton().setDevErrorChecking(checks);
+        EXPECT_EQ(printedBy(assertion), "") << "without a lock";
+        MessageAndCondition raised;
+        const PerformanceCritical lock;
+        const std::string printed = printedBy([&] { raised = internalErrorOf(assertion); });
+        if (!checks || !OrvexVersion::isDevelopmentVersion()) {
+            EXPECT_EQ(raised, MessageAndCondition());
+            EXPECT_EQ(printed, "");
+            continue;
+        }
+        EXPECT_EQ(raised, MessageAndCondition("too slow here", "!_performanceCriticalLock"));
+        const std::string explanation = "PerformanceCriticalLock detected:\n"
+                                        "  This message is generated when communication is invoked\n"
+                                        "  in a performance critical section of code. Critical sections\n"
+                                        "  include Term::eval(FvBoundary&), Term::eval(FvRegion&).\n"
+                                        "  Communication should be moved outside the critical section\n"
+                                        "  using existing patterns such as a two-pass Term.\n"
+                                        "Back trace : ";
+        EXPECT_EQ(printed.substr(0, explanation.size()), explanation);
+        EXPECT_EQ(printed.find('\n', explanation.size()), printed.size() - 1)
+            << "one line of frames: " << printed;
+        EXPECT_GT(printed.size(), explanation.size() + 1);
+    }
+}
+
+TEST_F(MachineLocks, temporaryExemptionWantsTheNumberOfAProblem) {
+    struct Row {
+        const char* id;
+        bool good;
+    };
+    constexpr Row ROWS[] = {
+        {"OXMP-1234", true}, {"OXMP_7", true},   {"OXMP-", true},    {"OXMP_", true},     {"", false},
+        {"OXMP", false},     {"OXM", false},     {"oxmp-1", false},  {"OXMP1234", false}, {"OXMP-12a", false},
+        {"OXMP--1", false},  {"OXMP- 1", false}, {"XOXMP-1", false},
+    };
+    const std::string before = printedBy(&TemporaryExemption::printExemptions);
+    unsigned granted = 0;
+    for (const Row& row : ROWS) {
+        const PerformanceCritical lock;
+        const bool accepted = row.good || !OrvexVersion::isDevelopmentVersion();
+        const MessageAndCondition expected =
+            accepted
+                ? MessageAndCondition()
+                : MessageAndCondition(
+                      "Badly constructed JIRA ID passed to ParallelPerformanceCritical::TemporaryExemption!",
+                      "isJiraId(_jiraId)");
+        EXPECT_EQ(internalErrorOf([&] {
+                      const TemporaryExemption exemption(row.id);
+                      EXPECT_EQ(exemption.getJiraId(), row.id);
+                      EXPECT_EQ(Machine::getPerformanceCriticalLock(), 0u);
+                  }),
+                  expected)
+            << row.id;
+        EXPECT_EQ(Machine::getPerformanceCriticalLock(), 1u);
+        granted += accepted ? 1 : 0;
+    }
+    // The exit observer tells all that were granted in this process.
+    const auto countIn = [](const std::string& text) {
+        return std::stoul(text.substr(text.find_first_of("0123456789")));
+    };
+    const std::string after = printedBy([] {
+        Properties nothing;
+        TemporaryExemption::getExitObserver().update(nothing);
+    });
+    EXPECT_EQ(countIn(after), countIn(before) + granted);
+    EXPECT_EQ(after,
+              "A Total of " + std::to_string(countIn(after)) +
+                  " temporary exemptions to the parallel performance critical lock have been granted.\n");
+}
+
+} // namespace

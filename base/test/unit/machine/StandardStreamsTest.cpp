@@ -1,0 +1,311 @@
+// Where a process's output goes: redirection of descriptors, the two standard streams, the console of a rank.
+
+#include "machine/AtExitRegister.h"
+#include "machine/ParallelConsoleBuf.h"
+#include "machine/StandardStreamManager.h"
+#include "machine/StreamRedirector.h"
+
+#include "kernel/Raise.h"
+#include "platform/FileSystem.h"
+#include "platform/StringHelper.h"
+
+#include "unit/machine/MachineTestAccess.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <fstream>
+#include <iostream>
+#include <sstream>
+#include <thread>
+
+#include <unistd.h>
+
+namespace {
+
+class StandardStreams : public testing::Test {
+protected:
+    void SetUp() override {
+        MachineTestAccess::startAfresh();
+        MachineTestAccess::setExecutableName("server.exe");
+        _directory = Platform::filesystem().makeTemporaryDirectory(
+            Platform::filesystem().getDefaultTemporaryDirectory(), L"streams");
+        ASSERT_FALSE(_directory.empty());
+    }
+    void TearDown() override {
+        MachineTestAccess::startAfresh();
+        EXPECT_TRUE(Platform::filesystem().deleteTree(_directory));
+    }
+
+    std::wstring path(const std::wstring& name) const {
+        return Platform::filesystem().join(_directory, name);
+    }
+    std::string content(const std::wstring& name) const {
+        std::ifstream file(StringHelper::toString(path(name)));
+        std::ostringstream text;
+        text << file.rdbuf();
+        return file ? text.str() : "no file";
+    }
+
+    std::wstring _directory;
+};
+
+using StreamRedirector_ = StandardStreams;
+using StandardStreamManager_ = StandardStreams;
+using ParallelConsoleBuf_ = StandardStreams;
+
+TEST_F(StreamRedirector_, sendsAStreamElsewhereWhileItLives) {
+    FILE* const stream = std::fopen(StringHelper::toString(path(L"stream")).c_str(), "w");
+    FILE* const other = std::fopen(StringHelper::toString(path(L"other")).c_str(), "w");
+    ASSERT_TRUE(stream && other);
+    std::fputs("before ", stream);
+    {
+        const StreamRedirector toFile(stream, path(L"file"));
+        std::fputs("file ", stream);
+        {
+            StreamRedirector toDescriptor(stream, fileno(other));
+            std::fputs("descriptor ", stream);
+            EXPECT_NE(toDescriptor.getOriginalFileStream(), fileno(stream));
+        }
+        std::fputs("file again ", stream);
+    }
+    std::fputs("after ", stream);
+    {
+        StreamRedirector mover(stream, path(L"lost"));
+        mover.setRestoreDescriptor(fileno(other));
+        EXPECT_THROW(mover.setRestoreDescriptor(-1), SystemError);
+    }
+    std::fputs("moved", stream);
+    std::fclose(stream);
+    std::fclose(other);
+    EXPECT_EQ(content(L"stream"), "before after ");
+    EXPECT_EQ(content(L"file"), "file file again ");
+    EXPECT_EQ(content(L"other"), "descriptor moved");
+    EXPECT_EQ(content(L"lost"), "");
+}
+
+TEST_F(StreamRedirector_, failureLeavesTheStream) {
+    FILE* const stream = std::fopen(StringHelper::toString(path(L"stream")).c_str(), "w");
+    ASSERT_TRUE(stream);
+    EXPECT_THROW(StreamRedirector(stream, path(L"missing/file")), SystemError);
+    EXPECT_THROW(StreamRedirector(stream, -1), SystemError);
+    std::fputs("still here", stream);
+    std::fclose(stream);
+    EXPECT_EQ(content(L"stream"), "still here");
+}
+
+/// A row's steps: w writes the number of the step to both streams, n silences, r restores, f moves to the
+/// files, d destroys the manager, o opens one whose directory ends in a separator.
+TEST_F(StandardStreamManager_, statesOfTheStreams) {
+    struct Row {
+        const char* steps;
+        const char* console;
+        const char* log;
+    };
+    constexpr Row ROWS[] = {
+        {"w", "1", ""},     {"wnwrw", "15", ""},  {"nnwrw", "5", ""},   {"rw", "2", ""},
+        {"wfw", "1", "3"},  {"wffw", "1", "4"},   {"wnfwrw", "1", "6"}, {"fnwrw", "", "5"},
+        {"fwrw", "", "24"}, {"nfrnwrw", "", "7"},
+    };
+    for (const Row& row : ROWS) {
+        SCOPED_TRACE(row.steps);
+        std::wstring logs[2];
+        {
+            // What stands for the console.
+            const StreamRedirector out(stdout, path(L"out"));
+            const StreamRedirector error(stderr, path(L"error"));
+            {
+                StandardStreamManager manager(_directory, false);
+                int number = 0;
+                for (const char* step = row.steps; *step != '\0'; ++step) {
+                    ++number;
+                    if (*step == 'w') {
+                        std::printf("%d", number);
+                        std::fprintf(stderr, "%d", number);
+                    } else if (*step == 'n') {
+                        manager.redirectToNullDevice();
+                    } else if (*step == 'r') {
+                        manager.restore();
+                    } else {
+                        std::tie(logs[0], logs[1]) = manager.redirectOriginalStreamsToFile();
+                    }
+                }
+                std::fflush(stdout);
+                EXPECT_EQ(manager.hasRedirectedOriginalStreams(), !logs[0].empty());
+                const std::wstring stem = L"server" + std::to_wstring(getpid()) + L"-std";
+                if (manager.hasRedirectedOriginalStreams()) {
+                    EXPECT_EQ(logs[0], path(stem + L"out.txt"));
+                    EXPECT_EQ(logs[1], path(stem + L"err.txt"));
+                    EXPECT_EQ(content(stem + L"out.txt"), row.log);
+                    EXPECT_EQ(content(stem + L"err.txt"), row.log);
+                }
+            }
+            for (const std::wstring& log : logs)
+                EXPECT_FALSE(Platform::filesystem().exists(log)) << "a log that outlives its manager";
+        }
+        EXPECT_EQ(content(L"out"), row.console);
+        EXPECT_EQ(content(L"error"), row.console);
+    }
+}
+
+TEST_F(StandardStreamManager_, namesOfTheFiles) {
+    struct Row {
+        const char* program;
+        const wchar_t* suffix;
+        const wchar_t* stem;
+    };
+    constexpr Row ROWS[] = {{"server.exe", L"", L"server"},
+                            {"orvexsim", L"", L"orvexsim"},
+                            {"a.b.c", L"", L"a.b"},
+                            {"x", L"/", L"x"}};
+    for (const Row& row : ROWS) {
+        MachineTestAccess::setExecutableName(row.program);
+        const StreamRedirector out(stdout, path(L"out"));
+        const StreamRedirector error(stderr, path(L"error"));
+        StandardStreamManager manager(_directory + row.suffix, false);
+        EXPECT_TRUE(manager.hasNullRedirection());
+        EXPECT_EQ(manager.redirectOriginalStreamsToFile().second,
+                  path(row.stem + std::to_wstring(getpid()) + L"-stderr.txt"));
+        manager.redirectToNullDevice();
+        EXPECT_FALSE(manager.hasNullRedirection());
+    }
+    StandardStreamManager nowhere(path(L"missing"), false);
+    try {
+        nowhere.redirectOriginalStreamsToFile();
+        ADD_FAILURE();
+    } catch (const InternalError& error) {
+        EXPECT_EQ(Error::getMessage(error.getProperties()), "Failed to redirect stdout");
+        EXPECT_EQ(error.getProperties().getString("Condition"), "!stdoutLogFile.empty()");
+    }
+}
+
+TEST_F(ParallelConsoleBuf_, blocksPrefixesAndLogs) {
+    using Buffer = ParallelConsoleBuf;
+    struct Row {
+        const char* name;
+        Machine::SerialParallelMode mode;
+        unsigned ranks;
+        unsigned rank;
+        void (*work)(std::ostream&, Buffer&);
+        const char* console;
+        const char* log;
+    };
+    constexpr auto MASTER = Machine::MASTER_MODE;
+    constexpr auto WORKER = Machine::WORKER_MODE;
+    constexpr auto PRINT = [](std::ostream& out, Buffer&) { out << "a " << 1 << std::endl; };
+    constexpr auto BOTH = [](std::ostream& out, Buffer& buffer) {
+        buffer.enableLogFile(true);
+        buffer.enableConsole(true);
+        out << "b" << std::endl;
+    };
+    const std::vector<Row> rows = {
+        {"the master prints without a prefix", MASTER, 2, 0, PRINT, "a 1\n", "no file"},
+        {"a worker is silent", WORKER, 2, 1, PRINT, "", "no file"},
+        {"one digit", WORKER, 9, 3, BOTH, "Proc[3] : b\n", "Proc[3] : b\n"},
+        {"two digits", WORKER, 10, 3, BOTH, "Proc[ 3] : b\n", "Proc[ 3] : b\n"},
+        {"three digits", WORKER, 101, 100, BOTH, "Proc[100] : b\n", "Proc[100] : b\n"},
+        {"the master's console can't be turned off", MASTER, 2, 0,
+         [](std::ostream& out, Buffer& buffer) {
+             buffer.enableConsole(false);
+             EXPECT_TRUE(buffer.isConsoleOn());
+             out << "c" << std::flush;
+         },
+         "c", "no file"},
+        {"each block has its prefix", WORKER, 2, 1,
+         [](std::ostream& out, Buffer& buffer) {
+             buffer.enableConsole(true);
+             out << "12345678"
+                 << "abcdefghij" << std::flush << "" << std::flush << 'x' << std::flush;
+         },
+         "Proc[1] : 12345678Proc[1] : abcdefghProc[1] : ijProc[1] : x", "no file"},
+        {"text goes where it was to go when it was written", WORKER, 2, 1,
+         [](std::ostream& out, Buffer& buffer) {
+             out << "1";
+             buffer.enableConsole(true);
+             EXPECT_TRUE(buffer.isConsoleOn());
+             out << "2";
+             buffer.enableLogFile(true);
+             out << "3";
+             buffer.enableLogFile(false);
+             out << "4";
+             buffer.enableConsole(false);
+             EXPECT_FALSE(buffer.isConsoleOn());
+             out << "5" << std::flush;
+         },
+         "Proc[1] : 2Proc[1] : 3Proc[1] : 4", "Proc[1] : 3"},
+        {"a log that is opened anew is emptied", WORKER, 2, 1,
+         [](std::ostream& out, Buffer& buffer) {
+             buffer.enableLogFile(true);
+             out << "1" << std::flush;
+             buffer.enableLogFile(true);
+             out << "2" << std::flush;
+             buffer.enableLogFile(false);
+             buffer.enableLogFile(true);
+             out << "3" << std::flush;
+         },
+         "", "3"},
+    };
+    constexpr int BUFFER_SIZE = 8;
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        MachineTestAccess::playRole(row.mode, row.ranks, row.rank);
+        const std::wstring log = L"partition" + std::to_wstring(row.rank) + L".log";
+        std::ostringstream stream;
+        {
+            const StreamRedirector console(stdout, path(L"console"));
+            std::streambuf* const own = stream.rdbuf();
+            {
+                ParallelConsoleBuf buffer(stream, StringHelper::toString(_directory), false, false,
+                                          BUFFER_SIZE);
+                row.work(stream, buffer);
+            }
+            EXPECT_EQ(stream.rdbuf(), own);
+        }
+        EXPECT_EQ(content(L"console"), row.console);
+        EXPECT_EQ(content(log), row.log);
+        static_cast<void>(Platform::filesystem().deleteFile(path(log)));
+    }
+}
+
+TEST_F(ParallelConsoleBuf_, threadsShareTheBufferWithoutLoss) {
+    constexpr int THREADS = 4;
+    constexpr int LINES = 500;
+    MachineTestAccess::playRole(Machine::MASTER_MODE, 2, 0);
+    {
+        const StreamRedirector console(stdout, path(L"console"));
+        std::ostringstream stream;
+        ParallelConsoleBuf buffer(stream, StringHelper::toString(_directory), false, false, 255);
+        std::vector<std::thread> threads;
+        for (int thread = 0; thread < THREADS; ++thread)
+            threads.emplace_back([&buffer, thread] {
+                for (int line = 0; line < LINES; ++line) {
+                    buffer.sputn("0123456789", 10);
+                    buffer.sputc(static_cast<char>('a' + thread));
+                    if (line % 7 == 0)
+                        buffer.pubsync();
+                }
+            });
+        for (std::thread& thread : threads)
+            thread.join();
+    }
+    const std::string text = content(L"console");
+    EXPECT_EQ(text.size(), static_cast<std::size_t>(THREADS * LINES * 11));
+    for (int thread = 0; thread < THREADS; ++thread)
+        EXPECT_EQ(std::count(text.begin(), text.end(), 'a' + thread), LINES);
+}
+
+TEST_F(ParallelConsoleBuf_, nothingComesOutOnceTheProcessIsExiting) {
+    MachineTestAccess::playRole(Machine::MASTER_MODE, 2, 0);
+    const auto printWhileExiting = [this] {
+        dup2(STDERR_FILENO, STDOUT_FILENO);
+        std::ostringstream stream;
+        ParallelConsoleBuf buffer(stream, StringHelper::toString(_directory), false, false, 255);
+        stream << "pending";
+        AtExitRegister::setExiting();
+        stream << "dropped" << std::endl;
+        std::_Exit(7);
+    };
+    EXPECT_EXIT(printWhileExiting(), testing::ExitedWithCode(7), "^$");
+}
+
+} // namespace
