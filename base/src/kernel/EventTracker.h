@@ -21,6 +21,7 @@ public:
                 start();
         }
         Track(const char* className, const std::string& method) : Track(className, method.c_str()) {}
+        Track(const char* className, std::string&& method) = delete;
         Track(const Track&) = delete;
         Track& operator=(const Track&) = delete;
         ~Track() {

@@ -11,8 +11,9 @@
 #include <type_traits>
 #include <utility>
 
-using PropertyTree::Array;
-using PropertyTree::makeInteger;
+using PropertyTree::Arena;
+using PropertyTree::Kind;
+using PropertyTree::Member;
 using PropertyTree::Tree;
 using PropertyTree::Value;
 
@@ -31,7 +32,11 @@ struct Properties::Impl {
             result._impl = std::make_unique<Impl>(Impl{std::move(tree)});
         return result;
     }
-    static void put(Properties& properties, const std::string& key, Value value, Mode mode);
+    /// Sets `key` to what `makeValue` makes in the arena that it is given.
+    template <class MakeValue>
+    static void put(Properties& properties, const std::string& key, Mode mode, const MakeValue& makeValue);
+    template <class T>
+    static void put(Properties& properties, const std::string& key, Mode mode, const std::vector<T>& values);
     template <class T>
     static bool convertTo(const Value& value, T& result);
     template <class T>
@@ -42,57 +47,54 @@ struct Properties::Impl {
 
 namespace {
 
-std::string validText(std::string_view text) {
-    return StringHelper::isValidUtf8(text) ? std::string(text) : StringHelper::toValidUtf8(text);
+Value storeText(Arena& arena, std::string_view text) {
+    if (StringHelper::isValidUtf8(text))
+        return Value::text(arena.store(text));
+    return Value::text(arena.store(StringHelper::toValidUtf8(text)));
 }
 
-// The value that stands for each type that can be set.
+// The value that stands for each type that can be set, stored in the arena where it needs room.
 
-Value toValue(bool value) {
-    return Value(value);
+Value toValue(Arena&, bool value) {
+    return Value::boolean(value);
 }
-Value toValue(double value) {
-    return Value(value);
+Value toValue(Arena&, double value) {
+    return Value::real(value);
 }
-Value toValue(const std::string& value) {
-    return Value(validText(value));
+Value toValue(Arena& arena, const std::string& value) {
+    return storeText(arena, value);
 }
-Value toValue(const std::wstring& value) {
-    return Value(StringHelper::toString(value));
+Value toValue(Arena& arena, const std::wstring& value) {
+    return storeText(arena, StringHelper::toString(value));
 }
 template <class T>
-requires std::is_integral_v<T> Value toValue(T value) {
+requires std::is_integral_v<T> Value toValue(Arena&, T value) {
     if constexpr (std::is_signed_v<T>)
-        return makeInteger(static_cast<std::int64_t>(value));
+        return Value::integer(value);
     else
-        return makeInteger(static_cast<std::uint64_t>(value));
+        return Value::natural(value);
 }
 
 // Conversions back; false when the value doesn't fit.
 
 bool convert(const Value& value, bool& result) {
-    const bool* data = std::get_if<bool>(&value.data);
-    if (data != nullptr)
-        result = *data;
-    return data != nullptr;
+    result = value.getBool();
+    return value.getKind() == Kind::BOOL;
 }
 
 bool convert(const Value& value, double& result) {
-    constexpr std::int64_t EXACT = std::int64_t(1) << std::numeric_limits<double>::digits;
-    if (const double* real = std::get_if<double>(&value.data)) {
-        result = *real;
+    if (value.getKind() == Kind::REAL) {
+        result = value.getReal();
         return true;
     }
-    if (const std::int64_t* integer = std::get_if<std::int64_t>(&value.data)) {
-        result = static_cast<double>(*integer);
-        if (*integer >= -EXACT && *integer <= EXACT)
-            return true;
-        // 2^63 is what the largest integers round to, and none of them.
-        return result < 0x1p63 && static_cast<std::int64_t>(result) == *integer;
+    // 2^63 and 2^64 are what the largest integers round to, and none of them.
+    if (value.getKind() == Kind::INTEGER) {
+        result = static_cast<double>(value.getInteger());
+        return result < 0x1p63 && static_cast<std::int64_t>(result) == value.getInteger();
     }
-    if (const std::uint64_t* natural = std::get_if<std::uint64_t>(&value.data)) {
-        result = static_cast<double>(*natural);
-        return result < 0x1p64 && static_cast<std::uint64_t>(result) == *natural;
+    if (value.getKind() == Kind::NATURAL) {
+        result = static_cast<double>(value.getNatural());
+        return result < 0x1p64 && static_cast<std::uint64_t>(result) == value.getNatural();
     }
     return false;
 }
@@ -100,38 +102,39 @@ bool convert(const Value& value, double& result) {
 template <class T>
 requires std::is_integral_v<T>
 bool convert(const Value& value, T& result) {
-    if (const std::int64_t* integer = std::get_if<std::int64_t>(&value.data)) {
-        result = static_cast<T>(*integer);
-        return std::in_range<T>(*integer);
+    if (value.getKind() == Kind::INTEGER) {
+        result = static_cast<T>(value.getInteger());
+        return std::in_range<T>(value.getInteger());
     }
-    if (const std::uint64_t* natural = std::get_if<std::uint64_t>(&value.data)) {
-        result = static_cast<T>(*natural);
-        return std::in_range<T>(*natural);
+    if (value.getKind() == Kind::NATURAL) {
+        result = static_cast<T>(value.getNatural());
+        return std::in_range<T>(value.getNatural());
     }
-    if (const double* real = std::get_if<double>(&value.data)) {
+    if (value.getKind() == Kind::REAL) {
         // Both bounds are powers of two or zero, so they are exact as reals.
         constexpr double LOWEST = static_cast<double>(std::numeric_limits<T>::min());
         constexpr double BEYOND = 2.0 * static_cast<double>(std::numeric_limits<T>::max() / 2 + 1);
-        if (!(*real >= LOWEST && *real < BEYOND) || *real != std::trunc(*real))
+        const double real = value.getReal();
+        if (!(real >= LOWEST && real < BEYOND) || real != std::trunc(real))
             return false;
-        result = static_cast<T>(*real);
+        result = static_cast<T>(real);
         return true;
     }
     return false;
 }
 
 bool convert(const Value& value, std::string& result) {
-    const std::string* text = std::get_if<std::string>(&value.data);
-    if (text != nullptr)
-        result = *text;
-    return text != nullptr;
+    if (value.getKind() != Kind::TEXT)
+        return false;
+    result = value.getText();
+    return true;
 }
 
 bool convert(const Value& value, std::wstring& result) {
-    const std::string* text = std::get_if<std::string>(&value.data);
-    if (text != nullptr)
-        result = StringHelper::toWString(*text);
-    return text != nullptr;
+    if (value.getKind() != Kind::TEXT)
+        return false;
+    result = StringHelper::toWString(value.getText());
+    return true;
 }
 
 // Words for messages.
@@ -151,21 +154,41 @@ std::string describeType() {
         return "a text";
 }
 
+const char* describeKind(Kind kind) {
+    switch (kind) {
+    case Kind::NOTHING:
+        return "null";
+    case Kind::BOOL:
+        return "a truth value";
+    case Kind::INTEGER:
+    case Kind::NATURAL:
+        return "an integer";
+    case Kind::REAL:
+        return "a real number";
+    case Kind::TEXT:
+        return "a text";
+    case Kind::ARRAY:
+        return "an array";
+    case Kind::OBJECT:
+        return "an object";
+    }
+    return "";
+}
+
 std::string describeValue(const Value& value) {
     constexpr std::size_t MAX_SHOWN = 60;
-    static constexpr const char* KINDS[] = {"null",          "a truth value", "an integer", "an integer",
-                                            "a real number", "a text",        "an array",   "an object"};
-    static_assert(std::size(KINDS) == std::variant_size_v<Value::Variant>);
     std::string text;
-    if (const Array* array = std::get_if<Array>(&value.data))
-        text = std::to_string(array->size()) + " elements";
-    else if (const Tree* tree = std::get_if<Tree>(&value.data))
-        text = std::to_string(tree->getMembers().size()) + " keys";
+    if (value.getKind() == Kind::ARRAY)
+        text = std::to_string(value.getElements().size()) + " elements";
+    else if (value.getKind() == Kind::OBJECT)
+        text = std::to_string(value.getMembers().size()) + " keys";
+    else if (value.getKind() == Kind::TEXT)
+        text = PropertyJson::write(Value::text(value.getText().substr(0, MAX_SHOWN)));
     else
         text = PropertyJson::write(value);
-    if (text.size() > MAX_SHOWN)
-        text = StringHelper::toValidUtf8(std::string_view(text).substr(0, MAX_SHOWN)) + " ...";
-    return std::string(KINDS[value.data.index()]) + " (" + text + ")";
+    if (value.getKind() == Kind::TEXT && value.getText().size() > MAX_SHOWN)
+        text = StringHelper::toValidUtf8(text) + " ...";
+    return std::string(describeKind(value.getKind())) + " (" + text + ")";
 }
 
 [[noreturn]] void raiseMissing(const std::string& key, const std::string& expected) {
@@ -178,29 +201,42 @@ std::string describeValue(const Value& value) {
 
 } // namespace
 
-void Properties::Impl::put(Properties& properties, const std::string& key, Value value, Mode mode) {
+template <class MakeValue>
+void Properties::Impl::put(Properties& properties, const std::string& key, Mode mode,
+                           const MakeValue& makeValue) {
     if (!properties._impl)
         properties._impl = std::make_unique<Impl>();
     Tree& tree = properties._impl->tree;
-    std::string validKey = validText(key);
-    Value* present = tree.find(validKey);
-    if (present == nullptr) {
-        tree.append(std::move(validKey), std::move(value));
-        return;
-    }
-    ORVEX_ASSERT_AS(mode != Mode::NEW, "mode != Mode::NEW || !hasName(key)",
+    const bool isPresent = tree.find(key) != nullptr;
+    ORVEX_ASSERT_AS(!isPresent || mode != Mode::NEW, "mode != Mode::NEW || !hasName(key)",
                     "The key \"" + key + "\" is set already");
-    if (mode == Mode::REPLACE)
-        *present = std::move(value);
+    if (!isPresent && !StringHelper::isValidUtf8(key))
+        put(properties, StringHelper::toValidUtf8(key), mode, makeValue);
+    else if (!isPresent)
+        tree.append(key, makeValue(tree.getArena()));
+    else if (mode == Mode::REPLACE)
+        tree.replace(key, makeValue(tree.getArena()));
+}
+
+template <class T>
+void Properties::Impl::put(Properties& properties, const std::string& key, Mode mode,
+                           const std::vector<T>& values) {
+    put(properties, key, mode, [&](Arena& arena) {
+        std::vector<Value> elements;
+        elements.reserve(values.size());
+        for (const auto& value : values)
+            elements.push_back(toValue(arena, static_cast<const T&>(value)));
+        return Value::array(arena.store(elements));
+    });
 }
 
 template <class T>
 bool Properties::Impl::convertTo(const Value& value, T& result) {
     if constexpr (std::is_same_v<T, Properties>) {
-        const Tree* tree = std::get_if<Tree>(&value.data);
-        if (tree != nullptr)
-            result = make(*tree);
-        return tree != nullptr;
+        if (value.getKind() != Kind::OBJECT)
+            return false;
+        result = make(Tree(value.getMembers()));
+        return true;
     } else {
         return convert(value, result);
     }
@@ -223,12 +259,11 @@ void Properties::Impl::get(const Properties& properties, const std::string& key,
     const Value* value = treeOf(properties).find(key);
     if (value == nullptr)
         raiseMissing(key, expected);
-    const Array* array = std::get_if<Array>(&value->data);
-    if (array == nullptr)
+    if (value->getKind() != Kind::ARRAY)
         raiseMismatch(key, *value, expected);
     std::vector<T> converted;
-    converted.reserve(array->size());
-    for (const Value& element : *array) {
+    converted.reserve(value->getElements().size());
+    for (const Value& element : value->getElements()) {
         T item{};
         if (!convertTo(element, item))
             raiseMismatch(key + "[" + std::to_string(converted.size()) + "]", element, describeType<T>());
@@ -272,34 +307,34 @@ Properties Properties::fromXml(std::string_view xml) {
 }
 
 void Properties::set(const std::string& key, bool value, Mode mode) {
-    Impl::put(*this, key, toValue(value), mode);
+    Impl::put(*this, key, mode, [&](Arena& arena) { return toValue(arena, value); });
 }
 void Properties::set(const std::string& key, int value, Mode mode) {
-    Impl::put(*this, key, toValue(value), mode);
+    Impl::put(*this, key, mode, [&](Arena& arena) { return toValue(arena, value); });
 }
 void Properties::set(const std::string& key, unsigned value, Mode mode) {
-    Impl::put(*this, key, toValue(value), mode);
+    Impl::put(*this, key, mode, [&](Arena& arena) { return toValue(arena, value); });
 }
 void Properties::set(const std::string& key, long value, Mode mode) {
-    Impl::put(*this, key, toValue(value), mode);
+    Impl::put(*this, key, mode, [&](Arena& arena) { return toValue(arena, value); });
 }
 void Properties::set(const std::string& key, unsigned long value, Mode mode) {
-    Impl::put(*this, key, toValue(value), mode);
+    Impl::put(*this, key, mode, [&](Arena& arena) { return toValue(arena, value); });
 }
 void Properties::set(const std::string& key, long long value, Mode mode) {
-    Impl::put(*this, key, toValue(value), mode);
+    Impl::put(*this, key, mode, [&](Arena& arena) { return toValue(arena, value); });
 }
 void Properties::set(const std::string& key, unsigned long long value, Mode mode) {
-    Impl::put(*this, key, toValue(value), mode);
+    Impl::put(*this, key, mode, [&](Arena& arena) { return toValue(arena, value); });
 }
 void Properties::set(const std::string& key, double value, Mode mode) {
-    Impl::put(*this, key, toValue(value), mode);
+    Impl::put(*this, key, mode, [&](Arena& arena) { return toValue(arena, value); });
 }
 void Properties::set(const std::string& key, const std::string& value, Mode mode) {
-    Impl::put(*this, key, toValue(value), mode);
+    Impl::put(*this, key, mode, [&](Arena& arena) { return toValue(arena, value); });
 }
 void Properties::set(const std::string& key, const std::wstring& value, Mode mode) {
-    Impl::put(*this, key, toValue(value), mode);
+    Impl::put(*this, key, mode, [&](Arena& arena) { return toValue(arena, value); });
 }
 
 void Properties::set(const std::string& key, const char* value, Mode mode) {
@@ -313,50 +348,40 @@ void Properties::set(const std::string& key, const wchar_t* value, Mode mode) {
 }
 
 void Properties::set(const std::string& key, const Properties& value, Mode mode) {
-    Impl::put(*this, key, Value(Impl::treeOf(value)), mode);
+    Impl::put(*this, key, mode,
+              [&](Arena& arena) { return arena.copy(Value::object(Impl::treeOf(value).getMembers())); });
 }
-
-namespace {
-
-template <class T>
-Value toArray(const std::vector<T>& values) {
-    Array array;
-    array.reserve(values.size());
-    for (const auto& value : values)
-        array.push_back(toValue(static_cast<const T&>(value)));
-    return Value(std::move(array));
-}
-
-} // namespace
 
 void Properties::set(const std::string& key, const std::vector<bool>& value, Mode mode) {
-    Impl::put(*this, key, toArray(value), mode);
+    Impl::put(*this, key, mode, value);
 }
 void Properties::set(const std::string& key, const std::vector<int>& value, Mode mode) {
-    Impl::put(*this, key, toArray(value), mode);
+    Impl::put(*this, key, mode, value);
 }
 void Properties::set(const std::string& key, const std::vector<unsigned>& value, Mode mode) {
-    Impl::put(*this, key, toArray(value), mode);
+    Impl::put(*this, key, mode, value);
 }
 void Properties::set(const std::string& key, const std::vector<long long>& value, Mode mode) {
-    Impl::put(*this, key, toArray(value), mode);
+    Impl::put(*this, key, mode, value);
 }
 void Properties::set(const std::string& key, const std::vector<double>& value, Mode mode) {
-    Impl::put(*this, key, toArray(value), mode);
+    Impl::put(*this, key, mode, value);
 }
 void Properties::set(const std::string& key, const std::vector<std::string>& value, Mode mode) {
-    Impl::put(*this, key, toArray(value), mode);
+    Impl::put(*this, key, mode, value);
 }
 void Properties::set(const std::string& key, const std::vector<std::wstring>& value, Mode mode) {
-    Impl::put(*this, key, toArray(value), mode);
+    Impl::put(*this, key, mode, value);
 }
 
 void Properties::set(const std::string& key, const std::vector<Properties>& value, Mode mode) {
-    Array array;
-    array.reserve(value.size());
-    for (const Properties& element : value)
-        array.emplace_back(Impl::treeOf(element));
-    Impl::put(*this, key, Value(std::move(array)), mode);
+    Impl::put(*this, key, mode, [&](Arena& arena) {
+        std::vector<Value> elements;
+        elements.reserve(value.size());
+        for (const Properties& element : value)
+            elements.push_back(arena.copy(Value::object(Impl::treeOf(element).getMembers())));
+        return Value::array(arena.store(elements));
+    });
 }
 
 void Properties::get(const std::string& key, bool& value) const {
@@ -486,7 +511,7 @@ std::size_t Properties::size() const {
 std::vector<std::string> Properties::getNames() const {
     std::vector<std::string> names;
     names.reserve(size());
-    for (const PropertyTree::Member& member : Impl::treeOf(*this).getMembers())
-        names.push_back(member.key);
+    for (const Member& member : Impl::treeOf(*this).getMembers())
+        names.emplace_back(member.key);
     return names;
 }

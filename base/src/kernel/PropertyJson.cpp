@@ -13,14 +13,16 @@
 #include <algorithm>
 #include <charconv>
 #include <cmath>
-#include <iterator>
+#include <cstring>
 #include <limits>
-#include <type_traits>
+#include <span>
 #include <utility>
+#include <vector>
 
 namespace PropertyJson {
 
-using PropertyTree::Array;
+using PropertyTree::Arena;
+using PropertyTree::Kind;
 using PropertyTree::Member;
 using PropertyTree::Tree;
 using PropertyTree::Value;
@@ -28,6 +30,9 @@ using PropertyTree::Value;
 namespace {
 
 constexpr std::string_view REAL_KEY = "$real";
+/// [bytes] First guesses at the memory behind a text.
+constexpr std::size_t MIN_EXPECTED = 256;
+constexpr std::size_t MAX_EXPECTED = std::size_t(1) << 16;
 
 bool isRealKey(std::string_view key) {
     return key.size() >= REAL_KEY.size() && key.ends_with(REAL_KEY) &&
@@ -38,73 +43,67 @@ const char* nonFiniteName(double value) {
     return std::isnan(value) ? "nan" : value > 0 ? "inf" : "-inf";
 }
 
-/// Gives `value` what `tree`, an object below the root, stands for.
-void decodeObject(Tree tree, Value& value) {
-    const std::vector<Member>& members = tree.getMembers();
-    if (members.size() == 1 && isRealKey(members[0].key)) {
-        const std::string* name = std::get_if<std::string>(&members[0].value.data);
-        if (members[0].key.size() > REAL_KEY.size()) {
-            Tree renamed;
-            renamed.append(members[0].key.substr(1), members[0].value);
-            tree = std::move(renamed);
-        } else if (name != nullptr && *name == "nan") {
-            value.data.emplace<double>(std::numeric_limits<double>::quiet_NaN());
-            return;
-        } else if (name != nullptr && (*name == "inf" || *name == "-inf")) {
-            const double infinity = std::numeric_limits<double>::infinity();
-            value.data.emplace<double>(name->front() == '-' ? -infinity : infinity);
-            return;
-        }
-    }
-    value.data.emplace<Tree>(std::move(tree));
+/// What an object below the root stands for whose one member has a key of write()'s own.
+Value decodeReal(Member& member) {
+    const std::string_view text =
+        member.value.getKind() == Kind::TEXT ? member.value.getText() : std::string_view();
+    if (member.key.size() > REAL_KEY.size())
+        member.key.remove_prefix(1);
+    else if (text == "nan")
+        return Value::real(std::numeric_limits<double>::quiet_NaN());
+    else if (text == "inf")
+        return Value::real(std::numeric_limits<double>::infinity());
+    else if (text == "-inf")
+        return Value::real(-std::numeric_limits<double>::infinity());
+    return Value::object({&member, 1});
 }
 
-/// Builds a tree from the reader's events. What is open lies on two stacks, members of objects and elements
-/// of arrays; an end moves its part into a container of the exact size.
+/// Builds a tree from the reader's events. Texts stay where the reader decoded them, in the arena. What is
+/// open lies on two stacks, members of objects and elements of arrays; an end moves its part into the arena.
 class TreeBuilder {
 public:
-    Tree takeRoot() { return std::move(_root); }
+    /// @param hasEscapes  whether the text has any escape of a code unit
+    TreeBuilder(Tree& tree, bool hasEscapes) : _tree(tree), _hasEscapes(hasEscapes) {
+        _members.reserve(EXPECTED_OPEN);
+        _elements.reserve(EXPECTED_OPEN);
+    }
+
     const std::string& getReason() const { return _reason; }
 
-    bool Null() { return add(std::monostate()); }
-    bool Bool(bool value) { return add(value); }
+    bool Null() { return add(Value()); }
+    bool Bool(bool value) { return add(Value::boolean(value)); }
     bool String(const char* text, rapidjson::SizeType length, bool) {
-        const std::string_view view(text, length);
-        return checkSurrogates(view) && add(std::string(view));
+        return checkSurrogates({text, length}) && add(Value::text({text, length}));
     }
     bool Key(const char* text, rapidjson::SizeType length, bool) {
-        const std::string_view view(text, length);
-        _members.push_back(Member{std::string(view), Value()});
-        return checkSurrogates(view);
+        _members.push_back(Member{{text, length}, Value()});
+        return checkSurrogates({text, length});
     }
-    bool RawNumber(const char* text, rapidjson::SizeType length, bool) {
-        return addNumber(std::string_view(text, length));
-    }
+    bool RawNumber(const char* text, rapidjson::SizeType length, bool) { return addNumber({text, length}); }
 
     bool StartObject() { return open(false); }
     bool StartArray() { return open(true); }
 
     bool EndObject(rapidjson::SizeType) {
-        const auto first = _members.begin() + static_cast<std::ptrdiff_t>(_frames.back().first);
-        std::vector<Member> members(std::make_move_iterator(first), std::make_move_iterator(_members.end()));
-        _members.erase(first, _members.end());
+        const std::span<const Member> members =
+            std::span<const Member>(_members).subspan(_frames.back().first);
+        const bool isRoot = _frames.size() == 1;
+        if (const std::string_view* key =
+                isRoot ? _tree.assign(members) : PropertyTree::findDuplicate(members))
+            return fail(std::string("the key \"").append(*key).append("\" stands there twice"));
+        const Value value = isRoot ? Value() : makeObject(members);
+        _members.resize(_frames.back().first);
         _frames.pop_back();
-        Tree tree;
-        if (const std::string* key = tree.assign(std::move(members)))
-            return fail("the key \"" + *key + "\" stands there twice");
-        if (_frames.empty())
-            _root = std::move(tree);
-        else
-            decodeObject(std::move(tree), next());
-        return true;
+        return isRoot || add(value);
     }
 
     bool EndArray(rapidjson::SizeType) {
-        const auto first = _elements.begin() + static_cast<std::ptrdiff_t>(_frames.back().first);
-        Array array(std::make_move_iterator(first), std::make_move_iterator(_elements.end()));
-        _elements.erase(first, _elements.end());
+        const std::span<const Value> elements =
+            std::span<const Value>(_elements).subspan(_frames.back().first);
+        const Value value = Value::array(_tree.getArena().store(elements));
+        _elements.resize(_frames.back().first);
         _frames.pop_back();
-        return add(std::move(array));
+        return add(value);
     }
 
     // The reader asks for these although numbers reach it as text.
@@ -115,6 +114,8 @@ public:
     bool Double(double) { return false; }
 
 private:
+    static constexpr std::size_t EXPECTED_OPEN = 32;
+
     struct Frame {
         bool isArray;
         std::size_t first;
@@ -125,14 +126,20 @@ private:
         return false;
     }
 
-    /// Where the value goes that was just read.
-    Value& next() { return _frames.back().isArray ? _elements.emplace_back() : _members.back().value; }
+    Value makeObject(std::span<const Member> members) {
+        const std::span<Member> stored = _tree.getArena().store(members);
+        if (stored.size() == 1 && isRealKey(stored[0].key))
+            return decodeReal(stored[0]);
+        return Value::object(stored);
+    }
 
-    template <class T>
-    bool add(T value) {
+    bool add(const Value& value) {
         if (_frames.empty())
             return fail("an object was expected");
-        next().data.template emplace<T>(std::move(value));
+        if (_frames.back().isArray)
+            _elements.push_back(value);
+        else
+            _members.back().value = value;
         return true;
     }
 
@@ -147,6 +154,8 @@ private:
 
     /// The reader lets a lone low surrogate pass as an escape; it comes out as ED A0..BF.
     bool checkSurrogates(std::string_view text) {
+        if (!_hasEscapes)
+            return true;
         for (std::size_t at = text.find('\xED'); at < text.size() - 1; at = text.find('\xED', at + 1))
             if (static_cast<unsigned char>(text[at + 1]) >= 0xA0)
                 return fail("an escape is half of a surrogate pair");
@@ -155,17 +164,17 @@ private:
 
     bool addNumber(std::string_view text) {
         const char* const end = text.data() + text.size();
-        if (text.find_first_of(".eE") == std::string_view::npos) {
+        if (std::none_of(text.begin(), text.end(), [](char c) { return c == '.' || c == 'e' || c == 'E'; })) {
             std::int64_t integer = 0;
             if (std::from_chars(text.data(), end, integer).ec == std::errc())
-                return add(integer);
+                return add(Value::integer(integer));
             std::uint64_t natural = 0;
             if (text.front() != '-' && std::from_chars(text.data(), end, natural).ec == std::errc())
-                return add(natural);
+                return add(Value::natural(natural));
         }
         double real = 0.0;
         if (std::from_chars(text.data(), end, real).ec == std::errc())
-            return add(real);
+            return add(Value::real(real));
         return addExtremeNumber(text);
     }
 
@@ -182,10 +191,11 @@ private:
         }
         if (static_cast<long long>(point) - static_cast<long long>(digit) + exponent > 0)
             return fail("the number is too large");
-        return add(text.front() == '-' ? -0.0 : 0.0);
+        return add(Value::real(text.front() == '-' ? -0.0 : 0.0));
     }
 
-    Tree _root;
+    Tree& _tree;
+    bool _hasEscapes;
     std::vector<Frame> _frames;
     std::vector<Member> _members;
     std::vector<Value> _elements;
@@ -196,11 +206,39 @@ private:
     raise(InputError("Malformed JSON at byte " + std::to_string(position) + ": " + reason));
 }
 
+/// Why the reader stopped.
+std::string describeFailure(const rapidjson::ParseResult& result, const std::string& builderReason,
+                            std::string_view text) {
+    if (!builderReason.empty())
+        return builderReason;
+    if (result.Code() == rapidjson::kParseErrorStringEscapeInvalid &&
+        static_cast<unsigned char>(text[result.Offset()]) < 0x20)
+        return "a control character must be escaped";
+    return rapidjson::GetParseError_En(result.Code());
+}
+
+/// The part of `text` that may be anything but ASCII, ASCII standing before and behind it.
+std::string_view skipAscii(std::string_view text) {
+    constexpr std::uint64_t HIGH_BITS = 0x8080808080808080u;
+    std::uint64_t word = 0;
+    const auto isAsciiAt = [&](std::size_t at) {
+        std::memcpy(&word, text.data() + at, sizeof word);
+        return (word & HIGH_BITS) == 0;
+    };
+    std::size_t skipped = 0;
+    while (skipped + sizeof word <= text.size() && isAsciiAt(skipped))
+        skipped += sizeof word;
+    text.remove_prefix(skipped);
+    while (text.size() >= sizeof word && isAsciiAt(text.size() - sizeof word))
+        text.remove_suffix(sizeof word);
+    return text;
+}
+
 void checkEncoding(std::string_view text) {
     const std::size_t zero = text.find('\0');
     if (zero != std::string_view::npos)
         raiseMalformed(zero, "a zero byte isn't allowed there");
-    if (StringHelper::isValidUtf8(text))
+    if (StringHelper::isValidUtf8(skipAscii(text)))
         return;
     const std::string valid = StringHelper::toValidUtf8(text);
     const auto position =
@@ -208,17 +246,52 @@ void checkEncoding(std::string_view text) {
     raiseMalformed(static_cast<std::size_t>(position), "the text isn't valid UTF-8");
 }
 
+/// Whether a text has characters that JSON escapes, eight at a time.
+bool needsEscape(std::string_view text) {
+    constexpr std::uint64_t ONES = 0x0101010101010101u;
+    constexpr std::uint64_t HIGH_BITS = 0x80 * ONES;
+    // The high bit of each byte of `word` that is below `limit`, which is at most 0x80; above the first,
+    // others too.
+    const auto below = [](std::uint64_t word, std::uint64_t limit) {
+        return (word - limit * ONES) & ~word & HIGH_BITS;
+    };
+    std::uint64_t word = 0;
+    for (; text.size() >= sizeof word; text.remove_prefix(sizeof word)) {
+        std::memcpy(&word, text.data(), sizeof word);
+        if ((below(word, 0x20) | below(word ^ ('"' * ONES), 1) | below(word ^ ('\\' * ONES), 1)) != 0)
+            return true;
+    }
+    return std::any_of(text.begin(), text.end(),
+                       [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == '"' || c == '\\'; });
+}
+
+/// A writer that copies a text in one piece where it can.
+class LineWriter : public rapidjson::Writer<rapidjson::StringBuffer> {
+public:
+    explicit LineWriter(rapidjson::StringBuffer& buffer) : Writer(buffer) {}
+
+    bool String(const char* text, rapidjson::SizeType size) {
+        if (needsEscape({text, size}))
+            return Writer::String(text, size);
+        Prefix(rapidjson::kStringType);
+        char* out = os_->Push(std::size_t(size) + 2);
+        *out++ = '"';
+        std::memcpy(out, text, size);
+        out[size] = '"';
+        return true;
+    }
+};
+
 template <class Writer>
 class TreeWriter {
 public:
     explicit TreeWriter(Writer& writer) : _writer(writer) {}
 
-    void writeTree(const Tree& tree, unsigned depth) {
+    void writeObject(std::span<const Member> members, unsigned depth) {
         ORVEX_ASSERT(depth <= Properties::MAX_DEPTH, "A Properties is nested too deep to be written");
-        const std::vector<Member>& members = tree.getMembers();
         _writer.StartObject();
         if (depth > 1 && members.size() == 1 && isRealKey(members[0].key))
-            writeMember("$" + members[0].key, members[0].value, depth);
+            writeMember(std::string("$").append(members[0].key), members[0].value, depth);
         else
             for (const Member& member : members)
                 writeMember(member.key, member.value, depth);
@@ -226,36 +299,46 @@ public:
     }
 
     void writeValue(const Value& value, unsigned depth) {
-        std::visit(
-            [&](const auto& data) {
-                using T = std::decay_t<decltype(data)>;
-                if constexpr (std::is_same_v<T, std::monostate>)
-                    _writer.Null();
-                else if constexpr (std::is_same_v<T, bool>)
-                    _writer.Bool(data);
-                else if constexpr (std::is_same_v<T, std::int64_t>)
-                    _writer.Int64(data);
-                else if constexpr (std::is_same_v<T, std::uint64_t>)
-                    _writer.Uint64(data);
-                else if constexpr (std::is_same_v<T, double>)
-                    writeReal(data);
-                else if constexpr (std::is_same_v<T, std::string>)
-                    _writer.String(data.data(), static_cast<rapidjson::SizeType>(data.size()));
-                else if constexpr (std::is_same_v<T, Array>)
-                    writeArray(data, depth + 1);
-                else
-                    writeTree(data, depth + 1);
-            },
-            value.data);
+        switch (value.getKind()) {
+        case Kind::NOTHING:
+            _writer.Null();
+            break;
+        case Kind::BOOL:
+            _writer.Bool(value.getBool());
+            break;
+        case Kind::INTEGER:
+            _writer.Int64(value.getInteger());
+            break;
+        case Kind::NATURAL:
+            _writer.Uint64(value.getNatural());
+            break;
+        case Kind::REAL:
+            writeReal(value.getReal());
+            break;
+        case Kind::TEXT:
+            writeText(value.getText());
+            break;
+        case Kind::ARRAY:
+            writeArray(value.getElements(), depth + 1);
+            break;
+        case Kind::OBJECT:
+            writeObject(value.getMembers(), depth + 1);
+            break;
+        }
     }
 
 private:
-    void writeMember(const std::string& key, const Value& value, unsigned depth) {
-        _writer.Key(key.data(), static_cast<rapidjson::SizeType>(key.size()));
+    void writeText(std::string_view text) {
+        // The writer wants an address even where there is nothing to read.
+        _writer.String(text.empty() ? "" : text.data(), static_cast<rapidjson::SizeType>(text.size()));
+    }
+
+    void writeMember(std::string_view key, const Value& value, unsigned depth) {
+        writeText(key); // a key is a text in the place of a key
         writeValue(value, depth);
     }
 
-    void writeArray(const Array& array, unsigned depth) {
+    void writeArray(std::span<const Value> array, unsigned depth) {
         ORVEX_ASSERT(depth <= Properties::MAX_DEPTH, "A Properties is nested too deep to be written");
         _writer.StartArray();
         for (const Value& element : array)
@@ -266,8 +349,8 @@ private:
     void writeReal(double value) {
         if (!std::isfinite(value)) {
             _writer.StartObject();
-            _writer.Key(REAL_KEY.data(), static_cast<rapidjson::SizeType>(REAL_KEY.size()));
-            _writer.String(nonFiniteName(value));
+            writeText(REAL_KEY);
+            writeText(nonFiniteName(value));
             _writer.EndObject();
             return;
         }
@@ -290,35 +373,39 @@ Tree parse(std::string_view text) {
         raise(InputError("Malformed JSON: its " + std::to_string(text.size()) +
                          " bytes are more than the limit of " + std::to_string(Properties::MAX_TEXT_SIZE)));
     checkEncoding(text);
+    Tree tree;
+    Arena& arena = tree.getArena();
+    arena.reserve(text.size() + std::min(text.size() * 2, MAX_EXPECTED) + MIN_EXPECTED);
+    char* const buffer = arena.allocate(text.size() + 1);
+    text.copy(buffer, text.size());
+    buffer[text.size()] = '\0';
+
     constexpr unsigned FLAGS = rapidjson::kParseInsituFlag | rapidjson::kParseNumbersAsStringsFlag;
-    std::string buffer(text);
-    rapidjson::InsituStringStream stream(buffer.data());
+    rapidjson::InsituStringStream stream(buffer);
     rapidjson::Reader reader;
-    TreeBuilder builder;
+    TreeBuilder builder(tree, text.find("\\u") != std::string_view::npos);
     const rapidjson::ParseResult result = reader.Parse<FLAGS>(stream, builder);
     if (!result)
-        raiseMalformed(result.Offset(), builder.getReason().empty()
-                                            ? rapidjson::GetParseError_En(result.Code())
-                                            : builder.getReason());
-    return builder.takeRoot();
+        raiseMalformed(result.Offset(), describeFailure(result, builder.getReason(), text));
+    return tree;
 }
 
 std::string write(const Tree& tree, Style style) {
-    rapidjson::StringBuffer buffer;
+    rapidjson::StringBuffer buffer(nullptr, tree.getArena().getUsed() + MIN_EXPECTED);
     if (style == Style::ONE_LINE) {
-        rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
-        TreeWriter(writer).writeTree(tree, 1);
+        LineWriter writer(buffer);
+        TreeWriter(writer).writeObject(tree.getMembers(), 1);
     } else {
         rapidjson::PrettyWriter<rapidjson::StringBuffer> writer(buffer);
         writer.SetIndent(' ', 2);
-        TreeWriter(writer).writeTree(tree, 1);
+        TreeWriter(writer).writeObject(tree.getMembers(), 1);
     }
     return std::string(buffer.GetString(), buffer.GetSize());
 }
 
 std::string write(const Value& value) {
     rapidjson::StringBuffer buffer;
-    rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+    LineWriter writer(buffer);
     TreeWriter(writer).writeValue(value, 1);
     return std::string(buffer.GetString(), buffer.GetSize());
 }

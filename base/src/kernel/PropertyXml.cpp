@@ -9,16 +9,15 @@
 
 #include <algorithm>
 #include <charconv>
-#include <cmath>
-#include <limits>
 #include <optional>
-#include <type_traits>
+#include <span>
 #include <utility>
+#include <vector>
 
 namespace PropertyXml {
 
-using PropertyTree::Array;
-using PropertyTree::makeInteger;
+using PropertyTree::Arena;
+using PropertyTree::Kind;
 using PropertyTree::Member;
 using PropertyTree::Tree;
 using PropertyTree::Value;
@@ -49,55 +48,62 @@ bool fitsXml(std::string_view text) {
     });
 }
 
-void setText(pugi::xml_node node, const std::string& text) {
-    node.text().set(text.c_str());
+void setText(pugi::xml_node node, std::string_view text) {
+    node.text().set(std::string(text).c_str());
 }
-
-void writeTree(const Tree& tree, pugi::xml_node parent, unsigned depth);
 
 void writeReal(double value, pugi::xml_node parent) {
     char text[40];
     const char* end = std::to_chars(text, text + sizeof text, value).ptr;
-    setText(parent.append_child("double"), std::string(text, static_cast<std::size_t>(end - text)));
+    setText(parent.append_child("double"), {text, static_cast<std::size_t>(end - text)});
 }
 
-void writeText(const std::string& text, pugi::xml_node parent) {
+void writeText(std::string_view text, pugi::xml_node parent) {
     if (fitsXml(text))
         setText(parent.append_child("string"), text);
     else
         setText(parent.append_child("base64"), Base64Encoder::encode(text));
 }
 
+void writeObject(std::span<const Member> members, pugi::xml_node parent, unsigned depth);
+
 void writeValue(const Value& value, pugi::xml_node parent, unsigned depth) {
-    std::visit(
-        [&](const auto& data) {
-            using T = std::decay_t<decltype(data)>;
-            if constexpr (std::is_same_v<T, std::monostate>) {
-                parent.append_child("nil");
-            } else if constexpr (std::is_same_v<T, bool>) {
-                setText(parent.append_child("boolean"), data ? "1" : "0");
-            } else if constexpr (std::is_integral_v<T>) {
-                setText(parent.append_child(std::is_signed_v<T> ? "i8" : "u8"), std::to_string(data));
-            } else if constexpr (std::is_same_v<T, double>) {
-                writeReal(data, parent);
-            } else if constexpr (std::is_same_v<T, std::string>) {
-                writeText(data, parent);
-            } else if constexpr (std::is_same_v<T, Array>) {
-                checkDepth(depth + 1);
-                pugi::xml_node list = parent.append_child("array").append_child("data");
-                for (const Value& element : data)
-                    writeValue(element, list.append_child("value"), depth + 1);
-            } else {
-                writeTree(data, parent, depth + 1);
-            }
-        },
-        value.data);
+    switch (value.getKind()) {
+    case Kind::NOTHING:
+        parent.append_child("nil");
+        break;
+    case Kind::BOOL:
+        setText(parent.append_child("boolean"), value.getBool() ? "1" : "0");
+        break;
+    case Kind::INTEGER:
+        setText(parent.append_child("i8"), std::to_string(value.getInteger()));
+        break;
+    case Kind::NATURAL:
+        setText(parent.append_child("u8"), std::to_string(value.getNatural()));
+        break;
+    case Kind::REAL:
+        writeReal(value.getReal(), parent);
+        break;
+    case Kind::TEXT:
+        writeText(value.getText(), parent);
+        break;
+    case Kind::ARRAY: {
+        checkDepth(depth + 1);
+        pugi::xml_node list = parent.append_child("array").append_child("data");
+        for (const Value& element : value.getElements())
+            writeValue(element, list.append_child("value"), depth + 1);
+        break;
+    }
+    case Kind::OBJECT:
+        writeObject(value.getMembers(), parent, depth + 1);
+        break;
+    }
 }
 
-void writeTree(const Tree& tree, pugi::xml_node parent, unsigned depth) {
+void writeObject(std::span<const Member> members, pugi::xml_node parent, unsigned depth) {
     checkDepth(depth);
     pugi::xml_node node = parent.append_child("struct");
-    for (const Member& member : tree.getMembers()) {
+    for (const Member& member : members) {
         pugi::xml_node child = node.append_child("member");
         pugi::xml_node name = child.append_child("name");
         if (!fitsXml(member.key))
@@ -145,42 +151,58 @@ void checkParsedDepth(unsigned depth) {
         raiseMalformed("it is nested deeper than " + std::to_string(Properties::MAX_DEPTH) + " levels");
 }
 
-Tree parseTree(pugi::xml_node node, unsigned depth);
+/// Reads values into the arena of a tree.
+class Parser {
+public:
+    explicit Parser(Arena& arena) : _arena(arena) {}
+
+    std::vector<Member> parseMembers(pugi::xml_node node, unsigned depth);
+
+private:
+    Value parseValue(pugi::xml_node node, unsigned depth);
+    Value parseArray(pugi::xml_node node, unsigned depth);
+    Value makeText(const std::string& text) { return Value::text(_arena.store(text)); }
+
+    Arena& _arena;
+};
 
 /// The value below the "value" element `node`.
-Value parseValue(pugi::xml_node node, unsigned depth) {
+Value Parser::parseValue(pugi::xml_node node, unsigned depth) {
     const pugi::xml_node typed = firstElement(node);
     const std::string_view kind = typed.name();
     if (!typed)
-        return Value(getText(node));
+        return makeText(getText(node));
     if (kind == "struct")
-        return Value(parseTree(typed, depth + 1));
-    if (kind == "array") {
-        checkParsedDepth(depth + 1);
-        Array array;
-        for (const pugi::xml_node element : typed.child("data").children("value"))
-            array.push_back(parseValue(element, depth + 1));
-        return Value(std::move(array));
-    }
+        return Value::object(_arena.store(parseMembers(typed, depth + 1)));
+    if (kind == "array")
+        return parseArray(typed, depth + 1);
     const std::string text = getText(typed);
     if (kind == "string")
-        return Value(text);
+        return makeText(text);
     if (kind == "base64")
-        return Value(decodeBase64(text));
+        return makeText(decodeBase64(text));
     if (kind == "i8" || kind == "i4" || kind == "int")
-        return makeInteger(parseNumber<std::int64_t>(text, "integer"));
+        return Value::integer(parseNumber<std::int64_t>(text, "integer"));
     if (kind == "u8")
-        return makeInteger(parseNumber<std::uint64_t>(text, "natural"));
+        return Value::natural(parseNumber<std::uint64_t>(text, "natural"));
     if (kind == "double")
-        return Value(parseNumber<double>(text, "real"));
+        return Value::real(parseNumber<double>(text, "real"));
     if (kind == "boolean" && (text == "0" || text == "1"))
-        return Value(text == "1");
+        return Value::boolean(text == "1");
     if (kind == "nil")
         return Value();
     raiseMalformed("a value of the kind \"" + std::string(kind.substr(0, 60)) + "\" isn't known");
 }
 
-Tree parseTree(pugi::xml_node node, unsigned depth) {
+Value Parser::parseArray(pugi::xml_node node, unsigned depth) {
+    checkParsedDepth(depth);
+    std::vector<Value> elements;
+    for (const pugi::xml_node element : node.child("data").children("value"))
+        elements.push_back(parseValue(element, depth));
+    return Value::array(_arena.store(elements));
+}
+
+std::vector<Member> Parser::parseMembers(pugi::xml_node node, unsigned depth) {
     checkParsedDepth(depth);
     std::vector<Member> members;
     for (const pugi::xml_node child : node.children("member")) {
@@ -188,13 +210,12 @@ Tree parseTree(pugi::xml_node node, unsigned depth) {
         const bool encoded = std::string_view(name.attribute("encoding").value()) == "base64";
         if (!name || !child.child("value"))
             raiseMalformed("a member has no name or no value");
-        members.push_back(Member{encoded ? decodeBase64(getText(name)) : getText(name),
-                                 parseValue(child.child("value"), depth)});
+        const std::string key = encoded ? decodeBase64(getText(name)) : getText(name);
+        members.push_back(Member{_arena.store(key), parseValue(child.child("value"), depth)});
     }
-    Tree tree;
-    if (const std::string* key = tree.assign(std::move(members)))
-        raiseMalformed("the key \"" + *key + "\" stands there twice");
-    return tree;
+    if (const std::string_view* key = PropertyTree::findDuplicate(members))
+        raiseMalformed("the key \"" + std::string(*key) + "\" stands there twice");
+    return members;
 }
 
 class StringWriter : public pugi::xml_writer {
@@ -210,7 +231,7 @@ public:
 std::string write(const Tree& tree, const std::string& rootName) {
     ORVEX_ASSERT(isXmlName(rootName), "\"" + rootName + "\" can't name an XML element");
     pugi::xml_document document;
-    writeTree(tree, document.append_child(rootName.c_str()), 1);
+    writeObject(tree.getMembers(), document.append_child(rootName.c_str()), 1);
     StringWriter writer;
     document.save(writer, "", pugi::format_raw | pugi::format_no_declaration, pugi::encoding_utf8);
     return std::move(writer.text);
@@ -229,10 +250,13 @@ Tree parse(std::string_view xml) {
     if (!result)
         raiseMalformed(std::string(result.description()) + " at byte " + std::to_string(result.offset));
     const pugi::xml_node root = firstElement(document);
-    const pugi::xml_node tree = firstElement(root);
-    if (std::string_view(tree.name()) != "struct")
+    const pugi::xml_node members = firstElement(root);
+    if (std::string_view(members.name()) != "struct")
         raiseMalformed("a root element with one struct was expected");
-    return parseTree(tree, 1);
+    Tree tree;
+    // The members' keys were compared already.
+    static_cast<void>(tree.assign(Parser(tree.getArena()).parseMembers(members, 1)));
+    return tree;
 }
 
 } // namespace PropertyXml

@@ -149,6 +149,8 @@ void restoreTraps(bool isTrap) {
 
 /// Turns the fault into an error on this thread.
 void onFault(int signal, int code, void* address) {
+    if (code == SI_USER || code == SI_QUEUE)
+        return; // another process wants this one to end
     if (faultState != FaultState::NONE)
         endInFault(signal, code);
     faultState = FaultState::HANDLING;

@@ -14,6 +14,8 @@
 /// fault there ends it at once, and so does a fault whose handling doesn't come to an end within
 /// FAULT_TIME_LIMIT.
 ///
+/// When another process sends one of these signals, it takes the system's default course.
+///
 /// SIGTERM and SIGINT that others send go to the stop callback, on a thread of their own. A broken
 /// pipe is never a signal.
 class ORVEX_KERNEL_EXPORT SignalHandler {

@@ -1,0 +1,385 @@
+#include "kernel/Controller.h"
+
+#include "kernel/Command.h"
+#include "kernel/MessagingGate.h"
+#include "kernel/Observer.h"
+#include "kernel/Raise.h"
+#include "kernel/Subject.h"
+#include "platform/Lock.h"
+#include "platform/Memory.h"
+#include "platform/Mutex.h"
+#include "platform/Process.h"
+#include "platform/Semaphore.h"
+#include "platform/Thread.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <functional>
+#include <stdexcept>
+#include <thread>
+
+namespace {
+
+using Body = std::function<void(const Properties& args, Properties& response)>;
+
+/// A command that does what the test gives it.
+class TestCommand : public Command {
+public:
+    TestCommand(std::string name, Body body, bool threaded = false)
+        : _name(std::move(name)), _body(std::move(body)), _threaded(threaded) {}
+    void execute(const Properties& args, Properties& response) override { _body(args, response); }
+    std::string getName() const override { return _name; }
+    bool isThreaded(const Properties& args) const override { return _threaded && !args.hasName("inline"); }
+    void onError(const Properties&, Properties& response) override {
+        response.set("seen", Error::getMessage(response));
+        if (Error::getMessage(response) == "twice")
+            throw std::runtime_error("in onError");
+    }
+
+private:
+    std::string _name;
+    Body _body;
+    bool _threaded;
+};
+
+/// Writes its letter to a log, and throws on demand.
+struct LogObserver : Observer {
+    LogObserver(std::string& log_, const char* letter_) : log(log_), letter(letter_) {}
+    void update(Properties& properties) override {
+        log += letter;
+        if (work)
+            work(properties);
+    }
+    std::string& log;
+    const char* letter;
+    std::function<void(Properties&)> work;
+};
+
+Properties request(const std::string& name) {
+    Properties command;
+    command.set(Command::COMMAND_TAG, name);
+    return command;
+}
+
+} // namespace
+
+class ControllerTest : public testing::Test {
+protected:
+    ControllerTest() {
+        controller.getMasterScatterCommandObservable().attach(scatter);
+        controller.getMasterGatherResponseObservable().attach(gather);
+        controller.getPostExecuteFloatingPointErrorObservable().attach(floating);
+    }
+    ~ControllerTest() override { Controller::reset(); }
+
+    void add(const std::string& name, Body body, bool threaded = false) {
+        controller.registerCommand(new TestCommand(name, std::move(body), threaded));
+    }
+    Properties run(const std::string& name) {
+        Properties response;
+        const bool isFine = controller.executeCommand(request(name), response);
+        EXPECT_EQ(isFine, !Error::isErrorIn(response));
+        return response;
+    }
+    /// Queues a request whose response lands in `responses`.
+    void queue(const std::string& name, const std::string& client = "somebody") {
+        controller.enqueue({request(name), client, [this](const Properties& response) {
+                                responses.push_back(response);
+                                answeredOnMain = answeredOnMain && Thread::isMain();
+                            }});
+    }
+
+    Controller& controller = Controller::getSingleton();
+    std::string log;
+    LogObserver scatter{log, "s"};
+    LogObserver gather{log, "g"};
+    LogObserver floating{log, "f"};
+    std::vector<Properties> responses;
+    bool answeredOnMain = true;
+};
+
+TEST_F(ControllerTest, ObservablesStandAroundTheCommandButNotAroundNestedOnes) {
+    add("Inner", [&](const Properties&, Properties&) { log += "i"; });
+    add("Outer", [&](const Properties& args, Properties& response) {
+        log += "o";
+        response.set("added", args.getBool("added"));
+        response.set("inner", run("Inner"));
+        log += "p";
+    });
+    scatter.work = [](Properties& command) {
+        command.set("added", true);
+    }; // the command that came back is run
+    const Properties response = run("Outer");
+    EXPECT_EQ(log, "soipgf");
+    EXPECT_EQ(response.toString(),
+              "{\"Command\":\"Outer\",\"added\":true,\"inner\":{\"Command\":\"Inner\"}}");
+}
+
+TEST_F(ControllerTest, ALoopServedFromWithinACommandTellsTheObservables) {
+    add("Queued", [&](const Properties&, Properties&) { log += "q"; });
+    add("Exit", [&](const Properties&, Properties&) { log += "e"; });
+    add("Long", [&](const Properties&, Properties&) {
+        controller.processQueuedCommands();
+        EXPECT_EQ(controller.execute(request("Exit")), "{\"Command\":\"Exit\"}");
+        run("Queued");
+    });
+    queue("Queued");
+    run("Long");
+    EXPECT_EQ(log, "ssqgfsegfqgf");
+    EXPECT_EQ(responses.size(), 1u);
+}
+
+TEST_F(ControllerTest, ErrorsOfEveryKindEndInTheResponse) {
+    const struct {
+        const char* name;
+        std::function<void()> fail;
+        const char* message;
+        int severity;
+    } rows[] = {{"Input", [] { raise(InputError("bad input")); }, "bad input", 2},
+                {"NonRecoverable", [] { raise(NonRecoverableError("gone")); }, "gone", 3},
+                {"Assertion", [] { ORVEX_ASSERT(1 == 2, "odd"); }, "odd", 3},
+                {"Standard", [] { throw std::out_of_range("beyond"); }, "beyond", 2},
+                {"Unknown", [] { throw 7; }, "An exception of an unknown type left the command", 3},
+                {"Twice", [] { raise(InputError("twice")); }, "twice", 2}};
+    for (const auto& row : rows) {
+        add(row.name, [&](const Properties&, Properties& response) {
+            response.set("half", "done");
+            row.fail();
+        });
+        log.clear();
+        const Properties response = run(row.name);
+        EXPECT_EQ(log, "sgf");
+        EXPECT_EQ(Error::getMessage(response), row.message);
+        EXPECT_EQ(response.getInt(Error::SEVERITY_TAG), row.severity);
+        EXPECT_TRUE(response.hasName(Error::ERROR_TAG));
+        EXPECT_EQ(response.getString("Command"), row.name);
+        EXPECT_EQ(response.getString("seen"), row.message); // onError was called with the error in place
+        EXPECT_FALSE(response.hasName("half"));
+    }
+    EXPECT_EQ(NonRecoverableError::isNonRecoverableErrorIn(run("Assertion")), true);
+}
+
+TEST_F(ControllerTest, FailingObservers) {
+    add("Fine", [&](const Properties&, Properties&) { log += "x"; });
+    add("Bad", [&](const Properties&, Properties&) { raise(InputError("its own")); });
+    const auto fail = [](Properties&) { raise(FloatingPointError("overflow")); };
+
+    floating.work = fail;
+    Properties response = run("Fine");
+    EXPECT_EQ(Error::getMessage(response), "overflow");
+    EXPECT_EQ(response.getString("Command"), "Fine");
+    EXPECT_EQ(Error::getMessage(run("Bad")), "its own"); // the first error counts
+    floating.work = nullptr;
+    gather.work = fail;
+    EXPECT_EQ(Error::getMessage(run("Fine")), "overflow");
+    log.clear();
+    gather.work = nullptr;
+    scatter.work = fail;
+    response = run("Fine"); // not distributed: neither run nor gathered
+    EXPECT_EQ(log, "s");
+    EXPECT_EQ(Error::getMessage(response), "overflow");
+    scatter.work = nullptr;
+    EXPECT_FALSE(Error::isErrorIn(run("Fine")));
+}
+
+TEST_F(ControllerTest, UnknownCommandsGetTheNearestName) {
+    for (const char* name : {"GetHosts", "GetTimes", "GetNumberOfWorkers"})
+        add(name, [](const Properties&, Properties&) {});
+    EXPECT_THROW(add("GetHosts", [](const Properties&, Properties&) {}), InternalError);
+    EXPECT_THROW(controller.registerCommand(nullptr), InternalError);
+    const struct {
+        std::string name;
+        const char* nearest;
+    } rows[] = {{"gethosts", "GetHosts"},
+                {"GetHost", "GetHosts"},
+                {"GetTomes", "GetTimes"},
+                {"getnum", "GetNumberOfWorkers"},
+                {"Gt", ""},
+                {"Frobnicate", ""},
+                {"", ""},
+                {std::string(1 << 20, 'G'), ""}};
+    for (const auto& row : rows)
+        EXPECT_EQ(controller.getNearestName(row.name), row.nearest) << row.name.substr(0, 20);
+    EXPECT_EQ(Error::getMessage(run("GetHost")), "Unknown command \"GetHost\", did you mean \"GetHosts\"?");
+    EXPECT_EQ(Error::getMessage(run("Frobnicate")), "Unknown command \"Frobnicate\"");
+    EXPECT_LT(Error::getMessage(run(std::string(1 << 20, '\xC3'))).size(), 1000u);
+    Properties response;
+    EXPECT_FALSE(controller.executeCommand(Properties("{\"command\":[1]}"), response));
+    EXPECT_NE(Error::getMessage(response).find("names no command"), std::string::npos);
+    EXPECT_EQ(log, ""); // nothing of this was distributed
+    EXPECT_EQ(controller.getCommands().size(), 3u);
+    EXPECT_EQ(controller.findCommand("GetTimes"), controller.getCommands()[1]);
+    EXPECT_EQ(controller.findCommand("getTimes"), nullptr);
+}
+
+TEST_F(ControllerTest, TheQueueServesThreadsInTheirOrderWithFlatMemory) {
+    constexpr int THREADS = 4;
+    constexpr int EACH = 5000;
+    std::vector<int> next(THREADS, 0);
+    bool inOrder = true;
+    add("Count", [&](const Properties& args, Properties& response) {
+        response.set("number", args.getInt("number"));
+        EXPECT_EQ(controller.getRunningCommand()->client, "client " + std::to_string(args.getInt("thread")));
+    });
+    Platform::MemoryQuery query(Platform::process().getPid());
+    Platform::MemoryUse before, after;
+    query.query(before);
+    std::atomic<int> answered{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < THREADS; ++t)
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < EACH; ++i) {
+                Properties command = request("Count");
+                command.set("number", i);
+                command.set("thread", t);
+                while (i - next[static_cast<std::size_t>(t)] > 100) // as a server bounds its clients
+                    std::this_thread::yield();
+                controller.enqueue(
+                    {command, "client " + std::to_string(t), [&, t](const Properties& response) {
+                         int& expected = next[static_cast<std::size_t>(t)];
+                         inOrder = inOrder && response.getInt("number") == expected;
+                         ++expected;
+                         if (++answered == THREADS * EACH)
+                             controller.stopProcessing();
+                     }});
+            }
+        });
+    controller.processCommands();
+    for (std::thread& thread : threads)
+        thread.join();
+    query.query(after);
+    EXPECT_EQ(answered, THREADS * EACH);
+    EXPECT_TRUE(inOrder);
+    EXPECT_LT(after.residentSize - before.residentSize, 32 << 20);
+    EXPECT_FALSE(controller.getRunningCommand());
+}
+
+TEST_F(ControllerTest, StopEndsTheLoopAndAnswersTheRest) {
+    std::thread stopper; // as the thread that watches signals does it
+    add("Work", [&](const Properties&, Properties&) {
+        log += "w";
+        stopper = std::thread([&] { controller.stopProcessing(); });
+        stopper.join();
+        queue("Work");
+    });
+    queue("Work");
+    queue("Work");
+    controller.processCommands();
+    EXPECT_EQ(log, "swgf");
+    ASSERT_EQ(responses.size(), 3u); // the one queued after the stop was refused at once, so it comes first
+    EXPECT_TRUE(Error::isErrorIn(responses[0]));
+    EXPECT_EQ(responses[1].toString(), "{\"Command\":\"Work\"}");
+    EXPECT_EQ(Error::getMessage(responses[2]), "The server stops and takes no more commands");
+    controller.processCommands(); // stopped before it is entered
+    EXPECT_FALSE(controller.hasQueuedCommands());
+}
+
+TEST_F(ControllerTest, ThreadedCommandsRunBesideTheMainThread) {
+    Semaphore entered, leave;
+    bool gateWasShut = false;
+    add(
+        "Beside",
+        [&](const Properties&, Properties& response) {
+            gateWasShut = !MessagingGate::isOpen() && !Thread::isMain();
+            entered.post();
+            leave.wait();
+            response.set("done", true);
+        },
+        true);
+    add("Main", [&](const Properties&, Properties&) {
+        entered.wait();
+        const auto running = controller.getRunningCommand();
+        EXPECT_EQ(running->name, "Main");
+        EXPECT_EQ(running->client, "other");
+        leave.post();
+    });
+    queue("Beside");
+    queue("Main", "other");
+    controller.processQueuedCommands();
+    while (responses.size() < 2)
+        controller.processQueuedCommands();
+    EXPECT_EQ(responses[0].getString("Command"), "Main"); // the threaded one held nobody up
+    EXPECT_TRUE(responses[1].getBool("done"));
+    EXPECT_TRUE(gateWasShut);
+    EXPECT_TRUE(answeredOnMain);
+    EXPECT_EQ(log, "sgf"); // the threaded one wasn't distributed
+
+    queue("Beside"); // the end of the loop waits for it
+    std::thread helper([&] {
+        entered.wait();
+        EXPECT_EQ(controller.getRunningCommand()->name, "Beside");
+        controller.stopProcessing();
+        leave.post();
+    });
+    controller.processCommands();
+    helper.join();
+    EXPECT_EQ(responses.size(), 3u);
+}
+
+TEST_F(ControllerTest, WithoutThreadsALocalCommandLocksMessagingOut) {
+    MessagingGate::noteMainThread();
+    bool wasLocked = false;
+    add(
+        "Local",
+        [&](const Properties&, Properties&) {
+            wasLocked = Controller::isSerialCritical() && MessagingGate::has(MessagingGate::LOCAL_COMMAND) &&
+                        Thread::isMain();
+            throw std::runtime_error("and the lock is lifted all the same");
+        },
+        true);
+    controller.setThreadedCommands(false);
+    queue("Local");
+    controller.processQueuedCommands();
+    EXPECT_TRUE(wasLocked);
+    EXPECT_FALSE(Controller::isSerialCritical());
+    EXPECT_TRUE(MessagingGate::isOpen());
+    EXPECT_EQ(log, "f");
+    EXPECT_EQ(responses.size(), 1u);
+    wasLocked = true;
+    run("Local"); // executed as such, it is a command like any other
+    EXPECT_FALSE(wasLocked);
+}
+
+TEST_F(ControllerTest, TheLockIsHeldWhileACommandRuns) {
+    std::atomic<bool> taken{false};
+    std::thread other;
+    add("Work", [&](const Properties&, Properties&) {
+        const Lock again(controller.getLock()); // the command itself may take it
+        other = std::thread([&] {
+            const Lock lock(controller.getLock());
+            taken = true;
+        });
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        EXPECT_FALSE(taken);
+    });
+    run("Work");
+    other.join();
+    EXPECT_TRUE(taken);
+    std::thread([&] { EXPECT_THROW(run("Work"), InternalError); }).join();
+}
+
+TEST(Command, DefaultsAndHeirs) {
+    struct Query : QueryCommand {
+        void execute(const Properties&, Properties&) override {}
+        std::string getName() const override { return "Query"; }
+    } query;
+    struct NoResult : NoResultCommand {
+        using NoResultCommand::execute;
+        void execute(const Properties& args) override { number = args.getInt("number"); }
+        std::string getName() const override { return "NoResult"; }
+        int number = 0;
+    } noResult;
+    EXPECT_FALSE(query.isStateChanger());
+    EXPECT_TRUE(query.hasResponse());
+    EXPECT_FALSE(query.shouldThread(Properties()));
+    EXPECT_TRUE(noResult.isStateChanger());
+    EXPECT_FALSE(noResult.hasResponse());
+    Properties args("{\"number\":5}"), response;
+    static_cast<Command&>(noResult).execute(args, response);
+    EXPECT_EQ(noResult.number, 5);
+    EXPECT_TRUE(response.empty());
+    noResult.addSelfTo(args);
+    EXPECT_EQ(Command::getCommandName(args), "NoResult");
+    EXPECT_EQ(Command::getCommandName(Properties("{\"command\":1}")), "");
+}

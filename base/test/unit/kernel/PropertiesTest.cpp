@@ -1,0 +1,399 @@
+#include "kernel/Properties.h"
+
+#include "kernel/Error.h"
+#include "platform/Memory.h"
+#include "platform/Process.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <functional>
+#include <limits>
+#include <random>
+
+namespace {
+
+using Mode = Properties::Mode;
+
+/// The message of the InputError that `operation` raises.
+std::string inputError(const std::function<void()>& operation) {
+    try {
+        operation();
+    } catch (const InputError& error) {
+        return error.what();
+    }
+    return "no InputError";
+}
+
+Properties throughJson(const Properties& properties) {
+    return Properties(properties.toString());
+}
+Properties throughXml(const Properties& properties) {
+    return Properties::fromXml(properties.toXml("value"));
+}
+
+Properties nest(unsigned levels) {
+    Properties properties;
+    properties.set("leaf", 1);
+    for (unsigned i = 1; i < levels; ++i) {
+        Properties outer;
+        outer.set("in", properties);
+        properties = outer;
+    }
+    return properties;
+}
+
+} // namespace
+
+TEST(Properties, TextFormsKeepEveryValueAndItsKind) {
+    Properties inner, real, doubled;
+    inner.set("x", 1.5);
+    inner.set("", L"empty key");
+    real.set("$real", "nan");
+    doubled.set("$$real", 1);
+    Properties all;
+    all.set("bool", true);
+    all.set("int", std::numeric_limits<int>::min());
+    all.set("unsigned", std::numeric_limits<unsigned>::max());
+    all.set("long", std::numeric_limits<long>::min());
+    all.set("unsigned long", std::numeric_limits<unsigned long>::max());
+    all.set("long long", std::numeric_limits<long long>::max());
+    all.set("unsigned long long", 1ull << 63);
+    all.set("one", 1.0);
+    all.set("zero", -0.0);
+    all.set("largest", std::numeric_limits<double>::max());
+    all.set("smallest", std::numeric_limits<double>::denorm_min());
+    all.set("nan", std::numeric_limits<double>::quiet_NaN());
+    all.set("inf", std::vector<double>{HUGE_VAL, -HUGE_VAL, 0.1});
+    all.set("text", std::string("a\0b\x01\t\n\r\"\\/\x7f \xE2\x82\xAC", 15));
+    all.set("wide", L"\x20AC \x1F600");
+    all.set("blank", "  ");
+    all.set("empty", "");
+    all.set(std::string("key\0\x02", 5), std::vector<std::wstring>{L"\x00E4", L""});
+    all.set("inner", inner);
+    all.set("list", std::vector<Properties>{inner, Properties(), real});
+    all.set("real", real);
+    all.set("doubled", doubled);
+    all.set("bools", std::vector<bool>{true, false});
+    all.set("none", std::vector<int>());
+    EXPECT_EQ(throughJson(all), all) << all.toString();
+    EXPECT_EQ(throughXml(all), all) << all.toXml("value");
+    EXPECT_EQ(Properties(all.toPrettyString()), all);
+    EXPECT_EQ(throughJson(real), real); // at the root the key is like any other
+    EXPECT_TRUE(std::signbit(throughJson(all).getReal("zero")));
+    EXPECT_EQ(throughJson(all).getOrvexString("wide"), L"\x20AC \x1F600");
+
+    EXPECT_EQ(Properties().toString(), "{}");
+    EXPECT_EQ(Properties("{}"), Properties());
+    EXPECT_EQ(Properties(" {\"a\":null,\"b\":[[1],{}]} ").toString(), "{\"a\":null,\"b\":[[1],{}]}");
+    EXPECT_EQ(inner.toString(), "{\"x\":1.5,\"\":\"empty key\"}");
+    EXPECT_EQ(inner.toXml("value"),
+              "<value><struct><member><name>x</name><value><double>1.5</double></value></member>"
+              "<member><name></name><value><string>empty key</string></value></member></struct></value>");
+    EXPECT_THROW(inner.toXml("no name"), InternalError);
+}
+
+TEST(Properties, RealsKeepTheirBits) {
+    std::mt19937_64 random(7);
+    for (int i = 0; i < 20000; ++i) {
+        const std::uint64_t bits = random();
+        double value = 0.0;
+        std::memcpy(&value, &bits, sizeof value);
+        if (std::isnan(value))
+            continue;
+        Properties properties;
+        properties.set("r", value);
+        const double json = throughJson(properties).getReal("r");
+        ASSERT_EQ(std::memcmp(&json, &value, sizeof value), 0) << properties.toString();
+    }
+}
+
+TEST(Properties, GettersConvertWhereNothingIsLost) {
+    const struct {
+        const char* text;
+        bool asInt, asUnsigned, asLong, asUnsignedLong, asReal;
+    } rows[] = {{"0", true, true, true, true, true},
+                {"-1", true, false, true, false, true},
+                {"2147483647", true, true, true, true, true},
+                {"2147483648", false, true, true, true, true},
+                {"-2147483648", true, false, true, false, true},
+                {"-2147483649", false, false, true, false, true},
+                {"4294967295", false, true, true, true, true},
+                {"4294967296", false, false, true, true, true},
+                {"9007199254740993", false, false, true, true, false},
+                {"9223372036854775807", false, false, true, true, false},
+                {"9223372036854775808", false, false, false, true, true},
+                {"-9223372036854775808", false, false, true, false, true},
+                {"18446744073709551615", false, false, false, true, false},
+                {"18446744073709551616", false, false, false, false, true},
+                {"3.0", true, true, true, true, true},
+                {"3.5", false, false, false, false, true},
+                {"2147483648.0", false, true, true, true, true},
+                {"1e18", false, false, true, true, true},
+                {"9223372036854775808.0", false, false, false, true, true},
+                {"1e300", false, false, false, false, true},
+                {"{\"$real\":\"nan\"}", false, false, false, false, true},
+                {"true", false, false, false, false, false},
+                {"\"3\"", false, false, false, false, false},
+                {"null", false, false, false, false, false},
+                {"[3]", false, false, false, false, false}};
+    for (const auto& row : rows) {
+        const Properties properties("{\"k\":" + std::string(row.text) + "}");
+        const auto works = [](const auto& getter) {
+            try {
+                getter();
+                return true;
+            } catch (const InputError&) {
+                return false;
+            }
+        };
+        EXPECT_EQ(works([&] { properties.getInt("k"); }), row.asInt) << row.text;
+        EXPECT_EQ(works([&] { properties.getUnsignedInt("k"); }), row.asUnsigned) << row.text;
+        EXPECT_EQ(works([&] { properties.getLong("k"); }), row.asLong) << row.text;
+        EXPECT_EQ(works([&] { properties.getUnsignedLong("k"); }), row.asUnsignedLong) << row.text;
+        EXPECT_EQ(works([&] { properties.getReal("k"); }), row.asReal) << row.text;
+    }
+    EXPECT_EQ(Properties("{\"k\":-3.0}").getInt("k"), -3);
+    EXPECT_EQ(Properties("{\"k\":9223372036854775808}").getReal("k"), 0x1p63);
+    EXPECT_EQ(Properties("{\"k\":18446744073709551615}").getUnsignedLong("k"), ~0ull);
+}
+
+TEST(Properties, MessagesNameTheKeyWhatStandsThereAndWhatWasExpected) {
+    Properties properties(
+        "{\"i\":3000000000,\"r\":1.5,\"t\":\"word\",\"b\":true,\"a\":[1,2,\"x\"],\"o\":{\"k\":1}}");
+    properties.set("long", std::string(200, 'x'));
+    const struct {
+        std::function<void(const Properties&)> get;
+        const char* message;
+    } rows[] = {
+        {[](const Properties& p) { p.getInt("i"); },
+         "The key \"i\" holds an integer (3000000000), expected an integer from -2147483648 to 2147483647"},
+        {[](const Properties& p) { p.getUnsignedInt("r"); },
+         "The key \"r\" holds a real number (1.5), expected an integer from 0 to 4294967295"},
+        {[](const Properties& p) { p.getReal("t"); },
+         "The key \"t\" holds a text (\"word\"), expected a real number"},
+        {[](const Properties& p) { p.getString("b"); },
+         "The key \"b\" holds a truth value (true), expected a text"},
+        {[](const Properties& p) { p.getBool("i"); },
+         "The key \"i\" holds an integer (3000000000), expected true or false"},
+        {[](const Properties& p) { p.getProperties("a"); },
+         "The key \"a\" holds an array (3 elements), expected an object"},
+        {[](const Properties& p) { p.getOrvexString("o"); },
+         "The key \"o\" holds an object (1 keys), expected a text"},
+        {[](const Properties& p) { p.getBool("none"); },
+         "The key \"none\" is missing, expected true or false"},
+        {[](const Properties& p) {
+             std::vector<int> ints;
+             p.get("a", ints);
+         },
+         "The key \"a[2]\" holds a text (\"x\"), expected an integer from -2147483648 to 2147483647"},
+        {[](const Properties& p) {
+             std::vector<double> reals;
+             p.get("r", reals);
+         },
+         "The key \"r\" holds a real number (1.5), expected an array, each element a real number"}};
+    for (const auto& row : rows)
+        EXPECT_EQ(inputError([&] { row.get(properties); }), row.message);
+    EXPECT_LT(inputError([&] { properties.getInt("long"); }).size(), 200u);
+    int untouched = 5;
+    EXPECT_THROW(properties.get("t", untouched), InputError);
+    EXPECT_EQ(untouched, 5);
+}
+
+TEST(Properties, KeysKeepTheirOrderAndModesTheirWord) {
+    Properties properties;
+    properties.set("a", 1);
+    properties.set("b", 2, Mode::NEW);
+    properties.set("a", "one");
+    properties.set("b", 3, Mode::KEEP);
+    properties.set("c", 4, Mode::KEEP);
+    EXPECT_THROW(properties.set("c", 5, Mode::NEW), InternalError);
+    EXPECT_THROW(properties.set("d", static_cast<const char*>(nullptr)), InternalError);
+    EXPECT_EQ(properties.toString(), "{\"a\":\"one\",\"b\":2,\"c\":4}");
+    properties.remove("a");
+    properties.remove("none");
+    properties.set("a", properties);
+    EXPECT_EQ(properties.toString(), "{\"b\":2,\"c\":4,\"a\":{\"b\":2,\"c\":4}}");
+    EXPECT_EQ(properties.getNames(), (std::vector<std::string>{"b", "c", "a"}));
+    EXPECT_NE(Properties("{\"a\":1,\"b\":2}"), Properties("{\"b\":2,\"a\":1}"));
+    EXPECT_NE(Properties("{\"a\":1}"), Properties("{\"a\":1.0}"));
+
+    Properties copy = properties;
+    Properties moved = std::move(properties);
+    properties.set("again", 1); // NOLINT: a moved-from object is empty and usable
+    EXPECT_EQ(properties.toString(), "{\"again\":1}");
+    EXPECT_EQ(copy, moved);
+    copy.clear();
+    EXPECT_TRUE(copy.empty());
+    EXPECT_EQ(moved.size(), 3u);
+}
+
+TEST(Properties, TextThatIsNotUtf8IsRepairedWhenItIsSet) {
+    Properties properties;
+    properties.set("k\xFF", "a\x80z");
+    properties.set("k\xFF", "a\xC3z");
+    EXPECT_EQ(properties.toString(), "{\"k\xEF\xBF\xBD\":\"a\xEF\xBF\xBDz\"}");
+    EXPECT_EQ(throughJson(properties), properties);
+}
+
+TEST(Properties, ManyKeysAndManyChangesStayCheap) {
+    Properties properties;
+    constexpr int COUNT = 30000; // quadratic work here would take minutes
+    for (int i = 0; i < COUNT; ++i)
+        properties.set("Rank[" + std::to_string(i) + "]", "host" + std::to_string(i));
+    for (int i = 0; i < COUNT; i += 1000)
+        EXPECT_EQ(properties.getString("Rank[" + std::to_string(i) + "]"), "host" + std::to_string(i));
+    EXPECT_EQ(throughJson(properties), properties);
+    properties.remove("Rank[5]");
+    EXPECT_FALSE(properties.hasName("Rank[5]"));
+    EXPECT_EQ(properties.getString("Rank[29999]"), "host29999");
+    EXPECT_THROW(Properties(properties.toString().insert(1, "\"Rank[77]\":1,")), InputError);
+
+    Platform::MemoryQuery query(Platform::process().getPid());
+    Platform::MemoryUse before, after;
+    ASSERT_TRUE(query.query(before));
+    Properties changing;
+    const std::string text(5000, 'x');
+    for (int i = 0; i < 20000; ++i) { // 100 MB, if nothing were given back
+        changing.set("text", text);
+        changing.set("other", i);
+    }
+    ASSERT_TRUE(query.query(after));
+    EXPECT_LT(after.residentHighWater - before.residentHighWater, 20 << 20);
+    EXPECT_EQ(changing.getString("text"), text);
+    EXPECT_EQ(changing.getInt("other"), 19999);
+}
+
+TEST(Properties, DepthIsBoundedBothWays) {
+    EXPECT_EQ(throughJson(nest(Properties::MAX_DEPTH)), nest(Properties::MAX_DEPTH));
+    EXPECT_EQ(throughXml(nest(Properties::MAX_DEPTH)), nest(Properties::MAX_DEPTH));
+    const Properties tooDeep = nest(Properties::MAX_DEPTH + 1);
+    EXPECT_THROW(tooDeep.toString(), InternalError);
+    EXPECT_THROW(tooDeep.toXml("value"), InternalError);
+    std::string text = nest(Properties::MAX_DEPTH).toString();
+    text.replace(text.find(":1}"), 3, ":[]}");
+    EXPECT_EQ(inputError([&] { Properties parsed(text); }).substr(0, 24), "Malformed JSON at byte 3");
+    EXPECT_THROW(Properties(std::string(1 << 20, '[')), InputError);
+    EXPECT_THROW(Properties("{\"a\":" + std::string(1 << 20, '[')), InputError);
+}
+
+TEST(Properties, BadJsonIsRefusedWithPositionAndReason) {
+    const struct {
+        std::string text;
+        const char* reason;
+    } rows[] = {{"", "byte 0: The document is empty."},
+                {"  ", "byte 2: The document is empty."},
+                {"[]", "byte 1: an object was expected"},
+                {"7", "byte 0: an object was expected"},
+                {"nul", "byte 3: Invalid value."},
+                {"{} {}", "byte 3: The document root must not be followed by other values."},
+                {"{\"a\":1", "byte 6: Missing a comma or '}' after an object member."},
+                {"{\"a\" 1}", "byte 5: Missing a colon after a name of object member."},
+                {"{a:1}", "byte 1: Missing a name for object member."},
+                {"{'a':1}", "byte 1: Missing a name for object member."},
+                {"{\"a\":1,}", "byte 7: Missing a name for object member."},
+                {"{\"a\":[1,]}", "byte 8: Invalid value."},
+                {"{\"a\":[1 2]}", "byte 8: Missing a comma or ']' after an array element."},
+                {"{\"a\":01}", "byte 6: Missing a comma or '}' after an object member."},
+                {"{\"a\":+1}", "byte 5: Invalid value."},
+                {"{\"a\":.5}", "byte 5: Invalid value."},
+                {"{\"a\":1.}", "byte 7: Miss fraction part in number."},
+                {"{\"a\":1e}", "byte 7: Miss exponent in number."},
+                {"{\"a\":NaN}", "byte 5: Invalid value."},
+                {"{\"a\":1e999}", "byte 5: Number too big to be stored in double."},
+                {"{\"a\":" + std::string(310, '9') + ".5}", "byte 5: Number too big to be stored in double."},
+                {"{\"a\":9.9e308}", "byte 5: the number is too large"},
+                {"{\"a\":1,\"b\":2,\"a\":3}", "byte 19: the key \"a\" stands there twice"},
+                {"{\"o\":{\"a\":1,\"a\":3}}", "byte 18: the key \"a\" stands there twice"},
+                {"{\"\\u0061\":1,\"a\":3}", "byte 18: the key \"a\" stands there twice"},
+                {"{\"a\":\"x", "byte 7: Missing a closing quotation mark in string."},
+                {"{\"a\":\"x\ny\"}", "byte 7: a control character must be escaped"},
+                {"{\"a\":\"\\x41\"}", "byte 6: Invalid escape character in string."},
+                {"{\"a\":\"\\u12g4\"}", "byte 6: Incorrect hex digit after \\u escape in string."},
+                {"{\"a\":\"\\ud800\"}", "byte 6: The surrogate pair in string is invalid."},
+                {"{\"a\":\"\\udc00\"}", "byte 13: an escape is half of a surrogate pair"},
+                {"{\"\\udfff\":1}", "byte 9: an escape is half of a surrogate pair"},
+                {"{\"a\":\"\xC3(\"}", "byte 6: the text isn't valid UTF-8"},
+                {"{\"abcdefghijkl\":\"\xED\xA0\x80\"}", "byte 17: the text isn't valid UTF-8"},
+                {std::string("{\"a\":1}\0{}", 10), "byte 7: a zero byte isn't allowed there"},
+                {std::string("{\"a\":\"\0\"}", 9), "byte 6: a zero byte isn't allowed there"}};
+    for (const auto& row : rows)
+        EXPECT_EQ(inputError([&] { Properties parsed(row.text); }),
+                  std::string("Malformed JSON at ") + row.reason)
+            << row.text;
+    const std::string tiny = "{\"a\":1e-999,\"b\":-0." + std::string(400, '0') + "1}";
+    EXPECT_EQ(Properties(tiny).toString(), "{\"a\":0.0,\"b\":-0.0}");
+}
+
+TEST(Properties, BadXmlIsRefused) {
+    const std::string one = "<v><struct><member><name>a</name><value>";
+    const std::string end = "</value></member></struct></v>";
+    const struct {
+        std::string xml;
+        const char* reason;
+    } rows[] = {
+        {"", "No document element found"},
+        {"<v>", "Start-end tags mismatch"},
+        {"<v/>", "a root element with one struct was expected"},
+        {"<v><array/></v>", "a root element with one struct was expected"},
+        {"<v><struct><member><name>a</name></member></struct></v>", "a member has no name or no value"},
+        {one + "<i4>1x</i4>" + end, "\"1x\" isn't a number of the kind \"integer\""},
+        {one + "<i8>9223372036854775808</i8>" + end, "isn't a number of the kind \"integer\""},
+        {one + "<double></double>" + end, "\"\" isn't a number of the kind \"real\""},
+        {one + "<boolean>2</boolean>" + end, "a value of the kind \"boolean\" isn't known"},
+        {one + "<date>2</date>" + end, "a value of the kind \"date\" isn't known"},
+        {one + "<base64>*</base64>" + end, "isn't Base64"},
+        {one + "<base64>/w==</base64>" + end, "isn't UTF-8"},
+        {one + "\xFF" + end, "it isn't UTF-8 text without zero bytes"},
+        {one + "1</value></member><member><name>a</name><value>" + end, "the key \"a\" stands there twice"}};
+    for (const auto& row : rows)
+        EXPECT_NE(inputError([&] { Properties::fromXml(row.xml); }).find(row.reason), std::string::npos)
+            << row.xml << "\n"
+            << inputError([&] { Properties::fromXml(row.xml); });
+    std::string deep = "<v>";
+    for (unsigned i = 0; i <= Properties::MAX_DEPTH; ++i)
+        deep += "<struct><member><name>a</name><value>";
+    EXPECT_NE(inputError([&] { Properties::fromXml(deep); }).find("mismatch"), std::string::npos);
+    for (unsigned i = 0; i <= Properties::MAX_DEPTH; ++i)
+        deep += "</value></member></struct>";
+    EXPECT_NE(inputError([&] { Properties::fromXml(deep + "</v>"); }).find("nested deeper"),
+              std::string::npos);
+    EXPECT_EQ(Properties::fromXml(one + "untyped &lt; text" + end).getString("a"), "untyped < text");
+}
+
+TEST(Properties, DamagedTextIsRefusedOrReadAsWhatItSays) {
+    const std::string json =
+        R"({"a":[1,-2.5e-3,true,null,{"$real":"inf"}],"b":{"c":"x\u00e9\ud83d\ude00\n","d":{}}})";
+    const std::string xml = Properties(json).toXml("value");
+    std::mt19937 random(11);
+    const std::string letters = "{}[]\",:\\u09.eE+-$tfn<>/& \xC3\xFF";
+    for (int i = 0; i < 30000; ++i) {
+        const bool isJson = i % 2 == 0;
+        std::string text = isJson ? json : xml;
+        for (auto changes = 1 + random() % 3; changes != 0; --changes) {
+            const std::size_t at = random() % (text.size() + 1);
+            const char letter = letters[random() % letters.size()];
+            switch (random() % 4) {
+            case 0:
+                text.replace(at, 1, 1, letter);
+                break;
+            case 1:
+                text.insert(at, 1, letter);
+                break;
+            case 2:
+                text.erase(at, 1 + random() % 4);
+                break;
+            default:
+                text.resize(at);
+                break;
+            }
+        }
+        try {
+            const Properties parsed = isJson ? Properties(text) : Properties::fromXml(text);
+            ASSERT_EQ(throughJson(parsed), parsed) << text;
+        } catch (const InputError& error) {
+            ASSERT_EQ(std::string(error.what()).substr(0, 10), "Malformed ") << text;
+        }
+    }
+}

@@ -1,0 +1,307 @@
+// The small services: version, singletons, modules, settings, the record of use, tasks, file names,
+// floating-point contexts.
+
+#include "kernel/AnalyticsEvent.h"
+#include "kernel/AnalyticsManager.h"
+#include "kernel/CoreObject.h"
+#include "kernel/DynamicLoader.h"
+#include "kernel/Error.h"
+#include "kernel/FileHelper.h"
+#include "kernel/IsolatedFpuContext.h"
+#include "kernel/MessagingGate.h"
+#include "kernel/ObservableFromClient.h"
+#include "kernel/Observer.h"
+#include "kernel/OrvexVersion.h"
+#include "kernel/SingletonCleaner.h"
+#include "kernel/SiteSettings.h"
+#include "kernel/Task.h"
+#include "kernel/UsageAgent.h"
+#include "platform/FileSystem.h"
+#include "platform/Log.h"
+#include "platform/Process.h"
+#include "platform/StringHelper.h"
+
+#include <gtest/gtest.h>
+
+#include <cfenv>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+class FpuAccess {
+public:
+    static bool isIsolated() { return IsolatedFpuContext::isActive(FriendKey<FpuAccess>()); }
+};
+
+namespace {
+
+/// A home of its own for the files of the test's user.
+class UserFilesTest : public testing::Test {
+protected:
+    UserFilesTest() {
+        ::setenv("XDG_CONFIG_HOME", StringHelper::toString(_directory).c_str(), 1);
+        ::setenv("XDG_STATE_HOME", StringHelper::toString(_directory).c_str(), 1);
+        OS::Log::instance("Default").setStandardError(false);
+        OS::Log::instance("Default").setListener(
+            [this](const OS::Log::Record& record) { lastLine = record.text; });
+    }
+    ~UserFilesTest() override {
+        OS::Log::instance("Default").setListener({});
+        OS::Log::instance("Default").setStandardError(true);
+        SiteSettings::reset();
+        ::unsetenv("XDG_CONFIG_HOME");
+        ::unsetenv("XDG_STATE_HOME");
+        _files.deleteTree(_directory);
+    }
+
+    SiteSettings& settingsWith(const std::string& text) {
+        _files.makeDirectories(_files.join(_directory, L"orvex"));
+        std::ofstream(StringHelper::toString(SiteSettings::getFilePath())) << text;
+        SiteSettings::reset();
+        lastLine.clear();
+        return SiteSettings::getSingleton();
+    }
+
+    Platform::FileSystem& _files = Platform::filesystem();
+    std::wstring _directory =
+        _files.makeTemporaryDirectory(_files.getDefaultTemporaryDirectory(), L"orvex-kernel-test-");
+    std::string lastLine;
+};
+
+std::string resets;
+
+} // namespace
+
+TEST(OrvexVersion, BothKindsFromOneBuild) {
+    const auto run = [](const char* libraries) {
+        Platform::Process::StartOptions options;
+        Platform::process(); // the child inherits the environment
+        ::setenv("LD_LIBRARY_PATH", libraries, 1);
+        const auto result =
+            Platform::process().runCaptured({StringHelper::toWString(ORVEX_KERNEL_PROBE), L"version"}, 60.0);
+        ::unsetenv("LD_LIBRARY_PATH");
+        return StringHelper::trim(result.output);
+    };
+    const std::string rest = std::string("|") + OrvexVersion::_releaseNumber + "|" +
+                             OrvexVersion::_releaseDate + "|" + OrvexVersion::_buildArch + "|" +
+                             OrvexVersion::_buildEnv + "|Serial";
+    const std::string release = std::string("0|OrvexSim ") + OrvexVersion::_releaseNumber + rest;
+    const std::string development =
+        std::string("1|OrvexSim ") + OrvexVersion::_releaseNumber + " development version" + rest;
+    const bool isDevelopment = OrvexVersion::isDevelopmentVersion();
+    EXPECT_EQ(run(""), isDevelopment ? development : release);
+    EXPECT_EQ(run(ORVEX_OTHER_KIND), isDevelopment ? release : development);
+    EXPECT_EQ(isDevelopment, ORVEX_IS_DEVELOPMENT);
+    EXPECT_EQ(std::string(OrvexVersion::_releaseDate).size(), 10u);
+}
+
+TEST(SingletonCleaner, ResetsInReverseOrderAndOnce) {
+    resets.clear();
+    SingletonCleaner::reset(); // whatever other tests registered
+    SingletonCleaner::registerReset([] { resets += "a"; });
+    const SingletonCleaner::Reset second = [] {
+        resets += "b";
+        SingletonCleaner::registerReset([] { resets += "c"; });
+    };
+    SingletonCleaner::registerReset(second);
+    SingletonCleaner::registerReset(second);
+    SingletonCleaner::reset();
+    EXPECT_EQ(resets, "bca");
+    SingletonCleaner::reset();
+    EXPECT_EQ(resets, "bca");
+}
+
+TEST(DynamicLoader, LoadsOnceAndReportsByResult) {
+    DynamicLoader& loader = DynamicLoader::getSingleton();
+    std::string reason = "untouched";
+    EXPECT_FALSE(loader.isLoaded("OrvexKernelTestModule"));
+    EXPECT_TRUE(loader.nonStateLoadNoAssert("OrvexKernelTestModule", reason));
+    EXPECT_TRUE(loader.isLoaded("OrvexKernelTestModule"));
+    EXPECT_TRUE(loader.getStateModules().empty());
+    EXPECT_TRUE(loader.loadNoAssert("OrvexKernelTestModule", reason));
+    loader.load("OrvexKernelTestModule");
+    EXPECT_EQ(loader.getStateModules(), std::vector<std::string>{"OrvexKernelTestModule"});
+    EXPECT_EQ(reason, "untouched");
+    EXPECT_STREQ(std::getenv("ORVEX_TEST_MODULE_ENTRIES"), "1");
+
+    EXPECT_FALSE(loader.loadNoAssert("OrvexKernelFailingModule", reason));
+    EXPECT_NE(reason.find("libOrvexKernelFailingModule.so: its start failed: no licence"), std::string::npos)
+        << reason;
+    EXPECT_FALSE(loader.isLoaded("OrvexKernelFailingModule"));
+    EXPECT_FALSE(loader.nonStateLoadNoAssert("OrvexNoSuchModule", reason));
+    EXPECT_NE(reason.find("libOrvexNoSuchModule.so"), std::string::npos) << reason;
+    EXPECT_THROW(loader.load("OrvexNoSuchModule"), SystemError);
+    EXPECT_EQ(loader.getStateModules().size(), 1u);
+    DynamicLoader::reset();
+}
+
+TEST_F(UserFilesTest, SettingsHaveDefaultsWhateverTheFileHolds) {
+    SiteSettings::reset();
+    EXPECT_EQ(SiteSettings::getSingleton().getInt("UsageImprovementProgram", 5), 5);
+    EXPECT_EQ(lastLine, "");
+    SiteSettings& good =
+        settingsWith("{\"UsageImprovementProgram\":1,\"text\":\"x\",\"real\":0.5,\"bool\":true}");
+    EXPECT_EQ(good.getInt("UsageImprovementProgram", 0), 1);
+    EXPECT_EQ(good.getString("text", "y"), "x");
+    EXPECT_EQ(good.getReal("real", 0.0), 0.5);
+    EXPECT_TRUE(good.getBool("bool", false));
+    EXPECT_EQ(good.getInt("text", 7), 7);
+    EXPECT_NE(lastLine.find("The key \"text\" holds a text"), std::string::npos) << lastLine;
+    EXPECT_EQ(settingsWith("{\"UsageImprovementProgram\":1").getInt("UsageImprovementProgram", 3), 3);
+    EXPECT_NE(lastLine.find("Malformed JSON"), std::string::npos) << lastLine;
+    const std::string large = "{\"x\":\"" + std::string(SiteSettings::MAX_FILE_SIZE, 'x') + "\"}";
+    EXPECT_EQ(settingsWith(large).getString("x", "none"), "none");
+    EXPECT_NE(lastLine.find("can't be read"), std::string::npos) << lastLine;
+}
+
+TEST_F(UserFilesTest, UsageIsRecordedWithConsentOnlyAndBounded) {
+    using Owned = std::unique_ptr<Analytics::Manager>;
+    Analytics::Event event("COMMAND_LINE_PARAMETERS");
+    event.addAttribute("np", 4u);
+    event.addAttribute("Chip", std::string(2000, 'c'));
+    for (const auto& [active, consent] : {std::pair(false, 1), std::pair(true, 0)}) {
+        const Owned off(UsageAgent::createAnalyticsManager("KEY", "1.0", active, consent, true));
+        EXPECT_FALSE(off->isInitialized());
+        off->logEvent(event);
+    }
+    const Owned manager(UsageAgent::createAnalyticsManager("KEY", "1.0", true, 1, true));
+    ASSERT_TRUE(manager->isInitialized());
+    EXPECT_FALSE(_files.exists(manager->getPath())); // the two above wrote nothing
+    for (int i = 0; i < 300; ++i)
+        manager->logEvent(event);
+    std::string record;
+    ASSERT_TRUE(_files.readFile(manager->getPath(), record, Analytics::Manager::MAX_RECORD_SIZE));
+    EXPECT_GT(record.size(), Analytics::Manager::MAX_RECORD_SIZE / 4);
+    std::istringstream lines(record);
+    for (std::string line; std::getline(lines, line);)
+        EXPECT_EQ(Properties(line).getProperties("Attributes").getInt("np"), 4);
+    EXPECT_EQ(record.back(), '\n');
+    EXPECT_TRUE(_files.isPrivateFile(manager->getPath()));
+
+    Analytics::Manager nowhere("KEY", "1.0", false, L"/proc/none/usage.jsonl");
+    nowhere.logEvent(event);
+    EXPECT_FALSE(nowhere.isInitialized());
+}
+
+TEST(Task, TellsItsProgressAndCanBeCancelled) {
+    struct Noting : Observer {
+        void update(Properties& step) override {
+            EXPECT_EQ(step.getString(Task::NAME_TAG), "mesh");
+            log += step.getString(Task::STATE_TAG) + " " +
+                   std::to_string(int(100 * step.getReal(Task::PROGRESS_TAG))) +
+                   step.getString(Task::MESSAGE_TAG) + ";";
+        }
+        std::string log;
+    } observer;
+    Task::getObservable().attach(observer);
+    EXPECT_FALSE(Task::cancelCurrent());
+    {
+        Task task("mesh");
+        for (int i = 0; i <= 1000; ++i)
+            task.setProgress(i / 1000.0 / 50.0); // told in hundredths
+        task.setProgress(0.02, "b");
+        task.setProgress(7.0, "b");
+    }
+    EXPECT_EQ(observer.log, "started 0;running 1;running 2;running 2b;running 100b;finished 100b;");
+    observer.log.clear();
+    EXPECT_THROW(
+        {
+            Task task("mesh");
+            std::thread([] { EXPECT_TRUE(Task::cancelCurrent()); }).join();
+            task.setProgress(0.5);
+        },
+        RecoverableError);
+    EXPECT_EQ(observer.log, "started 0;cancelled 0;");
+    observer.log.clear();
+    try {
+        Task task("mesh");
+        throw std::runtime_error("");
+    } catch (const std::runtime_error&) {
+    }
+    EXPECT_EQ(observer.log, "started 0;failed 0;");
+    Task::getObservable().detach(observer);
+}
+
+TEST(FileHelper, CutsNames) {
+    const struct {
+        const wchar_t* path;
+        const wchar_t* name;
+        const wchar_t* stem;
+        const wchar_t* extension;
+    } rows[] = {{L"/a.b/c.d.sim", L"c.d.sim", L"c.d", L".sim"},
+                {L"plain", L"plain", L"plain", L""},
+                {L"/a.b/plain", L"plain", L"plain", L""},
+                {L".hidden", L".hidden", L".hidden", L""},
+                {L"/x/.hidden.sim", L".hidden.sim", L".hidden", L".sim"},
+                {L"a.", L"a.", L"a", L"."},
+                {L"/a/", L"", L"", L""},
+                {L"", L"", L"", L""}};
+    for (const auto& row : rows) {
+        EXPECT_EQ(FileHelper::stripPath(row.path), row.name);
+        EXPECT_EQ(FileHelper::stripPathAndExtension(row.path), row.stem);
+        EXPECT_EQ(FileHelper::getExtension(row.path), row.extension);
+        EXPECT_EQ(FileHelper::stripExtension(row.path) + FileHelper::getExtension(row.path), row.path);
+    }
+}
+
+TEST(IsolatedFpuContext, KeepsFaultsToItself) {
+    std::feclearexcept(FE_ALL_EXCEPT);
+    std::feraiseexcept(FE_OVERFLOW);
+    EXPECT_FALSE(FpuAccess::isIsolated());
+    {
+        const IsolatedFpuContext outer(false);
+        EXPECT_EQ(std::fetestexcept(FE_OVERFLOW), 0);
+        {
+            const IsolatedFpuContext inner(true);
+            std::feraiseexcept(FE_DIVBYZERO);
+        }
+        EXPECT_TRUE(FpuAccess::isIsolated());
+        EXPECT_EQ(std::fetestexcept(FE_DIVBYZERO), 0);
+        std::thread([] { EXPECT_FALSE(FpuAccess::isIsolated()); }).join();
+        std::feraiseexcept(FE_INVALID);
+    }
+    EXPECT_FALSE(FpuAccess::isIsolated());
+    EXPECT_EQ(std::fetestexcept(FE_OVERFLOW | FE_INVALID | FE_DIVBYZERO), FE_OVERFLOW);
+    std::feclearexcept(FE_ALL_EXCEPT);
+}
+
+TEST(MessagingGate, IsOpenOnTheMainThreadWithoutReasons) {
+    MessagingGate::noteMainThread();
+    EXPECT_TRUE(MessagingGate::isOpen());
+    MessagingGate::set(MessagingGate::STATISTICS, true);
+    MessagingGate::set(MessagingGate::FIELD_LOOP, true);
+    MessagingGate::set(MessagingGate::STATISTICS, false);
+    EXPECT_FALSE(MessagingGate::isOpen());
+    EXPECT_FALSE(MessagingGate::has(MessagingGate::STATISTICS));
+    MessagingGate::set(MessagingGate::FIELD_LOOP, false);
+    EXPECT_TRUE(MessagingGate::isOpen());
+    std::thread([] {
+        MessagingGate::noteMainThread();
+        EXPECT_TRUE(MessagingGate::has(MessagingGate::NOT_MAIN_THREAD));
+    }).join();
+}
+
+TEST(ObservableFromClient, GoesToTheNotifierOrTheConsole) {
+    std::string told;
+    ObservableFromClient::setNotifier(
+        [&](const std::string& kind, const std::string& text) { told += kind + text; });
+    ObservableFromClient::notifyImmediate("ConsoleMessage", "a\n");
+    ObservableFromClient::setNotifier({});
+    testing::internal::CaptureStdout();
+    ObservableFromClient::notifyImmediate("ConsoleMessage", "b\n");
+    ObservableFromClient::notifyImmediate("Other", "c\n");
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "b\n");
+    EXPECT_EQ(told, "ConsoleMessagea\n");
+}
+
+TEST(CoreObject, EndsThroughDestroy) {
+    static bool ended;
+    ended = false;
+    struct Object : CoreObject {
+        ~Object() override { ended = true; }
+    };
+    CoreObject::destroy(new Object);
+    CoreObject::destroy(nullptr);
+    EXPECT_TRUE(ended);
+}

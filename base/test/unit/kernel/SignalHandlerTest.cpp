@@ -1,0 +1,198 @@
+#include "kernel/SignalHandler.h"
+
+#include "kernel/Command.h"
+#include "kernel/Controller.h"
+#include "kernel/Observer.h"
+#include "kernel/Raise.h"
+#include "kernel/Subject.h"
+#include "platform/Process.h"
+#include "platform/Semaphore.h"
+#include "platform/StringHelper.h"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <functional>
+#include <thread>
+
+namespace {
+
+volatile int* volatile nowhere = nullptr;
+volatile double zero = 0.0;
+volatile double quotient = 0.0;
+
+__attribute__((noinline, no_sanitize("address", "undefined"))) void touchNowhere() {
+    *nowhere = 1;
+}
+__attribute__((noinline, no_sanitize("undefined"))) void divide(double x) {
+    quotient = x / zero;
+}
+
+/// The thread sanitizer stands between a signal and its thread: no error passes there.
+bool faultsCanPass() {
+#if defined(__SANITIZE_THREAD__)
+    return false;
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+    return false;
+#endif
+#endif
+    return true;
+}
+
+class FaultyCommand : public Command {
+public:
+    explicit FaultyCommand(std::function<void()> fault) : _fault(std::move(fault)) {}
+    void execute(const Properties&, Properties&) override { _fault(); }
+    std::string getName() const override { return "Faulty"; }
+
+private:
+    std::function<void()> _fault;
+};
+
+struct FaultObserver : Observer {
+    void update(Properties& properties) override {
+        last = properties;
+        thread = std::this_thread::get_id();
+    }
+    Properties last;
+    std::thread::id thread;
+};
+
+/// Runs a command that does `fault`; its response.
+Properties runFaulty(const std::function<void()>& fault) {
+    Controller::reset();
+    Controller::getSingleton().registerCommand(new FaultyCommand(fault));
+    Properties command, response;
+    command.set(Command::COMMAND_TAG, "Faulty");
+    const bool isFine = Controller::getSingleton().executeCommand(command, response);
+    EXPECT_EQ(isFine, !Error::isErrorIn(response));
+    Controller::reset();
+    return response;
+}
+
+Platform::Process::RunResult runProbe(const wchar_t* how) {
+    return Platform::process().runCaptured({StringHelper::toWString(ORVEX_KERNEL_PROBE), how}, 60.0);
+}
+
+} // namespace
+
+TEST(SignalHandler, AFaultInACommandIsItsError) {
+    if (!faultsCanPass())
+        GTEST_SKIP();
+    SignalHandler::install();
+    SignalHandler::install();
+    for (int round = 0; round < 3; ++round) {
+        const Properties response = runFaulty(touchNowhere);
+        EXPECT_EQ(Error::getMessage(response), "Segmentation fault: address not mapped");
+        EXPECT_TRUE(NonRecoverableError::isNonRecoverableErrorIn(response));
+        EXPECT_EQ(response.getString("Command"), "Faulty");
+        EXPECT_EQ(response.getString("Signal"), "SIGSEGV");
+        EXPECT_NE(response.getString(Error::STACK_TRACE_TAG).find("touchNowhere"), std::string::npos);
+    }
+    EXPECT_EQ(Error::getMessage(runFaulty([] { std::raise(SIGILL); })),
+              "Illegal instruction: sent by a process");
+
+    FaultObserver observer;
+    Controller::getSingleton().getSignalRaisedObservable().attach(observer);
+    std::thread([&] { // any thread's fault is that thread's error
+        EXPECT_THROW(touchNowhere(), NonRecoverableError);
+        EXPECT_EQ(observer.thread, std::this_thread::get_id());
+    })
+        .join();
+    EXPECT_EQ(observer.last.getInt("SignalNumber"), SIGSEGV);
+    EXPECT_EQ(observer.last.getString(Error::MESSAGE_TAG), "Segmentation fault: address not mapped");
+    Controller::reset();
+    SignalHandler::uninstall();
+}
+
+TEST(SignalHandler, TrapsAreOnWhenAskedFor) {
+    if (!faultsCanPass())
+        GTEST_SKIP();
+    EXPECT_FALSE(SignalHandler::_catchFpeSignals);
+    EXPECT_FALSE(Error::isErrorIn(runFaulty([] { divide(1.0); })));
+    SignalHandler::setCatchFpeSignals(true);
+    EXPECT_TRUE(SignalHandler::_catchFpeSignals);
+    for (int round = 0; round < 2; ++round) { // the traps are on again behind a trap
+        EXPECT_EQ(Error::getMessage(runFaulty([] { divide(1.0); })),
+                  "Floating point exception: division by zero");
+        EXPECT_EQ(Error::getMessage(runFaulty([] { divide(0.0); })),
+                  "Floating point exception: invalid operation");
+    }
+    EXPECT_THROW(divide(1.0), FloatingPointError);
+    EXPECT_EQ(Error::getMessage(runFaulty(touchNowhere)), "Segmentation fault: address not mapped");
+    EXPECT_THROW(divide(1.0), FloatingPointError); // and behind another fault
+    SignalHandler::setCatchFpeSignals(false);
+    EXPECT_FALSE(SignalHandler::_catchFpeSignals);
+    EXPECT_FALSE(Error::isErrorIn(runFaulty([] { divide(1.0); })));
+    SignalHandler::uninstall();
+}
+
+TEST(SignalHandler, ATrapIsAnnounced) {
+    if (!faultsCanPass())
+        GTEST_SKIP();
+    static int announced;
+    announced = 0;
+    SignalHandler::setCatchFpeSignals(true);
+    const RaiseHook before = setRaiseHook([](Error&) { ++announced; });
+    EXPECT_THROW(divide(1.0), FloatingPointError);
+    EXPECT_THROW(touchNowhere(), NonRecoverableError);
+    setRaiseHook(before);
+    EXPECT_EQ(announced, 2);
+    SignalHandler::setCatchFpeSignals(false);
+    SignalHandler::uninstall();
+}
+
+TEST(SignalHandler, WhatCannotPassEndsTheProcess) {
+    if (!faultsCanPass())
+        GTEST_SKIP();
+    const struct {
+        const wchar_t* how;
+        int exitStatus;
+        std::vector<const char*> output;
+    } rows[] = {
+        // A function that lets no exception out: the abort callback ends the process with its own status.
+        {L"noexcept",
+         32,
+         {"Fault where no error can pass: Segmentation fault: address not mapped", "touchNowhere",
+          "aborted"}},
+        {L"thread", 32, {"Fault where no error can pass: Segmentation fault", "touchNowhere", "aborted"}},
+        // An observer that faults.
+        {L"observer",
+         32,
+         {"Fault in the handling of a fault: Segmentation fault", "tellObservers", "aborted"}},
+        // An abort callback that faults as well.
+        {L"abort", 128 + SIGSEGV, {"Fault in the handling of a fault: Segmentation fault"}},
+        // An observer that never returns.
+        {L"hang", 128 + SIGSEGV, {"The handling of a fault came to no end"}},
+        // Any other exception goes the way that it had.
+        {L"terminate", 7, {"the handler from before"}},
+        {L"pipe", 0, {"no SIGPIPE"}},
+        {L"sent", 128 + SIGSEGV, {""}}};
+    for (const auto& row : rows) {
+        const Platform::Process::RunResult result = runProbe(row.how);
+        const std::string how = StringHelper::toString(row.how);
+        EXPECT_EQ(result.exitStatus, row.exitStatus) << how << "\n" << result.output;
+        for (const char* text : row.output)
+            EXPECT_NE(result.output.find(text), std::string::npos) << how << "\n" << result.output;
+    }
+}
+
+TEST(SignalHandler, StopSignalsComeOnAThread) {
+    Semaphore told;
+    std::atomic<int> last{0};
+    SignalHandler::setStopCallback([&](int signal) {
+        last = signal;
+        Controller::getSingleton().stopProcessing();
+        told.post();
+        throw std::runtime_error("which is logged");
+    });
+    for (const int signal : {SIGTERM, SIGINT}) {
+        std::raise(signal);
+        ASSERT_TRUE(told.wait(10.0));
+        EXPECT_EQ(last, signal);
+    }
+    Controller::getSingleton().processCommands(); // stopped, so it returns
+    SignalHandler::setStopCallback({});
+    Controller::reset();
+}
