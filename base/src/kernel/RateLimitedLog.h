@@ -1,5 +1,7 @@
 #pragma once
 
+#include "platform/Log.h"
+
 #include <chrono>
 #include <cstddef>
 #include <map>
@@ -12,8 +14,8 @@ public:
     static constexpr std::size_t LINES = 10; ///< of one kind in PERIOD
     static constexpr std::chrono::seconds PERIOD{60};
 
-    /// @param operation  the full name of the operation that speaks
-    void warn(const char* operation, const std::string& kind, const std::string& text);
+    /// @param context  the full name of the operation that speaks
+    void warn(const OS::Log::Context& context, const std::string& kind, const std::string& text);
 
 private:
     using Clock = std::chrono::steady_clock;

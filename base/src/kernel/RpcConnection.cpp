@@ -48,14 +48,18 @@ void RpcConnection::onRead(bool failed, std::size_t size, const std::string& why
         return;
     if (failed) {
         const std::string text = why.empty() ? "the client closed the connection" : why;
-        close(_frames.size() > 0 && _state == State::SERVING
-                  ? text + " in the middle of a request, after " + std::to_string(_frames.size()) +
-                        " bytes of it"
-                  : text);
+        const std::size_t rest = _frames.size();
+        if (rest > 0 && _state == State::SERVING)
+            close(text + " in the middle of a request, after " + std::to_string(rest) + " bytes of it",
+                  false);
+        else
+            close(text, true);
         return;
     }
     if (_state == State::LINGERING) { // what comes now is read only so that the peer gets our last line
-        read();
+        _lingerRead += size;
+        if (_lingerRead < _frames.getLimit())
+            read();
         return;
     }
     _frames.commit(size);
@@ -197,7 +201,7 @@ void RpcConnection::onWritable() {
             _paused = false;
     }
     if (broken)
-        close("the client is gone");
+        close("the client is gone", true);
     else if (again)
         watchWritable();
     else if (_state == State::LINGERING)
@@ -233,7 +237,7 @@ void RpcConnection::endWith(std::string_view line, const std::string& reason) {
     _owner.onSupervisionNeeded();
 }
 
-void RpcConnection::close(const std::string& reason) {
+void RpcConnection::close(const std::string& reason, bool regular) {
     if (_state == State::CLOSED)
         return;
     const auto self = shared_from_this(); // the owner may let go of this
@@ -247,14 +251,14 @@ void RpcConnection::close(const std::string& reason) {
         _socket->socket.close(ignored);
     }
     _frames.clear();
-    _owner.onClosed(*this, _closeReason.empty() ? reason : _closeReason);
+    _owner.onClosed(*this, _closeReason.empty() ? reason : _closeReason, regular || !_closeReason.empty());
 }
 
 bool RpcConnection::supervise(Clock::time_point now) {
     if (_state == State::CLOSED)
         return false;
     if (_state == State::LINGERING && now >= _lingerEnd) {
-        close("its time for a last message is up");
+        close("its time for a last message is up", true);
         return false;
     }
     bool stalled = false;
@@ -265,9 +269,8 @@ bool RpcConnection::supervise(Clock::time_point now) {
         stalled = _sent < _answersEnd && now - _lastProgress > _limits.stallTime;
     }
     if (stalled) {
-        close("it has read nothing of its answers for " +
-              std::to_string(std::chrono::duration_cast<std::chrono::seconds>(_limits.stallTime).count()) +
-              " s");
+        close("it has taken nothing of its answers for " + std::to_string(_limits.stallTime.count()) + " ms",
+              false);
         return false;
     }
     return waiting || _state == State::LINGERING;

@@ -28,7 +28,8 @@ public:
         virtual void onLine(RpcConnection& connection, std::string_view line) = 0;
         /// A line exceeds the frame limit; nothing more can be read.
         virtual void onTooLong(RpcConnection& connection) = 0;
-        virtual void onClosed(RpcConnection& connection, const std::string& reason) = 0;
+        /// @param regular  the client has left, or the owner ended it
+        virtual void onClosed(RpcConnection& connection, const std::string& reason, bool regular) = 0;
         /// The connection holds unsent bytes, or waits for its end: supervise() it from time to time.
         virtual void onSupervisionNeeded() = 0;
     };
@@ -59,7 +60,8 @@ public:
     void beginRequest();
     /// Sends a last line (or none), lets the peer read it, then closes.
     void endWith(std::string_view line, const std::string& reason);
-    void close(const std::string& reason);
+    /// Closes at once.
+    void close(const std::string& reason) { close(reason, true); }
     bool isOpen() const { return _state == State::SERVING; }
     bool isClosed() const { return _state == State::CLOSED; }
     /// Cuts off a peer that stands still. @return whether there is more to supervise
@@ -81,6 +83,7 @@ public:
 private:
     enum class State { SERVING, LINGERING, CLOSED };
 
+    void close(const std::string& reason, bool regular);
     void read();
     void onRead(bool failed, std::size_t size, const std::string& why);
     void serveLines();
@@ -103,6 +106,7 @@ private:
     State _state = State::SERVING;
     bool _reading = false;
     Clock::time_point _lingerEnd;
+    std::size_t _lingerRead = 0; ///< bytes read and dropped since the last line [bytes]
     std::string _closeReason;
 
     mutable std::mutex _mutex; ///< guards what follows and every write to the socket

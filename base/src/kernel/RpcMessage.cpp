@@ -68,7 +68,8 @@ private:
 
     bool close() {
         --_depth;
-        return _depth != 1 || member();
+        // The reader takes the bracket after it has told of it.
+        return _depth != 1 || member(_stream.Tell() + 1);
     }
 
     bool scalar(const char* type) {
@@ -77,15 +78,14 @@ private:
         if (_depth > 1)
             return true;
         _type = type;
-        return member();
+        return member(_stream.Tell());
     }
 
     /// A member of the outermost object is complete. Members that JSON-RPC doesn't know are passed over.
-    bool member() {
+    bool member(std::size_t end) {
         std::size_t begin = _afterKey;
         while (isJsonSpace(_line[begin]) || _line[begin] == ':')
             ++begin;
-        std::size_t end = _stream.Tell();
         const std::string_view raw = _line.substr(begin, end - begin);
         if (_key == "jsonrpc")
             return _type == "string" ? once(_version, _text)

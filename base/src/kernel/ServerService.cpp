@@ -28,6 +28,8 @@
 namespace {
 
 constexpr std::chrono::milliseconds SUPERVISION_PERIOD{50};
+/// What the clients have sent by the time of a stop is refused in words, not by the end of the connection.
+constexpr std::chrono::milliseconds LAST_CALL{20};
 constexpr std::size_t NOTICE_SIZE = std::size_t(32) << 10; ///< console text in one notification [bytes]
 constexpr std::string_view OWN_METHODS = "server.";
 
@@ -88,10 +90,11 @@ std::string answerOf(const std::string& id, const Properties& response) {
 } // namespace
 
 struct ServerService::Loop {
-    explicit Loop(asio::io_context& context) : guard(context.get_executor()), timer(context) {}
+    explicit Loop(asio::io_context& context) : guard(context.get_executor()), timer(context), end(context) {}
 
     asio::executor_work_guard<asio::io_context::executor_type> guard;
-    asio::steady_timer timer;
+    asio::steady_timer timer; ///< of the supervision
+    asio::steady_timer end;   ///< of the last requests
 };
 
 ServerService::ServerService(Settings settings)
@@ -172,7 +175,10 @@ void ServerService::stop() {
 }
 
 void ServerService::expectNoAnswers() {
-    asio::post(*_context, [this] { endConnections(); });
+    asio::post(*_context, [this] {
+        _expectsAnswers = false;
+        endWhenAnswered();
+    });
 }
 
 void ServerService::beginStop() {
@@ -187,8 +193,10 @@ void ServerService::beginStop() {
 }
 
 void ServerService::endWhenAnswered() {
-    if (_stopping && _unanswered == 0)
-        endConnections();
+    if (!_stopping || (_expectsAnswers && _unanswered > 0))
+        return;
+    _loop->end.expires_after(LAST_CALL);
+    _loop->end.async_wait([this](const asio::error_code&) { endConnections(); });
 }
 
 void ServerService::endConnections() {
@@ -226,7 +234,10 @@ void ServerService::accept(std::unique_ptr<RpcSocket> socket) {
     auto connection = std::make_shared<RpcConnection>(std::move(socket), _settings.limits, *this);
     if (_clients.getNumberStrangers() >= _settings.limits.strangers) {
         const ServerClients::Connection oldest = _clients.getOldestStranger();
-        oldest->close("too many connections without a proof of the session key; this was the oldest");
+        const char* const reason =
+            "too many connections without a proof of the session key, this was the oldest";
+        warn("ServerService::accept", *oldest, "Connection dropped", reason);
+        oldest->close(reason);
     }
     SessionHandshake::Greeting greeting;
     greeting.protocol = SessionRecord::PROTOCOL_VERSION;
@@ -238,12 +249,12 @@ void ServerService::accept(std::unique_ptr<RpcSocket> socket) {
     onSupervisionNeeded();
 }
 
-void ServerService::onClosed(RpcConnection& connection, const std::string& reason) {
-    if (!connection.getPeer().authenticated && !_ending)
-        warn(connection, "Connection without proof of the session key closed", reason);
+void ServerService::onClosed(RpcConnection& connection, const std::string& reason, bool regular) {
+    if (!regular)
+        warn("ServerService::onClosed", connection, "Connection cut", reason);
     else
-        OS::Log::instance("Default").info("ServerService::onClosed", "@0@, @1@: @2@",
-                                          connection.getPeer().client, connection.getAddress(), reason);
+        OS::Log::instance("Default").info("ServerService::onClosed", "@0@ (@1@): @2@",
+                                          connection.getAddress(), connection.getPeer().client, reason);
     _clients.remove(connection);
     if (_tee)
         _tee->setWanted(_clients.hasReaders());
@@ -254,9 +265,9 @@ void ServerService::onTooLong(RpcConnection& connection) {
         connection.getPeer().authenticated ? _settings.limits.frameSize : _settings.limits.handshakeFrameSize;
     const RpcFault fault{
         RpcFault::INVALID_REQUEST,
-        "The line is longer than " + std::to_string(limit) + " bytes" +
+        "The line is too long, beyond " + std::to_string(limit) + " bytes" +
             (connection.getPeer().authenticated ? "" : ", the limit before the session key is proved")};
-    warn(connection, "Request refused", fault.message);
+    warn("ServerService::onTooLong", connection, "Request refused", fault.message);
     connection.endWith(RpcMessage::failure({}, fault), fault.message);
 }
 
@@ -279,6 +290,7 @@ void ServerService::supervise() {
             const RpcFault fault{RpcFault::NOT_AUTHENTICATED,
                                  "The session key wasn't proved within " +
                                      std::to_string(_settings.limits.handshakeTime.count()) + " ms"};
+            warn("ServerService::supervise", *connection, "Handshake timed out", fault.message);
             connection->endWith(RpcMessage::failure({}, fault), fault.message);
         }
         more = connection->supervise(now) || stranger || more;
@@ -287,15 +299,16 @@ void ServerService::supervise() {
         onSupervisionNeeded();
 }
 
-void ServerService::warn(const RpcConnection& connection, const std::string& kind, const std::string& text) {
+void ServerService::warn(const OS::Log::Context& context, const RpcConnection& connection,
+                         const std::string& kind, const std::string& text) {
     const std::string& client = connection.getPeer().client;
-    _log.warn("ServerService::serve", kind,
+    _log.warn(context, kind,
               connection.getAddress() + (client.empty() ? "" : " (" + client + ")") + ": " + text);
 }
 
 void ServerService::refuse(RpcConnection& connection, const std::string& id, const RpcFault& fault,
                            std::string_view data) {
-    warn(connection, "Request refused", fault.message);
+    warn("ServerService::refuse", connection, "Request refused", fault.message);
     const std::string line = RpcMessage::failure(id, fault, data);
     if (connection.getPeer().authenticated)
         connection.send(line);
@@ -388,7 +401,7 @@ void ServerService::runCommand(RpcConnection& connection, const RpcMessage& mess
     if (connection.getPeer().control)
         fault = {RpcFault::INVALID_REQUEST, "This connection is for control: it runs no commands"};
     else if (_stopping)
-        fault = {RpcFault::STOPPING, "The server is stopping"};
+        fault = {RpcFault::STOPPING, "The server stops and takes no more commands"};
     if (!fault.message.empty()) {
         refuse(connection, message.id, fault);
         return;

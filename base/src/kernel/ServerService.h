@@ -74,7 +74,7 @@ private:
     // Told by the connections.
     void onLine(RpcConnection& connection, std::string_view line) override;
     void onTooLong(RpcConnection& connection) override;
-    void onClosed(RpcConnection& connection, const std::string& reason) override;
+    void onClosed(RpcConnection& connection, const std::string& reason, bool regular) override;
     void onSupervisionNeeded() override;
 
     void accept(std::unique_ptr<struct RpcSocket> socket);
@@ -92,7 +92,8 @@ private:
     void abort(const std::string& reason);
     void refuse(RpcConnection& connection, const std::string& id, const RpcFault& fault,
                 std::string_view data = {});
-    void warn(const RpcConnection& connection, const std::string& kind, const std::string& text);
+    void warn(const OS::Log::Context& context, const RpcConnection& connection, const std::string& kind,
+              const std::string& text);
 
     void publishRecord();
     void onConsoleText();
@@ -119,5 +120,6 @@ private:
     std::atomic<unsigned> _port{0};
     bool _stopping = false;
     bool _ending = false;
+    bool _expectsAnswers = true;
     bool _supervising = false;
 };

@@ -82,9 +82,10 @@ std::optional<RpcFault> SessionHandshake::admit(const RpcMessage& request, const
                             RpcMessage::quote(tidyName(request.method))};
     try {
         const Properties params(request.params.empty() ? std::string_view("{}") : request.params);
+        const unsigned protocol = params.getUnsignedInt("protocol");
         const std::string mismatch =
             compareVersions(SessionRecord::PROTOCOL_VERSION, OrvexVersion::getVersionedProductName(),
-                            params.getUnsignedInt("protocol"), tidyName(params.getString("product")));
+                            protocol, tidyName(params.getString("product")));
         if (!mismatch.empty())
             return RpcFault{RpcFault::VERSION_MISMATCH, mismatch};
         const std::string access = params.getString("access");

@@ -1,0 +1,142 @@
+#include "kernel/RpcMessage.h"
+#include "kernel/FrameBuffer.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+namespace {
+
+TEST(RpcMessage, findsTheMembersOfARequest) {
+    const std::string line = R"( {"id" : "a\"1", "params":{"path":"/d","n":[1,{"x":2}]} ,"more":[1],)"
+                             R"("jsonrpc":"2.0","method":"List\u0044ir"} )";
+    RpcMessage message;
+    ASSERT_FALSE(message.parse(line));
+    EXPECT_EQ(message.method, "ListDir");
+    EXPECT_EQ(message.id, R"("a\"1")");
+    EXPECT_EQ(message.params, R"({"path":"/d","n":[1,{"x":2}]})");
+    EXPECT_TRUE(message.isRequest());
+
+    ASSERT_FALSE(message.parse(R"({"jsonrpc":"2.0","id":18446744073709551616,"result":-1e99})"));
+    EXPECT_EQ(message.id, "18446744073709551616");
+    EXPECT_EQ(message.result, "-1e99");
+    EXPECT_FALSE(message.isRequest());
+}
+
+std::string nested(unsigned depth) {
+    std::string text;
+    for (unsigned i = 0; i < depth; ++i)
+        text += "{\"a\":";
+    return text + "1" + std::string(depth, '}');
+}
+
+TEST(RpcMessage, refusesWithReasonAndId) {
+    const std::string start = R"({"jsonrpc":"2.0","id":7,)";
+    const struct {
+        std::string line;
+        int code;
+        const char* text;
+        const char* id;
+    } rows[] = {
+        {"", RpcFault::PARSE_ERROR, "isn't JSON", ""},
+        {"nonsense", RpcFault::PARSE_ERROR, "isn't JSON", ""},
+        {R"({"jsonrpc":"2.0","method":"A")", RpcFault::PARSE_ERROR, "At byte 29", ""},
+        {start + R"("method":"A"} x)", RpcFault::PARSE_ERROR, "text follows the object at byte 38", "7"},
+        {start + "\"method\":\"A\"}" + std::string(1, '\0'), RpcFault::PARSE_ERROR, "text follows", "7"},
+        {start + "\"method\":\"\xff\xfe\"}", RpcFault::PARSE_ERROR, "Invalid encoding", "7"},
+        {start + "\"method\":\"\xc0\xaf\"}", RpcFault::PARSE_ERROR, "Invalid encoding", "7"},
+        {"[" + start + "\"method\":\"A\"}]", RpcFault::INVALID_REQUEST, "Batches", ""},
+        {"5", RpcFault::INVALID_REQUEST, "must be an object, not a number", ""},
+        {R"({"id":7,"method":"A"})", RpcFault::INVALID_REQUEST, "\"jsonrpc\" is missing", "7"},
+        {R"({"jsonrpc":"1.0","method":"A"})", RpcFault::INVALID_REQUEST, "\"jsonrpc\" must be", ""},
+        {R"({"jsonrpc":"2.0","id":7})", RpcFault::INVALID_REQUEST, "\"method\" is missing", "7"},
+        {start + R"("method":5})", RpcFault::INVALID_REQUEST, "\"method\" must be a text", "7"},
+        {start + R"("method":""})", RpcFault::INVALID_REQUEST, "\"method\" must be a text", "7"},
+        {start + "\"method\":\"" + std::string(257, 'x') + "\"}", RpcFault::INVALID_REQUEST, "1 to 256", "7"},
+        {start + R"("method":"A","method":"B"})", RpcFault::INVALID_REQUEST, "twice", "7"},
+        {start + R"("method":"A","params":[1]})", RpcFault::INVALID_PARAMS, "not an array", "7"},
+        {start + R"("method":"A","params":"x"})", RpcFault::INVALID_PARAMS, "object with a key", "7"},
+        {R"({"jsonrpc":"2.0","id":{},"method":"A"})", RpcFault::INVALID_REQUEST, "\"id\" must be", ""},
+        {R"({"id":")" + std::string(127, 'x') + "\"}", RpcFault::INVALID_REQUEST, "128 bytes", ""},
+        {start + "\"method\":\"A\",\"params\":" + nested(65) + "}", RpcFault::INVALID_REQUEST,
+         "deeper than 64", "7"},
+        {std::string(1 << 20, '['), RpcFault::INVALID_REQUEST, "Batches", ""},
+        {start + "\"x\":" + std::string(1 << 20, '[') + "}", RpcFault::INVALID_REQUEST, "deeper than 64",
+         "7"},
+    };
+    for (const auto& row : rows) {
+        RpcMessage message;
+        const std::optional<RpcFault> fault = message.parse(row.line);
+        ASSERT_TRUE(fault) << row.line.substr(0, 80);
+        EXPECT_EQ(fault->code, row.code) << fault->message;
+        EXPECT_NE(fault->message.find(row.text), std::string::npos) << fault->message;
+        EXPECT_EQ(message.id, row.id) << row.line.substr(0, 80);
+    }
+    RpcMessage message;
+    EXPECT_FALSE(message.parse(start + "\"method\":\"A\",\"params\":" + nested(64) + "}"));
+    EXPECT_FALSE(message.parse(start + "\"method\":\"" + std::string(256, 'x') + "\"}"));
+}
+
+TEST(RpcMessage, whatItWritesIsRead) {
+    RpcMessage message;
+    const std::string odd = "a\"b\\c\n\t\x01\x7f"
+                            "\xc3\xa4\xf0\x9f\x98\x80";
+    std::string line = RpcMessage::request("12", odd, "{}");
+    EXPECT_EQ(line.find('\n'), line.size() - 1);
+    line.pop_back();
+    ASSERT_FALSE(message.parse(line));
+    EXPECT_EQ(message.method, odd);
+    EXPECT_EQ(message.id, "12");
+    EXPECT_EQ(RpcMessage::quote("a\xff"
+                                "b"),
+              "\"a\xef\xbf\xbd"
+              "b\"");
+    EXPECT_EQ(RpcMessage::failure({}, {RpcFault::BUSY, "no"}, "{\"a\":1}"),
+              "{\"jsonrpc\":\"2.0\",\"id\":null,\"error\":{\"code\":-32003,\"message\":\"no\",\"data\":{"
+              "\"a\":1}}}\n");
+}
+
+void feed(FrameBuffer& frames, std::string_view text) {
+    while (!text.empty()) {
+        const std::span<char> room = frames.prepare();
+        const std::size_t size = std::min(room.size(), text.size());
+        std::memcpy(room.data(), text.data(), size);
+        frames.commit(size);
+        text.remove_prefix(size);
+    }
+}
+
+TEST(RpcFrame, cutsLinesWhereverTheReadsFall) {
+    const std::string text = "one\n\ntwo " + std::string(100000, 'x') + "\nthree\n";
+    for (std::size_t step : {std::size_t(1), std::size_t(7), std::size_t(4096), text.size()}) {
+        FrameBuffer frames(200000);
+        std::vector<std::string> lines;
+        for (std::size_t at = 0; at < text.size(); at += step) {
+            feed(frames, std::string_view(text).substr(at, step));
+            while (const auto line = frames.next())
+                lines.emplace_back(*line);
+        }
+        ASSERT_EQ(lines.size(), 4u) << step;
+        EXPECT_EQ(lines[0], "one");
+        EXPECT_EQ(lines[1], "");
+        EXPECT_EQ(lines[2].size(), 100004u);
+        EXPECT_EQ(lines[3], "three");
+        EXPECT_EQ(frames.size(), 0u);
+    }
+}
+
+TEST(RpcFrame, seesALineThatIsTooLong) {
+    const struct {
+        std::size_t length;
+        bool complete;
+        bool tooLong;
+    } rows[] = {{10, true, false}, {10, false, false}, {11, true, true}, {11, false, true}};
+    for (const auto& row : rows) {
+        FrameBuffer frames(10);
+        feed(frames, std::string(row.length, 'x') + (row.complete ? "\n" : ""));
+        EXPECT_EQ(frames.next().has_value(), row.complete && !row.tooLong);
+        EXPECT_EQ(frames.isTooLong(), row.tooLong) << row.length << row.complete;
+    }
+}
+
+} // namespace

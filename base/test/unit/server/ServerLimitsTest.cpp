@@ -1,0 +1,254 @@
+#include "ServerTestSupport.h"
+
+#include "kernel/RpcMessage.h"
+#include "platform/Log.h"
+
+#include <chrono>
+#include <list>
+#include <mutex>
+#include <random>
+#include <thread>
+
+using namespace std::chrono_literals;
+
+namespace {
+
+constexpr std::size_t MIB = std::size_t(1) << 20;
+
+/// What the log says meanwhile.
+class LogListener {
+public:
+    LogListener() {
+        OS::Log::instance("Default").setStandardError(false);
+        OS::Log::instance("Default").setListener([this](const OS::Log::Record& record) {
+            const std::lock_guard lock(_mutex);
+            _text += record.text + "\n";
+            ++_lines;
+        });
+    }
+    ~LogListener() {
+        OS::Log::instance("Default").setListener({});
+        OS::Log::instance("Default").setStandardError(true);
+    }
+    bool has(const std::string& part) const {
+        const std::lock_guard lock(_mutex);
+        return _text.find(part) != std::string::npos;
+    }
+    std::size_t lines() const {
+        const std::lock_guard lock(_mutex);
+        return _lines;
+    }
+
+private:
+    mutable std::mutex _mutex;
+    std::string _text;
+    std::size_t _lines = 0;
+};
+
+class ServerLimitsTest : public ServerFixture {
+protected:
+    /// Lets `attack` loose on the server: a proper client is served meanwhile, and memory stays bounded.
+    void attacked(const ServerLimits& limits, std::size_t growth,
+                  const std::function<void(unsigned port)>& attack) {
+        server().setLimits(limits);
+        serve([&] {
+            RpcClient proper;
+            connect(proper, "proper");
+            EXPECT_FALSE(proper.call("Echo", "{}", 5s).failed);
+            const std::size_t before = memory();
+            std::atomic<bool> done{false};
+            std::atomic<std::size_t> peak{0};
+            std::thread witness([&] {
+                while (!done) {
+                    peak = std::max(peak.load(), memory());
+                    EXPECT_FALSE(proper.call("Echo", "{}", 5s).failed);
+                    std::this_thread::sleep_for(5ms);
+                }
+            });
+            attack(server().getPort());
+            done = true;
+            witness.join();
+            EXPECT_LT(peak, before + growth);
+            EXPECT_EQ(refusal(target()), "");
+        });
+    }
+    LogListener log;
+};
+
+bool isFault(const std::string& line, int code, const std::string& part) {
+    RpcMessage message;
+    if (message.parse(line) || message.error.empty())
+        return false;
+    const Properties error(message.error);
+    return error.getInt("code") == code && error.getString("message").find(part) != std::string::npos;
+}
+
+/// Greeted and let in, with bytes of one's own from there.
+RawConnection authenticated(const RpcClient::Target& target) {
+    RawConnection raw(target.port);
+    RpcMessage hello;
+    const std::string line = raw.readLine();
+    EXPECT_FALSE(hello.parse(line));
+    const auto greeting = SessionHandshake::Greeting::fromMessage(hello);
+    raw.send(RpcMessage::request("0", SessionHandshake::AUTHENTICATE,
+                                 SessionHandshake::answer(*greeting, target.key, SessionKey::makeNonce(),
+                                                          SessionHandshake::Access::COMMANDS, "raw")));
+    EXPECT_NE(raw.readLine().find("result"), std::string::npos);
+    return raw;
+}
+
+TEST_F(ServerLimitsTest, wrongKey) {
+    attacked({}, 16 * MIB, [&](unsigned) {
+        RpcClient::Target wrong = target();
+        wrong.key = SessionKey::generate();
+        EXPECT_EQ(refusal(wrong), "The proof of the session key is wrong");
+    });
+    EXPECT_TRUE(log.has("The proof of the session key is wrong"));
+}
+
+TEST_F(ServerLimitsTest, strangersFirstLines) {
+    std::mt19937 generator(1);
+    std::string noise(3000, ' ');
+    for (char& c : noise)
+        c = static_cast<char>(generator() & 0xFF);
+    const struct {
+        std::string text;
+        int code;
+        const char* part;
+    } rows[] = {
+        {noise + "\n", RpcFault::PARSE_ERROR, "isn't JSON"},
+        {"GET / HTTP/1.1\r\n\r\n", RpcFault::PARSE_ERROR, "isn't JSON"},
+        {RpcMessage::request("1", "Echo", "{}"), RpcFault::NOT_AUTHENTICATED, "must be proved first"},
+        {RpcMessage::request("1", "server.stop", "{}"), RpcFault::NOT_AUTHENTICATED, "must be proved first"},
+        {std::string(4097, 'x') + "\n", RpcFault::INVALID_REQUEST, "too long"},
+        {std::string(100000, '{'), RpcFault::INVALID_REQUEST, "too long"},
+    };
+    attacked({}, 16 * MIB, [&](unsigned port) {
+        for (const auto& row : rows) {
+            RawConnection raw(port);
+            raw.readLine();
+            raw.send(row.text);
+            const std::string line = raw.readLine();
+            EXPECT_TRUE(isFault(line, row.code, row.part)) << line;
+            EXPECT_TRUE(raw.ends());
+        }
+    });
+    EXPECT_EQ(executed > 0, true);
+}
+
+TEST_F(ServerLimitsTest, endlessLine) {
+    const std::string chunk(MIB, 'x');
+    attacked({}, 48 * MIB, [&](unsigned port) {
+        for (bool known : {false, true}) {
+            RawConnection raw = known ? authenticated(target()) : RawConnection(port);
+            std::size_t sent = 0;
+            for (int i = 0; i < 1024; ++i) {
+                const std::size_t size = raw.send(chunk, 2.0);
+                sent += size;
+                if (size < chunk.size())
+                    break;
+            }
+            EXPECT_LT(sent, 48 * MIB) << known;
+        }
+    });
+    EXPECT_TRUE(log.has("too long, beyond 4096 bytes"));
+    EXPECT_TRUE(log.has("too long, beyond 16777216 bytes"));
+}
+
+TEST_F(ServerLimitsTest, silentConnections) {
+    ServerLimits limits;
+    limits.handshakeTime = 400ms;
+    attacked(limits, 32 * MIB, [&](unsigned port) {
+        std::list<RawConnection> silent;
+        for (int i = 0; i < 500; ++i) {
+            silent.emplace_back(port);
+            if (i % 100 == 0) {
+                EXPECT_EQ(refusal(target()), "");
+            }
+        }
+        EXPECT_EQ(refusal(target()), "");
+        for (RawConnection& connection : silent)
+            EXPECT_TRUE(connection.ends());
+    });
+    EXPECT_TRUE(log.has("this was the oldest"));
+    EXPECT_TRUE(log.has("wasn't proved within 400 ms"));
+    EXPECT_LT(log.lines(), 60u); // a stranger can't fill the disk
+}
+
+TEST_F(ServerLimitsTest, badRequestsOfAClientAreAnswered) {
+    attacked({}, 16 * MIB, [&](unsigned) {
+        RawConnection raw = authenticated(target());
+        for (const std::string& line :
+             {std::string("nonsense"), std::string("[]"), std::string(100000, '['),
+              std::string("{\"jsonrpc\":\"2.0\""),
+              std::string("{\"jsonrpc\":\"2.0\",\"id\":1,\"method\":\"Echo\",\"params\":{\"a\":\"\xff\"}}"),
+              std::string("{\"jsonrpc\":\"2.0\",\"id\":1,\"result\":{}}")}) {
+            raw.send(line + "\n\n");
+            const std::string answer = raw.readLine();
+            EXPECT_NE(answer.find("\"error\""), std::string::npos) << line.substr(0, 50);
+        }
+        raw.send(RpcMessage::request("9", "Echo", "{}"));
+        EXPECT_NE(raw.readLine().find("\"id\":9,\"result\""), std::string::npos);
+        raw.send("{\"jsonrpc\":\"2.0\",\"id\":10,\"meth"); // cut in half
+    });
+}
+
+TEST_F(ServerLimitsTest, requestsWithoutReading) {
+    ServerLimits limits;
+    limits.stallTime = 700ms;
+    attacked(limits, 48 * MIB, [&](unsigned) {
+        RawConnection raw = authenticated(target());
+        std::string requests;
+        for (int i = 0; i < 10000; ++i)
+            requests += RpcMessage::request(std::to_string(i), "Big", "{\"bytes\":20000}");
+        EXPECT_LT(raw.send(requests, 0.3), requests.size() + 1);
+        EXPECT_TRUE(waitFor([&] { return log.has("has taken nothing of its answers"); }));
+    });
+    EXPECT_LT(executed, 9000); // 200 MB of answers were never made
+}
+
+TEST_F(ServerLimitsTest, requestsThatAreReadLateAreAllAnswered) {
+    serve([&] {
+        RawConnection raw = authenticated(target());
+        std::thread sender([&] {
+            std::string requests;
+            for (int i = 0; i < 10000; ++i)
+                requests += RpcMessage::request(std::to_string(i), "Echo", "{}");
+            EXPECT_EQ(raw.send(requests, 10.0), requests.size());
+        });
+        std::this_thread::sleep_for(300ms);
+        for (int i = 0; i < 10000; ++i) {
+            const std::string line = raw.readLine();
+            ASSERT_NE(line.find("\"id\":" + std::to_string(i) + ",\"result\""), std::string::npos) << line;
+        }
+        sender.join();
+    });
+}
+
+TEST_F(ServerLimitsTest, aSlowReaderLosesLinesAndIsTold) {
+    ServerLimits limits;
+    limits.consoleBacklog = 64 * 1024;
+    server().setLimits(limits);
+    serve([&] {
+        RawConnection slow = authenticated(target());
+        RpcClient quick;
+        connect(quick);
+        const auto begin = std::chrono::steady_clock::now();
+        for (int i = 0; i < 40; ++i)
+            EXPECT_FALSE(
+                quick.call("Print", R"({"lines":5000,"text":"a line that nobody takes away"})", 10s).failed);
+        EXPECT_LT(std::chrono::steady_clock::now() - begin, 15s);
+        // Now it reads: what was kept, then how much was lost.
+        slow.send(RpcMessage::request("5", "Echo", "{}"));
+        std::size_t lost = 0;
+        for (RpcMessage message; message.id != "5";) {
+            const std::string line = slow.readLine();
+            ASSERT_FALSE(message.parse(line)) << line;
+            if (message.method == "server.consoleLost")
+                lost += Properties(message.params).getUnsignedLong("lines");
+        }
+        EXPECT_GT(lost, 1000u);
+    });
+}
+
+} // namespace

@@ -1,0 +1,352 @@
+#include "ServerTestSupport.h"
+
+#include "kernel/RpcMessage.h"
+#include "kernel/Task.h"
+#include "platform/FileSystem.h"
+#include "platform/StringHelper.h"
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <thread>
+#include <unistd.h>
+
+using namespace std::chrono_literals;
+using Access = SessionHandshake::Access;
+
+namespace {
+
+std::string console(RpcClient& client, const std::function<void()>& work) {
+    std::string text;
+    client.setNotificationCallback([&](const std::string& method, std::string_view params) {
+        if (method == "server.console")
+            text += Properties(params).getString("text");
+    });
+    work();
+    client.setNotificationCallback({});
+    return text;
+}
+
+void answersCommands(const std::function<void(RpcClient&)>& connect) {
+    RpcClient client;
+    connect(client);
+    const RpcClient::Reply echo = client.call("Echo", R"({"a":1,"b":{"c":"\u00e4"},"d":[1.5,-2e300]})");
+    ASSERT_FALSE(echo.failed) << echo.message;
+    Properties args = Properties(std::string_view(echo.result)).getProperties("args");
+    args.remove("command");
+    EXPECT_EQ(args, Properties(std::string_view(R"({"a":1,"b":{"c":"\u00e4"},"d":[1.5,-2e300]})")));
+
+    const RpcClient::Reply failed = client.call("Fail", R"({"text":"it \"failed\"","rank":2})");
+    ASSERT_TRUE(failed.failed);
+    EXPECT_EQ(failed.code, RpcFault::COMMAND_FAILED);
+    EXPECT_EQ(failed.message, "it \"failed\"");
+    const Properties data{std::string_view(failed.data)};
+    EXPECT_EQ(data.getInt("Rank"), 2);
+    EXPECT_EQ(data.getInt("Severity"), Error::RECOVERABLE_SEVERITY);
+    EXPECT_FALSE(data.hasName("Message"));
+
+    const RpcClient::Reply unknown = client.call("Ecko", "{}");
+    EXPECT_NE(unknown.message.find("did you mean \"Echo\""), std::string::npos) << unknown.message;
+    EXPECT_EQ(client.call("Echo", R"({"command":"Fail"})").code, RpcFault::INVALID_PARAMS);
+    EXPECT_EQ(client.call("server.nothing", "{}").code, RpcFault::METHOD_NOT_FOUND);
+    EXPECT_FALSE(client.call("Echo", "{}").failed);
+}
+
+TEST_F(ServerFixture, answersCommandsOnTwoThreadsAndOnOne) {
+    serve([&] { answersCommands([&](RpcClient& client) { connect(client); }); });
+    EXPECT_FALSE(server().isRunning());
+    SetUp();
+    bool ended = false;
+    server().setServiceEndedCallback([&] { ended = true; });
+    serveWithoutThreads([&] { answersCommands([&](RpcClient& client) { connect(client); }); });
+    EXPECT_TRUE(ended);
+}
+
+TEST_F(ServerFixture, answersPipelinedCommandsInOrder) {
+    serve([&] {
+        constexpr unsigned long COUNT = 20000;
+        RpcClient clients[2];
+        std::vector<std::future<void>> players;
+        for (RpcClient& client : clients)
+            players.push_back(std::async(std::launch::async, [&] {
+                connect(client);
+                unsigned long last = 0;
+                for (unsigned long i = 0; i < COUNT / 2; ++i)
+                    last = client.send("Echo", "{\"i\":" + std::to_string(i) + "}");
+                for (unsigned long i = 0; i < COUNT / 2; ++i) {
+                    unsigned long id = 0;
+                    const RpcClient::Reply reply = client.receive(id, 20s);
+                    ASSERT_EQ(id, last - COUNT / 2 + 1 + i);
+                    ASSERT_EQ(
+                        Properties(std::string_view(reply.result)).getProperties("args").getUnsignedLong("i"),
+                        i);
+                }
+            }));
+        for (auto& player : players)
+            player.get();
+        EXPECT_EQ(executed, int(COUNT));
+    });
+}
+
+TEST_F(ServerFixture, sendsTheConsoleBeforeTheAnswer) {
+    for (bool threaded : {true, false}) {
+        SetUp();
+        const auto play = [&] {
+            RpcClient client;
+            connect(client);
+            const std::string text = console(client, [&] {
+                EXPECT_FALSE(
+                    client.call("Print", R"({"lines":3000,"text":"\u00e4\u00f6\u00fc \"x\""})").failed);
+            });
+            const std::string word = "\xc3\xa4\xc3\xb6\xc3\xbc \"x\"\n";
+            EXPECT_TRUE(text.starts_with("line 0 " + word + "line 1 " + word)) << text.substr(0, 60);
+            EXPECT_NE(text.find("line 2999 "), std::string::npos);
+            EXPECT_EQ(text.substr(text.size() - 4), "\nend");
+        };
+        threaded ? serve(play) : serveWithoutThreads(play);
+    }
+    SetUp();
+    server().enableOutputToClients(false);
+    serve([&] {
+        RpcClient client;
+        connect(client);
+        EXPECT_EQ(console(client, [&] { client.call("Print", R"({"lines":3,"text":""})"); }), "");
+    });
+}
+
+TEST_F(ServerFixture, servesOneClientAtATimeInSingleMode) {
+    server().setConnectionMode(Server::SINGLE_CONNECTION);
+    serve([&] {
+        {
+            RpcClient first;
+            connect(first, "the first");
+            first.send("Wait", "{}");
+            RpcClient control;
+            connect(control, "the boss", Access::CONTROL);
+            ASSERT_TRUE(waitFor([&] {
+                return Properties(std::string_view(control.call("server.status", "{}").result))
+                    .hasName("running");
+            }));
+            EXPECT_EQ(refusal(target()),
+                      "the first is connected, and this session serves one client at a time");
+            const Properties status{std::string_view(control.call("server.status", "{}").result)};
+            const Properties running = status.getProperties("running");
+            EXPECT_EQ(running.getString("command"), "Wait");
+            EXPECT_EQ(running.getString("client"), "the first");
+            EXPECT_GE(running.getReal("seconds"), 0.0);
+            std::vector<Properties> clients;
+            status.get("clients", clients);
+            ASSERT_EQ(clients.size(), 2u);
+            EXPECT_EQ(clients[1].getString("access"), "control");
+            EXPECT_EQ(control.call("Echo", "{}").code, RpcFault::INVALID_REQUEST);
+            release();
+        }
+        EXPECT_TRUE(waitFor([&] { return refusal(target()).empty(); })); // the first has left
+        EXPECT_EQ(executed, 1);
+    });
+}
+
+TEST_F(ServerFixture, listsCommandsWhileOneRuns) {
+    serve([&] {
+        RpcClient client;
+        connect(client);
+        const unsigned long wait = client.send("Wait", "{}");
+        const RpcClient::Reply reply = client.call("server.listCommands", "{}", 5s);
+        std::vector<Properties> commands;
+        Properties(std::string_view(reply.result)).get("commands", commands);
+        ASSERT_EQ(commands.size(), 5u);
+        EXPECT_EQ(commands[0].getString("name"), "Echo");
+        EXPECT_EQ(commands[0].getString("summary"), "For tests: Echo");
+        const Properties one{
+            std::string_view(client.call("server.listCommands", R"({"name":"Ecko"})").result)};
+        EXPECT_EQ(one.getString("nearest"), "Echo");
+        EXPECT_EQ(client.call("server.listCommands", R"({"name":5})").code, RpcFault::INVALID_PARAMS);
+        release();
+        unsigned long id = 0;
+        EXPECT_FALSE(client.receive(id, 5s).failed);
+        EXPECT_EQ(id, wait);
+    });
+}
+
+TEST_F(ServerFixture, goesOnWhenAClientLeavesAtAnyMoment) {
+    serve([&] {
+        {
+            RpcClient leaving;
+            connect(leaving);
+            for (int i = 0; i < 3; ++i)
+                leaving.send("Wait", "{}");
+        }
+        RpcClient half;
+        connect(half);
+        RpcClient client;
+        connect(client);
+        release();
+        EXPECT_FALSE(client.call("Echo", "{}", 10s).failed);
+        EXPECT_EQ(executed, 4); // what was received is run, in order
+    });
+}
+
+void stopsInOrder(ServerFixture&, RpcClient& client, std::atomic<bool>& released) {
+    const unsigned long atWork = client.send("Wait", "{}");
+    const unsigned long queued = client.send("Echo", "{}");
+    std::string told;
+    client.setNotificationCallback(
+        [&](const std::string& method, std::string_view) { told += method + " "; });
+    std::jthread later([&] {
+        std::this_thread::sleep_for(100ms);
+        Server::getSingleton().stop();
+        Server::getSingleton().stop();
+        std::this_thread::sleep_for(100ms);
+        released = true;
+    });
+    unsigned long id = 0;
+    EXPECT_FALSE(client.receive(id, 5s).failed); // the command at work is answered
+    EXPECT_EQ(id, atWork);
+    const RpcClient::Reply refused = client.receive(id, 5s);
+    EXPECT_EQ(id, queued);
+    EXPECT_NE(refused.message.find("stops"), std::string::npos) << refused.message;
+    EXPECT_TRUE(client.waitForEnd(5s));
+    EXPECT_NE(told.find("server.stopping"), std::string::npos);
+}
+
+TEST_F(ServerFixture, stopsInOrder) {
+    for (bool threaded : {true, false}) {
+        SetUp();
+        std::wstring path;
+        const auto play = [&] {
+            path = SessionLocator::getSingleton().getRecordPath();
+            EXPECT_TRUE(Platform::filesystem().exists(path));
+            RpcClient client;
+            connect(client);
+            stopsInOrder(*this, client, released);
+        };
+        threaded ? serve(play) : serveWithoutThreads(play);
+        EXPECT_FALSE(Platform::filesystem().exists(path));
+        EXPECT_FALSE(server().isRunning());
+        EXPECT_EQ(server().getPort(), 0u);
+        EXPECT_EQ(executed, 1);
+    }
+}
+
+TEST_F(ServerFixture, stopsOnAClientsWish) {
+    serve([&] {
+        RpcClient client;
+        connect(client, "test", Access::CONTROL);
+        EXPECT_EQ(Properties(std::string_view(client.call("server.stop", "{}").result)).getString("name"),
+                  "test");
+        EXPECT_TRUE(client.waitForEnd(5s));
+    });
+    // a stop that comes before the start
+    SetUp();
+    server().stop();
+    server().start(L"", 0);
+    EXPECT_FALSE(server().isRunning());
+}
+
+TEST_F(ServerFixture, withoutConnectionsEndsByStopAlone) {
+    for (bool threaded : {true, false}) {
+        SetUp();
+        server().setConnectionMode(Server::NO_CONNECTION);
+        const auto play = [&] {
+            EXPECT_TRUE(server().isRunning());
+            EXPECT_EQ(server().getPort(), 0u);
+            EXPECT_EQ(target().port, 0u);
+        };
+        threaded ? serve(play) : serveWithoutThreads(play);
+    }
+}
+
+TEST_F(ServerFixture, tellsOfAnAbort) {
+    bool aborted = false;
+    server().setAbortCallback([&] { aborted = true; });
+    serve([&] {
+        RpcClient client;
+        connect(client, "somebody");
+        std::string reason;
+        client.setNotificationCallback([&](const std::string& method, std::string_view params) {
+            if (method == "server.abort")
+                reason = Properties(params).getString("Message");
+        });
+        client.call("server.abort", R"({"reason":"it hangs"})");
+        EXPECT_TRUE(waitFor([&] {
+            client.call("server.ping", "{}");
+            return !reason.empty();
+        }));
+        EXPECT_EQ(reason, "somebody demanded the abort: it hangs");
+        EXPECT_TRUE(waitFor(
+            [&] { return !Platform::filesystem().exists(SessionLocator::getSingleton().getRecordPath()); }));
+    });
+    EXPECT_TRUE(aborted);
+}
+
+/// A port that somebody else listens on.
+class TakenPort {
+public:
+    TakenPort() : _descriptor(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t size = sizeof address;
+        EXPECT_EQ(bind(_descriptor, reinterpret_cast<sockaddr*>(&address), size), 0);
+        EXPECT_EQ(listen(_descriptor, 1), 0);
+        EXPECT_EQ(getsockname(_descriptor, reinterpret_cast<sockaddr*>(&address), &size), 0);
+        _port = ntohs(address.sin_port);
+    }
+    ~TakenPort() { close(_descriptor); }
+    unsigned get() const { return _port; }
+
+private:
+    int _descriptor;
+    unsigned _port = 0;
+};
+
+std::string startError(unsigned port, int range) {
+    Server::getSingleton().setPortRange(range);
+    try {
+        Server::getSingleton().start(L"", port);
+    } catch (const NonRecoverableError& error) {
+        return error.what();
+    }
+    return {};
+}
+
+TEST_F(ServerFixture, findsAPort) {
+    const TakenPort taken;
+    EXPECT_EQ(startError(taken.get(), 1),
+              "The server can't listen on port " + std::to_string(taken.get()) + ": Address already in use");
+    EXPECT_NE(startError(70000, -1).find("0 to 65535"), std::string::npos);
+    for (int range : {-1, 50}) {
+        SetUp();
+        server().setPortRange(range);
+        server().startInThread(L"", taken.get());
+        EXPECT_NE(server().getPort(), taken.get());
+        EXPECT_TRUE(range == -1 ||
+                    (server().getPort() > taken.get() && server().getPort() < taken.get() + 50));
+        EXPECT_NE(server().getSessionName().find("-" + std::to_string(getpid())), std::string::npos);
+        server().join();
+    }
+}
+
+TEST_F(ServerFixture, takesTheClientAddressAlone) {
+    server().setClientAddress("192.0.2.1"); // for documentation: nobody's
+    serve([&] {
+        const SessionRecord record =
+            SessionLocator::readRecord(SessionLocator::getSingleton().getRecordPath());
+        RpcClient::Target local = targetOf(record);
+        local.addresses = {"127.0.0.1"};
+        EXPECT_EQ(refusal(local), "This server takes no connections from 127.0.0.1");
+    });
+    for (const char* own : {"127.0.0.1", "localhost", "::1"}) {
+        SetUp();
+        server().setClientAddress(own);
+        serve([&] {
+            RpcClient::Target local = target();
+            local.addresses = {"127.0.0.1"};
+            EXPECT_EQ(refusal(local), "") << own;
+        });
+    }
+    SetUp();
+    server().setClientAddress("no such host");
+    EXPECT_NE(startError(0, -1).find("client address \"no such host\" can't be resolved"), std::string::npos);
+}
+
+} // namespace

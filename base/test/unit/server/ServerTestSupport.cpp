@@ -1,0 +1,236 @@
+#include "ServerTestSupport.h"
+
+#include "kernel/Raise.h"
+#include "platform/FileSystem.h"
+#include "platform/StringHelper.h"
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <malloc.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <thread>
+#include <unistd.h>
+
+using namespace std::chrono_literals;
+
+std::atomic<bool> ServerFixture::released{false};
+std::atomic<int> ServerFixture::executed{0};
+
+namespace {
+
+std::atomic<bool>* releasedFlag = nullptr;
+std::atomic<int>* executedCount = nullptr;
+
+/// A command made of a function.
+class TestCommand : public Command {
+public:
+    using Body = std::function<void(const Properties& args, Properties& response)>;
+    TestCommand(std::string name, Body body)
+        : Command({"For tests: " + name, {{"text", "text", "anything", false}}, {}}), _name(std::move(name)),
+          _body(std::move(body)) {}
+    std::string getName() const override { return _name; }
+    void execute(const Properties& args, Properties& response) override {
+        ++*executedCount;
+        _body(args, response);
+    }
+
+private:
+    const std::string _name;
+    const Body _body;
+};
+
+void fail(const Properties& args, Properties& response) {
+    response.set("before", true);
+    Properties more;
+    more.set("Rank", args.getInt("rank"));
+    raise(InputError(args.getString("text"), Error::RECOVERABLE_SEVERITY, more));
+}
+
+void print(const Properties& args, Properties&) {
+    for (int i = 0; i < args.getInt("lines"); ++i)
+        std::cout << "line " << i << ' ' << args.getString("text") << '\n';
+    std::cout << "end" << std::flush;
+}
+
+void wait(const Properties&, Properties&) {
+    for (int i = 0; i < 10000 && !*releasedFlag; ++i)
+        std::this_thread::sleep_for(1ms);
+}
+
+void addCommands() {
+    const auto add = [](const char* name, TestCommand::Body body) {
+        Controller::getSingleton().registerCommand(new TestCommand(name, std::move(body)));
+    };
+    add("Echo", [](const Properties& args, Properties& response) { response.set("args", args); });
+    add("Fail", &fail);
+    add("Print", &print);
+    add("Wait", &wait);
+    add("Big", [](const Properties& args, Properties& response) {
+        response.set("text", std::string(args.getUnsignedInt("bytes"), 'x'));
+    });
+}
+
+bool waitReady(int descriptor, short events, double patience) {
+    pollfd ready{descriptor, events, 0};
+    return poll(&ready, 1, static_cast<int>(patience * 1000.0)) == 1;
+}
+
+} // namespace
+
+RecordDirectory::RecordDirectory()
+    : _path(Platform::filesystem().makeTemporaryDirectory(
+          Platform::filesystem().getDefaultTemporaryDirectory(), L"orvex-server-test-")) {}
+
+RecordDirectory::~RecordDirectory() {
+    Platform::filesystem().deleteTree(_path);
+}
+
+RawConnection::RawConnection(unsigned port) : _descriptor(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<std::uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (::connect(_descriptor, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)
+        ADD_FAILURE() << "No connection to port " << port << ": " << std::strerror(errno);
+}
+
+RawConnection::~RawConnection() {
+    if (_descriptor >= 0)
+        ::close(_descriptor);
+}
+
+std::size_t RawConnection::send(std::string_view text, double patience) {
+    std::size_t sent = 0;
+    while (sent < text.size() && waitReady(_descriptor, POLLOUT, patience)) {
+        const ssize_t size =
+            ::send(_descriptor, text.data() + sent, text.size() - sent, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (size <= 0)
+            break;
+        sent += static_cast<std::size_t>(size);
+    }
+    return sent;
+}
+
+std::string RawConnection::readLine(double patience) {
+    for (;;) {
+        const std::size_t end = _received.find('\n');
+        if (end != std::string::npos) {
+            const std::string line = _received.substr(0, end);
+            _received.erase(0, end + 1);
+            return line;
+        }
+        char bytes[65536];
+        if (!waitReady(_descriptor, POLLIN, patience))
+            return {};
+        const ssize_t size = recv(_descriptor, bytes, sizeof bytes, 0);
+        if (size <= 0)
+            return {};
+        _received.append(bytes, static_cast<std::size_t>(size));
+    }
+}
+
+bool RawConnection::ends(double patience) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(patience);
+    char bytes[65536];
+    while (std::chrono::steady_clock::now() < end)
+        if (waitReady(_descriptor, POLLIN, 0.1) && recv(_descriptor, bytes, sizeof bytes, 0) <= 0)
+            return true;
+    return false;
+}
+
+void ServerFixture::SetUp() {
+    if (!_standardOutput)
+        _standardOutput = std::cout.rdbuf(_console.rdbuf());
+    released = false;
+    executed = 0;
+    releasedFlag = &released;
+    executedCount = &executed;
+    Server::reset();
+    Controller::reset();
+    SessionLocator::reset();
+    SessionLocator::getSingleton().setDirectory(_directory.path());
+    addCommands();
+    server().setConnectionMode(Server::COLLABORATIVE);
+}
+
+void ServerFixture::TearDown() {
+    Server::reset();
+    Controller::reset();
+    SessionLocator::reset();
+    EXPECT_EQ(std::cout.rdbuf(), _console.rdbuf()); // the server gave it back
+    std::cout.rdbuf(_standardOutput);
+}
+
+void ServerFixture::play(const std::function<void()>& clients) {
+    try {
+        clients();
+    } catch (const std::exception& error) {
+        ADD_FAILURE() << error.what();
+    }
+    release();
+    server().stop();
+}
+
+void ServerFixture::serve(const std::function<void()>& clients) {
+    server().startInThread(L"test", 0);
+    std::thread player([&] { play(clients); });
+    Controller::getSingleton().processCommands();
+    player.join();
+    server().join();
+}
+
+void ServerFixture::serveWithoutThreads(const std::function<void()>& clients) {
+    std::thread player([&] {
+        EXPECT_TRUE(
+            waitFor([&] { return server().isRunning() && SessionLocator::getSingleton().isRunning(); }));
+        play(clients);
+    });
+    server().start(L"test", 0);
+    player.join();
+}
+
+RpcClient::Target ServerFixture::target() const {
+    return targetOf(SessionLocator::readRecord(SessionLocator::getSingleton().getRecordPath()));
+}
+
+RpcClient::Target ServerFixture::targetOf(const SessionRecord& record) const {
+    return {{record.address}, record.port, SessionKey::fromHex(record.key).value()};
+}
+
+void ServerFixture::connect(RpcClient& client, const std::string& name,
+                            SessionHandshake::Access access) const {
+    client.connect(target(), access, name, 5s);
+}
+
+std::string ServerFixture::refusal(const RpcClient::Target& target, SessionHandshake::Access access) const {
+    try {
+        RpcClient client;
+        client.connect(target, access, "refused", 5s);
+        return {};
+    } catch (const RpcClientError& error) {
+        return error.what();
+    }
+}
+
+bool ServerFixture::waitFor(const std::function<bool()>& condition) {
+    for (int i = 0; i < 2000; ++i) {
+        if (condition())
+            return true;
+        std::this_thread::sleep_for(5ms);
+    }
+    return condition();
+}
+
+std::size_t ServerFixture::memory() {
+    malloc_trim(0);
+    std::ifstream file("/proc/self/statm");
+    std::size_t total = 0;
+    std::size_t resident = 0;
+    file >> total >> resident;
+    return resident * static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+}

@@ -1,0 +1,90 @@
+#pragma once
+
+#include "kernel/Command.h"
+#include "kernel/Controller.h"
+#include "kernel/Properties.h"
+#include "kernel/RpcClient.h"
+#include "kernel/Server.h"
+#include "kernel/ServerLimits.h"
+#include "kernel/SessionLocator.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <functional>
+#include <future>
+#include <sstream>
+#include <string>
+
+/// A directory of the test's own for session records, removed with all that is in it.
+class RecordDirectory {
+public:
+    RecordDirectory();
+    ~RecordDirectory();
+    const std::wstring& path() const { return _path; }
+
+private:
+    std::wstring _path;
+};
+
+/// A connection without manners: bytes as they come, every wait limited.
+class RawConnection {
+public:
+    explicit RawConnection(unsigned port);
+    RawConnection(const RawConnection&) = delete;
+    RawConnection& operator=(const RawConnection&) = delete;
+    RawConnection(RawConnection&& other) noexcept : _descriptor(std::exchange(other._descriptor, -1)) {}
+    ~RawConnection();
+
+    /// @return bytes that were taken before the peer stopped taking any for `patience` seconds, or left
+    std::size_t send(std::string_view text, double patience = 5.0);
+    /// The next line; empty at the end of the connection or after `patience` seconds.
+    std::string readLine(double patience = 5.0);
+    /// Whether the peer ends the connection within `patience` seconds; what it sends before that is dropped.
+    bool ends(double patience = 5.0);
+
+private:
+    int _descriptor;
+    std::string _received;
+};
+
+/// A Server on loopback with commands of the test's own: the main thread runs them, another plays the
+/// clients.
+///
+/// Echo answers its arguments, Fail raises what it is told, Print prints `lines` lines, Wait waits for
+/// release(), Big answers `bytes` bytes.
+class ServerFixture : public ::testing::Test {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    Server& server() { return Server::getSingleton(); }
+    /// Starts the server and runs commands until `clients` is done and the server has stopped.
+    void serve(const std::function<void()>& clients);
+    /// The same on one thread, as with -nothreads.
+    void serveWithoutThreads(const std::function<void()>& clients);
+
+    RpcClient::Target target() const;
+    RpcClient::Target targetOf(const SessionRecord& record) const;
+    /// Connects as `name`.
+    void connect(RpcClient& client, const std::string& name = "test",
+                 SessionHandshake::Access access = SessionHandshake::Access::COMMANDS) const;
+    /// The words with which the server refuses a client; empty when it lets it in.
+    std::string refusal(const RpcClient::Target& target,
+                        SessionHandshake::Access access = SessionHandshake::Access::COMMANDS) const;
+    /// Waits until `condition` holds, for 10 s at most.
+    static bool waitFor(const std::function<bool()>& condition);
+    static void release() { released = true; }
+    /// [bytes] of memory of this process in use.
+    static std::size_t memory();
+
+    static std::atomic<bool> released;
+    static std::atomic<int> executed; ///< commands that ran
+
+private:
+    void play(const std::function<void()>& clients);
+
+    RecordDirectory _directory;
+    std::ostringstream _console; ///< stands in for the standard output
+    std::streambuf* _standardOutput = nullptr;
+};
