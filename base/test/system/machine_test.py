@@ -1,5 +1,4 @@
 """The machine's commands and modules as a client sees them: consoles of ranks, streams, hosts, the sandbox, scenes."""
-import json
 import math
 import re
 
@@ -84,7 +83,7 @@ class Answers(Case):
             with self.subTest(mpi=mpi):
                 job = self.ready(mpi=mpi, ranks=3)
                 hosts = job.run("GetHosts")
-                self.assertEqual(list(hosts), ["Number Processes", "Rank[0]", "Rank[1]", "Rank[2]"])
+                self.assertEqual([key for key in hosts if key != "Command"], ["Number Processes", "Rank[0]", "Rank[1]", "Rank[2]"])
                 times = job.run("GetTimes")
                 self.assertEqual((len(times["CpuTimes"]), len(times["WallTimes"])), (3, 3))
                 self.assertTrue(all(0 < time < 300 for time in times["WallTimes"]))
@@ -161,11 +160,12 @@ class Modules(Case):
             answer = job.ctl(*words, check=False)
             self.assertNotEqual(answer.returncode, 0)
             self.assertRegex(answer.stdout + answer.stderr, pattern)
-        self.assertEqual(job.run("GetSceneInformation"),
-                         {"Number of Scenes": 2, "scenes": [{"name": "geometry", "title": "The geometry"},
-                                                            {"name": "mesh", "title": "mesh"}]})
+        scenes = job.run("GetSceneInformation")
+        self.assertEqual(scenes["Number of Scenes"], 2)
+        self.assertEqual(scenes["scenes"], [{"name": "geometry", "title": "The geometry"},
+                                            {"name": "mesh", "title": "mesh"}])
         job.run("DeleteScene", "name=geometry")
-        self.assertEqual(json.dumps(job.run("GetSceneInformation")["Number of Scenes"]), "1")
+        self.assertEqual(job.run("GetSceneInformation")["Number of Scenes"], 1)
         self.stop(job)
 
 
