@@ -111,9 +111,15 @@ int takePlace(void* data, std::uintptr_t, const char* file, int line, const char
     return 1;
 }
 
+/// The line table may know a function by its short name only; the symbol table knows classes and arguments.
+/// It has no inlined functions, though: its name counts when it is the same function's.
 void takeSymbol(void* data, std::uintptr_t, const char* symbol, std::uintptr_t, std::uintptr_t) {
-    if (symbol != nullptr)
-        static_cast<Place*>(data)->function = demangle(symbol);
+    auto& function = static_cast<Place*>(data)->function;
+    if (symbol == nullptr)
+        return;
+    const std::string whole = demangle(symbol);
+    if (whole.find(function) != std::string::npos)
+        function = whole;
 }
 
 std::string describe(const void* frame) {
@@ -121,7 +127,7 @@ std::string describe(const void* frame) {
     Place place;
     if (backtrace_state* state = getState()) {
         ::backtrace_pcinfo(state, pc, takePlace, ignoreError, &place);
-        if (place.function.empty())
+        if (place.function.find('(') == std::string::npos)
             ::backtrace_syminfo(state, pc, takeSymbol, ignoreError, &place);
     }
     Dl_info library{};

@@ -5,7 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include <regex>
+#include <algorithm>
 #include <thread>
 
 namespace {
@@ -60,7 +60,7 @@ TEST_F(LogTest, LinesBearTheirContext) {
         records.push_back(record);
         log.error("LogTest::listener", "goes nowhere");
     });
-    const int line = __LINE__ + 1;
+    int line = __LINE__ + 1;
     log.debug("A::a", "@0@ @1@ @2@ @3@", 1, L"w\x20AC", true, std::string("s"));
     log.info("A::b", "i");
     log.warning("A::c", "w");
@@ -73,11 +73,15 @@ TEST_F(LogTest, LinesBearTheirContext) {
 
     std::string content;
     ASSERT_TRUE(Platform::filesystem().readFile(path, content, 10000));
-    const auto at = [line](int offset) { return std::to_string(line + offset); };
-    const std::regex pattern("(\\[[0-9: .-]{23}\\] \\[rank 3\\] \\[Default\\] )");
-    EXPECT_EQ(std::regex_replace(content, pattern, "> "),
-              "> [debug] [A::a:" + at(0) + "] 1 w\xE2\x82\xAC true s\n" + "> [info] [A::b:" + at(1) +
-                  "] i\n" + "> [warning] [A::c:" + at(2) + "] w\n" + "> [error] [A::d:" + at(3) + "] e\n");
+    const auto at = [&](int offset) { return std::to_string(line + offset); };
+    // Behind the time, which is nobody's to foretell.
+    std::string lines;
+    for (const std::string& whole : StringHelper::tokenize(content, "\n"))
+        lines += whole.substr(std::min(whole.size(), std::string("[2000-01-01 00:00:00.000]").size())) + "\n";
+    const std::string head = " [rank 3] [Default] ";
+    EXPECT_EQ(lines, head + "[debug] [A::a:" + at(0) + "] 1 w\xE2\x82\xAC true s\n" + head +
+                         "[info] [A::b:" + at(1) + "] i\n" + head + "[warning] [A::c:" + at(2) + "] w\n" +
+                         head + "[error] [A::d:" + at(3) + "] e\n");
     EXPECT_FALSE(log.setFile(L"/proc/orvex/log.txt"));
 }
 

@@ -28,9 +28,12 @@ void throwFault(int signal, int code, void* address) {
 
 volatile std::uintptr_t unmapped = 64;
 
-__attribute__((noinline, no_sanitize("address", "undefined", "thread"))) void touch(std::uintptr_t address) {
+__attribute__((noinline, no_sanitize("address", "undefined", "thread"))) void store(std::uintptr_t address) {
     *reinterpret_cast<volatile int*>(address) = 1;
 }
+
+// Through a pointer that may change: no compiler may conclude that the call can't throw.
+void (*volatile touch)(std::uintptr_t) = store;
 
 } // namespace
 

@@ -10,6 +10,7 @@ namespace {
 __attribute__((noinline)) std::vector<std::string> traceHere(int& line) {
     line = __LINE__ + 1;
     auto trace = Platform::error().getStackTrace(12);
+    line += trace.empty() ? 1 : 0; // work behind the call, so that this function keeps its frame
     return trace;
 }
 
