@@ -1,5 +1,7 @@
 #pragma once
 
+#include "machine/MachineExport.h"
+
 #include <map>
 #include <string>
 
@@ -7,7 +9,7 @@
 ///
 /// Several passes walk the same line one after the other, each for the options that it owns; the record tells
 /// a later pass what earlier ones took.
-class CommandLine {
+class ORVEX_MACHINE_EXPORT CommandLine {
 public:
     /// Option word to the number of words that it uses, the option itself included.
     using Consumed = std::map<std::string, unsigned>;

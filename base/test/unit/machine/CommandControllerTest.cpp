@@ -1,0 +1,145 @@
+// The road of a command in a serial process, and the roles that CommandController refuses.
+
+#include "machine/CommandController.h"
+#include "machine/CommandAutoLock.h"
+#include "machine/Machine.h"
+
+#include "kernel/Command.h"
+#include "kernel/Controller.h"
+#include "kernel/Error.h"
+#include "kernel/Properties.h"
+#include "platform/FloatingPointErrorRecord.h"
+#include "platform/Mutex.h"
+
+#include "unit/machine/MachineTestAccess.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <thread>
+
+namespace {
+
+class CommandControllerTest : public testing::Test {
+protected:
+    void SetUp() override { MachineTestAccess::startAfresh(); }
+    void TearDown() override {
+        MachineTestAccess::playRole(Machine::SERIAL_MODE, 1, 0);
+        CommandController::getSingleton().reset();
+    }
+};
+
+/// Leaves a floating-point fault behind, and fails on top of it when told to.
+class FaultingCommand : public Command {
+public:
+    void execute(const Properties& args, Properties& response) override {
+        FloatingPointErrorRecord::set("a fault");
+        if (args.hasName("fail"))
+            throw InputError("its own error");
+        response.set("done", true);
+    }
+    std::string getName() const override { return "TestFaulting"; }
+};
+
+/// Registered once, as a command is for the life of the process.
+void registerFaultingCommand() {
+    if (!Controller::getSingleton().findCommand("TestFaulting"))
+        Controller::getSingleton().registerCommand(new FaultingCommand);
+}
+
+bool lockIsFree() {
+    bool taken = false;
+    std::thread([&taken] {
+        taken = Controller::getSingleton().getLock().tryLock();
+        if (taken)
+            Controller::getSingleton().getLock().unlock();
+    }).join();
+    return taken;
+}
+
+} // namespace
+
+TEST_F(CommandControllerTest, AFloatingPointFaultFailsTheCommandOnceAndNamesIt) {
+    registerFaultingCommand();
+    CommandController& controller = CommandController::getSingleton();
+    const auto run = [&controller](bool fail) {
+        Properties command;
+        command.set(Command::COMMAND_TAG, "TestFaulting");
+        if (fail)
+            command.set("fail", true);
+        Properties response;
+        controller.masterExecuteCommand(command, response);
+        return response;
+    };
+    const Properties faulted = run(false);
+    EXPECT_EQ(Error::getMessage(faulted),
+              "A floating point error has occurred. The following error has been logged:\n  a fault\n"
+              "Please check your usage and inputs.");
+    EXPECT_TRUE(faulted.hasName(CommandController::COMMAND_KEY));
+    EXPECT_FALSE(faulted.hasName(CommandController::RANK_KEY));
+    EXPECT_EQ(Error::getMessage(run(true)), "its own error");
+    // The record is gone with the error that told it.
+    Properties next;
+    Properties answer;
+    next.set(Command::COMMAND_TAG, "ExitCommandLoop");
+    EXPECT_TRUE(controller.masterExecuteCommand(next, answer)) << answer.toString();
+}
+
+TEST_F(CommandControllerTest, WorkersMayNotExecuteCommandsThemselves) {
+    CommandController& controller = CommandController::getSingleton();
+    MachineTestAccess::playRole(Machine::WORKER_MODE, 2, 1);
+    Properties response;
+    const std::vector<std::function<void()>> calls = {
+        [&] { controller.masterExecuteCommand(Properties(), response); },
+        [&] { controller.masterExecuteRestoreState(L"a.sim"); }, [&] { controller.releaseWorkers(); }};
+    for (const auto& call : calls) {
+        try {
+            call();
+            ADD_FAILURE();
+        } catch (const InternalError& error) {
+            EXPECT_STREQ(
+                error.what(),
+                "Only Serial or Controller process can execute Commands outside of listen/execute loop");
+            EXPECT_EQ(error.getProperties().getString("Condition"),
+                      "Machine::isSerial() || Machine::isMaster()");
+        }
+    }
+}
+
+TEST_F(CommandControllerTest, ASessionCantBeRestoredWithoutAModuleThatKnowsHow) {
+    try {
+        CommandController::getSingleton().masterExecuteRestoreState(L"a.sim");
+        ADD_FAILURE();
+    } catch (const NonRecoverableError& error) {
+        EXPECT_EQ(std::string(error.what()).find("Simulation file could not be loaded: "), 0u);
+        EXPECT_NE(std::string(error.what()).find("RestoreState"), std::string::npos);
+    }
+}
+
+TEST_F(CommandControllerTest, TheQueueOfASerialProcessIsRunAndLeft) {
+    registerFaultingCommand();
+    CommandController::getSingleton().processQueuedCommands();
+    int answers = 0;
+    Properties command;
+    command.set(Command::COMMAND_TAG, "TestFaulting");
+    command.set("fail", true);
+    for (int i = 0; i < 2; ++i)
+        Controller::getSingleton().enqueue({command, "a test", [&answers](const Properties& response) {
+                                                answers += Error::getMessage(response) == "its own error";
+                                            }});
+    CommandController::getSingleton().processQueuedCommands();
+    EXPECT_EQ(answers, 2);
+    EXPECT_FALSE(Controller::getSingleton().hasQueuedCommands());
+}
+
+TEST_F(CommandControllerTest, TheAutoLockHoldsTheControllerButNotOnAWorker) {
+    EXPECT_TRUE(lockIsFree());
+    {
+        const CommandAutoLock lock;
+        EXPECT_FALSE(lockIsFree());
+    }
+    EXPECT_TRUE(lockIsFree());
+    MachineTestAccess::playRole(Machine::WORKER_MODE, 2, 1);
+    const CommandAutoLock lock;
+    EXPECT_TRUE(lockIsFree());
+}

@@ -1,0 +1,108 @@
+#pragma once
+
+#include "machine/CommandLine.h"
+#include "machine/GlobalFloatingPointExceptionStatus.h"
+#include "machine/Machine.h"
+#include "machine/MachineHost.h"
+#include "machine/ParameterInitialValues.h"
+#include "machine/ServerHostOptions.h"
+
+#include "kernel/FpeAgnosticMode.h"
+#include "kernel/Properties.h"
+#include "kernel/SignalHandler.h"
+
+#include <string>
+#include <vector>
+
+/// What tests of the machine do that a program can't: play a role, run one step of main(), start afresh.
+class MachineTestAccess {
+public:
+    /// A process that hasn't entered Machine::main() yet.
+    static void startAfresh() {
+        Machine::_host = (delete Machine::_host, nullptr);
+        delete Machine::_singleton;
+        playRole(Machine::SERIAL_MODE, 1, 0);
+        Machine::_threaded = true;
+        Machine::_useInternalBinding = true;
+        Machine::_cpuBindingPolicy = BANDWIDTH_BINDING;
+        Machine::_cpuBindingContentionTest = true;
+        Machine::_threadBindingAttributes = 0;
+        Machine::_printpids = false;
+        Machine::_iodebug = 0;
+        Machine::_isProxyServer = false;
+        Machine::_isProxySessionDaemon = false;
+        ParameterInitialValues::reset();
+        FpeAgnosticMode::deactivate();
+        SignalHandler::setCatchFpeSignals(false);
+    }
+
+    static void playRole(Machine::SerialParallelMode mode, unsigned nProcesses, unsigned rank) {
+        Machine::_serialParallelMode = mode;
+        Machine::_np = nProcesses;
+        Machine::_partition = rank;
+    }
+
+    static unsigned getSerialCriticalLock() { return Machine::_serialCriticalLock; }
+    static void setPrintpids(bool on) { Machine::_printpids = on; }
+    static void setExecutableName(const std::string& name) { Machine::_executableName = name; }
+    /// As the Controller does it when a signal interrupts the code.
+    static void tellSignalRaised() {
+        Properties signal;
+        Machine::getSingleton()._signalRaisedObserver.update(signal);
+    }
+    static AssertNoFpeAccessKey assertNoFpeKey() { return {}; }
+
+    static bool isThreaded() { return Machine::_threaded; }
+    static bool usesInternalBinding() { return Machine::_useInternalBinding; }
+    static CpuBindingPolicy getCpuBindingPolicy() { return Machine::_cpuBindingPolicy; }
+    static bool deletesOnExit() { return Machine::getSingleton()._deleteOnExit; }
+    static bool isUsageDisabled() { return Machine::getSingleton()._usageDisabled; }
+    static bool getDevErrorChecking() { return Machine::getSingleton()._devErrorChecking; }
+    static const char* driverModuleName(const std::string& driver) {
+        return Machine::driverModuleName(driver);
+    }
+    static void setProcessFileName(const std::string& name) {
+        Machine::getSingleton()._processFileName = name;
+    }
+
+    /// The steps of main(). The words stand behind the program's name.
+    static void startCommunicators(std::vector<std::string> words, CommandLine::Consumed& consumed) {
+        Line line(words);
+        Machine::getSingleton().startCommunicators(line.argc, &line.argv, consumed);
+    }
+    static void parseCommonArgvs(std::vector<std::string> words, CommandLine::Consumed& consumed) {
+        Line line(words);
+        Machine::getSingleton().parseCommonArgvs(line.argc, line.argv, consumed);
+    }
+    static void scanForDesignFlags(std::vector<std::string> words) {
+        Line line(words);
+        Machine::getSingleton().scanForDesignFlags(line.argc, line.argv);
+    }
+    static void runRole(std::vector<std::string> words) {
+        Line line(words);
+        CommandLine::Consumed consumed;
+        Machine::getSingleton().runRole(line.argc, line.argv, consumed);
+    }
+    static void settleSessionFile(const std::wstring& name, bool createNew) {
+        Machine::getSingleton().settleSessionFile(name, createNew);
+    }
+    static void writeProcessFile() { Machine::getSingleton().writeProcessFile(); }
+    static void startParallelErrorHandler() { Machine::getSingleton().startParallelErrorHandler(); }
+
+private:
+    /// The words as a program gets them: the name first, null behind the last.
+    struct Line {
+        explicit Line(std::vector<std::string>& words) {
+            pointers.push_back(name.data());
+            for (std::string& word : words)
+                pointers.push_back(word.data());
+            argc = static_cast<int>(pointers.size());
+            pointers.push_back(nullptr);
+            argv = pointers.data();
+        }
+        std::string name = "orvexsim";
+        std::vector<char*> pointers;
+        int argc;
+        char** argv;
+    };
+};
