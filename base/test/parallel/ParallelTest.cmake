@@ -23,7 +23,7 @@ if(ORVEX_SANITIZER)
   set(ORVEX_TEST_PATIENCE 4)
 endif()
 
-set(ORVEX_RUN_RANKS ${CMAKE_CURRENT_SOURCE_DIR}/../support/run-ranks.py)
+set(ORVEX_RUN_RANKS ${CMAKE_CURRENT_LIST_DIR}/../support/run-ranks.py)
 
 # orvex_add_parallel_run(<name> COMMAND <program> <argument>... RANKS <count>...
 #                        [SECONDS <for one launch>] [EXPECT <regular expression>...] [MPI <launcher's driver>...]

@@ -1,13 +1,15 @@
 #!/usr/bin/env python3
 """Runs a program as a job of one MPI, once for each rank count, and cleans up behind it.
 
-    run-ranks.py --mpi openmpi4 --launcher PATH --ranks 1,2,3 [--seconds 60] [--expect REGEX]... -- PROGRAM [ARG...]
+    run-ranks.py --mpi openmpi4 --launcher PATH --ranks 1,2,3 [--seconds 60] [--bind] [--expect REGEX]...
+                 [--driver NAME] -- PROGRAM [ARG...]
 
 The program gets "-mpi" and the driver's name behind its own arguments ({mpi} in an argument becomes that name).
 Without --expect each run must end with exit value 0. With it each run must fail, and its output must hold each of
 the expressions. A run that takes longer than its seconds is ended with all its processes and has failed.
 """
 import argparse
+import ctypes
 import os
 import pathlib
 import re
@@ -27,18 +29,25 @@ def parse_arguments():
     parser.add_argument("--ranks", required=True, type=lambda text: [int(n) for n in text.split(",")])
     parser.add_argument("--seconds", type=float, default=60.0)
     parser.add_argument("--expect", action="append", default=[])
+    parser.add_argument("--bind", action="store_true", help="each rank to a processor of its own")
     parser.add_argument("--driver", help="the driver's name if it isn't the launcher's own")
     parser.add_argument("program", nargs="+")
     return parser.parse_args()
 
 
-def launcher_command(mpi, launcher, ranks):
+def launcher_command(mpi, launcher, ranks, bind):
     if mpi == "mpich2":
-        return [launcher, "-n", str(ranks)]
-    command = [launcher, "--oversubscribe", "--bind-to", "none"]
+        return [launcher, *(["-bind-to", "core"] if bind else []), "-n", str(ranks)]
+    command = [launcher, *(["--bind-to", "core"] if bind else ["--oversubscribe", "--bind-to", "none"])]
     if os.geteuid() == 0:
         command.append("--allow-run-as-root")
     return command + ["-np", str(ranks)]
+
+
+def end_with_parent():
+    """Runs in the launcher's process: whoever kills this script, even by force, must not leave a job behind."""
+    PR_SET_PDEATHSIG = 1
+    ctypes.CDLL(None).prctl(PR_SET_PDEATHSIG, signal.SIGTERM)
 
 
 def marked_processes(mark):
@@ -75,17 +84,18 @@ def run(arguments, ranks):
     """One job; returns what is wrong with it, or None."""
     driver = arguments.driver or arguments.mpi
     mark = uuid.uuid4().hex
-    command = launcher_command(arguments.mpi, arguments.launcher, ranks)
+    command = launcher_command(arguments.mpi, arguments.launcher, ranks, arguments.bind)
     command += [argument.replace("{mpi}", driver) for argument in arguments.program] + ["-mpi", driver]
     start = time.monotonic()
     process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
-                               env=dict(os.environ, **{MARK: mark}), start_new_session=True)
+                               env=dict(os.environ, **{MARK: mark}), start_new_session=True, preexec_fn=end_with_parent)
     try:
         output, _ = process.communicate(timeout=arguments.seconds)
         value = process.returncode
     except subprocess.TimeoutExpired:
         value = None
-    left = end_processes(mark)
+    finally:
+        left = end_processes(mark)
     if value is None:
         process.kill()
         output, _ = process.communicate()
@@ -104,6 +114,7 @@ def run(arguments, ranks):
 
 def main():
     arguments = parse_arguments()
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))
     failures = []
     for ranks in arguments.ranks:
         failure = run(arguments, ranks)
