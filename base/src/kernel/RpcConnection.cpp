@@ -5,6 +5,8 @@
 
 #include <asio/post.hpp>
 
+#include <utility>
+
 namespace {
 
 constexpr std::size_t KEPT_CAPACITY = std::size_t(256) << 10; ///< [bytes] of an idle send buffer
@@ -125,16 +127,17 @@ void RpcConnection::sendNotice(std::string_view notification, std::size_t lines)
 }
 
 void RpcConnection::noteLoss() {
-    if (_lostLines == 0 || backlog() > _limits.consoleBacklog / 2)
+    if (_lostLines == 0)
         return;
-    const std::string params = "{\"lines\":" + std::to_string(_lostLines) + "}";
-    _lostLines = 0;
+    const std::string params = "{\"lines\":" + std::to_string(std::exchange(_lostLines, 0)) + "}";
     append(RpcMessage::notification("server.consoleLost", params), false);
 }
 
 void RpcConnection::append(std::string_view text, bool answer) {
     if (_broken)
         return;
+    if (answer)
+        noteLoss(); // at its place: before what comes after the loss
     if (backlog() == 0)
         _lastProgress = Clock::now();
     _out.append(text);
@@ -193,7 +196,8 @@ void RpcConnection::onWritable() {
     {
         const std::lock_guard lock(_mutex);
         writeOut();
-        noteLoss();
+        if (backlog() <= _limits.consoleBacklog / 2)
+            noteLoss();
         broken = _broken;
         again = _watching = backlog() > 0;
         resume = _paused && !isBlocked();
