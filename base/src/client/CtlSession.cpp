@@ -134,6 +134,25 @@ void CtlSession::show(const std::string& text) {
         afterText();
 }
 
+/// For people who wait: a line when a task has come a tenth further.
+void CtlSession::showProgress(const Properties& progress) {
+    if (!Platform::io().isTerminal(Platform::io().getDescriptor(stderr)))
+        return;
+    const std::string task = progress.getString("Task");
+    const long percent = std::lround(100.0 * progress.getReal("Progress"));
+    const std::string state = progress.getString("State");
+    if (task == _shownTask && state == _shownState && percent < _shownPercent + 10)
+        return;
+    _shownTask = task;
+    _shownState = state;
+    _shownPercent = percent;
+    const std::string message = progress.getString("Message");
+    std::ostringstream text;
+    text << "[" << task << ": " << percent << " % " << state << (message.empty() ? "" : ", ") << message
+         << "]\n";
+    show(text.str());
+}
+
 void CtlSession::onNotification(const std::string& method, std::string_view params) {
     const Properties values(params);
     if (method == "server.abort") {
@@ -150,9 +169,8 @@ void CtlSession::onNotification(const std::string& method, std::string_view para
     else if (method == "server.consoleLost")
         text << "[" << values.getLong("lines") << " lines of output were lost]\n";
     else if (method == "server.progress") {
-        const std::string message = values.getString("Message");
-        text << "[" << values.getString("Task") << ": " << std::lround(100.0 * values.getReal("Progress"))
-             << " % " << values.getString("State") << (message.empty() ? "" : ", ") << message << "]\n";
+        showProgress(values);
+        return;
     } else if (method == "server.stopping")
         text << "[the server stops]\n";
     show(text.str());

@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+class Properties;
+
 /// The session that the options choose, and the connection to it. Shows what the server tells unasked.
 class CtlSession {
 public:
@@ -41,9 +43,13 @@ private:
     SessionRecord choose() const;
     void onNotification(const std::string& method, std::string_view params);
     void show(const std::string& text);
+    void showProgress(const Properties& progress);
 
     const CtlOptions& _options;
     RpcClient _client;
     SessionRecord _record;
     std::map<std::string, Help> _help;
+    std::string _shownTask; ///< what of its progress was shown last
+    std::string _shownState;
+    long _shownPercent = 0;
 };

@@ -107,9 +107,11 @@ private:
         }
     }
 
-    /// A text of several lines stays in its column.
+    /// A text of several lines stays in its column. A line end at its end counts for nothing.
     void lines(const std::string& head, std::string_view text, std::size_t column) {
         _stream << head;
+        if (text.ends_with('\n'))
+            text.remove_suffix(1);
         for (char c : text) {
             _stream << c;
             if (c == '\n')
