@@ -269,8 +269,6 @@ std::unique_ptr<OS::Process::ProcessHandle> Process::startAndExpect(const std::v
                                   timeLimit < 0.0 ? -1.0 : std::max(0.0, end - time().getTime()));
         if (n < 0)
             break;
-        if (n > 0 && verbose)
-            io().write(STDOUT_FILENO, buffer, static_cast<std::size_t>(n)); // a lost echo fails nothing
         if (n > 0 && line.take(buffer, static_cast<std::size_t>(n), captured))
             break;
     }

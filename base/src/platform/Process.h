@@ -59,9 +59,9 @@ public:
                                                       const StartOptions& options);
 
     /// Starts a child and waits until a line of its output holds `expected`, until it closes its output, or
-    /// for `timeLimit` seconds. Afterwards its output is read and dropped (with `verbose`: printed).
+    /// for `timeLimit` seconds. What it prints afterwards is read and dropped, with `verbose` printed
+    /// on our standard output.
     /// @param captured  gets the output up to the line that holds `expected`, or whatever came
-    /// @param verbose   also prints that output on our standard output while it comes
     /// @return null when the child could not be started: then `captured` says why
     std::unique_ptr<OS::Process::ProcessHandle> startAndExpect(const std::vector<std::wstring>& command,
                                                                const std::string& expected,

@@ -14,6 +14,7 @@
 #include <set>
 #include <system_error>
 #include <thread>
+#include <ucontext.h>
 #include <unistd.h>
 #include <utility>
 
@@ -52,7 +53,22 @@ void onWatched(int signal) {
     errno = error;
 }
 
-void onFault(int signal, siginfo_t* info, void*) {
+/// The system enters a handler with the default floating-point environment. Should an exception leave it, the
+/// thread goes on with the modes that it had: rounding, and the traps that are on.
+void resumeFloatingPointModes([[maybe_unused]] const void* context) {
+#if defined(__x86_64__)
+    constexpr unsigned STATUS = 0x3F;
+    const auto* registers = static_cast<const ucontext_t*>(context)->uc_mcontext.fpregs;
+    if (registers == nullptr)
+        return;
+    const unsigned modes = registers->mxcsr & ~STATUS;
+    const unsigned short control = registers->cwd;
+    asm volatile("ldmxcsr %0\n\tfldcw %1" : : "m"(modes), "m"(control));
+#endif
+}
+
+void onFault(int signal, siginfo_t* info, void* context) {
+    resumeFloatingPointModes(context);
     if (const auto callback = faultCallbacks[signal].load())
         callback(signal, info->si_code, info->si_addr);
     // Behind this handler a fault strikes again and finds the default course; what another process sent

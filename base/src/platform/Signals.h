@@ -34,8 +34,9 @@ public:
     void unwatch();
 
     /// Calls `callback` on the faulting thread, within the handler, with the signal unblocked: it may throw,
-    /// and the exception passes through code compiled for that. When it returns, the fault takes the
-    /// system's default course. A fault within the callback comes to the callback again.
+    /// and the exception passes through code compiled for that; the thread's floating-point modes and traps
+    /// stay, its floating-point status is clear. When it returns, the fault takes the system's default
+    /// course. A fault within the callback comes to the callback again.
     /// @throw std::system_error when the system refuses
     void installFaultHandler(const std::vector<int>& signals, FaultCallback callback);
     /// The system's default course for these signals; with an empty list for all that were installed here.

@@ -2,6 +2,7 @@
 
 #include "platform/Io.h"
 
+#include <csignal>
 #include <cstdint>
 #include <cstdlib>
 #include <cxxabi.h>
@@ -9,7 +10,9 @@
 #include <link.h>
 #include <memory>
 #include <mutex>
+#include <pthread.h>
 #include <sstream>
+#include <unistd.h>
 #include <unwind.h>
 
 // libbacktrace, told here since its header lies in a folder that only g++ looks into.
@@ -147,6 +150,45 @@ std::string describe(const void* frame) {
     return text.str();
 }
 
+/// Ends the process when the scope lasts too long, by the alarm's default course.
+class EndOfPatience {
+public:
+    EndOfPatience() {
+        constexpr unsigned PATIENCE = 20; // [s] debug information of large programs takes a while
+        struct sigaction action {};
+        action.sa_handler = SIG_DFL;
+        sigset_t set;
+        ::sigemptyset(&set);
+        ::sigaddset(&set, SIGALRM);
+        // None of these fails for a signal that exists.
+        ::sigaction(SIGALRM, &action, &_actionBefore);
+        ::pthread_sigmask(SIG_UNBLOCK, &set, &_maskBefore);
+        _alarmBefore = ::alarm(PATIENCE);
+    }
+    EndOfPatience(const EndOfPatience&) = delete;
+    EndOfPatience& operator=(const EndOfPatience&) = delete;
+    ~EndOfPatience() {
+        ::alarm(_alarmBefore);
+        ::pthread_sigmask(SIG_SETMASK, &_maskBefore, nullptr);
+        ::sigaction(SIGALRM, &_actionBefore, nullptr);
+    }
+
+private:
+    struct sigaction _actionBefore {};
+    sigset_t _maskBefore{};
+    unsigned _alarmBefore = 0;
+};
+
+/// Without memory or locks: whatever happens later, addr2line can make names of it.
+void writeAddress(int descriptor, const void* frame) {
+    char line[2 + 2 + 2 * sizeof(std::uintptr_t) + 1] = {' ', ' ', '0', 'x'};
+    auto rest = reinterpret_cast<std::uintptr_t>(frame);
+    for (std::size_t i = sizeof line - 2; i >= 4; --i, rest >>= 4)
+        line[i] = "0123456789abcdef"[rest & 0xF];
+    line[sizeof line - 1] = '\n';
+    io().write(descriptor, line, sizeof line); // nobody to tell of a failure
+}
+
 } // namespace
 
 [[gnu::noinline]] std::size_t StackTracer::capture(const void** frames, std::size_t maxFrames,
@@ -174,6 +216,9 @@ std::vector<std::string> StackTracer::resolve(const void* const* frames, std::si
     constexpr std::size_t MOST = 256;
     const void* frames[MOST];
     const std::size_t count = capture(frames, maxFrames < MOST ? maxFrames : MOST, 1);
+    for (std::size_t i = 0; i < count; ++i)
+        writeAddress(descriptor, frames[i]);
+    const EndOfPatience patience;
     for (std::size_t i = 0; i < count; ++i) {
         // Line by line: when a later frame can't be described, the earlier ones are out.
         const std::string line = "  " + describe(frames[i]) + "\n";

@@ -22,7 +22,9 @@ public:
     /// capture() and resolve() of up to `maxFrames` frames, the caller's first.
     std::vector<std::string> getStackTrace(std::size_t maxFrames = 64) const;
     /// Writes the trace of the calling thread to `descriptor` with as little help from the rest of the
-    /// process as possible: for faults.
+    /// process as possible: for a process that ends by a fault. Addresses come first, then names. Should
+    /// looking them up never end (the fault may have struck while the heap was locked), the process ends
+    /// after 20 seconds.
     void writeStackTrace(int descriptor, std::size_t maxFrames = 64) const;
 };
 
