@@ -148,6 +148,8 @@ struct TracedCall {
         line.add("%s(", name);
         ArgumentWriter writer(line, argumentNames);
         (writer.input(arguments), ...);
+        if (std::string_view(name) == "Abort")
+            TraceLine(line).write(); // there will be no time after it
         const Clock::time_point start = Clock::now();
         const int result = function(arguments...);
         const std::chrono::duration<double, std::micro> elapsed = Clock::now() - start;

@@ -40,6 +40,12 @@ TEST(Canary, throwsOnTheLastRankWhileTheOthersWait) {
     EXPECT_EQ(OXM_MPI_Barrier(OXM_MPI_COMM_WORLD), OXM_MPI_SUCCESS);
 }
 
+TEST(Canary, abortsOnTheLastRank) {
+    if (isLast())
+        OXM_MPI_Abort(OXM_MPI_COMM_SELF, 32); // doesn't come back
+    EXPECT_EQ(OXM_MPI_Barrier(OXM_MPI_COMM_WORLD), OXM_MPI_SUCCESS);
+}
+
 TEST(Canary, diesOnTheLastRank) {
     if (isLast())
         std::_Exit(3);

@@ -27,11 +27,12 @@ set(ORVEX_RUN_RANKS ${CMAKE_CURRENT_LIST_DIR}/../support/run-ranks.py)
 
 # orvex_add_parallel_run(<name> COMMAND <program> <argument>... RANKS <count>...
 #                        [SECONDS <for one launch>] [EXPECT <regular expression>...] [MPI <launcher's driver>...]
-#                        [DRIVER <driver's name>])
+#                        [EXIT_VALUE <number>] [DRIVER <driver's name>])
 # One test for each MPI, "parallel.<name>.<mpi>": the program is launched once with each rank count, with
-# "-mpi <mpi>" behind its arguments. With EXPECT each launch has to fail, with these words in its output.
+# "-mpi <mpi>" behind its arguments. With EXPECT each launch has to fail, with these words in its output; with
+# EXIT_VALUE the launcher has to end with that.
 function(orvex_add_parallel_run name)
-  cmake_parse_arguments(ARG "" "SECONDS;DRIVER" "COMMAND;RANKS;EXPECT;MPI" ${ARGN})
+  cmake_parse_arguments(ARG "" "SECONDS;DRIVER;EXIT_VALUE" "COMMAND;RANKS;EXPECT;MPI" ${ARGN})
   if(NOT ARG_SECONDS)
     set(ARG_SECONDS 60)
   endif()
@@ -46,6 +47,9 @@ function(orvex_add_parallel_run name)
   foreach(expression ${ARG_EXPECT})
     list(APPEND options --expect ${expression})
   endforeach()
+  if(ARG_EXIT_VALUE)
+    list(APPEND options --exit-value ${ARG_EXIT_VALUE})
+  endif()
   if(ARG_DRIVER)
     list(APPEND options --driver ${ARG_DRIVER})
   endif()

@@ -2,11 +2,11 @@
 """Runs a program as a job of one MPI, once for each rank count, and cleans up behind it.
 
     run-ranks.py --mpi openmpi4 --launcher PATH --ranks 1,2,3 [--seconds 60] [--bind] [--expect REGEX]...
-                 [--driver NAME] -- PROGRAM [ARG...]
+                 [--exit-value N] [--driver NAME] -- PROGRAM [ARG...]
 
 The program gets "-mpi" and the driver's name behind its own arguments ({mpi} in an argument becomes that name).
-Without --expect each run must end with exit value 0. With it each run must fail, and its output must hold each of
-the expressions. A run that takes longer than its seconds is ended with all its processes and has failed.
+Each run must end with exit value 0; with --exit-value, with that; with --expect, with any other than 0. The output
+must hold each of the expected expressions. A run that takes longer than its seconds is ended with all its processes and has failed.
 """
 import argparse
 import ctypes
@@ -29,6 +29,7 @@ def parse_arguments():
     parser.add_argument("--ranks", required=True, type=lambda text: [int(n) for n in text.split(",")])
     parser.add_argument("--seconds", type=float, default=60.0)
     parser.add_argument("--expect", action="append", default=[])
+    parser.add_argument("--exit-value", type=int, help="what the launcher has to end with")
     parser.add_argument("--bind", action="store_true", help="each rank to a processor of its own")
     parser.add_argument("--driver", help="the driver's name if it isn't the launcher's own")
     parser.add_argument("program", nargs="+")
@@ -104,9 +105,10 @@ def run(arguments, ranks):
     print(text, flush=True)
     if value is None:
         return f"didn't end within {arguments.seconds:g} s; {left} processes were ended"
-    if not arguments.expect:
-        return f"exit value {value}" if value else None
-    if value == 0:
+    expected = arguments.exit_value if arguments.exit_value is not None else None if arguments.expect else 0
+    if expected is not None and value != expected:
+        return f"exit value {value}, expected {expected}"
+    if expected is None and value == 0:
         return "exit value 0, a failure was expected"
     missing = [expression for expression in arguments.expect if not re.search(expression, text, re.M)]
     return f"the output has no {missing}" if missing else None
