@@ -11,14 +11,14 @@
 #include "platform/Signals.h"
 #include "platform/StackTracer.h"
 #include "platform/StringHelper.h"
-#include "platform/Thread.h"
 #include "platform/Time.h"
 
 #include <atomic>
 #include <csignal>
 #include <cstdlib>
+#include <deque>
 #include <exception>
-#include <memory>
+#include <mutex>
 #include <sstream>
 #include <string>
 #include <utility>
@@ -39,7 +39,7 @@ enum class FaultState { NONE, HANDLING, ENDING };
 constinit thread_local FaultState faultState __attribute__((tls_model("initial-exec"))) = FaultState::NONE;
 
 bool installed = false;
-/// What it pointed to before is never freed: a fault may be about to call it.
+/// What it pointed to before stays alive: a fault may be about to call it.
 std::atomic<const std::function<void()>*> abortCallback{nullptr};
 std::atomic<bool> processEnds{false};
 std::terminate_handler terminateBefore = nullptr;
@@ -141,12 +141,6 @@ void tellObservers(Properties properties) {
     }
 }
 
-/// The system gives a handler a clean floating-point environment, and an exception takes that along.
-void restoreTraps(bool isTrap) {
-    if (SignalHandler::_catchFpeSignals && (isTrap || Thread::isMain()))
-        SignalHandler::setCatchFpeSignals(true);
-}
-
 /// Turns the fault into an error on this thread.
 void onFault(int signal, int code, void* address) {
     if (code == SI_USER || code == SI_QUEUE)
@@ -159,7 +153,6 @@ void onFault(int signal, int code, void* address) {
     const bool isTrap = isFloatingPointTrap(signal, text);
     const Properties properties = describeFault(signal, text, address);
     tellObservers(properties);
-    restoreTraps(isTrap);
     watchTerminate();
     watchdog.disarm();
     faultState = FaultState::NONE;
@@ -201,7 +194,10 @@ void SignalHandler::uninstall() {
 }
 
 void SignalHandler::setAbortCallback(std::function<void()> callback) {
-    abortCallback.store(callback ? new std::function<void()>(std::move(callback)) : nullptr);
+    static std::mutex mutex;
+    static auto* const all = new std::deque<std::function<void()>>;
+    const std::lock_guard guard(mutex);
+    abortCallback.store(callback ? &all->emplace_back(std::move(callback)) : nullptr);
 }
 
 void SignalHandler::setStopCallback(std::function<void(int signal)> callback) {

@@ -8,6 +8,7 @@
 #include "platform/Process.h"
 #include "platform/Semaphore.h"
 #include "platform/StringHelper.h"
+#include "unit/kernel/Sanitizers.h"
 
 #include <gtest/gtest.h>
 
@@ -26,18 +27,6 @@ __attribute__((noinline, no_sanitize("address", "undefined"))) void touchNowhere
 }
 __attribute__((noinline, no_sanitize("undefined"))) void divide(double x) {
     quotient = x / zero;
-}
-
-/// The thread sanitizer stands between a signal and its thread: no error passes there.
-bool faultsCanPass() {
-#if defined(__SANITIZE_THREAD__)
-    return false;
-#elif defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-    return false;
-#endif
-#endif
-    return true;
 }
 
 class FaultyCommand : public Command {
@@ -78,7 +67,7 @@ Platform::Process::RunResult runProbe(const wchar_t* how) {
 } // namespace
 
 TEST(SignalHandler, AFaultInACommandIsItsError) {
-    if (!faultsCanPass())
+    if (!Sanitizers::PASSES_FAULTS)
         GTEST_SKIP();
     SignalHandler::install();
     SignalHandler::install();
@@ -107,7 +96,7 @@ TEST(SignalHandler, AFaultInACommandIsItsError) {
 }
 
 TEST(SignalHandler, TrapsAreOnWhenAskedFor) {
-    if (!faultsCanPass())
+    if (!Sanitizers::PASSES_FAULTS)
         GTEST_SKIP();
     EXPECT_FALSE(SignalHandler::_catchFpeSignals);
     EXPECT_FALSE(Error::isErrorIn(runFaulty([] { divide(1.0); })));
@@ -129,7 +118,7 @@ TEST(SignalHandler, TrapsAreOnWhenAskedFor) {
 }
 
 TEST(SignalHandler, ATrapIsAnnounced) {
-    if (!faultsCanPass())
+    if (!Sanitizers::PASSES_FAULTS)
         GTEST_SKIP();
     static int announced;
     announced = 0;
@@ -144,7 +133,7 @@ TEST(SignalHandler, ATrapIsAnnounced) {
 }
 
 TEST(SignalHandler, WhatCannotPassEndsTheProcess) {
-    if (!faultsCanPass())
+    if (!Sanitizers::PASSES_FAULTS)
         GTEST_SKIP();
     const struct {
         const wchar_t* how;
