@@ -5,18 +5,21 @@
 #include "kernel/Properties.h"
 #include "kernel/Raise.h"
 #include "kernel/Task.h"
+#include "machine/GlobalErrorCheck.h"
 #include "machine/Machine.h"
 
 #include <algorithm>
 #include <cmath>
 #include <iostream>
+#include <new>
+#include <optional>
 #include <sstream>
 
 namespace {
 
-/// Each rank holds five values for a point. [points]
-constexpr unsigned long long MAX_POINTS = 1ULL << 28;
-constexpr unsigned MAX_POINTS_ALONG_AXIS = 1u << 20;
+/// A point takes five values of 8 bytes. [points]
+constexpr unsigned long long MAX_POINTS = 1ULL << 24;
+constexpr unsigned MAX_POINTS_ALONG_AXIS = 1u << 16;
 
 /// The arguments, checked.
 struct Input {
@@ -154,15 +157,23 @@ SolveHeatConduction::SolveHeatConduction()
 
 void SolveHeatConduction::execute(const Properties& args, Properties& response) {
     const Input input(args);
-    HeatConduction plate(input.nx, input.ny,
-                         Machine::isParallel() ? &Machine::globalCommunicator() : nullptr);
+    Communicator* const ranks = Machine::isParallel() ? &Machine::globalCommunicator() : nullptr;
+    std::optional<HeatConduction> plate;
+    try {
+        plate.emplace(input.nx, input.ny, ranks);
+    } catch (const std::bad_alloc&) {
+        plate.reset();
+    }
+    ORVEX_GLOBAL_CHECK(plate.has_value(), GlobalCondition::ON_ALL,
+                       SystemError("There isn't enough memory for a grid of " + std::to_string(input.nx) +
+                                   " by " + std::to_string(input.ny) + " points"));
     Progress progress(input);
     const HeatConduction::Result result =
-        plate.solve(input.tolerance, input.maxIterations,
-                    [&](unsigned iteration, double residual) { return progress.tell(iteration, residual); });
+        plate->solve(input.tolerance, input.maxIterations,
+                     [&](unsigned iteration, double residual) { return progress.tell(iteration, residual); });
     if (result.cancelled)
         raise(RecoverableError("The heat conduction was cancelled after " +
                                    std::to_string(result.iterations) + " iterations",
                                Error::RECOVERABLE_SEVERITY, Properties(), Error::DEFAULT_ERROR_TYPE, true));
-    answer(input, plate.getBlock(), result, response);
+    answer(input, plate->getBlock(), result, response);
 }
