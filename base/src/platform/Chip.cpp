@@ -4,6 +4,7 @@
 #include "platform/StringHelper.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdlib>
 #include <sstream>
 #include <sys/utsname.h>
@@ -55,7 +56,8 @@ void readProcessorPage(Facts& facts) {
         if ((key == "model name" || key == "Model") && facts.model == "unknown")
             facts.model = value;
         else if (key == "cpu MHz")
-            facts.clock = std::max(facts.clock, static_cast<int>(std::strtod(value.c_str(), nullptr) + 0.5));
+            facts.clock =
+                std::max(facts.clock, static_cast<int>(std::lround(std::strtod(value.c_str(), nullptr))));
     }
 }
 

@@ -95,7 +95,8 @@ DynamicLibrary::LoadResult DynamicLibrary::load(const std::string& name, Visibil
             return result;
         }
         const std::string reason = getReason(candidate);
-        result.error += "\n  " + candidate + (isPath ? ": " : " (search path of the loader): ") + reason;
+        result.error.append("\n  ").append(candidate);
+        result.error.append(isPath ? ": " : " (search path of the loader): ").append(reason);
         // A file that is there but can't be loaded is the one that was meant: another would be a surprise.
         if (isPath && ::access(candidate.c_str(), F_OK) == 0)
             break;

@@ -7,10 +7,10 @@
 /// A lock that the thread which holds it may take again; it is free when released as often.
 class ORVEX_PLATFORM_EXPORT Mutex {
 public:
-    Mutex();
+    Mutex() = default;
     Mutex(const Mutex&) = delete;
     Mutex& operator=(const Mutex&) = delete;
-    ~Mutex();
+    ~Mutex() = default;
 
     void lock() { _mutex.lock(); }
     bool tryLock() { return _mutex.try_lock(); }

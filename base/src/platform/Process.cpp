@@ -20,8 +20,6 @@
 #include <system_error>
 #include <unistd.h>
 
-extern char** environ;
-
 namespace Platform {
 
 namespace {
@@ -113,7 +111,7 @@ std::vector<std::string> mergeEnvironment(const std::vector<std::pair<std::strin
     std::vector<std::string> result;
     result.reserve(values.size());
     for (const auto& [name, value] : values)
-        result.push_back(name + "=" + value);
+        result.emplace_back(name).append("=").append(value);
     return result;
 }
 

@@ -134,7 +134,7 @@ void startThread(Setup& setup) {
 
 } // namespace
 
-void Signals::watch(const std::vector<int>& signals, WatchCallback callback) {
+void Signals::watch(const std::vector<int>& signals, const WatchCallback& callback) {
     Setup& setup = getSetup();
     const std::lock_guard lock(setup.mutex);
     startThread(setup);

@@ -28,7 +28,7 @@ public:
     /// Tells `callback` of each of these signals, on a thread of its own and not in a handler, so that it may
     /// do anything but throw. A later watch replaces the callback of an earlier one for the same signals. Any
     /// thread. @throw std::system_error when the system refuses
-    void watch(const std::vector<int>& signals, WatchCallback callback);
+    void watch(const std::vector<int>& signals, const WatchCallback& callback);
     /// Ends all watching: the dispositions from before come back and the thread ends. When this returns no
     /// callback runs, unless it is called from one.
     void unwatch();

@@ -56,7 +56,8 @@ _Unwind_Reason_Code takeFrame(_Unwind_Context* context, void* data) {
     }
     if (capture.count == capture.maxFrames)
         return _URC_END_OF_STACK;
-    capture.frames[capture.count++] = reinterpret_cast<const void*>(address);
+    capture.frames[capture.count++] =
+        reinterpret_cast<const void*>(address); // NOLINT: what the unwinder tells
     return _URC_NO_REASON;
 }
 
@@ -134,7 +135,7 @@ std::string describe(const void* frame) {
             ::backtrace_syminfo(state, pc, takeSymbol, ignoreError, &place);
     }
     Dl_info library{};
-    const bool known = ::dladdr(reinterpret_cast<const void*>(pc), &library) != 0;
+    const bool known = ::dladdr(static_cast<const char*>(frame) - 1, &library) != 0;
     if (place.function.empty() && known && library.dli_sname != nullptr)
         place.function = demangle(library.dli_sname);
 

@@ -96,7 +96,7 @@ wchar_t mapCase(wchar_t character, bool upper) {
     const locale_t locale = getUnicodeLocale();
     if (locale == locale_t{})
         return character; // a system without Unicode tables: letters beyond ASCII stay
-    const auto code = static_cast<std::wint_t>(character);
+    const auto code = static_cast<std::wint_t>(static_cast<char32_t>(character));
     return static_cast<wchar_t>(upper ? ::towupper_l(code, locale) : ::towlower_l(code, locale));
 }
 

@@ -1,5 +1,0 @@
-#include "platform/Mutex.h"
-
-Mutex::Mutex() = default;
-
-Mutex::~Mutex() = default;
