@@ -41,6 +41,13 @@ bool isInteger(std::string_view text) {
     return isNumber<long long>(text) || isNumber<unsigned long long>(text);
 }
 
+/// The integer as JSON has it: without zeros in front.
+std::string integerText(std::string_view text) {
+    const bool negative = text.starts_with('-');
+    text.remove_prefix(std::min(text.find_first_not_of("-0"), text.size()));
+    return text.empty() ? "0" : (negative ? "-" : "") + std::string(text);
+}
+
 /// A real as JSON has it: 1., .5 and 1e3 are numbers to people.
 std::string realText(std::string_view text) {
     double number = 0.0;
@@ -54,10 +61,11 @@ std::string realText(std::string_view text) {
 }
 
 std::string guess(const std::string& key, const std::string& value) {
-    if (value == "true" || value == "false" || isInteger(value))
+    // A number with zeros in front is a label rather than a number.
+    if (value == "true" || value == "false" || (isInteger(value) && integerText(value) == value))
         return value;
-    const bool looksLikeNumber =
-        !value.empty() && value.find_first_not_of("+-.0123456789eE") == std::string::npos;
+    const bool looksLikeNumber = !value.empty() && !isInteger(value) &&
+                                 value.find_first_not_of("+-.0123456789eE") == std::string::npos;
     if (looksLikeNumber && isNumber<double>(value))
         return realText(value);
     if (value.starts_with('[') || value.starts_with('{') || value.starts_with('"'))
@@ -91,7 +99,7 @@ std::string typed(const std::string& key, const std::string& type, const std::st
     }
     if (type == "int" || type == "unsigned" || type == "long") {
         if (isInteger(value))
-            return value;
+            return integerText(value);
         refuse(key, "an integer", value);
     }
     if (type == "real") {

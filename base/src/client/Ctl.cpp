@@ -52,6 +52,14 @@ std::string localTime(double secondsSinceEpoch) {
     return text;
 }
 
+/// As in "3 d 04:05:06".
+std::string duration(double seconds) {
+    const auto whole = static_cast<long>(seconds);
+    char text[48];
+    std::snprintf(text, sizeof text, "%02ld:%02ld:%02ld", whole / 3600 % 24, whole / 60 % 60, whole % 60);
+    return (whole >= 86400 ? std::to_string(whole / 86400) + " d " : std::string()) + text;
+}
+
 std::vector<CommandWords::Word> toWords(const std::vector<std::string>& texts) {
     std::vector<CommandWords::Word> words;
     for (const std::string& text : texts)
@@ -182,11 +190,37 @@ int Ctl::runOwn(const std::string& name, const std::vector<CommandWords::Word>& 
         return listSessions();
     if (name == "stop")
         return stop();
+    if (name == "status")
+        return showStatus();
     return callServer("server." + name, "{}");
 }
 
 int Ctl::callServer(const std::string& method, const std::string& params) {
     return print(_session.getClient().call(method, params, _options.timeout.value_or(ANSWER_TIME)));
+}
+
+int Ctl::showStatus() {
+    RpcClient::Reply reply =
+        _session.getClient().call("server.status", "{}", _options.timeout.value_or(ANSWER_TIME));
+    if (reply.failed || _options.json)
+        return print(reply);
+    Properties status{std::string_view(reply.result)};
+    status.set("startTime", localTime(status.getReal("startTime")));
+    status.set("uptime", duration(status.getReal("uptime")));
+    std::vector<Properties> clients;
+    status.get("clients", clients);
+    for (Properties& client : clients)
+        client.set("since", localTime(client.getReal("since")));
+    status.set("clients", clients);
+    if (status.hasName("running")) {
+        Properties running = status.getProperties("running");
+        running.set("since", localTime(running.getReal("since")));
+        running.set("for", duration(running.getReal("seconds")));
+        running.remove("seconds");
+        status.set("running", running);
+    }
+    reply.result = status.toString();
+    return print(reply);
 }
 
 int Ctl::print(const RpcClient::Reply& reply) const {

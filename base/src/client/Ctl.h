@@ -24,6 +24,7 @@ private:
     int runLine(const std::vector<CommandWords::Word>& words);
     int runCommand(const std::string& name, const std::vector<CommandWords::Word>& arguments);
     int runOwn(const std::string& name, const std::vector<CommandWords::Word>& arguments);
+    int showStatus();
     int listSessions() const;
     int listCommands(const std::vector<CommandWords::Word>& arguments);
     int stop();

@@ -10,6 +10,7 @@
 #include <histedit.h>
 
 #include <algorithm>
+#include <clocale>
 #include <cstdio>
 #include <iostream>
 #include <vector>
@@ -159,6 +160,7 @@ void CtlPrompt::Impl::saveHistory() {
 }
 
 CtlPrompt::CtlPrompt(CtlSession& session) : _impl(std::make_unique<Impl>(session)) {
+    std::setlocale(LC_CTYPE, "C.UTF-8");     // for the editor's characters; all our text is UTF-8
     std::setvbuf(stdin, nullptr, _IONBF, 0); // a byte that lies in a buffer would not wake the waiting
     _impl->editor = el_init("orvexctl", stdin, stdout, stderr);
     EditLine* const editor = _impl->editor;

@@ -324,9 +324,10 @@ bool RpcClient::waitForEnd(std::chrono::milliseconds time) {
             if (message->isRequest())
                 _impl->notify(*message);
     } catch (const RpcClientError& error) {
-        if (error.getTrouble() == RpcClientError::LOST)
-            return true;
-        throw;
+        if (error.getTrouble() != RpcClientError::LOST)
+            throw;
+        close(); // the server waits for that
+        return true;
     }
     return false;
 }

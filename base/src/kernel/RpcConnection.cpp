@@ -40,7 +40,11 @@ void RpcConnection::read() {
         asio::buffer(room.data(), room.size()),
         [self = shared_from_this()](const asio::error_code& failed, std::size_t size) {
             const bool ended = failed == asio::error::eof;
-            self->onRead(bool(failed), size, failed && !ended ? failed.message() : std::string());
+            try {
+                self->onRead(bool(failed), size, failed && !ended ? failed.message() : std::string());
+            } catch (const std::exception& error) { // no memory for what it sends
+                self->close(error.what(), false);
+            }
         });
 }
 

@@ -118,7 +118,7 @@ void RpcListener::Impl::onAccepted(const asio::error_code& failed, std::unique_p
     if (!acceptor.is_open())
         return;
     if (failed) {
-        trouble("A client could not be let in: " + failed.message());
+        trouble(failed.message());
         retry.expires_after(RETRY_TIME);
         retry.async_wait([self = shared_from_this()](const asio::error_code& cancelled) {
             if (!cancelled && self->acceptor.is_open())
@@ -130,10 +130,14 @@ void RpcListener::Impl::onAccepted(const asio::error_code& failed, std::unique_p
     const address peer = plain(socket->socket.remote_endpoint(gone).address());
     if (!gone) {
         socket->tune();
-        if (welcome.empty() || std::find(welcome.begin(), welcome.end(), peer) != welcome.end())
-            accepted(std::move(socket));
-        else
-            refused(std::move(socket), peer.to_string());
+        try {
+            if (welcome.empty() || std::find(welcome.begin(), welcome.end(), peer) != welcome.end())
+                accepted(std::move(socket));
+            else
+                refused(std::move(socket), peer.to_string());
+        } catch (const std::exception& error) { // this client is lost, the next one isn't
+            trouble(error.what());
+        }
     }
     if (acceptor.is_open())
         accept();

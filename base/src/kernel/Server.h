@@ -32,7 +32,7 @@ public:
     /// Whether clients on this host find the session by themselves. If not, the session record is written all
     /// the same, and who was told its path can use it.
     void enableSessionLocator(bool on);
-    /// Called on the server's thread when a client demands the abort of the job, or the thread itself failed.
+    /// Called on the server's thread when a client demands the abort of the job.
     void setAbortCallback(std::function<void()> callback);
     /// Empty: listen on loopback. Else listen on the network and accept this host (name or address) only.
     void setClientAddress(const std::string& address);

@@ -106,30 +106,41 @@ ServerService::~ServerService() = default;
 // --- Beginning and end
 
 void ServerService::open() {
-    if (_settings.mode != Server::NO_CONNECTION) {
+    if (_settings.mode == Server::NO_CONNECTION) {
+        try {
+            publishRecord();
+        } catch (const SystemError& error) { // without connections the record only informs
+            OS::Log::instance("Default").warning("ServerService::open", "@0@", error.what());
+        }
+    } else {
         _listener = std::make_unique<RpcListener>(_context);
         _listener->open(_settings.clientAddress, _settings.port, _settings.portRange);
         _port = _listener->getPort();
-        _listener->start(
-            [this](std::unique_ptr<RpcSocket> socket) { accept(std::move(socket)); },
-            [this](std::unique_ptr<RpcSocket> socket, const std::string& address) {
-                const RpcFault fault{RpcFault::NOT_AUTHENTICATED,
-                                     "This server takes no connections from " + address};
-                const std::string line = RpcMessage::failure({}, fault);
-                asio::error_code ignored; // a courtesy: the connection ends either way
-                socket->socket.write_some(asio::buffer(line), ignored);
-                _log.warn("ServerService::accept", "Connection refused",
-                          address + " isn't the client " + _settings.clientAddress);
-            },
-            [this](const std::string& text) { _log.warn("ServerService::accept", "Connection lost", text); });
+        publishRecord();
+        listen();
+        if (_settings.outputToClients)
+            _tee = std::make_unique<ConsoleTee>(std::cout, _settings.limits.consoleBacklog,
+                                                [this] { onConsoleText(); });
     }
-    publishRecord();
-    if (_settings.outputToClients && _settings.mode != Server::NO_CONNECTION)
-        _tee = std::make_unique<ConsoleTee>(std::cout, _settings.limits.consoleBacklog,
-                                            [this] { onConsoleText(); });
     _running = true;
     if (_stopRequested)
         asio::post(*_context, [this] { beginStop(); });
+}
+
+void ServerService::listen() {
+    _listener->start([this](std::unique_ptr<RpcSocket> socket) { accept(std::move(socket)); },
+                     [this](std::unique_ptr<RpcSocket> socket, const std::string& address) {
+                         const RpcFault fault{RpcFault::NOT_AUTHENTICATED,
+                                              "This server takes no connections from " + address};
+                         const std::string line = RpcMessage::failure({}, fault);
+                         asio::error_code ignored; // a courtesy: the connection ends either way
+                         socket->socket.write_some(asio::buffer(line), ignored);
+                         _log.warn("ServerService::listen", "Connection refused",
+                                   address + " isn't the client " + _settings.clientAddress);
+                     },
+                     [this](const std::string& text) {
+                         _log.warn("ServerService::listen", "A client could not be let in", text);
+                     });
 }
 
 void ServerService::publishRecord() {
@@ -149,19 +160,18 @@ void ServerService::releaseConsole() {
 }
 
 void ServerService::run() {
-    try {
-        _context->run();
-    } catch (const std::exception& error) {
-        OS::Log::instance("Default").error("ServerService::run", "The server's thread failed: @0@",
-                                           error.what());
-        abort(std::string("The server's thread failed: ") + error.what());
+    while (runSome()) {
     }
-    _running = false;
 }
 
 bool ServerService::runSome() {
-    if (_context->run_one() > 0)
+    try {
+        if (_context->run_one() > 0)
+            return true;
+    } catch (const std::exception& error) { // memory was short, say: what one client lost ends nobody else
+        _log.warn("ServerService::runSome", "An event couldn't be served", error.what());
         return true;
+    }
     _running = false;
     return false;
 }
@@ -408,16 +418,27 @@ void ServerService::runCommand(RpcConnection& connection, const RpcMessage& mess
     }
     connection.beginRequest();
     ++_unanswered;
-    Controller::getSingleton().enqueue(
-        {std::move(command), connection.getPeer().client,
-         [self = shared_from_this(), to = connection.shared_from_this(),
-          id = message.id](const Properties& response) { self->onCommandDone(*to, id, response); }});
+    const auto done = [self = shared_from_this(), to = connection.shared_from_this(), id = message.id](
+                          const Properties& response) { self->onCommandDone(*to, id, response); };
+    try {
+        Controller::getSingleton().enqueue({std::move(command), connection.getPeer().client, done});
+    } catch (const std::exception& error) {
+        done(RecoverableError(error.what()).getProperties());
+    }
 }
 
 void ServerService::onCommandDone(RpcConnection& connection, const std::string& id,
                                   const Properties& response) {
-    drainConsole(); // what the command printed comes before its answer
-    connection.finishRequest(id.empty() ? std::string() : answerOf(id, response));
+    std::string line;
+    try {
+        drainConsole(); // what the command printed comes before its answer
+        if (!id.empty())
+            line = answerOf(id, response);
+    } catch (const std::exception& error) { // too large for the memory that is left
+        line = RpcMessage::failure(
+            id, {RpcFault::INTERNAL_ERROR, std::string("The response is lost: ") + error.what()});
+    }
+    connection.finishRequest(line);
     if (--_unanswered == 0 && _stopRequested)
         asio::post(*_context, [this] { endWhenAnswered(); });
 }

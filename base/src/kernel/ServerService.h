@@ -18,6 +18,7 @@ class Properties;
 class RpcListener;
 struct RpcFault;
 struct RpcMessage;
+struct RpcSocket;
 
 namespace asio {
 class io_context;
@@ -53,7 +54,7 @@ public:
     /// Gives std::cout back. The same thread.
     void releaseConsole();
 
-    /// Serves until the end. Aborts the job when serving itself fails.
+    /// Serves until the end.
     void run();
     /// Waits for something to do and does it. @return false at the end
     bool runSome();
@@ -77,7 +78,8 @@ private:
     void onClosed(RpcConnection& connection, const std::string& reason, bool regular) override;
     void onSupervisionNeeded() override;
 
-    void accept(std::unique_ptr<struct RpcSocket> socket);
+    void listen();
+    void accept(std::unique_ptr<RpcSocket> socket);
     void supervise();
     void serve(RpcConnection& connection, const RpcMessage& message);
     void greet(RpcConnection& connection, const RpcMessage& message);
