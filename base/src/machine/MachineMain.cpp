@@ -134,7 +134,6 @@ void Machine::scanForDesignFlags(int argc, const char* const* argv) {
 }
 
 void Machine::runRole(int argc, char** argv, ConsumedOptions& consumed) {
-    const ExitStatus failed(ExitStatus::NON_RECOVERABLE_SERVER_ERROR);
     try {
         if (isSerial() || isMaster()) {
             startServerHost(argc, argv, consumed);
@@ -144,17 +143,22 @@ void Machine::runRole(int argc, char** argv, ConsumedOptions& consumed) {
             CommandController::getSingleton().processCommands();
         }
     } catch (Error& error) {
-        std::cerr << "\nExit error: " << error.getProperties().toString() << std::endl;
-        tellClientsOfEnd(error.what());
-        abort(failed);
+        abortRole("\nExit error: " + error.getProperties().toString(), error.what());
     } catch (std::exception& error) {
-        std::cerr << "\nExit error: " << error.what() << std::endl;
-        tellClientsOfEnd(error.what());
-        abort(failed);
+        abortRole(std::string("\nExit error: ") + error.what(), error.what());
     } catch (...) {
-        std::cerr << "\nAborting due to nonrecoverable error." << std::endl;
-        abort(failed);
+        constexpr const char* TEXT = "Aborting due to nonrecoverable error.";
+        abortRole(std::string("\n") + TEXT, TEXT);
     }
+}
+
+void Machine::abortRole(const std::string& text, const std::string& reason) {
+    // A worker is silent, but not about why it takes the job down.
+    if (_standardStreamManager)
+        _standardStreamManager->restore();
+    std::cerr << text + '\n';
+    tellClientsOfEnd(reason);
+    abort(ExitStatus(ExitStatus::NON_RECOVERABLE_SERVER_ERROR));
 }
 
 void Machine::tellClientsOfEnd(const std::string& message) {

@@ -3,7 +3,7 @@
 
 #include "kernel/Error.h"
 
-#include <cstdlib>
+#include <algorithm>
 #include <iostream>
 #include <stdexcept>
 #include <string>
@@ -11,12 +11,11 @@
 namespace {
 
 /// The start failed before the machine could guard itself: one line, and the job's end.
-int refuseStart(std::string reason, const ExitStatus& status, const char* what) {
-    for (char& character : reason)
-        if (character == '\n')
-            character = ' ';
+int refuseStart(const ExitStatus& status, const char* what, const std::string& reason) {
+    std::string line = std::string("orvexsim: ") + what + ": " + reason;
+    std::replace(line.begin(), line.end(), '\n', ' ');
     std::cout.flush();
-    std::cerr << "orvexsim: " << what << ": " << reason << std::endl;
+    std::cerr << line + '\n'; // in one piece: all ranks say it
     Machine::endFailedStart(status);
     return status;
 }
@@ -39,12 +38,12 @@ int main(int argc, char** argv) {
         return Machine::getSingleton().getExitStatus();
     } catch (const std::invalid_argument& error) {
         const ExitStatus invalid(ExitStatus::INVALID_SERVER_ARGUMENT);
-        return refuseStart(error.what(), invalid, "Invalid server argument");
+        return refuseStart(invalid, "Invalid server argument", error.what());
     } catch (const Error& error) {
-        return refuseStart(explain(error), failed, "Server error");
+        return refuseStart(failed, "Server error", explain(error));
     } catch (const std::exception& error) {
-        return refuseStart(error.what(), failed, "Server error");
+        return refuseStart(failed, "Server error", error.what());
     } catch (...) {
-        return refuseStart("an error of unknown type", failed, "Server error");
+        return refuseStart(failed, "Server error", "an error of unknown type");
     }
 }
