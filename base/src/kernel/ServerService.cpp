@@ -1,6 +1,7 @@
 #include "kernel/ServerService.h"
 
 #include "kernel/Command.h"
+#include "kernel/CommandDirectory.h"
 #include "kernel/Controller.h"
 #include "kernel/OrvexVersion.h"
 #include "kernel/Properties.h"
@@ -30,7 +31,6 @@ namespace {
 constexpr std::chrono::milliseconds SUPERVISION_PERIOD{50};
 /// What the clients have sent by the time of a stop is refused in words, not by the end of the connection.
 constexpr std::chrono::milliseconds LAST_CALL{20};
-constexpr std::size_t NOTICE_SIZE = std::size_t(32) << 10; ///< console text in one notification [bytes]
 constexpr std::string_view OWN_METHODS = "server.";
 
 double secondsSinceEpoch(std::chrono::system_clock::time_point time) {
@@ -39,43 +39,6 @@ double secondsSinceEpoch(std::chrono::system_clock::time_point time) {
 
 double secondsSince(std::chrono::system_clock::time_point time) {
     return std::chrono::duration<double>(std::chrono::system_clock::now() - time).count();
-}
-
-Properties describeKey(const CommandKey& key) {
-    Properties properties;
-    properties.set("name", key.name);
-    properties.set("type", key.type);
-    properties.set("meaning", key.meaning);
-    properties.set("required", key.required);
-    return properties;
-}
-
-Properties describeCommand(const Command& command) {
-    const CommandHelp& help = command.getHelp();
-    std::vector<Properties> arguments;
-    std::vector<Properties> results;
-    std::transform(help.arguments.begin(), help.arguments.end(), std::back_inserter(arguments), describeKey);
-    std::transform(help.results.begin(), help.results.end(), std::back_inserter(results), describeKey);
-    Properties properties;
-    properties.set("name", command.getName());
-    properties.set("summary", help.summary);
-    properties.set("changesState", command.isStateChanger());
-    properties.set("arguments", arguments);
-    properties.set("results", results);
-    return properties;
-}
-
-/// How much of `text` goes into the next notification: whole lines if possible, whole characters always.
-std::size_t noticeLength(std::string_view text) {
-    if (text.size() <= NOTICE_SIZE)
-        return text.size();
-    const std::size_t lineEnd = text.rfind('\n', NOTICE_SIZE - 1);
-    if (lineEnd != std::string_view::npos)
-        return lineEnd + 1;
-    std::size_t length = NOTICE_SIZE;
-    while (length > NOTICE_SIZE - 4 && (static_cast<unsigned char>(text[length]) & 0xC0u) == 0x80u)
-        --length;
-    return length;
 }
 
 /// The answer to a command: its response, or its error with all else that stands in the response.
@@ -119,8 +82,8 @@ void ServerService::open() {
         publishRecord();
         listen();
         if (_settings.outputToClients)
-            _tee = std::make_unique<ConsoleTee>(std::cout, _settings.limits.consoleBacklog,
-                                                [this] { onConsoleText(); });
+            _console = std::make_unique<ConsoleRelay>(std::cout, _settings.limits.consoleBacklog, _clients,
+                                                      [this] { onConsoleText(); });
     }
     _running = true;
     if (_stopRequested)
@@ -156,7 +119,7 @@ void ServerService::publishRecord() {
 
 void ServerService::releaseConsole() {
     const std::lock_guard lock(_consoleMutex);
-    _tee.reset();
+    _console.reset();
 }
 
 void ServerService::run() {
@@ -266,8 +229,8 @@ void ServerService::onClosed(RpcConnection& connection, const std::string& reaso
         OS::Log::instance("Default").info("ServerService::onClosed", "@0@ (@1@): @2@",
                                           connection.getAddress(), connection.getPeer().client, reason);
     _clients.remove(connection);
-    if (_tee)
-        _tee->setWanted(_clients.hasReaders());
+    if (_console)
+        _console->noteClients();
 }
 
 void ServerService::onTooLong(RpcConnection& connection) {
@@ -367,8 +330,8 @@ void ServerService::greet(RpcConnection& connection, const RpcMessage& message) 
                getStatus().toString());
     else {
         _clients.admit(connection, control, admission.client);
-        if (_tee)
-            _tee->setWanted(_clients.hasReaders());
+        if (_console)
+            _console->noteClients();
         Properties result;
         result.set("proof", admission.proof);
         result.set("session", _settings.name);
@@ -451,7 +414,7 @@ std::string ServerService::callMethod(const std::string& method, const Propertie
     if (method == "server.status")
         return getStatus().toString();
     if (method == "server.listCommands")
-        return listCommands(params).toString();
+        return CommandDirectory::describe(params).toString();
     if (method == "server.cancel") {
         Properties result;
         result.set("cancelled", Task::cancelCurrent());
@@ -502,24 +465,6 @@ Properties ServerService::getStatus() const {
     return status;
 }
 
-Properties ServerService::listCommands(const Properties& params) const {
-    const Controller& controller = Controller::getSingleton();
-    std::vector<Properties> commands;
-    Properties result;
-    if (params.hasName("name")) {
-        const std::string name = params.getString("name");
-        if (const Command* command = controller.findCommand(name))
-            commands.push_back(describeCommand(*command));
-        else
-            result.set("nearest", controller.getNearestName(name));
-    } else {
-        for (const Command* command : controller.getCommands())
-            commands.push_back(describeCommand(*command));
-    }
-    result.set("commands", commands);
-    return result;
-}
-
 // --- Notifications
 
 void ServerService::notify(const std::string& method, const Properties& params) {
@@ -539,29 +484,14 @@ void ServerService::flushNotifies() {
 }
 
 void ServerService::onConsoleText() {
-    if (!_settings.threaded)
-        drainConsole();
-    else if (!_consolePosted.exchange(true))
+    if (_settings.threaded)
         asio::post(*_context, [this] { drainConsole(); });
+    else
+        drainConsole(); // the one thread is at work; nobody else will
 }
 
 void ServerService::drainConsole() {
     const std::lock_guard lock(_consoleMutex);
-    if (!_tee)
-        return;
-    _consolePosted = false;
-    const ConsoleTee::Text console = _tee->take();
-    std::string_view rest = console.text;
-    while (!rest.empty()) {
-        const std::string_view part = rest.substr(0, noticeLength(rest));
-        rest.remove_prefix(part.size());
-        const auto lines = static_cast<std::size_t>(std::count(part.begin(), part.end(), '\n'));
-        _clients.sendNotice(
-            RpcMessage::notification("server.console", "{\"text\":" + RpcMessage::quote(part) + "}"),
-            std::max<std::size_t>(lines, 1));
-    }
-    if (console.lostLines > 0)
-        _clients.sendNotice(RpcMessage::notification("server.consoleLost",
-                                                     "{\"lines\":" + std::to_string(console.lostLines) + "}"),
-                            console.lostLines);
+    if (_console)
+        _console->drain();
 }

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "kernel/ConsoleTee.h"
+#include "kernel/ConsoleRelay.h"
 #include "kernel/RateLimitedLog.h"
 #include "kernel/RpcConnection.h"
 #include "kernel/Server.h"
@@ -90,7 +90,6 @@ private:
     std::string callMethod(const std::string& method, const Properties& params,
                            const RpcConnection& connection);
     Properties getStatus() const;
-    Properties listCommands(const Properties& params) const;
     void abort(const std::string& reason);
     void refuse(RpcConnection& connection, const std::string& id, const RpcFault& fault,
                 std::string_view data = {});
@@ -113,9 +112,8 @@ private:
     std::unique_ptr<RpcListener> _listener;
     ServerClients _clients;
     RateLimitedLog _log;
-    std::unique_ptr<ConsoleTee> _tee;
-    std::mutex _consoleMutex; ///< console text goes out in the order in which it came
-    std::atomic<bool> _consolePosted{false};
+    std::mutex _consoleMutex; ///< guards the pointer: the console is released while others may still drain it
+    std::unique_ptr<ConsoleRelay> _console;
     std::atomic<bool> _running{false};
     std::atomic<bool> _stopRequested{false};
     std::atomic<std::size_t> _unanswered{0};
