@@ -76,12 +76,12 @@ Communicator& Machine::globalCommunicator() {
 
 Communicator& Machine::sharedMemCommunicator(ShmemScope scope) {
     ORVEX_ASSERT_AS(isParallel(), "isParallel()", "Attempt to access sharedMemCommunicator in serial");
-    return *_shmemComm.at(scope);
+    return *_shmemComm.at(static_cast<std::size_t>(scope));
 }
 
 Communicator* Machine::hasSparseCommunicator(ShmemScope scope) {
     ORVEX_ASSERT_AS(isParallel(), "isParallel()", "Attempt to access interNodeCommunicator in serial");
-    return _sparseComm.at(scope).get();
+    return _sparseComm.at(static_cast<std::size_t>(scope)).get();
 }
 
 const MachineHost& Machine::getHost() {

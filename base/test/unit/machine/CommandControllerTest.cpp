@@ -32,7 +32,8 @@ protected:
 /// Leaves a floating-point fault behind, and fails on top of it when told to.
 class FaultingCommand : public Command {
 public:
-    FaultingCommand() : Command({"Leaves a fault behind", {{"fail", "bool", "with an error on top", false}}}) {}
+    FaultingCommand()
+        : Command({"Leaves a fault behind", {{"fail", "bool", "with an error on top", false}}}) {}
     void execute(const Properties& args, Properties& response) override {
         FloatingPointErrorRecord::set("a fault");
         if (args.hasName("fail"))

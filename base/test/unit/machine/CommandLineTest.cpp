@@ -112,7 +112,9 @@ TEST_F(CommandLineTest, RoleOptionsThatAreWrongAreRefused) {
     };
     for (const auto& [words, message] : rows) {
         Consumed consumed;
-        const auto start = [&words, &consumed] { MachineTestAccess::startCommunicators(words, consumed); };
+        const auto start = [&words = words, &consumed] {
+            MachineTestAccess::startCommunicators(words, consumed);
+        };
         EXPECT_EQ(messageOf<std::invalid_argument>(start), message) << describe(words);
     }
 }
@@ -288,7 +290,9 @@ TEST_F(CommandLineTest, CommonOptionsThatAreWrongAreRefused) {
         rows.push_back({{word}, std::string("Missing ") + word + " arg"});
     for (const auto& [words, message] : rows) {
         Consumed consumed;
-        const auto parse = [&words, &consumed] { MachineTestAccess::parseCommonArgvs(words, consumed); };
+        const auto parse = [&words = words, &consumed] {
+            MachineTestAccess::parseCommonArgvs(words, consumed);
+        };
         EXPECT_EQ(messageOf<std::invalid_argument>(parse), message) << describe(words);
         EXPECT_FALSE(consumed.contains(words.front()) && words.size() == 1) << describe(words);
     }
