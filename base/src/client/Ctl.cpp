@@ -328,7 +328,6 @@ int Ctl::stop() {
 /// Returns when the server's process is gone, or its connection where the process can't be seen.
 int Ctl::waitForEnd(bool commandRuns) {
     const std::chrono::milliseconds time = _options.timeout.value_or(STOP_TIME);
-    const auto end = std::chrono::steady_clock::now() + time;
     bool ended = _session.getClient().waitForEnd(time);
     while (!ended && commandRuns && !_options.timeout)
         ended = _session.getClient().waitForEnd(time);
@@ -336,8 +335,9 @@ int Ctl::waitForEnd(bool commandRuns) {
         std::cerr << "orvexctl: the server still runs" << std::endl;
         return TIMED_OUT;
     }
+    const auto end = std::chrono::steady_clock::now() + time;
     while (_session.getRecord().isAliveHere()) {
-        if (!commandRuns && std::chrono::steady_clock::now() > end) {
+        if (std::chrono::steady_clock::now() > end) {
             std::cerr << "orvexctl: the server has closed its connections, but its process "
                       << _session.getRecord().pid << " still runs" << std::endl;
             return TIMED_OUT;

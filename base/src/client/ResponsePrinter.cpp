@@ -100,7 +100,7 @@ private:
                 if (isCell(element))
                     lines(std::string(indent, ' '), cellOf(element), indent);
                 else
-                    deeper(element, indent);
+                    deeper(element, element.IsArray() ? indent + GAP : indent);
                 if (&element + 1 != value.End() && element.IsObject())
                     _stream << '\n';
             }

@@ -1,0 +1,97 @@
+#include "WireFuzzer.h"
+
+#include "kernel/Error.h"
+#include "kernel/FrameBuffer.h"
+#include "kernel/Properties.h"
+#include "kernel/RpcMessage.h"
+#include "kernel/SessionHandshake.h"
+#include "kernel/SessionRecord.h"
+#include "platform/StringHelper.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+#include <string>
+
+namespace {
+
+constexpr std::size_t LIMIT = 4096;
+
+void demand(bool holds, const char* promise, std::string_view line) {
+    if (holds)
+        return;
+    std::cerr << "Broken promise: " << promise << "\nfor: " << line << std::endl;
+    std::abort();
+}
+
+void fuzzArguments(std::string_view text, std::string_view line) {
+    try {
+        const Properties properties{text};
+        const std::string written = properties.toString();
+        demand(Properties(std::string_view(written)) == properties, "what was read is written and read again",
+               line);
+        demand(written.find('\n') == std::string::npos, "the text form is one line", line);
+    } catch (const InputError&) {
+        // refused in words, which is all that is asked
+    }
+}
+
+void fuzzHandshake(const RpcMessage& message, std::string_view line) {
+    static const SessionKey key = SessionKey::generate();
+    static const std::string nonce = SessionKey::makeNonce();
+    SessionHandshake::Admission admission;
+    demand(SessionHandshake::admit(message, key, nonce, admission).has_value(),
+           "nobody gets in without the key", line);
+    demand(!SessionHandshake::isProven(message.result, key, nonce, nonce),
+           "no server is trusted without the key", line);
+    if (const auto greeting = SessionHandshake::Greeting::fromMessage(message))
+        demand(!greeting->toLine().empty(), "a greeting can be written", line);
+}
+
+void fuzzLine(std::string_view line) {
+    RpcMessage message;
+    const std::optional<RpcFault> fault = message.parse(line);
+    demand(!fault || !fault->message.empty(), "a fault has words", line);
+    RpcMessage again;
+    std::string answer = RpcMessage::failure(
+        message.id, fault.value_or(RpcFault{RpcFault::INTERNAL_ERROR, std::string(line)}));
+    answer.pop_back();
+    demand(answer.find('\n') == std::string::npos, "an answer is one line", line);
+    demand(!again.parse(answer) && again.id == (message.id.empty() ? "null" : message.id),
+           "an answer can be read", line);
+    if (fault)
+        return;
+    demand(StringHelper::isValidUtf8(line), "what is accepted is UTF-8", line);
+    if (!message.params.empty()) {
+        demand(message.params.front() == '{' && message.params.back() == '}', "arguments are an object",
+               line);
+        fuzzArguments(message.params, line);
+    }
+    fuzzHandshake(message, line);
+}
+
+} // namespace
+
+void fuzzWire(const std::uint8_t* data, std::size_t size) {
+    const std::string_view text(reinterpret_cast<const char*>(data), size);
+    FrameBuffer frames(LIMIT);
+    std::size_t handedOut = 0;
+    for (std::size_t at = 0; at < text.size() && !frames.isTooLong();) {
+        const std::span<char> room = frames.prepare();
+        const std::size_t step = std::min({room.size(), text.size() - at, 1 + (text.size() + at) % 997});
+        std::memcpy(room.data(), text.data() + at, step);
+        frames.commit(step);
+        at += step;
+        while (const std::optional<std::string_view> line = frames.next()) {
+            demand(line->size() <= LIMIT, "no line exceeds the limit", *line);
+            demand(*line == text.substr(handedOut, line->size()), "lines are what was sent", *line);
+            handedOut += line->size() + 1;
+            fuzzLine(*line);
+        }
+        demand(frames.size() <= LIMIT + room.size(), "no more is held than a line and a read", text);
+    }
+    fuzzLine(text);
+    fuzzArguments(text, text);
+    SessionRecord::fromText(std::string(text));
+}

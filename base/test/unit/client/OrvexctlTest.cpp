@@ -1,0 +1,129 @@
+#include "ServerTestSupport.h"
+
+#include "platform/FileSystem.h"
+#include "platform/Process.h"
+#include "platform/StringHelper.h"
+
+#include <fstream>
+
+namespace {
+
+/// orvexctl as people run it.
+class OrvexctlTest : public ServerFixture {
+protected:
+    struct Result {
+        int code;
+        std::string output; ///< standard output and standard error
+    };
+    Result run(std::vector<std::string> words) const {
+        std::vector<std::wstring> command{StringHelper::toWString(ORVEXCTL)};
+        words.insert(words.begin(),
+                     {"--key-file", StringHelper::toString(SessionLocator::getSingleton().getRecordPath())});
+        for (const std::string& word : words)
+            command.push_back(StringHelper::toWString(word));
+        const auto result = Platform::process().runCaptured(command, 30.0);
+        return {result.exitStatus.value_or(-1), result.output};
+    }
+    static bool has(const Result& result, const std::string& part) {
+        return result.output.find(part) != std::string::npos;
+    }
+};
+
+TEST_F(OrvexctlTest, runsCommandsAndTellsHowTheyEnd) {
+    serve([&] {
+        const struct {
+            std::vector<std::string> words;
+            int code;
+            std::string part;
+        } rows[] = {
+            {{"Echo", "text=1", "n=1"}, 0, "args\n  text     1\n  n        1\n"},
+            {{"--json", "Echo", "text=1", "n=1"}, 0, R"("args":{"text":"1","n":1,)"},
+            {{"Fail", "text=bad luck", "rank=3"}, 1, "Error: bad luck (rank 3)\n"},
+            {{"--json", "Fail", "text=bad luck", "rank=3"},
+             1,
+             R"({"error":{"code":-32000,"message":"bad luck","data":{)"},
+            {{"Ecko"}, 1, "did you mean \"Echo\""},
+            {{"Echo", "novalue"}, 2, "\"novalue\" isn't an argument"},
+            {{"--nonsense"}, 2, "--nonsense"},
+            {{"--file", "/nowhere/script"}, 2, "/nowhere/script can't be read"},
+            {{"list-commands"}, 0, "Echo   For tests: Echo\n"},
+            {{"list-commands", "Echo"}, 0, "text  text  anything  false"},
+            {{"list-commands", "Ecko"}, 1, "did you mean \"Echo\""},
+            {{"status"}, 0, "queued"},
+            {{"cancel"}, 0, "cancelled  false"},
+            {{"abort"}, 1, "no way to abort"},
+            {{"--timeout", "0.3", "Wait"}, 6, "in time"},
+            {{"--host", "127.0.0.1", "--port", "1", "Echo"},
+             3,
+             "No server can be reached: 127.0.0.1:1: Connection refused"},
+            {{"Print", "lines=2", "text=x"}, 0, "line 0 x\nline 1 x\nend"},
+            {{"--quiet", "Print", "lines=2", "text=x"}, 0, ""},
+        };
+        for (const auto& row : rows) {
+            released = false;
+            const Result result = run(row.words);
+            EXPECT_EQ(result.code, row.code) << row.words.front() << ": " << result.output;
+            EXPECT_TRUE(has(result, row.part)) << result.output;
+            release(); // for those that wait after the time was up
+        }
+        EXPECT_FALSE(has(run({"-q", "Print", "lines=2", "text=x"}), "line"));
+    });
+}
+
+TEST_F(OrvexctlTest, runsScripts) {
+    RecordDirectory directory;
+    const std::string path = StringHelper::toString(directory.path()) + "/script";
+    std::ofstream(path)
+        << "# a script\nEcho text=one\n\nFail text=two rank=1\nEcho \"text=three\nEcho text=four\n";
+    serve([&] {
+        Result result = run({"--json", "-f", path});
+        EXPECT_EQ(result.code, 1);
+        EXPECT_TRUE(has(result, "one") && has(result, "two") && !has(result, "four")) << result.output;
+        result = run({"--json", "--keep-going", "-f", path});
+        EXPECT_EQ(result.code, 1);
+        EXPECT_TRUE(has(result, path + ":5: The line ends within a quote")) << result.output;
+        EXPECT_TRUE(has(result, "four")) << result.output;
+    });
+}
+
+TEST_F(OrvexctlTest, isToldWhyItIsRefused) {
+    server().setConnectionMode(Server::SINGLE_CONNECTION);
+    serve([&] {
+        {
+            RpcClient first;
+            connect(first, "the first");
+            const Result result = run({"Echo"});
+            EXPECT_EQ(result.code, 4);
+            EXPECT_TRUE(has(result, "the first is connected")) << result.output;
+            EXPECT_EQ(run({"status"}).code, 0);
+        }
+        const std::wstring path = SessionLocator::getSingleton().getRecordPath();
+        std::string text;
+        ASSERT_TRUE(Platform::filesystem().readFile(path, text, 100000));
+        const std::size_t key = text.find("\"key\"");
+        text.replace(text.find(':', key) + 3, 4, "0000");
+        ASSERT_TRUE(Platform::filesystem().writePrivateFile(path, text));
+        const Result result = run({"Echo"});
+        EXPECT_EQ(result.code, 4);
+        EXPECT_TRUE(has(result, "The proof of the session key is wrong")) << result.output;
+    });
+}
+
+TEST_F(OrvexctlTest, seesTheEndOfTheServer) {
+    serve([&] {
+        auto waiting = std::async(std::launch::async, [&] { return run({"Wait"}); });
+        ASSERT_TRUE(waitFor([&] { return executed == 1; }));
+        // The process of this server goes on after the test, so its end isn't seen: the time runs out.
+        auto stopping = std::async(std::launch::async, [&] { return run({"--timeout", "1", "stop"}); });
+        ASSERT_TRUE(waitFor([&] { return server().getPort() == 0; }));
+        release();
+        EXPECT_EQ(waiting.get().code, 0);
+        const Result stopped = stopping.get();
+        EXPECT_EQ(stopped.code, 6);
+        EXPECT_TRUE(has(stopped, "stops when Wait has ended")) << stopped.output;
+    });
+    const Result result = run({"Echo"});
+    EXPECT_EQ(result.code, 3) << result.output;
+}
+
+} // namespace
