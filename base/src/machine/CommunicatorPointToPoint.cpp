@@ -24,12 +24,24 @@ constexpr Frame::Operation TEST = Frame::pointToPoint("Communicator::Test");
 constexpr Frame::Operation FREE_REQUEST{"Communicator::FreeRequest", CommunicatorStatistics::POINT_TO_POINT,
                                         false};
 
-void checkSend(unsigned dest, unsigned _myRank) {
-    ORVEX_ASSERT_AS(dest != _myRank, "dest!=_myRank", "Cannot send to self");
+// Out of line, so that building a text doesn't weigh on the operations that pass.
+
+[[noreturn, gnu::noinline, gnu::cold]] void raiseSendToSelf() {
+    raiseInternalError("Cannot send to self", "dest!=_myRank", __FILE__, __LINE__);
 }
 
-void checkRecv(unsigned source, unsigned _myRank) {
-    ORVEX_ASSERT_AS(source != _myRank, "source!=_myRank", "Cannot recv from self");
+[[noreturn, gnu::noinline, gnu::cold]] void raiseRecvFromSelf() {
+    raiseInternalError("Cannot recv from self", "source!=_myRank", __FILE__, __LINE__);
+}
+
+void checkSend(unsigned dest, unsigned myRank) {
+    if (dest == myRank) [[unlikely]]
+        raiseSendToSelf();
+}
+
+void checkRecv(unsigned source, unsigned myRank) {
+    if (source == myRank) [[unlikely]]
+        raiseRecvFromSelf();
 }
 
 /// A new slot of a stack, which goes again unless the operation succeeds.

@@ -71,6 +71,8 @@ public:
     double getStandardDeviationCpuTime() const;
 
 private:
+    friend class TimerTestAccess;
+
     double getElapsedWallTime() const;
     double getElapsedCpuTime() const;
     Communicator& checkCommunicator() const;

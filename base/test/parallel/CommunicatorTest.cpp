@@ -1,0 +1,668 @@
+// Every operation of the communicator with every kind of value, among ranks of any number.
+
+#include "parallel/ParallelTest.h"
+#include "support/Values.h"
+
+#include "machine/Communicator.h"
+#include "machine/PersistentRequestStack.h"
+#include "machine/RequestStack.h"
+
+#include "kernel/Error.h"
+#include "kernel/Properties.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <iostream>
+#include <memory>
+#include <numeric>
+#include <sstream>
+#include <string>
+#include <typeinfo>
+
+namespace {
+
+/// Swallows what is printed while it lives.
+class Silence {
+public:
+    Silence() : _console(std::cout.rdbuf(_text.rdbuf())) {}
+    ~Silence() { std::cout.rdbuf(_console); }
+
+private:
+    std::ostringstream _text;
+    std::streambuf* _console;
+};
+
+template <class T>
+void append(Values<T>& all, const Values<T>& more) {
+    all.insert(all.end(), more.begin(), more.end());
+}
+
+/// What rank `rank` contributes where lengths differ; some contribute nothing.
+unsigned lengthOf(unsigned rank, unsigned base) {
+    return base == 0 ? 0 : (rank * 3 + base) % 5 * base;
+}
+
+template <class T>
+class CommunicatorOf : public testing::Test {
+protected:
+    unsigned right() const { return (_me + 1) % _ranks; }
+    unsigned left() const { return (_me + _ranks - 1) % _ranks; }
+    /// One rank receives first, so that synchronous sends around the ring come through.
+    template <class Send, class Receive>
+    void around(Send send, Receive receive) {
+        if (_me == 0) {
+            receive();
+            send();
+        } else {
+            send();
+            receive();
+        }
+    }
+
+    Communicator _comm;
+    const unsigned _ranks = _comm.size();
+    const unsigned _me = _comm.myRank();
+};
+
+/// One of each sort that takes another way through the typed operations.
+using Sorts = testing::Types<bool, char, double, std::array<Vector3, 2>, Swarm>;
+TYPED_TEST_SUITE(CommunicatorOf, Sorts);
+
+TYPED_TEST(CommunicatorOf, blockingMessages) {
+    ORVEX_NEEDS_RANKS(2);
+    using T = TypeParam;
+    Communicator& comm = this->_comm;
+    const unsigned right = this->right();
+    const unsigned left = this->left();
+    for (const unsigned base : {0u, 1u, 6u}) {
+        const Values<T> mine = makeValues<T>(this->_me, base + this->_me % 2);
+        const Values<T> theirs = makeValues<T>(left, base + left % 2);
+        Values<T> got = makeValues<T>(99, 3);
+        comm.sendrecv(mine, right, got, left);
+        EXPECT_TRUE(got == theirs);
+
+        this->around([&] { comm.send(mine, right); }, [&] { comm.recv(got = {}, left); });
+        this->around([&] { comm.syncSend(mine, right, 5); },
+                     [&] {
+                         got = makeValues<T>(98, 9);
+                         comm.recv(got, left, 5);
+                         EXPECT_TRUE(got == theirs);
+                     });
+        this->around([&] { comm.send(mine, right, 32766); },
+                     [&] {
+                         unsigned source = 99;
+                         got.clear();
+                         comm.recvFromAny(got, source, 32766);
+                         EXPECT_TRUE(source == left);
+                         EXPECT_TRUE(got == theirs);
+                     });
+        // The receiver may have more room than the message needs.
+        got = makeValues<T>(97, theirs.size() + 2);
+        this->around([&] { comm.syncSend(mine.data(), mine.size(), right); },
+                     [&] { comm.recv(got.data(), got.size(), left); });
+        EXPECT_TRUE(std::equal(theirs.begin(), theirs.end(), got.begin()));
+        EXPECT_TRUE(got.back() == makeValues<T>(97, theirs.size() + 2).back());
+        got.resize(theirs.size());
+        comm.sendrecv(mine.data(), mine.size(), right, got.data(), got.size(), left);
+        EXPECT_TRUE(got == theirs);
+        got = makeValues<T>(96, theirs.size());
+        comm.sendrecv(std::span(mine.data(), mine.size()), right, std::span(got.data(), got.size()), left);
+        EXPECT_TRUE(got == theirs);
+    }
+    const T one = MakeValue<T>::from(this->_me);
+    T other = MakeValue<T>::from(77);
+    comm.sendrecv(one, right, other, left);
+    EXPECT_TRUE(other == MakeValue<T>::from(left));
+    unsigned source = 0;
+    this->around([&] { comm.send(one, right); }, [&] { comm.recvFromAny(other = T{}, source); });
+    EXPECT_TRUE(other == MakeValue<T>::from(left));
+    EXPECT_TRUE(source == left);
+}
+
+TYPED_TEST(CommunicatorOf, nonBlockingMessages) {
+    ORVEX_NEEDS_RANKS(2);
+    using T = TypeParam;
+    Communicator& comm = this->_comm;
+    const unsigned right = this->right();
+    const unsigned left = this->left();
+    for (const std::size_t count : {0u, 1u, 6u}) {
+        const Values<T> mine = makeValues<T>(this->_me, count);
+        const Values<T> theirs = makeValues<T>(left, count);
+        const T one = MakeValue<T>::from(this->_me);
+        Values<T> got[4];
+        T other{};
+        for (auto& each : got)
+            each = makeValues<T>(50, count);
+        MpiCore::RequestStack requests;
+        comm.iRecv(got[0], left, requests, 1);
+        comm.iRecv(got[1].data(), count, left, requests, 2);
+        comm.iRecvFromAny(got[2], requests, 3);
+        comm.iRecv(other, left, requests, 4);
+        comm.iSend(mine, right, requests, 1);
+        comm.iSyncSend(mine.data(), count, right, requests, 2);
+        comm.iSyncSend(mine, right, requests, 3);
+        comm.iSend(one, right, requests, 4);
+        std::vector<unsigned> sources;
+        comm.wait(requests, sources);
+        EXPECT_TRUE(requests.empty());
+        ASSERT_EQ(sources.size(), 8u);
+        EXPECT_TRUE(std::vector(sources.begin(), sources.begin() + 4) == std::vector(4, left));
+        EXPECT_TRUE(other == MakeValue<T>::from(left));
+
+        MpiCore::PersistentRequestStack prepared;
+        comm.recvInit(got[3], left, prepared, 5);
+        comm.start(prepared);
+        comm.iSend(mine, right, requests, 5);
+        while (!comm.test(prepared)) {
+        }
+        comm.wait(requests);
+        EXPECT_TRUE(prepared.empty());
+        for (const auto& each : got)
+            EXPECT_TRUE(each == theirs);
+
+        comm.iSend(mine, right, requests, 7);
+        unsigned source = MpiCore::ANY_SOURCE;
+        unsigned tag = MpiCore::ANY_TAG;
+        unsigned length = 0;
+        comm.template probe<T>(source, tag, length);
+        EXPECT_TRUE(std::vector({source, tag, length}) == std::vector({left, 7u, unsigned(count)}));
+        source = left;
+        EXPECT_TRUE(comm.template iProbe<T>(source, tag, length));
+        EXPECT_TRUE(length == count);
+        comm.recv(got[0].data(), count, left, 7);
+        tag = 8;
+        EXPECT_FALSE(comm.template iProbe<T>(source, tag, length));
+        EXPECT_TRUE(std::vector({source, tag, length}) == std::vector({left, 8u, 0u}));
+        comm.wait(requests);
+    }
+}
+
+/// All collectives that move data.
+template <class T>
+void moveData(Communicator& comm, const std::vector<unsigned>& roots, const std::vector<unsigned>& bases) {
+    const unsigned ranks = comm.size();
+    const unsigned me = comm.myRank();
+    for (const unsigned base : bases) {
+        Values<T> equalBlocks;
+        Values<T> blocks;
+        std::vector<unsigned> lengths;
+        for (unsigned rank = 0; rank < ranks; ++rank) {
+            append<T>(equalBlocks, makeValues<T>(rank, base));
+            lengths.push_back(lengthOf(rank, base));
+            append<T>(blocks, makeValues<T>(rank, lengths.back()));
+        }
+        const Values<T> mine = makeValues<T>(me, base);
+        const Values<T> myBlock = makeValues<T>(me, lengths[me]);
+        const Values<T> junk = makeValues<T>(1234, 4);
+        const std::vector<unsigned> oldCounts{1, 2, 3};
+        Values<T> got = junk;
+        std::vector<unsigned> counts = oldCounts;
+        for (const unsigned root : roots) {
+            SCOPED_TRACE(testing::Message() << "base " << base << " root " << root);
+            const bool here = me == root;
+            Values<T> value = makeValues<T>(me, base + me);
+            comm.broadcast(value, root);
+            EXPECT_TRUE(value == makeValues<T>(root, base + root));
+            value = makeValues<T>(me, base);
+            comm.broadcast(value.data(), base, root);
+            EXPECT_TRUE(value == makeValues<T>(root, base));
+
+            got = here ? Values<T>(equalBlocks.size()) : junk;
+            comm.gather(mine.data(), base, got.data(), root);
+            EXPECT_TRUE(got == (here ? equalBlocks : junk));
+            comm.gatherVector(myBlock, got = junk, counts = oldCounts, root);
+            EXPECT_TRUE(got == (here ? blocks : junk));
+            EXPECT_TRUE(counts == (here ? lengths : oldCounts));
+            got = here ? Values<T>(blocks.size()) : junk;
+            comm.gatherVector(myBlock.data(), myBlock.size(), got.data(), lengths.data(), nullptr, root);
+            EXPECT_TRUE(got == (here ? blocks : junk));
+
+            got = Values<T>(base);
+            comm.scatter(here ? equalBlocks.data() : nullptr, got.data(), base, root);
+            EXPECT_TRUE(got == mine);
+            comm.scatterVector(here ? blocks : Values<T>(), here ? lengths : oldCounts, got = junk, root);
+            EXPECT_TRUE(got == myBlock);
+            got = Values<T>(myBlock.size());
+            comm.scatterVector(blocks.data(), lengths.data(), nullptr, got.data(), got.size(), root);
+            EXPECT_TRUE(got == myBlock);
+        }
+        got = Values<T>(equalBlocks.size());
+        comm.allGather(mine.data(), base, got.data());
+        EXPECT_TRUE(got == equalBlocks);
+        comm.allGatherVector(myBlock, got = junk, counts);
+        EXPECT_TRUE(got == blocks);
+        EXPECT_TRUE(counts == lengths);
+
+        // Blocks in reverse order with a gap of one value between them.
+        std::vector<unsigned> places(ranks);
+        unsigned place = 0;
+        for (unsigned rank = ranks; rank-- > 0; place += lengths[rank] + 1)
+            places[rank] = place;
+        Values<T> spread(place);
+        Values<T> expected(place);
+        for (unsigned rank = 0; rank < ranks; ++rank)
+            std::copy_n(makeValues<T>(rank, lengths[rank]).begin(), lengths[rank],
+                        expected.begin() + places[rank]);
+        comm.allGatherVector(myBlock.data(), myBlock.size(), spread.data(), lengths.data(), places.data());
+        EXPECT_TRUE(spread == expected);
+        spread = Values<T>(place);
+        comm.gatherVector(myBlock.data(), myBlock.size(), spread.data(), lengths.data(), places.data(),
+                          ranks - 1);
+        EXPECT_TRUE(spread == (me == ranks - 1 ? expected : Values<T>(place)));
+        got = Values<T>(myBlock.size());
+        comm.scatterVector(expected.data(), lengths.data(), places.data(), got.data(), got.size(), 0);
+        EXPECT_TRUE(got == myBlock);
+    }
+}
+
+std::vector<unsigned> allRanks(const Communicator& comm) {
+    std::vector<unsigned> ranks(comm.size());
+    std::iota(ranks.begin(), ranks.end(), 0u);
+    return ranks;
+}
+
+/// All roots for one sort: a job of more ranks than processors takes its time.
+template <class T>
+std::vector<unsigned> rootsFor(const Communicator& comm) {
+    if constexpr (std::is_same_v<T, char>)
+        return allRanks(comm);
+    else
+        return {comm.size() - 1};
+}
+
+TYPED_TEST(CommunicatorOf, collectivesThatMoveData) {
+    moveData<TypeParam>(this->_comm, rootsFor<TypeParam>(this->_comm), {0, 4});
+}
+
+TYPED_TEST(CommunicatorOf, collectivesThatMoveDataInPieces) {
+    ParallelTest::setTimeLimit(100);
+    const Silence silence;
+    // A length of 8 bytes travels with the content, so no limit is below that.
+    this->_comm.setMaxBufferSize(std::max<std::size_t>(8, sizeof(TypeParam)));
+    moveData<TypeParam>(this->_comm, rootsFor<TypeParam>(this->_comm), {3});
+    this->_comm.setMaxBufferSize(9 * sizeof(TypeParam) + 5);
+    moveData<TypeParam>(this->_comm, {0}, {0, 4});
+}
+
+TYPED_TEST(CommunicatorOf, allToAll) {
+    using T = TypeParam;
+    Communicator& comm = this->_comm;
+    const unsigned ranks = this->_ranks;
+    const auto lengthTo = [](unsigned from, unsigned to) { return (from * 2 + to) % 4; };
+    Values<T> send;
+    Values<T> expected;
+    std::vector<unsigned> sendCounts;
+    std::vector<unsigned> expectedCounts;
+    for (unsigned rank = 0; rank < ranks; ++rank) {
+        sendCounts.push_back(lengthTo(this->_me, rank));
+        expectedCounts.push_back(lengthTo(rank, this->_me));
+        append<T>(send, makeValues<T>(this->_me * 10 + rank, sendCounts.back()));
+        append<T>(expected, makeValues<T>(rank * 10 + this->_me, expectedCounts.back()));
+    }
+    Values<T> got;
+    std::vector<unsigned> counts;
+    comm.allToAllVector(send, sendCounts, got, counts);
+    EXPECT_TRUE(got == expected);
+    EXPECT_TRUE(counts == expectedCounts);
+    got = Values<T>(expected.size());
+    comm.allToAllVector(send.data(), sendCounts.data(), nullptr, got.data(), counts.data(), nullptr);
+    EXPECT_TRUE(got == expected);
+    for (const unsigned block : {0u, 1u, 3u}) {
+        send.clear();
+        expected.clear();
+        for (unsigned rank = 0; rank < ranks; ++rank) {
+            append<T>(send, makeValues<T>(this->_me * 10 + rank, block));
+            append<T>(expected, makeValues<T>(rank * 10 + this->_me, block));
+        }
+        got = Values<T>(send.size());
+        comm.allToAll(send.data(), got.data(), block);
+        EXPECT_TRUE(got == expected);
+    }
+}
+
+// The forms that take one value or a std::vector.
+TYPED_TEST(CommunicatorOf, oneValueOfEachRank) {
+    using T = TypeParam;
+    Communicator& comm = this->_comm;
+    T value = MakeValue<T>::from(this->_me);
+    comm.broadcast(value, this->_ranks - 1);
+    EXPECT_TRUE(value == MakeValue<T>::from(this->_ranks - 1));
+    if constexpr (!std::is_same_v<T, bool>) {
+        std::vector<T> expected;
+        for (unsigned rank = 0; rank < this->_ranks; ++rank)
+            expected.push_back(MakeValue<T>::from(rank));
+        const T mine = MakeValue<T>::from(this->_me);
+        std::vector<T> all;
+        std::vector<T> got;
+        for (unsigned root = 0; root < this->_ranks; ++root) {
+            const bool here = this->_me == root;
+            comm.gather(mine, all = {}, root);
+            EXPECT_TRUE(all == (here ? expected : std::vector<T>()));
+            comm.gather(std::vector<T>{mine}, all = {}, root);
+            EXPECT_TRUE(all == (here ? expected : std::vector<T>()));
+            value = T{};
+            comm.scatter(here ? expected : std::vector<T>(), value, root);
+            EXPECT_TRUE(value == mine);
+            got.assign(1, T{});
+            comm.scatter(here ? expected : std::vector<T>(), got, root);
+            EXPECT_TRUE(got == std::vector<T>{mine});
+        }
+        comm.allGather(mine, all = {});
+        EXPECT_TRUE(all == expected);
+        comm.allGather(std::vector<T>{mine}, all = {});
+        EXPECT_TRUE(all == expected);
+        std::vector<T> back;
+        comm.allToAll(std::vector<T>(this->_ranks, mine), back);
+        EXPECT_TRUE(back == expected);
+    }
+}
+
+/// Each primitive has its datatype: what arrives is what was sent, and a sum is a sum.
+template <class T>
+void checkPrimitive(Communicator& comm) {
+    const T mine = MakeValue<T>::from(comm.myRank() + 40);
+    const auto all = std::make_unique<T[]>(comm.size());
+    comm.allGather(&mine, 1, all.get());
+    T sum = mine;
+    if constexpr (std::is_arithmetic_v<T> && !std::is_same_v<T, bool> && !std::is_same_v<T, wchar_t>)
+        comm.allReduce(sum, Communicator::SUM);
+    T expected{};
+    for (unsigned rank = 0; rank < comm.size(); ++rank) {
+        EXPECT_TRUE(all[rank] == MakeValue<T>::from(rank + 40)) << typeid(T).name();
+        if constexpr (std::is_arithmetic_v<T>)
+            expected = static_cast<T>(expected + all[rank]);
+    }
+    if constexpr (std::is_arithmetic_v<T> && !std::is_same_v<T, bool> && !std::is_same_v<T, wchar_t>) {
+        EXPECT_TRUE(sum == expected) << typeid(T).name();
+    }
+}
+
+TEST(CommunicatorOfAll, everyPrimitive) {
+    Communicator comm;
+    const auto check = [&]<class... T>(std::type_identity<std::tuple<T...>>) {
+        (checkPrimitive<T>(comm), ...);
+    };
+    check(std::type_identity<
+          std::tuple<bool, char, signed char, unsigned char, char8_t, wchar_t, char16_t, char32_t, short,
+                     unsigned short, int, unsigned, long, unsigned long, long long, unsigned long long, float,
+                     double, long double, std::complex<float>, std::complex<double>,
+                     std::complex<long double>, Phase, LocatedValue<float>, LocatedValue<double>,
+                     LocatedValue<long>, LocatedValue<int>, LocatedValue<long double>>>{});
+}
+
+template <class T>
+class ReductionOf : public CommunicatorOf<T> {
+protected:
+    using Fold = T (*)(const T&, const T&);
+
+    /// Elements 0 to `count` folded over ranks 0 to `last`.
+    static std::vector<T> fold(unsigned last, std::size_t count, Fold fold) {
+        std::vector<T> result = makeValues<T>(0, count);
+        for (unsigned rank = 1; rank <= last; ++rank) {
+            const std::vector<T> more = makeValues<T>(rank, count);
+            std::transform(result.begin(), result.end(), more.begin(), result.begin(), fold);
+        }
+        return result;
+    }
+
+    /// All reductions of one operation, which is given by its code or as the function itself.
+    template <class Operation>
+    void check(Operation operation, Fold expected) {
+        Communicator& comm = this->_comm;
+        for (const std::size_t count : {0u, 1u, 5u}) {
+            const std::vector<T> mine = makeValues<T>(this->_me, count);
+            const std::vector<T> total = fold(this->_ranks - 1, count, expected);
+            std::vector<T> got = mine;
+            comm.allReduce(got, operation);
+            EXPECT_TRUE(got == total);
+            comm.scan(got = mine, operation);
+            EXPECT_TRUE(got == fold(this->_me, count, expected));
+            for (unsigned root = 0; root < this->_ranks; ++root) {
+                comm.reduce(got = mine, operation, root);
+                EXPECT_TRUE(got == (this->_me == root ? total : mine));
+            }
+        }
+        T one = MakeValue<T>::from(this->_me * 13);
+        comm.allReduce(one, operation);
+        EXPECT_TRUE(one == fold(this->_ranks - 1, 1, expected).front());
+    }
+};
+
+using Numbers = testing::Types<unsigned char, int, unsigned long long, double>;
+TYPED_TEST_SUITE(ReductionOf, Numbers);
+
+TYPED_TEST(ReductionOf, numbers) {
+    using T = TypeParam;
+    const auto sum = +[](const T& a, const T& b) { return static_cast<T>(a + b); };
+    this->check(Communicator::SUM, sum);
+    this->check(
+        Communicator::MAX, +[](const T& a, const T& b) { return std::max(a, b); });
+    this->check(
+        Communicator::MIN, +[](const T& a, const T& b) { return std::min(a, b); });
+    this->check(sum, sum); // a plain function
+    this->check([](const T& from, T& into) { into = std::max(into, from); },
+                +[](const T& a, const T& b) { return std::max(a, b); });
+    if constexpr (std::is_integral_v<T>) {
+        this->check(
+            Communicator::PRODUCT, +[](const T& a, const T& b) { return static_cast<T>(a * b); });
+        this->check(
+            Communicator::BITWISE_AND, +[](const T& a, const T& b) { return static_cast<T>(a & b); });
+        this->check(
+            Communicator::BITWISE_OR, +[](const T& a, const T& b) { return static_cast<T>(a | b); });
+        this->check(
+            Communicator::BITWISE_XOR, +[](const T& a, const T& b) { return static_cast<T>(a ^ b); });
+        this->check(
+            Communicator::LOGICAL_AND, +[](const T& a, const T& b) { return static_cast<T>(a && b); });
+        this->check(
+            Communicator::LOGICAL_OR, +[](const T& a, const T& b) { return static_cast<T>(a || b); });
+    }
+    for (const std::size_t block : {0u, 1u, 3u}) {
+        const std::vector<T> total = this->fold(this->_ranks - 1, block * this->_ranks, sum);
+        std::vector<T> got(block);
+        this->_comm.reduceScatter(makeValues<T>(this->_me, block * this->_ranks), got, Communicator::SUM);
+        EXPECT_TRUE(std::equal(got.begin(), got.end(), total.begin() + static_cast<long>(this->_me * block)));
+    }
+}
+
+class Reduction : public testing::Test {
+protected:
+    Communicator comm;
+    const unsigned ranks = comm.size();
+    const unsigned me = comm.myRank();
+};
+
+TEST_F(Reduction, othersThanNumbers) {
+    bool all = me != ranks - 1;
+    bool any = me == ranks - 1;
+    comm.allReduce(all, Communicator::LOGICAL_AND);
+    comm.allReduce(any, Communicator::LOGICAL_OR);
+    EXPECT_FALSE(all);
+    EXPECT_TRUE(any);
+
+    std::complex<double> z(1.0, me);
+    comm.allReduce(z, Communicator::SUM);
+    EXPECT_EQ(z, std::complex<double>(ranks, ranks * (ranks - 1) / 2.0));
+
+    LocatedValue<double> largest{me == ranks / 2 ? 5.0 : 1.0, static_cast<int>(me)};
+    LocatedValue<double> smallest{2.0, static_cast<int>(me)};
+    comm.allReduce(largest, Communicator::MAX_LOCATION);
+    comm.allReduce(smallest, Communicator::MIN_LOCATION);
+    EXPECT_EQ(largest, (LocatedValue<double>{ranks == 1 ? 5.0 : 5.0, static_cast<int>(ranks / 2)}));
+    EXPECT_EQ(smallest, (LocatedValue<double>{2.0, 0}));
+}
+
+TEST_F(Reduction, recordsByFunction) {
+    for (const std::size_t count : {0u, 1u, 9u}) {
+        std::vector<Swarm> swarms = makeValues<Swarm>(me, count);
+        comm.allReduce(swarms,
+                       [](const Swarm& a, const Swarm& b) { return a.leader.cell > b.leader.cell ? a : b; });
+        for (std::size_t i = 0; i < count; ++i) {
+            Swarm expected = MakeValue<Swarm>::from(static_cast<unsigned>(i) * 7);
+            for (unsigned rank = 1; rank < ranks; ++rank)
+                if (const Swarm other = makeValues<Swarm>(rank, count)[i];
+                    other.leader.cell > expected.leader.cell)
+                    expected = other;
+            EXPECT_EQ(swarms[i], expected);
+        }
+        std::vector<std::array<double, 2>> bounds(count, {double(me), double(me)});
+        const auto widen = [](const std::array<double, 2>& from, std::array<double, 2>& into) {
+            into = {std::min(into[0], from[0]), std::max(into[1], from[1])};
+        };
+        comm.scan(bounds, widen);
+        EXPECT_EQ(bounds, (std::vector<std::array<double, 2>>(count, {0.0, double(me)})));
+        comm.reduce(bounds, widen, ranks - 1);
+        EXPECT_EQ(bounds, (std::vector<std::array<double, 2>>(count, {0.0, double(me)})));
+    }
+}
+
+class Texts : public Reduction {};
+
+TEST_F(Texts, travel) {
+    const auto textOf = [](unsigned rank) { return std::string(rank % 3 * 7, 'x') + std::string(1, '\0'); };
+    std::vector<std::string> expected;
+    for (unsigned rank = 0; rank < ranks; ++rank)
+        expected.push_back(textOf(rank));
+    for (const std::size_t limit : {comm.getMaxBufferSize(), std::size_t(8)}) {
+        {
+            const Silence silence;
+            comm.setMaxBufferSize(limit);
+        }
+        for (unsigned root = 0; root < ranks; ++root) {
+            const bool here = me == root;
+            std::string text = textOf(me);
+            comm.broadcast(text, root);
+            EXPECT_EQ(text, textOf(root));
+            std::vector<std::string> words{"", "a word", std::string(40, 'w'), ""};
+            std::vector<std::string> got = here ? words : std::vector<std::string>(me * 3, "old");
+            comm.broadcast(got, root);
+            EXPECT_EQ(got, words);
+            got = here ? std::vector<std::string>() : words;
+            comm.broadcast(got, root);
+            EXPECT_TRUE(got.empty());
+            comm.gather(textOf(me), got = {"old"}, root);
+            EXPECT_EQ(got, here ? expected : std::vector<std::string>{"old"});
+            std::wstring wide = here ? L"w\x00e9\x4e16" : L"";
+            comm.broadcast(wide, root);
+            EXPECT_EQ(wide, L"w\x00e9\x4e16");
+        }
+        std::vector<std::string> got;
+        comm.allGather(textOf(me), got);
+        EXPECT_EQ(got, expected);
+    }
+}
+
+TEST_F(Texts, setsAreUnited) {
+    const std::set<std::string> old{"kept", "r0"};
+    std::set<std::string> out = old;
+    comm.allGather(std::set<std::string>(), out);
+    EXPECT_EQ(out, old);
+    std::set<std::string> expected = old;
+    for (unsigned rank = 0; rank < ranks; ++rank)
+        expected.insert({"all", "", "r" + std::to_string(rank), std::to_string(rank % 2) + "zz"});
+    comm.allGather({"all", "", "r" + std::to_string(me), std::to_string(me % 2) + "zz"}, out);
+    EXPECT_EQ(out, expected);
+    out.clear();
+    comm.allGather(me == ranks - 1 ? std::set<std::string>{"last"} : std::set<std::string>(), out);
+    EXPECT_EQ(out, std::set<std::string>{"last"});
+}
+
+TEST_F(Texts, properties) {
+    const auto treeOf = [](unsigned rank) {
+        Properties tree;
+        if (rank != 1) {
+            tree.set("rank", rank);
+            tree.set("text", std::string(rank * 10, 'p'));
+        }
+        return tree;
+    };
+    std::vector<Properties> all(3);
+    comm.gather(treeOf(me), all);
+    ASSERT_EQ(all.size(), me == 0 ? ranks : 0u);
+    for (unsigned rank = 0; rank < all.size(); ++rank)
+        EXPECT_EQ(all[rank], treeOf(rank));
+    Properties tree = treeOf(me);
+    comm.broadcast(tree, ranks - 1);
+    EXPECT_EQ(tree, treeOf(ranks - 1));
+}
+
+TEST(CommunicatorOfSome, ranksInTheGivenOrder) {
+    Communicator world;
+    const unsigned ranks = world.size();
+    const unsigned me = world.myRank();
+    std::vector<unsigned> reversed(ranks);
+    std::iota(reversed.rbegin(), reversed.rend(), 0u);
+    const std::unique_ptr<Communicator> all = world.createCommunicator(reversed);
+    ASSERT_TRUE(all);
+    EXPECT_FALSE(*all == world);
+    EXPECT_EQ(all->size(), ranks);
+    EXPECT_EQ(all->myRank(), ranks - 1 - me);
+    unsigned value = all->myRank();
+    all->broadcast(value, 0);
+    EXPECT_EQ(value, 0u);
+
+    std::vector<unsigned> odd;
+    for (unsigned rank = 1; rank < ranks; rank += 2)
+        odd.push_back(rank);
+    const std::unique_ptr<Communicator> some = world.createCommunicator(odd);
+    EXPECT_EQ(some != nullptr, me % 2 == 1);
+    if (some) {
+        std::vector<unsigned> members;
+        some->allGather(me, members);
+        EXPECT_EQ(members, odd);
+    }
+    EXPECT_FALSE(world.createCommunicator({}));
+    const std::unique_ptr<Communicator> shared = world.createSharedMemCommunicators();
+    ASSERT_TRUE(shared);
+    unsigned sum = 1;
+    shared->allReduce(sum, Communicator::SUM);
+    EXPECT_EQ(sum, shared->size());
+    EXPECT_TRUE(Communicator() == world);
+}
+
+TEST(CommunicatorOfAll, testsItself) {
+    Communicator comm;
+    std::vector<double> speeds(3, -1.0);
+    {
+        const Silence silence;
+        comm.testCommunicator();
+    }
+    comm.performanceTest(speeds, 4096, 3);
+    if (comm.myRank() != Communicator::_master) {
+        EXPECT_EQ(speeds, std::vector<double>(3, -1.0));
+        return;
+    }
+    ASSERT_EQ(speeds.size(), std::size_t(comm.size()) * comm.size());
+    for (unsigned s = 0; s < comm.size(); ++s)
+        for (unsigned d = 0; d < comm.size(); ++d)
+            EXPECT_EQ(speeds[s * comm.size() + d] > 0.0, s != d) << s << " " << d;
+}
+
+// A fault of one rank is told to that rank alone, and its communicator works on.
+TEST(CommunicatorOfAll, faultOnTheLastRankOnly) {
+    Communicator comm;
+    const unsigned me = comm.myRank();
+    if (me == comm.size() - 1) {
+        EXPECT_THROW(comm.send(1, me), InternalError);
+    }
+    comm.synchronise();
+    unsigned sum = me;
+    comm.allReduce(sum, Communicator::SUM);
+    EXPECT_EQ(sum, comm.size() * (comm.size() - 1) / 2);
+}
+
+TEST(CommunicatorOfAll, truncatedMessageIsAnError) {
+    ORVEX_NEEDS_RANKS(2);
+    Communicator comm;
+    const double values[4] = {1, 2, 3, 4};
+    double room[2] = {};
+    if (comm.myRank() == 0) {
+        comm.send(values, 4, 1, 3);
+    } else if (comm.myRank() == 1) {
+        const auto receive = [&] { comm.recv(room, 2, 0, 3); };
+        EXPECT_THROW(receive(), NonRecoverableError);
+    }
+    comm.synchronise();
+}
+
+} // namespace

@@ -1,0 +1,63 @@
+// The sleeping barrier.
+
+#include "parallel/ParallelTest.h"
+
+#include "machine/Communicator.h"
+
+#include "platform/Time.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <vector>
+
+namespace {
+
+double now() {
+    return Platform::time().getTime();
+}
+
+TEST(NoSpinSynchronise, nobodyLeavesBeforeAllHaveCome) {
+    Communicator comm;
+    // Each rank is the late one once, with and without a time to spin.
+    for (unsigned late = 0; late < comm.size(); ++late) {
+        const double spin = late % 2 == 0 ? 0.0 : 1.0;
+        comm.synchronise();
+        if (comm.myRank() == late)
+            Platform::time().sleep(0.03);
+        double came = now();
+        comm.noSpinSynchronise(spin);
+        const double left = now();
+        comm.allReduce(came, Communicator::MAX); // one clock for all: they run on one machine
+        EXPECT_GE(left, came) << "late " << late;
+    }
+}
+
+TEST(NoSpinSynchronise, manyInARowStayInStep) {
+    Communicator comm;
+    unsigned value = 0;
+    for (unsigned round = 0; round < 20; ++round) {
+        comm.noSpinSynchronise(0.5);
+        value += comm.myRank() == round % comm.size() ? 1 : 0;
+        comm.broadcast(value, round % comm.size());
+    }
+    EXPECT_EQ(value, 20u);
+}
+
+TEST(NoSpinSynchronise, waitingRankSleeps) {
+    ORVEX_NEEDS_RANKS(2);
+    Communicator comm;
+    constexpr double late = 0.5;
+    comm.synchronise();
+    Platform::ProcessorStamp stamp;
+    Platform::time().stampProcessorTime(stamp);
+    if (comm.myRank() == comm.size() - 1)
+        Platform::time().sleep(late);
+    comm.noSpinSynchronise(0.0);
+    // A rank that spins would use all of the time that it gets; a sleeping one looks a hundred times a
+    // second.
+    EXPECT_LT(Platform::time().getElapsedProcessorTime(stamp), 0.2 * late);
+    comm.synchronise();
+}
+
+} // namespace

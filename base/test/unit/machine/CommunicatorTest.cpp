@@ -1,0 +1,556 @@
+#include "machine/Communicator.h"
+#include "machine/CommunicatorStatistics.h"
+#include "machine/ExitStatus.h"
+#include "machine/FieldLoopState.h"
+#include "machine/MachineLocks.h"
+
+#include "kernel/Command.h"
+#include "kernel/Controller.h"
+#include "kernel/MessagingGate.h"
+#include "kernel/OrvexVersion.h"
+
+#include "unit/machine/CommunicatorOperations.h"
+#include "unit/machine/CommunicatorTestAccess.h"
+#include "unit/machine/Failures.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <optional>
+#include <thread>
+
+namespace {
+
+using Texts = std::vector<std::string>;
+using Handles = std::map<std::string, int>;
+
+class CommunicatorOfThree : public testing::Test {
+protected:
+    CommunicatorOfThree() { mpi.setWorld(1, 3); }
+    ~CommunicatorOfThree() override {
+        EXPECT_TRUE(MessagingGate::isOpen());
+        MpiCore::finalize(); // takes the lasting datatypes along
+    }
+
+    /// The wrapper calls that `operation` makes.
+    Texts callsOf(const std::function<void()>& operation) {
+        mpi.clearCalls();
+        operation();
+        return mpi.texts();
+    }
+
+    ScriptedMpi& mpi = ScriptedMpi::start();
+};
+
+// Construction and identity
+
+TEST_F(CommunicatorOfThree, knowsItself) {
+    mpi.setProcessorName("node7");
+    mpi.setMaxBufferSize(4096);
+    {
+        const Communicator comm;
+        EXPECT_EQ(mpi.names(), (Texts{"Comm_group", "Comm_size", "Comm_rank", "Get_processor_name"}));
+        EXPECT_EQ(comm.handle(), OXM_MPI_COMM_WORLD);
+        EXPECT_EQ(comm.size(), 3u);
+        EXPECT_EQ(comm.myRank(), 1u);
+        EXPECT_EQ(comm.myName(), "node7");
+        EXPECT_EQ(comm.getMaxBufferSize(), 4096u);
+        EXPECT_EQ(comm.getCommunicationTime(), 0.0);
+        EXPECT_FALSE(comm.isCommunicationTimerEnabled());
+        EXPECT_TRUE(comm == Communicator());
+        mpi.clearCalls();
+    }
+    EXPECT_EQ(mpi.names(), Texts{"Group_free"}) << "the world itself is not freed";
+    EXPECT_EQ(mpi.liveHandles(), Handles());
+}
+
+TEST_F(CommunicatorOfThree, refusesWhatItCantUse) {
+    const auto giving = [](const char* argument, int value) {
+        return [=](const ScriptedCall& call) {
+            *static_cast<int*>(call.addresses.at(argument)) = value;
+            return OXM_MPI_SUCCESS;
+        };
+    };
+    struct Row {
+        const char* call;
+        ScriptedMpi::Action action;
+        const char* message;
+        const char* condition;
+    };
+    const Row rows[] = {
+        {"Comm_size", giving("size", 0), "Zero or negative MPI comm size", "size > 0"},
+        {"Comm_rank", giving("rank", -1), "Negative MPI rank", "rank >= 0"},
+        {"Get_processor_name", giving("length", 2047), "Overflow on processor name",
+         "namelen + 1 < OXM_MPI_MAX_PROCESSOR_NAME"},
+    };
+    for (const Row& row : rows) {
+        mpi.setAction(row.call, row.action);
+        expectAssertion([] { Communicator(); }, row.message, row.condition, "Communicator.cpp");
+        mpi.setAction(row.call, {});
+        EXPECT_EQ(mpi.liveHandles(), Handles()) << row.call;
+    }
+}
+
+TEST_F(CommunicatorOfThree, createsOthers) {
+    const Communicator comm;
+    const auto create = [&](const std::vector<unsigned>& ranks) { return comm.createCommunicator(ranks); };
+    {
+        mpi.clearCalls();
+        const std::unique_ptr<Communicator> some = create({2, 1});
+        ASSERT_TRUE(some);
+        EXPECT_EQ(some->size(), 2u);
+        EXPECT_EQ(some->myRank(), 1u);
+        EXPECT_EQ(mpi.callsOf("Group_incl")[0].arrays.at("ranks"), (std::vector<long long>{2, 1}));
+        EXPECT_EQ(mpi.liveHandles(), (Handles{{"comm", 1}, {"group", 2}}));
+        mpi.clearCalls();
+    }
+    EXPECT_EQ(mpi.names(), (Texts{"Comm_free", "Group_free"}));
+    for (const std::vector<unsigned>& ranks : {std::vector<unsigned>{}, {0, 2}}) {
+        EXPECT_FALSE(create(ranks));
+        EXPECT_EQ(mpi.liveHandles(), (Handles{{"group", 1}}));
+    }
+    expectAssertion(
+        [&] {
+            create({0, 1, 2, 0});
+        },
+        "Invalid number of ranks", "ranks.size() <= size", "Communicator.cpp");
+    expectAssertion(
+        [&] {
+            create({0, 3});
+        },
+        "Rank exceeds old communicator in createCommunicator()", "ranks[i] < size", "Communicator.cpp");
+    EXPECT_EQ(comm.createSharedMemCommunicators()->size(), 3u);
+    EXPECT_EQ(mpi.callsOf("Comm_split_type")[0].text(),
+              "Comm_split_type(comm=1, splitType=0, key=0, info=0)");
+    EXPECT_EQ(callsOf([&] { Communicator().abort(ExitStatus::NON_RECOVERABLE_SERVER_ERROR); })[4],
+              "Abort(comm=1, code=32)");
+}
+
+TEST(CommunicatorTag, isChecked) {
+    using Tag = Communicator::Tag;
+    for (const unsigned tag : {0u, 1u, 32766u, MpiCore::ANY_TAG})
+        EXPECT_EQ(Tag(tag).value(), static_cast<int>(tag));
+    for (const unsigned tag : {32767u, 32768u, MpiCore::ANY_TAG - 1, MpiCore::ANY_TAG + 1, 0xFFFFFFFFu})
+        expectAssertion([&] { (void)Tag(tag); }, "out_of_bounds Communicator Tag",
+                        "tag < upper_bound() || tag == MpiCore::ANY_TAG", "Communicator.cpp");
+    EXPECT_EQ(Communicator::_defaultTag.value(), 32767);
+}
+
+// The gate
+
+/// A command that isn't distributed to the ranks.
+class LocalCommand : public NoResultCommand {
+public:
+    explicit LocalCommand(std::function<void()> body) : _body(std::move(body)) {}
+    using NoResultCommand::execute;
+    void execute(const Properties&) override { _body(); }
+    std::string getName() const override { return "LocalCommand"; }
+    bool isThreaded(const Properties&) const override { return true; }
+
+private:
+    std::function<void()> _body;
+};
+
+void runAsLocalCommand(std::function<void()> body) {
+    Controller::reset();
+    Controller::getSingleton().setThreadedCommands(false);
+    auto* const command = new LocalCommand(std::move(body));
+    Controller::getSingleton().registerCommand(command);
+    Properties request;
+    command->addSelfTo(request);
+    Controller::getSingleton().enqueue({request, "test", {}});
+    Controller::getSingleton().processQueuedCommands();
+    Controller::reset();
+}
+
+TEST_F(CommunicatorOfThree, gateRefusesInItsOrder) {
+    Communicator comm;
+    const auto expectRefusal = [&](const char* message, const char* condition, const char* file) {
+        for (const CommunicatorOperation& operation : communicatorOperations()) {
+            SCOPED_TRACE(operation.name);
+            mpi.clearCalls();
+            if (operation.isEmpty)
+                EXPECT_NO_THROW(operation.run(comm));
+            else
+                expectAssertion([&] { operation.run(comm); }, message, condition, file);
+            const Texts names = mpi.names();
+            for (const std::string& name : names) // only what goes around the message itself
+                EXPECT_TRUE(name.starts_with("Type_") || name.starts_with("Op_")) << name;
+        }
+        expectAssertion([&] { comm.send(1, 1); }, "Cannot send to self", "dest!=_myRank",
+                        "CommunicatorPointToPoint.cpp");
+    };
+    std::optional<Machine::SerialCritical> serial(std::in_place);
+    std::optional<Machine::ParallelPerformanceCritical> performance(std::in_place);
+    bool wasLocal = false;
+    FieldLoopState::setBusy();
+    testing::internal::CaptureStdout();
+    runAsLocalCommand([&] {
+        wasLocal = Controller::isSerialCritical();
+        expectRefusal("Parallel is explicitly locked", "! _serialCriticalLock", "MachineLocks.cpp");
+        serial.reset();
+        // A release version goes on to the next check.
+        if (OrvexVersion::isDevelopmentVersion())
+            expectRefusal("Parallel locked out in performance critical section", "!_performanceCriticalLock",
+                          "MachineLocks.cpp");
+        else
+            expectRefusal("Parallel has been explicitly locked whilst running a non-distributed command",
+                          "!Controller::isSerialCritical()", "Communicator.cpp");
+        performance.reset();
+        expectRefusal("Parallel has been explicitly locked whilst running a non-distributed command",
+                      "!Controller::isSerialCritical()", "Communicator.cpp");
+    });
+    testing::internal::GetCapturedStdout();
+    EXPECT_TRUE(wasLocal);
+    std::thread([&] {
+        expectRefusal("Parallel is explicitly locked out of FieldLoops", "!FieldLoopState::busy()",
+                      "Communicator.cpp");
+        FieldLoopState::setIdle();
+        expectRefusal("Parallel messaging can only be called from the main thread", "Thread::isMain()",
+                      "Communicator.cpp");
+    }).join();
+    MessagingGate::set(MessagingGate::FIELD_LOOP,
+                       false); // the other thread left the main thread's word alone
+    for (const CommunicatorOperation& operation : communicatorOperations())
+        EXPECT_NO_THROW(operation.run(comm)) << operation.name;
+}
+
+// Calls
+
+TEST_F(CommunicatorOfThree, makesTheseCalls) {
+    Communicator comm;
+    std::vector<double> values(2);
+    std::vector<std::array<float, 3>> triples(2);
+    const std::string text = "abc";
+    std::string got;
+    std::vector<double> gotValues(2);
+    const std::vector<unsigned> counts{1, 0, 1};
+    unsigned source = 0;
+    struct Row {
+        std::function<void()> run;
+        Texts calls;
+    };
+    const Row rows[] = {
+        {[&] { comm.send(2.5, 0); }, {"Send(count=1, datatype=10, dest=0, tag=32767, comm=1)"}},
+        {[&] { comm.send(values, 2, 4); },
+         {"Send(count=1, datatype=7, dest=2, tag=4, comm=1)",
+          "Send(count=2, datatype=10, dest=2, tag=4, comm=1)"}},
+        {[&] { comm.send(std::string(), 2, 4); }, {"Send(count=1, datatype=7, dest=2, tag=4, comm=1)"}},
+        {[&] { comm.syncSend(triples, 2, 4); },
+         {"Ssend(count=1, datatype=7, dest=2, tag=4, comm=1)",
+          "Ssend(count=6, datatype=9, dest=2, tag=4, comm=1)"}},
+        {[&] { comm.send(std::span(values), 0, 1); }, {"Send(count=2, datatype=10, dest=0, tag=1, comm=1)"}},
+        {[&] { comm.recvFromAny(gotValues, source, 3); },
+         {"Recv(count=1, datatype=7, source=2147483647, tag=3, comm=1)"}},
+        {[&] { comm.sendrecv(text, 0, got, 2); },
+         {"Sendrecv(sendCount=1, sendType=7, dest=0, sendTag=0, recvCount=1, recvType=7, source=2, "
+          "recvTag=0, comm=1)",
+          "Sendrecv(sendCount=3, sendType=3, dest=0, sendTag=0, recvCount=0, recvType=3, source=2, "
+          "recvTag=0, comm=1)"}},
+        {[&] { comm.broadcast(values.data(), 2, 2); }, {"Bcast(count=2, datatype=10, root=2, comm=1)"}},
+        {[&] { comm.gatherVector(triples[0].data(), 1, triples[0].data(), counts.data(), nullptr, 1); },
+         {"Bcast(count=1, datatype=13, root=1, comm=1)",
+          "Gatherv(sendCount=1, sendType=9, recvCounts=[1 0 1], displacements=[0 1 1], recvType=9, root=1, "
+          "comm=1)"}},
+        {[&] { comm.gatherVector(triples.data(), 1, triples.data(), counts.data(), nullptr, 1); },
+         {"Bcast(count=1, datatype=13, root=1, comm=1)",
+          "Gatherv(sendCount=3, sendType=9, recvCounts=[3 0 3], displacements=[0 3 3], recvType=9, root=1, "
+          "comm=1)"}},
+        {[&] { comm.gatherVector(values.data(), 2, values.data(), nullptr, nullptr, 0); },
+         {"Bcast(count=1, datatype=13, root=0, comm=1)", "Gatherv(sendCount=2, sendType=10, recvCounts=null, "
+                                                         "displacements=null, recvType=10, root=0, comm=1)"}},
+        {[&] { comm.reduce(values, Communicator::SUM, 1); },
+         {"Reduce(sendBuffer=IN_PLACE, count=2, datatype=10, op=3, root=1, comm=1)"}},
+        {[&] { comm.reduce(values, Communicator::SUM, 0); },
+         {"Reduce(recvBuffer=null, count=2, datatype=10, op=3, root=0, comm=1)"}},
+        {[&] { comm.allReduce(values, Communicator::MAX); },
+         {"Allreduce(sendBuffer=IN_PLACE, count=2, datatype=10, op=1, comm=1)"}},
+        {[&] { comm.scan(values, Communicator::MIN); },
+         {"Scan(sendBuffer=IN_PLACE, count=2, datatype=10, op=2, comm=1)"}},
+        {[&] { comm.reduceScatter(triples[0].data(), triples[1].data(), 1, Communicator::SUM); },
+         {"Reduce_scatter(recvCounts=[1 1 1], datatype=9, op=3, comm=1)"}},
+        {[&] { comm.allToAll(triples[0].data(), triples[1].data(), 1); },
+         {"Alltoall(sendCount=1, sendType=9, recvCount=1, recvType=9, comm=1)"}},
+    };
+    for (const Row& row : rows)
+        EXPECT_EQ(callsOf(row.run), row.calls);
+    EXPECT_TRUE(gotValues.empty()) << "resized to what was received";
+}
+
+TEST_F(CommunicatorOfThree, iProbeWithoutAMessageChangesNothing) {
+    Communicator comm;
+    unsigned source = 2, tag = 5, count = 77;
+    EXPECT_FALSE(comm.iProbe<int>(source, tag, count));
+    EXPECT_EQ((std::vector{source, tag, count}), (std::vector{2u, 5u, 0u}));
+    const int sent[3] = {};
+    mpi.deliver(0, 6, sent, sizeof sent);
+    source = MpiCore::ANY_SOURCE;
+    tag = MpiCore::ANY_TAG;
+    EXPECT_TRUE(comm.iProbe<int>(source, tag, count));
+    EXPECT_EQ((std::vector{source, tag, count}), (std::vector{0u, 6u, 3u}));
+    tag = 32767;
+    EXPECT_THROW(comm.probe<int>(source, tag, count), InternalError);
+}
+
+// Timer and statistics
+
+TEST_F(CommunicatorOfThree, timerAddsUpSuccesses) {
+    Communicator comm;
+    Communicator other;
+    mpi.setClock(0.0, 1.0);
+    for (const CommunicatorOperation& operation : communicatorOperations())
+        operation.run(comm);
+    EXPECT_EQ(mpi.clockReadings(), 0);
+    other.enableCommunicationTimer(true);
+    comm.enableCommunicationTimer(true);
+    EXPECT_FALSE(MessagingGate::isOpen());
+    other.enableCommunicationTimer(false);
+    double expected = 0.0;
+    for (const CommunicatorOperation& operation : communicatorOperations()) {
+        operation.run(comm);
+        expected += double(operation.events.size()) - (operation.name == "freeRequest");
+        EXPECT_EQ(comm.getCommunicationTime(), expected) << operation.name;
+    }
+    mpi.fail("Barrier", 1, OXM_MPI_ERR_OTHER);
+    EXPECT_THROW(comm.synchronise(), NonRecoverableError);
+    other.synchronise();
+    EXPECT_EQ(comm.getCommunicationTime(), expected);
+    EXPECT_EQ(other.getCommunicationTime(), 0.0);
+}
+
+class Recorder : public CommunicatorStatistics {
+public:
+    Recorder() { _before = install(this); }
+    ~Recorder() override { install(_before); }
+    void* open(Kind, const char* name, unsigned bytes) override {
+        ++isOpen;
+        _entry = std::string(name).substr(std::string("Communicator::").size()) + " " + std::to_string(bytes);
+        return this;
+    }
+    void close(Kind kind, void* event, unsigned partner) noexcept override {
+        EXPECT_EQ(event, this);
+        --isOpen;
+        events.push_back(_entry + (kind == POINT_TO_POINT ? " " + std::to_string(partner) : ""));
+    }
+
+    Texts events;
+    int isOpen = 0;
+
+private:
+    CommunicatorStatistics* _before;
+    std::string _entry;
+};
+
+TEST_F(CommunicatorOfThree, statisticsSeeEachOperation) {
+    Communicator comm;
+    Recorder recorder;
+    for (const CommunicatorOperation& operation : communicatorOperations()) {
+        recorder.events.clear();
+        operation.run(comm);
+        EXPECT_EQ(recorder.events, operation.events) << operation.name;
+        EXPECT_EQ(recorder.isOpen, 0);
+    }
+    recorder.events.clear();
+    mpi.fail("Send", 1, OXM_MPI_ERR_OTHER);
+    mpi.fail("Barrier", 1, OXM_MPI_ERR_OTHER);
+    EXPECT_THROW(comm.send(1, 2), NonRecoverableError);
+    EXPECT_THROW(comm.synchronise(), NonRecoverableError);
+    EXPECT_EQ(recorder.events, (Texts{"Send 4 0", "Synchronise 0"})) << "an exception closes with partner 0";
+    EXPECT_EQ(recorder.isOpen, 0);
+}
+
+// Failures
+
+/// Each wrapper call of each operation fails in turn: the error comes out, nothing stays behind, and the next
+/// use succeeds.
+TEST_F(CommunicatorOfThree, outlivesEachFailure) {
+    Communicator comm;
+    comm.send(Particle(), 2); // its datatype stays
+    for (const CommunicatorOperation& operation : communicatorOperations()) {
+        SCOPED_TRACE(operation.name);
+        const std::size_t calls = callsOf([&] { operation.run(comm); }).size();
+        for (int nth = 1; nth <= int(calls); ++nth) {
+            const Handles before = mpi.liveHandles();
+            mpi.clearCalls();
+            mpi.failAny(nth, OXM_MPI_ERR_OTHER);
+            testing::internal::CaptureStdout();
+            testing::internal::CaptureStderr();
+            const std::string message = messageOf<NonRecoverableError>([&] { operation.run(comm); });
+            testing::internal::GetCapturedStderr();
+            testing::internal::GetCapturedStdout();
+            ASSERT_GE(mpi.calls().size(), std::size_t(nth));
+            const ScriptedCall failed = mpi.calls()[std::size_t(nth) - 1];
+            // A contiguous type is made and freed without a look: the reduction that uses it tells.
+            EXPECT_EQ(message.empty(), failed.name == "Type_free") << failed.text();
+            if (failed.name != "Type_free" && failed.name != "Op_free" && failed.name != "Request_free") {
+                EXPECT_EQ(mpi.liveHandles(), before) << failed.text();
+            }
+        }
+    }
+}
+
+// Assertions on the views
+
+TEST_F(CommunicatorOfThree, bufferLevelChecks) {
+    Communicator comm;
+    CommunicatorTestAccess access(comm);
+    using Access = CommunicatorTestAccess;
+    double data[4] = {};
+    const Access::In in{data, 1, OXM_MPI_DOUBLE, 8};
+    const Access::In fourIn{data, 4, OXM_MPI_INT, 4};
+    const Access::Out out{data, 1, OXM_MPI_INT, 4};
+    const Access::Out sameOut{data, 1, OXM_MPI_DOUBLE, 8};
+    const Access::LargeIn largeIn{data, 1, OXM_MPI_DOUBLE, 8};
+    const Access::LargeOut largeOut{data, 1, OXM_MPI_INT, 4};
+    const char* const types = "sendbuf.type == recvbuf.type";
+    const char* const collectives = "CommunicatorCollectives.cpp";
+    const char* const cutting = "CommunicatorCutting.cpp";
+    expectAssertion([&] { access.sendrecv(in, 1, out, 1); }, "Communicator::sendrecv", types,
+                    "CommunicatorPointToPoint.cpp");
+    for (const auto& [dest, source] : {std::pair(1u, 2u), std::pair(0u, 1u)})
+        expectAssertion([&] { access.sendrecv(in, dest, sameOut, source); }, "Cannot sendrecv to/from self",
+                        "dest!=_myRank && source!=_myRank", "CommunicatorPointToPoint.cpp");
+    expectAssertion([&] { comm.recv(data[0], 1); }, "Cannot recv from self", "source!=_myRank",
+                    "CommunicatorPointToPoint.cpp");
+    expectAssertion([&] { access.gather(largeIn, largeOut); }, "Communicator::gather", types, collectives);
+    expectAssertion([&] { access.allGather(largeIn, largeOut); }, "Communicator::allGather", types,
+                    collectives);
+    expectAssertion([&] { access.scatter(largeIn, largeOut); }, "Communicator::scatter", types, collectives);
+    expectAssertion([&] { access.gatherVector(in, out); }, "Communicator::gatherVector", types, collectives);
+    expectAssertion([&] { access.gatherVector(largeIn, largeOut); }, "Communicator::gatherVector", types,
+                    cutting);
+    expectAssertion([&] { access.allGatherVector(largeIn, largeOut); }, "Communicator::allGatherVector",
+                    types, collectives);
+    expectAssertion([&] { access.scatterVector(in, out); }, "Communicator::scatterVector", types,
+                    collectives);
+    expectAssertion([&] { access.scatterVector(largeIn, largeOut); }, "Communicator::scatterVector", types,
+                    cutting);
+    expectAssertion([&] { access.allToAll(in, out); }, "Communicator::allToAll", types, collectives);
+    expectAssertion([&] { access.allToAllVector(in, out); }, "Communicator::allToAll", types, collectives);
+    expectAssertion([&] { access.reduceScatter(in, out); }, "Communicator::reduceScatter : mismatched types",
+                    types, "CommunicatorReductions.cpp");
+    expectAssertion([&] { access.reduceScatter(fourIn, out); },
+                    "Communicator::reduceScatter : mismatched counts",
+                    "sendbuf.size == SizeType(size())*recvbuf.size", "CommunicatorReductions.cpp");
+}
+
+TEST_F(CommunicatorOfThree, countsAreCastInOnePlace) {
+    using Access = CommunicatorTestAccess;
+    const auto messageFor = [](unsigned long long value, unsigned long long bound) {
+        return "Invalid integer cast.\nAn oversized message size or displacement has been detected.\n"
+               "Oversized messages may imply too few parallel processes are being used.\nActual value = " +
+               std::to_string(value) + "\nMax value = " + std::to_string(bound) + "\n";
+    };
+    EXPECT_EQ(Access::castCount<int>(2147483647ull), 2147483647);
+    EXPECT_EQ(Access::castCount<unsigned>(4294967295ull), 4294967295u);
+    for (const unsigned long long value : {2147483648ull, 4294967296ull})
+        expectAssertion([&] { Access::castCount<int>(value); }, messageFor(value, 2147483647), "false",
+                        "MessageBuffers.cpp");
+    expectAssertion([&] { Access::castCount<unsigned>(4294967296ull); },
+                    messageFor(4294967296ull, 4294967295ull), "false", "MessageBuffers.cpp");
+
+    Communicator comm;
+    const double* const nothing = nullptr;
+    const std::array<double, 2>* const pairs = nullptr;
+    EXPECT_THROW(comm.send(nothing, 2147483648u, 2), InternalError);
+    EXPECT_THROW(comm.send(pairs, 1073741824u, 2), InternalError);
+    EXPECT_THROW(comm.broadcast(static_cast<char*>(nullptr), 4294967296ull, 0), InternalError);
+
+    const char* const oversized = "An oversized communication message has been detected.";
+    EXPECT_NO_THROW(Access::checkMessageCount(4294967295ull));
+    expectAssertion([] { Access::checkMessageCount(4294967296ull); }, oversized,
+                    "s.size <= std::numeric_limits<mssg_count_t>::max()", "CommunicatorCounts.cpp");
+    mpi.setWorld(0, 3);
+    Communicator master;
+    CommunicatorTestAccess access(master);
+    std::vector<unsigned> counts;
+    expectAssertion([&] { access.gatherCounts(4294967296ull, counts); }, "Overflow in recv counts container",
+                    "s.size <= std::numeric_limits<typename PrimitiveArray::Array<C>::t>::max()",
+                    "CommunicatorCounts.cpp");
+    mpi.setAction("Gather", [](const ScriptedCall& call) {
+        std::fill_n(static_cast<unsigned*>(call.addresses.at("recvBuffer")), 3, 1431655766u);
+        return OXM_MPI_SUCCESS;
+    });
+    expectAssertion([&] { access.gatherCounts(1, counts); },
+                    std::string(oversized) + "\nMessage count = 4294967298\nMax count = 4294967295.\n" +
+                        Communicator::_oversizedMessageHint + "\n",
+                    "false", "CommunicatorCounts.cpp");
+}
+
+// The tests that it brings itself
+
+TEST_F(CommunicatorOfThree, testCommunicatorTellsWhatItReceives) {
+    mpi.setWorld(0, 3);
+    mpi.setProcessorName("here");
+    Communicator comm;
+    const auto run = [&](unsigned first, unsigned second) {
+        mpi.deliver(1, 0, &first, sizeof first);
+        mpi.deliver(2, 0, &second, sizeof second);
+        testing::internal::CaptureStdout();
+        try {
+            comm.testCommunicator();
+        } catch (const InternalError& error) {
+            std::cout << Error::getMessage(error.getProperties());
+        }
+        return testing::internal::GetCapturedStdout();
+    };
+    EXPECT_EQ(run(1001, 1002), "\nTesting communicator here\nComm here: received 1001 from 1\n"
+                               "Comm here: received 1002 from 2\n");
+    EXPECT_EQ(run(1001, 1003), "\nTesting communicator here\nComm here: received 1001 from 1\n"
+                               "Comm here: received 1003 from 2\nCommunicator failed recv check");
+    mpi.reset();
+    mpi.setWorld(2, 3);
+    Communicator worker;
+    testing::internal::CaptureStdout();
+    expectAssertion([&] { worker.testCommunicator(); }, "Communicator failed broadcast check",
+                    "check == _master", "CommunicatorSelfTest.cpp");
+    testing::internal::GetCapturedStdout();
+}
+
+TEST_F(CommunicatorOfThree, performanceTestCountsKibibytesASecond) {
+    mpi.setWorld(1, 3);
+    Communicator comm;
+    mpi.setClock(0.0, 0.5);
+    std::vector<double> sent;
+    mpi.setAction("Gather", [&](const ScriptedCall& call) {
+        const auto* const speeds = static_cast<const double*>(call.addresses.at("sendBuffer"));
+        sent.assign(speeds, speeds + call.get("sendCount"));
+        return OXM_MPI_SUCCESS;
+    });
+    std::vector<double> results{7.0};
+    mpi.clearCalls();
+    comm.performanceTest(results, 1025, 3);
+    EXPECT_EQ(sent, (std::vector<double>{6.0, 0.0, 6.0})); // 3075 bytes are 3 KiB, in half a second
+    EXPECT_EQ(results, std::vector<double>{7.0});
+    std::string pattern;
+    for (const ScriptedCall& call : mpi.calls())
+        pattern += call.name == "Ssend"  ? "s" + std::to_string(call.get("dest"))
+                   : call.name == "Recv" ? "r" + std::to_string(call.get("source"))
+                                         : call.name;
+    EXPECT_EQ(pattern, "r0r0r0r0s0s0s0s0s2s2s2s2r2r2r2r2Gather");
+    const Machine::SerialCritical lock;
+    EXPECT_THROW(comm.performanceTest(results, 8, 1), InternalError) << "the gather is gated";
+}
+
+TEST_F(CommunicatorOfThree, noSpinSynchroniseIsATree) {
+    mpi.setWorld(2, 7);
+    Communicator comm;
+    mpi.clearCalls();
+    comm.noSpinSynchronise(1.0);
+    Texts partners;
+    for (const ScriptedCall& call : mpi.calls())
+        if (call.name == "Irecv" || call.name == "Isend") {
+            EXPECT_EQ(call.get("count"), 0);
+            EXPECT_EQ(call.get("datatype"), 7);
+            EXPECT_EQ(call.get("tag"), 1022);
+            partners.push_back(call.name +
+                               std::to_string(call.get(call.name == "Irecv" ? "source" : "dest")));
+        }
+    EXPECT_EQ(partners, (Texts{"Irecv5", "Irecv6", "Isend0", "Irecv0", "Isend5", "Isend6"}));
+    EXPECT_EQ(mpi.liveHandles(), (Handles{{"group", 1}}));
+    mpi.setWorld(0, 1);
+    Communicator alone;
+    EXPECT_EQ(callsOf([&] { alone.noSpinSynchronise(0.0); }), Texts());
+}
+
+} // namespace

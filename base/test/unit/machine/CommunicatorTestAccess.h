@@ -1,0 +1,66 @@
+#pragma once
+
+#include "machine/Communicator.h"
+
+#include <memory>
+
+/// The buffer-level operations, for tests of their own checks.
+class CommunicatorTestAccess {
+public:
+    using In = Communicator::ConstBufferBase<int>;
+    using Out = Communicator::BufferBase<int>;
+    using LargeIn = Communicator::ConstBufferBase<unsigned>;
+    using LargeOut = Communicator::BufferBase<unsigned>;
+
+    explicit CommunicatorTestAccess(Communicator& communicator) : _communicator(communicator) {}
+
+    static std::unique_ptr<Communicator> make(int handle) {
+        return std::unique_ptr<Communicator>(new Communicator(handle));
+    }
+    template <class SizeType>
+    static SizeType castCount(unsigned long long count) {
+        return MessageBuffersAccess::cast<SizeType>(count);
+    }
+
+    void sendrecv(In send, unsigned dest, Out recv, unsigned source) {
+        _communicator.sendrecv(send, dest, recv, source);
+    }
+    void gather(LargeIn send, LargeOut recv) { _communicator.gather(send, recv, 0u); }
+    void allGather(LargeIn send, LargeOut recv) { _communicator.allGather(send, recv); }
+    void scatter(LargeIn send, LargeOut recv) { _communicator.scatter(send, recv, 0u); }
+    void gatherVector(LargeIn send, LargeOut recv) {
+        _communicator.gatherVector(send, recv, nullptr, nullptr, 0u);
+    }
+    void gatherVector(In send, Out recv) { _communicator.gatherVector(send, recv, nullptr, nullptr, 0u); }
+    void allGatherVector(LargeIn send, LargeOut recv) {
+        _communicator.allGatherVector(send, recv, nullptr, nullptr);
+    }
+    void scatterVector(LargeIn send, LargeOut recv) {
+        _communicator.scatterVector(send, nullptr, nullptr, recv, 0u);
+    }
+    void scatterVector(In send, Out recv) { _communicator.scatterVector(send, nullptr, nullptr, recv, 0u); }
+    void reduceScatter(In send, Out recv) { _communicator.reduceScatter(send, recv, Communicator::SUM); }
+    void allToAll(In send, Out recv) { _communicator.allToAll(send, recv); }
+    void allToAllVector(In send, Out recv) {
+        _communicator.allToAllVector(send, nullptr, nullptr, recv, nullptr, nullptr);
+    }
+    void broadcast(LargeOut buf) { _communicator.broadcast(buf, 0u); }
+    unsigned long long gatherCounts(unsigned long long count, std::vector<unsigned>& counts) {
+        std::vector<unsigned> displacements;
+        return _communicator.gatherCounts(count, counts, displacements, 0);
+    }
+    static void checkMessageCount(unsigned long long size) {
+        Communicator::checkMessageCount(size, Communicator::SENT_COUNT);
+    }
+
+private:
+    class MessageBuffersAccess : private MessageBuffers {
+    public:
+        template <class SizeType>
+        static SizeType cast(unsigned long long count) {
+            return MessageBuffers::castCount<SizeType>(count);
+        }
+    };
+
+    Communicator& _communicator;
+};

@@ -1,0 +1,139 @@
+#include "machine/DerivedDatatype.h"
+#include "machine/Communicator.h"
+#include "machine/StructDatatype.h"
+
+#include "support/ScriptedMpi.h"
+#include "support/Values.h"
+
+#include "unit/machine/Failures.h"
+
+#include <gtest/gtest.h>
+
+#include <cstddef>
+
+namespace {
+
+using Texts = std::vector<std::string>;
+using Handles = std::map<std::string, int>;
+
+/// The operations that are for typed heirs only.
+class Datatypes : public MpiCore::DerivedDatatype {
+public:
+    using DerivedDatatype::commitMpiType;
+    using DerivedDatatype::defineMpiContiguousType;
+    using DerivedDatatype::defineMpiStructType;
+    using DerivedDatatype::freeMpiType;
+};
+
+TEST(DerivedDatatype, stepsByTheSizeOfTheRecord) {
+    ScriptedMpi& mpi = ScriptedMpi::start();
+    int triple = Datatypes::defineMpiContiguousType(3, OXM_MPI_DOUBLE);
+    mpi.clearCalls();
+    Datatypes::commitMpiType(24, triple);
+    EXPECT_EQ(mpi.names(), (Texts{"Type_get_extent", "Type_commit"}));
+    Datatypes::freeMpiType(triple);
+    EXPECT_EQ(triple, 0);
+
+    const int lengths[] = {1, 2};
+    const long long displacements[] = {0, 8};
+    const int types[] = {OXM_MPI_CHAR, OXM_MPI_DOUBLE};
+    int record = Datatypes::defineMpiStructType(2, lengths, displacements, types);
+    mpi.clearCalls();
+    Datatypes::commitMpiType(32, record);
+    EXPECT_EQ(mpi.names(), (Texts{"Type_get_extent", "Type_create_resized", "Type_free", "Type_commit"}));
+    EXPECT_EQ(mpi.liveHandles(), (Handles{{"datatype", 1}}));
+    Datatypes::freeMpiType(record);
+    EXPECT_EQ(mpi.liveHandles(), Handles());
+
+    mpi.setErrorText(3, "bad type");
+    for (const auto& [call, run] : std::map<std::string, std::function<void()>>{
+             {"Type_create_struct",
+              [&] { Datatypes::defineMpiStructType(2, lengths, displacements, types); }},
+             {"Type_contiguous", [&] { Datatypes::defineMpiContiguousType(3, OXM_MPI_INT); }},
+             {"Type_free", [&] { Datatypes::freeMpiType(record); }}}) {
+        mpi.fail(call, 1, 3);
+        EXPECT_EQ(messageOf<NonRecoverableError>(run), "MPI Error : bad type") << call;
+    }
+}
+
+TEST(StructDatatype, isMadeOnceOfTheMembers) {
+    ScriptedMpi& mpi = ScriptedMpi::start();
+    struct Pair {
+        short a;
+        Particle b[2];
+    };
+    MpiCore::finalize(); // forgets what other tests left
+    ScriptedMpi::start();
+    const int handle = StructDatatype<Particle>::handle();
+    EXPECT_EQ(StructDatatype<Particle>::handle(), handle);
+    const std::vector<ScriptedCall> made = mpi.callsOf("Type_create_struct");
+    ASSERT_EQ(made.size(), 1u);
+    using Numbers = std::vector<long long>;
+    EXPECT_EQ(made[0].arrays.at("blockLengths"), (Numbers{1, 3, 1, 3}));
+    EXPECT_EQ(made[0].arrays.at("displacements"),
+              (Numbers{offsetof(Particle, kind), offsetof(Particle, position), offsetof(Particle, cell),
+                       offsetof(Particle, marks)}));
+    EXPECT_EQ(made[0].arrays.at("types"),
+              (Numbers{OXM_MPI_CHAR, OXM_MPI_DOUBLE, OXM_MPI_INT, OXM_MPI_SHORT}));
+    OXM_MPI_Aint lowerBound = 0;
+    OXM_MPI_Aint extent = 0;
+    EXPECT_EQ(OXM_MPI_Type_get_extent(handle, &lowerBound, &extent), OXM_MPI_SUCCESS);
+    EXPECT_EQ(extent, static_cast<OXM_MPI_Aint>(sizeof(Particle)));
+
+    // One inside another is built on it.
+    StructDatatype<Swarm>::handle();
+    EXPECT_EQ(mpi.callsOf("Type_create_struct")[1].arrays.at("types"), (Numbers{OXM_MPI_BOOL, handle}));
+    EXPECT_EQ(mpi.liveHandles(), (Handles{{"datatype", 2}}));
+
+    // The message layer takes them away, and a new one gets new ones.
+    MpiCore::finalize();
+    EXPECT_EQ(mpi.liveHandles(), Handles());
+    ScriptedMpi::start();
+    StructDatatype<Particle>::handle();
+    EXPECT_EQ(mpi.callsOf("Type_create_struct").size(), 1u);
+    MpiCore::finalize();
+
+    for (const char* call : {"Type_create_struct", "Type_get_extent", "Type_create_resized", "Type_commit"}) {
+        ScriptedMpi::start();
+        mpi.fail(call, 1, OXM_MPI_ERR_OTHER);
+        EXPECT_NE(messageOf<NonRecoverableError>([] { StructDatatype<Particle>::handle(); }), "") << call;
+        EXPECT_EQ(mpi.liveHandles(), Handles()) << call;
+        StructDatatype<Particle>::handle();
+        MpiCore::finalize();
+    }
+    ScriptedMpi::start();
+}
+
+TEST(CustomReduction, livesForOneCall) {
+    ScriptedMpi& mpi = ScriptedMpi::start();
+    mpi.setWorld(1, 3);
+    Communicator comm;
+    std::vector<std::array<double, 3>> records(2);
+    const auto keep = [](const std::array<double, 3>& a, const std::array<double, 3>&) { return a; };
+    mpi.clearCalls();
+    comm.allReduce(records, keep);
+    EXPECT_EQ(mpi.names(),
+              (Texts{"Type_contiguous", "Type_commit", "Op_create", "Allreduce", "Op_free", "Type_free"}));
+    EXPECT_EQ(mpi.callsOf("Type_contiguous")[0].text(), "Type_contiguous(count=3, oldType=10)");
+    EXPECT_EQ(mpi.callsOf("Op_create")[0].get("commute"), 1);
+    EXPECT_EQ(mpi.callsOf("Allreduce")[0].get("count"), 2);
+    records.clear();
+    mpi.clearCalls();
+    comm.scan(records, keep);
+    EXPECT_EQ(mpi.names(), (Texts{"Type_contiguous", "Type_commit", "Op_create", "Op_free", "Type_free"}));
+    records.resize(1);
+    mpi.fail("Op_create", 1, OXM_MPI_ERR_OTHER);
+    expectAssertion([&] { comm.reduce(records, keep, 1); }, "Failed to create reduction op",
+                    "err == OXM_MPI_SUCCESS", "CommunicatorReductions.cpp");
+    mpi.fail("Op_free", 1, OXM_MPI_ERR_OTHER);
+    expectAssertion([&] { comm.reduce(records, keep, 1); }, "Failed to delete reduction op",
+                    "err == OXM_MPI_SUCCESS", "CommunicatorReductions.cpp");
+    // Without a type there is none to free.
+    mpi.fail("Type_contiguous", 1, OXM_MPI_ERR_OTHER);
+    mpi.clearCalls();
+    EXPECT_THROW(comm.reduce(records, keep, 1), NonRecoverableError);
+    EXPECT_EQ(mpi.names(),
+              (Texts{"Type_contiguous", "Type_commit", "Op_create", "Reduce", "Error_string", "Op_free"}));
+}
+
+} // namespace

@@ -1,0 +1,140 @@
+#include "machine/MpiCore.h"
+#include "machine/MpiWallTimer.h"
+
+#include "kernel/Error.h"
+#include "support/ScriptedMpi.h"
+
+#include "unit/machine/Failures.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace {
+
+using Statuses = std::vector<OXM_MPI_Status_struct>;
+
+OXM_MPI_Status_struct statusOf(int error) {
+    OXM_MPI_Status_struct status{};
+    status.error = error;
+    return status;
+}
+
+TEST(MpiCore, errorsBecomeExceptions) {
+    ScriptedMpi& mpi = ScriptedMpi::start();
+    mpi.setErrorText(5, "bad communicator");
+    mpi.setErrorText(6, "bad rank");
+    const Statuses four{statusOf(0), statusOf(5), statusOf(0), statusOf(6)};
+    struct Row {
+        const char* name;
+        std::function<void()> handle;
+        std::string message;
+        std::string printed;
+    };
+    const Row rows[] = {
+        {"success", [&] { MpiCore::handleError(0); }, "", ""},
+        {"success with statuses", [&] { MpiCore::handleError(0, four); }, "", ""},
+        {"code", [&] { MpiCore::handleError(5); }, "MPI Error : bad communicator", ""},
+        {"code with a status", [&] { MpiCore::handleError(6, four[1]); }, "MPI Errors[6] : bad rank",
+         "MPI Error : MPI Errors[6] : bad rank\n"},
+        {"error in one status", [&] { MpiCore::handleError(17, four[1]); },
+         "MPI Errors[17] : Status index[0] : bad communicator\n",
+         "MPI Error : MPI Errors[17] : Status index[0] : bad communicator\n\n"},
+        {"errors in statuses", [&] { MpiCore::handleError(17, four); },
+         "MPI Errors[17] : Status index[1] : bad communicator\nStatus index[3] : bad rank\n",
+         "MPI Error : MPI Errors[17] : Status index[1] : bad communicator\nStatus index[3] : bad rank\n\n"},
+        {"errors in no status", [&] { MpiCore::handleError(17, Statuses(2, statusOf(0))); },
+         "MPI Errors[17] : ", "MPI Error : MPI Errors[17] : \n"},
+    };
+    for (const Row& row : rows) {
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(messageOf<NonRecoverableError>(row.handle), row.message) << row.name;
+        EXPECT_EQ(testing::internal::GetCapturedStderr(), row.printed) << row.name;
+    }
+    mpi.clearCalls();
+    MpiCore::handleError(0);
+    EXPECT_TRUE(mpi.calls().empty());
+}
+
+TEST(MpiCore, asksTheDriver) {
+    ScriptedMpi& mpi = ScriptedMpi::start();
+    MpiCore::setDistribName("Some MPI");
+    MpiCore::setMpiVersionName("9.8");
+    EXPECT_EQ(MpiCore::getDistribName(), "Some MPI");
+    EXPECT_EQ(MpiCore::getMpiVersionName(), "9.8");
+    for (const bool works : {true, false, true}) {
+        mpi.setSharedMemorySupport(works);
+        EXPECT_EQ(MpiCore::hasMpiSharedMemory(), works);
+    }
+    mpi.fail("Supports_v3_shared_memory", 1, OXM_MPI_ERR_OTHER);
+    expectAssertion([] { MpiCore::hasMpiSharedMemory(); }, "MPI_Supports_v3_shared_memory failed",
+                    "OXM_MPI_Supports_v3_shared_memory(&shmSupported) == OXM_MPI_SUCCESS", "MpiCore.cpp");
+    for (const int value : {0, 1, 2}) {
+        mpi.setBindCollisionTestDisabled(value);
+        EXPECT_EQ(MpiCore::disableCpuBindingCollisionTest(), value == 1) << value;
+    }
+}
+
+class OnFinalization : public TypedObserver<> {
+public:
+    explicit OnFinalization(std::function<void()> action) : _action(std::move(action)) {
+        MpiCore::getOnFinalizationObservable().attach(*this);
+    }
+    ~OnFinalization() override { MpiCore::getOnFinalizationObservable().detach(*this); }
+    void update() override { _action(); }
+
+private:
+    std::function<void()> _action;
+};
+
+TEST(MpiCore, finalizeTellsItsObservers) {
+    ScriptedMpi& mpi = ScriptedMpi::start();
+    const auto callsWhile = [&](auto... actions) {
+        ScriptedMpi::start();
+        mpi.clearCalls();
+        [[maybe_unused]] const OnFinalization observers[sizeof...(actions) + 1] = {OnFinalization(actions)...,
+                                                                                   OnFinalization([] {})};
+        MpiCore::finalize();
+        return mpi.names();
+    };
+    const std::vector<std::string> once{"Finalize"};
+    EXPECT_EQ(callsWhile(), once);
+    std::string order;
+    std::unique_ptr<OnFinalization> later;
+    const OnFinalization first([&] {
+        order += "first ";
+        later.reset();
+    });
+    later = std::make_unique<OnFinalization>([&] { order += "detached "; });
+    const OnFinalization last([&] { order += "last "; });
+    EXPECT_EQ(callsWhile(), once);
+    EXPECT_EQ(order, "first last ");
+    // From within an observer it closes at once; the outer call then finds the layer closed.
+    EXPECT_NE(messageOf<NonRecoverableError>([&] { callsWhile([] { MpiCore::finalize(); }); }), "");
+    EXPECT_EQ(order, "first last first last ");
+    EXPECT_EQ(callsWhile(), once) << "the mark of the running pass has gone";
+    ScriptedMpi::start();
+}
+
+TEST(MpiWallTimer, readsTheClockOfTheMessageLayer) {
+    ScriptedMpi& mpi = ScriptedMpi::start();
+    mpi.setClock(100.0, 1.0);
+    MpiCore::MpiWallTimer timer;
+    double dt = -1.0;
+    EXPECT_EQ(timer.getElapsedTime(dt), 1);
+    EXPECT_EQ(dt, -1.0);
+    EXPECT_EQ(timer.stop(), 1);
+    EXPECT_EQ(timer.start(), 0); // at 100
+    EXPECT_EQ(timer.getElapsedTime(dt), 0);
+    EXPECT_EQ(dt, 1.0);
+    EXPECT_EQ(timer.start(), 1); // at 102: the stamp moves
+    const std::unique_ptr<WallTimer> copy = timer.clone();
+    EXPECT_EQ(timer.stop(), 0);
+    EXPECT_FALSE(timer.isRunning());
+    EXPECT_EQ(copy->getElapsedTime(dt), 0);
+    EXPECT_EQ(dt, 1.0);
+    EXPECT_EQ(copy->resolution(), OXM_MPI_Wtick());
+}
+
+} // namespace

@@ -1,0 +1,195 @@
+#include "machine/Timer.h"
+#include "machine/Communicator.h"
+#include "machine/MpiWallTimer.h"
+
+#include "platform/WallTimer.h"
+
+#include "support/ScriptedMpi.h"
+
+#include "unit/machine/Failures.h"
+#include "unit/machine/MachineTestAccess.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <utility>
+
+class TimerTestAccess {
+public:
+    static void setClock(Timer& timer, std::unique_ptr<WallTimer> clock) {
+        const bool running = timer.wallTimerRunning();
+        timer._wallTimer = std::move(clock);
+        if (running)
+            timer._wallTimer->start();
+    }
+    static void setCommunicator(Timer& timer, Communicator* communicator) {
+        timer._communicator = communicator;
+    }
+};
+
+namespace {
+
+class SerialTimer : public testing::Test {
+protected:
+    SerialTimer() { MachineTestAccess::startAfresh(); }
+};
+
+TEST_F(SerialTimer, clocksRunOrNotByThemselves) {
+    Timer timer;
+    const auto running = [&] {
+        return std::string(timer.wallTimerRunning() ? "w" : "-") + (timer.cpuTimerRunning() ? "c" : "-") +
+               (timer.running() ? "b" : "-");
+    };
+    EXPECT_EQ(timer.getWallTime(), 0.0);
+    EXPECT_EQ(timer.getCpuTime(), 0.0);
+    EXPECT_EQ(running(), "---");
+    timer.stop();
+    EXPECT_EQ(running(), "---");
+    const std::pair<void (Timer::*)(), const char*> steps[] = {
+        {&Timer::startWallTimer, "w--"}, {&Timer::startCpuTimer, "wcb"}, {&Timer::stopWallTimer, "-c-"},
+        {&Timer::stopCpuTimer, "---"},   {&Timer::start, "wcb"},         {&Timer::resetCpuTimer, "w--"},
+        {&Timer::resetWallTimer, "---"}, {&Timer::start, "wcb"},         {&Timer::stop, "---"},
+        {&Timer::start, "wcb"},          {&Timer::reset, "---"}};
+    for (const auto& [step, expected] : steps) {
+        (timer.*step)();
+        EXPECT_EQ(running(), expected);
+    }
+    timer.setTimes(3.0, 4.0);
+    EXPECT_EQ(timer.getCpuTime(), 3.0);
+    EXPECT_EQ(timer.getWallTime(), 4.0);
+    timer.start();
+    timer.setTimes(5.0, 6.0);
+    EXPECT_EQ(running(), "wcb");
+    EXPECT_GE(timer.getCpuTime(), 5.0);
+    EXPECT_GE(timer.getWallTime(), 6.0);
+}
+
+TEST_F(SerialTimer, collectiveReadingsAreLocal) {
+    Timer timer;
+    timer.setTimes(3.0, 4.0);
+    for (const auto reading :
+         {&Timer::getMaximumWallTime, &Timer::getMinimumWallTime, &Timer::getAverageWallTime})
+        EXPECT_EQ((timer.*reading)(), 4.0);
+    for (const auto reading : {&Timer::getMaximumCpuTime, &Timer::getMinimumCpuTime,
+                               &Timer::getAverageCpuTime, &Timer::getAccumulatedCpuTime})
+        EXPECT_EQ((timer.*reading)(), 3.0);
+    EXPECT_EQ(timer.getStandardDeviationWallTime(), 0.0);
+    EXPECT_EQ(timer.getStandardDeviationCpuTime(), 0.0);
+}
+
+TEST_F(SerialTimer, unknownClockIsTheSystems) {
+    testing::internal::CaptureStdout();
+    const std::unique_ptr<WallTimer> clock = Timer::createWallTimer(static_cast<WallTimerType>(7));
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "Unsupported wall timer type.. reverting to system wall timer.\n");
+    ASSERT_TRUE(clock);
+    EXPECT_EQ(clock->start(), 0);
+}
+
+/// Rank 0 of 4 on the scripted driver's clock.
+class ParallelTimer : public testing::Test {
+protected:
+    ParallelTimer() {
+        mpi.setWorld(0, 4);
+        MachineTestAccess::startAfresh();
+        MachineTestAccess::playRole(Machine::MASTER_MODE, 8, 0);
+        comm = std::make_unique<Communicator>();
+        mpi.setClock(100.0, 1.0);
+    }
+    ~ParallelTimer() override { MachineTestAccess::startAfresh(); }
+
+    ScriptedMpi& mpi = ScriptedMpi::start();
+    std::unique_ptr<Communicator> comm;
+};
+
+TEST_F(ParallelTimer, countsOnTheClockOfTheMessageLayer) {
+    Timer timer(comm.get());
+    timer.startWallTimer();              // 100
+    EXPECT_EQ(timer.getWallTime(), 1.0); // 101
+    timer.stopWallTimer();               // 102
+    EXPECT_EQ(timer.getWallTime(), 2.0);
+    timer.startWallTimer(); // 103
+    timer.startWallTimer(); // 104: the interval begins anew
+    const Timer copy(timer);
+    EXPECT_EQ(copy.getWallTime(), 3.0);  // 105
+    EXPECT_EQ(timer.getWallTime(), 4.0); // 106
+    Timer assigned(SYSTEM_WALL_TIMER, comm.get());
+    assigned = copy;
+    EXPECT_EQ(assigned.getWallTime(), 5.0);
+    Timer& self = assigned;
+    assigned = self;
+    EXPECT_EQ(assigned.getWallTime(), 6.0);
+    timer.reset();
+    EXPECT_EQ(timer.getWallTime(), 0.0);
+    EXPECT_EQ(copy.getWallTime(), 7.0);
+}
+
+TEST_F(ParallelTimer, runningClockThatRefuses) {
+    class BrokenTimer : public WallTimer {
+    public:
+        explicit BrokenTimer(bool works) : _works(works) {}
+        std::unique_ptr<WallTimer> clone() const override { return std::make_unique<BrokenTimer>(*this); }
+        double resolution() const override { return 1.0; }
+        int start() override { return std::exchange(running, true); }
+        int stop() override { return !std::exchange(running, false); }
+        int getElapsedTime(double&) const override { return _works ? 0 : 1; }
+
+    private:
+        bool _works;
+    };
+    Timer timer(comm.get());
+    TimerTestAccess::setClock(timer, std::make_unique<BrokenTimer>(false));
+    TimerTestAccess::setCommunicator(timer, nullptr);
+    timer.startWallTimer();
+    const std::function<void()> readings[] = {[&] { timer.getWallTime(); },
+                                              [&] { timer.stop(); },
+                                              [&] { timer.stopWallTimer(); },
+                                              [&] { timer.getMaximumWallTime(); },
+                                              [&] { timer.getMinimumWallTime(); },
+                                              [&] { timer.getAverageWallTime(); },
+                                              [&] { timer.getStandardDeviationWallTime(); }};
+    for (const auto& reading : readings)
+        expectAssertion(reading, "WallTimer error", "_wallTimer->getElapsedTime(dt) == 0", "Timer.cpp");
+    TimerTestAccess::setClock(timer, std::make_unique<BrokenTimer>(true));
+    for (const auto reading :
+         {&Timer::getMaximumWallTime, &Timer::getMinimumWallTime, &Timer::getAverageWallTime,
+          &Timer::getStandardDeviationWallTime, &Timer::getMaximumCpuTime, &Timer::getMinimumCpuTime,
+          &Timer::getAccumulatedCpuTime, &Timer::getAverageCpuTime, &Timer::getStandardDeviationCpuTime})
+        expectAssertion([&] { (timer.*reading)(); }, "Invalid Communicator!", "_communicator", "Timer.cpp");
+}
+
+TEST_F(ParallelTimer, deviationIsThePopulations) {
+    Timer timer(comm.get());
+    std::vector<double> ofRanks;
+    mpi.setAction("Gather", [&](const ScriptedCall& call) {
+        std::copy(ofRanks.begin(), ofRanks.end(), static_cast<double*>(call.addresses.at("recvBuffer")));
+        return OXM_MPI_SUCCESS;
+    });
+    const std::pair<std::vector<double>, double> rows[] = {
+        {{1, 2, 3, 6}, std::sqrt(3.5)},
+        {{5, 5, 5, 5}, 0.0},
+        {{0.1, 0.1, 0.1, 0.1}, 0.0}, // rounding makes the variance slightly negative, or nothing
+    };
+    for (const auto& [values, expected] : rows) {
+        ofRanks = values;
+        EXPECT_NEAR(timer.getStandardDeviationWallTime(), expected, 1e-8);
+        EXPECT_NEAR(timer.getStandardDeviationCpuTime(), expected, 1e-8);
+    }
+    // The average is that of the whole job, whatever the communicator.
+    mpi.setAction("Allreduce", [](const ScriptedCall& call) {
+        *static_cast<double*>(call.addresses.at("recvBuffer")) = 12.0;
+        return OXM_MPI_SUCCESS;
+    });
+    EXPECT_EQ(timer.getAverageWallTime(), 1.5);
+    EXPECT_EQ(timer.getAverageCpuTime(), 1.5);
+    EXPECT_EQ(timer.getAccumulatedCpuTime(), 12.0);
+    mpi.setAction("Allreduce", {});
+    mpi.clearCalls();
+    timer.getMaximumWallTime();
+    timer.getMinimumCpuTime();
+    EXPECT_EQ(mpi.texts(), (std::vector<std::string>{
+                               "Allreduce(sendBuffer=IN_PLACE, count=1, datatype=10, op=1, comm=1)",
+                               "Allreduce(sendBuffer=IN_PLACE, count=1, datatype=10, op=2, comm=1)"}));
+}
+
+} // namespace
