@@ -206,7 +206,7 @@ TEST_F(MachineTest, EachEndHasItsExitValue) {
     MachineTestAccess::startAfresh();
     Machine::endFailedStart(ExitStatus(ExitStatus::SERVER_ERROR)); // returns: there is no job
     EXPECT_EXIT(MachineTestAccess::runRole({narrow(L"none")}), testing::ExitedWithCode(36),
-                "^\nExit error: \\{.*\"Message\":\"Cannot open file: .*\n$");
+                "^\nExit error: \\{.*\"Message\":\"Cannot open file: .*\n");
     EXPECT_EXIT(MachineTestAccess::runRole({"-load"}), testing::ExitedWithCode(32),
                 "^\nExit error: .*Simulation file could not be loaded: ");
     EXPECT_EXIT(MachineTestAccess::runRole({"-proxy", "h", "-encoded-proxycmd", "YQ==", "-noconnect"}),
