@@ -368,6 +368,7 @@ TEST(WrapperErrors, haveTheirClassAndTheMpisText) {
         {"any destination", OXM_MPI_Send(&value, 1, INT, OXM_MPI_ANY_SOURCE, 0, WORLD), OXM_MPI_ERR_RANK},
         {"negative source", OXM_MPI_Recv(&value, 1, INT, -1, 0, WORLD, nullptr), OXM_MPI_ERR_RANK},
         {"negative tag", OXM_MPI_Send(&value, 1, INT, 0, -1, WORLD), OXM_MPI_ERR_TAG},
+        {"negative tag of a receive", OXM_MPI_Irecv(&value, 1, INT, 0, -1, WORLD, &handle), OXM_MPI_ERR_TAG},
         {"any tag of a send", OXM_MPI_Send(&value, 1, INT, 0, OXM_MPI_ANY_TAG, WORLD), OXM_MPI_ERR_TAG},
         {"negative count", OXM_MPI_Isend(&value, -1, INT, 0, 0, WORLD, &handle), OXM_MPI_ERR_COUNT},
         {"null communicator", OXM_MPI_Barrier(OXM_MPI_COMM_NULL), OXM_MPI_ERR_COMM},
