@@ -14,8 +14,7 @@ class FpuAccess {
 public:
     static bool hasPendingFault() {
         return !FpeAgnosticMode::isActive() && !IsolatedFpuContext::isActive(FriendKey<FpuAccess>()) &&
-               !SignalHandler::_catchFpeSignals &&
-               !FpuHandling::isFpeStatusClear(FpeStatusReadAccessKey());
+               !SignalHandler::_catchFpeSignals && !FpuHandling::isFpeStatusClear(FpeStatusReadAccessKey());
     }
 
     /// The text of the pending fault, which is then cleared.
