@@ -44,7 +44,7 @@ class Consumer(Case):
                 self.assertRegex(text, rf"^{ranks} ranks, \d+ sweeps, largest error ")
 
     def test_module(self):
-        job = self.ready("-module", self.top / "build/ExampleSolver", mpi=MPIS[0], ranks=3)
+        job = self.ready("-module", self.top / "build/libExampleSolver.so", mpi=MPIS[0], ranks=3)
         answer = job.run("ComputePi", "intervals=100000")
         self.assertAlmostEqual(answer["pi"], 3.14159265, places=7)
         self.assertEqual(answer["ranks"], 3)

@@ -78,7 +78,7 @@ class Process:
 
     def alive(self):
         stat = self.read("stat").decode(errors="replace")
-        return bool(stat) and stat.rpartition(")")[2].split()[0] not in ("Z", "X")
+        return ")" in stat and stat.rpartition(")")[2].split()[0] not in ("Z", "X")
 
     def parent(self):
         return int(self.read("stat").decode(errors="replace").rpartition(")")[2].split()[1])
@@ -132,7 +132,8 @@ class Room:
         return found
 
     def servers(self):
-        return [p for p in self.processes() if p.words()[:1] and pathlib.Path(p.words()[0]).name == "orvexsim"]
+        # A process may end between two looks at it: each is looked at once.
+        return [p for p in self.processes() if pathlib.Path((p.words() or [""])[0]).name == "orvexsim"]
 
     def remember_shared_files(self):
         for process in self.servers():
