@@ -86,5 +86,6 @@ public:
 /// The tree adds "Condition", "File" and "Line".
 class ORVEX_KERNEL_EXPORT InternalError : public NonRecoverableError {
 public:
-    InternalError(const std::string& message, const std::string& condition, const std::string& file, int line);
+    InternalError(const std::string& message, const std::string& condition, const std::string& file,
+                  int line);
 };
