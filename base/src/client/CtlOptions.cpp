@@ -50,6 +50,11 @@ CtlOptions CtlOptions::parse(int argc, char** argv, std::optional<int>& exitCode
     app.add_option("--timeout", timeout,
                    "Seconds to wait for an answer; default: as long as the server lives")
         ->check(CLI::PositiveNumber);
+    // An empty value is a variable that wasn't set; taken for "any", it would choose somebody else's session.
+    for (const char* name : {"--session", "--host", "--key-file", "--file"})
+        app.get_option(name)->check([](const std::string& value) {
+            return value.empty() ? std::string("the value is empty") : std::string();
+        });
     app.add_flag("--json", options.json,
                  "Answers as JSON, one object a line; the console goes to standard error");
     app.add_flag("-q,--quiet", options.quiet, "Don't show what the server prints");

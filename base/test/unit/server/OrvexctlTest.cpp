@@ -15,10 +15,13 @@ protected:
         int code;
         std::string output; ///< standard output and standard error
     };
-    Result run(std::vector<std::string> words) const {
+    Result run(std::vector<std::string> words) {
         std::vector<std::wstring> command{StringHelper::toWString(ORVEXCTL)};
-        words.insert(words.begin(),
-                     {"--key-file", StringHelper::toString(SessionLocator::getSingleton().getRecordPath())});
+        // After the end the path is gone from the locator, and without one another session might be found.
+        const std::wstring path = SessionLocator::getSingleton().getRecordPath();
+        if (!path.empty())
+            _keyFile = StringHelper::toString(path);
+        words.insert(words.begin(), {"--key-file", _keyFile});
         for (const std::string& word : words)
             command.push_back(StringHelper::toWString(word));
         const auto result = Platform::process().runCaptured(command, 30.0);
@@ -27,6 +30,8 @@ protected:
     static bool has(const Result& result, const std::string& part) {
         return result.output.find(part) != std::string::npos;
     }
+
+    std::string _keyFile;
 };
 
 TEST_F(OrvexctlTest, runsCommandsAndTellsHowTheyEnd) {
@@ -45,6 +50,7 @@ TEST_F(OrvexctlTest, runsCommandsAndTellsHowTheyEnd) {
             {{"Ecko"}, 1, "did you mean \"Echo\""},
             {{"Echo", "novalue"}, 2, "\"novalue\" isn't an argument"},
             {{"--nonsense"}, 2, "--nonsense"},
+            {{"--session", "", "Echo"}, 2, "--session"},
             {{"--file", "/nowhere/script"}, 2, "/nowhere/script can't be read"},
             {{"list-commands"}, 0, "Echo   For tests: Echo\n"},
             {{"list-commands", "Echo"}, 0, "text  text  anything  false"},
