@@ -32,15 +32,15 @@ bool isOwn(const std::string& name) {
 int exitCodeOf(const RpcClientError& error) {
     switch (error.getTrouble()) {
     case RpcClientError::CANNOT_CONNECT:
-        return CANNOT_CONNECT;
+        return ExitCode::CANNOT_CONNECT;
     case RpcClientError::REFUSED:
-        return REFUSED;
+        return ExitCode::REFUSED;
     case RpcClientError::LOST:
-        return CONNECTION_LOST;
+        return ExitCode::CONNECTION_LOST;
     case RpcClientError::TIMED_OUT:
-        return TIMED_OUT;
+        return ExitCode::TIMED_OUT;
     }
-    return CONNECTION_LOST;
+    return ExitCode::CONNECTION_LOST;
 }
 
 std::string localTime(double secondsSinceEpoch) {
@@ -87,13 +87,13 @@ int Ctl::run() {
         return dispatch();
     } catch (const UsageError& error) {
         std::cerr << "orvexctl: " << error.what() << std::endl;
-        return USAGE_ERROR;
+        return ExitCode::USAGE_ERROR;
     } catch (const RpcClientError& error) {
         std::cerr << "orvexctl: " << error.what() << std::endl;
         return exitCodeOf(error);
     } catch (const std::exception& error) { // an answer that isn't what the protocol says
         std::cerr << "orvexctl: " << error.what() << std::endl;
-        return CONNECTION_LOST;
+        return ExitCode::CONNECTION_LOST;
     }
 }
 
@@ -118,20 +118,20 @@ int Ctl::dispatch() {
 }
 
 int Ctl::runScript(std::istream& script, const std::string& name) {
-    int result = SUCCESS;
+    int result = ExitCode::SUCCESS;
     std::string line;
     for (std::size_t number = 1; readLine(script, line); ++number) {
-        int code = SUCCESS;
+        int code = ExitCode::SUCCESS;
         try {
             const std::vector<CommandWords::Word> words = CommandWords::split(line);
             if (!words.empty())
                 code = runLine(words);
         } catch (const UsageError& error) {
             std::cerr << name << ":" << number << ": " << error.what() << std::endl;
-            code = USAGE_ERROR;
+            code = ExitCode::USAGE_ERROR;
         }
-        result = result == SUCCESS ? code : result;
-        if (result != SUCCESS && !_options.keepGoing)
+        result = result == ExitCode::SUCCESS ? code : result;
+        if (result != ExitCode::SUCCESS && !_options.keepGoing)
             break;
         if (!_session.getClient().isConnected())
             break;
@@ -141,7 +141,7 @@ int Ctl::runScript(std::istream& script, const std::string& name) {
 
 int Ctl::runPrompt() {
     CtlPrompt prompt(_session);
-    int result = SUCCESS;
+    int result = ExitCode::SUCCESS;
     while (const std::optional<std::string> line = prompt.readLine()) {
         try {
             const std::vector<CommandWords::Word> words = CommandWords::split(*line);
@@ -156,7 +156,7 @@ int Ctl::runPrompt() {
             result = runLine(words);
         } catch (const UsageError& error) {
             std::cerr << error.what() << std::endl;
-            result = USAGE_ERROR;
+            result = ExitCode::USAGE_ERROR;
         }
         if (!_session.getClient().isConnected())
             break;
@@ -182,7 +182,7 @@ int Ctl::runOwn(const std::string& name, const std::vector<CommandWords::Word>& 
     if (name == "abort") {
         const int result =
             callServer("server.abort", CommandWords::toParams(arguments, {{"reason", "text"}}));
-        return result == SUCCESS ? waitForEnd(false) : result;
+        return result == ExitCode::SUCCESS ? waitForEnd(false) : result;
     }
     if (!arguments.empty())
         throw UsageError(name + " takes no arguments");
@@ -226,7 +226,7 @@ int Ctl::showStatus() {
 int Ctl::print(const RpcClient::Reply& reply) const {
     if (reply.failed) {
         printError(reply);
-        return COMMAND_FAILED;
+        return ExitCode::COMMAND_FAILED;
     }
     if (_options.json)
         std::cout << reply.result << std::endl;
@@ -234,7 +234,7 @@ int Ctl::print(const RpcClient::Reply& reply) const {
         ResponsePrinter(std::cout).print(reply.result, {"Command"});
         std::cout.flush();
     }
-    return SUCCESS;
+    return ExitCode::SUCCESS;
 }
 
 void Ctl::printError(const RpcClient::Reply& reply) const {
@@ -269,7 +269,7 @@ int Ctl::listSessions() const {
         rows.push_back(row);
     }
     if (_options.json)
-        return SUCCESS;
+        return ExitCode::SUCCESS;
     if (rows.empty())
         std::cout << "No session runs here." << std::endl;
     else {
@@ -277,7 +277,7 @@ int Ctl::listSessions() const {
         table.set("sessions", rows);
         ResponsePrinter(std::cout).print(table.toString());
     }
-    return SUCCESS;
+    return ExitCode::SUCCESS;
 }
 
 int Ctl::listCommands(const std::vector<CommandWords::Word>& arguments) {
@@ -291,13 +291,13 @@ int Ctl::listCommands(const std::vector<CommandWords::Word>& arguments) {
             std::cerr << "Error: There is no command \"" << name << "\""
                       << (help.nearest.empty() ? "" : ", did you mean \"" + help.nearest + "\"?")
                       << std::endl;
-            return COMMAND_FAILED;
+            return ExitCode::COMMAND_FAILED;
         }
         if (_options.json)
             std::cout << help.json << std::endl;
         else
             ResponsePrinter(std::cout).print(help.json);
-        return SUCCESS;
+        return ExitCode::SUCCESS;
     }
     const RpcClient::Reply reply =
         _session.getClient().call("server.listCommands", "{}", _options.timeout.value_or(ANSWER_TIME));
@@ -309,7 +309,7 @@ int Ctl::listCommands(const std::vector<CommandWords::Word>& arguments) {
     for (const Properties& command : commands)
         summaries.set(command.getString("name"), command.getString("summary"));
     ResponsePrinter(std::cout).print(summaries.toString());
-    return SUCCESS;
+    return ExitCode::SUCCESS;
 }
 
 int Ctl::stop() {
@@ -333,16 +333,16 @@ int Ctl::waitForEnd(bool commandRuns) {
         ended = _session.getClient().waitForEnd(time);
     if (!ended) {
         std::cerr << "orvexctl: the server still runs" << std::endl;
-        return TIMED_OUT;
+        return ExitCode::TIMED_OUT;
     }
     const auto end = std::chrono::steady_clock::now() + time;
     while (_session.getRecord().isAliveHere()) {
         if (std::chrono::steady_clock::now() > end) {
             std::cerr << "orvexctl: the server has closed its connections, but its process "
                       << _session.getRecord().pid << " still runs" << std::endl;
-            return TIMED_OUT;
+            return ExitCode::TIMED_OUT;
         }
         Platform::time().sleepMilliseconds(10);
     }
-    return SUCCESS;
+    return ExitCode::SUCCESS;
 }

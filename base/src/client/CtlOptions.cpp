@@ -67,7 +67,7 @@ CtlOptions CtlOptions::parse(int argc, char** argv, std::optional<int>& exitCode
         if (!options.script.empty() && !options.words.empty())
             throw CLI::ValidationError("--file", "a script and a command can't both be given");
     } catch (const CLI::ParseError& error) {
-        exitCode = app.exit(error) == 0 ? SUCCESS : USAGE_ERROR;
+        exitCode = app.exit(error) == 0 ? ExitCode::SUCCESS : ExitCode::USAGE_ERROR;
     }
     return options;
 }

@@ -6,14 +6,16 @@
 #include <vector>
 
 /// How orvexctl ends.
-enum ExitCode : int {
-    SUCCESS = 0,
-    COMMAND_FAILED = 1, ///< the server ran the command, or a request to itself, and it failed
-    USAGE_ERROR = 2,
-    CANNOT_CONNECT = 3, ///< no session is there, or nobody answers
-    REFUSED = 4,        ///< wrong key, other version, or another client is connected
-    CONNECTION_LOST = 5,
-    TIMED_OUT = 6
+struct ExitCode {
+    enum Value : int {
+        SUCCESS = 0,
+        COMMAND_FAILED = 1, ///< the server ran the command, or a request to itself, and it failed
+        USAGE_ERROR = 2,
+        CANNOT_CONNECT = 3, ///< no session is there, or nobody answers
+        REFUSED = 4,        ///< wrong key, other version, or another client is connected
+        CONNECTION_LOST = 5,
+        TIMED_OUT = 6
+    };
 };
 
 /// What the user asked for.
