@@ -217,7 +217,7 @@ TEST_F(ControllerTest, UnknownCommandsGetTheNearestName) {
 TEST_F(ControllerTest, TheQueueServesThreadsInTheirOrderWithFlatMemory) {
     constexpr int THREADS = 4;
     constexpr int EACH = 5000;
-    std::vector<int> next(THREADS, 0);
+    std::vector<std::atomic<int>> next(THREADS);
     bool inOrder = true;
     add("Count", [&](const Properties& args, Properties& response) {
         response.set("number", args.getInt("number"));
@@ -238,7 +238,7 @@ TEST_F(ControllerTest, TheQueueServesThreadsInTheirOrderWithFlatMemory) {
                     std::this_thread::yield();
                 controller.enqueue(
                     {command, "client " + std::to_string(t), [&, t](const Properties& response) {
-                         int& expected = next[static_cast<std::size_t>(t)];
+                         std::atomic<int>& expected = next[static_cast<std::size_t>(t)];
                          inOrder = inOrder && response.getInt("number") == expected;
                          ++expected;
                          if (++answered == THREADS * EACH)
