@@ -198,11 +198,13 @@ double Timer::getStandardDeviation(double value) const {
     communicator.gather(value, values, Communicator::_master);
     if (values.empty())
         return 0.0;
+    // Taken from the first value, the sums of equal times are exact, and so their deviation is exactly 0.
     double sum = 0.0;
     double sumOfSquares = 0.0;
     for (const double each : values) {
-        sum += each;
-        sumOfSquares += each * each;
+        const double difference = each - values.front();
+        sum += difference;
+        sumOfSquares += difference * difference;
     }
     const auto n = static_cast<double>(values.size());
     const double mean = sum / n;
