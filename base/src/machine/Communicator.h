@@ -93,8 +93,10 @@ public:
     public:
         template <class T>
         CustomReductionBuffer(T* records, std::size_t count)
-            : _contiguousType(allocateContiguous(strideOf<T>, viewOf<int>(records, 0).type)),
-              _buffer{records, castCount<int>(count), _contiguousType, sizeof(T)} {}
+            : _contiguousType(allocateContiguous(sizeof(T) / unitOf<T>().size, unitOf<T>().type)),
+              _buffer{records, castCount<int>(count), _contiguousType, sizeof(T)} {
+            static_assert(PrimitiveArray::assertTravels<T>());
+        }
         virtual ~CustomReductionBuffer();
         CustomReductionBuffer(const CustomReductionBuffer&) = delete;
         CustomReductionBuffer& operator=(const CustomReductionBuffer&) = delete;
@@ -102,6 +104,20 @@ public:
         BufferBase<int> get() const { return _buffer; }
 
     private:
+        struct Unit {
+            int type;
+            std::size_t size; ///< [bytes]
+        };
+        /// What a record is made of. One with gaps goes as bytes: the message layer's own buffers end with
+        /// the last byte of a datatype, and a function that copies whole records would reach beyond them.
+        template <class T>
+        static constexpr Unit unitOf() {
+            using t = typename PrimitiveArray::Record<T>::t;
+            if constexpr (PrimitiveArray::Primitive<t> && !PrimitiveArray::isLocatedValue<t>)
+                return {PrimitiveArray::datatypeCode<t>, sizeof(t)};
+            else
+                return {OXM_MPI_BYTE, 1};
+        }
         static int allocateContiguous(std::size_t count, int baseType);
 
         int _contiguousType;

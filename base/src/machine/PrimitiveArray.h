@@ -98,6 +98,11 @@ template <>
 inline constexpr int datatypeCode<LocatedValue<long double>> = OXM_MPI_LONG_DOUBLE_INT;
 
 template <class T>
+inline constexpr bool isLocatedValue = false;
+template <class T>
+inline constexpr bool isLocatedValue<LocatedValue<T>> = true;
+
+template <class T>
 concept Primitive = datatypeCode<T>
 != OXM_MPI_DATATYPE_NULL;
 
