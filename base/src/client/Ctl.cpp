@@ -80,6 +80,18 @@ bool readLine(std::istream& stream, std::string& line) {
     return !line.empty();
 }
 
+/// A line of the keys that a command takes, "\nkey=type" each, in brackets when it may be left out.
+std::string usageOf(const Properties& command) {
+    std::vector<Properties> arguments;
+    command.get("arguments", arguments);
+    std::string usage;
+    for (const Properties& argument : arguments) {
+        const std::string word = argument.getString("name") + "=" + argument.getString("type");
+        usage += (usage.empty() ? "\n" : " ") + (argument.getBool("required") ? word : "[" + word + "]");
+    }
+    return usage;
+}
+
 } // namespace
 
 int Ctl::run() {
@@ -307,7 +319,7 @@ int Ctl::listCommands(const std::vector<CommandWords::Word>& arguments) {
     Properties(std::string_view(reply.result)).get("commands", commands);
     Properties summaries;
     for (const Properties& command : commands)
-        summaries.set(command.getString("name"), command.getString("summary"));
+        summaries.set(command.getString("name"), command.getString("summary") + usageOf(command));
     ResponsePrinter(std::cout).print(summaries.toString());
     return ExitCode::SUCCESS;
 }

@@ -23,13 +23,12 @@ using mssg_count_t = unsigned int;
 /// A set of ranks that talk to each other: the typed face of one MPI communicator.
 ///
 /// What travels, in all typed operations:
-/// - a value of fixed size: a primitive type (bool, the character and integer types, float, double, long
-/// double,
-///   std::complex), an enumeration, a LocatedValue, a std::array of such, a struct with StructMembers;
+/// - a value of fixed size: a primitive type (bool, the character and integer types, float, double,
+///   long double, std::complex), an enumeration, a LocatedValue, a std::array of such, a struct with
+///   StructMembers;
 /// - a pointer with a count of such values;
-/// - a container of such values that can be resized, std::vector or std::string: its length travels first,
-/// and
-///   the receiver's takes that length;
+/// - a container of such values that can be resized, std::vector or std::string: its length travels
+///   first, and the receiver's takes that length;
 /// - a std::span: memory whose length all sides know already; only its content travels.
 /// Everything else, std::vector<bool> included, is refused by the compiler. Lengths, counts and displacements
 /// are in values, whatever these consist of.
@@ -133,8 +132,7 @@ public:
     using MessageBuffers::_oversizedMessageHint;
     using MessageBuffers::_oversizedMessageString;
 
-    // Construction and identity.
-    // ------------------------------------------------------------------------------
+    // ---- Construction and identity.
 
     /// All processes of the job. Local.
     Communicator();
@@ -158,8 +156,7 @@ public:
     /// [s] spent in operations of this communicator while its timer was on.
     double getCommunicationTime() const { return _communicationTime; }
 
-    /// A communicator of some ranks of this one, in the order given. Collective, with the same list
-    /// everywhere.
+    /// A communicator of some ranks of this one, in the order given. Collective; all pass the same list.
     /// @return null on a rank that isn't in `ranks`
     std::unique_ptr<Communicator> createCommunicator(const std::vector<unsigned>& ranks) const;
     /// One communicator for each set of ranks that share memory. Collective.
@@ -168,8 +165,7 @@ public:
     /// Takes the whole job down with `status` as exit value. Local.
     void abort(const ExitStatus& status);
 
-    // Size limits.
-    // --------------------------------------------------------------------------------------------
+    // ---- Size limits.
 
     /// The largest message that one call carries [bytes]; larger ones are cut. All ranks of a communicator
     /// must have the same limit, not below the size of the largest element. Says on the standard output what
@@ -182,16 +178,14 @@ public:
         return count * typeSize > _maxBufferSize || count > MAX_COUNT;
     }
 
-    // Synchronisation. Collective.
-    // ----------------------------------------------------------------------------
+    // ---- Synchronisation. Collective.
 
     /// Returns when all ranks have called it.
     void synchronise();
     /// The same for ranks that may wait for hours: who has waited for `spinTime` [s] sleeps between looks.
     void noSpinSynchronise(double spinTime);
 
-    // Point-to-point. A rank can't send to itself.
-    // ------------------------------------------------------------
+    // ---- Point-to-point. A rank can't send to itself.
 
     /// Sends a value, a container or a span to `dest`; returns when `value` may be changed again.
     template <PrimitiveArray::Object V>
@@ -365,8 +359,7 @@ public:
         return stands;
     }
 
-    // Collectives.
-    // ---------------------------------------------------------------------------------------------
+    // ---- Collectives.
 
     /// Afterwards every rank's `value` equals the root's.
     template <PrimitiveArray::Object V>
@@ -451,8 +444,8 @@ public:
             subtractStrideLength(counts.data(), counts.data(), r.stride);
     }
     /// @param recvCounts     on the root: values of each rank
-    /// @param displacements  on the root: where in `recv` each rank's values begin; null for one after the
-    /// other
+    /// @param displacements  on the root: where in `recv` each rank's values begin; null when they lie one
+    ///                       after the other
     template <class T>
     void gatherVector(const T* send, std::size_t sendCount, T* recv, const unsigned* recvCounts,
                       const unsigned* displacements, unsigned root) {
@@ -524,12 +517,11 @@ public:
                       viewOf<unsigned>(recv, recvCount), root);
     }
 
-    // Reductions. Collective. A container or count has the same length on all ranks.
-    // ---------------------------
+    // ---- Reductions. Collective. A container or count has the same length on all ranks.
     //
-    // A function that combines is a plain function or a lambda without captures, `T combine(const T&, const
-    // T&)` or `void combine(const T& from, T& into)`. It may be called for the ranks in any order, and must
-    // not throw.
+    // A function that combines is a plain function or a lambda without captures,
+    // `T combine(const T&, const T&)` or `void combine(const T& from, T& into)`. It may be called for the
+    // ranks in any order, and must not throw.
 
     /// The root's `value` becomes the combination of all ranks' values; the others' stay.
     template <PrimitiveArray::Object V>
@@ -585,11 +577,10 @@ public:
         reduceScatter(viewOf<int>(send, _size * recvCount), viewOf<int>(recv, recvCount), operation);
     }
 
-    // All to all. Collective.
-    // ----------------------------------------------------------------------------------
+    // ---- All to all. Collective.
 
-    /// Block i of `send` goes to rank i, block i of `recv` comes from there; blocks have one length
-    /// everywhere.
+    /// Block i of `send` goes to rank i, block i of `recv` comes from it. All blocks of all ranks have one
+    /// length.
     template <class T>
     void allToAll(const std::vector<T>& send, std::vector<T>& recv) {
         static_assert(PrimitiveArray::assertTravels<std::vector<T>>());
@@ -626,13 +617,12 @@ public:
                        viewOf<int>(recv, in.total / strideOf<T>), in.counts, in.displacements);
     }
 
-    // Tests. Collective.
-    // ---------------------------------------------------------------------------------------
+    // ---- Tests. Collective.
 
     /// Sends a little to and fro, says so on the standard output, and checks what arrives.
     void testCommunicator();
-    /// Measures each pair of ranks. @param results  on the master: [KiB/s] from rank s to rank d at s *
-    /// size() + d
+    /// Measures each pair of ranks.
+    /// @param results  on the master: [KiB/s] from rank s to rank d at s * size() + d
     void performanceTest(std::vector<double>& results, unsigned messageBytes, unsigned iterations);
 
 private:
@@ -651,8 +641,7 @@ private:
     void checkSerialCriticalLock() const;
     double getSendRecvSpeed(unsigned partner, bool sender, unsigned messageBytes, unsigned iterations);
 
-    // Buffer-level operations: argument checks, frame, wrapper call.
-    // ------------------------------------------
+    // ---- Buffer-level operations: argument checks, frame, wrapper call.
 
     void send(ConstBufferBase<int> buf, unsigned dest, Tag tag) {
         MpiCore::handleError(sendFrame(buf.data, buf.size, buf.type, dest, tag.value(), this, buf.typeSize));

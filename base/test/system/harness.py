@@ -146,11 +146,14 @@ class Room:
         rest += [str(path) for path in (*self.shared_files, *self.records) if os.path.exists(path)]
         return rest
 
-    def leave(self):
+    def end_all(self):
         for _ in range(3):
             for process in self.processes():
                 process.kill()
             time.sleep(0.01)
+
+    def leave(self):
+        self.end_all()
         for path in (*self.shared_files, *self.records):
             with contextlib.suppress(OSError):
                 os.unlink(path)
@@ -261,6 +264,16 @@ class Case(unittest.TestCase):
         self.room = Room()
         self.killed_something = False
         self.addCleanup(self.room.leave)
+
+    @contextlib.contextmanager
+    def subTest(self, *message, **row):
+        """A row that fails doesn't leave its job to the next."""
+        with super().subTest(*message, **row):
+            try:
+                yield
+            except BaseException:
+                self.room.end_all()
+                raise
 
     def start(self, *options, **more):
         job = Job(self.room, *options, **more)

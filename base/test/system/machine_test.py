@@ -101,6 +101,19 @@ class Answers(Case):
                 self.assertEqual(job.run("GetHosts"), hosts, "messages in pieces")
                 self.stop(job)
 
+    def test_messages_are_traced(self):
+        job = self.ready(mpi=MPIS[0], ranks=2)
+        job.run("EnableSlaveCout", "enableflag=true")
+        job.run("EnableMpiDriverTracing", "enableFlag=true")
+        job.run("GetHosts")
+        job.run("EnableMpiDriverTracing", "enableFlag=false")
+        traced = job.err()
+        job.run("GetHosts")
+        for rank in (0, 1):
+            self.assertRegex(traced, rf"MPI rank {rank}: Gather\(.*root=0, comm=1\) = 0 in \d")
+        self.assertEqual(job.err(), traced)
+        self.stop(job)
+
     def test_floating_point_fault_of_one_rank(self):
         for mpi, ranks in ((None, 1), (MPIS[0], 3)):
             with self.subTest(ranks=ranks):

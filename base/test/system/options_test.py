@@ -207,13 +207,46 @@ class Taken(Case):
     def test_loopback_only(self):
         """Without a client address nothing listens on the network."""
         job = self.ready()
+        self.assertLessEqual(self.listening(job), {"0100007F", "00000000000000000000000001000000"})
+        self.stop(job)
+
+    def listening(self, job):
+        """The addresses, as the kernel writes them, at which the server's port is open."""
         port = job.record()["port"]
-        listening = [line.split()[1] for table in ("tcp", "tcp6")
+        addresses = {line.split()[1].rpartition(":")[0] for table in ("tcp", "tcp6")
                      for line in Process(job.process.pid).read(f"net/{table}").decode().splitlines()[1:]
-                     if line.split()[3] == "0A" and line.split()[1].endswith(f":{port:04X}")]
-        self.assertTrue(listening)
-        for address in listening:
-            self.assertIn(address.rpartition(":")[0], ("0100007F", "00000000000000000000000001000000"))
+                     if line.split()[3] == "0A" and line.split()[1].endswith(f":{port:04X}")}
+        self.assertTrue(addresses)
+        return addresses
+
+    def test_client_address(self):
+        """The network is served, but that client alone; any other is told so, before it says a word."""
+        job = self.ready("-xclientaddr", "127.0.0.1")
+        self.assertLessEqual(self.listening(job), {"00000000", "0" * 32})
+        self.assertEqual(job.run("GetNumberOfWorkers")["NumberOfWorkers"], 1)
+        with socket.create_connection(("127.0.0.1", job.record()["port"]), 5, source_address=("127.0.0.2", 0)) as other:
+            told = b"".join(iter(lambda: other.recv(4096), b"")).decode()
+        self.assertIn("127.0.0.2 isn't the client 127.0.0.1", told + job.err() + job.out())
+        self.stop(job)
+        refused = self.start("-xclientaddr", "no.such.host.invalid")
+        self.assertNotEqual(refused.wait(), 0, refused.told())
+        self.assertIn("no.such.host.invalid", refused.err())
+
+    def test_unlisted(self):
+        """Who has the key still gets in."""
+        job = self.ready("-loc")
+        self.assertNotIn(str(job.process.pid), job.ctl("list-sessions").stdout)
+        self.assertEqual(job.run("GetNumberOfWorkers")["NumberOfWorkers"], 1)
+        self.stop(job)
+
+    def test_floating_point_registers_left_alone(self):
+        """A development version can be told so; a release version checks whatever it is told."""
+        job = self.ready("-xdisable-fpe-register-checking", "-module", "OrvexTestModule")
+        answer = job.ctl("TestDivideByZero", "ranks=[0]", check=False)
+        if "WARNING: FPE register checking disabled." in job.out():
+            self.assertIn("Infinity", answer.stdout)
+        else:
+            self.assertIn("A floating point error has occurred.", answer.stderr)
         self.stop(job)
 
     def test_temporary_folder(self):

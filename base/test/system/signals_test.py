@@ -55,6 +55,22 @@ class Asked(Case):
         self.nothing_left()
 
 
+    def test_twice(self):
+        """Who asks again after a moment doesn't want to wait for the command at work."""
+        for mpi, ranks in ((None, 1), *((mpi, 3) for mpi in MPIS)):
+            with self.subTest(mpi=mpi):
+                job = self.ready("-module", "OrvexTestModule", mpi=mpi, ranks=ranks)
+                job.ctl_started("TestWait", "seconds=60")
+                wait_until(lambda: "TestWait" in job.ctl("status").stdout, 5 * PATIENCE, "the command runs")
+                master = job.members()[0]
+                for _ in range(2):
+                    master.kill(signal.SIGTERM)
+                    time.sleep(2.5)
+                self.assertNotEqual(job.wait(), 0, job.told())
+                self.assertIn("SIGTERM again: the process ends at once", job.err())
+                wait_until(lambda: not self.room.servers(), GONE_LIMIT, lambda: str(self.room.leftovers()))
+
+
 class Killed(Case):
     """kill -9 somewhere: the whole job is gone within seconds, no rank spins as an orphan."""
 

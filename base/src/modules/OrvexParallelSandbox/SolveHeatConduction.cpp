@@ -86,7 +86,9 @@ public:
         if (_input.reportInterval != 0 && iteration % _input.reportInterval == 0)
             print(iteration, residual);
         try {
-            _task.setProgress(std::log(residual) / std::log(_input.tolerance));
+            // The residual rises now and then; what was told stays told.
+            _furthest = std::max(_furthest, std::log(residual) / std::log(_input.tolerance));
+            _task.setProgress(_furthest);
         } catch (const RecoverableError&) {
             return false;
         }
@@ -102,6 +104,7 @@ private:
 
     const Input& _input;
     Task _task;
+    double _furthest = 0.0; ///< fraction of the way
 };
 
 void answer(const Input& input, const GridBlock& block, const HeatConduction::Result& result,
