@@ -27,9 +27,11 @@ if(ORVEX_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
 endif()
 
 # A fault inside a command becomes an exception on the thread that caused it, hence the first two.
-# Messages and stack traces name sources relative to the repository, hence the prefix map.
+# Messages and stack traces name sources relative to the repository, hence the prefix maps; the second
+# is for a ccache that hands the compiler paths relative to the build folder (its `base_dir`).
+file(RELATIVE_PATH way_to_sources ${CMAKE_BINARY_DIR} ${CMAKE_SOURCE_DIR}) # ends with a slash
 add_compile_options(-fnon-call-exceptions -fasynchronous-unwind-tables
-                    -ffile-prefix-map=${CMAKE_SOURCE_DIR}/=)
+                    -ffile-prefix-map=${CMAKE_SOURCE_DIR}/= -ffile-prefix-map=${way_to_sources}=)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
   # clang 14 has no -fnon-call-exceptions for its own code generation; builds with it are for checks.
   add_compile_options(-Qunused-arguments -Wno-ignored-optimization-argument)
