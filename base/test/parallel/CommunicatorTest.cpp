@@ -445,7 +445,10 @@ TYPED_TEST(ReductionOf, numbers) {
                 +[](const T& a, const T& b) { return std::max(a, b); });
     if constexpr (std::is_integral_v<T>) {
         this->check(
-            Communicator::PRODUCT, +[](const T& a, const T& b) { return static_cast<T>(a * b); });
+            Communicator::PRODUCT, +[](const T& a, const T& b) { // modulo 2^n, as the message library
+                return static_cast<T>(static_cast<unsigned long long>(a) *
+                                      static_cast<unsigned long long>(b));
+            });
         this->check(
             Communicator::BITWISE_AND, +[](const T& a, const T& b) { return static_cast<T>(a & b); });
         this->check(
