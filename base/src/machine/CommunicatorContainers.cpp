@@ -73,6 +73,10 @@ void Communicator::allGather(const std::set<std::string>& in, std::set<std::stri
     std::string packed;
     std::vector<unsigned> packedLengths;
     packedLengths.reserve(in.size());
+    std::size_t bytes = 0;
+    for (const std::string& value : in)
+        bytes += value.size();
+    packed.reserve(bytes);
     for (const std::string& value : in) {
         packed += value;
         packedLengths.push_back(castCount<unsigned>(value.size()));
@@ -82,8 +86,16 @@ void Communicator::allGather(const std::set<std::string>& in, std::set<std::stri
     std::vector<unsigned> counts;
     allGatherVector(packed, text, counts);
     allGatherVector(packedLengths, lengths, counts);
-    // Each rank's strings are sorted, so the place after the last one is mostly right.
     std::set<std::string>::iterator hint = out.begin();
-    cutAt(lengths, text,
-          [&](std::size_t, std::string_view piece) { hint = std::next(out.emplace_hint(hint, piece)); });
+    // Each rank's strings are sorted, so the place after the last one is mostly right; and most ranks have
+    // the same ones, which shall cost no node.
+    std::string key;
+    cutAt(lengths, text, [&](std::size_t, std::string_view piece) {
+        if (hint != out.end() && *hint == piece) {
+            ++hint;
+            return;
+        }
+        key.assign(piece);
+        hint = std::next(out.insert(hint, key));
+    });
 }

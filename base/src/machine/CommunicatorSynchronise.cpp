@@ -41,11 +41,13 @@ void Communicator::noSpinSynchronise(double spinTime) {
     RequestStack sends;
     Timer timer;
     const auto await = [&] {
-        timer.resetWallTimer();
-        timer.startWallTimer();
-        while (!test(receives))
-            if (timer.getWallTime() > spinTime)
-                Platform::time().sleepMilliseconds(sleep);
+        if (!test(receives)) { // whom everybody waited for needs no clock
+            timer.resetWallTimer();
+            timer.startWallTimer();
+            while (!test(receives))
+                if (timer.getWallTime() > spinTime)
+                    Platform::time().sleepMilliseconds(sleep);
+        }
         wait(receives);
     };
 

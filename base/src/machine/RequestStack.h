@@ -32,8 +32,7 @@ public:
     /// Completes all requests; local, returns when all messages are through.
     void wait();
     /// @param sources  the source of each request's message, in the order of the requests; untouched on an
-    /// empty
-    ///                 stack
+    ///                 empty stack
     void wait(std::vector<unsigned>& sources);
     /// Completes one request; later ones move down. 0xFFFFFFFF in `source` on an empty stack.
     void waitAny(unsigned& source);
