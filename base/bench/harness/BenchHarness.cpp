@@ -48,6 +48,8 @@ void BenchHarness::addCase(const std::string& name, Batch batch) {
 double BenchHarness::measure(const Batch& batch, int iterations) const {
     using Clock = std::chrono::steady_clock;
     _ranks.barrier();
+    batch(1); // what the other cases pushed out of the caches comes back
+    _ranks.barrier();
     const Clock::time_point start = Clock::now();
     batch(iterations);
     return std::chrono::duration<double>(Clock::now() - start).count();
@@ -67,8 +69,9 @@ int BenchHarness::calibrate(const Batch& batch) const {
     }
 }
 
-void BenchHarness::run(int rounds) {
+void BenchHarness::run(int rounds, const std::string& only) {
     _rounds = rounds;
+    std::erase_if(_groups, [&](const Group& group) { return group.name.find(only) == std::string::npos; });
     std::vector<std::pair<Group*, Case*>> order;
     for (Group& group : _groups) {
         group.iterations = calibrate(group.cases.front().batch);
@@ -106,19 +109,27 @@ void BenchHarness::print(std::FILE* stream) const {
 void BenchHarness::writeJson(const std::string& path) const {
     if (_ranks.rank != 0)
         return;
+    std::vector<Figure> figures;
+    for (const Group& group : _groups)
+        for (const Case& one : group.cases)
+            figures.push_back({group.name, one.name, getMedian(one.nanoseconds), getRatio(group, one)});
+    writeJson(path, _subject, _ranks.size, _rounds, figures);
+}
+
+void BenchHarness::writeJson(const std::string& path, const std::string& subject, int ranks, int rounds,
+                             const std::vector<Figure>& figures) {
     std::FILE* const file = std::fopen(path.c_str(), "w");
     if (!file)
         throw std::runtime_error("can't write " + path);
     std::fprintf(file, "{\"subject\": %s, \"ranks\": %d, \"rounds\": %d, \"cases\": [",
-                 quote(_subject).c_str(), _ranks.size, _rounds);
+                 quote(subject).c_str(), ranks, rounds);
     const char* separator = "";
-    for (const Group& group : _groups)
-        for (const Case& one : group.cases) {
-            std::fprintf(file, "%s\n  {\"group\": %s, \"case\": %s, \"ns\": %.3f, \"ratio\": %.5f}",
-                         separator, quote(group.name).c_str(), quote(one.name).c_str(),
-                         getMedian(one.nanoseconds), getRatio(group, one));
-            separator = ",";
-        }
+    for (const Figure& figure : figures) {
+        std::fprintf(file, "%s\n  {\"group\": %s, \"case\": %s, \"ns\": %.3f, \"ratio\": %.5f}", separator,
+                     quote(figure.group).c_str(), quote(figure.name).c_str(), figure.nanoseconds,
+                     figure.ratio);
+        separator = ",";
+    }
     std::fprintf(file, "\n]}\n");
     if (std::fclose(file) != 0)
         throw std::runtime_error("can't write " + path);

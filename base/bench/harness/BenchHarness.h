@@ -7,10 +7,11 @@
 
 /// Measures small differences on a noisy machine.
 ///
-/// All cases run in one process, in batches of a fifth of a millisecond with a barrier before each, round
-/// after round, each round in another order. A case's cost is the median of its batches; its ratio is the
-/// median, over the rounds, of its batch to the reference's batch of the same round. Each group measures its
-/// reference twice: the second is the null case, whose ratio tells how much of the other ratios is noise.
+/// All cases run in one process, in batches of a fifth of a millisecond with a barrier and one unmeasured
+/// iteration before each, round after round, each round in another order. A case's cost is the median of its
+/// batches; its ratio is the median, over the rounds, of its batch to the reference's batch of the same
+/// round. Each group measures its reference twice: the second is the null case, whose ratio tells how much of
+/// the other ratios is noise.
 ///
 /// In a job of several ranks every rank does the same, and rank 0 measures.
 class BenchHarness {
@@ -35,12 +36,22 @@ public:
     /// A further case of the latest group.
     void addCase(const std::string& name, Batch batch);
 
-    /// Runs everything. Collective.
-    void run(int rounds);
+    /// Runs the groups with `only` in their names. Collective.
+    void run(int rounds, const std::string& only = {});
 
     /// On rank 0: a table for people, and one JSON object for `compare`.
     void print(std::FILE* stream) const;
     void writeJson(const std::string& path) const;
+
+    /// One line of a report: the cost of a case and its ratio to the group's reference.
+    struct Figure {
+        std::string group;
+        std::string name;
+        double nanoseconds;
+        double ratio;
+    };
+    static void writeJson(const std::string& path, const std::string& subject, int ranks, int rounds,
+                          const std::vector<Figure>& figures);
 
 private:
     struct Case {

@@ -20,9 +20,13 @@ void check(int code, const char* call) {
 }
 #define CHECK(call) check(call, #call)
 
-void* load(const std::string& name) {
+void* find(const std::string& name) {
     const std::string path = ORVEX_MODULE_DIRECTORY "/lib" + name + ".so";
-    void* const library = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+    return dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+}
+
+void* load(const std::string& name) {
+    void* const library = find(name);
     if (!library)
         throw std::runtime_error(dlerror());
     return library;
@@ -52,6 +56,8 @@ MpiBench::MpiBench(int& argc, char**& argv) {
             _rounds = std::atoi(argv[i + 1]);
         else if (word == "--json")
             _json = argv[i + 1];
+        else if (word == "--only")
+            _only = argv[i + 1];
     }
     if (_driver != "openmpi4" && _driver != "mpich2")
         throw std::runtime_error("-mpi openmpi4 or -mpi mpich2 is needed");
@@ -73,6 +79,11 @@ const RawMpi& MpiBench::raw() const {
     return *static_cast<const RawMpi*>(symbol);
 }
 
+const BoostMpi* MpiBench::boost() const {
+    void* const library = find("OrvexBoost" + getModule(_driver).substr(5));
+    return library ? static_cast<const BoostMpi*>(dlsym(library, ORVEX_BOOST_MPI_SYMBOL_NAME)) : nullptr;
+}
+
 BenchHarness MpiBench::makeHarness(const std::string& program) const {
     BenchHarness::Ranks ranks;
     CHECK(OXM_MPI_Comm_rank(OXM_MPI_COMM_WORLD, &ranks.rank));
@@ -86,7 +97,7 @@ BenchHarness MpiBench::makeHarness(const std::string& program) const {
 }
 
 void MpiBench::report(BenchHarness& harness) const {
-    harness.run(_rounds);
+    harness.run(_rounds, _only);
     harness.print(stdout);
     if (!_json.empty())
         harness.writeJson(_json);

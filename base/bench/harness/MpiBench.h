@@ -1,6 +1,7 @@
 #pragma once
 
 #include "BenchHarness.h"
+#include "BoostMpi.h"
 #include "RawMpi.h"
 
 #include <string>
@@ -8,7 +9,7 @@
 /// The frame of a benchmark of the message layer: its command line, the raw calls, and a harness over the
 /// ranks.
 ///
-///     PROGRAM -mpi DRIVER [--rounds N] [--json FILE]
+///     PROGRAM -mpi DRIVER [--rounds N] [--only GROUP] [--json FILE]
 class MpiBench {
 public:
     MpiBench(int& argc, char**& argv);
@@ -20,6 +21,8 @@ public:
 
     /// With MPI running: the raw calls of the same library.
     const RawMpi& raw() const;
+    /// With MPI running: the peer on the same library, or null where it wasn't built.
+    const BoostMpi* boost() const;
     /// With MPI running: a harness over the world.
     BenchHarness makeHarness(const std::string& program) const;
     /// Runs all cases, prints and writes what the command line asks for.
@@ -28,5 +31,6 @@ public:
 private:
     std::string _driver;
     std::string _json;
+    std::string _only;
     int _rounds = 400;
 };
