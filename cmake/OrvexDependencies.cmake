@@ -8,6 +8,9 @@ find_package(Threads REQUIRED)
 pkg_check_modules(OMPI IMPORTED_TARGET ompi)
 pkg_check_modules(MPICH IMPORTED_TARGET mpich)
 
+# Hardware topology and binding.
+pkg_check_modules(HWLOC REQUIRED IMPORTED_TARGET hwloc)
+
 # Behind OS::Log.
 find_package(spdlog REQUIRED)
 

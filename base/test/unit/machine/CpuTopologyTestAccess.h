@@ -1,0 +1,42 @@
+#pragma once
+
+#include "machine/Affinity.h"
+#include "machine/CpuTopologyImpl.h"
+
+/// Opens for tests what no caller of the hardware model sees.
+class CpuTopologyTestAccess {
+public:
+    using Impl = CpuTopology::Impl;
+    using HwlocObj = Impl::HwlocObj;
+
+    static Impl& impl(CpuTopology& topology) { return *topology._impl; }
+    static auto getObjectsBelow(const HwlocObj& parent, const std::vector<HwlocObj>& list) {
+        return Impl::getObjectsBelow(parent, list);
+    }
+    static auto invertNesting(const std::vector<Impl::NestedHwlocObjs>& list, std::size_t size) {
+        return Impl::invertNesting(list, size);
+    }
+};
+
+class AffinityMaskTestAccess {
+public:
+    static AffinityMask make(const hwloc_bitmap_s* bitmap) { return AffinityMask(bitmap); }
+};
+
+class AffinityTestAccess {
+public:
+    static bool setThread(const CpuTopology& topology, const AffinityMask& mask) {
+        return Affinity::setThreadAffinity(topology, mask);
+    }
+    static bool setProcess(const CpuTopology& topology, const AffinityMask& mask) {
+        return Affinity::setProcessAffinity(topology, mask);
+    }
+    static bool setThreadHere(const CpuTopology& topology) {
+        return Affinity::setThreadAffinityToCurrentCpuLocation(topology);
+    }
+    static bool setProcessHere(const CpuTopology& topology) {
+        return Affinity::setProcessAffinityToCurrentCpuLocation(topology);
+    }
+    static bool clearThread(const CpuTopology& topology) { return Affinity::clearThreadAffinity(topology); }
+    static bool clearProcess(const CpuTopology& topology) { return Affinity::clearProcessAffinity(topology); }
+};
