@@ -2,6 +2,7 @@
 
 #include "machine/CpuTopologyImpl.h"
 
+#include "kernel/IsolatedFpuContext.h"
 #include "kernel/Raise.h"
 
 #include <algorithm>
@@ -140,6 +141,7 @@ std::string CpuTopology::toString() const {
     std::string text;
     if (!_impl->_topology)
         return text;
+    const IsolatedFpuContext isolated(false); // the XML library makes its infinity by a division
     char* buffer = nullptr;
     int length = 0;
     if (hwloc_topology_export_xmlbuffer(_impl->_topology, &buffer, &length, 0) >= 0 && buffer)

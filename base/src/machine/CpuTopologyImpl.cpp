@@ -1,5 +1,6 @@
 #include "machine/CpuTopologyImpl.h"
 
+#include "kernel/IsolatedFpuContext.h"
 #include "kernel/Raise.h"
 #include "platform/Log.h"
 
@@ -47,6 +48,8 @@ CpuTopology::Impl::~Impl() {
 }
 
 bool CpuTopology::Impl::load(const std::string& text) {
+    // The XML library makes its infinity by a division; the next command shall not be blamed for it.
+    const IsolatedFpuContext isolated(false);
     if (hwloc_topology_init(&_topology) != 0) {
         _topology = nullptr;
         return false;

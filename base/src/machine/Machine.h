@@ -168,6 +168,9 @@ public:
     void getCpuTimes(std::vector<double>& times) const;
     /// One name for each rank, on the serial or master process; others leave `hosts` alone. Collective.
     void getHostsOnMaster(std::vector<std::string>& hosts) const;
+    /// The hosts of the job with their processes, hardware and software, on the serial or master process;
+    /// others get the numbers only. Collective.
+    void getSystemInformationOnMaster(Properties& result) const;
 
     /// Fixes the role and starts the message layer. Collective. Part of main(), public for programs that are
     /// not a server: they call it first and stopCommunicators() last.
@@ -178,6 +181,7 @@ private:
     friend class Communicator;
     friend class GlobalCondition;
     friend class GlobalFloatingPointError;
+    friend class MachineHost;
     friend class MachineTestAccess;
 
     /// Option word to the number of command-line words that it uses, filled by the passes over the line.
@@ -210,6 +214,10 @@ private:
     void setTemporaryDirectory(const std::wstring& directory);
     void installTerminateHandler();
     void uninstallTerminateHandler();
+    void bindProcesses();
+    void conformProcessAffinityToMainThreadAffinity();
+    void resolveCpuContention(const ConsumedOptions& consumed) const;
+    void testForCpuBindingCollisions(int verbosity) const;
     void warnOfMixedVectorization() const;
     void startParallelErrorHandler();
     void startTimer();

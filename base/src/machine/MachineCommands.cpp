@@ -1,6 +1,9 @@
 #include "machine/MachineCommands.h"
 
+#include "machine/Affinity.h"
 #include "machine/Communicator.h"
+#include "machine/CpuTopology.h"
+#include "machine/GlobalCondition.h"
 #include "machine/Machine.h"
 #include "machine/MachineHost.h"
 #include "machine/MpiCore.h"
@@ -308,6 +311,130 @@ public:
     void execute(const Properties&, Properties& response) override { response.set("doubleprecision", true); }
 };
 
+class GetSystemInformation : public Command {
+public:
+    GetSystemInformation()
+        : Command({"Tells the processes, hardware and software of each host of the job.",
+                   {},
+                   {{"Number of Nodes", "unsigned", "ranks of the job"},
+                    {"Number of Hosts", "unsigned", "hosts of the job"},
+                    {"hosts", "vector of properties", "for each host its processes, hardware and software"},
+                    {"UserName", "text", "on whose behalf the server runs"},
+                    {"DoublePrecision", "bool", "whether the server computes in double precision"}}}) {}
+    std::string getName() const override { return "GetSystemInformation"; }
+    void execute(const Properties&, Properties& response) override {
+        Machine::getSingleton().getSystemInformationOnMaster(response);
+    }
+};
+
+/// What the commands that touch bindings share.
+class AffinityCommand : public Command {
+protected:
+    using Command::Command;
+
+    static const CpuTopology& topology() { return Machine::getHost().getCpuTopology(); }
+
+    void warn() const {
+        std::cout << "Warning: " << getName() << " is intended for testing purposes only.\n"
+                  << "Using it may well result in performance degradation" << std::endl;
+    }
+
+    /// Fails on all ranks when one has failed, so that no rank goes on alone.
+    static void check(bool isGood, const std::string& message) {
+        if (GlobalCondition(!isGood, GlobalCondition::ON_ANY))
+            raise(InputError(message));
+    }
+
+    /// The binding as it is now, one flag for each logical processing unit.
+    static void tell(const char* failure, Properties& response) {
+        const AffinityMask mask = Affinity::getProcessAffinity(topology());
+        check(!mask.empty(), failure);
+        std::vector<bool> flags(topology().getNumberLpus(), false);
+        for (const unsigned lpu : topology().getLpusFromMask(mask))
+            flags[lpu] = true;
+        response.set(MASK_KEY, flags);
+    }
+
+    static constexpr const char* MASK_KEY = "mask";
+};
+
+class GetAffinity : public Command {
+public:
+    GetAffinity()
+        : Command({"Tells on which processors each process may run.",
+                   {},
+                   {{"hosts", "vector of properties",
+                     "for each host its \"hostname\" and its \"masks\": \"rank\" and \"mask\", a flag for "
+                     "each logical processing unit"}}}) {}
+    std::string getName() const override { return "GetAffinity"; }
+    void execute(const Properties&, Properties& response) override {
+        Machine::getHost().gatherAffinityPropertiesToMaster(response);
+    }
+};
+
+} // namespace
+
+/// Binds the processes; a friend of the setters.
+class MachineCommands {
+public:
+    class SetAffinity : public AffinityCommand {
+    public:
+        SetAffinity()
+            : AffinityCommand({"Binds every process of the job to the same processors. For tests.",
+                               {{MASK_KEY, "vector of bool", "a flag for each logical processing unit"}},
+                               {{MASK_KEY, "vector of bool", "the binding that was reached"}}}) {}
+        std::string getName() const override { return "SetAffinity"; }
+        void execute(const Properties& args, Properties& response) override {
+            std::vector<bool> flags;
+            args.get(MASK_KEY, flags);
+            check(flags.size() <= topology().getNumberLpus(),
+                  "\"mask\" must hold a flag for each of the " + std::to_string(topology().getNumberLpus()) +
+                      " logical processing units, but it holds " + std::to_string(flags.size()));
+            warn();
+            std::vector<unsigned> lpus;
+            for (unsigned lpu = 0; lpu < flags.size(); ++lpu)
+                if (flags[lpu])
+                    lpus.push_back(lpu);
+            const AffinityMask mask = topology().getLpuMask(lpus);
+            check(Affinity::setProcessAffinity(topology(), mask),
+                  "Failed to set CPU affinity with mask " + topology().printAffinityMask(mask, 60));
+            tell("Failed to get new CPU affinity mask", response);
+        }
+    };
+
+    class ClearAffinity : public AffinityCommand {
+    public:
+        ClearAffinity()
+            : AffinityCommand({"Lets every process of the job run on all processors that it may use.",
+                               {},
+                               {{MASK_KEY, "vector of bool", "the binding that was reached"}}}) {}
+        std::string getName() const override { return "ClearAffinity"; }
+        void execute(const Properties&, Properties& response) override {
+            check(Affinity::clearProcessAffinity(topology()), "Failed to clear CPU affinity");
+            tell("Failed to get CPU affinity", response);
+        }
+    };
+};
+
+namespace {
+
+class ReportAffinity : public Command {
+public:
+    ReportAffinity()
+        : Command({"Prints the hardware of the hosts and the binding of each process.",
+                   {{"numa", "bool", "the NUMA nodes as well; false without the key", false},
+                    {"core", "bool", "the physical cores as well, where they have several processing units",
+                     false},
+                    {"text", "bool", "a summary in words as well", false},
+                    {"gather", "bool", "bring the texts of the hosts together at once", false}},
+                   {}}) {}
+    std::string getName() const override { return "ReportAffinity"; }
+    void execute(const Properties& args, Properties&) override {
+        const auto get = [&](const char* key) { return args.hasName(key) && args.getBool(key); };
+        Machine::getHost().printProcessAffinitySummary(get("numa"), get("core"), get("text"), get("gather"));
+    }
+};
+
 class RedirectStandardStreams : public QueryCommand {
 public:
     RedirectStandardStreams()
@@ -361,6 +488,7 @@ void registerMachineCommands() {
     controller.registerCommand(new EnableCommunicationTimer);
     controller.registerCommand(new GetCommunicationTimes);
     controller.registerCommand(new GetTimes);
+    controller.registerCommand(new GetSystemInformation);
     controller.registerCommand(new GetHosts);
     controller.registerCommand(new PerformPerformanceTest);
     controller.registerCommand(new LoadParallelSandBox);
@@ -371,6 +499,10 @@ void registerMachineCommands() {
     controller.registerCommand(new PrintProcessSummary);
     controller.registerCommand(new EnableIODebug);
     controller.registerCommand(new GetDoublePrecision);
+    controller.registerCommand(new GetAffinity);
+    controller.registerCommand(new MachineCommands::SetAffinity);
+    controller.registerCommand(new MachineCommands::ClearAffinity);
+    controller.registerCommand(new ReportAffinity);
     controller.registerCommand(new RedirectStandardStreams);
     controller.registerCommand(new SetMaximumMessageBufferSize);
 }

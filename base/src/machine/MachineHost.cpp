@@ -1,44 +1,21 @@
 #include "machine/MachineHost.h"
 
+#include "machine/Affinity.h"
 #include "machine/Communicator.h"
+#include "machine/CpuBinder.h"
+#include "machine/CpuTopology.h"
 #include "machine/Machine.h"
-#include "machine/MpiCore.h"
 
 #include "kernel/Raise.h"
 #include "platform/Io.h"
 #include "platform/Process.h"
 
 #include <algorithm>
-#include <iomanip>
-#include <iostream>
-#include <sstream>
 
 namespace {
 
 std::string reportedHostName() {
     return Machine::isParallel() ? Machine::globalCommunicator().myName() : Platform::io().getHostName();
-}
-
-/// Ascending ranks as maximal runs: "0-2, 5".
-std::string formatRuns(const std::vector<unsigned>& ranks) {
-    std::ostringstream text;
-    for (std::size_t first = 0; first < ranks.size();) {
-        std::size_t last = first;
-        while (last + 1 < ranks.size() && ranks[last + 1] == ranks[last] + 1)
-            ++last;
-        text << (first == 0 ? "" : ", ") << ranks[first];
-        if (last > first)
-            text << '-' << ranks[last];
-        first = last + 1;
-    }
-    return text.str();
-}
-
-void printMpiDistribution(std::ostream& out) {
-    out << "MPI Distribution : " << MpiCore::getDistribName();
-    if (!MpiCore::getMpiVersionName().empty())
-        out << '-' << MpiCore::getMpiVersionName();
-    out << '\n';
 }
 
 } // namespace
@@ -50,6 +27,7 @@ MachineHost::MachineHost(const std::string& hostName)
     gatherProcesses();
     if (Machine::isParallel())
         buildCommunicators();
+    buildTopology();
 }
 
 MachineHost::~MachineHost() = default;
@@ -87,6 +65,22 @@ void MachineHost::buildCommunicators() {
     for (const auto& [firstRank, host] : getHostsByFirstRank())
         firstRanks.push_back(firstRank);
     _interHostComm = global.createCommunicator(firstRanks);
+}
+
+void MachineHost::buildTopology() {
+    if (Machine::isSerial()) {
+        _cpuTopology = std::make_unique<CpuTopology>();
+        return;
+    }
+    // Reading the text is faster than looking at the hardware, and many looking at once are slower still.
+    std::string text;
+    if (firstProcessOnHost()) {
+        _cpuTopology = std::make_unique<CpuTopology>();
+        text = _cpuTopology->toString();
+    }
+    getIntraHostComm().broadcast(text, 0);
+    if (!firstProcessOnHost())
+        _cpuTopology = std::make_unique<CpuTopology>(text);
 }
 
 std::map<unsigned, std::string> MachineHost::getHostsByFirstRank() const {
@@ -133,46 +127,31 @@ unsigned MachineHost::getIntraHostRank() const {
     return Machine::isSerial() ? 0 : getIntraHostComm().myRank();
 }
 
-void MachineHost::printTruncatedProcessSummary() const {
-    if (!Machine::isMaster())
-        return;
-    std::size_t nameWidth = 0;
-    for (const auto& entry : _hostPidMap)
-        nameWidth = std::max(nameWidth, entry.first.size());
-    const int indexWidth = static_cast<int>(std::to_string(_numberHosts).size());
-
-    printMpiDistribution(std::cout);
-    std::ostringstream processIdentifiers;
-    unsigned index = 0;
-    const std::map<unsigned, std::string> hosts = getHostsByFirstRank();
-    for (const auto& [firstRank, host] : hosts) {
-        std::vector<unsigned> ranks;
-        std::vector<unsigned> pids;
-        getMpiRanks(host, ranks);
-        getPids(host, pids);
-        std::cout << "Host " << std::setw(indexWidth) << index << " -- " << host
-                  << std::string(nameWidth - host.size(), ' ') << " -- Ranks " << formatRuns(ranks) << '\n';
-        if (Machine::getPrintpids())
-            for (std::size_t k = 0; k < ranks.size(); ++k)
-                processIdentifiers << "Host ID " << index << " Rank " << ranks[k] << " on " << host
-                                   << " with process ID " << pids[k] << '\n';
-        ++index;
-    }
-    std::cout << "Process rank 0 " << hosts.begin()->second << ' ' << _pid << '\n'
-              << "Total number of processes : " << Machine::nProcesses() << std::endl;
-    if (Machine::getPrintpids())
-        std::cout << '\n' << processIdentifiers.str() << std::flush;
+int MachineHost::isOverSubscribed() const {
+    const std::size_t cores = getCpuTopology().getPhysicalCoresFromMask(getAvailableMask()).size();
+    return std::max(0, static_cast<int>(getNumberProcesses()) - static_cast<int>(cores));
 }
 
-void MachineHost::printCompleteProcessSummary() const {
-    if (!Machine::isMaster())
-        return;
-    std::vector<std::pair<std::string, unsigned>> processes(Machine::nProcesses());
-    for (const auto& [host, process] : _hostPidMap)
-        processes[process.second] = {host, process.first};
-    printMpiDistribution(std::cout);
-    for (std::size_t rank = 0; rank < processes.size(); ++rank)
-        std::cout << "Process rank " << rank << ' ' << processes[rank].first << ' ' << processes[rank].second
-                  << '\n';
-    std::cout << std::flush;
+AffinityMask MachineHost::getAvailableMask() const {
+    return getCpuTopology().restrictToAvailableResources(getCpuTopology().getTopologyMask());
+}
+
+bool MachineHost::bindProcesses() const {
+    if (isOverSubscribed() != 0)
+        return false;
+    bool bound = CpuBinder::bindProcess(getIntraHostRank(), getNumberProcesses(), getCpuTopology(),
+                                        getAvailableMask(), Machine::_cpuBindingPolicy);
+    if (Machine::isParallel())
+        getIntraHostComm().allReduce(bound, Communicator::LOGICAL_AND);
+    return bound;
+}
+
+AffinityMask MachineHost::getHostAffinity() const {
+    AffinityMask mask = Affinity::getProcessAffinity(getCpuTopology());
+    if (Machine::isSerial())
+        return mask;
+    std::vector<unsigned> all;
+    std::vector<unsigned> counts;
+    getIntraHostComm().allGatherVector(getCpuTopology().getLpusFromMask(mask), all, counts);
+    return getCpuTopology().getLpuMask(all);
 }

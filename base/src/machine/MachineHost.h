@@ -2,16 +2,20 @@
 
 #include "machine/MachineExport.h"
 
+#include <iosfwd>
 #include <map>
 #include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
+class AffinityMask;
 class Communicator;
+class CpuTopology;
+class Properties;
 
-/// This process's view of how the job lies on the machines: which ranks share a host, and the communicators
-/// within a host and among the first ranks of all hosts.
+/// This process's view of how the job lies on the machines: which ranks share a host, what its hardware is,
+/// and the communicators within a host and among the first ranks of all hosts.
 ///
 /// Two ranks are on the same host exactly when they report the same host name. Built once by Machine and then
 /// constant; the readers are local and may be called from any thread.
@@ -29,6 +33,8 @@ public:
 
     const std::string& getHostName() const { return _hostName; }
     unsigned getNumberHosts() const { return _numberHosts; }
+    /// The hardware of this host, looked at once for each host.
+    const CpuTopology& getCpuTopology() const { return *_cpuTopology; }
     const HostPidMap& getHostPidMap() const { return _hostPidMap; }
     /// Appends each host name once, in ascending order.
     void getHostNames(std::vector<std::string>& names) const;
@@ -51,6 +57,31 @@ public:
     unsigned getIntraHostRank() const;
     bool firstProcessOnHost() const { return getIntraHostRank() == 0; }
 
+    // Placement. Main thread.
+
+    /// How many processes of the job on this host have no physical core of their own among those that this
+    /// process may use; 0 when there are enough. Local.
+    int isOverSubscribed() const;
+    /// Binds each process of the job on this host by the binding policy of Machine. Collective over the
+    /// processes of the host.
+    /// @return whether all of them are bound; false at once, with nothing done, on an over-subscribed host
+    bool bindProcesses() const;
+    /// The union of the bindings of the job's processes on this host. Collective over them.
+    AffinityMask getHostAffinity() const;
+
+    /// Whether processes of this executable run here that aren't of this job. Local.
+    bool hasMultipleServersRunning() const;
+    /// Whether this server and others are bound to the same cores of this host. Collective over the processes
+    /// of the host, and with `verbose`, which has to be equal everywhere, over the job.
+    /// @param verbose  writes what was found on the master's standard output
+    bool hasCpuContention(bool verbose) const;
+    /// Moves the server on this host to cores that no other server holds; looks again after each move and
+    /// retries after random pauses, up to 9 s in all. Collective over the processes of the host.
+    /// @return whether it found a place
+    bool resolveCpuContention(bool verbose) const;
+
+    // Reports.
+
     /// The summary that a server prints at its start: printTruncatedProcessSummary().
     void printProcessSummary() const { printTruncatedProcessSummary(); }
     /// Writes the ranks of each host as ranges to the standard output. On the master only, elsewhere nothing.
@@ -58,9 +89,24 @@ public:
     void printTruncatedProcessSummary() const;
     /// Writes one line for each rank to the standard output. On the master only, elsewhere nothing. Local.
     void printCompleteProcessSummary() const;
+    /// printProcessAffinitySummary(true, false, false, true).
+    void printProcessAffinitySummary() const;
+    /// Writes the hardware of the hosts and the binding of each process to the master's standard output: one
+    /// block when all hosts are alike. Collective over the job.
+    /// @param numaNodes, physicalCores, summary  which parts of the hardware, see CpuTopology::print()
+    /// @param gather  brings the texts of the hosts to the master at once, else one after the other
+    void printProcessAffinitySummary(bool numaNodes, bool physicalCores, bool summary, bool gather) const;
+    /// Fills `out` with the processes, hardware and software of this host, on its first process; leaves it
+    /// alone on the others. Local.
+    void getSystemInformation(Properties& out) const;
+    /// Sets "hosts" of `out`: on the master one entry for each host with its "hostname" and its "masks",
+    /// elsewhere none. Collective over the job.
+    void gatherAffinityPropertiesToMaster(Properties& out) const;
 
 private:
     friend class MachineHostTestAccess;
+
+    enum class MoveResult { RESOLVED, CONFLICT, NO_ROOM };
 
     /// A job whose ranks claim to be on the hosts that they name.
     explicit MachineHost(const std::string& hostName);
@@ -70,16 +116,42 @@ private:
 
     void gatherProcesses();
     void buildCommunicators();
+    void buildTopology();
     std::vector<std::string> gatherHostNames() const;
     /// Lowest global rank on a host to the host's name.
     std::map<unsigned, std::string> getHostsByFirstRank() const;
+    /// All processors of this host that this process may use.
+    AffinityMask getAvailableMask() const;
+
+    // Contention. A stream takes a report on the writer: a serial process or the first of the host.
+    bool isWriter() const;
+    std::vector<unsigned> getOtherServerPids(const std::vector<unsigned>& currentPids,
+                                             std::ostream* stream) const;
+    /// Whole physical cores; a process that isn't bound, or whose binding can't be read, occupies none.
+    AffinityMask getOccupiedCores(const CpuTopology& topology, const std::vector<unsigned>& pids,
+                                  std::ostream* stream) const;
+    bool detectContention(std::ostream* os) const;
+    void writeAccounting(std::ostream& os, const AffinityMask& current, const AffinityMask& others) const;
+    void writeOnMaster(const std::string& text) const;
+    /// Collective over the host: whether all its processes see others on the same cores.
+    bool isSeenByAll(const AffinityMask& others) const;
+    MoveResult moveAway(const std::vector<unsigned>& currentPids) const;
+    void pauseBeforeNextAttempt(bool verbose) const;
+
+    // Reports.
+    bool agreeOnHost(bool value) const;
+    bool haveAllSameTopology() const;
+    bool haveAllSameNumberOfProcesses() const;
+    std::string printRankAffinities(const std::vector<std::vector<unsigned>>& lpuLists) const;
+    void getAffinityProperties(Properties& out) const;
 
     std::string _hostName;
     unsigned _pid;
     unsigned _numberHosts = 1;
     bool _masterOnHost = false;
-    // In this order: the communicator within the host is let go first.
+    // In this order: the last goes first.
     std::unique_ptr<Communicator> _interHostComm; ///< null but on the first process of each host
     std::unique_ptr<Communicator> _intraHostComm; ///< null in serial
     HostPidMap _hostPidMap;
+    std::unique_ptr<CpuTopology> _cpuTopology;
 };

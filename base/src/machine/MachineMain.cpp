@@ -69,6 +69,8 @@ void Machine::main(int argc, char** argv) {
     SignalHandler::setAbortCallback(&Machine::abortFromAnywhere);
     SignalHandler::install();
     StopSignals::install();
+    bindProcesses();
+    resolveCpuContention(*consumed);
     if (isParallel())
         warnOfMixedVectorization();
     SynchronizedDynamicLoader::getSingleton().nonStateLoad("OrvexScene");

@@ -26,6 +26,7 @@
 #include "platform/Io.h"
 #include "platform/Process.h"
 #include "platform/StringHelper.h"
+#include "platform/System.h"
 
 #include <cerrno>
 #include <cstring>
@@ -149,6 +150,25 @@ void Machine::getHostsOnMaster(std::vector<std::string>& hosts) const {
         hosts.assign(1, Platform::io().getHostName());
     else
         globalCommunicator().gather(globalCommunicator().myName(), hosts, Communicator::masterRank());
+}
+
+void Machine::getSystemInformationOnMaster(Properties& result) const {
+    Properties mine;
+    getHost().getSystemInformation(mine);
+    std::vector<Properties> hosts{mine};
+    if (isParallel()) {
+        hosts.clear();
+        std::vector<std::string> texts;
+        globalCommunicator().gather(mine.toString(), texts, Communicator::masterRank());
+        for (const std::string& text : texts)
+            if (text != Properties().toString()) // only the first process of a host has something to tell
+                hosts.emplace_back(text);
+    }
+    result.set("Number of Nodes", nProcesses());
+    result.set("Number of Hosts", getHost().getNumberHosts());
+    result.set("hosts", hosts);
+    result.set("UserName", Platform::system().getUserName());
+    result.set("DoublePrecision", true);
 }
 
 void Machine::startConsole() {

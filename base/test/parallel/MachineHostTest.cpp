@@ -7,6 +7,7 @@
 #include "kernel/Error.h"
 #include "platform/Process.h"
 
+#include "parallel/MachineHostTestAccess.h"
 #include "unit/machine/MachineTestAccess.h"
 
 #include <gtest/gtest.h>
@@ -16,27 +17,6 @@
 #include <memory>
 #include <set>
 #include <sstream>
-
-/// Builds views of jobs that don't run.
-class MachineHostTestAccess {
-public:
-    /// Collective: this rank says that it is on `hostName`.
-    static std::unique_ptr<MachineHost> claim(const std::string& hostName) {
-        return std::unique_ptr<MachineHost>(new MachineHost(hostName));
-    }
-    /// The same view with another job in it: the host of each rank. The process identifiers are 100 + rank.
-    static void pretend(MachineHost& host, const std::vector<std::string>& hostOfRank) {
-        host._hostPidMap.clear();
-        for (unsigned rank = 0; rank < hostOfRank.size(); ++rank)
-            host._hostPidMap.emplace(hostOfRank[rank], std::make_pair(100u + rank, rank));
-        std::vector<std::string> names;
-        host.getHostNames(names);
-        host._numberHosts = static_cast<unsigned>(names.size());
-        host._pid = 100;
-    }
-    static Communicator* interHostComm(const MachineHost& host) { return host._interHostComm.get(); }
-    static Communicator& getInterHostComm(const MachineHost& host) { return host.getInterHostComm(); }
-};
 
 namespace {
 

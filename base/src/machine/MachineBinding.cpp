@@ -1,0 +1,94 @@
+// The steps of Machine::main that place the job: binding, and getting out of other servers' way.
+
+#include "machine/Machine.h"
+
+#include "machine/Affinity.h"
+#include "machine/Communicator.h"
+#include "machine/CpuTopology.h"
+#include "machine/GlobalCondition.h"
+#include "machine/MachineHost.h"
+#include "machine/MpiCore.h"
+
+#include "platform/Thread.h"
+
+#include <iostream>
+
+namespace {
+
+const std::string STARS(84, '*');
+
+/// Over the job; the own value in a serial process.
+unsigned sumOverJob(unsigned value) {
+    if (Machine::isParallel())
+        Machine::globalCommunicator().allReduce(value, Communicator::SUM);
+    return value;
+}
+
+} // namespace
+
+void Machine::bindProcesses() {
+    if (!_useInternalBinding)
+        conformProcessAffinityToMainThreadAffinity();
+    else if (!getHost().bindProcesses())
+        // What else it means that the host is over-subscribed, startHost() told; a refusal ends no run.
+        static_cast<void>(Affinity::clearProcessAffinity(getHost().getCpuTopology()));
+}
+
+void Machine::conformProcessAffinityToMainThreadAffinity() {
+    if (!Thread::isMain())
+        return;
+    const CpuTopology& topology = getHost().getCpuTopology();
+    const AffinityMask threadMask = Affinity::getThreadAffinity(topology);
+    if (Affinity::getProcessAffinity(topology) != threadMask &&
+        !Affinity::setProcessAffinity(topology, threadMask))
+        std::cerr << "Unable to apply the main thread affinity to the owning process." << std::endl;
+}
+
+void Machine::resolveCpuContention(const ConsumedOptions& consumed) const {
+    const bool isExtended = consumed.contains("-cpubindextendedverbosity");
+    if (!isExtended && !consumed.contains("-cpubindverbose")) {
+        testForCpuBindingCollisions(0);
+        return;
+    }
+    testForCpuBindingCollisions(isExtended ? 2 : 1);
+    getHost().printProcessAffinitySummary(true, false, false, true);
+}
+
+void Machine::testForCpuBindingCollisions(int verbosity) const {
+    if (isParallel() && MpiCore::disableCpuBindingCollisionTest())
+        return;
+    if (!_cpuBindingContentionTest)
+        return;
+    const bool verbose = verbosity > 0;
+    const bool isTeller = isSerial() || isMaster();
+    const bool contention = getHost().hasCpuContention(verbosity >= 2);
+    if (!GlobalCondition(contention, GlobalCondition::ON_ANY))
+        return;
+    const unsigned hosts = sumOverJob(contention && getHost().firstProcessOnHost() ? 1 : 0);
+    if (verbose && isTeller) {
+        const char* const end = hosts < 2 ? "." : "s.";
+        std::cout << "Detected CPU contention on " << hosts << " host" << end
+                  << " Attempting to resolve CPU contention on " << (hosts < 2 ? "that " : "those ") << "host"
+                  << end << std::endl;
+    }
+    const bool unresolved = contention && !getHost().resolveCpuContention(verbose);
+    if (!GlobalCondition(unresolved, GlobalCondition::ON_ANY)) {
+        if (verbose && isTeller)
+            std::cout << "CPU contention on all processes has been resolved." << std::endl;
+        return;
+    }
+    const unsigned processes = sumOverJob(unresolved ? 1 : 0);
+    if (isTeller) {
+        const char* const ending = processes < 2 ? "" : "es";
+        std::cout << STARS << "\nWarning: CPU contention on " << processes << " process" << ending
+                  << " could not be resolved.\n         CPU affinity will be cleared on "
+                  << (processes < 2 ? "that " : "those ") << "process" << ending
+                  << ".\n\n         This is a strong indication that some hosts are over-subscribed.\n"
+                     "         Over-subscribing a host is discouraged since it can severely affect "
+                     "performance.\n"
+                  << STARS << std::endl;
+    }
+    if (unresolved)
+        // Unbound, the scheduler of the operating system does what it can; a refusal leaves the old binding.
+        static_cast<void>(Affinity::clearProcessAffinity(getHost().getCpuTopology()));
+}

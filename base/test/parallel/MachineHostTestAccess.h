@@ -1,0 +1,33 @@
+#pragma once
+
+#include "machine/Communicator.h"
+#include "machine/CpuTopology.h"
+#include "machine/MachineHost.h"
+
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+/// Builds views of jobs that don't run.
+class MachineHostTestAccess {
+public:
+    /// Collective: this rank says that it is on `hostName`.
+    static std::unique_ptr<MachineHost> claim(const std::string& hostName) {
+        return std::unique_ptr<MachineHost>(new MachineHost(hostName));
+    }
+    /// The same view with another job in it: the host of each rank. The process identifiers are 100 + rank.
+    static void pretend(MachineHost& host, const std::vector<std::string>& hostOfRank) {
+        host._hostPidMap.clear();
+        for (unsigned rank = 0; rank < hostOfRank.size(); ++rank)
+            host._hostPidMap.emplace(hostOfRank[rank], std::make_pair(100u + rank, rank));
+        std::vector<std::string> names;
+        host.getHostNames(names);
+        host._numberHosts = static_cast<unsigned>(names.size());
+        host._pid = 100;
+    }
+    /// Gives the host other hardware.
+    static void equip(MachineHost& host, CpuTopology topology) { *host._cpuTopology = std::move(topology); }
+    static Communicator* interHostComm(const MachineHost& host) { return host._interHostComm.get(); }
+    static Communicator& getInterHostComm(const MachineHost& host) { return host.getInterHostComm(); }
+};

@@ -1,0 +1,115 @@
+"""Where servers run: bindings read from outside, servers on one host that get out of each other's way, and the
+commands about it."""
+import json
+import os
+import re
+import time
+
+from harness import MPIS, Case, Room, main
+
+# The hardware of the machine is what it is: these tests see two of its processors, or one.
+PROCESSORS = min(2, len(os.sched_getaffinity(0)))
+HARDWARE = {"HWLOC_SYNTHETIC": f"pack:1 [numa] core:{PROCESSORS} pu:1", "HWLOC_THISSYSTEM": "1"}
+STARS = "*" * 84
+
+
+def wait_alone():
+    """Servers of other tests would be seen, and got out of the way of."""
+    end = time.monotonic() + 60
+    while time.monotonic() < end:
+        names = [open(f"/proc/{pid}/comm").read().strip() for pid in os.listdir("/proc")
+                 if pid.isdigit() and os.path.exists(f"/proc/{pid}/comm")]
+        if "orvexsim" not in names:
+            return
+        time.sleep(0.2)
+
+
+def words(flags):
+    return "mask=" + json.dumps(flags, separators=(",", ":"))
+
+
+class Placement(Case):
+    def setUp(self):
+        super().setUp()
+        wait_alone()
+
+    def ready(self, *options, **more):
+        self.room = Room()  # of its own: the harness knows the members of a job by their room
+        self.addCleanup(self.room.leave)
+        return super().ready(*options, environment=HARDWARE, **more)
+
+    def bindings(self, job):
+        return [os.sched_getaffinity(process.pid) for _, process in sorted(job.members().items())]
+
+    def test_a_job_takes_a_core_for_each_rank(self):
+        for mpi in MPIS:
+            for policy in ((), ("-cpubind", "latency"), ("-cpubind", "bandwidth")):
+                with self.subTest(mpi=mpi, policy=policy):
+                    job = self.ready(*policy, "-cpubindverbose", mpi=mpi, ranks=PROCESSORS)
+                    self.assertEqual(self.bindings(job), [{rank} for rank in range(PROCESSORS)])
+                    hosts = job.run("GetAffinity")["hosts"]
+                    self.assertEqual([mask["mask"].index(True) for mask in hosts[0]["masks"]],
+                                     list(range(PROCESSORS)))
+                    flags = [rank == 0 for rank in range(PROCESSORS)]
+                    self.assertEqual(job.run("SetAffinity", words(flags))["mask"], flags)
+                    self.assertEqual(self.bindings(job), [{0}] * PROCESSORS)
+                    self.assertEqual(job.run("ClearAffinity")["mask"], [True] * PROCESSORS)
+                    self.assertEqual(self.bindings(job), [set(range(PROCESSORS))] * PROCESSORS)
+                    self.assertEqual(len(job.run("GetSystemInformation")["hosts"][0]["processes"]), PROCESSORS)
+                    for argument, complaint in (("mask=[]", "Failed to set CPU affinity with mask {- : 0x0}"),
+                                             (words([True] * 9), "it holds 9"),
+                                             ("mask=3", "mask"), ("", "mask")):
+                        answer = job.ctl("SetAffinity", *argument.split(), check=False)
+                        self.assertNotEqual(answer.returncode, 0)
+                        self.assertIn(complaint, answer.stdout + answer.stderr)
+                    self.assertIn("Symmetric: yes", job.ctl("ReportAffinity", "text=true").stdout)
+                    self.assertRegex(job.out(), r"(?s)\ACPU Affinity Report \(.*\) :\n    S00 = N00 : \[00.*\]\n"
+                                                r"    Rank - 0, Affinity = \{")
+                    self.stop(job)
+
+    def test_more_ranks_than_cores_run_unbound(self):
+        for mpi in MPIS:
+            with self.subTest(mpi=mpi):
+                job = self.ready(mpi=mpi, ranks=PROCESSORS + 1)
+                self.assertEqual(self.bindings(job), [set(range(PROCESSORS))] * (PROCESSORS + 1))
+                self.stop(job)
+
+    def test_without_binding(self):
+        job = self.ready("-cpubind", "disable")
+        self.assertEqual(self.bindings(job), [os.sched_getaffinity(0)])
+        self.stop(job)
+
+    def test_the_later_server_moves(self):
+        """As long as there is room; then it says so and runs unbound. One that isn't bound is in nobody's way."""
+        unbound = self.ready("-cpubind", "disable")
+        first = self.ready("-cpubindextendedverbosity")
+        self.assertEqual(self.bindings(first), [{0}])
+        self.assertIn(f"Other Servers, PIDs : {{{unbound.members()[0].pid}}}\n", first.out())
+        self.assertIn("    ----------\n    No CPU contention detected for servers on ", first.out())
+        taken = 1
+        if PROCESSORS > 1:
+            second = self.ready("-cpubindextendedverbosity", mpi=MPIS[0])
+            told = second.out()
+            self.assertIn("    Over-subscribed Cores on Host:  {S00[1 0] : 0x1} = (1 core)\n"
+                          "    => Available to Current Server: {S00[0 1] : 0x2} = (1 core)\n"
+                          "    ----------\n    CPU contention detected for servers on ", told)
+            self.assertIn("Detected CPU contention on 1 host. Attempting to resolve CPU contention on that host.\n"
+                          "CPU contention on all processes has been resolved.\n", told)
+            taken = 2
+        last = self.ready("-cpubindverbose")
+        self.assertEqual(taken, PROCESSORS)
+        self.assertIn("Detected CPU contention on 1 host. Attempting to resolve CPU contention on that host.\n"
+                      f"{STARS}\nWarning: CPU contention on 1 process could not be resolved.\n"
+                      "         CPU affinity will be cleared on that process.\n\n"
+                      "         This is a strong indication that some hosts are over-subscribed.\n"
+                      "         Over-subscribing a host is discouraged since it can severely affect performance.\n"
+                      f"{STARS}\n", last.out())
+        self.assertNotIn("Waiting for", last.out())
+        self.assertEqual(self.bindings(last), [set(range(PROCESSORS))])
+        quiet = self.ready("-cpubindcontentiontest", "disable", "-cpubindextendedverbosity")
+        self.assertNotIn("contention", quiet.out())
+        self.assertEqual(self.bindings(quiet), [{0}])
+        self.assertIsNone(re.search("contention", self.ready("-cpubind", "disable", "-cpubindverbose").out()))
+
+
+main()
