@@ -243,6 +243,7 @@ private:
     void writeProcessFile() const;
     /// Ends the process, or the job when there is one, with `status` as it is.
     [[noreturn]] void leave(const ExitStatus& status);
+    static void abortRanks(const ExitStatus& status);
 
     void gatherOnMaster(double value, std::vector<double>& values) const;
     /// Gives up the communicators without destroying them: other ranks may be anywhere.

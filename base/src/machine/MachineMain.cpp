@@ -217,12 +217,19 @@ void Machine::abort(const ExitStatus& status) {
     uninstallTerminateHandler();
     _exitStatus += status;
     SessionLocator::cleanup();
-    if (isParallel()) {
-        if (Communicator* const ranks = releaseCommunicators().release())
-            ranks->abort(_exitStatus);
-        return;
-    }
-    std::exit(int(_exitStatus));
+    if (isParallel())
+        abortRanks(_exitStatus);
+    else
+        std::exit(int(_exitStatus));
+}
+
+void Machine::abortRanks(const ExitStatus& status) {
+    // A launcher that hears of the end drops what it hasn't yet read from this process; and as a rule the
+    // other ranks fail alike, each with its line to write.
+    constexpr double GRACE = 0.3; // [s]
+    Platform::time().sleep(GRACE);
+    if (Communicator* const ranks = releaseCommunicators().release())
+        ranks->abort(status);
 }
 
 void Machine::abortFromAnywhere() {
@@ -230,12 +237,8 @@ void Machine::abortFromAnywhere() {
 }
 
 void Machine::endFailedStart(const ExitStatus& status) {
-    if (!isParallel())
-        return;
-    // As a rule the other ranks fail alike, and each has its line to write.
-    constexpr double GRACE = 0.3; // [s]
-    Platform::time().sleep(GRACE);
-    getSingleton().abort(status);
+    if (isParallel())
+        getSingleton().abort(status);
 }
 
 void Machine::leave(const ExitStatus& status) {
@@ -243,7 +246,6 @@ void Machine::leave(const ExitStatus& status) {
     if (isParallel())
         // After a mere exit the other ranks would wait for this one until the launcher notices, and some
         // launchers then forget the value.
-        if (Communicator* const ranks = releaseCommunicators().release())
-            ranks->abort(status);
+        abortRanks(status);
     std::exit(int(status));
 }

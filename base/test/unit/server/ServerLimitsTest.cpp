@@ -228,6 +228,7 @@ TEST_F(ServerLimitsTest, requestsThatAreReadLateAreAllAnswered) {
 TEST_F(ServerLimitsTest, aSlowReaderLosesLinesAndIsTold) {
     ServerLimits limits;
     limits.consoleBacklog = 64 * 1024;
+    limits.stallTime = 60s;
     server().setLimits(limits);
     serve([&] {
         RawConnection slow = authenticated(target());
@@ -240,7 +241,7 @@ TEST_F(ServerLimitsTest, aSlowReaderLosesLinesAndIsTold) {
         slow.send(RpcMessage::request("5", "Echo", "{}"));
         std::size_t lost = 0;
         for (RpcMessage message; message.id != "5";) {
-            const std::string line = slow.readLine();
+            const std::string line = slow.readLine(60.0); // TCP takes its time to notice that we read again
             ASSERT_FALSE(message.parse(line)) << line;
             if (message.method == "server.consoleLost")
                 lost += Properties(message.params).getUnsignedLong("lines");
