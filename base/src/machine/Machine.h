@@ -210,6 +210,7 @@ private:
     void startMessageLayer(const std::string& module, int& argc, char*** argv);
     void startLauncherWatch();
     void startHost();
+    void testOverSubscription() const;
     void parseCommonArgvs(int argc, char** argv, ConsumedOptions& consumed);
     void setTemporaryDirectory(const std::wstring& directory);
     void installTerminateHandler();
@@ -218,6 +219,11 @@ private:
     void conformProcessAffinityToMainThreadAffinity();
     void resolveCpuContention(const ConsumedOptions& consumed) const;
     void testForCpuBindingCollisions(int verbosity) const;
+    void buildShmemCommunicators();
+    /// @param indices  the sockets or NUMA nodes that this process is bound to
+    void buildScopeCommunicator(ShmemScope scope, const std::vector<unsigned>& indices);
+    /// One communicator of all ranks that are the first in theirs; null on the others.
+    static std::unique_ptr<Communicator> createSparseCompanion(const Communicator* communicator);
     void warnOfMixedVectorization() const;
     void startParallelErrorHandler();
     void startTimer();

@@ -1,4 +1,5 @@
-// The steps of Machine::main that place the job: binding, and getting out of other servers' way.
+// The steps of Machine::main that place the job: the look at over-subscribed hosts, binding, and getting out
+// of other servers' way.
 
 #include "machine/Machine.h"
 
@@ -12,6 +13,8 @@
 #include "platform/Thread.h"
 
 #include <iostream>
+#include <string>
+#include <vector>
 
 namespace {
 
@@ -25,6 +28,29 @@ unsigned sumOverJob(unsigned value) {
 }
 
 } // namespace
+
+void Machine::testOverSubscription() const {
+    const int mine = getHost().isOverSubscribed();
+    if (!GlobalCondition(mine != 0, GlobalCondition::ON_ANY))
+        return;
+    std::vector<int> excess{mine};
+    if (isParallel())
+        globalCommunicator().gather(mine, excess, Communicator::masterRank());
+    if (!isSerial() && !isMaster())
+        return;
+    std::cout << STARS << '\n';
+    std::vector<std::string> hosts;
+    getHost().getHostNames(hosts);
+    for (const std::string& host : hosts) {
+        std::vector<unsigned> ranks;
+        getHost().getMpiRanks(host, ranks);
+        if (excess[ranks.front()] != 0)
+            std::cout << "Warning: The host machine [" << host << "] has been over-subscribed.\n"
+                      << "         The host has " << excess[ranks.front()]
+                      << " too many processes allocated to it.\n\n";
+    }
+    std::cout << "         Over-subscribing a host can severely affect performance.\n" << STARS << std::endl;
+}
 
 void Machine::bindProcesses() {
     if (!_useInternalBinding)

@@ -9,6 +9,7 @@
 #include "machine/MpiCore.h"
 #include "machine/StandardStreamManager.h"
 #include "machine/SynchronizedDynamicLoader.h"
+#include "machine/TestCommands.h"
 
 #include "kernel/Command.h"
 #include "kernel/Controller.h"
@@ -504,5 +505,6 @@ void registerMachineCommands() {
     controller.registerCommand(new MachineCommands::ClearAffinity);
     controller.registerCommand(new ReportAffinity);
     controller.registerCommand(new RedirectStandardStreams);
+    registerTestCommands(controller);
     controller.registerCommand(new SetMaximumMessageBufferSize);
 }

@@ -71,8 +71,10 @@ void Machine::main(int argc, char** argv) {
     StopSignals::install();
     bindProcesses();
     resolveCpuContention(*consumed);
-    if (isParallel())
+    if (isParallel()) {
+        buildShmemCommunicators();
         warnOfMixedVectorization();
+    }
     SynchronizedDynamicLoader::getSingleton().nonStateLoad("OrvexScene");
     startParallelErrorHandler();
     startTimer();

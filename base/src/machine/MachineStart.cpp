@@ -151,6 +151,7 @@ void Machine::startLauncherWatch() {
 void Machine::startHost() {
     ORVEX_ASSERT_AS(!_host, "!_host", "Host already enabled");
     _host = new MachineHost;
+    testOverSubscription();
 }
 
 void Machine::stopHost() {

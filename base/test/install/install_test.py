@@ -41,7 +41,7 @@ class Consumer(Case):
                 ([*LAUNCHERS[mpi], "3"], ["-mpi", DRIVERS[mpi]], 3) for mpi in MPIS]:
             with self.subTest(words=words):
                 text = self.must(*launcher, program, *words, env=self.room.environment(), cwd=self.room.work)
-                self.assertRegex(text, rf"^{ranks} ranks, \d+ sweeps, largest error ")
+                self.assertRegex(text, rf"(?m)^{ranks} ranks, \d+ sweeps, largest error ")
 
     def test_module(self):
         job = self.ready("-module", self.top / "build/libExampleSolver.so", mpi=MPIS[0], ranks=3)

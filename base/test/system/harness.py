@@ -13,10 +13,13 @@ import shutil
 import signal
 import socket
 import subprocess
+import sys
 import tempfile
 import time
 import unittest
 import uuid
+
+sys.path.append(str(pathlib.Path(__file__).resolve().parent.parent / "cluster"))
 
 BUILD = pathlib.Path(os.environ.get("ORVEX_BUILD_DIR", "build/release")).resolve()
 SERVER = BUILD / "bin/orvexsim"
@@ -40,9 +43,9 @@ RECORDS = [pathlib.Path(pwd.getpwuid(os.getuid()).pw_dir) / ".local/state/orvex/
            pathlib.Path(f"/tmp/orvex-{os.getuid()}/sessions")]
 
 
-def record_of(pid):
+def record_of(process):
     """The path of the session record of a server process, None when it has none."""
-    return next((path for folder in RECORDS for path in folder.glob(f"*-{pid}.session")), None)
+    return next((path for folder in RECORDS for path in folder.glob(f"*-{process.own_pid()}.session")), None)
 
 
 def wait_until(condition, limit, what):
@@ -79,6 +82,12 @@ class Process:
     def alive(self):
         stat = self.read("stat").decode(errors="replace")
         return ")" in stat and stat.rpartition(")")[2].split()[0] not in ("Z", "X")
+
+    def own_pid(self):
+        """What the process takes for its identifier: on a host made of namespaces, another than we see."""
+        numbers = [line.split()[-1] for line in self.read("status").decode(errors="replace").splitlines()
+                   if line.startswith("NSpid:")]
+        return int(numbers[0]) if numbers else self.pid
 
     def parent(self):
         return int(self.read("stat").decode(errors="replace").rpartition(")")[2].split()[1])
@@ -161,15 +170,20 @@ class Room:
 
 
 class Job:
-    """A serial server (mpi None) or a job of `ranks` processes under a launcher."""
+    """A serial server (mpi None) or a job of `ranks` processes under a launcher, over hosts of a cluster with slots."""
 
-    def __init__(self, room, *options, mpi=None, ranks=1, driver=None, launcher_options=(), environment=None, cwd=None):
-        self.room, self.mpi, self.ranks = room, mpi, ranks
-        if mpi:
+    def __init__(self, room, *options, mpi=None, ranks=1, driver=None, launcher_options=(), environment=None, cwd=None,
+                 cluster=None, slots=None):
+        self.room, self.mpi, self.ranks, self.cluster = room, mpi, sum(slots) if slots else ranks, cluster
+        if slots:
+            command = cluster.job(mpi, slots, SERVER, "-mpi", DRIVERS[mpi], *options)
+        elif mpi:
             command = [*LAUNCHERS[mpi], str(ranks), *launcher_options, str(SERVER),
                        "-mpi", driver or DRIVERS[mpi], *map(str, options)]
         else:
             command = [str(SERVER), "-s", *map(str, options)]
+        if cluster and not slots:
+            command = cluster.on(0, *command)
         self.number = len(list(room.top.glob("out-*")))
         self._out = open(room.top / f"out-{self.number}", "w+b")
         self._err = open(room.top / f"err-{self.number}", "w+b")
@@ -198,7 +212,7 @@ class Job:
     def record(self):
         """What the server wrote for its user's clients; None before that."""
         master = self.members().get(0)
-        path = record_of(master.pid) if master else None
+        path = record_of(master) if master else None
         if path is None:
             return None
         self.room.records.add(path)
@@ -216,8 +230,9 @@ class Job:
         return self
 
     def _client(self, words):
-        path = record_of(self.members()[0].pid)
-        return [str(CLIENT), "--key-file", str(path), *map(str, words)]
+        path = record_of(self.members()[0])
+        command = [str(CLIENT), "--key-file", str(path), *map(str, words)]
+        return self.cluster.on(0, *command) if self.cluster else command
 
     def ctl(self, *words, check=True, limit=20, stdin=None):
         """Runs orvexctl as a user does."""

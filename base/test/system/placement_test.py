@@ -53,6 +53,10 @@ class Placement(Case):
                     flags = [rank == 0 for rank in range(PROCESSORS)]
                     self.assertEqual(job.run("SetAffinity", words(flags))["mask"], flags)
                     self.assertEqual(self.bindings(job), [{0}] * PROCESSORS)
+                    relaxed = job.run("RelaxAffinity")
+                    self.assertEqual([relaxed["pass"], relaxed["message"]],
+                                     [True, "Successfully relaxed and restored process affinity."])
+                    self.assertEqual(self.bindings(job), [{0}] * PROCESSORS)
                     self.assertEqual(job.run("ClearAffinity")["mask"], [True] * PROCESSORS)
                     self.assertEqual(self.bindings(job), [set(range(PROCESSORS))] * PROCESSORS)
                     self.assertEqual(len(job.run("GetSystemInformation")["hosts"][0]["processes"]), PROCESSORS)
@@ -112,4 +116,5 @@ class Placement(Case):
         self.assertIsNone(re.search("contention", self.ready("-cpubind", "disable", "-cpubindverbose").out()))
 
 
-main()
+if __name__ == "__main__":
+    main()

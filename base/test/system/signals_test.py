@@ -114,12 +114,12 @@ class Killed(Case):
         pid = job.record()["pid"]
         job.process.kill()
         job.process.wait()
-        self.assertIsNotNone(record_of(pid))
+        self.assertIsNotNone(record_of(Process(pid)))
         again = self.ready()
         listed = [json.loads(line)["pid"] for line in again.ctl("--json", "list-sessions").stdout.splitlines()]
         self.assertNotIn(pid, listed)
         self.assertIn(again.process.pid, listed)
-        self.assertIsNone(record_of(pid))
+        self.assertIsNone(record_of(Process(pid)))
         self.stop(again)
 
 

@@ -12,6 +12,7 @@
 #include "kernel/SignalHandler.h"
 
 #include <string>
+#include <utility>
 #include <vector>
 
 /// What tests of the machine do that a program can't: play a role, run one step of main(), start afresh.
@@ -87,6 +88,16 @@ public:
         Machine::getSingleton().settleSessionFile(name, createNew);
     }
     static void writeProcessFile() { Machine::getSingleton().writeProcessFile(); }
+    static void testOverSubscription() { Machine::getSingleton().testOverSubscription(); }
+    static void buildShmemCommunicators() { Machine::getSingleton().buildShmemCommunicators(); }
+    static void buildScopeCommunicator(Machine::ShmemScope scope, const std::vector<unsigned>& indices) {
+        Machine::getSingleton().buildScopeCommunicator(scope, indices);
+    }
+    static auto& globalCommunicator() { return Machine::_globalComm; }
+    static auto& sharedMemCommunicators() { return Machine::_shmemComm; }
+    static auto& sparseCommunicators() { return Machine::_sparseComm; }
+    /// The machine on `host`, which stays the caller's. @return the host that it was on
+    static MachineHost* swapHost(MachineHost* host) { return std::exchange(Machine::_host, host); }
     static void startParallelErrorHandler() { Machine::getSingleton().startParallelErrorHandler(); }
 
 private:

@@ -1,0 +1,103 @@
+"""The login server of a host made of namespaces, and what calls it.
+
+    remote.py --serve FOLDER HOST         the host's first process: starts what is asked for, buries who dies
+    remote.py --on FOLDER HOST WORD...    runs a program there, with this process's streams, folder and environment
+    remote.py --shell FOLDER [-x]... HOST WORD...   the same as a remote shell: the words are one line for sh
+"""
+import array
+import json
+import os
+import pathlib
+import signal
+import socket
+import subprocess
+import sys
+
+LIMIT = 1 << 20  # [bytes] of a request
+
+
+def receive_request(connection):
+    """What to run, and the standard streams for it."""
+    descriptors = array.array("i")
+    data, ancillary, _, _ = connection.recvmsg(LIMIT, socket.CMSG_SPACE(3 * descriptors.itemsize))
+    for level, kind, content in ancillary:
+        if level == socket.SOL_SOCKET and kind == socket.SCM_RIGHTS:
+            descriptors.frombytes(content[:len(content) - len(content) % descriptors.itemsize])
+    while not data.endswith(b"\n") and len(data) < LIMIT:
+        part = connection.recv(LIMIT)
+        if not part:
+            break
+        data += part
+    return json.loads(data), list(descriptors)
+
+
+def attend(connection):
+    """One login, in a process of its own: the program lives as long as its caller, and tells its exit value."""
+    request, streams = receive_request(connection)
+    program = subprocess.Popen(request["words"], cwd=request["folder"], env=request["environment"], stdin=streams[0],
+                               stdout=streams[1], stderr=streams[2], start_new_session=True)
+    for stream in streams:
+        os.close(stream)
+    if os.fork() == 0:  # watches the caller
+        if not connection.recv(1):
+            try:
+                os.killpg(program.pid, signal.SIGTERM)
+            except ProcessLookupError:
+                pass
+        os._exit(0)
+    value = program.wait()
+    try:
+        connection.sendall(b"%d\n" % (value if value >= 0 else 128 - value))
+        connection.shutdown(socket.SHUT_RDWR)
+    except OSError:
+        pass  # the caller has gone
+
+
+def serve(folder, host):
+    socket.sethostname(host)
+    subprocess.run(["mount", "--bind", str(folder / "hosts"), "/etc/hosts"], check=True)
+    signal.signal(signal.SIGCHLD, signal.SIG_IGN)
+    listener = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+    listener.bind(str(folder / f"{host}.socket"))
+    listener.listen(64)
+    (folder / f"{host}.pid").write_text(str(os.getpid()))
+    while True:
+        connection, _ = listener.accept()
+        if os.fork() == 0:
+            listener.close()
+            signal.signal(signal.SIGCHLD, signal.SIG_DFL)
+            try:
+                attend(connection)
+            except OSError as error:
+                print(f"{host}: {error}", file=sys.stderr)
+                os._exit(1)
+            os._exit(0)
+        connection.close()
+
+
+def call(folder, host, words):
+    with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as connection:
+        connection.connect(str(folder / f"{host}.socket"))
+        environment = dict(os.environ, ORVEX_TEST_CLUSTER=str(folder))
+        request = {"words": words, "folder": os.getcwd(), "environment": environment}
+        line = json.dumps(request).encode() + b"\n"
+        sent = connection.sendmsg([line], [(socket.SOL_SOCKET, socket.SCM_RIGHTS, array.array("i", [0, 1, 2]))])
+        connection.sendall(line[sent:])
+        answer = connection.recv(16)
+        return int(answer) if answer else 255
+
+
+def main():
+    task, folder, *words = sys.argv[1:]
+    folder = pathlib.Path(folder)
+    if task == "--serve":
+        serve(folder, words[0])
+    if task == "--shell":
+        while words[0].startswith("-"):  # of a remote shell, without a meaning here
+            words.pop(0)
+        host, *line = words
+        return call(folder, host, ["/bin/sh", "-c", " ".join(line)])
+    return call(folder, words[0], words[1:])
+
+
+sys.exit(main())

@@ -1,0 +1,205 @@
+// The communicators along the hardware, on hosts of any name with hardware kept as data.
+
+#include "machine/Affinity.h"
+#include "machine/AffinityRelaxer.h"
+#include "machine/Communicator.h"
+#include "machine/CpuTopology.h"
+#include "machine/Machine.h"
+#include "machine/MachineHost.h"
+
+#include "parallel/MachineHostTestAccess.h"
+#include "platform/Log.h"
+#include "support/TestMachine.h"
+#include "unit/machine/CpuTopologyTestAccess.h"
+#include "unit/machine/Failures.h"
+#include "unit/machine/MachineTestAccess.h"
+
+#include <gtest/gtest.h>
+
+#include <iostream>
+#include <numeric>
+#include <sstream>
+
+namespace {
+
+class SharedMemory : public testing::Test {
+protected:
+    void SetUp() override {
+        if (Machine::isSerial())
+            GTEST_SKIP() << "for a job";
+        _realHost = MachineTestAccess::swapHost(nullptr);
+    }
+    void TearDown() override {
+        if (Machine::isSerial())
+            return;
+        destroyCommunicators();
+        MachineTestAccess::swapHost(_realHost);
+        AffinityTestAccess::clearProcess(_realHost->getCpuTopology());
+    }
+    /// Until the end of the test the job is on hosts of these names, with this hardware.
+    void enter(const std::string& hostName, const std::string& machine) {
+        destroyCommunicators();
+        MachineTestAccess::swapHost(nullptr);
+        _host = MachineHostTestAccess::claim(hostName);
+        MachineHostTestAccess::equip(*_host, CpuTopology(makeTestMachine("machine " + machine)));
+        MachineTestAccess::swapHost(_host.get());
+    }
+
+    static void destroyCommunicators() {
+        for (std::size_t scope = 0; scope < Machine::NUMBER_SHMEM_SCOPES; ++scope) {
+            MachineTestAccess::sharedMemCommunicators()[scope].reset();
+            MachineTestAccess::sparseCommunicators()[scope].reset();
+        }
+    }
+
+    const unsigned _ranks = Machine::nProcesses();
+    const unsigned _me = Machine::getPartitionId();
+    MachineHost* _realHost = nullptr;
+    std::unique_ptr<MachineHost> _host;
+};
+
+std::vector<unsigned> ranksOf(Communicator* communicator) {
+    std::vector<unsigned> ranks;
+    if (communicator)
+        communicator->allGather(Machine::getPartitionId(), ranks);
+    return ranks;
+}
+
+std::vector<unsigned> ranksOf(Machine::ShmemScope scope) {
+    return ranksOf(&Machine::sharedMemCommunicator(scope));
+}
+
+/// The processors of this machine that no test machine has: nobody's binding says anything on it.
+std::string strangeMachine(unsigned sockets) {
+    std::string indices = "9000";
+    for (unsigned i = 1; i < sockets; ++i)
+        indices += "," + std::to_string(9000 + i);
+    return "pack:" + std::to_string(sockets) + " [numa] core:1 pu:1(indexes=" + indices + ")";
+}
+
+TEST_F(SharedMemory, withoutKnownBindingsTheRanksAreDealtOut) {
+    for (const unsigned groups : {1u, 2u, 3u, 4u, 9u}) {
+        SCOPED_TRACE(groups);
+        enter("one", strangeMachine(groups));
+        MachineTestAccess::buildShmemCommunicators();
+        // Dealt out one by one, then lined up: the first groups have one more.
+        std::vector<unsigned> sizes(groups, 0);
+        for (unsigned rank = 0; rank < _ranks; ++rank)
+            ++sizes[rank % groups];
+        std::vector<unsigned> expected;
+        std::vector<unsigned> firsts;
+        unsigned next = 0;
+        for (const unsigned size : sizes) {
+            if (size > 0)
+                firsts.push_back(next);
+            if (_me >= next && _me < next + size) {
+                expected.resize(size);
+                std::iota(expected.begin(), expected.end(), next);
+            }
+            next += size;
+        }
+        for (const auto scope : {Machine::SOCKET_SCOPE, Machine::NUMA_SCOPE}) {
+            EXPECT_EQ(ranksOf(scope), expected);
+            Communicator* const sparse = Machine::hasSparseCommunicator(scope);
+            EXPECT_EQ(sparse != nullptr, _me == expected.front());
+            if (sparse) {
+                EXPECT_EQ(ranksOf(sparse), firsts);
+            }
+        }
+        // Whatever the ranks claim: they do share memory.
+        EXPECT_EQ(ranksOf(Machine::HOST_SCOPE).size(), _ranks);
+        EXPECT_EQ(ranksOf(Machine::hasSparseCommunicator(Machine::HOST_SCOPE)),
+                  _me == 0 ? std::vector<unsigned>{0} : std::vector<unsigned>{});
+    }
+}
+
+TEST_F(SharedMemory, ranksOfOneSocketOrNodeFindEachOther) {
+    enter("one", "pack:3 [numa] core:4 pu:1");
+    MachineTestAccess::buildShmemCommunicators();
+    std::vector<unsigned> expected;
+    for (unsigned rank = _me % 3; rank < _ranks; rank += 3)
+        expected.push_back(rank);
+    for (const auto scope : {Machine::SOCKET_SCOPE, Machine::NUMA_SCOPE}) {
+        MachineTestAccess::buildScopeCommunicator(scope, {_me % 3});
+        EXPECT_EQ(ranksOf(scope), expected);
+    }
+    // One rank with two sockets: nobody's index counts, and all are on the one socket of the real processors.
+    enter("one", "pack:1 [numa] core:128 pu:1");
+    MachineTestAccess::buildShmemCommunicators();
+    std::vector<unsigned> indices{_me % 3};
+    if (_me == _ranks - 1)
+        indices.push_back(3);
+    MachineTestAccess::buildScopeCommunicator(Machine::SOCKET_SCOPE, indices);
+    EXPECT_EQ(ranksOf(Machine::SOCKET_SCOPE).size(), _ranks);
+
+    expectAssertion([] { MachineTestAccess::buildScopeCommunicator(Machine::HOST_SCOPE, {0}); },
+                    "Can only create socket or NUMA node scope communicators.",
+                    "scope == SOCKET_SCOPE || scope == NUMA_SCOPE", "MachineSharedMemory.cpp");
+    MachineTestAccess::swapHost(nullptr);
+    expectAssertion([] { MachineTestAccess::buildShmemCommunicators(); }, "host not built yet", "_host",
+                    "MachineSharedMemory.cpp");
+}
+
+TEST_F(SharedMemory, overSubscribedHostsAreNamed) {
+    const unsigned onEven = (_ranks + 1) / 2;
+    const auto warn = [&](const char* evenMachine, const char* oddMachine) {
+        enter(_me % 2 == 0 ? "even" : "odd", _me % 2 == 0 ? evenMachine : oddMachine);
+        std::ostringstream text;
+        std::streambuf* const console = std::cout.rdbuf(text.rdbuf());
+        MachineTestAccess::testOverSubscription();
+        std::cout.rdbuf(console);
+        return text.str();
+    };
+    const std::string stars(84, '*');
+    const char* const wide = "pack:1 [numa] core:64 pu:1";
+    EXPECT_EQ(warn(wide, wide), "");
+    const std::string told = warn("pack:1 [numa] core:1 pu:2", wide);
+    EXPECT_EQ(
+        told,
+        _me != 0 || onEven < 2
+            ? ""
+            : stars + "\nWarning: The host machine [even] has been over-subscribed.\n         The host has " +
+                  std::to_string(onEven - 1) +
+                  " too many processes allocated to it.\n\n"
+                  "         Over-subscribing a host can severely affect performance.\n" +
+                  stars + "\n");
+}
+
+TEST_F(SharedMemory, aRelaxedProcessMayRunWhereItsNeighboursMay) {
+    MachineTestAccess::swapHost(_realHost);
+    MachineTestAccess::buildShmemCommunicators();
+    const CpuTopology& topology = _realHost->getCpuTopology();
+    const std::vector<unsigned> lpus =
+        topology.getLpusFromMask(topology.restrictToAvailableResources(topology.getTopologyMask()));
+    const AffinityMask mine = topology.getLpuMask(lpus[_me % lpus.size()]);
+    AffinityMask all;
+    for (unsigned rank = 0; rank < _ranks; ++rank)
+        all |= topology.getLpuMask(lpus[rank % lpus.size()]);
+    ASSERT_TRUE(AffinityTestAccess::setProcess(topology, mine));
+    std::string log;
+    const OS::Log::Level level = OS::Log::instance("Default").getLevel();
+    OS::Log::instance("Default").setLevel(OS::Log::INFO_LEVEL);
+    OS::Log::instance("Default").setStandardError(false);
+    OS::Log::instance("Default").setListener(
+        [&](const OS::Log::Record& record) { log += record.text + "\n"; });
+    {
+        const AffinityRelaxer relaxer(Machine::HOST_SCOPE, AffinityRelaxer::Key());
+        EXPECT_EQ(Affinity::getProcessAffinity(topology), all);
+        {
+            const AffinityRelaxer inner(Machine::SOCKET_SCOPE, AffinityRelaxer::Key());
+            EXPECT_EQ(Affinity::getProcessAffinity(topology), all);
+        }
+        EXPECT_EQ(Affinity::getProcessAffinity(topology), all) << "the inner one restores the outer one's";
+    }
+    OS::Log::instance("Default").setListener({});
+    OS::Log::instance("Default").setStandardError(true);
+    OS::Log::instance("Default").setLevel(level);
+    EXPECT_EQ(Affinity::getProcessAffinity(topology), mine);
+    EXPECT_NE(log.find("Relaxed affinity mask applied successfully."), std::string::npos);
+    EXPECT_NE(
+        log.find("Successfully applied original affinity mask " + topology.printAffinityMask(mine, 60) + "."),
+        std::string::npos)
+        << log;
+}
+
+} // namespace

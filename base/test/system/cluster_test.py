@@ -1,0 +1,126 @@
+"""Jobs over several hosts, which are made of namespaces: each with its name, network and processes, all of them
+on this machine's processors."""
+import json
+import os
+import re
+import unittest
+
+from harness import MPIS, Case, Room, main
+from cluster import Cluster, is_possible
+from placement_test import HARDWARE, PROCESSORS, STARS, wait_alone
+
+# What the hosts of these tests take for their hardware; nobody is really bound to it.
+LARGE = {"HWLOC_SYNTHETIC": "pack:2 [numa] core:2 pu:1", "HWLOC_THISSYSTEM": "0"}
+
+
+@unittest.skipUnless(is_possible(), "needs root, and a kernel that lets it make hosts")
+class Hosts(Case):
+    def setUp(self):
+        super().setUp()
+        wait_alone()
+        self.cluster = self.enterContext(Cluster(3))
+
+    def separate(self):
+        """From now on no host sees the processes of another; the MPIs that can do without."""
+        self.cluster = self.enterContext(Cluster(3, own_processes=True))
+        return [mpi for mpi in MPIS if mpi == "openmpi"]
+
+    def ready(self, *options, hardware=HARDWARE, **more):
+        self.room = Room()  # of its own: the harness knows the members of a job by their room
+        self.addCleanup(self.room.leave)
+        return super().ready(*options, environment=hardware, cluster=self.cluster, **more)
+
+    def test_a_job_knows_its_hosts(self):
+        for mpi in MPIS:
+            with self.subTest(mpi=mpi):
+                # Ranks 0-2, 3-4 and 5-6; each host has one core for each rank but node0, which has 4 for 3.
+                job = self.ready("-printpids", "-cpubind", "disable", "-cpubindverbose", "-module", "OrvexTestModule",
+                                 mpi=mpi, slots=[3, 2, 2], hardware=LARGE)
+                told = job.out()
+                self.assertIn("CPU Affinity Report :\n  CPU Topology for all Hosts :\n    S00 = N00 : [00 01]\n"
+                              "    S01 = N01 : [02 03]\n  node0 :\n    Rank - 0, Affinity = {", told)
+                self.assertRegex(told, r"(?m)^Host 0 -- node0 -- Ranks 0-2\nHost 1 -- node1 -- Ranks 3-4\n"
+                                       r"Host 2 -- node2 -- Ranks 5-6\nProcess rank 0 node0 \d+\n"
+                                       r"Total number of processes : 7\n\nHost ID 0 Rank 0 on node0 with process ID \d+$")
+                members = job.members()
+                pids = {rank: process.own_pid() for rank, process in members.items()}
+                for rank, host in enumerate([0, 0, 0, 1, 1, 2, 2]):
+                    self.assertIn(f"\nHost ID {host} Rank {rank} on node{host} with process ID {pids[rank]}\n", told)
+                hosts = job.run("GetHosts")
+                self.assertEqual([hosts[f"Rank[{rank}]"] for rank in range(7)],
+                                 [f"node{host}" for host in (0, 0, 0, 1, 1, 2, 2)])
+                told = job.run("GetSystemInformation")
+                self.assertEqual([told["Number of Nodes"], told["Number of Hosts"]], [7, 3])
+                self.assertEqual([(host["hostname"], host["ranks"], host["pids"]) for host in told["hosts"]],
+                                 [("node0", [0, 1, 2], [pids[0], pids[1], pids[2]]), ("node1", [3, 4], [pids[3], pids[4]]),
+                                  ("node2", [5, 6], [pids[5], pids[6]])])
+                self.assertEqual([mask["rank"] for host in job.run("GetAffinity")["hosts"] for mask in host["masks"]],
+                                 list(range(7)))
+                failed = job.ctl("TestFail", "ranks=[5]", check=False)
+                self.assertNotEqual(failed.returncode, 0)
+                self.assertIn("rank 5", failed.stderr)
+                self.stop(job)
+
+    def test_hosts_alike(self):
+        """Alike on all hosts: told once."""
+        for mpi in self.separate():
+            with self.subTest(mpi=mpi):
+                job = self.ready("-cpubindextendedverbosity", mpi=mpi, slots=[PROCESSORS] * 3)
+                self.assertEqual([os.sched_getaffinity(process.pid) for _, process in sorted(job.members().items())],
+                                 [{lpu} for lpu in range(PROCESSORS)] * 3)
+                told = job.out()
+                self.assertNotIn(STARS, told)
+                self.assertIn("CPU Affinity Report (equal for all hosts) :\n", told)
+                self.assertEqual(told.count("    Rank - 0, Affinity = "), 1)
+                for host in range(3):
+                    self.assertRegex(told, rf"Checking CPU contention on host node{host}:\n    Current Server, PIDs : .*\n"
+                                           rf"    No other server processes found on this host.\n    ----------\n"
+                                           rf"    No CPU contention detected for servers on node{host}.\n")
+                self.stop(job)
+
+    def test_an_over_subscribed_host(self):
+        """It is warned of, and its ranks run unbound."""
+        for mpi in MPIS:
+            with self.subTest(mpi=mpi):
+                job = self.ready("-cpubindcontentiontest", "disable", "-cpubindverbose", mpi=mpi,
+                                 slots=[1, PROCESSORS + 2, 1])
+                told = job.out()
+                self.assertTrue(told.startswith(
+                    f"{STARS}\nWarning: The host machine [node1] has been over-subscribed.\n"
+                    "         The host has 2 too many processes allocated to it.\n\n"
+                    f"         Over-subscribing a host can severely affect performance.\n{STARS}\n"), told)
+                self.assertIn("CPU Affinity Report :\n  CPU Topology for all Hosts :\n", told)
+                bindings = [os.sched_getaffinity(process.pid) for _, process in sorted(job.members().items())]
+                self.assertEqual(bindings, [{0}, *[set(range(PROCESSORS))] * (PROCESSORS + 2), {0}])
+                self.stop(job)
+
+    def test_contention_on_one_host_of_many(self):
+        mpis = self.separate()
+        other_pid = self.ready().record()["pid"]  # alone on node0
+        for mpi in mpis:
+            with self.subTest(mpi=mpi):
+                job = self.ready("-cpubindextendedverbosity", mpi=mpi, slots=[1, 1, 1])
+                told = job.out()
+                self.assertIn(f"    Other Servers, PIDs : {{{other_pid}}}\n", told)
+                self.assertIn("Detected CPU contention on 1 host. Attempting to resolve CPU contention on that host.\n",
+                              told)
+                first = {1} if PROCESSORS > 1 else {0}
+                self.assertEqual([os.sched_getaffinity(process.pid) for _, process in sorted(job.members().items())],
+                                 [first, {0}, {0}])
+                self.stop(job)
+
+    def test_a_host_that_goes(self):
+        """The ranks of a host are killed at once: the others end by themselves."""
+        for mpi in MPIS:
+            with self.subTest(mpi=mpi):
+                job = self.ready("-cpubind", "disable", mpi=mpi, slots=[2, 2, 1])
+                members = job.members()
+                for rank in (2, 3):
+                    members[rank].kill()
+                job.wait()
+                self.assertNotEqual(job.process.returncode, 0)
+                self.room.end_all()
+
+
+if __name__ == "__main__":
+    main()
