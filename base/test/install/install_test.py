@@ -1,6 +1,7 @@
 """Installs the build, builds the examples against the package as a stranger would, and runs them."""
 import os
 import pathlib
+import struct
 import subprocess
 import sys
 import tempfile
@@ -9,6 +10,14 @@ import unittest
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "system"))
 import harness  # noqa: E402
 from harness import DRIVERS, LAUNCHERS, MPIS, Case, main  # noqa: E402
+
+
+def value(x):
+    """What the example has to find between the rows of the table below, in its order of operations."""
+    rows = [(0.0, 1.0), (0.25, 2.0), (0.5, 0.0), (1.0, 4.0)]
+    row = next(i for i in range(1, 4) if rows[i][0] >= x)
+    (x0, y0), (x1, y1) = rows[row - 1], rows[row]
+    return y0 + (x - x0) / (x1 - x0) * (y1 - y0)
 
 
 class Consumer(Case):
@@ -42,6 +51,19 @@ class Consumer(Case):
             with self.subTest(words=words):
                 text = self.must(*launcher, program, *words, env=self.room.environment(), cwd=self.room.work)
                 self.assertRegex(text, rf"(?m)^{ranks} ranks, \d+ sweeps, largest error ")
+
+    def test_files(self):
+        table = self.room.work / "table.txt"
+        table.write_text("1001\n0 1\n0.25 2\n0.5 0\n1 4\n")
+        expected = b"".join(struct.pack("d", value(i / 1000)) for i in range(1001))
+        for mpi in MPIS:
+            for ranks in ("1", "3"):
+                with self.subTest(mpi=mpi, ranks=ranks):
+                    field = self.room.work / f"field-{mpi}-{ranks}"
+                    text = self.must(*LAUNCHERS[mpi], ranks, self.top / "build/field_file", table, field, "-mpi",
+                                     DRIVERS[mpi], env=self.room.environment(), cwd=self.room.work)
+                    self.assertIn(f"{ranks} ranks wrote 1001 points\n", text)
+                    self.assertEqual(field.read_bytes(), expected)
 
     def test_module(self):
         job = self.ready("-module", self.top / "build/libExampleSolver.so", mpi=MPIS[0], ranks=3)

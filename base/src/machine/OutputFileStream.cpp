@@ -1,0 +1,66 @@
+#include "machine/OutputFileStream.h"
+
+#include "machine/Communicator.h"
+#include "machine/Machine.h"
+
+#include <utility>
+
+OutputFileStream::OutputFileStream(std::shared_ptr<std::ofstream> stream)
+    : SlaveOmittedOutputStream(*stream), _stream(std::move(stream)) {}
+
+OutputFileStream::OutputFileStream() : OutputFileStream(std::make_shared<std::ofstream>()) {}
+
+OutputFileStream::OutputFileStream(const char* path) : OutputFileStream() {
+    if (holdsCondition()) // a second process would cut off what the first one writes
+        _stream->open(path, std::ios_base::out);
+}
+
+OutputFileStream::~OutputFileStream() = default;
+
+bool OutputFileStream::share(bool value) const {
+    if (_broadcast)
+        Machine::globalCommunicator().broadcast(value, Communicator::_master);
+    return value;
+}
+
+bool OutputFileStream::good() const {
+    return share(holdsCondition() ? SlaveOmittedOutputStream::good() : true);
+}
+
+bool OutputFileStream::bad() const {
+    return share(holdsCondition() && SlaveOmittedOutputStream::bad());
+}
+
+bool OutputFileStream::fail() const {
+    return share(holdsCondition() && SlaveOmittedOutputStream::fail());
+}
+
+bool OutputFileStream::eof() const {
+    return share(holdsCondition() && SlaveOmittedOutputStream::eof());
+}
+
+void OutputFileStream::setBroadcastFlag(const bool& on) {
+    _broadcast = Machine::isParallel() && on;
+}
+
+bool OutputFileStream::open(const char* path, int mode) {
+    if (holdsCondition())
+        _stream->open(path, static_cast<std::ios_base::openmode>(mode));
+    return is_open();
+}
+
+bool OutputFileStream::open(const char* path) {
+    return OutputFileStream::open(path, std::ios_base::out | std::ios_base::binary);
+}
+
+void OutputFileStream::close() {
+    if (holdsCondition())
+        _stream->close();
+}
+
+bool OutputFileStream::is_open() const {
+    bool isOpen = holdsCondition() ? _stream->is_open() : true;
+    if (Machine::isParallel())
+        Machine::globalCommunicator().broadcast(isOpen, Communicator::_master);
+    return isOpen;
+}

@@ -1,0 +1,301 @@
+#include "machine/ParallelFile.h"
+
+#include "kernel/Raise.h"
+#include "mpiwrapper/OxmMpi.h"
+#include "platform/StringHelper.h"
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+
+namespace {
+
+constexpr unsigned long long MAX_ELEMENTS = 0x7FFFFFFF; ///< of one call
+
+constexpr const char* LAYOUT_TYPE = "panfs_layout_type";
+constexpr const char* STRIPE_UNIT = "panfs_layout_stripe_unit";
+constexpr const char* NUMBER_OF_COMPONENTS = "panfs_layout_total_num_comps";
+constexpr const char* PARITY_WIDTH = "panfs_layout_parity_stripe_width";
+constexpr const char* PARITY_DEPTH = "panfs_layout_parity_stripe_depth";
+
+struct Hint {
+    const char* key;
+    const char* value;
+};
+constexpr Hint HINTS[] = {
+    {"panfs_concurrent_write", "1"},
+    {STRIPE_UNIT, "65536"},
+    {NUMBER_OF_COMPONENTS, "128"},
+    {LAYOUT_TYPE, "3"},
+    {PARITY_WIDTH, "9"},
+    {PARITY_DEPTH, "1"},
+    {"panfs_layout_visit_policy", "1"},
+};
+
+/// The value of a key; empty when there is none, or when the driver can't tell.
+std::string valueOf(int info, const char* key) {
+    constexpr int LIMIT = 1024;
+    std::array<char, LIMIT + 1> value{};
+    int isThere = 0;
+    if (OXM_MPI_Info_get(info, key, LIMIT, value.data(), &isThere) != OXM_MPI_SUCCESS || isThere == 0)
+        return {};
+    return value.data();
+}
+
+/// The unsigned number that `text` begins with, 0 without one.
+unsigned long long numberOf(const std::string& text) {
+    unsigned long long number = 0;
+    std::from_chars(text.data(), text.data() + text.size(), number);
+    return number;
+}
+
+/// `buffer` from element `begin` on.
+template <class View>
+View part(View buffer, unsigned begin, unsigned count) {
+    using Byte =
+        std::conditional_t<std::is_const_v<std::remove_pointer_t<decltype(buffer.data)>>, const char, char>;
+    buffer.data = static_cast<Byte*>(buffer.data) + std::size_t(begin) * buffer.typeSize;
+    buffer.size = count;
+    return buffer;
+}
+
+} // namespace
+
+ParallelFile::ParallelFile() = default;
+
+ParallelFile::ParallelFile(Communicator& communicator, const std::wstring& path, int mode) {
+    open(communicator, path, mode);
+}
+
+ParallelFile::~ParallelFile() {
+    close();
+}
+
+bool ParallelFile::open(Communicator& communicator, const std::wstring& path, int mode) {
+    close();
+    _communicator = &communicator;
+    _name = StringHelper::toString(path);
+    if (fileOpen(communicator.handle(), _name, mode, &_file) != OXM_MPI_SUCCESS)
+        _file = 0;
+    return isOpen();
+}
+
+void ParallelFile::close() {
+    if (isOpen())
+        static_cast<void>(fileClose(&_file)); // nothing is left that could be done about a failure
+    _file = 0;
+    _communicator = nullptr;
+    _name.clear();
+}
+
+void ParallelFile::assertOpen() const {
+    ORVEX_ASSERT(isOpen(), "file not open");
+}
+
+void ParallelFile::getInfo(std::map<std::string, std::string>& info) const {
+    assertOpen();
+    fileGetInfo(_file, info);
+}
+
+unsigned long long ParallelFile::getFileSize() const {
+    assertOpen();
+    return getFileSizeImp(_file);
+}
+
+bool ParallelFile::exceedsMaximumBufferSize(unsigned long long bytes) const {
+    return bytes > _communicator->getMaxBufferSize();
+}
+
+bool ParallelFile::isTooLarge(ConstBuffer buffer) const {
+    const unsigned long long count = buffer.size;
+    return count > MAX_ELEMENTS || (count > 1 && exceedsMaximumBufferSize(count * buffer.typeSize));
+}
+
+template <class View, class Transfer>
+int ParallelFile::transferHalves(long long offset, View buffer, bool stopsAtFailure,
+                                 const Transfer& transfer) const {
+    if (!isTooLarge(buffer))
+        return handleError(transfer(offset, buffer));
+    const unsigned first = buffer.size >> 1;
+    const unsigned second = first + (buffer.size & 1);
+    const int code = transferHalves(offset, part(buffer, 0, first), stopsAtFailure, transfer);
+    if (code != OXM_MPI_SUCCESS && stopsAtFailure)
+        return code;
+    const long long secondOffset = offset + static_cast<long long>(first) * buffer.typeSize;
+    return transferHalves(secondOffset, part(buffer, first, second), stopsAtFailure, transfer);
+}
+
+void ParallelFile::write(ConstBuffer buffer) {
+    assertOpen();
+    transferHalves(0, buffer, false, [&](long long, ConstBuffer half) { return fileWrite(_file, half); });
+}
+
+void ParallelFile::read(Buffer buffer) {
+    assertOpen();
+    transferHalves(0, buffer, false, [&](long long, Buffer half) { return fileRead(_file, half); });
+}
+
+int ParallelFile::writeAt(long long offset, ConstBuffer buffer) {
+    assertOpen();
+    return transferHalves(offset, buffer, true,
+                          [&](long long at, ConstBuffer half) { return fileWriteAt(_file, at, half); });
+}
+
+void ParallelFile::readAt(long long offset, Buffer buffer) {
+    assertOpen();
+    transferHalves(offset, buffer, false,
+                   [&](long long at, Buffer half) { return fileReadAt(_file, at, half); });
+}
+
+void ParallelFile::writeAtAll(long long offset, ConstBuffer buffer) {
+    assertOpen();
+    transferHalves(offset, buffer, false,
+                   [&](long long at, ConstBuffer half) { return fileWriteAtAll(_file, at, half); });
+}
+
+void ParallelFile::readAtAll(long long offset, Buffer buffer) {
+    assertOpen();
+    transferHalves(offset, buffer, false,
+                   [&](long long at, Buffer half) { return fileReadAtAll(_file, at, half); });
+}
+
+std::string ParallelFile::getErrorStr(int code) {
+    std::array<char, OXM_MPI_MAX_ERROR_STRING + 1> text{};
+    int length = 0;
+    std::string result;
+    if (OXM_MPI_Error_string(code, text.data(), &length) == OXM_MPI_SUCCESS)
+        result = text.data();
+    constexpr int NO_ACCESS = 13;
+    if (code == NO_ACCESS)
+        result += ". Possibly out of disk space. ";
+    return result;
+}
+
+int ParallelFile::fileOpen(int communicator, const std::string& name, int mode, int* file) {
+    int info = 0;
+    int code = OXM_MPI_Info_create(&info);
+    if (code != OXM_MPI_SUCCESS)
+        return code;
+    code = setPanfsHints(info);
+    if (code == OXM_MPI_SUCCESS)
+        code = OXM_MPI_File_open(communicator, name.c_str(), convertToMpiWrapperMode(mode), info, file);
+    const int freed = OXM_MPI_Info_free(&info);
+    if (code == OXM_MPI_SUCCESS && freed != OXM_MPI_SUCCESS)
+        static_cast<void>(fileClose(file)); // the caller hears that there is no open file: so it be
+    return code == OXM_MPI_SUCCESS ? freed : code;
+}
+
+int ParallelFile::fileClose(int* file) {
+    return OXM_MPI_File_close(file);
+}
+
+unsigned long long ParallelFile::getFileSizeImp(int file) {
+    OXM_MPI_Offset size = 0;
+    handleError(OXM_MPI_File_get_size(file, &size));
+    return static_cast<unsigned long long>(size);
+}
+
+long long ParallelFile::fileTell(int file) {
+    OXM_MPI_Offset position = 0;
+    OXM_MPI_Offset bytes = 0;
+    handleError(OXM_MPI_File_get_position(file, &position));
+    handleError(OXM_MPI_File_get_byte_offset(file, position, &bytes));
+    return bytes;
+}
+
+int ParallelFile::fileWrite(int file, ConstBuffer buffer) {
+    OXM_MPI_Status_struct status{};
+    return OXM_MPI_File_write(file, buffer.data, static_cast<int>(buffer.size), buffer.type, &status);
+}
+
+int ParallelFile::fileRead(int file, Buffer buffer) {
+    OXM_MPI_Status_struct status{};
+    return OXM_MPI_File_read(file, buffer.data, static_cast<int>(buffer.size), buffer.type, &status);
+}
+
+int ParallelFile::fileWriteAt(int file, long long offset, ConstBuffer buffer) {
+    OXM_MPI_Status_struct status{};
+    return OXM_MPI_File_write_at(file, offset, buffer.data, static_cast<int>(buffer.size), buffer.type,
+                                 &status);
+}
+
+int ParallelFile::fileReadAt(int file, long long offset, Buffer buffer) {
+    OXM_MPI_Status_struct status{};
+    return OXM_MPI_File_read_at(file, offset, buffer.data, static_cast<int>(buffer.size), buffer.type,
+                                &status);
+}
+
+int ParallelFile::fileWriteAtAll(int file, long long offset, ConstBuffer buffer) {
+    OXM_MPI_Status_struct status{};
+    return OXM_MPI_File_write_at_all(file, offset, buffer.data, static_cast<int>(buffer.size), buffer.type,
+                                     &status);
+}
+
+int ParallelFile::fileReadAtAll(int file, long long offset, Buffer buffer) {
+    OXM_MPI_Status_struct status{};
+    return OXM_MPI_File_read_at_all(file, offset, buffer.data, static_cast<int>(buffer.size), buffer.type,
+                                    &status);
+}
+
+void ParallelFile::fileGetInfo(int file, std::map<std::string, std::string>& info) {
+    info["alignment_size"] = "2097152";
+    int hints = 0;
+    if (handleError(OXM_MPI_File_get_info(file, &hints)) != OXM_MPI_SUCCESS)
+        return; // the default is all that is known then
+    translatePanfsInfo(hints, info);
+    handleError(OXM_MPI_Info_free(&hints));
+}
+
+int ParallelFile::handleError(int code) {
+    if (code == OXM_MPI_ERR_NO_PARALLEL_IO)
+        raise(NonRecoverableError("Parallel IO is not supported with this MPI Distribution"));
+    if (code == OXM_MPI_ERR_NO_FUNCTION)
+        raise(NonRecoverableError("Error accessing MPI function that is not supported"));
+    return code;
+}
+
+int ParallelFile::setPanfsHints(int info) {
+    for (const Hint& hint : HINTS) {
+        const int code = OXM_MPI_Info_set(info, hint.key, hint.value);
+        if (code != OXM_MPI_SUCCESS)
+            return code;
+    }
+    return OXM_MPI_SUCCESS;
+}
+
+void ParallelFile::translatePanfsInfo(int info, std::map<std::string, std::string>& result) {
+    const std::string type = valueOf(info, LAYOUT_TYPE);
+    if (type.empty())
+        return;
+    const std::string stripeUnit = valueOf(info, STRIPE_UNIT);
+    const std::string numberOfComponents = valueOf(info, NUMBER_OF_COMPONENTS);
+    result["stripe_unit"] = stripeUnit;
+    result["number_comp"] = numberOfComponents;
+    enum PanfsLayout : unsigned long long { RAID0 = 2, RAID5 = 3, RAID10 = 4 };
+    switch (numberOf(type)) {
+    case RAID0:
+        result["layout_type"] = "RAID0";
+        break;
+    case RAID10:
+        result["layout_type"] = "RAID10";
+        break;
+    case RAID5: {
+        result["layout_type"] = "RAID5";
+        const unsigned long long width =
+            std::min(numberOf(valueOf(info, PARITY_WIDTH)), numberOf(numberOfComponents));
+        result["raid5_width"] = std::to_string(width);
+        result["raid5_depth"] = std::to_string(numberOf(valueOf(info, PARITY_DEPTH)));
+        // The data of one stripe; a stripe of parity alone says nothing.
+        if (width > 1 && numberOf(stripeUnit) > 0)
+            result["alignment_size"] = std::to_string((width - 1) * numberOf(stripeUnit));
+        break;
+    }
+    default:
+        break; // a layout that nobody here knows
+    }
+}
+
+int ParallelFile::convertToMpiWrapperMode(int mode) {
+    constexpr int KNOWN = 0x1FF;
+    return mode & KNOWN;
+}

@@ -1,0 +1,215 @@
+// The calls that a parallel file makes of the message layer, and what it makes of their answers.
+
+#include "machine/ParallelFile.h"
+
+#include "support/ScriptedMpi.h"
+#include "unit/machine/Failures.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <numeric>
+
+namespace {
+
+using Texts = std::vector<std::string>;
+
+constexpr int CREATE = OXM_MPI_MODE_CREATE | OXM_MPI_MODE_RDWR;
+
+class ParallelFileTest : public testing::Test {
+protected:
+    Communicator& limit(std::size_t bytes) {
+        _communicator.reset();
+        mpi.reset();
+        mpi.setMaxBufferSize(bytes);
+        _communicator = std::make_unique<Communicator>();
+        return *_communicator;
+    }
+    /// "offset:count" of each call of `name`.
+    Texts piecesOf(const std::string& name) {
+        Texts pieces;
+        for (const ScriptedCall& call : mpi.callsOf(name))
+            pieces.push_back(std::to_string(call.get("offset")) + ":" + std::to_string(call.get("count")));
+        mpi.clearCalls();
+        return pieces;
+    }
+    /// What the file's hints say from now on.
+    void setHints(const std::map<std::string, std::string>& hints) {
+        mpi.setAction("Info_get", [hints](const ScriptedCall& call) {
+            const auto found = hints.find(call.texts.at("key"));
+            *static_cast<int*>(call.addresses.at("flag")) = found != hints.end();
+            if (found != hints.end())
+                std::strcpy(static_cast<char*>(call.addresses.at("value")), found->second.c_str());
+            return OXM_MPI_SUCCESS;
+        });
+    }
+
+    ScriptedMpi& mpi = ScriptedMpi::start();
+    std::vector<double> data = [] {
+        std::vector<double> values(9);
+        std::iota(values.begin(), values.end(), 1.0);
+        return values;
+    }();
+
+private:
+    std::unique_ptr<Communicator> _communicator;
+};
+
+TEST_F(ParallelFileTest, opensWithHintsAndFreesThem) {
+    Communicator& communicator = limit(1024);
+    mpi.clearCalls();
+    ParallelFile file(communicator, L"/data/\u00e4", CREATE | 0x200 | 0x10000);
+    EXPECT_TRUE(file.isOpen());
+    EXPECT_EQ(&file.communicator(), &communicator);
+    Texts hints;
+    for (const ScriptedCall& call : mpi.callsOf("Info_set"))
+        hints.push_back(call.texts.at("key") + "=" + call.texts.at("value"));
+    EXPECT_EQ(hints, (Texts{"panfs_concurrent_write=1", "panfs_layout_stripe_unit=65536",
+                            "panfs_layout_total_num_comps=128", "panfs_layout_type=3",
+                            "panfs_layout_parity_stripe_width=9", "panfs_layout_parity_stripe_depth=1",
+                            "panfs_layout_visit_policy=1"}));
+    EXPECT_EQ(mpi.callsOf("File_open").at(0).get("mode"), CREATE);
+    EXPECT_EQ(mpi.callsOf("File_open").at(0).texts.at("fileName"), "/data/\xc3\xa4");
+    EXPECT_EQ(mpi.liveHandles()["info"], 0);
+    // A second file in the same object takes the place of the first.
+    EXPECT_TRUE(file.open(communicator, L"other", CREATE));
+    EXPECT_EQ(mpi.liveHandles()["file"], 1);
+    file.close();
+    mpi.clearCalls();
+    file.close();
+    EXPECT_EQ(mpi.names(), Texts());
+    // Whatever fails on the way: the file stays closed, nothing is left, and nothing is raised.
+    for (const auto& [name, nth] : std::vector<std::pair<std::string, int>>{
+             {"Info_create", 1}, {"Info_set", 1}, {"Info_set", 7}, {"File_open", 1}, {"Info_free", 1}}) {
+        SCOPED_TRACE(name);
+        mpi.clearCalls();
+        mpi.fail(name, nth, OXM_MPI_ERR_OTHER);
+        EXPECT_FALSE(file.open(communicator, L"other", CREATE));
+        EXPECT_EQ(mpi.liveHandles()["file"], 0);
+        EXPECT_EQ(mpi.liveHandles()["info"], name == "Info_free" ? 1 : 0);
+        EXPECT_EQ(mpi.callsOf("Info_set").size(), name == "Info_create" ? 0u
+                                                  : name == "Info_set"  ? std::size_t(nth)
+                                                                        : 7u);
+    }
+    EXPECT_FALSE(file.open(communicator, L"missing", OXM_MPI_MODE_RDONLY));
+    for (const std::function<void()>& operation : std::vector<std::function<void()>>{
+             [&] { file.getFileSize(); }, [&] { file.write(data.data(), 1); },
+             [&] { file.read(data.data(), 1); }, [&] { file.writeAt(0, data.data(), 1); },
+             [&] { file.readAt(0, data.data(), 1); }, [&] { file.writeAtAll(0, data.data(), 1); },
+             [&] { file.readAtAll(0, data.data(), 1); },
+             [&] {
+                 std::map<std::string, std::string> info;
+                 file.getInfo(info);
+             }})
+        expectAssertion(operation, "file not open", "isOpen()", "ParallelFile.cpp");
+}
+
+TEST_F(ParallelFileTest, cutsWhatIsTooLarge) {
+    const struct {
+        std::size_t limit;
+        std::size_t count;
+        Texts pieces;
+    } rows[] = {
+        {72, 9, {"16:9"}},
+        {71, 9, {"16:4", "48:5"}},
+        {39, 9, {"16:4", "48:2", "64:3"}},
+        {24, 7, {"16:3", "40:2", "56:2"}},
+        {8, 3, {"16:1", "24:1", "32:1"}},
+        {4, 2, {"16:1", "24:1"}}, // less than one element: it goes all the same
+        {72, 0, {"16:0"}},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.limit);
+        ParallelFile file(limit(row.limit), L"field", CREATE);
+        std::vector<double> back(row.count);
+        EXPECT_EQ(file.writeAt(16, data.data(), row.count), 0);
+        EXPECT_EQ(piecesOf("File_write_at"), row.pieces);
+        file.readAt(16, back.data(), row.count);
+        EXPECT_EQ(piecesOf("File_read_at"), row.pieces);
+        EXPECT_EQ(back,
+                  std::vector<double>(data.begin(), data.begin() + static_cast<std::ptrdiff_t>(row.count)));
+        file.writeAtAll(16, data.data(), row.count);
+        EXPECT_EQ(piecesOf("File_write_at_all"), row.pieces);
+        file.readAtAll(16, back.data(), row.count);
+        EXPECT_EQ(piecesOf("File_read_at_all"), row.pieces);
+        file.write(data.data(), row.count);
+        EXPECT_EQ(mpi.callsOf("File_write").size(), row.pieces.size());
+        file.open(file.communicator(), L"field", CREATE);
+        std::fill(back.begin(), back.end(), 0.0);
+        file.read(back.data(), row.count);
+        EXPECT_EQ(back,
+                  std::vector<double>(data.begin(), data.begin() + static_cast<std::ptrdiff_t>(row.count)));
+    }
+    // More elements than a call can count, though the limit would let them pass.
+    ParallelFile file(limit(std::size_t(1) << 40), L"field", CREATE);
+    mpi.setAction("File_write_at", [](const ScriptedCall&) { return OXM_MPI_SUCCESS; });
+    const char byte = 0; // never looked at
+    EXPECT_EQ(file.writeAt(5, ParallelFile::ConstBuffer{&byte, 0x80000001u, OXM_MPI_CHAR, 1}), 0);
+    EXPECT_EQ(piecesOf("File_write_at"), (Texts{"5:1073741824", "1073741829:1073741825"}));
+}
+
+TEST_F(ParallelFileTest, tellsOfFailures) {
+    ParallelFile file(limit(16), L"field", CREATE);
+    mpi.clearCalls();
+    mpi.fail("File_write_at", 2, OXM_MPI_ERR_IO);
+    EXPECT_EQ(file.writeAt(0, data.data(), 8), OXM_MPI_ERR_IO);
+    EXPECT_EQ(piecesOf("File_write_at"), (Texts{"0:2", "16:2"})) << "nothing is written behind the failure";
+    mpi.fail("File_write_at_all", 1, OXM_MPI_ERR_IO);
+    file.writeAtAll(0, data.data(), 4);
+    EXPECT_EQ(piecesOf("File_write_at_all").size(), 2u) << "a collective transfer goes on: the others do";
+    mpi.fail("File_read", 1, OXM_MPI_ERR_NO_PARALLEL_IO);
+    EXPECT_EQ(messageOf<NonRecoverableError>([&] { file.read(data.data(), 1); }),
+              "Parallel IO is not supported with this MPI Distribution");
+    mpi.fail("File_get_size", 1, OXM_MPI_ERR_NO_FUNCTION);
+    EXPECT_EQ(messageOf<NonRecoverableError>([&] { file.getFileSize(); }),
+              "Error accessing MPI function that is not supported");
+    mpi.setErrorText(OXM_MPI_ERR_IO, "the disk has gone");
+    EXPECT_EQ(ParallelFile::getErrorStr(OXM_MPI_ERR_IO), "the disk has gone");
+    mpi.setErrorText(13, "no access");
+    EXPECT_EQ(ParallelFile::getErrorStr(13), "no access. Possibly out of disk space. ");
+}
+
+TEST_F(ParallelFileTest, tellsTheLayout) {
+    using Info = std::map<std::string, std::string>;
+    const auto panfs = [](const char* type, const char* components, const char* width) {
+        return Info{{"panfs_layout_type", type},
+                    {"panfs_layout_stripe_unit", "65536"},
+                    {"panfs_layout_total_num_comps", components},
+                    {"panfs_layout_parity_stripe_width", width},
+                    {"panfs_layout_parity_stripe_depth", "2"}};
+    };
+    const auto told = [](const char* alignment, const char* components, const char* type) {
+        Info info{{"alignment_size", alignment}, {"stripe_unit", "65536"}, {"number_comp", components}};
+        if (*type)
+            info["layout_type"] = type;
+        return info;
+    };
+    Info raid5 = told("458752", "8", "RAID5");
+    raid5["raid5_width"] = "8";
+    raid5["raid5_depth"] = "2";
+    Info narrow = told("65536", "8", "RAID5");
+    narrow["raid5_width"] = "2";
+    narrow["raid5_depth"] = "2";
+    const struct {
+        Info hints;
+        Info told;
+    } rows[] = {
+        {{}, {{"alignment_size", "2097152"}}},
+        {panfs("2", "8", "9"), told("2097152", "8", "RAID0")},
+        {panfs("4", "8", "9"), told("2097152", "8", "RAID10")},
+        {panfs("5", "8", "9"), told("2097152", "8", "")},
+        {panfs("3", "8", "9"), raid5},
+        {panfs("3", "8", "2"), narrow},
+    };
+    ParallelFile file(limit(1024), L"field", CREATE);
+    for (const auto& row : rows) {
+        setHints(row.hints);
+        Info info{{"mine", "stays"}};
+        file.getInfo(info);
+        EXPECT_EQ(info.erase("mine"), 1u);
+        EXPECT_EQ(info, row.told);
+        EXPECT_EQ(mpi.liveHandles()["info"], 0);
+    }
+}
+
+} // namespace
