@@ -16,6 +16,7 @@ public:
 
     /// "openmpi4", "mpich2": also the words for the machine's own start.
     const std::string& driver() const { return _driver; }
+    int getRounds() const { return _rounds; }
     /// Loads the driver and starts MPI with nothing but the wrapper.
     void startWrapper(int& argc, char**& argv);
 

@@ -159,9 +159,19 @@ void allGatherVector(const std::string& in, std::string& out, int size, int iter
     }
 }
 
+void writeFile(const char* path, long long offset, const char* data, int bytes, int iterations) {
+    for (int i = 0; i < iterations; ++i) {
+        MPI_File file;
+        MPI_Status status;
+        check(MPI_File_open(MPI_COMM_WORLD, path, MPI_MODE_CREATE | MPI_MODE_RDWR, MPI_INFO_NULL, &file));
+        check(MPI_File_write_at_all(file, static_cast<MPI_Offset>(offset), data, bytes, MPI_CHAR, &status));
+        check(MPI_File_close(&file));
+    }
+}
+
 } // namespace
 
 extern "C" __attribute__((visibility("default"))) const RawMpi ORVEX_RAW_MPI_SYMBOL;
-const RawMpi ORVEX_RAW_MPI_SYMBOL{&pingPong,     &exchange,       &allReduceInt,    &barrier,
-                                  &broadcast,    &stringPingPong, &stringBroadcast, &stringsBroadcast,
-                                  &gatherVector, &allGatherVector};
+const RawMpi ORVEX_RAW_MPI_SYMBOL{&pingPong,     &exchange,        &allReduceInt,    &barrier,
+                                  &broadcast,    &stringPingPong,  &stringBroadcast, &stringsBroadcast,
+                                  &gatherVector, &allGatherVector, &writeFile};

@@ -27,6 +27,9 @@ struct RawMpi {
     /// The lengths, the total (so that all ranks agree on whether it fits one call), the characters.
     void (*gatherVector)(const std::string& in, std::string& out, int rank, int size, int iterations);
     void (*allGatherVector)(const std::string& in, std::string& out, int size, int iterations);
+
+    /// Opens a file, writes into it with all ranks, and closes it.
+    void (*writeFile)(const char* path, long long offset, const char* data, int bytes, int iterations);
 };
 
 #define ORVEX_RAW_MPI_SYMBOL orvexRawMpi
