@@ -3,9 +3,13 @@
 #include "machine/MachineHost.h"
 #include "machine/Communicator.h"
 #include "machine/MpiCore.h"
+#include "machine/StreamRedirector.h"
 
 #include "kernel/Error.h"
+#include "mpiwrapper/OxmMpi.h"
+#include "platform/FileSystem.h"
 #include "platform/Process.h"
+#include "platform/StringHelper.h"
 
 #include "parallel/MachineHostTestAccess.h"
 #include "unit/machine/MachineTestAccess.h"
@@ -13,7 +17,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <fstream>
 #include <iostream>
+#include <map>
 #include <memory>
 #include <set>
 #include <sstream>
@@ -92,6 +98,39 @@ TEST_F(MachineHostOfJob, communicatorsFollowTheNames) {
             }
         }
     }
+}
+
+/// The wrapper calls that `operation` makes, as the driver tells them.
+template <class F>
+std::string tracedBy(F operation) {
+    const std::wstring path =
+        Platform::filesystem().join(Platform::filesystem().getDefaultTemporaryDirectory(),
+                                    L"orvex-trace-" + std::to_wstring(Platform::process().getPid()));
+    {
+        const StreamRedirector redirector(stderr, path);
+        MpiCore::handleError(OXM_MPI_Enable_trace());
+        operation();
+        MpiCore::handleError(OXM_MPI_Disable_trace());
+    }
+    std::ostringstream text;
+    text << std::ifstream(StringHelper::toString(path)).rdbuf();
+    Platform::filesystem().deleteFile(path);
+    return text.str();
+}
+
+TEST_F(MachineHostOfJob, isBuiltByAFixedNumberOfCollectives) {
+    const std::string trace = tracedBy([] { MachineHostTestAccess::claim("one"); });
+    std::map<std::string, int> collectives;
+    std::istringstream lines(trace);
+    for (std::string line; std::getline(lines, line);)
+        for (const char* name : {"Allgather", "Allgatherv", "Allreduce", "Barrier", "Bcast", "Comm_create",
+                                 "Comm_dup", "Comm_split", "Gather", "Gatherv", "Send", "Recv"})
+            if (line.find(std::string(": ") + name + "(") != std::string::npos)
+                ++collectives[name];
+    // Names with their lengths, process identifiers, the two communicators, and the hardware with its length.
+    const std::map<std::string, int> expected{
+        {"Allgather", 2}, {"Allgatherv", 1}, {"Comm_create", 2}, {"Bcast", 2}};
+    EXPECT_EQ(collectives, expected) << trace;
 }
 
 /// What is written to std::cout meanwhile.

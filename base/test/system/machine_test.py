@@ -1,7 +1,10 @@
 """The machine's commands and modules as a client sees them: consoles of ranks, streams, hosts, the sandbox, scenes."""
+import json
 import math
+import pathlib
 import re
 
+from client import Client
 from harness import MPIS, PATIENCE, Case, main, wait_until
 
 
@@ -61,6 +64,14 @@ class Consoles(Case):
                 with open(paths["stdout"].replace(str(pids[0]), str(pids[1])), encoding="utf-8") as file:
                     self.assertEqual(file.read(), "", "the worker was silent and stays so")
                 self.stop(job)  # and the files are gone
+
+    def test_files_of_a_killed_job_stay(self):
+        job = self.ready(mpi=MPIS[0], ranks=2)
+        paths = job.run("RedirectStandardStreams")
+        for process in job.members().values():
+            process.kill()
+        job.wait()
+        self.assertTrue(all(pathlib.Path(path).exists() for path in paths.values() if path.startswith("/")), paths)
 
     def test_summary(self):
         job = self.ready("-printpids", mpi=MPIS[0], ranks=3)
@@ -135,6 +146,36 @@ class Answers(Case):
         self.assertEqual(job.wait(), 32)
         self.assertIn('Simulation file could not be loaded: ', job.err())
         self.assertIn('is no simulation file', job.err())
+
+
+    def test_wrong_words_are_named(self):
+        """Each command with a key missing, and with each key of a wrong type: the key is named, and the server goes on."""
+        wrong = {"text": {"a": 1}, "bool": [1], "unsigned": -1, "int": "x", "long": 1e300, "real": "x"}
+        for mpi, ranks in ((None, 1), *((mpi, 4) for mpi in MPIS)):
+            with self.subTest(mpi=mpi, ranks=ranks):
+                job = self.ready("-module", "OrvexTestModule", mpi=mpi, ranks=ranks)
+                commands = json.loads(job.ctl("--json", "list-commands").stdout)["commands"]
+                client = Client(job.record())
+                tried = 0
+                for command in commands:
+                    if command["name"].startswith("Test"):
+                        continue
+                    self.assertTrue(command["summary"], command)
+                    keys = command["arguments"]
+                    needed = [key["name"] for key in keys if key["required"]]
+                    if needed:
+                        answer = client.request(command["name"])
+                        self.assertTrue(any(f'"{name}"' in answer["error"]["message"] for name in needed), answer)
+                    for key in keys:
+                        others = {name: "/nowhere" for name in needed if name != key["name"]}
+                        value = wrong.get(key["type"], "x")
+                        answer = client.request(command["name"], {**others, key["name"]: value})
+                        self.assertIn(f'"{key["name"]}"', answer.get("error", {}).get("message", ""), (command["name"], key))
+                        tried += 1
+                self.assertGreater(tried, 20)
+                self.assertEqual(client.request("GetNumberOfWorkers")["result"]["NumberOfWorkers"], ranks)
+                client.socket.close()
+                self.stop(job)
 
 
 class Modules(Case):

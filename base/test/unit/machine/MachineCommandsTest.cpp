@@ -120,9 +120,11 @@ TEST_F(MachineCommands, commandsStandInTheirOrderAndTellWhatTheyAreFor) {
         // Registered by main().
         "EnableEventLogging", "ReportLogging", "GetProcessFileName", "SetDevErrorChecking",
         "EnableProcessLogFile", "EnableSlaveCout", "EnableMpiDriverTracing", "EnableCommunicationTimer",
-        "GetCommunicationTimes", "GetTimes", "GetHosts", "PerformPerformanceTest", "LoadParallelSandBox",
-        "GetMpiVersion", "GetNumberOfWorkers", "GetInterconnectName", "GetUserName", "PrintProcessSummary",
-        "EnableIODebug", "GetDoublePrecision", "RedirectStandardStreams", "SetMaximumMessageBufferSize"};
+        "GetCommunicationTimes", "GetTimes", "GetSystemInformation", "GetHosts", "PerformPerformanceTest",
+        "LoadParallelSandBox", "GetMpiVersion", "GetNumberOfWorkers", "GetInterconnectName", "GetUserName",
+        "PrintProcessSummary", "EnableIODebug", "GetDoublePrecision", "GetAffinity", "SetAffinity",
+        "ClearAffinity", "ReportAffinity", "RedirectStandardStreams", "RelaxAffinity",
+        "SetMaximumMessageBufferSize"};
     std::vector<std::string> found;
     for (const Command* command : Controller::getSingleton().getCommands()) {
         if (std::find(expected.begin(), expected.end(), command->getName()) == expected.end())
