@@ -6,6 +6,7 @@
 #include "machine/MachineHost.h"
 #include "machine/MpiCore.h"
 
+#include "kernel/IsolatedFpuContext.h"
 #include "kernel/OrvexVersion.h"
 #include "kernel/Raise.h"
 #include "kernel/SessionLocator.h"
@@ -122,7 +123,13 @@ void Machine::startMessageLayer(const std::string& module, int& argc, char*** ar
     ORVEX_ASSERT_AS(OXM_MPIO_Initialize(driver.handle) == OXM_MPI_SUCCESS,
                     "OXM_MPIO_Initialize(handle) == OXM_MPI_SUCCESS", "Failed to initialize MPIO wrapper");
     startLauncherWatch();
-    if (OXM_MPI_Init(&argc, argv) != OXM_MPI_SUCCESS) {
+    int started = OXM_MPI_SUCCESS;
+    {
+        // What the library computes at its start, a look at the hardware say, is no fault of a simulation.
+        const IsolatedFpuContext isolated(false);
+        started = OXM_MPI_Init(&argc, argv);
+    }
+    if (started != OXM_MPI_SUCCESS) {
         Properties reason;
         reason.set("Reason", initializeError());
         raise(NonRecoverableError("MPI failed to initialize", reason));

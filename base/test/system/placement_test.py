@@ -81,6 +81,17 @@ class Placement(Case):
                 self.assertEqual(self.bindings(job), [set(range(PROCESSORS))] * (PROCESSORS + 1))
                 self.stop(job)
 
+    def test_hardware_that_cannot_be_read(self):
+        """The run goes on with what the operating system tells, and the reader's arithmetic is no fault of the job."""
+        broken = self.room.work / "broken.xml"
+        broken.write_text("no XML")
+        for mpi in MPIS:
+            with self.subTest(mpi=mpi):
+                job = Case.ready(self, "-cpubindverbose", mpi=mpi, ranks=2, environment={"HWLOC_XMLFILE": str(broken)})
+                self.assertIn("CPU Affinity Report (", job.out())
+                self.assertEqual(len(job.run("GetAffinity")["hosts"][0]["masks"]), 2)
+                self.stop(job)
+
     def test_without_binding(self):
         job = self.ready("-cpubind", "disable")
         self.assertEqual(self.bindings(job), [os.sched_getaffinity(0)])
