@@ -165,8 +165,7 @@ std::string ParallelFile::getErrorStr(int code) {
     std::string result;
     if (OXM_MPI_Error_string(code, text.data(), &length) == OXM_MPI_SUCCESS)
         result = text.data();
-    constexpr int NO_ACCESS = 13;
-    if (code == NO_ACCESS)
+    if (code == OXM_MPI_ERR_NO_SPACE)
         result += ". Possibly out of disk space. ";
     return result;
 }

@@ -316,6 +316,13 @@ TEST_F(FileStreams, allRanksWriteOneFile) {
     const int code = readOnly.writeAt(0, "x", 1);
     EXPECT_NE(code, 0);
     EXPECT_NE(ParallelFile::getErrorStr(code), "");
+    if (Platform::filesystem().exists(L"/dev/full")) {
+        ParallelFile full(communicator, L"/dev/full", OXM_MPI_MODE_WRONLY);
+        ASSERT_TRUE(full.isOpen());
+        const int failure = full.writeAt(0, "no room", 7);
+        EXPECT_EQ(failure, OXM_MPI_ERR_NO_SPACE);
+        EXPECT_TRUE(ParallelFile::getErrorStr(failure).ends_with(". Possibly out of disk space. "));
+    }
 }
 
 } // namespace

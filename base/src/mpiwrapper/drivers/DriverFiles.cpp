@@ -1,5 +1,9 @@
 #include "mpiwrapper/drivers/Driver.h"
 
+#include <cerrno>
+#include <string_view>
+#include <system_error>
+
 // Files and hints.
 
 namespace Driver {
@@ -28,6 +32,26 @@ int toNativeMode(int mode) {
         if (mode & row.own)
             native |= row.native;
     return native;
+}
+
+bool tellsOfFullDevice(int native) {
+    char text[MPI_MAX_ERROR_STRING] = "";
+    int length = 0;
+    return MPI_Error_string(native, text, &length) == MPI_SUCCESS &&
+           std::string_view(text).find(std::generic_category().message(ENOSPC)) != std::string_view::npos;
+}
+
+/// For writes of `count` elements. A full device is an error like any other to one MPI, and none at all to
+/// another, which writes what fits and says how much that was.
+int translateWrite(int native, const MPI_Status& nativeStatus, int count, MPI_Datatype type,
+                   OXM_MPI_Status_struct* status) {
+    const int code = translate(native, nativeStatus, status);
+    if (native != MPI_SUCCESS)
+        return tellsOfFullDevice(native) ? refuse(OXM_MPI_ERR_NO_SPACE) : code;
+    int written = 0;
+    if (MPI_Get_count(&nativeStatus, type, &written) == MPI_SUCCESS && written != count)
+        return refuse(OXM_MPI_ERR_NO_SPACE);
+    return code;
 }
 
 } // namespace
@@ -82,9 +106,9 @@ int File_read(int file, void* buffer, int count, int datatype, OXM_MPI_Status_st
 
 int File_write(int file, const void* buffer, int count, int datatype, OXM_MPI_Status_struct* status) {
     MPI_Status native{};
-    const int code =
-        MPI_File_write(handles.files.get(file), buffer, count, handles.types.get(datatype), &native);
-    return translate(code, native, status);
+    const MPI_Datatype type = handles.types.get(datatype);
+    const int code = MPI_File_write(handles.files.get(file), buffer, count, type, &native);
+    return translateWrite(code, native, count, type, status);
 }
 
 // Not every MPI refuses an offset before the beginning, so the driver does.
@@ -104,9 +128,9 @@ int File_write_at(int file, OXM_MPI_Offset offset, const void* buffer, int count
     if (offset < 0)
         return refuse(OXM_MPI_ERR_ARG);
     MPI_Status native{};
-    const int code = MPI_File_write_at(handles.files.get(file), offset, buffer, count,
-                                       handles.types.get(datatype), &native);
-    return translate(code, native, status);
+    const MPI_Datatype type = handles.types.get(datatype);
+    const int code = MPI_File_write_at(handles.files.get(file), offset, buffer, count, type, &native);
+    return translateWrite(code, native, count, type, status);
 }
 
 int File_read_at_all(int file, OXM_MPI_Offset offset, void* buffer, int count, int datatype,
@@ -124,9 +148,9 @@ int File_write_at_all(int file, OXM_MPI_Offset offset, const void* buffer, int c
     if (offset < 0)
         return refuse(OXM_MPI_ERR_ARG);
     MPI_Status native{};
-    const int code = MPI_File_write_at_all(handles.files.get(file), offset, buffer, count,
-                                           handles.types.get(datatype), &native);
-    return translate(code, native, status);
+    const MPI_Datatype type = handles.types.get(datatype);
+    const int code = MPI_File_write_at_all(handles.files.get(file), offset, buffer, count, type, &native);
+    return translateWrite(code, native, count, type, status);
 }
 
 int Info_create(int* newInfo) {

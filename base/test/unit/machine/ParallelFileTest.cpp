@@ -165,8 +165,8 @@ TEST_F(ParallelFileTest, tellsOfFailures) {
               "Error accessing MPI function that is not supported");
     mpi.setErrorText(OXM_MPI_ERR_IO, "the disk has gone");
     EXPECT_EQ(ParallelFile::getErrorStr(OXM_MPI_ERR_IO), "the disk has gone");
-    mpi.setErrorText(13, "no access");
-    EXPECT_EQ(ParallelFile::getErrorStr(13), "no access. Possibly out of disk space. ");
+    mpi.setErrorText(OXM_MPI_ERR_NO_SPACE, "full");
+    EXPECT_EQ(ParallelFile::getErrorStr(OXM_MPI_ERR_NO_SPACE), "full. Possibly out of disk space. ");
 }
 
 TEST_F(ParallelFileTest, tellsTheLayout) {
