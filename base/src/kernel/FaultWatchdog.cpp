@@ -1,6 +1,7 @@
 #include "kernel/FaultWatchdog.h"
 
 #include "platform/Io.h"
+#include "platform/Process.h"
 #include "platform/Time.h"
 
 #include <cstdlib>
@@ -14,12 +15,17 @@ FaultWatchdog::~FaultWatchdog() {
 
 void FaultWatchdog::start() {
     _stopped = false;
+    _owner = Platform::process().getPid();
     _thread = std::thread([this] { watch(); });
 }
 
 void FaultWatchdog::stop() {
     if (!_thread.joinable())
         return;
+    if (_owner != Platform::process().getPid()) { // a fork has no threads but the one that forked
+        _thread.detach();
+        return;
+    }
     _stopped = true;
     ++_bell;
     _bell.notify_one();

@@ -26,6 +26,7 @@ private:
     void watch();
 
     std::thread _thread;
+    int _owner = 0; ///< the process that started it
     std::atomic<bool> _stopped{false};
     std::atomic<int> _signal{0};
     std::atomic<double> _limit{0.0};

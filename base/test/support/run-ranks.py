@@ -23,7 +23,9 @@ MARK = "ORVEX_TEST_JOB"
 # What the sanitizer says when its look for leaks crashed by itself, as it now and then does with the threads of an
 # MPI library about: that says nothing of the program.
 CHECKER_FAILED = "LeakSanitizer has encountered a fatal error"
-ATTEMPTS = 3
+# What it may leave out then: first the memory of threads, where it stumbles, and in the end the look for leaks alone.
+FURTHER_ATTEMPTS = [("without thread-local memory", "LSAN_OPTIONS", "use_tls=0"),
+                    ("without the look for leaks", "ASAN_OPTIONS", "detect_leaks=0")]
 
 
 def parse_arguments():
@@ -87,11 +89,13 @@ def end_processes(mark):
 
 def run(arguments, ranks):
     """What is wrong with a job, or None."""
-    for attempt in range(ATTEMPTS):
-        failure, text = run_once(arguments, ranks)
+    failure, text = run_once(arguments, ranks)
+    for what, variable, option in FURTHER_ATTEMPTS:
         if not failure or CHECKER_FAILED not in text:
             break
-        print(f"run-ranks: the look for leaks failed, not the program: attempt {attempt + 1} of {ATTEMPTS}", flush=True)
+        print(f"run-ranks: the look for leaks failed, not the program; again {what}", flush=True)
+        os.environ[variable] = ":".join(filter(None, [os.environ.get(variable), option]))
+        failure, text = run_once(arguments, ranks)
     return failure
 
 
