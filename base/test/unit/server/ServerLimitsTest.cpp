@@ -148,7 +148,7 @@ TEST_F(ServerLimitsTest, endlessLine) {
                 if (size < chunk.size())
                     break;
             }
-            EXPECT_LT(sent, 48 * MIB) << known;
+            EXPECT_LT(sent, 96 * MIB) << known; // of a gigabyte: what was looked at, and the sockets full
         }
     });
     EXPECT_TRUE(log.has("too long, beyond 4096 bytes"));
