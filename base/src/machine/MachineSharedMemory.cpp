@@ -81,7 +81,7 @@ void Machine::buildScopeCommunicator(ShmemScope scope, const std::vector<unsigne
             groups = isSocket ? topology.getNumberSockets() : topology.getNumberNumaNodes();
         group = findRun(host.size(), std::max(1u, static_cast<unsigned>(groups)), host.myRank());
     }
-    _shmemComm[scope] = host.createCommunicator(group);
+    _shmemComm[static_cast<std::size_t>(scope)] = host.createCommunicator(group);
 }
 
 std::unique_ptr<Communicator> Machine::createSparseCompanion(const Communicator* communicator) {

@@ -408,8 +408,9 @@ TEST_F(CommunicatorOfThree, bufferLevelChecks) {
     expectAssertion([&] { access.sendrecv(in, 1, out, 1); }, "Communicator::sendrecv", types,
                     "CommunicatorPointToPoint.cpp");
     for (const auto& [dest, source] : {std::pair(1u, 2u), std::pair(0u, 1u)})
-        expectAssertion([&] { access.sendrecv(in, dest, sameOut, source); }, "Cannot sendrecv to/from self",
-                        "dest!=_myRank && source!=_myRank", "CommunicatorPointToPoint.cpp");
+        expectAssertion([&, to = dest, from = source] { access.sendrecv(in, to, sameOut, from); },
+                        "Cannot sendrecv to/from self", "dest!=_myRank && source!=_myRank",
+                        "CommunicatorPointToPoint.cpp");
     expectAssertion([&] { comm.recv(data[0], 1); }, "Cannot recv from self", "source!=_myRank",
                     "CommunicatorPointToPoint.cpp");
     expectAssertion([&] { access.gather(largeIn, largeOut); }, "Communicator::gather", types, collectives);
