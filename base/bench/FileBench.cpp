@@ -1,9 +1,8 @@
-#include "harness/MpiBench.h"
+#include "harness/MachineBench.h"
 
 #include "machine/Communicator.h"
 #include "machine/ConditionalOutputStreamWrapper.h"
 #include "machine/InputFileStream.h"
-#include "machine/Machine.h"
 #include "machine/ParallelConsoleBuf.h"
 #include "machine/ParallelFile.h"
 #include "machine/StreamRedirector.h"
@@ -16,11 +15,8 @@
 
 #include <charconv>
 #include <cstdio>
-#include <cstdlib>
-#include <exception>
 #include <fstream>
 #include <iostream>
-#include <map>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -222,27 +218,8 @@ private:
         std::make_unique<ConditionalOutputStreamWrapper<Nobody>>(std::cout);
 };
 
-void run(int argc, char** argv) {
-    MpiBench bench(argc, argv);
-    std::map<std::string, unsigned> consumed;
-    Machine::getSingleton().startCommunicators(argc, &argv, consumed);
-    {
-        BenchHarness harness = bench.makeHarness("FileBench");
-        FileBench cases(bench, harness);
-        cases.addAll();
-        bench.report(harness);
-    }
-    Machine::getSingleton().stopCommunicators();
-}
-
 } // namespace
 
 int main(int argc, char** argv) {
-    try {
-        run(argc, argv);
-    } catch (const std::exception& error) {
-        std::fprintf(stderr, "FileBench: %s\n", error.what());
-        return EXIT_FAILURE;
-    }
-    return EXIT_SUCCESS;
+    return runMachineBench<FileBench>("FileBench", argc, argv);
 }

@@ -1,14 +1,9 @@
-#include "harness/MpiBench.h"
+#include "harness/MachineBench.h"
 
 #include "kernel/Properties.h"
 #include "machine/Communicator.h"
 #include "machine/GlobalCondition.h"
-#include "machine/Machine.h"
 
-#include <cstdio>
-#include <cstdlib>
-#include <exception>
-#include <map>
 #include <set>
 #include <string>
 #include <vector>
@@ -244,27 +239,8 @@ private:
     bool _sink = true;
 };
 
-void run(int argc, char** argv) {
-    MpiBench bench(argc, argv);
-    std::map<std::string, unsigned> consumed;
-    Machine::getSingleton().startCommunicators(argc, &argv, consumed);
-    {
-        BenchHarness harness = bench.makeHarness("MessageBench");
-        MessageBench cases(bench, harness);
-        cases.addAll();
-        bench.report(harness);
-    }
-    Machine::getSingleton().stopCommunicators();
-}
-
 } // namespace
 
 int main(int argc, char** argv) {
-    try {
-        run(argc, argv);
-    } catch (const std::exception& error) {
-        std::fprintf(stderr, "MessageBench: %s\n", error.what());
-        return EXIT_FAILURE;
-    }
-    return EXIT_SUCCESS;
+    return runMachineBench<MessageBench>("MessageBench", argc, argv);
 }

@@ -1,73 +1,65 @@
-#include "harness/MpiBench.h"
+#include "harness/MachineBench.h"
 
 #include "machine/Communicator.h"
 #include "machine/CpuTopology.h"
-#include "machine/Machine.h"
 #include "machine/MachineHost.h"
 
-#include <cstdio>
-#include <cstdlib>
-#include <exception>
-#include <map>
 #include <string>
+#include <vector>
 
-// How the ranks of a host learn their hardware at the start of a job: each by itself, or one for all.
+// What the start of a job costs: how the ranks of a host learn their hardware, each by itself or one for all,
+// and what the whole view of the hosts takes.
 
 namespace {
 
-void shareTopology(Communicator& host) {
-    std::string text;
-    if (host.myRank() == 0)
-        text = CpuTopology().toString();
-    host.broadcast(text, 0);
-    if (host.myRank() != 0)
-        const CpuTopology topology(text);
-}
+class StartBench {
+public:
+    StartBench(const MpiBench&, BenchHarness& harness) : _harness(harness) {}
 
-void run(int argc, char** argv) {
-    MpiBench bench(argc, argv);
-    std::map<std::string, unsigned> consumed;
-    Machine::getSingleton().startCommunicators(argc, &argv, consumed);
-    {
-        BenchHarness harness = bench.makeHarness("StartBench");
-        Communicator& host = Machine::getHost().getIntraHostComm();
-        harness.addReference("hardware of a host", "each rank looks", [&host](int n) {
+    void addAll() {
+        // A start goes on when all are through, so each case ends with that.
+        _harness.addReference("hardware of a host", "each rank looks", [this](int n) {
             for (int i = 0; i < n; ++i) {
                 const CpuTopology topology;
-                host.synchronise(); // a start goes on when all are through
+                _host.synchronise();
             }
         });
-        harness.addCase("one looks for all", [&host](int n) {
+        _harness.addCase("one looks for all", [this](int n) {
             for (int i = 0; i < n; ++i) {
-                shareTopology(host);
-                host.synchronise();
+                shareTopology();
+                _host.synchronise();
             }
         });
-        harness.addReference("view of the job", "names and process identifiers", [&host](int n) {
+        _harness.addReference("view of the job", "names and identifiers", [this](int n) {
             for (int i = 0; i < n; ++i) {
                 std::vector<std::string> names;
-                std::vector<unsigned> pids;
-                host.allGather(host.myName(), names);
-                host.allGather(host.myRank(), pids);
+                std::vector<unsigned> identifiers;
+                _host.allGather(_host.myName(), names);
+                _host.allGather(_host.myRank(), identifiers);
             }
         });
-        harness.addCase("MachineHost", [](int n) {
+        _harness.addCase("MachineHost", [](int n) {
             for (int i = 0; i < n; ++i)
                 const MachineHost view;
         });
-        bench.report(harness);
     }
-    Machine::getSingleton().stopCommunicators();
-}
+
+private:
+    void shareTopology() {
+        std::string text;
+        if (_host.myRank() == 0)
+            text = CpuTopology().toString();
+        _host.broadcast(text, 0);
+        if (_host.myRank() != 0)
+            const CpuTopology topology(text);
+    }
+
+    BenchHarness& _harness;
+    Communicator& _host = Machine::getHost().getIntraHostComm();
+};
 
 } // namespace
 
 int main(int argc, char** argv) {
-    try {
-        run(argc, argv);
-    } catch (const std::exception& error) {
-        std::fprintf(stderr, "StartBench: %s\n", error.what());
-        return EXIT_FAILURE;
-    }
-    return EXIT_SUCCESS;
+    return runMachineBench<StartBench>("StartBench", argc, argv);
 }
