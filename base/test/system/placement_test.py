@@ -8,7 +8,7 @@ import subprocess
 import time
 import unittest
 
-from harness import MPIS, Case, Room, main
+from harness import MPIS, START_LIMIT, Case, Room, main
 
 # The hardware of the machine is what it is: these tests see two of its processors, or one.
 PROCESSORS = min(2, len(os.sched_getaffinity(0)))
@@ -142,8 +142,10 @@ class Placement(Case):
         for _ in range(10):  # the other one isn't always fast enough
             os.sched_setaffinity(other.pid, {0})
             job = self.start("-cpubindverbose", environment=HARDWARE)
+            end = time.monotonic() + START_LIMIT
             while not retry.search(job.out()) and "has been resolved" not in job.out():
                 self.assertIsNone(job.process.poll(), job.told())
+                self.assertLess(time.monotonic(), end, job.told())
                 for _ in range(1000):
                     taken = os.sched_getaffinity(job.process.pid)
                     if len(taken) == 1:
