@@ -1,9 +1,8 @@
 #include "machine/LegalFileHelper.h"
 
-#include "machine/GlobalCondition.h"
+#include "machine/GlobalErrorCheck.h"
 
 #include "kernel/Properties.h"
-#include "kernel/Raise.h"
 #include "platform/FileSystem.h"
 #include "platform/StringHelper.h"
 
@@ -119,8 +118,7 @@ std::wstring LegalFileHelper::getLegalFileNameFromProperties(const Properties& p
     if (name.empty())
         return name;
     const std::string message = checkFileNameIsLegal(name);
-    if (!GlobalCondition(message.empty(), GlobalCondition::ON_ALL_INVARIANT))
-        raise(InputError(message));
+    ORVEX_GLOBAL_CHECK(message.empty(), GlobalCondition::ON_ALL_INVARIANT, InputError(message));
     return name;
 }
 

@@ -3,7 +3,7 @@
 #include "machine/Affinity.h"
 #include "machine/Communicator.h"
 #include "machine/CpuTopology.h"
-#include "machine/GlobalCondition.h"
+#include "machine/GlobalErrorCheck.h"
 #include "machine/Machine.h"
 #include "machine/MachineHost.h"
 #include "machine/MpiCore.h"
@@ -340,16 +340,10 @@ protected:
                   << "Using it may well result in performance degradation" << std::endl;
     }
 
-    /// Fails on all ranks when one has failed, so that no rank goes on alone.
-    static void check(bool isGood, const std::string& message) {
-        if (GlobalCondition(!isGood, GlobalCondition::ON_ANY))
-            raise(InputError(message));
-    }
-
     /// The binding as it is now, one flag for each logical processing unit.
     static void tell(const char* failure, Properties& response) {
         const AffinityMask mask = Affinity::getProcessAffinity(topology());
-        check(!mask.empty(), failure);
+        ORVEX_GLOBAL_CHECK(!mask.empty(), GlobalCondition::ON_ALL, InputError(failure));
         std::vector<bool> flags(topology().getNumberLpus(), false);
         for (const unsigned lpu : topology().getLpusFromMask(mask))
             flags[lpu] = true;
@@ -388,17 +382,20 @@ public:
         void execute(const Properties& args, Properties& response) override {
             std::vector<bool> flags;
             args.get(MASK_KEY, flags);
-            check(flags.size() <= topology().getNumberLpus(),
-                  "\"mask\" must hold a flag for each of the " + std::to_string(topology().getNumberLpus()) +
-                      " logical processing units, but it holds " + std::to_string(flags.size()));
+            ORVEX_GLOBAL_CHECK(flags.size() <= topology().getNumberLpus(), GlobalCondition::ON_ALL,
+                               InputError("\"mask\" must hold a flag for each of the " +
+                                          std::to_string(topology().getNumberLpus()) +
+                                          " logical processing units, but it holds " +
+                                          std::to_string(flags.size())));
             warn();
             std::vector<unsigned> lpus;
             for (unsigned lpu = 0; lpu < flags.size(); ++lpu)
                 if (flags[lpu])
                     lpus.push_back(lpu);
             const AffinityMask mask = topology().getLpuMask(lpus);
-            check(Affinity::setProcessAffinity(topology(), mask),
-                  "Failed to set CPU affinity with mask " + topology().printAffinityMask(mask, 60));
+            ORVEX_GLOBAL_CHECK(
+                Affinity::setProcessAffinity(topology(), mask), GlobalCondition::ON_ALL,
+                InputError("Failed to set CPU affinity with mask " + topology().printAffinityMask(mask, 60)));
             tell("Failed to get new CPU affinity mask", response);
         }
     };
@@ -411,7 +408,8 @@ public:
                                {{MASK_KEY, "vector of bool", "the binding that was reached"}}}) {}
         std::string getName() const override { return "ClearAffinity"; }
         void execute(const Properties&, Properties& response) override {
-            check(Affinity::clearProcessAffinity(topology()), "Failed to clear CPU affinity");
+            ORVEX_GLOBAL_CHECK(Affinity::clearProcessAffinity(topology()), GlobalCondition::ON_ALL,
+                               InputError("Failed to clear CPU affinity"));
             tell("Failed to get CPU affinity", response);
         }
     };
