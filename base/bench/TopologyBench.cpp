@@ -38,51 +38,79 @@ AffinityMask makeMask(const CpuTopology& topology, unsigned step) {
     return mask;
 }
 
+struct Operands {
+    Bitmap bitmapA, bitmapB, bitmapC;
+    AffinityMask a, b, c;
+    long sink = 0;
+};
+
 void addMasks(BenchHarness& harness, unsigned bits, const CpuTopology& topology) {
-    const std::string size = std::to_string(bits) + " bits";
-    struct Operands {
-        Bitmap bitmapA, bitmapB;
-        AffinityMask a, b;
-        long sink = 0;
+    const auto operands = std::make_shared<Operands>(Operands{makeBitmap(bits, 2), makeBitmap(bits, 3),
+                                                              makeBitmap(bits, 1), makeMask(topology, 2),
+                                                              makeMask(topology, 3), makeMask(topology, 1)});
+    Operands& data = *operands;
+    const auto add = [&](const char* name, auto raw, auto typed) {
+        harness.addReference(name + (", " + std::to_string(bits)) + " bits", "hwloc", [operands, raw](int n) {
+            for (int i = 0; i < n; ++i)
+                operands->sink += raw();
+        });
+        harness.addCase("mask", [operands, typed](int n) {
+            for (int i = 0; i < n; ++i)
+                operands->sink += typed();
+        });
     };
-    const auto operands = std::make_shared<Operands>(
-        Operands{makeBitmap(bits, 2), makeBitmap(bits, 3), makeMask(topology, 2), makeMask(topology, 3)});
-    harness.addReference("intersect in place, " + size, "hwloc", [operands](int n) {
-        for (int i = 0; i < n; ++i)
-            operands->sink +=
-                hwloc_bitmap_and(operands->bitmapA.get(), operands->bitmapA.get(), operands->bitmapB.get());
-    });
-    harness.addCase("mask", [operands](int n) {
-        for (int i = 0; i < n; ++i)
-            operands->a &= operands->b;
-    });
-    harness.addReference("unite in place, " + size, "hwloc", [operands](int n) {
-        for (int i = 0; i < n; ++i)
-            operands->sink +=
-                hwloc_bitmap_or(operands->bitmapA.get(), operands->bitmapA.get(), operands->bitmapB.get());
-    });
-    harness.addCase("mask", [operands](int n) {
-        for (int i = 0; i < n; ++i)
-            operands->a |= operands->b;
-    });
-    harness.addReference("is included, " + size, "hwloc", [operands](int n) {
-        for (int i = 0; i < n; ++i)
-            operands->sink += hwloc_bitmap_isincluded(operands->bitmapA.get(), operands->bitmapB.get());
-    });
-    harness.addCase("mask", [operands](int n) {
-        for (int i = 0; i < n; ++i)
-            operands->sink += operands->a.isIncludedIn(operands->b);
-    });
-    harness.addReference("new union, " + size, "hwloc", [operands](int n) {
-        for (int i = 0; i < n; ++i) {
-            const Bitmap result(hwloc_bitmap_alloc(), &hwloc_bitmap_free);
-            operands->sink += hwloc_bitmap_or(result.get(), operands->bitmapA.get(), operands->bitmapB.get());
-        }
-    });
-    harness.addCase("mask", [operands](int n) {
-        for (int i = 0; i < n; ++i)
-            operands->sink += (operands->a | operands->b).empty();
-    });
+    const auto addInPlace = [&](const char* name, auto raw, auto typed) {
+        add(
+            name, [&data, raw] { return raw(data.bitmapC.get(), data.bitmapC.get(), data.bitmapB.get()); },
+            [&data, typed] {
+                typed(data.c, data.b);
+                return 1;
+            });
+    };
+    const auto addNew = [&](const char* name, auto raw, auto typed) {
+        add(
+            name,
+            [&data, raw] {
+                const Bitmap result(hwloc_bitmap_alloc(), &hwloc_bitmap_free);
+                return raw(result.get(), data.bitmapA.get(), data.bitmapB.get()) +
+                       hwloc_bitmap_iszero(result.get());
+            },
+            [&data, typed] { return typed(data.a, data.b).empty(); });
+    };
+    const auto addQuestion = [&](const char* name, auto raw, auto typed) {
+        add(
+            name, [&data, raw] { return raw(data.bitmapA.get(), data.bitmapB.get()); },
+            [&data, typed] { return typed(data.a, data.b); });
+    };
+    using Mask = AffinityMask;
+    addInPlace("intersect in place", hwloc_bitmap_and, [](Mask& a, const Mask& b) { a &= b; });
+    addInPlace("unite in place", hwloc_bitmap_or, [](Mask& a, const Mask& b) { a |= b; });
+    addInPlace("differ in place", hwloc_bitmap_xor, [](Mask& a, const Mask& b) { a ^= b; });
+    addNew("new intersection", hwloc_bitmap_and, [](const Mask& a, const Mask& b) { return a & b; });
+    addNew("new union", hwloc_bitmap_or, [](const Mask& a, const Mask& b) { return a | b; });
+    addNew("new difference", hwloc_bitmap_xor, [](const Mask& a, const Mask& b) { return a ^ b; });
+    addQuestion("is equal", hwloc_bitmap_isequal, [](const Mask& a, const Mask& b) { return a == b; });
+    addQuestion("intersects", hwloc_bitmap_intersects,
+                [](const Mask& a, const Mask& b) { return a.intersectsWith(b); });
+    addQuestion("is included", hwloc_bitmap_isincluded,
+                [](const Mask& a, const Mask& b) { return a.isIncludedIn(b); });
+    add(
+        "clear",
+        [&data] {
+            hwloc_bitmap_zero(data.bitmapC.get());
+            return 1;
+        },
+        [&data] {
+            data.c.clear();
+            return 1;
+        });
+    add(
+        "copy",
+        [&data] {
+            const Bitmap copy(hwloc_bitmap_dup(data.bitmapA.get()), &hwloc_bitmap_free);
+            return hwloc_bitmap_iszero(copy.get());
+        },
+        [&data] { return Mask(data.a).empty(); });
 }
 
 /// 128 of 256 processors; the peer is hwloc's own distribution of as many over its tree.

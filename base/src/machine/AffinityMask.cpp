@@ -9,17 +9,6 @@
 
 namespace {
 
-hwloc_bitmap_t checked(hwloc_bitmap_t bitmap) {
-    if (!bitmap)
-        throw std::bad_alloc();
-    return bitmap;
-}
-
-void check(int result) {
-    if (result < 0) [[unlikely]] // a bitmap that couldn't grow
-        throw std::bad_alloc();
-}
-
 /// The bits from processor 0 up to the highest one set.
 std::vector<bool> getBits(hwloc_const_bitmap_t bitmap) {
     std::vector<bool> bits;
@@ -32,23 +21,19 @@ std::vector<bool> getBits(hwloc_const_bitmap_t bitmap) {
 
 } // namespace
 
-class AffinityMask::Impl {
-public:
-    explicit Impl(hwloc_bitmap_t set) : bitmap(checked(set)) {}
-    ~Impl() { hwloc_bitmap_free(bitmap); }
-    Impl(const Impl&) = delete;
-    Impl& operator=(const Impl&) = delete;
+const AffinityMask::Hwloc AffinityMask::_hwloc = {
+    &hwloc_bitmap_and,     &hwloc_bitmap_or,         &hwloc_bitmap_xor,
+    &hwloc_bitmap_isequal, &hwloc_bitmap_intersects, &hwloc_bitmap_isincluded,
+    &hwloc_bitmap_iszero,  &hwloc_bitmap_zero,       &hwloc_bitmap_free};
 
-    const hwloc_bitmap_t bitmap;
-};
-
-AffinityMask::AffinityMask() : _impl(std::make_unique<Impl>(hwloc_bitmap_alloc())) {}
+AffinityMask::AffinityMask(std::unique_ptr<hwloc_bitmap_s, Free> bitmap) : _bitmap(std::move(bitmap)) {
+    if (!_bitmap)
+        throw std::bad_alloc();
+}
+AffinityMask::AffinityMask() : AffinityMask(std::unique_ptr<hwloc_bitmap_s, Free>(hwloc_bitmap_alloc())) {}
 AffinityMask::AffinityMask(const hwloc_bitmap_s* bitmap)
-    : _impl(std::make_unique<Impl>(hwloc_bitmap_dup(bitmap))) {}
+    : AffinityMask(std::unique_ptr<hwloc_bitmap_s, Free>(hwloc_bitmap_dup(bitmap))) {}
 AffinityMask::AffinityMask(const AffinityMask& rhs) : AffinityMask(rhs.getHwlocMask()) {}
-AffinityMask::AffinityMask(AffinityMask&& rhs) noexcept = default;
-AffinityMask& AffinityMask::operator=(AffinityMask&& rhs) noexcept = default;
-AffinityMask::~AffinityMask() = default;
 
 AffinityMask& AffinityMask::operator=(const AffinityMask& rhs) {
     AffinityMask copy(rhs);
@@ -56,69 +41,26 @@ AffinityMask& AffinityMask::operator=(const AffinityMask& rhs) {
     return *this;
 }
 
-AffinityMask& AffinityMask::operator&=(const AffinityMask& rhs) {
-    check(hwloc_bitmap_and(_impl->bitmap, _impl->bitmap, rhs._impl->bitmap));
-    return *this;
-}
-
-AffinityMask& AffinityMask::operator|=(const AffinityMask& rhs) {
-    check(hwloc_bitmap_or(_impl->bitmap, _impl->bitmap, rhs._impl->bitmap));
-    return *this;
-}
-
-AffinityMask& AffinityMask::operator^=(const AffinityMask& rhs) {
-    check(hwloc_bitmap_xor(_impl->bitmap, _impl->bitmap, rhs._impl->bitmap));
-    return *this;
-}
-
 AffinityMask AffinityMask::operator&(const AffinityMask& rhs) const {
     AffinityMask result;
-    check(hwloc_bitmap_and(result._impl->bitmap, _impl->bitmap, rhs._impl->bitmap));
+    combineInto(result, _hwloc.intersect, rhs);
     return result;
 }
 
 AffinityMask AffinityMask::operator|(const AffinityMask& rhs) const {
     AffinityMask result;
-    check(hwloc_bitmap_or(result._impl->bitmap, _impl->bitmap, rhs._impl->bitmap));
+    combineInto(result, _hwloc.unite, rhs);
     return result;
 }
 
 AffinityMask AffinityMask::operator^(const AffinityMask& rhs) const {
     AffinityMask result;
-    check(hwloc_bitmap_xor(result._impl->bitmap, _impl->bitmap, rhs._impl->bitmap));
+    combineInto(result, _hwloc.differ, rhs);
     return result;
 }
 
-bool AffinityMask::operator==(const AffinityMask& rhs) const {
-    return hwloc_bitmap_isequal(_impl->bitmap, rhs._impl->bitmap) != 0;
-}
-
-bool AffinityMask::intersectsWith(const AffinityMask& other) const {
-    return hwloc_bitmap_intersects(_impl->bitmap, other._impl->bitmap) != 0;
-}
-
-bool AffinityMask::isIncludedIn(const AffinityMask& other) const {
-    return hwloc_bitmap_isincluded(_impl->bitmap, other._impl->bitmap) != 0;
-}
-
-bool AffinityMask::empty() const {
-    return hwloc_bitmap_iszero(_impl->bitmap) != 0;
-}
-
-void AffinityMask::clear() {
-    hwloc_bitmap_zero(_impl->bitmap);
-}
-
-const hwloc_bitmap_s* AffinityMask::getHwlocMask() const {
-    return _impl->bitmap;
-}
-
-hwloc_bitmap_s* AffinityMask::getHwlocMask() {
-    return _impl->bitmap;
-}
-
 std::string AffinityMask::toBinaryString(unsigned width) const {
-    std::vector<bool> bits = getBits(_impl->bitmap);
+    std::vector<bool> bits = getBits(_bitmap.get());
     bits.resize(std::max(bits.size(), std::size_t{std::max(width, 1u)}));
     std::string text = "0b";
     for (auto bit = bits.rbegin(); bit != bits.rend(); ++bit)
@@ -127,7 +69,7 @@ std::string AffinityMask::toBinaryString(unsigned width) const {
 }
 
 std::string AffinityMask::toHexString(unsigned width) const {
-    std::vector<bool> bits = getBits(_impl->bitmap);
+    std::vector<bool> bits = getBits(_bitmap.get());
     const std::size_t digits = std::max((bits.size() + 3) / 4, std::size_t{std::max(width, 1u)});
     bits.resize(4 * digits);
     std::string text = "0x";
