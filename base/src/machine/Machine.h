@@ -27,7 +27,11 @@ class Manager;
 } // namespace Analytics
 
 /// How processes are placed on processors.
-enum CpuBindingPolicy : int { BANDWIDTH_BINDING = 0, LATENCY_BINDING = 1, LEAST_LOAD_BINDING = 2 };
+enum CpuBindingPolicy : int {
+    BANDWIDTH_BINDING = 0, ///< spread over sockets and NUMA nodes, each on a core of its own
+    LATENCY_BINDING = 1,   ///< packed onto the lowest cores, each on one of its own
+    LEAST_LOAD_BINDING = 2 ///< each where the operating system has put it
+};
 
 /// The process: what it is in the job, what it owns, how it starts and how it stops.
 ///
@@ -85,11 +89,19 @@ public:
     static unsigned nProcesses() { return _np; }
     static unsigned getPartitionId() { return _partition; }
 
-    // Communicators and host. Each raises InternalError when there is none.
+    // Communicators and host. They stay the machine's.
+    /// All ranks. A parallel process has it from startCommunicators() until stopCommunicators() or abort();
+    /// nobody may ask for it before and after: there is nothing behind the reference then.
+    /// @throw InternalError in a serial process
     static Communicator& globalCommunicator();
+    /// The ranks that share `scope` with this one. There is none before main() has bound the processes, nor
+    /// after stopCommunicators() or abort(), as above.
+    /// @throw InternalError in a serial process
     static Communicator& sharedMemCommunicator(ShmemScope scope);
-    /// Null on a rank that isn't in it.
+    /// The ranks that are the first in their shared-memory communicator. Null on all others, and while there
+    /// are no shared-memory communicators. @throw InternalError in a serial process
     static Communicator* hasSparseCommunicator(ShmemScope scope);
+    /// @throw InternalError before startCommunicators() and after stopCommunicators()
     static const MachineHost& getHost();
 
     static const std::string& getExecutableName() { return _executableName; }
@@ -100,6 +112,8 @@ public:
     }
     static int getIOVerbosityLevel() { return static_cast<int>(_iodebug); }
     static void setIOVerbosityLevel(int level) { _iodebug = static_cast<unsigned>(level); }
+    /// Whether main() looks for other servers on the same cores, and moves away from them. On at first;
+    /// -cpubindcontentiontest sets it. The same on all ranks, before main() gets there.
     static bool isCpuBindingContentionTestEnabled() { return _cpuBindingContentionTest; }
     static void enableCpuBindingContentionTest(bool on) { _cpuBindingContentionTest = on; }
     static bool getPrintpids() { return _printpids; }
@@ -174,7 +188,12 @@ public:
 
     /// Fixes the role and starts the message layer. Collective. Part of main(), public for programs that are
     /// not a server: they call it first and stopCommunicators() last.
+    /// @throw std::invalid_argument for a driver that is missing or unknown, or an option without its value
+    /// @throw InternalError when the driver module can't be used, or when there is a host already
+    /// @throw NonRecoverableError when MPI doesn't start; the reason stands on the standard error stream
     void startCommunicators(int& argc, char*** argv, std::map<std::string, unsigned>& consumed);
+    /// Destroys the host and the communicators and ends the message layer. Collective over the global
+    /// communicator, main thread; a serial process only loses its host, and a second call does nothing there.
     void stopCommunicators();
 
 private:

@@ -128,6 +128,8 @@ unsigned MachineHost::getIntraHostRank() const {
 }
 
 int MachineHost::isOverSubscribed() const {
+    if (!getCpuTopology().reliableLpuInformationAvailable())
+        return 0; // nobody knows how many cores there are
     const std::size_t cores = getCpuTopology().getPhysicalCoresFromMask(getAvailableMask()).size();
     return std::max(0, static_cast<int>(getNumberProcesses()) - static_cast<int>(cores));
 }

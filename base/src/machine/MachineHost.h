@@ -26,15 +26,20 @@ public:
     using HostPidMap = std::multimap<std::string, std::pair<unsigned, unsigned>>;
 
     /// Collective over the global communicator in a parallel job. Main thread.
+    /// @throw InternalError, or what the message layer makes of a failure, when a message fails; hardware
+    /// that can't be read is no failure
     MachineHost();
     ~MachineHost();
     MachineHost(const MachineHost&) = delete;
     MachineHost& operator=(const MachineHost&) = delete;
 
+    /// What the message layer calls this host, in a serial process the operating system.
     const std::string& getHostName() const { return _hostName; }
+    /// Of the whole job.
     unsigned getNumberHosts() const { return _numberHosts; }
     /// The hardware of this host, looked at once for each host.
     const CpuTopology& getCpuTopology() const { return *_cpuTopology; }
+    /// The same on all processes of the job.
     const HostPidMap& getHostPidMap() const { return _hostPidMap; }
     /// Appends each host name once, in ascending order.
     void getHostNames(std::vector<std::string>& names) const;
@@ -43,14 +48,15 @@ public:
     unsigned getNumberProcesses() const;
     /// Appends the process identifiers on this host, in ascending rank.
     void getPids(std::vector<unsigned>& pids) const { getPids(_hostName, pids); }
+    /// The same for a host of the job; a name that no process gave appends nothing.
     void getPids(const std::string& host, std::vector<unsigned>& pids) const;
     /// Appends the global ranks on this host, ascending.
     void getMpiRanks(std::vector<unsigned>& ranks) const { getMpiRanks(_hostName, ranks); }
+    /// The same for a host of the job; a name that no process gave appends nothing.
     void getMpiRanks(const std::string& host, std::vector<unsigned>& ranks) const;
 
     /// Whether global rank 0 runs on this host; false in a serial process.
     bool masterOnHost() const { return _masterOnHost; }
-    bool hasIntraHostComm() const { return _intraHostComm != nullptr; }
     /// All processes of this host, in ascending global rank. @throw InternalError in a serial process
     Communicator& getIntraHostComm() const;
     /// Rank within the host, 0 in a serial process.
@@ -60,11 +66,12 @@ public:
     // Placement. Main thread.
 
     /// How many processes of the job on this host have no physical core of their own among those that this
-    /// process may use; 0 when there are enough. Local.
+    /// process may use; 0 when there are enough, or when nothing is known of the hardware. Local.
     int isOverSubscribed() const;
     /// Binds each process of the job on this host by the binding policy of Machine. Collective over the
     /// processes of the host.
     /// @return whether all of them are bound; false at once, with nothing done, on an over-subscribed host
+    /// @throw InternalError for a policy that there isn't
     bool bindProcesses() const;
     /// The union of the bindings of the job's processes on this host. Collective over them.
     AffinityMask getHostAffinity() const;
@@ -78,9 +85,10 @@ public:
     /// Moves the server on this host to cores that no other server holds; looks again after each move and
     /// retries after random pauses, up to 9 s in all. Collective over the processes of the host.
     /// @return whether it found a place
+    /// @throw InternalError for a binding policy that there isn't
     bool resolveCpuContention(bool verbose) const;
 
-    // Reports.
+    // Reports. Where one is collective: over the global communicator, on the main thread.
 
     /// The summary that a server prints at its start: printTruncatedProcessSummary().
     void printProcessSummary() const { printTruncatedProcessSummary(); }
@@ -89,7 +97,7 @@ public:
     void printTruncatedProcessSummary() const;
     /// Writes one line for each rank to the standard output. On the master only, elsewhere nothing. Local.
     void printCompleteProcessSummary() const;
-    /// printProcessAffinitySummary(true, false, false, true).
+    /// printProcessAffinitySummary(true, false, false, true). Collective over the job.
     void printProcessAffinitySummary() const;
     /// Writes the hardware of the hosts and the binding of each process to the master's standard output: one
     /// block when all hosts are alike. Collective over the job.
@@ -111,6 +119,7 @@ private:
     /// A job whose ranks claim to be on the hosts that they name.
     explicit MachineHost(const std::string& hostName);
 
+    bool hasIntraHostComm() const { return _intraHostComm != nullptr; }
     bool hasInterHostComm() const { return _interHostComm != nullptr; }
     Communicator& getInterHostComm() const;
 

@@ -88,6 +88,8 @@ bool MachineHost::hasMultipleServersRunning() const {
 }
 
 bool MachineHost::hasCpuContention(bool verbose) const {
+    if (Machine::isParallel())
+        getIntraHostComm().synchronise(); // each process bound itself; the writer looks at all of them
     bool contention = false;
     if (isWriter()) {
         std::ostringstream os;
@@ -205,6 +207,8 @@ MachineHost::MoveResult MachineHost::moveAway(const std::vector<unsigned>& curre
         return MoveResult::NO_ROOM;
     const bool bound = CpuBinder::bindProcess(getIntraHostRank(), getNumberProcesses(), topology, available,
                                               Machine::_cpuBindingPolicy);
+    if (Machine::isParallel())
+        getIntraHostComm().synchronise(); // a neighbour that is still at its old place would seem a conflict
     // A server that moved at the same moment shows in a second look.
     others = getOccupiedCores(topology, getOtherServerPids(currentPids, nullptr), nullptr);
     const AffinityMask current = getOccupiedCores(topology, currentPids, nullptr);

@@ -38,6 +38,17 @@ std::vector<unsigned> findRun(unsigned ranks, unsigned groups, unsigned me) {
     return run;
 }
 
+/// Collective over `ranks`: the processors of `topology` that any of them is bound to.
+AffinityMask uniteBindings(Communicator& ranks, const CpuTopology& topology) {
+    std::vector<unsigned> lpusOfAll;
+    std::vector<unsigned> counts;
+    ranks.allGatherVector(topology.getLpusFromMask(Affinity::getProcessAffinity(topology)), lpusOfAll,
+                          counts);
+    // Ranks with a larger model know processors that this one can't.
+    std::erase_if(lpusOfAll, [&](unsigned lpu) { return lpu >= topology.getNumberLpus(); });
+    return topology.getLpuMask(lpusOfAll);
+}
+
 } // namespace
 
 void Machine::buildShmemCommunicators() {
@@ -73,13 +84,15 @@ void Machine::buildScopeCommunicator(ShmemScope scope, const std::vector<unsigne
                               : "Assumption of exactly one NUMA node per process is violated.");
         group = findRanksAlike(indicesOfAll, host.myRank());
     } else {
+        // Among the ranks that share memory: those that give one host name may be others.
         const CpuTopology& topology = _host->getCpuTopology();
-        const AffinityMask mask = _host->getHostAffinity();
-        std::size_t groups =
-            (isSocket ? topology.getSocketsFromMask(mask) : topology.getNumaNodesFromMask(mask)).size();
+        const AffinityMask mask = uniteBindings(host, topology);
+        unsigned groups = static_cast<unsigned>(
+            (isSocket ? topology.getSocketsFromMask(mask) : topology.getNumaNodesFromMask(mask)).size());
         if (groups == 0)
             groups = isSocket ? topology.getNumberSockets() : topology.getNumberNumaNodes();
-        group = findRun(host.size(), std::max(1u, static_cast<unsigned>(groups)), host.myRank());
+        host.broadcast(groups, 0); // two models of one host may count differently
+        group = findRun(host.size(), std::max(1u, groups), host.myRank());
     }
     _shmemComm[static_cast<std::size_t>(scope)] = host.createCommunicator(group);
 }

@@ -14,6 +14,7 @@
 #include "platform/DynamicLibrary.h"
 #include "platform/LauncherWatch.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <iostream>
 #include <stdexcept>
@@ -130,9 +131,11 @@ void Machine::startMessageLayer(const std::string& module, int& argc, char*** ar
         started = OXM_MPI_Init(&argc, argv);
     }
     if (started != OXM_MPI_SUCCESS) {
-        Properties reason;
-        reason.set("Reason", initializeError());
-        raise(NonRecoverableError("MPI failed to initialize", reason));
+        std::string reason = initializeError();
+        std::replace(reason.begin(), reason.end(), '\n', ' ');
+        if (!reason.empty())
+            std::cerr << reason + '\n'; // in one piece: all ranks say it
+        raise(NonRecoverableError("MPI failed to initialize"));
     }
     _globalComm.reset(new Communicator);
     // A process that leaves by exit() must not take communicators down on its way.

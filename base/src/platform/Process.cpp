@@ -188,6 +188,11 @@ private:
     std::size_t _line = 0; ///< where the line begins that is at work
 };
 
+/// A zombie, or on its way out of the process list.
+bool isDead(const ProcFs::Stat& stat) {
+    return stat.state == 'Z' || stat.state == 'X';
+}
+
 } // namespace
 
 int Process::getPid() const {
@@ -215,7 +220,9 @@ std::vector<int> Process::getPids(const std::string& executableName) const {
                 pids.push_back(pid);
         } else if (errno == EACCES || errno == EPERM) {
             const auto stat = ProcFs::readStat(pid);
-            if (stat && stat->name == executableName.substr(0, NAME_LENGTH))
+            // Dead ones of this user have no executable any more; those of others only tell it by their
+            // state.
+            if (stat && !isDead(*stat) && stat->name == executableName.substr(0, NAME_LENGTH))
                 pids.push_back(pid);
         }
     }
@@ -225,7 +232,7 @@ std::vector<int> Process::getPids(const std::string& executableName) const {
 
 bool Process::isAlive(int pid) const {
     const auto stat = pid > 0 ? ProcFs::readStat(pid) : std::nullopt;
-    return stat && stat->state != 'Z' && stat->state != 'X';
+    return stat && !isDead(*stat);
 }
 
 unsigned long long Process::getStartStamp(int pid) const {

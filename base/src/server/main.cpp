@@ -1,8 +1,6 @@
 #include "machine/ExitStatus.h"
 #include "machine/Machine.h"
 
-#include "kernel/Error.h"
-
 #include <algorithm>
 #include <iostream>
 #include <stdexcept>
@@ -20,15 +18,6 @@ int refuseStart(const ExitStatus& status, const char* what, const std::string& r
     return status;
 }
 
-std::string explain(const Error& error) {
-    const Properties& properties = error.getProperties();
-    constexpr const char* REASON = "Reason";
-    std::string text = error.what();
-    if (properties.hasName(REASON))
-        text += ": " + properties.getString(REASON);
-    return text;
-}
-
 } // namespace
 
 int main(int argc, char** argv) {
@@ -39,8 +28,6 @@ int main(int argc, char** argv) {
     } catch (const std::invalid_argument& error) {
         const ExitStatus invalid(ExitStatus::INVALID_SERVER_ARGUMENT);
         return refuseStart(invalid, "Invalid server argument", error.what());
-    } catch (const Error& error) {
-        return refuseStart(failed, "Server error", explain(error));
     } catch (const std::exception& error) {
         return refuseStart(failed, "Server error", error.what());
     } catch (...) {

@@ -28,6 +28,7 @@ public:
     }
     /// Gives the host other hardware.
     static void equip(MachineHost& host, CpuTopology topology) { *host._cpuTopology = std::move(topology); }
+    static bool hasIntraHostComm(const MachineHost& host) { return host.hasIntraHostComm(); }
     static Communicator* interHostComm(const MachineHost& host) { return host._interHostComm.get(); }
     static Communicator& getInterHostComm(const MachineHost& host) { return host.getInterHostComm(); }
 };

@@ -12,6 +12,7 @@
 #include "platform/Process.h"
 #include "platform/System.h"
 
+#include "parallel/MachineHostTestAccess.h"
 #include "unit/machine/MachineTestAccess.h"
 
 #include <gtest/gtest.h>
@@ -143,7 +144,7 @@ TEST_F(MachineCommands, hostOfAProcessAlone) {
     EXPECT_EQ(host.getIntraHostRank(), 0u);
     EXPECT_TRUE(host.firstProcessOnHost());
     EXPECT_FALSE(host.masterOnHost());
-    EXPECT_FALSE(host.hasIntraHostComm());
+    EXPECT_FALSE(MachineHostTestAccess::hasIntraHostComm(host));
     EXPECT_EQ(host.getHostPidMap(),
               (MachineHost::HostPidMap{
                   {host.getHostName(), {static_cast<unsigned>(Platform::process().getPid()), 0u}}}));
