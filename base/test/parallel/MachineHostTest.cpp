@@ -5,18 +5,19 @@
 #include "machine/MpiCore.h"
 #include "machine/StreamRedirector.h"
 
-#include "kernel/Error.h"
 #include "mpiwrapper/OxmMpi.h"
 #include "platform/FileSystem.h"
 #include "platform/Process.h"
 #include "platform/StringHelper.h"
 
 #include "parallel/MachineHostTestAccess.h"
+#include "unit/machine/Failures.h"
 #include "unit/machine/MachineTestAccess.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <map>
@@ -88,14 +89,9 @@ TEST_F(MachineHostOfJob, communicatorsFollowTheNames) {
         if (inter) {
             EXPECT_EQ(ranksOfAll(*inter), expectedFirst);
         } else {
-            try {
-                MachineHostTestAccess::getInterHostComm(*host);
-                ADD_FAILURE();
-            } catch (const InternalError& error) {
-                EXPECT_EQ(Error::getMessage(error.getProperties()),
-                          "Inter-host Communicator being used from wrong rank!");
-                EXPECT_EQ(error.getProperties().getString("Condition"), "hasInterHostComm()");
-            }
+            expectAssertion([&] { MachineHostTestAccess::getInterHostComm(*host); },
+                            "Inter-host Communicator being used from wrong rank!", "hasInterHostComm()",
+                            "MachineHost.cpp");
         }
     }
 }
@@ -131,6 +127,25 @@ TEST_F(MachineHostOfJob, isBuiltByAFixedNumberOfCollectives) {
     const std::map<std::string, int> expected{
         {"Allgather", 2}, {"Allgatherv", 1}, {"Comm_create", 2}, {"Bcast", 2}};
     EXPECT_EQ(collectives, expected) << trace;
+}
+
+TEST_F(MachineHostOfJob, hasOthersBesideItWhenMoreRunThanItsOwn) {
+    const std::unique_ptr<MachineHost> host = MachineHostTestAccess::claim("here");
+    MachineHostTestAccess::pretend(*host, {"here"});
+    const std::string name = "orvex-test-server-" + std::to_string(Platform::process().getPid());
+    const std::wstring path = Platform::filesystem().join(
+        Platform::filesystem().getDefaultTemporaryDirectory(), StringHelper::toWString(name));
+    std::filesystem::copy_file("/bin/sleep", StringHelper::toString(path));
+    const std::string executable = Machine::getExecutableName();
+    MachineTestAccess::setExecutableName(name);
+    const auto first = Platform::process().start({path, L"30"}, {});
+    EXPECT_FALSE(host->hasMultipleServersRunning());
+    const auto second = Platform::process().start({path, L"30"}, {});
+    EXPECT_TRUE(host->hasMultipleServersRunning());
+    MachineTestAccess::setExecutableName(executable);
+    first->terminate(0.0);
+    second->terminate(0.0);
+    Platform::filesystem().deleteFile(path);
 }
 
 /// What is written to std::cout meanwhile.

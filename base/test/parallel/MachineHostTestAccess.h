@@ -1,5 +1,6 @@
 #pragma once
 
+#include "machine/AffinityMask.h"
 #include "machine/Communicator.h"
 #include "machine/CpuTopology.h"
 #include "machine/MachineHost.h"
@@ -28,6 +29,9 @@ public:
     }
     /// Gives the host other hardware.
     static void equip(MachineHost& host, CpuTopology topology) { *host._cpuTopology = std::move(topology); }
+    static AffinityMask getOccupiedCores(const MachineHost& host, const std::vector<unsigned>& pids) {
+        return host.getOccupiedCores(host.getCpuTopology(), pids, nullptr);
+    }
     static bool hasIntraHostComm(const MachineHost& host) { return host.hasIntraHostComm(); }
     static Communicator* interHostComm(const MachineHost& host) { return host._interHostComm.get(); }
     static Communicator& getInterHostComm(const MachineHost& host) { return host.getInterHostComm(); }

@@ -14,11 +14,16 @@
 #include "support/TestMachine.h"
 #include "unit/machine/CpuTopologyTestAccess.h"
 #include "unit/machine/Failures.h"
+#include "unit/machine/MachineTestAccess.h"
 
 #include <gtest/gtest.h>
 
 #include <iostream>
+#include <sched.h>
 #include <sstream>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
 
 namespace {
 
@@ -56,13 +61,32 @@ std::string printedBy(F operation) {
     return text.str();
 }
 
-/// A machine with room for the processor that all are bound to.
-CpuTopology makeMachine(const std::string& kind) {
-    return CpuTopology(makeTestMachine("machine " + kind));
+/// The operating system's numbers of the processors that this thread may run on.
+std::vector<unsigned> numbersOfProcessors() {
+    cpu_set_t set;
+    EXPECT_EQ(::sched_getaffinity(0, sizeof set, &set), 0);
+    std::vector<unsigned> numbers;
+    for (unsigned number = 0; number < CPU_SETSIZE; ++number)
+        if (CPU_ISSET(number, &set))
+            numbers.push_back(number);
+    return numbers;
 }
 
-const char* const SMALL = "pack:1 [numa] core:64 pu:2";
-const char* const LARGE = "pack:2 [numa] core:64 pu:2";
+/// A machine whose first processors are those that this thread may run on; there are no others here.
+CpuTopology makeMachine(const std::string& kind, unsigned processors, const std::string& more = "") {
+    std::vector<unsigned> numbers = numbersOfProcessors();
+    std::string indices;
+    for (unsigned i = 0; i < processors; ++i)
+        indices += (i == 0 ? "" : ",") + std::to_string(i < numbers.size() ? numbers[i] : 9000 + i);
+    return CpuTopology(makeTestMachine("machine " + kind + "(indexes=" + indices + ")" + more));
+}
+
+CpuTopology makeSmall() {
+    return makeMachine("pack:1 [numa] core:3 pu:2", 6);
+}
+CpuTopology makeLarge() {
+    return makeMachine("pack:2 [numa] core:3 pu:2", 12);
+}
 
 /// The lines of the ranks of a host of `count` processes.
 std::string rankLines(const CpuTopology& topology, const AffinityMask& mask, unsigned count) {
@@ -76,14 +100,14 @@ std::string rankLines(const CpuTopology& topology, const AffinityMask& mask, uns
 TEST_F(Placement, isReportedInStages) {
     const unsigned onEven = (_ranks + 1) / 2;
     const unsigned onOdd = _ranks / 2;
-    const CpuTopology small = makeMachine(SMALL);
-    const CpuTopology large = makeMachine(LARGE);
+    const CpuTopology small = makeSmall();
+    const CpuTopology large = makeLarge();
     const std::string smallText = small.print(true, true, false, true, 4, 28);
     const std::string largeText = large.print(true, true, false, true, 4, 28);
     const auto report = [&](bool isOneHost, bool isMixed, bool gather) {
         const bool isOdd = _me % 2 == 1;
         const auto host = MachineHostTestAccess::claim(isOneHost ? "one" : isOdd ? "odd" : "even");
-        MachineHostTestAccess::equip(*host, makeMachine(isMixed && isOdd ? LARGE : SMALL));
+        MachineHostTestAccess::equip(*host, isMixed && isOdd ? makeLarge() : makeSmall());
         const std::string told =
             printedBy([&] { host->printProcessAffinitySummary(true, false, true, gather); });
         EXPECT_TRUE(_me == 0 || told.empty()) << "only the master prints";
@@ -176,18 +200,85 @@ TEST_F(Placement, followsTheCoresThatAreFree) {
     } else {
         EXPECT_EQ(Affinity::getProcessAffinity(realTopology()), _bound) << "nothing happens";
     }
-    // More processes than elements go round.
-    EXPECT_TRUE(CpuBinder::bindProcess(_ranks + 5, 1, realTopology(), _bound, LATENCY_BINDING));
-    EXPECT_EQ(Affinity::getProcessAffinity(realTopology()), _bound);
-    EXPECT_TRUE(CpuBinder::bindProcess(0, 1, realTopology(), AffinityMask(), LEAST_LOAD_BINDING));
-    // Where its threads ran last, which needn't be one place.
-    EXPECT_FALSE(Affinity::getProcessAffinity(realTopology()).empty());
     EXPECT_FALSE(CpuBinder::bindProcess(0, 1, realTopology(), AffinityMask(), BANDWIDTH_BINDING));
     expectAssertion(
         [] {
             CpuBinder::bindProcess(0, 1, realTopology(), AffinityMask(), static_cast<CpuBindingPolicy>(3));
         },
         "Invalid CpuBindingPolicy specified", "false", "CpuBinder.cpp");
+}
+
+TEST_F(Placement, moreProcessesThanElementsGoRound) {
+    AffinityTestAccess::clearProcess(realTopology());
+    const std::vector<unsigned> numbers = numbersOfProcessors();
+    const CpuTopology four = makeMachine("pack:1 [numa] core:4 pu:1", 4);
+    for (const CpuBindingPolicy policy : {BANDWIDTH_BINDING, LATENCY_BINDING})
+        for (unsigned rank = 0; rank < 8; ++rank) {
+            // Where there is no such processor the operating system refuses, and the old binding stays.
+            const bool exists = rank % 4 < numbers.size();
+            EXPECT_EQ(CpuBinder::bindProcess(rank, 4, four, four.getTopologyMask(), policy), exists);
+            EXPECT_TRUE(!exists || numbersOfProcessors() == std::vector{numbers[rank % 4]}) << rank;
+        }
+}
+
+TEST_F(Placement, underTheLeastLoadIsWhereTheProcessRuns) {
+    AffinityTestAccess::clearProcess(realTopology());
+    // A process of one thread runs in one place.
+    const pid_t child = ::fork();
+    if (child == 0) {
+        const bool bound = CpuBinder::bindProcess(0, 1, realTopology(), AffinityMask(), LEAST_LOAD_BINDING);
+        const std::vector<unsigned> here{static_cast<unsigned>(::sched_getcpu())};
+        ::_exit(bound && numbersOfProcessors() == here ? 0 : 1);
+    }
+    int status = -1;
+    EXPECT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+}
+
+TEST_F(Placement, withoutBindingTheProcessIsWhereItsMainThreadIs) {
+    AffinityTestAccess::clearProcess(realTopology());
+    ASSERT_TRUE(AffinityTestAccess::setThread(realTopology(), _bound));
+    const AffinityMask before = Affinity::getProcessAffinity(realTopology());
+    std::thread(&MachineTestAccess::conformProcessAffinityToMainThreadAffinity).join();
+    EXPECT_EQ(Affinity::getProcessAffinity(realTopology()), before) << "the main thread alone decides";
+    MachineTestAccess::conformProcessAffinityToMainThreadAffinity();
+    EXPECT_EQ(Affinity::getProcessAffinity(realTopology()), _bound);
+}
+
+TEST_F(Placement, keepsToWhatIsAllowedAndKnown) {
+    const auto host = MachineHostTestAccess::claim("here");
+    const auto own = static_cast<unsigned>(::getpid());
+    constexpr unsigned NOBODY = 1u << 30;
+    MachineHostTestAccess::equip(*host, makeSmall());
+    using List = std::vector<unsigned>;
+    const auto occupied = [&](const List& pids) {
+        return host->getCpuTopology().getLpusFromMask(MachineHostTestAccess::getOccupiedCores(*host, pids));
+    };
+    EXPECT_EQ(occupied({NOBODY}), List{}) << "whose binding can't be read is in nobody's way";
+    EXPECT_EQ(occupied({NOBODY, own}), (List{0, 1})) << "a whole core for one of its processors";
+
+    struct Row {
+        const char* allow;
+        unsigned processes;
+        int tooMany;
+    };
+    for (const Row& row :
+         {Row{"", 4, 0}, Row{"", 6, 2}, Row{"\nallow 0x5", 2, 0}, Row{"\nallow 0x5", 3, 1}}) {
+        MachineHostTestAccess::equip(
+            *host,
+            CpuTopology(makeTestMachine(std::string("machine pack:1 [numa] core:4 pu:1") + row.allow)));
+        MachineHostTestAccess::pretend(*host, std::vector<std::string>(row.processes, "here"));
+        EXPECT_EQ(host->isOverSubscribed(), row.tooMany) << row.allow << row.processes;
+        if (row.tooMany > 0) {
+            EXPECT_FALSE(host->bindProcesses());
+            EXPECT_EQ(Affinity::getProcessAffinity(realTopology()), _bound) << "nothing happens";
+        }
+    }
+    // Nothing is known of the hardware: nobody is too many, and nothing can be chosen.
+    MachineHostTestAccess::equip(*host, CpuTopology(std::string("no XML at all\0", 14)));
+    EXPECT_EQ(host->isOverSubscribed(), 0);
+    EXPECT_FALSE(host->bindProcesses());
+    EXPECT_EQ(occupied({own}), List{});
 }
 
 } // namespace

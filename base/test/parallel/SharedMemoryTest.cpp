@@ -16,8 +16,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <iostream>
 #include <numeric>
+#include <sched.h>
 #include <sstream>
 
 namespace {
@@ -124,7 +126,7 @@ TEST_F(SharedMemory, ranksOfOneSocketOrNodeFindEachOther) {
         EXPECT_EQ(ranksOf(scope), expected);
     }
     // One rank with two sockets: nobody's index counts, and all are on the one socket of the real processors.
-    enter("one", "pack:1 [numa] core:128 pu:1");
+    enter("one", "pack:1 [numa] core:1 pu:1(indexes=" + std::to_string(::sched_getcpu()) + ")");
     MachineTestAccess::buildShmemCommunicators();
     std::vector<unsigned> indices{_me % 3};
     if (_me == _ranks - 1)
@@ -138,6 +140,43 @@ TEST_F(SharedMemory, ranksOfOneSocketOrNodeFindEachOther) {
     MachineTestAccess::swapHost(nullptr);
     expectAssertion([] { MachineTestAccess::buildShmemCommunicators(); }, "host not built yet", "_host",
                     "MachineSharedMemory.cpp");
+}
+
+TEST_F(SharedMemory, countsTheRanksThatShareMemory) {
+    // Whatever names they give, and whatever each takes for the hardware.
+    enter("host" + std::to_string(_me), strangeMachine(_me == 0 ? 2 : 1));
+    MachineTestAccess::buildShmemCommunicators();
+    const unsigned first = (_ranks + 1) / 2;
+    std::vector<unsigned> expected(_me < first ? first : _ranks - first);
+    std::iota(expected.begin(), expected.end(), _me < first ? 0 : first);
+    EXPECT_EQ(ranksOf(Machine::SOCKET_SCOPE), expected);
+}
+
+TEST_F(SharedMemory, followsTheHostsOfTheJob) {
+    MachineTestAccess::swapHost(_realHost);
+    MachineTestAccess::buildShmemCommunicators();
+    std::vector<unsigned> mine;
+    _realHost->getMpiRanks(mine);
+    std::vector<std::string> hosts;
+    _realHost->getHostNames(hosts);
+    std::vector<unsigned> firsts;
+    for (const std::string& host : hosts) {
+        std::vector<unsigned> ranks;
+        _realHost->getMpiRanks(host, ranks);
+        firsts.push_back(ranks.front());
+    }
+    std::sort(firsts.begin(), firsts.end());
+    EXPECT_EQ(ranksOf(Machine::HOST_SCOPE), mine);
+    for (const auto scope : {Machine::NUMA_SCOPE, Machine::SOCKET_SCOPE, Machine::HOST_SCOPE}) {
+        // Smaller groups lie within, and the first of each is in the sparse one.
+        const std::vector<unsigned> group = ranksOf(scope);
+        EXPECT_TRUE(std::includes(mine.begin(), mine.end(), group.begin(), group.end()));
+        Communicator* const sparse = Machine::hasSparseCommunicator(scope);
+        EXPECT_EQ(sparse != nullptr, _me == group.front());
+        const std::vector<unsigned> told = ranksOf(sparse);
+        EXPECT_TRUE(!sparse || std::includes(told.begin(), told.end(), firsts.begin(), firsts.end()));
+        EXPECT_TRUE(!sparse || scope != Machine::HOST_SCOPE || told == firsts);
+    }
 }
 
 TEST_F(SharedMemory, overSubscribedHostsAreNamed) {

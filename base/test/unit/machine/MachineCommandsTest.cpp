@@ -13,6 +13,7 @@
 #include "platform/System.h"
 
 #include "parallel/MachineHostTestAccess.h"
+#include "unit/machine/Failures.h"
 #include "unit/machine/MachineTestAccess.h"
 
 #include <gtest/gtest.h>
@@ -148,15 +149,11 @@ TEST_F(MachineCommands, hostOfAProcessAlone) {
     EXPECT_EQ(host.getHostPidMap(),
               (MachineHost::HostPidMap{
                   {host.getHostName(), {static_cast<unsigned>(Platform::process().getPid()), 0u}}}));
-    try {
-        host.getIntraHostComm();
-        ADD_FAILURE();
-    } catch (const InternalError& error) {
-        EXPECT_EQ(Error::getMessage(error.getProperties()),
-                  "Cannot access Intra-host Communicator in serial");
-        EXPECT_EQ(error.getProperties().getString("Condition"), "hasIntraHostComm()");
-        EXPECT_EQ(error.getProperties().getString("File"), "base/src/machine/MachineHost.cpp");
-    }
+    expectAssertion([&] { host.getIntraHostComm(); }, "Cannot access Intra-host Communicator in serial",
+                    "hasIntraHostComm()", "MachineHost.cpp");
+    CommandLine::Consumed consumed;
+    expectAssertion([&] { MachineTestAccess::startCommunicators({"-s"}, consumed); }, "Host already enabled",
+                    "!_host", "MachineStart.cpp");
 }
 
 } // namespace

@@ -89,6 +89,10 @@ public:
     }
     static void writeProcessFile() { Machine::getSingleton().writeProcessFile(); }
     static void testOverSubscription() { Machine::getSingleton().testOverSubscription(); }
+    static void conformProcessAffinityToMainThreadAffinity() {
+        Machine::getSingleton().conformProcessAffinityToMainThreadAffinity();
+    }
+    static void warnOfMixedVectorization() { Machine::getSingleton().warnOfMixedVectorization(); }
     static void buildShmemCommunicators() { Machine::getSingleton().buildShmemCommunicators(); }
     static void buildScopeCommunicator(Machine::ShmemScope scope, const std::vector<unsigned>& indices) {
         Machine::getSingleton().buildScopeCommunicator(scope, indices);

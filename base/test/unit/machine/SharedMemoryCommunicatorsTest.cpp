@@ -1,15 +1,22 @@
-// How the ranks that share memory are found: by the driver where it can, else by their hosts' names.
+// How the ranks that share memory are found, by the driver where it can, else by their hosts' names, and what
+// else a rank is told of the others' hardware.
 
 #include "machine/Communicator.h"
 #include "machine/Machine.h"
 #include "machine/MachineHost.h"
 
+#include "parallel/MachineHostTestAccess.h"
 #include "support/ScriptedMpi.h"
+#include "support/TestMachine.h"
+#include "unit/machine/Failures.h"
 #include "unit/machine/MachineTestAccess.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <memory>
+#include <string>
+#include <vector>
 
 TEST(SharedMemoryCommunicators, AreMadeByTheDriverOrByName) {
     for (const bool hasSharedMemory : {true, false}) {
@@ -40,4 +47,101 @@ TEST(SharedMemoryCommunicators, AreMadeByTheDriverOrByName) {
         EXPECT_EQ(mpi.liveHandles()["comm"], 0);
         EXPECT_EQ(mpi.liveHandles()["group"], 0);
     }
+}
+
+namespace {
+
+using List = std::vector<unsigned>;
+
+/// What `call` would receive from all.
+int receive(const ScriptedCall& call, const List& values) {
+    std::copy(values.begin(), values.end(), static_cast<unsigned*>(call.addresses.at("recvBuffer")));
+    return OXM_MPI_SUCCESS;
+}
+
+void releaseCommunicators() {
+    for (auto& communicator : MachineTestAccess::sharedMemCommunicators())
+        communicator.reset();
+    for (auto& communicator : MachineTestAccess::sparseCommunicators())
+        communicator.reset();
+    MachineTestAccess::globalCommunicator().reset();
+    MachineTestAccess::playRole(Machine::SERIAL_MODE, 1, 0);
+}
+
+} // namespace
+
+/// Rank 2 of 5, of which rank 1 is elsewhere, without the driver's help.
+TEST(SharedMemoryCommunicators, FollowTheHardware) {
+    const auto host = MachineHostTestAccess::claim("here");
+    MachineHostTestAccess::equip(
+        *host, CpuTopology(makeTestMachine("machine pack:2 [numa] core:1 pu:1(indexes=9000,9001)")));
+    MachineHostTestAccess::pretend(*host, {"here", "there", "here", "here", "here"});
+    ScriptedMpi& mpi = ScriptedMpi::start();
+    mpi.setSharedMemorySupport(false);
+    mpi.setWorld(2, 5);
+    MachineTestAccess::playRole(Machine::WORKER_MODE, 5, 2);
+    MachineTestAccess::globalCommunicator() = std::make_unique<Communicator>();
+    MachineHost* const before = MachineTestAccess::swapHost(host.get());
+    mpi.clearCalls();
+    MachineTestAccess::buildShmemCommunicators();
+    EXPECT_EQ(mpi.callsOf("Group_incl").front().arrays.at("ranks"), (std::vector<long long>{0, 2, 3, 4}));
+
+    struct Row {
+        List counts;
+        List indices; ///< of all ranks of the host; when they are many, their processors as well
+        std::vector<long long> group;
+    };
+    const Row rows[] = {{{1, 1, 1, 1}, {0, 0, 1, 0}, {0, 1, 3}},
+                        {{1, 1, 1, 1}, {0, 1, 0, 0}, {1}},
+                        {{1, 1, 2, 1}, {0, 0, 0, 1, 0}, {0, 1}},
+                        {{1, 1, 0, 2}, {1, 1, 1, 1}, {0, 1, 2, 3}},
+                        {{0, 0, 0, 0}, {}, {0, 1}}};
+    for (const auto scope : {Machine::SOCKET_SCOPE, Machine::NUMA_SCOPE}) {
+        for (const Row& row : rows) {
+            mpi.setAction("Allgather", [&](const ScriptedCall& call) { return receive(call, row.counts); });
+            mpi.setAction("Allgatherv", [&](const ScriptedCall& call) { return receive(call, row.indices); });
+            mpi.clearCalls();
+            MachineTestAccess::buildScopeCommunicator(scope, List(row.counts[1], 0));
+            EXPECT_EQ(mpi.callsOf("Group_incl").back().arrays.at("ranks"), row.group);
+        }
+        mpi.setAction("Allgather", [&](const ScriptedCall& call) { return receive(call, {1, 1, 1, 1}); });
+        const std::string kind = scope == Machine::SOCKET_SCOPE ? "socket" : "NUMA node";
+        expectAssertion(
+            [&] {
+                MachineTestAccess::buildScopeCommunicator(scope, {0, 1});
+            },
+            "Assumption of exactly one " + kind + " per process is violated.", "indices.size() == 1u",
+            "MachineSharedMemory.cpp");
+    }
+    mpi.setAction("Allgather", {});
+    mpi.setAction("Allgatherv", {});
+    MachineTestAccess::swapHost(before);
+    releaseCommunicators();
+    EXPECT_EQ(mpi.liveHandles()["comm"], 0);
+}
+
+TEST(SharedMemoryCommunicators, MixedVectorizationIsToldOnce) {
+    for (const bool isMixed : {false, true})
+        for (const unsigned rank : {0u, 1u}) {
+            ScriptedMpi& mpi = ScriptedMpi::start();
+            mpi.setWorld(static_cast<int>(rank), 3);
+            MachineTestAccess::playRole(rank == 0 ? Machine::MASTER_MODE : Machine::WORKER_MODE, 3, rank);
+            MachineTestAccess::globalCommunicator() = std::make_unique<Communicator>();
+            mpi.setAction("Gather", [&](const ScriptedCall& call) {
+                return rank == 0 ? receive(call, {4, 4, isMixed ? 3u : 4u}) : OXM_MPI_SUCCESS;
+            });
+            testing::internal::CaptureStdout();
+            MachineTestAccess::warnOfMixedVectorization();
+            EXPECT_EQ(testing::internal::GetCapturedStdout(),
+                      isMixed && rank == 0
+                          ? "Warning: The set of hardware resources has mixed vectorization capabilities.\n"
+                            "This can lead to numerical issues (see \"Avoid Using Mixed-Vector Hardware in a "
+                            "Single\nParallel Job\" in the User's Guide). The command line flag \"-xbuildopt "
+                            "standard\"\ncan be passed to force the lowest vectorization level on all hosts. "
+                            "Use of this option\nmay impact performance. It does not affect vectorization of "
+                            "third-party libraries, so further issues might arise.\n"
+                          : "");
+            mpi.setAction("Gather", {});
+            releaseCommunicators();
+        }
 }
