@@ -18,7 +18,7 @@ public:
     /// @param processRank      among the processes of the job on this host, from 0
     /// @param numberProcesses  of the job on this host
     /// @param availableMask    the processors to choose from, with as many physical cores as processes
-    /// @return whether the operating system agreed
+    /// @return whether the operating system agreed; false also when there is nothing to choose from
     /// @throw InternalError for a policy that there isn't
     static bool bindProcess(unsigned processRank, unsigned numberProcesses, const CpuTopology& topology,
                             const AffinityMask& availableMask, CpuBindingPolicy policy);

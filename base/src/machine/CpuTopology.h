@@ -15,7 +15,9 @@ struct hwloc_topology;
 /// All is told by dense indices: LPU 0..n-1, physical core 0..c-1, NUMA node 0..m-1, socket 0..s-1, never by
 /// the operating system's numbers. Each query has an answer also where the host tells little: without core
 /// information each LPU counts as a core; without NUMA or socket information one node or socket holds all
-/// LPUs; without any, there is one LPU. Then no index is checked, and any index gives that answer.
+/// LPUs; without any, there is one LPU. The counts, the member lists and the groups of members of a missing
+/// level take any index. Checked all the same are getLpusForPhysicalCore, getPhysicalCoreForLpu, the masks,
+/// getSocketsForNumaNode and getNumaNodesForSocket; the last two refuse any index when there is no LPU.
 ///
 /// Constant after construction: every query is local and may come from any thread. Lists are ascending. An
 /// index out of range raises an InternalError.
@@ -113,7 +115,7 @@ public:
 
     // ---- Choice.
 
-    /// Takes `count` LPUs of `lpus`, or all if there are fewer.
+    /// Takes `count` LPUs of `lpus`, or all if there are fewer. Repeats count, and stay.
     ///
     /// Spread takes one of each socket or NUMA node in turn, Compact takes the lowest.
     /// @param spreadOverPhysicalCores  a core's second LPU is taken only after all cores of its group have

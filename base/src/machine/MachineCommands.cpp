@@ -376,18 +376,19 @@ public:
     public:
         SetAffinity()
             : AffinityCommand({"Binds every process of the job to the same processors. For tests.",
-                               {{MASK_KEY, "vector of bool", "a flag for each logical processing unit"}},
+                               {{MASK_KEY, "vector of bool",
+                                 "a flag for each logical processing unit; those left out are off"}},
                                {{MASK_KEY, "vector of bool", "the binding that was reached"}}}) {}
         std::string getName() const override { return "SetAffinity"; }
         void execute(const Properties& args, Properties& response) override {
+            warn();
             std::vector<bool> flags;
             args.get(MASK_KEY, flags);
             ORVEX_GLOBAL_CHECK(flags.size() <= topology().getNumberLpus(), GlobalCondition::ON_ALL,
-                               InputError("\"mask\" must hold a flag for each of the " +
+                               InputError("\"mask\" may hold at most " +
                                           std::to_string(topology().getNumberLpus()) +
-                                          " logical processing units, but it holds " +
+                                          " flags, one for each logical processing unit, but it holds " +
                                           std::to_string(flags.size())));
-            warn();
             std::vector<unsigned> lpus;
             for (unsigned lpu = 0; lpu < flags.size(); ++lpu)
                 if (flags[lpu])

@@ -1,6 +1,7 @@
 // The machine's commands in a process alone: what they answer, print and switch.
 
 #include "machine/MachineCommands.h"
+#include "machine/CpuTopology.h"
 #include "machine/MachineHost.h"
 
 #include "kernel/Command.h"
@@ -112,6 +113,20 @@ TEST_F(MachineCommands, refusalsNameWhatIsWrong) {
     };
     for (const Row& row : ROWS)
         EXPECT_NE(Error::getMessage(run(row.name, row.args)).find(row.named), std::string::npos) << row.name;
+}
+
+TEST_F(MachineCommands, setAffinityWarnsAndThenRefusesMoreFlagsThanThereAreProcessors) {
+    const unsigned count = Machine::getHost().getCpuTopology().getNumberLpus();
+    Properties args;
+    args.set("mask", std::vector<bool>(count + 1, true));
+    testing::internal::CaptureStdout();
+    const Properties response = run("SetAffinity", args.toString());
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "Warning: SetAffinity is intended for testing purposes only.\n"
+              "Using it may well result in performance degradation\n");
+    EXPECT_EQ(Error::getMessage(response), "\"mask\" may hold at most " + std::to_string(count) +
+                                               " flags, one for each logical processing unit, but it holds " +
+                                               std::to_string(count + 1));
 }
 
 TEST_F(MachineCommands, commandsStandInTheirOrderAndTellWhatTheyAreFor) {
