@@ -55,7 +55,7 @@ bool CpuTopology::Impl::load(const std::string& text) {
         return false;
     }
     // What this process may not use is wanted too: other servers run there. A failure shows at the loading.
-    constexpr unsigned long wholeSystem = HWLOC_TOPOLOGY_FLAG_WHOLE_SYSTEM;
+    constexpr unsigned long wholeSystem = HWLOC_TOPOLOGY_FLAG_INCLUDE_DISALLOWED;
     bool isGood = hwloc_topology_set_flags(_topology, wholeSystem) == 0;
     if (isGood && !text.empty())
         // The text describes this very host, so binding has to go on working.
@@ -253,15 +253,6 @@ CpuTopology::Impl::getNestedObjects(const std::vector<HwlocObj>& parents,
         if (!seen.contains(object.obj))
             return {}; // under none
     return groups;
-}
-
-template <class Object>
-bool CpuTopology::Impl::isConsecutiveList(const std::vector<Object>& list) {
-    ORVEX_ASSERT(!list.empty(), "Unexpected empty list of objects.");
-    for (std::size_t i = 0; i < list.size(); ++i)
-        if (list[i].index != i)
-            return false;
-    return true;
 }
 
 std::vector<unsigned> CpuTopology::Impl::invertNesting(const std::vector<NestedHwlocObjs>& list,

@@ -2,6 +2,8 @@
 
 #include "machine/CpuTopology.h"
 
+#include "kernel/Raise.h"
+
 #include <hwloc.h>
 
 #include <string>
@@ -82,7 +84,13 @@ private:
     static std::vector<NestedHwlocObjs> getNestedObjects(const std::vector<HwlocObj>& parents,
                                                          const std::vector<HwlocObj>& allTypeObjs);
     template <class Object>
-    static bool isConsecutiveList(const std::vector<Object>& list);
+    static bool isConsecutiveList(const std::vector<Object>& list) {
+        ORVEX_ASSERT(!list.empty(), "Unexpected empty list of objects.");
+        for (std::size_t i = 0; i < list.size(); ++i)
+            if (list[i].index != i)
+                return false;
+        return true;
+    }
     /// The group of each of `size` members.
     static std::vector<unsigned> invertNesting(const std::vector<NestedHwlocObjs>& list, std::size_t size);
     static bool isMappingInRange(const std::vector<unsigned>& map, std::size_t size);

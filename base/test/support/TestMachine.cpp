@@ -51,6 +51,9 @@ std::string makeTestMachine(const std::string& description) {
     forEach(description, "restrict", [&](const std::string& mask) {
         check(hwloc_topology_restrict(topology, parse(mask).get(), 0), mask);
     });
+    forEach(description, "restrict-nodes", [&](const std::string& nodes) {
+        check(hwloc_topology_restrict(topology, parse(nodes).get(), HWLOC_RESTRICT_FLAG_BYNODESET), nodes);
+    });
     forEach(description, "allow", [&](const std::string& mask) {
         check(hwloc_topology_allow(topology, parse(mask).get(), nullptr, HWLOC_ALLOW_FLAG_CUSTOM), mask);
     });

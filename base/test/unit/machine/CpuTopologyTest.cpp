@@ -5,10 +5,10 @@
 #include "machine/Affinity.h"
 
 #include "kernel/Error.h"
-#include "platform/Log.h"
 #include "support/TestMachine.h"
 #include "unit/machine/CpuTopologyTestAccess.h"
 #include "unit/machine/Failures.h"
+#include "unit/machine/LogLines.h"
 
 #include <gtest/gtest.h>
 #include <hwloc.h>
@@ -33,9 +33,11 @@ AffinityMask maskOf(const std::string& hex) {
     return mask;
 }
 
+using List = std::vector<unsigned>;
+
 /// "0-3,8" and back; "none" for no index.
-std::vector<unsigned> parseList(const std::string& text) {
-    std::vector<unsigned> list;
+List parseList(const std::string& text) {
+    List list;
     std::istringstream parts(text == "none" ? "" : text);
     for (std::string part; std::getline(parts, part, ',');) {
         const std::size_t dash = part.find('-');
@@ -48,7 +50,7 @@ std::vector<unsigned> parseList(const std::string& text) {
     return list;
 }
 
-std::string printList(const std::vector<unsigned>& list) {
+std::string printList(const List& list) {
     std::string text;
     for (std::size_t first = 0; first < list.size();) {
         std::size_t last = first;
@@ -62,66 +64,87 @@ std::string printList(const std::vector<unsigned>& list) {
     return text.empty() ? "none" : text;
 }
 
-/// A question for each group of a level, equal answers on neighbouring groups in one line.
-void tell(std::ostream& out, const std::string& question, unsigned count,
-          const std::function<std::string(unsigned)>& answer) {
-    for (unsigned first = 0; first < count;) {
-        unsigned last = first;
-        while (last + 1 < count && answer(last + 1) == answer(first))
+/// "0-1 2-3 ... 14-15": more than four that go on evenly are abbreviated.
+std::string printLists(const std::vector<List>& lists) {
+    const auto goesOn = [&](std::size_t i, std::size_t first) {
+        const List &from = lists[i], &to = lists[i + 1];
+        return !from.empty() &&
+               std::equal(from.begin(), from.end(), to.begin(), to.end(),
+                          [&](auto a, auto b) { return b - a == lists[first + 1][0] - lists[first][0]; });
+    };
+    std::string text;
+    for (std::size_t first = 0; first < lists.size(); ++first) {
+        std::size_t last = first;
+        while (last + 1 < lists.size() && goesOn(last, first))
             ++last;
-        out << question << ' ' << first;
-        if (last > first)
-            out << '-' << last;
-        out << ": " << answer(first) << '\n';
-        first = last + 1;
+        text += (first > 0 ? " " : "") + printList(lists[first]);
+        if (last - first >= 4) {
+            text += " " + printList(lists[first + 1]) + " ... " + printList(lists[last]);
+            first = last;
+        }
     }
+    return text;
 }
 
-/// Every query of the model in words.
+List processorsOf(const AffinityMask& mask) {
+    const std::string bits = mask.toBinaryString(1).substr(2);
+    List processors;
+    for (unsigned i = 0; i < bits.size(); ++i)
+        if (bits[bits.size() - 1 - i] == '1')
+            processors.push_back(i);
+    return processors;
+}
+
+/// Every query of the model in words: "of" a group stands what it says of its members, "by" group what each
+/// member says of its group.
 std::string tellModel(const CpuTopology& t) {
+    using T = CpuTopology;
     std::ostringstream out;
-    const auto list = [](const std::vector<unsigned>& values) { return printList(values); };
-    const auto hex = [](const AffinityMask& mask) { return mask.toHexString(1); };
+    const unsigned lpus = t.getNumberLpus();
     const unsigned cores = t.getNumberPhysicalCores();
     const unsigned nodes = t.getNumberNumaNodes();
     const unsigned sockets = t.getNumberSockets();
-    out << t.print(true, true, true, true, 0, 28);
-    out << "machine " << hex(t.getTopologyMask()) << ", available "
-        << hex(t.restrictToAvailableResources(t.getTopologyMask())) << '\n';
-    tell(out, "core", cores, [&](unsigned i) {
-        return "node " + std::to_string(t.getNumaNodeForPhysicalCore(i)) + " socket " +
-               std::to_string(t.getSocketForPhysicalCore(i)) + ", LPUs " + std::to_string(t.getNumberLpus(i));
-    });
-    for (unsigned i = 0; i < nodes; ++i)
-        out << "node " << i << ": " << t.getNumberLpusForNumaNode(i) << " LPUs "
-            << list(t.getLpusForNumaNode(i)) << ", " << t.getNumberPhysicalCoresForNumaNode(i) << " cores "
-            << list(t.getPhysicalCoresForNumaNode(i)) << ", mask " << hex(t.getNumaMask(i)) << '\n';
-    for (unsigned i = 0; i < sockets; ++i)
-        out << "socket " << i << ": " << t.getNumberLpusForSocket(i) << " LPUs "
-            << list(t.getLpusForSocket(i)) << ", " << t.getNumberPhysicalCoresForSocket(i) << " cores "
-            << list(t.getPhysicalCoresForSocket(i)) << ", mask " << hex(t.getSocketMask(i)) << '\n';
+    const auto each = [&](unsigned count, auto ask) {
+        std::vector<List> lists;
+        for (unsigned i = 0; i < count; ++i)
+            lists.push_back({std::invoke(ask, t, i)});
+        return printLists(lists);
+    };
+    const auto of = [&](const char* groups, unsigned count, auto getMembers, auto getNumber) {
+        out << groups << each(count, getMembers) << " (" << each(count, getNumber) << ")";
+    };
+    const auto by = [&](const char* group, unsigned count, unsigned members, auto getGroup) {
+        std::vector<List> lists(count);
+        for (unsigned member = 0; member < members; ++member)
+            lists.at(std::invoke(getGroup, t, member)).push_back(member);
+        out << group << printLists(lists);
+    };
+    const auto processors = [&](const char* groups, unsigned count,
+                                AffinityMask (T::*getMask)(unsigned) const) {
+        out << groups << each(count, [&](const T&, unsigned i) { return processorsOf((t.*getMask)(i)); });
+    };
+    out << t.print(true, true, true, true, 0, 28) << "machine " << t.getTopologyMask().toHexString(1)
+        << ", available " << t.restrictToAvailableResources(t.getTopologyMask()).toHexString(1);
+    processors("\nprocessors of LPUs ", lpus, &T::getLpuMask);
+    processors(", cores ", cores, &T::getPhysicalCoreMask);
+    processors(", nodes ", nodes, &T::getNumaMask);
+    processors(", sockets ", sockets, &T::getSocketMask);
+    of("\nLPUs of cores ", cores, &T::getLpusForPhysicalCore,
+       [](const T& m, unsigned i) { return m.getNumberLpus(i); });
+    of(", nodes ", nodes, &T::getLpusForNumaNode, &T::getNumberLpusForNumaNode);
+    of(", sockets ", sockets, &T::getLpusForSocket, &T::getNumberLpusForSocket);
+    of("\ncores of nodes ", nodes, &T::getPhysicalCoresForNumaNode, &T::getNumberPhysicalCoresForNumaNode);
+    of(", sockets ", sockets, &T::getPhysicalCoresForSocket, &T::getNumberPhysicalCoresForSocket);
+    by("\nLPUs by core ", cores, lpus, &T::getPhysicalCoreForLpu);
+    by(", node ", nodes, lpus, &T::getNumaNodeForLpu);
+    by(", socket ", sockets, lpus, &T::getSocketForLpu);
+    by("\ncores by node ", nodes, cores, &T::getNumaNodeForPhysicalCore);
+    by(", socket ", sockets, cores, &T::getSocketForPhysicalCore);
     if (t.reliableLpuInformationAvailable()) {
-        tell(out, "sockets of node", nodes, [&](unsigned i) {
-            EXPECT_EQ(t.getNumberSocketsForNumaNode(i), t.getSocketsForNumaNode(i).size());
-            return list(t.getSocketsForNumaNode(i));
-        });
-        tell(out, "nodes of socket", sockets, [&](unsigned i) {
-            EXPECT_EQ(t.getNumberNumaNodesForSocket(i), t.getNumaNodesForSocket(i).size());
-            return list(t.getNumaNodesForSocket(i));
-        });
+        of("\nsockets of nodes ", nodes, &T::getSocketsForNumaNode, &T::getNumberSocketsForNumaNode);
+        of(", nodes of sockets ", sockets, &T::getNumaNodesForSocket, &T::getNumberNumaNodesForSocket);
     }
-    // What the groups say of their members, the members say of their groups.
-    for (unsigned core = 0; core < cores; ++core)
-        for (const unsigned lpu : t.getLpusForPhysicalCore(core)) {
-            EXPECT_EQ(t.getPhysicalCoreForLpu(lpu), core);
-            EXPECT_TRUE(t.getLpuMask(lpu).isIncludedIn(t.getPhysicalCoreMask(core)));
-        }
-    for (unsigned node = 0; node < nodes; ++node)
-        for (const unsigned lpu : t.getLpusForNumaNode(node))
-            EXPECT_EQ(t.getNumaNodeForLpu(lpu), node);
-    for (unsigned socket = 0; socket < sockets; ++socket)
-        for (const unsigned lpu : t.getLpusForSocket(socket))
-            EXPECT_EQ(t.getSocketForLpu(lpu), socket);
+    out << '\n';
     return out.str();
 }
 
@@ -132,10 +155,16 @@ std::string tellMask(const CpuTopology& t, const std::string& words) {
     unsigned length = 60;
     in >> hex >> word >> length;
     const AffinityMask mask = maskOf(hex);
-    return t.printAffinityMask(mask, word.empty() ? 60 : length) + ", cores " +
-           printList(t.getPhysicalCoresFromMask(mask)) + ", nodes " +
-           printList(t.getNumaNodesFromMask(mask)) + ", sockets " + printList(t.getSocketsFromMask(mask)) +
-           "\n";
+    std::string told = t.printAffinityMask(mask, word.empty() ? 60 : length);
+    const auto add = [&](const char* kind, const List& touched,
+                         AffinityMask (CpuTopology::*getMask)(const List&) const) {
+        told += kind + printList(touched) + " = " + (t.*getMask)(touched).toHexString(1);
+    };
+    add(", LPUs ", t.getLpusFromMask(mask), &CpuTopology::getLpuMask);
+    add(", cores ", t.getPhysicalCoresFromMask(mask), &CpuTopology::getPhysicalCoreMask);
+    add(", nodes ", t.getNumaNodesFromMask(mask), &CpuTopology::getNumaMask);
+    add(", sockets ", t.getSocketsFromMask(mask), &CpuTopology::getSocketMask);
+    return told + "\n";
 }
 
 std::string tellSubset(const CpuTopology& t, const std::string& words) {
@@ -151,24 +180,6 @@ std::string tellSubset(const CpuTopology& t, const std::string& words) {
                                     mode.find("packed") == std::string::npos)) +
            "\n";
 }
-
-class LogLines {
-public:
-    LogLines() {
-        _log.setStandardError(false);
-        _log.setListener(
-            [this](const OS::Log::Record& record) { _text += "warning: " + record.text + '\n'; });
-    }
-    ~LogLines() {
-        _log.setListener({});
-        _log.setStandardError(true);
-    }
-    const std::string& text() const { return _text; }
-
-private:
-    OS::Log& _log = OS::Log::instance("Default");
-    std::string _text;
-};
 
 const std::filesystem::path MACHINES = ORVEX_TEST_DATA "/machines";
 
@@ -246,6 +257,14 @@ TEST(CpuTopology_, abbreviatesLongLists) {
     EXPECT_EQ(wide.print(true, true, true, false, 0, 4), "S00 = N00 : [000 001 ... 099 100]\n");
 }
 
+/// Nothing fits: of equally short texts the one of the wider level is taken.
+TEST(CpuTopology_, prefersWiderLevelsInTheTextOfAMask) {
+    EXPECT_EQ(makeTopology("pack:2 [numa] core:1 pu:2").printAffinityMask(maskOf("0x1"), 0),
+              "{S00[10] : 0x1}");
+    EXPECT_EQ(makeTopology("pack:2 die:2 [numa] core:1 pu:2").printAffinityMask(maskOf("0x1"), 0),
+              "{N00[10] : 0x01}");
+}
+
 struct RangeCase {
     const char* condition;
     void (*query)(const CpuTopology&);
@@ -304,27 +323,62 @@ TEST(CpuTopology_, refusesIndicesOutOfRange) {
 }
 
 TEST(CpuTopology_, noticesWhatItsOwnListsCantHold) {
+    using Access = CpuTopologyTestAccess;
     CpuTopology topology = makeTopology("pack:2 [numa] core:2 pu:1");
-    auto& impl = CpuTopologyTestAccess::impl(topology);
-    EXPECT_THROW(CpuTopologyTestAccess::invertNesting(impl._socketLpus, 1), InternalError);
-    EXPECT_THROW(CpuTopologyTestAccess::getObjectsBelow(impl._socketLpus[0], {}), InternalError);
-    EXPECT_THROW(
-        CpuTopologyTestAccess::getObjectsBelow(impl._socketLpus[0], {impl._lpus[0], impl._socketLpus[0]}),
-        InternalError);
-    {
-        const LogLines log; // an object that the list doesn't know
-        EXPECT_EQ(CpuTopologyTestAccess::getObjectsBelow(impl._socketLpus[0], {impl._lpus[1]}).size(), 1u);
-        EXPECT_EQ(log.text(),
-                  "warning: Unexpected, not yet seen object found while parsing hwloc topology.\n");
-    }
-    {
-        const LogLines log;
-        EXPECT_TRUE(CpuTopologyTestAccess::getObjectsBelow({nullptr, 0}, impl._lpus).empty());
-        EXPECT_EQ(log.text(), "warning: Unexpected uninitialized object while parsing hwloc topology.\n");
-    }
-    impl._socketLpus[1].objs.clear();
-    expectAssertion([&] { topology.getLpusForSocket(1); }, "Unexpected empty list of nested objects.",
-                    "!_socketLpus[socket].objs.empty()", "CpuTopology.cpp");
+    CpuTopology empty = makeEmptyTopology();
+    auto& impl = Access::impl(topology);
+    const struct {
+        const char* message;
+        const char* condition;
+        std::function<void()> operation;
+        const char* file = "CpuTopologyImpl.cpp";
+    } rows[]{
+        {"Unexpected logical index while iterating object list.", "obj.index < size",
+         [&] { Access::invertNesting(impl._socketLpus, 1); }},
+        {"Unexpected, empty list", "!allTypeObjs.empty()",
+         [&] { Access::getObjectsBelow(impl._socketLpus[0], {}); }},
+        {"Unexpected, empty list", "!allTypeObjs.empty()", [&] { Access::getNestedObjects({}, {}); }},
+        {"All objects in 'allTypeObjs' must be of the same type.",
+         "std::all_of(allTypeObjs.begin(), allTypeObjs.end(), [&allTypeObjs](HwlocObj const &obj){ return "
+         "obj.obj->type == allTypeObjs.front().obj->type; })",
+         [&] {
+             Access::getObjectsBelow(impl._socketLpus[0], {impl._lpus[0], impl._socketLpus[0]});
+         }},
+        {"Unexpected empty list of objects.", "!list.empty()", [] { Access::isConsecutiveList({}); },
+         "CpuTopologyImpl.h"},
+        {"Unexpected uninitialized topology.", "_topology != nullptr",
+         [&] { Access::getLpus(Access::impl(empty)); }},
+        {"Unexpected uninitialized topology.", "_topology != nullptr",
+         [&] { Access::getAllUniqueNumaNodes(Access::impl(empty)); }},
+        {"Unexpected empty list of nested objects.", "!_socketLpus[socket].objs.empty()",
+         [&] {
+             impl._socketLpus[1].objs.clear();
+             topology.getLpusForSocket(1);
+         },
+         "CpuTopology.cpp"},
+    };
+    for (const auto& row : rows)
+        expectAssertion(row.operation, row.message, row.condition, row.file);
+    const LogLines log; // an object that the list doesn't know, and none at all
+    EXPECT_EQ(Access::getObjectsBelow(impl._socketLpus[0], {impl._lpus[1]}).size(), 1u);
+    EXPECT_TRUE(Access::getObjectsBelow({nullptr, 0}, impl._lpus).empty());
+    EXPECT_EQ(log.text(), "warning CpuTopology::Impl::getObjectsBelow: "
+                          "Unexpected, not yet seen object found while parsing hwloc topology.\n"
+                          "warning CpuTopology::Impl::getObjectsBelow: "
+                          "Unexpected uninitialized object while parsing hwloc topology.\n");
+}
+
+/// No message, and a model without anything.
+TEST(CpuTopology_, isEmptyForATextThatIsNone) {
+    const std::string good = makeTestMachine("machine pack:2 [numa] core:2 pu:1");
+    const std::string expected = tellModel(makeEmptyTopology());
+    const LogLines log;
+    for (const std::string& text :
+         {good.substr(0, good.size() / 2), good.substr(0, good.size() / 2) + '\0', good.substr(0, 1),
+          std::string(1, '\0'), std::string("<topology version=\"2.0\"></topology>"),
+          std::string("<topology/>\0", 12), good.substr(0, good.find("<object")) + "</topology>" + '\0'})
+        EXPECT_EQ(tellModel(CpuTopology(text)), expected) << text;
+    EXPECT_EQ(log.text(), "");
 }
 
 TEST(CpuTopology_, movesAndDetects) {
@@ -397,6 +451,7 @@ TEST(AffinityMask_, isAValue) {
 
 class Binding : public testing::Test {
 protected:
+    Binding() { EXPECT_TRUE(AffinityTestAccess::clearProcess(topology)); } // whatever it came with
     ~Binding() override { AffinityTestAccess::clearProcess(topology); }
 
     const CpuTopology topology;

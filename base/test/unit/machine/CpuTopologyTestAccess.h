@@ -13,6 +13,12 @@ public:
     static auto getObjectsBelow(const HwlocObj& parent, const std::vector<HwlocObj>& list) {
         return Impl::getObjectsBelow(parent, list);
     }
+    static auto getNestedObjects(const std::vector<HwlocObj>& parents, const std::vector<HwlocObj>& list) {
+        return Impl::getNestedObjects(parents, list);
+    }
+    static bool isConsecutiveList(const std::vector<HwlocObj>& list) { return Impl::isConsecutiveList(list); }
+    static auto getLpus(const Impl& impl) { return impl.getAllObjectsOfType(HWLOC_OBJ_PU); }
+    static auto getAllUniqueNumaNodes(const Impl& impl) { return impl.getAllUniqueNumaNodes(); }
     static auto invertNesting(const std::vector<Impl::NestedHwlocObjs>& list, std::size_t size) {
         return Impl::invertNesting(list, size);
     }

@@ -1,0 +1,35 @@
+#pragma once
+
+#include "platform/Log.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+/// What the channel "Default" is told meanwhile, a line each: "warning Class::operation: text".
+class LogLines {
+public:
+    explicit LogLines(OS::Log::Level level = OS::Log::WARNING_LEVEL) : _before(_log.getLevel()) {
+        _log.setLevel(level);
+        _log.setStandardError(false);
+        _log.setListener([this](const OS::Log::Record& record) {
+            EXPECT_GT(record.line, 0);
+            _text +=
+                OS::Log::getLevelName(record.level) + (' ' + record.operation) + ": " + record.text + '\n';
+        });
+    }
+    ~LogLines() {
+        _log.setListener({});
+        _log.setStandardError(true);
+        _log.setLevel(_before);
+    }
+    LogLines(const LogLines&) = delete;
+    LogLines& operator=(const LogLines&) = delete;
+
+    const std::string& text() const { return _text; }
+
+private:
+    OS::Log& _log = OS::Log::instance("Default");
+    const OS::Log::Level _before;
+    std::string _text;
+};
