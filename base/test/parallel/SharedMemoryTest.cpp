@@ -166,6 +166,12 @@ TEST_F(SharedMemory, followsTheHostsOfTheJob) {
         firsts.push_back(ranks.front());
     }
     std::sort(firsts.begin(), firsts.end());
+    if (_me == 0) {
+        std::cout << "The first ranks of " << hosts.size() << " hosts:";
+        for (const unsigned rank : firsts)
+            std::cout << ' ' << rank;
+        std::cout << std::endl;
+    }
     EXPECT_EQ(ranksOf(Machine::HOST_SCOPE), mine);
     for (const auto scope : {Machine::NUMA_SCOPE, Machine::SOCKET_SCOPE, Machine::HOST_SCOPE}) {
         // Smaller groups lie within, and the first of each is in the sparse one.

@@ -3,11 +3,12 @@ on this machine's processors."""
 import json
 import os
 import re
+import subprocess
 import unittest
 
-from harness import MPIS, Case, Room, main
+from harness import BUILD, DRIVERS, MPIS, START_LIMIT, Case, Room, main
 from cluster import Cluster, is_possible
-from placement_test import HARDWARE, PROCESSORS, STARS, wait_alone
+from placement_test import ALL, ALLOWED, FIRST, HARDWARE, PROCESSORS, STARS, wait_alone
 
 # What the hosts of these tests take for their hardware; nobody is really bound to it.
 LARGE = {"HWLOC_SYNTHETIC": "pack:2 [numa] core:2 pu:1", "HWLOC_THISSYSTEM": "0"}
@@ -34,11 +35,13 @@ class Hosts(Case):
         for mpi in MPIS:
             with self.subTest(mpi=mpi):
                 # Ranks 0-2, 3-4 and 5-6; each host has one core for each rank but node0, which has 4 for 3.
-                job = self.ready("-printpids", "-cpubind", "disable", "-cpubindverbose", "-module", "OrvexTestModule",
-                                 mpi=mpi, slots=[3, 2, 2], hardware=LARGE)
+                job = self.ready("-printpids", "-cpubind", "latency", "-cpubindextendedverbosity",
+                                 "-module", "OrvexTestModule", mpi=mpi, slots=[3, 2, 2], hardware=LARGE)
                 told = job.out()
                 self.assertIn("CPU Affinity Report :\n  CPU Topology for all Hosts :\n    S00 = N00 : [00 01]\n"
                               "    S01 = N01 : [02 03]\n  node0 :\n    Rank - 0, Affinity = {", told)
+                checks = re.findall(r"Checking CPU contention on host (.*):|    No CPU contention .* on (.*)\.", told)
+                self.assertEqual(checks, [pair for n in range(3) for pair in ((f"node{n}", ""), ("", f"node{n}"))])
                 self.assertRegex(told, r"(?m)^Host 0 -- node0 -- Ranks 0-2\nHost 1 -- node1 -- Ranks 3-4\n"
                                        r"Host 2 -- node2 -- Ranks 5-6\nProcess rank 0 node0 \d+\n"
                                        r"Total number of processes : 7\n\nHost ID 0 Rank 0 on node0 with process ID \d+$")
@@ -67,7 +70,7 @@ class Hosts(Case):
             with self.subTest(mpi=mpi):
                 job = self.ready("-cpubindextendedverbosity", mpi=mpi, slots=[PROCESSORS] * 3)
                 self.assertEqual([os.sched_getaffinity(process.pid) for _, process in sorted(job.members().items())],
-                                 [{lpu} for lpu in range(PROCESSORS)] * 3)
+                                 [{number} for number in ALLOWED] * 3)
                 told = job.out()
                 self.assertNotIn(STARS, told)
                 self.assertIn("CPU Affinity Report (equal for all hosts) :\n", told)
@@ -91,7 +94,7 @@ class Hosts(Case):
                     f"         Over-subscribing a host can severely affect performance.\n{STARS}\n"), told)
                 self.assertIn("CPU Affinity Report :\n  CPU Topology for all Hosts :\n", told)
                 bindings = [os.sched_getaffinity(process.pid) for _, process in sorted(job.members().items())]
-                self.assertEqual(bindings, [{0}, *[set(range(PROCESSORS))] * (PROCESSORS + 2), {0}])
+                self.assertEqual(bindings, [FIRST, *[ALL] * (PROCESSORS + 2), FIRST])
                 self.stop(job)
 
     def test_contention_on_one_host_of_many(self):
@@ -104,18 +107,31 @@ class Hosts(Case):
                 self.assertIn(f"    Other Servers, PIDs : {{{other_pid}}}\n", told)
                 self.assertIn("Detected CPU contention on 1 host. Attempting to resolve CPU contention on that host.\n",
                               told)
-                first = {1} if PROCESSORS > 1 else {0}
                 self.assertEqual([os.sched_getaffinity(process.pid) for _, process in sorted(job.members().items())],
-                                 [first, {0}, {0}])
+                                 [{ALLOWED[-1]}, FIRST, FIRST])
                 self.stop(job)
+
+    def test_communicators_follow_the_hosts(self):
+        """One for the ranks of each host, and one of the first ranks of all."""
+        for mpi in MPIS:
+            with self.subTest(mpi=mpi):
+                words = [BUILD / "bin/ParallelMachine", "--gtest_filter=SharedMemory.followsTheHostsOfTheJob",
+                         "-mpi", DRIVERS[mpi]]
+                answer = subprocess.run(self.cluster.job(mpi, [3, 2, 2], *words), capture_output=True, text=True,
+                                        timeout=START_LIMIT * 2, env=self.room.environment(), stdin=subprocess.DEVNULL)
+                self.assertEqual(answer.returncode, 0, answer)
+                self.assertIn("The first ranks of 3 hosts: 0 3 5\n", answer.stdout)
 
     def test_a_host_that_goes(self):
         """The ranks of a host are killed at once: the others end by themselves."""
         for mpi in MPIS:
             with self.subTest(mpi=mpi):
-                job = self.ready("-cpubind", "disable", mpi=mpi, slots=[2, 2, 1])
+                job = self.ready("-cpubind", "leastload", "-cpubindextendedverbosity", mpi=mpi, slots=[3, 2, 2],
+                                 hardware=LARGE)
+                for host in range(3):
+                    self.assertIn(f"    No CPU contention detected for servers on node{host}.\n", job.out())
                 members = job.members()
-                for rank in (2, 3):
+                for rank in (3, 4):
                     members[rank].kill()
                 job.wait()
                 self.assertNotEqual(job.process.returncode, 0)

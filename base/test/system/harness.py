@@ -170,18 +170,19 @@ class Room:
 
 
 class Job:
-    """A serial server (mpi None) or a job of `ranks` processes under a launcher, over hosts of a cluster with slots."""
+    """A serial server (mpi None) or a job of `ranks` processes under a launcher, over hosts of a cluster with slots.
+    `prefix`: the words of a program that becomes the server."""
 
     def __init__(self, room, *options, mpi=None, ranks=1, driver=None, launcher_options=(), environment=None, cwd=None,
-                 cluster=None, slots=None):
+                 cluster=None, slots=None, prefix=()):
         self.room, self.mpi, self.ranks, self.cluster = room, mpi, sum(slots) if slots else ranks, cluster
         if slots:
-            command = cluster.job(mpi, slots, SERVER, "-mpi", DRIVERS[mpi], *options)
+            command = cluster.job(mpi, slots, *prefix, SERVER, "-mpi", DRIVERS[mpi], *options)
         elif mpi:
-            command = [*LAUNCHERS[mpi], str(ranks), *launcher_options, str(SERVER),
+            command = [*LAUNCHERS[mpi], str(ranks), *launcher_options, *prefix, str(SERVER),
                        "-mpi", driver or DRIVERS[mpi], *map(str, options)]
         else:
-            command = [str(SERVER), "-s", *map(str, options)]
+            command = [*prefix, str(SERVER), "-s", *map(str, options)]
         if cluster and not slots:
             command = cluster.on(0, *command)
         self.number = len(list(room.top.glob("out-*")))
