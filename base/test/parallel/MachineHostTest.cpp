@@ -17,7 +17,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <map>
@@ -127,25 +126,6 @@ TEST_F(MachineHostOfJob, isBuiltByAFixedNumberOfCollectives) {
     const std::map<std::string, int> expected{
         {"Allgather", 2}, {"Allgatherv", 1}, {"Comm_create", 2}, {"Bcast", 2}};
     EXPECT_EQ(collectives, expected) << trace;
-}
-
-TEST_F(MachineHostOfJob, hasOthersBesideItWhenMoreRunThanItsOwn) {
-    const std::unique_ptr<MachineHost> host = MachineHostTestAccess::claim("here");
-    MachineHostTestAccess::pretend(*host, {"here"});
-    const std::string name = "orvex-test-server-" + std::to_string(Platform::process().getPid());
-    const std::wstring path = Platform::filesystem().join(
-        Platform::filesystem().getDefaultTemporaryDirectory(), StringHelper::toWString(name));
-    std::filesystem::copy_file("/bin/sleep", StringHelper::toString(path));
-    const std::string executable = Machine::getExecutableName();
-    MachineTestAccess::setExecutableName(name);
-    const auto first = Platform::process().start({path, L"30"}, {});
-    EXPECT_FALSE(host->hasMultipleServersRunning());
-    const auto second = Platform::process().start({path, L"30"}, {});
-    EXPECT_TRUE(host->hasMultipleServersRunning());
-    MachineTestAccess::setExecutableName(executable);
-    first->terminate(0.0);
-    second->terminate(0.0);
-    Platform::filesystem().deleteFile(path);
 }
 
 /// What is written to std::cout meanwhile.

@@ -11,6 +11,11 @@
 
 #include "kernel/Properties.h"
 #include "parallel/MachineHostTestAccess.h"
+#include "platform/FileSystem.h"
+#include "platform/Process.h"
+#include "platform/ProcessHandle.h"
+#include "platform/StringHelper.h"
+#include "platform/Time.h"
 #include "support/TestMachine.h"
 #include "unit/machine/CpuTopologyTestAccess.h"
 #include "unit/machine/Failures.h"
@@ -18,6 +23,7 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <iostream>
 #include <sched.h>
 #include <sstream>
@@ -186,6 +192,71 @@ TEST_F(Placement, isGatheredForTheClient) {
         EXPECT_EQ(hardware.getProperties("topology").getUnsignedInt("NumberSockets"),
                   realTopology().getNumberSockets());
     }
+}
+
+/// Programs on this host whose name the job takes for its own: other servers, to it.
+class OtherServers {
+public:
+    OtherServers() {
+        Machine::globalCommunicator().broadcast(_name, 0); // that of rank 0
+        MachineTestAccess::setExecutableName(_name);
+    }
+    ~OtherServers() {
+        for (auto& server : _servers)
+            server->terminate(0.0);
+        if (!_servers.empty())
+            Platform::filesystem().deleteFile(_path);
+        MachineTestAccess::setExecutableName(_before);
+    }
+    /// One more, bound to a processor of the operating system's number. On one rank only.
+    void start(unsigned processor) {
+        if (_servers.empty())
+            std::filesystem::copy_file("/bin/sleep", StringHelper::toString(_path));
+        _servers.push_back(Platform::process().start({_path, L"60"}, {}));
+        cpu_set_t set;
+        CPU_ZERO(&set);
+        CPU_SET(processor, &set);
+        EXPECT_EQ(::sched_setaffinity(_servers.back()->getPid(), sizeof set, &set), 0);
+    }
+
+private:
+    const std::string _before = Machine::getExecutableName();
+    std::string _name = "orvex-test-server-" + std::to_string(::getpid());
+    const std::wstring _path = Platform::filesystem().join(
+        Platform::filesystem().getDefaultTemporaryDirectory(), StringHelper::toWString(_name));
+    std::vector<std::unique_ptr<OS::Process::ProcessHandle>> _servers;
+};
+
+TEST_F(Placement, getsOutOfTheWayOfOtherServers) {
+    const MachineHost& host = Machine::getHost();
+    Communicator& ranks = Machine::globalCommunicator();
+    OtherServers others;
+    const auto alone = MachineHostTestAccess::claim("here");
+    MachineHostTestAccess::pretend(*alone, {"here"});
+    if (_me == 0) {
+        others.start(numbersOfProcessors().front());
+        EXPECT_FALSE(alone->hasMultipleServersRunning());
+        others.start(numbersOfProcessors().front());
+        EXPECT_TRUE(alone->hasMultipleServersRunning());
+    }
+    ranks.synchronise();
+    const AffinityMask free = getAvailable(realTopology()) ^
+                              realTopology().getPhysicalCoreMask(realTopology().getPhysicalCoreForLpu(_lpu));
+    const std::size_t freeCores = realTopology().getPhysicalCoresFromMask(free).size();
+    if (freeCores == 0)
+        return;
+    EXPECT_TRUE(host.hasCpuContention(false));
+    EXPECT_EQ(host.resolveCpuContention(false), _ranks <= freeCores);
+    EXPECT_EQ(Affinity::getProcessAffinity(realTopology()) == _bound, _ranks > freeCores)
+        << "no room, no move";
+    // A rank that is late at its place isn't seen at the old one.
+    AffinityTestAccess::setProcess(realTopology(), _me == _ranks - 1 ? _bound : free);
+    ranks.synchronise();
+    if (_me == _ranks - 1) {
+        Platform::time().sleep(0.2);
+        AffinityTestAccess::setProcess(realTopology(), free);
+    }
+    EXPECT_FALSE(host.hasCpuContention(false));
 }
 
 TEST_F(Placement, followsTheCoresThatAreFree) {
