@@ -141,7 +141,8 @@ class Refused(Case):
                 with self.subTest(launcher=mpi, driver=other):
                     answer = self.run_server("-mpi", DRIVERS[other], launcher=[*LAUNCHERS[mpi], "2"])
                     self.assertNotEqual(answer.returncode, 0)
-                    self.assertRegex(answer.stderr, "(?i)launcher")
+                    self.assertRegex(answer.stderr, r"(?m)^The launcher of .* started this process \(rank [01] of 2\)")
+                    self.assertIn("\norvexsim: Server error: MPI failed to initialize\n", "\n" + answer.stderr)
                     self.assertNotIn("Serial process", answer.stdout)
                     wait_until(lambda: not self.room.processes(), 5 * PATIENCE, "all ranks are gone")
 
