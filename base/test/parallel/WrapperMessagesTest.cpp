@@ -1,6 +1,7 @@
 #include "parallel/WrapperTestTools.h"
 
 #include <algorithm>
+#include <functional>
 #include <numeric>
 
 using namespace WrapperTest;
@@ -354,10 +355,36 @@ TEST(WrapperRequests, errorsStandInTheirStatuses) {
     ORVEX_GOOD(OXM_MPI_Barrier(WORLD));
 }
 
+TEST(WrapperRequests, refusalsStandInTheirStatuses) {
+    int requests[] = {OXM_MPI_REQUEST_NULL, 4711};
+    int index = 0;
+    int flag = 0;
+    std::vector<OXM_MPI_Status_struct> statuses(2);
+    const std::function<int()> calls[] = {
+        [&] { return OXM_MPI_Waitall(2, requests, statuses.data()); },
+        [&] { return OXM_MPI_Testall(2, requests, &flag, statuses.data()); },
+        [&] { return OXM_MPI_Waitany(2, requests, &index, &statuses[0]); },
+        [&] { return OXM_MPI_Testany(2, requests, &index, &flag, &statuses[0]); },
+        [&] { return OXM_MPI_Wait(&requests[1], &statuses[0]); },
+        [&] { return OXM_MPI_Test(&requests[1], &flag, &statuses[0]); },
+    };
+    for (const auto& call : calls) {
+        index = flag = 7;
+        statuses[0] = {7, 7, 7, {}};
+        EXPECT_EQ(call(), OXM_MPI_ERR_REQUEST);
+        EXPECT_EQ(statuses[0].error, OXM_MPI_ERR_REQUEST);
+        EXPECT_EQ(statuses[0].source, OXM_MPI_ANY_SOURCE);
+        EXPECT_TRUE(index == 7 || index == OXM_MPI_UNDEFINED);
+        EXPECT_TRUE(flag == 7 || flag == 0);
+    }
+    EXPECT_EQ(statuses[1].error, OXM_MPI_ERR_REQUEST);
+}
+
 TEST(WrapperErrors, haveTheirClassAndTheMpisText) {
     int value = 0;
     int handle = 0;
     int stale = 4711;
+    void* base = nullptr;
     const struct {
         const char* what;
         int code;
@@ -381,6 +408,9 @@ TEST(WrapperErrors, haveTheirClassAndTheMpisText) {
         {"stale request", OXM_MPI_Wait(&stale, nullptr), OXM_MPI_ERR_REQUEST},
         {"stale requests", OXM_MPI_Waitall(1, &stale, nullptr), OXM_MPI_ERR_REQUEST},
         {"no window", OXM_MPI_Win_fence(0, 9999), OXM_MPI_ERR_WIN},
+        {"stale info", OXM_MPI_Comm_split_type(WORLD, 0, 0, 4711, &handle), OXM_MPI_ERR_INFO},
+        {"stale info of a window", OXM_MPI_Win_allocate_shared(8, 1, 4711, WORLD, &base, &handle),
+         OXM_MPI_ERR_INFO},
         {"no function", OXM_MPI_Op_create(nullptr, 1, &handle), OXM_MPI_ERR_ARG},
     };
     for (const auto& row : rows) {

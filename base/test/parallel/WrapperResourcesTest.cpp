@@ -146,13 +146,23 @@ TEST(WrapperFiles, failuresHaveTheirClass) {
     EXPECT_EQ(file, OXM_MPI_FILE_NULL);
     EXPECT_GT(errorText(OXM_MPI_ERR_NO_SUCH_FILE).size(), 8u);
     EXPECT_EQ(OXM_MPI_File_open(WORLD, name.get(), 0, OXM_MPI_INFO_NULL, &file), OXM_MPI_ERR_AMODE);
+    EXPECT_EQ(OXM_MPI_File_open(WORLD, name.get(), CREATE, 4711, &file), OXM_MPI_ERR_INFO);
+    EXPECT_EQ(file, OXM_MPI_FILE_NULL);
     OXM_MPI_Offset size = 0;
     EXPECT_EQ(OXM_MPI_File_get_size(4711, &size), OXM_MPI_ERR_FILE);
     ORVEX_GOOD(OXM_MPI_File_open(WORLD, name.get(), CREATE | OXM_MPI_MODE_DELETE_ON_CLOSE, OXM_MPI_INFO_NULL,
                                  &file));
     int value = 0;
-    EXPECT_EQ(OXM_MPI_File_read_at(file, -8, &value, 1, INT, OXM_MPI_STATUS_IGNORE), OXM_MPI_ERR_ARG);
+    OXM_MPI_Status_struct status{};
+    EXPECT_EQ(OXM_MPI_File_read_at(file, -8, &value, 1, INT, &status), OXM_MPI_ERR_ARG);
+    EXPECT_EQ(status.error, OXM_MPI_ERR_ARG);
     ORVEX_GOOD(OXM_MPI_File_close(&file));
+    if (std::filesystem::exists("/dev/full")) {
+        ORVEX_GOOD(OXM_MPI_File_open(WORLD, "/dev/full", OXM_MPI_MODE_WRONLY, OXM_MPI_INFO_NULL, &file));
+        EXPECT_EQ(OXM_MPI_File_write_at(file, 0, &value, 1, INT, &status), OXM_MPI_ERR_NO_SPACE);
+        EXPECT_EQ(status.error, OXM_MPI_ERR_NO_SPACE);
+        ORVEX_GOOD(OXM_MPI_File_close(&file));
+    }
     ORVEX_GOOD(OXM_MPI_Barrier(WORLD));
     EXPECT_FALSE(std::filesystem::exists(name.path()));
 }

@@ -48,6 +48,9 @@ int translateStatusFailure(int native, std::bitset<OXM_MPI_ERR_LASTCODE>& seen);
 /// An error that the driver finds before it asks the MPI: the class itself, whose text is the MPI's for the
 /// class.
 int refuse(int errorClass);
+/// The same for a call that fills statuses: each of the `count` tells the error, and of no message.
+/// `statuses` may be null.
+int refuse(int errorClass, OXM_MPI_Status_struct* statuses, int count = 1);
 
 inline int translate(int native) {
     if (native == MPI_SUCCESS) [[likely]]

@@ -102,6 +102,8 @@ int Init(int* argc, char*** argv) {
     if (findForeignLauncher(0))
         return OXM_MPI_ERR_LAUNCHER;
     handles.reset();
+    // A thread level above single, which would say that the process has other threads though they leave the
+    // MPI alone, makes Open MPI 4.1 wait for ever in a Waitall of which a request has failed.
     native = MPI_Init(argc, argv);
     if (native != MPI_SUCCESS)
         return translateFailure(native);
@@ -146,6 +148,9 @@ int Comm_create(int comm, int group, int* newComm) {
 }
 
 int Comm_split_type(int comm, int splitType, int key, int info, int* newComm) {
+    *newComm = OXM_MPI_COMM_NULL;
+    if (!handles.infos.isNullOrLive(info))
+        return refuse(OXM_MPI_ERR_INFO);
     const int type = splitType == OXM_MPI_COMM_TYPE_SHARED ? MPI_COMM_TYPE_SHARED
                      : splitType == OXM_MPI_UNDEFINED      ? MPI_UNDEFINED
                                                            : INVALID_RANK_OR_TAG;

@@ -1,12 +1,14 @@
 #include "mpiwrapper/drivers/Driver.h"
 
 #include <array>
+#include <atomic>
 #include <cstdio>
 
 namespace {
 
-/// The latest native code of each class, for its text. 0: the class's own text.
-std::array<int, OXM_MPI_ERR_LASTCODE> latestNativeCodes{};
+/// The latest native code of each class, for its text, which any thread may want. 0: the class's
+/// own text.
+std::array<std::atomic<int>, OXM_MPI_ERR_LASTCODE> latestNativeCodes{};
 
 struct ErrorClass {
     int own;
@@ -101,7 +103,7 @@ int Driver::translateFailure(int native) {
 
 int Driver::translateStatusFailure(int native, std::bitset<OXM_MPI_ERR_LASTCODE>& seen) {
     const auto own = static_cast<std::size_t>(getOwnClass(native));
-    int& latest = latestNativeCodes[own];
+    std::atomic<int>& latest = latestNativeCodes[own];
     latest = seen[own] && latest != native ? 0 : native;
     seen[own] = true;
     return static_cast<int>(own);
@@ -110,6 +112,12 @@ int Driver::translateStatusFailure(int native, std::bitset<OXM_MPI_ERR_LASTCODE>
 int Driver::refuse(int errorClass) {
     latestNativeCodes[static_cast<std::size_t>(errorClass)] = 0;
     return errorClass;
+}
+
+int Driver::refuse(int errorClass, OXM_MPI_Status_struct* statuses, int count) {
+    for (int i = 0; statuses && i < count; ++i)
+        statuses[i] = {OXM_MPI_ANY_SOURCE, OXM_MPI_ANY_TAG, errorClass, {}};
+    return refuse(errorClass);
 }
 
 int Driver::Error_string(int code, char* text, int* length) {

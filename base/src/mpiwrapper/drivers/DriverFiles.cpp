@@ -45,18 +45,21 @@ bool tellsOfFullDevice(int native) {
 /// another, which writes what fits and says how much that was.
 int translateWrite(int native, const MPI_Status& nativeStatus, int count, MPI_Datatype type,
                    OXM_MPI_Status_struct* status) {
-    const int code = translate(native, nativeStatus, status);
-    if (native != MPI_SUCCESS)
-        return tellsOfFullDevice(native) ? refuse(OXM_MPI_ERR_NO_SPACE) : code;
     int written = 0;
-    if (MPI_Get_count(&nativeStatus, type, &written) == MPI_SUCCESS && written != count)
-        return refuse(OXM_MPI_ERR_NO_SPACE);
+    const bool isFull = native != MPI_SUCCESS
+                            ? tellsOfFullDevice(native)
+                            : MPI_Get_count(&nativeStatus, type, &written) == MPI_SUCCESS && written != count;
+    const int code = isFull ? refuse(OXM_MPI_ERR_NO_SPACE) : translate(native);
+    toStatus(nativeStatus, code, status);
     return code;
 }
 
 } // namespace
 
 int File_open(int comm, const char* fileName, int mode, int info, int* file) {
+    *file = OXM_MPI_FILE_NULL;
+    if (!handles.infos.isNullOrLive(info))
+        return refuse(OXM_MPI_ERR_INFO);
     MPI_File native = MPI_FILE_NULL;
     int code = MPI_File_open(handles.comms.get(comm), fileName, toNativeMode(mode), handles.infos.get(info),
                              &native);
@@ -116,7 +119,7 @@ int File_write(int file, const void* buffer, int count, int datatype, OXM_MPI_St
 int File_read_at(int file, OXM_MPI_Offset offset, void* buffer, int count, int datatype,
                  OXM_MPI_Status_struct* status) {
     if (offset < 0)
-        return refuse(OXM_MPI_ERR_ARG);
+        return refuse(OXM_MPI_ERR_ARG, status);
     MPI_Status native{};
     const int code = MPI_File_read_at(handles.files.get(file), offset, buffer, count,
                                       handles.types.get(datatype), &native);
@@ -126,7 +129,7 @@ int File_read_at(int file, OXM_MPI_Offset offset, void* buffer, int count, int d
 int File_write_at(int file, OXM_MPI_Offset offset, const void* buffer, int count, int datatype,
                   OXM_MPI_Status_struct* status) {
     if (offset < 0)
-        return refuse(OXM_MPI_ERR_ARG);
+        return refuse(OXM_MPI_ERR_ARG, status);
     MPI_Status native{};
     const MPI_Datatype type = handles.types.get(datatype);
     const int code = MPI_File_write_at(handles.files.get(file), offset, buffer, count, type, &native);
@@ -136,7 +139,7 @@ int File_write_at(int file, OXM_MPI_Offset offset, const void* buffer, int count
 int File_read_at_all(int file, OXM_MPI_Offset offset, void* buffer, int count, int datatype,
                      OXM_MPI_Status_struct* status) {
     if (offset < 0)
-        return refuse(OXM_MPI_ERR_ARG);
+        return refuse(OXM_MPI_ERR_ARG, status);
     MPI_Status native{};
     const int code = MPI_File_read_at_all(handles.files.get(file), offset, buffer, count,
                                           handles.types.get(datatype), &native);
@@ -146,7 +149,7 @@ int File_read_at_all(int file, OXM_MPI_Offset offset, void* buffer, int count, i
 int File_write_at_all(int file, OXM_MPI_Offset offset, const void* buffer, int count, int datatype,
                       OXM_MPI_Status_struct* status) {
     if (offset < 0)
-        return refuse(OXM_MPI_ERR_ARG);
+        return refuse(OXM_MPI_ERR_ARG, status);
     MPI_Status native{};
     const MPI_Datatype type = handles.types.get(datatype);
     const int code = MPI_File_write_at_all(handles.files.get(file), offset, buffer, count, type, &native);

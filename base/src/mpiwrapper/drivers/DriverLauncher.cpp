@@ -46,7 +46,7 @@ const char* Driver::findForeignLauncher(int size) {
         for (const char* sign : OWN_SIGNS)
             if (std::getenv(sign))
                 return nullptr;
-    static char text[OXM_MPI_MAX_ERROR_STRING];
+    static thread_local char text[OXM_MPI_MAX_ERROR_STRING];
     std::snprintf(
         text, sizeof text,
         "The launcher of %s started this process (rank %d of %d), but the MPI driver is that of %s, "

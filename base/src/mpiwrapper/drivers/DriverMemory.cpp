@@ -6,6 +6,9 @@ namespace Driver {
 
 int Win_allocate_shared(OXM_MPI_Aint size, int displacementUnit, int info, int comm, void* baseAddress,
                         int* window) {
+    *window = OXM_MPI_WIN_NULL;
+    if (!handles.infos.isNullOrLive(info))
+        return refuse(OXM_MPI_ERR_INFO);
     MPI_Win native = MPI_WIN_NULL;
     int code = MPI_Win_allocate_shared(static_cast<MPI_Aint>(size), displacementUnit, handles.infos.get(info),
                                        handles.comms.get(comm), baseAddress, &native);

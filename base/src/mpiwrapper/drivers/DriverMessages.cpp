@@ -143,18 +143,23 @@ int Start(int* request) {
     if (!handles.requests.isNullOrLive(*request))
         return refuse(OXM_MPI_ERR_REQUEST);
     MPI_Request native = handles.requests.get(*request);
-    return translate(MPI_Start(&native));
+    const int code = MPI_Start(&native);
+    handles.requests.set(*request, native);
+    return translate(code);
 }
 
 int Startall(int count, int* requests) {
     if (const int code = collect(count, requests))
         return code;
-    return translate(MPI_Startall(count, handles.nativeRequests.data()));
+    const int code = MPI_Startall(count, handles.nativeRequests.data());
+    for (std::size_t i = 0; i < handles.nativeRequests.size(); ++i)
+        handles.requests.set(requests[i], handles.nativeRequests[i]);
+    return translate(code);
 }
 
 int Wait(int* request, OXM_MPI_Status_struct* status) {
     if (!handles.requests.isNullOrLive(*request))
-        return refuse(OXM_MPI_ERR_REQUEST);
+        return refuse(OXM_MPI_ERR_REQUEST, status);
     MPI_Request native = handles.requests.get(*request);
     MPI_Status nativeStatus{};
     const int code = MPI_Wait(&native, &nativeStatus);
@@ -164,7 +169,7 @@ int Wait(int* request, OXM_MPI_Status_struct* status) {
 
 int Waitall(int count, int* requests, OXM_MPI_Status_struct* statuses) {
     if (const int code = collect(count, requests))
-        return code;
+        return refuse(code, statuses, count);
     const int code = MPI_Waitall(count, handles.nativeRequests.data(), handles.nativeStatuses.data());
     const auto size = static_cast<std::size_t>(count);
     updateAll(size, requests);
@@ -172,8 +177,9 @@ int Waitall(int count, int* requests, OXM_MPI_Status_struct* statuses) {
 }
 
 int Waitany(int count, int* requests, int* index, OXM_MPI_Status_struct* status) {
+    *index = OXM_MPI_UNDEFINED;
     if (const int code = collect(count, requests))
-        return code;
+        return refuse(code, status);
     MPI_Status nativeStatus{};
     const int code = MPI_Waitany(count, handles.nativeRequests.data(), index, &nativeStatus);
     updateAll(static_cast<std::size_t>(count), requests);
@@ -184,7 +190,7 @@ int Waitany(int count, int* requests, int* index, OXM_MPI_Status_struct* status)
 int Test(int* request, int* flag, OXM_MPI_Status_struct* status) {
     *flag = 0;
     if (!handles.requests.isNullOrLive(*request))
-        return refuse(OXM_MPI_ERR_REQUEST);
+        return refuse(OXM_MPI_ERR_REQUEST, status);
     MPI_Request native = handles.requests.get(*request);
     MPI_Status nativeStatus{};
     const int code = MPI_Test(&native, flag, &nativeStatus);
@@ -205,7 +211,7 @@ constexpr int LOOKS = 1;
 int Testall(int count, int* requests, int* flag, OXM_MPI_Status_struct* statuses) {
     *flag = 0;
     if (const int code = collect(count, requests))
-        return code;
+        return refuse(code, statuses, count);
     int code = MPI_SUCCESS;
     for (int look = 0; look < LOOKS && code == MPI_SUCCESS && !*flag; ++look)
         code = MPI_Testall(count, handles.nativeRequests.data(), flag, handles.nativeStatuses.data());
@@ -220,7 +226,7 @@ int Testany(int count, int* requests, int* index, int* flag, OXM_MPI_Status_stru
     *flag = 0;
     *index = OXM_MPI_UNDEFINED;
     if (const int code = collect(count, requests))
-        return code;
+        return refuse(code, status);
     MPI_Status nativeStatus{};
     int code = MPI_SUCCESS;
     for (int look = 0; look < LOOKS && code == MPI_SUCCESS && !*flag; ++look)

@@ -46,7 +46,9 @@ int Type_get_extent(int datatype, OXM_MPI_Aint* lowerBound, OXM_MPI_Aint* extent
 
 int Type_commit(int* datatype) {
     MPI_Datatype native = handles.types.get(*datatype);
-    return translate(MPI_Type_commit(&native));
+    const int code = MPI_Type_commit(&native);
+    handles.types.set(*datatype, native);
+    return translate(code);
 }
 
 int Type_free(int* datatype) {

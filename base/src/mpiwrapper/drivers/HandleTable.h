@@ -40,12 +40,17 @@ public:
         return static_cast<int>(_items.size() - 1);
     }
 
-    /// Fixed handles stay.
+    /// For an MPI that has put another object in the place of a live one. Fixed handles stay.
+    void set(int handle, Native native) {
+        if (isMade(handle) && native != _items[0])
+            _items[static_cast<unsigned>(handle)] = native;
+    }
+
+    /// Fixed handles stay, and what is free already is free once.
     void remove(int handle) {
-        const auto index = static_cast<unsigned>(handle);
-        if (index < _numberFixed || index >= _items.size())
+        if (!isMade(handle))
             return;
-        _items[index] = _items[0];
+        _items[static_cast<unsigned>(handle)] = _items[0];
         _free.push_back(handle);
     }
 
@@ -58,6 +63,11 @@ public:
     }
 
 private:
+    /// Whether add() gave the handle and it is alive.
+    bool isMade(int handle) const {
+        return static_cast<unsigned>(handle) >= _numberFixed && get(handle) != _items[0];
+    }
+
     std::vector<Native> _items;
     std::vector<int> _free;
     std::size_t _numberFixed = 0;
