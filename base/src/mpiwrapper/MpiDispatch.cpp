@@ -1,6 +1,7 @@
 #include "mpiwrapper/MpiDispatch.h"
 
 #include "mpiwrapper/MpiErrorText.h"
+#include "mpiwrapper/MpiFunctionTable.h"
 #include "mpiwrapper/MpiTrace.h"
 #include "mpiwrapper/drivers/DriverModule.h"
 
@@ -43,7 +44,7 @@ double noClock() {
 
 /// After the end the clock goes on where the MPI's stopped, so that an interval across the end comes out
 /// right.
-double clockOffset = 0.0;
+std::atomic<double> clockOffset = 0.0;
 double readOwnClock() {
     return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
@@ -171,7 +172,10 @@ int MpiDispatch::init(int* argc, char*** argv) {
 int MpiDispatch::finalize() {
     if (_phase != Phase::RUNNING)
         return _phase == Phase::NO_DRIVER ? OXM_MPI_ERR_NO_DRIVER : OXM_MPI_ERR_NOT_RUNNING;
+    // Other threads may read the clock at any time, also while the MPI ends.
     clockOffset = activeMpiFunctions.Wtime() - readOwnClock();
+    MpiFunctionTable::set(activeMpiFunctions.Wtime, &readClosedClock);
+    MpiFunctionTable::set(activeMpiFunctions.Wtick, &getOwnTick);
     const int code = activeMpiFunctions.Finalize();
     // Closed also when finalizing failed: an MPI that failed there can't be asked anything more.
     _phase = Phase::CLOSED;
@@ -188,7 +192,7 @@ int MpiDispatch::getRefusal(bool needsRunning, bool isFile) const {
 }
 
 void MpiDispatch::updateActiveFunctions() {
-    MpiDriverFunctions next = _driver->functions;
+    MpiDriverFunctions next = _driver.load()->functions;
     const auto fill = [](auto& function, int refusal) {
         using Function = std::remove_reference_t<decltype(function)>;
         if (refusal || !function)
@@ -217,7 +221,7 @@ void MpiDispatch::updateActiveFunctions() {
     int rank = -1;
     if (_phase == Phase::RUNNING && next.Comm_rank(OXM_MPI_COMM_WORLD, &rank) != OXM_MPI_SUCCESS)
         rank = -1;
-    activeMpiFunctions = _isTracing ? MpiTrace::getTraced(next, rank) : next;
+    MpiFunctionTable::set(activeMpiFunctions, _isTracing ? MpiTrace::getTraced(next, rank) : next);
 }
 
 int MpiDispatch::setTracing(bool on) {
@@ -231,9 +235,10 @@ int MpiDispatch::setTracing(bool on) {
 int MpiDispatch::errorString(int code, char* text, int* length) const {
     if (!text || !length)
         return OXM_MPI_ERR_ARG;
+    const MpiDriver* const driver = _driver;
     const bool isDrivers = (_phase == Phase::RUNNING && code >= 0 && code < OXM_MPI_ERR_NO_DRIVER) ||
-                           (_driver && code == OXM_MPI_ERR_LAUNCHER);
-    if (isDrivers && _driver->functions.Error_string(code, text, length) == OXM_MPI_SUCCESS)
+                           (driver && code == OXM_MPI_ERR_LAUNCHER);
+    if (isDrivers && driver->functions.Error_string(code, text, length) == OXM_MPI_SUCCESS)
         return OXM_MPI_SUCCESS;
     const char* const words = mpiErrorText(code);
     *length = words ? std::snprintf(text, OXM_MPI_MAX_ERROR_STRING, "%s", words)

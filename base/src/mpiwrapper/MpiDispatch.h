@@ -2,11 +2,14 @@
 
 #include "mpiwrapper/MpiDriver.h"
 
+#include <atomic>
+
 /// What the exported functions jump to. Always complete: what can't be served now is a refusal.
+/// Rewritten by MpiDispatch, and read and written by MpiFunctionTable alone.
 extern __attribute__((visibility("hidden"))) MpiDriverFunctions activeMpiFunctions;
 
 /// Owns the way of a driver from its module to the active functions and back.
-/// One object, used by the thread that starts and ends MPI.
+/// One object, used by the thread that starts and ends MPI; errorString() is for any thread.
 class MpiDispatch {
 public:
     static MpiDispatch& getSingleton();
@@ -40,8 +43,8 @@ private:
     static int fetch(const Text& text, char* buffer, int* length, int capacity);
 
     // Plain arrays: whoever calls while the process ends still finds them.
-    const MpiDriver* _driver = nullptr;
-    Phase _phase = Phase::NO_DRIVER;
+    std::atomic<const MpiDriver*> _driver = nullptr;
+    std::atomic<Phase> _phase = Phase::NO_DRIVER;
     bool _hasFiles = false;
     bool _isTracing = false;
     Text _name = "";

@@ -1,5 +1,7 @@
 #include "mpiwrapper/MpiTrace.h"
 
+#include "mpiwrapper/MpiFunctionTable.h"
+
 #include <algorithm>
 #include <chrono>
 #include <cstdarg>
@@ -8,8 +10,9 @@
 
 namespace {
 
+// Any thread may be in a traced call while tracing is switched.
 MpiDriverFunctions tracedTarget;
-int tracedRank = -1;
+std::atomic<int> tracedRank = -1;
 
 /// One line of text with a limit, written in one piece so that the lines of several ranks don't mix.
 class TraceLine {
@@ -105,15 +108,18 @@ private:
     }
 
     void writeOutput(std::string_view name, int* value) {
-        if (value && name != "requests")
-            _line.add(" %.*s=%d", static_cast<int>(name.size()), name.data(), *value);
+        if (!value || name == "requests")
+            return;
+        _line.add(" %.*s=%d", static_cast<int>(name.size()), name.data(), *value);
+        if (name == "flag")
+            _isStatusSet = *value != 0;
     }
     void writeOutput(std::string_view name, OXM_MPI_Aint* value) {
         if (value)
             _line.add(" %.*s=%lld", static_cast<int>(name.size()), name.data(), *value);
     }
     void writeOutput(std::string_view name, OXM_MPI_Status_struct* value) {
-        if (value && name != "statuses")
+        if (value && name != "statuses" && _isStatusSet)
             _line.add(" %.*s={source=%d tag=%d error=%d}", static_cast<int>(name.size()), name.data(),
                       value->source, value->tag, value->error);
     }
@@ -130,6 +136,7 @@ private:
     NameWalker _outputs;
     int _position = 0;
     int _latestInt = 0;
+    bool _isStatusSet = true; ///< a flag stands before the status that depends on it
 };
 
 template <class... Arguments>
@@ -141,8 +148,8 @@ struct TracedCall {
     int operator()(Arguments... arguments) const {
         using Clock = std::chrono::steady_clock;
         TraceLine line;
-        if (tracedRank >= 0)
-            line.add("MPI rank %d: ", tracedRank);
+        if (const int rank = tracedRank; rank >= 0)
+            line.add("MPI rank %d: ", rank);
         else
             line.add("MPI: ");
         line.add("%s(", name);
@@ -169,7 +176,7 @@ TracedCall<Arguments...> traced(const char* name, const char* argumentNames, int
 namespace Traced {
 #define ORVEX_TRACED(name, parameters, arguments)                                                            \
     int name parameters {                                                                                    \
-        return traced(#name, #arguments, tracedTarget.name) arguments;                                       \
+        return traced(#name, #arguments, MpiFunctionTable::get(tracedTarget.name)) arguments;                \
     }
 ORVEX_MPI_START_FUNCTIONS(ORVEX_TRACED)
 ORVEX_MPI_DRIVER_FUNCTIONS(ORVEX_TRACED)
@@ -181,7 +188,7 @@ ORVEX_MPI_FILE_FUNCTIONS(ORVEX_TRACED)
 } // namespace
 
 MpiDriverFunctions MpiTrace::getTraced(const MpiDriverFunctions& functions, int rank) {
-    tracedTarget = functions;
+    MpiFunctionTable::set(tracedTarget, functions);
     tracedRank = rank;
     MpiDriverFunctions result = functions;
 #define ORVEX_USE_TRACED(name, parameters, arguments) result.name = &Traced::name;

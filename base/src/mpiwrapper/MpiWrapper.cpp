@@ -1,10 +1,11 @@
 #include "mpiwrapper/MpiDispatch.h"
+#include "mpiwrapper/MpiFunctionTable.h"
 
 // The exported functions. A driver's function is one indirect jump away, with the arguments where they are.
 
 #define ORVEX_FORWARD(name, parameters, arguments)                                                           \
     int OXM_MPI_##name parameters {                                                                          \
-        return activeMpiFunctions.name arguments;                                                            \
+        return MpiFunctionTable::get(activeMpiFunctions.name) arguments;                                     \
     }
 ORVEX_MPI_DRIVER_FUNCTIONS(ORVEX_FORWARD)
 ORVEX_MPI_RUNNING_FUNCTIONS(ORVEX_FORWARD)
@@ -12,13 +13,13 @@ ORVEX_MPI_FILE_FUNCTIONS(ORVEX_FORWARD)
 #undef ORVEX_FORWARD
 
 double OXM_MPI_Wtime() {
-    return activeMpiFunctions.Wtime();
+    return MpiFunctionTable::get(activeMpiFunctions.Wtime)();
 }
 double OXM_MPI_Wtick() {
-    return activeMpiFunctions.Wtick();
+    return MpiFunctionTable::get(activeMpiFunctions.Wtick)();
 }
 uint64_t OXM_MPI_Get_max_buffer_size() {
-    return activeMpiFunctions.Get_max_buffer_size();
+    return MpiFunctionTable::get(activeMpiFunctions.Get_max_buffer_size)();
 }
 
 int OXM_MPI_Initialize(void* library) {

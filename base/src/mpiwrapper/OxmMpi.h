@@ -6,8 +6,14 @@
 /// OXM_MPI_Error_string gives. No function crashes for want of a driver: before OXM_MPI_Initialize, between
 /// that and OXM_MPI_Init, and after OXM_MPI_Finalize, what needs a running MPI answers with an error code.
 ///
-/// Threads: all calls belong to the thread that called OXM_MPI_Init, except OXM_MPI_Wtime and OXM_MPI_Wtick,
-/// which any thread may call. Collective or local is as in MPI.
+/// What a call leaves behind: one that makes an object sets its handle to 0 when the driver fails or refuses
+/// it. A flag of 0 leaves the status untouched. A failed call tells its code in the status, too. A call that
+/// the wrapper itself refuses, for want of a driver, of a running MPI or of a function, touches no argument.
+///
+/// Threads: all calls belong to the thread that called OXM_MPI_Init, except OXM_MPI_Wtime, OXM_MPI_Wtick,
+/// OXM_MPI_Error_string and OXM_MPI_Abort, which any thread may call at any time: while that thread starts or
+/// ends MPI or switches tracing, they do what was right before or what is right afterwards. Collective or
+/// local is as in MPI.
 ///
 /// Usable from C and C++.
 #pragma once
@@ -207,7 +213,7 @@ ORVEX_MPIWRAPPER_EXPORT const char* OXM_MPI_Get_initialize_error(void);
 /// each rank would be a job of its own.
 ORVEX_MPIWRAPPER_EXPORT int OXM_MPI_Init(int* argc, char*** argv);
 ORVEX_MPIWRAPPER_EXPORT int OXM_MPI_Finalize(void);
-/// Ends all ranks of the job, whatever `comm` is; `code` is what the launcher exits with.
+/// Ends all ranks of the job, whatever `comm` is; `code` is what the launcher exits with. Any thread.
 ORVEX_MPIWRAPPER_EXPORT int OXM_MPI_Abort(int comm, int code);
 
 /// Communicators and groups.
@@ -247,7 +253,8 @@ ORVEX_MPIWRAPPER_EXPORT int OXM_MPI_Iprobe(int source, int tag, int comm, int* f
 /// Elements of `datatype` in the message; OXM_MPI_UNDEFINED if that isn't a whole number.
 ORVEX_MPIWRAPPER_EXPORT int OXM_MPI_Get_count(const OXM_MPI_Status_struct* status, int datatype, int* count);
 
-/// Requests. A completed request becomes OXM_MPI_REQUEST_NULL in its slot, a persistent one stays.
+/// Requests. A completed request becomes OXM_MPI_REQUEST_NULL in its slot, a persistent one stays. Where a
+/// handle isn't that of a live request, nothing is waited for or looked at.
 
 ORVEX_MPIWRAPPER_EXPORT int OXM_MPI_Start(int* request);
 ORVEX_MPIWRAPPER_EXPORT int OXM_MPI_Startall(int count, int* requests);
@@ -363,7 +370,7 @@ ORVEX_MPIWRAPPER_EXPORT double OXM_MPI_Wtime(void);
 /// Resolution of OXM_MPI_Wtime in seconds; 0 before OXM_MPI_Init. Any thread.
 ORVEX_MPIWRAPPER_EXPORT double OXM_MPI_Wtick(void);
 /// The MPI's own text of a code, or the wrapper's where the code is the wrapper's. Works at any time, for any
-/// code.
+/// code. Any thread; the text of a code that is an error class may then be that of another thread's failure.
 /// @param text    OXM_MPI_MAX_ERROR_STRING bytes; terminated
 /// @param length  of the text, without the terminator
 ORVEX_MPIWRAPPER_EXPORT int OXM_MPI_Error_string(int code, char* text, int* length);
@@ -387,7 +394,7 @@ ORVEX_MPIWRAPPER_EXPORT int OXM_MPI_Set_mpi_version(const char* version, int len
 ORVEX_MPIWRAPPER_EXPORT int OXM_MPI_Get_mpi_name(char* name, int* length, int capacity);
 ORVEX_MPIWRAPPER_EXPORT int OXM_MPI_Get_mpi_version(char* version, int* length, int capacity);
 /// Tracing: one line for each call, on the standard error stream, with arguments, result and duration. While
-/// it is off it costs nothing.
+/// it is off it costs nothing. To be switched by the thread that called OXM_MPI_Init, and by no other.
 ORVEX_MPIWRAPPER_EXPORT int OXM_MPI_Enable_trace(void);
 ORVEX_MPIWRAPPER_EXPORT int OXM_MPI_Disable_trace(void);
 

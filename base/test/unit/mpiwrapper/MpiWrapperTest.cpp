@@ -1,4 +1,5 @@
 #include "mpiwrapper/MpiFunctions.h"
+#include "mpiwrapper/drivers/HandleTable.h"
 #include "support/ScriptedMpi.h"
 
 #include <dlfcn.h>
@@ -99,10 +100,16 @@ TEST(MpiWrapperStart, refusesWhatIsNoDriverAndKeepsTheOldOne) {
 }
 
 TEST(MpiWrapperStart, servesWhatItsPhaseAllows) {
-    ScriptedMpi::start();
+    ScriptedMpi& mpi = ScriptedMpi::start();
     EXPECT_EQ(OXM_MPI_Init(nullptr, nullptr), OXM_MPI_ERR_OTHER);
     EXPECT_STREQ(OXM_MPI_Get_initialize_error(), "MPI runs already");
     const double before = OXM_MPI_Wtime();
+    mpi.setAction("Finalize", [&](const ScriptedCall&) {
+        const int readings = mpi.clockReadings();
+        EXPECT_GE(OXM_MPI_Wtime(), before);
+        EXPECT_EQ(mpi.clockReadings(), readings) << "other threads no longer reach an MPI that ends";
+        return OXM_MPI_SUCCESS;
+    });
     EXPECT_EQ(OXM_MPI_Finalize(), OXM_MPI_SUCCESS);
     for (const Refused& call : callAllRunningFunctions())
         EXPECT_EQ(call.code, OXM_MPI_ERR_NOT_RUNNING) << call.name;
@@ -171,6 +178,14 @@ TEST(MpiWrapper, keepsNameAndVersion) {
 TEST(MpiWrapper, tracesWhileAsked) {
     ScriptedMpi& mpi = ScriptedMpi::start();
     mpi.setWorld(2, 4);
+    mpi.setLooks(1);
+    int received = 0;
+    int pending = 0;
+    ASSERT_EQ(OXM_MPI_Irecv(&received, 1, OXM_MPI_INT, 1, 8, OXM_MPI_COMM_WORLD, &pending), OXM_MPI_SUCCESS);
+    const std::string test = "MPI rank 2: Test\\(request=" + std::to_string(pending) +
+                             ", flag, status\\) = 0 in [0-9.]+ us request=";
+    const std::string stillPending = std::to_string(pending);
+    mpi.setLooks(0);
     ASSERT_EQ(OXM_MPI_Enable_trace(), OXM_MPI_SUCCESS);
     testing::internal::CaptureStderr();
     const double value = 3.0;
@@ -183,6 +198,9 @@ TEST(MpiWrapper, tracesWhileAsked) {
     EXPECT_EQ(OXM_MPI_Barrier(5), OXM_MPI_ERR_COMM);
     int requests[] = {0, 0};
     EXPECT_EQ(OXM_MPI_Waitall(2, requests, OXM_MPI_STATUSES_IGNORE), OXM_MPI_SUCCESS);
+    int flag = 0;
+    for (int look = 0; look < 2; ++look)
+        EXPECT_EQ(OXM_MPI_Test(&pending, &flag, &status), OXM_MPI_SUCCESS);
     const std::string lines = testing::internal::GetCapturedStderr();
     const std::string number = std::to_string(handle);
     const std::string expected[] = {
@@ -194,6 +212,8 @@ TEST(MpiWrapper, tracesWhileAsked) {
             ", status\\) = 0 in [0-9.]+ us request=0 status=\\{source=2 tag=7 error=0\\}\n",
         "MPI rank 2: Barrier\\(comm=5\\) = 5 in [0-9.]+ us\n",
         "MPI rank 2: Waitall\\(count=2, requests=\\[0 0\\], statuses\\) = 0 in [0-9.]+ us\n",
+        test + stillPending + " flag=0\n", // the status isn't set
+        test + "0 flag=1 status=\\{source=1 tag=8 error=0\\}\n",
     };
     std::string all;
     for (const std::string& line : expected)
@@ -204,6 +224,23 @@ TEST(MpiWrapper, tracesWhileAsked) {
     testing::internal::CaptureStderr();
     EXPECT_EQ(OXM_MPI_Barrier(OXM_MPI_COMM_WORLD), OXM_MPI_SUCCESS);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+}
+
+TEST(HandleTable, slotsAreFreedOnceAndOnlyLiveOnesChange) {
+    HandleTable<int> table;
+    table.reset({-1, 10}, 4);
+    const int handle = table.add(20);
+    for (const int each : {0, 1, handle, 77, -3})
+        table.set(each, 21);
+    EXPECT_EQ(table.get(1), 10);
+    EXPECT_EQ(table.get(handle), 21);
+    EXPECT_EQ(table.get(77), -1);
+    table.remove(handle);
+    table.remove(handle);
+    table.set(handle, 22);
+    EXPECT_FALSE(handle == 0 || table.isNullOrLive(handle));
+    EXPECT_EQ(table.add(30), handle);
+    EXPECT_NE(table.add(40), handle);
 }
 
 } // namespace
