@@ -119,7 +119,9 @@ public:
                            {}}) {}
     std::string getName() const override { return "EnableMpiDriverTracing"; }
     void execute(const Properties& args) override {
-        MpiCore::handleError(args.getBool(ENABLE_KEY) ? OXM_MPI_Enable_trace() : OXM_MPI_Disable_trace());
+        const bool enable = args.getBool(ENABLE_KEY);
+        if (Machine::isParallel())
+            MpiCore::handleError(enable ? OXM_MPI_Enable_trace() : OXM_MPI_Disable_trace());
     }
 };
 

@@ -6,7 +6,7 @@ import socket
 import subprocess
 import unittest
 
-from harness import (DRIVERS, LAUNCHERS, MPIS, PATIENCE, SERVER, Case, Process, free_port, main, wait_until)
+from harness import (BUILD, DRIVERS, LAUNCHERS, MPIS, PATIENCE, SERVER, Case, Process, free_port, main, wait_until)
 
 INVALID = 2
 ERROR = 1
@@ -78,9 +78,9 @@ REFUSED_WORK = [
 
 
 class Refused(Case):
-    def run_server(self, *words, launcher=()):
+    def run_server(self, *words, launcher=(), **environment):
         return subprocess.run([*launcher, str(SERVER), *words], capture_output=True, text=True, cwd=self.room.work,
-                              stdin=subprocess.DEVNULL, env=self.room.environment(), timeout=20 * PATIENCE)
+                              stdin=subprocess.DEVNULL, env=self.room.environment(**environment), timeout=20 * PATIENCE)
 
     def setUp(self):
         super().setUp()
@@ -96,6 +96,18 @@ class Refused(Case):
                 self.assertEqual(answer.returncode, status, answer)
                 self.assertIn(text, answer.stderr)
         self.nothing_left()
+
+    def test_library_that_is_no_driver(self):
+        module = self.room.work / "libOrvexHpeMpi.so"
+        for library, text in (("libOrvexNoDriver.so", "isn't an MPI driver: it has no symbol \"orvexMpiDriver\""),
+                              ("libOrvexOtherVersion.so",
+                               "is an MPI driver with interface version 77, but version 1 is needed")):
+            with self.subTest(library=library):
+                module.unlink(missing_ok=True)
+                module.symlink_to(BUILD / "lib" / library)
+                answer = self.run_server("-mpi", "hpe", LD_LIBRARY_PATH=str(self.room.work))
+                self.assertEqual(answer.returncode, ERROR, answer)
+                self.assertIn(f"Failed to initialize MPI wrapper: {module} {text}", answer.stderr)
 
     def test_session_files(self):
         for words, text, status in REFUSED_SESSION:

@@ -72,6 +72,7 @@ TEST_F(MachineCommands, answersAndOutput) {
         {"PrintProcessSummary", "{}", "{}", ""},
         {"EnableIODebug", R"({"ioVerbosityLevel":3})", "{}", "Setting the i/o debug level to : 3\n"},
         {"EnableCommunicationTimer", R"({"enableFlag":true})", "{}", ""},
+        {"EnableMpiDriverTracing", R"({"enableFlag":true})", "{}", ""},
         {"EnableProcessLogFile", R"({"enableFlag":true})", "{}", ""},
         {"EnableSlaveCout", R"({"enableflag":true})", "{}", ""},
         {"SetMaximumMessageBufferSize", R"({"size":64})", "{}",
