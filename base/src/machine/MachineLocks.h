@@ -40,7 +40,8 @@ private:
     static void setDepth(unsigned depth);
 };
 
-/// Lifts the performance-critical lock while the object lives, however deep it is, and then restores it.
+/// Lifts the performance-critical lock while the object lives, however deep it is, and then restores it. On
+/// another thread than the main one it changes nothing.
 class ORVEX_MACHINE_EXPORT Machine::ParallelPerformanceCritical::Exemption {
 public:
     Exemption();
@@ -52,7 +53,8 @@ private:
     unsigned _lock; ///< the depth that was taken away
 };
 
-/// An exemption that is to go once the problem with the given id is solved. The exemptions are counted.
+/// An exemption that is to go once the problem with the given id is solved. Those of the main thread are
+/// counted; on another thread it changes nothing, but its id is checked all the same.
 class ORVEX_MACHINE_EXPORT Machine::ParallelPerformanceCritical::TemporaryExemption : public Exemption {
 public:
     /// Prints the number of exemptions at the exit of the machine.
@@ -69,12 +71,16 @@ public:
 
     /// Whether each exemption is announced on the standard output.
     static bool verbose() { return _verbose; }
+    /// Counts one more; the constructor has done so for its object. Main thread.
     static void addExemption(const TemporaryExemption&) { ++_nExemptions; }
+    /// Prints on the standard output how many were granted in this process. Local.
     static void printExemptions();
     /// To be attached to Machine::getOnExitObservable() when verbose().
     static OnExit& getExitObserver() { return _onExitObserver; }
 
 private:
+    friend class MachineLocksTestAccess;
+
     static bool isJiraId(const std::string& id);
 
     static unsigned _nExemptions;

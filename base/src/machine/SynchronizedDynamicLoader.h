@@ -9,6 +9,7 @@ class ORVEX_MACHINE_EXPORT SynchronizedDynamicLoader {
 public:
     /// Made on first use. Main thread.
     static SynchronizedDynamicLoader& getSingleton();
+    /// Deletes it; what is loaded stays loaded. The next use makes a new one. Main thread.
     static void reset();
     SynchronizedDynamicLoader(const SynchronizedDynamicLoader&) = delete;
     SynchronizedDynamicLoader& operator=(const SynchronizedDynamicLoader&) = delete;
@@ -22,9 +23,14 @@ public:
     /// loaded
     void load(const std::string& module);
     /// The same for a module that leaves no trace in a simulation's state.
+    /// Collective over the global communicator. Main thread.
+    /// @throw SystemError as load() does
     void nonStateLoad(const std::string& module);
 
 private:
+    friend class SynchronizedDynamicLoaderTestAccess;
+
+    /// @throw InternalError when there is one already
     SynchronizedDynamicLoader();
     ~SynchronizedDynamicLoader();
 

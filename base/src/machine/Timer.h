@@ -21,7 +21,8 @@ enum WallTimerType : int {
 /// the main thread of every rank of the communicator; in a serial process they give the local value.
 class ORVEX_MACHINE_EXPORT Timer {
 public:
-    /// @param communicator  whom the collective readers ask; null: all processes
+    /// @param communicator  whom the collective readers ask; null: all processes. Borrowed: it must outlive
+    /// the timer and its copies. A serial process doesn't look at it
     explicit Timer(Communicator* communicator = nullptr);
     explicit Timer(WallTimerType type, Communicator* communicator = nullptr);
     Timer(const Timer& other);
@@ -35,6 +36,8 @@ public:
     void startWallTimer();
     void startCpuTimer();
     /// Stopping a stopped clock has no effect.
+    /// @throw InternalError "WallTimer error" when the running clock refuses the elapsed time: what was
+    /// accumulated and the clock are unchanged then, but stop() has stopped the processor's
     void stop();
     void stopWallTimer();
     void stopCpuTimer();
@@ -51,7 +54,7 @@ public:
 
     // Local readings; they stop nothing.
 
-    /// @throw InternalError when the running clock refuses the elapsed time
+    /// @throw InternalError "WallTimer error" as stop() does
     double getWallTime() const;
     double getCpuTime() const;
 

@@ -6,14 +6,23 @@
 #include "kernel/Controller.h"
 #include "kernel/Raise.h"
 
+#include "unit/machine/Failures.h"
+
 #include <gtest/gtest.h>
+
+class SynchronizedDynamicLoaderTestAccess {
+public:
+    static void makeAnother() { SynchronizedDynamicLoader(); }
+};
 
 namespace {
 
+using Load = void (SynchronizedDynamicLoader::*)(const std::string&);
+
 /// The text of the SystemError, empty when there is none.
-std::string failureOf(const std::string& module) {
+std::string failureOf(const std::string& module, Load load = &SynchronizedDynamicLoader::load) {
     try {
-        SynchronizedDynamicLoader::getSingleton().load(module);
+        (SynchronizedDynamicLoader::getSingleton().*load)(module);
     } catch (const SystemError& error) {
         EXPECT_EQ(error.getSeverity(), Error::RECOVERABLE_SEVERITY);
         return Error::getMessage(error.getProperties());
@@ -33,10 +42,12 @@ TEST(SynchronizedDynamicLoader, loadsOnAllRanksOrFailsOnAll) {
     EXPECT_GT(everywhere.size(), head.size() + tail.size()) << "the reason is missing";
 
     // One rank fails, the others succeed: they raise the error too, and keep the module.
-    if (Machine::nProcesses() > 1) {
+    for (const Load load : {&SynchronizedDynamicLoader::load, &SynchronizedDynamicLoader::nonStateLoad}) {
+        if (Machine::nProcesses() == 1)
+            break;
         const bool failing = Machine::getPartitionId() + 1 == Machine::nProcesses();
         const std::string module = failing ? "OrvexNowhere" : "OrvexScene";
-        const std::string failure = failureOf(module);
+        const std::string failure = failureOf(module, load);
         if (failing)
             EXPECT_EQ(failure, everywhere);
         else
@@ -49,6 +60,8 @@ TEST(SynchronizedDynamicLoader, loadsOnAllRanksOrFailsOnAll) {
     EXPECT_TRUE(Controller::getSingleton().findCommand("GetSceneInformation"));
     EXPECT_EQ(failureOf("OrvexParallelSandbox"), "");
     EXPECT_TRUE(Controller::getSingleton().findCommand("SolveHeatConduction"));
+    expectAssertion(&SynchronizedDynamicLoaderTestAccess::makeAnother, "Singleton already initialized",
+                    "nullptr == _singleton", "SynchronizedDynamicLoader.cpp");
     SynchronizedDynamicLoader::reset();
     EXPECT_TRUE(SynchronizedDynamicLoader::getSingleton().isLoaded("OrvexScene"));
 }

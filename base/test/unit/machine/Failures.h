@@ -18,9 +18,9 @@ std::string messageOf(const std::function<void()>& operation) {
     return {};
 }
 
-/// Expects an assertion with all that it tells.
+/// Expects an assertion with all that it tells. `line` 0: any.
 inline void expectAssertion(const std::function<void()>& operation, const std::string& message,
-                            const std::string& condition, const std::string& file) {
+                            const std::string& condition, const std::string& file, int line = 0) {
     try {
         operation();
         ADD_FAILURE() << "nothing is raised, expected: " << message;
@@ -29,6 +29,6 @@ inline void expectAssertion(const std::function<void()>& operation, const std::s
         EXPECT_EQ(Error::getMessage(told), message);
         EXPECT_EQ(told.getString("Condition"), condition);
         EXPECT_EQ(told.getString("File"), "base/src/machine/" + file);
-        EXPECT_GT(told.getInt("Line"), 0);
+        EXPECT_TRUE(line ? told.getInt("Line") == line : told.getInt("Line") > 0) << told.getInt("Line");
     }
 }

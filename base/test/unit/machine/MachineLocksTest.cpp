@@ -13,6 +13,13 @@
 
 #include <thread>
 
+class MachineLocksTestAccess {
+public:
+    static void setVerbose(bool on) {
+        Machine::ParallelPerformanceCritical::TemporaryExemption::_verbose = on;
+    }
+};
+
 namespace {
 
 using SerialCritical = Machine::SerialCritical;
@@ -88,11 +95,14 @@ TEST_F(MachineLocks, exemptionRestoresTheDepthThatItTook) {
 
 TEST_F(MachineLocks, otherThreadsChangeNothing) {
     const PerformanceCritical lock;
+    const std::string granted = printedBy(&TemporaryExemption::printExemptions);
+    MachineLocksTestAccess::setVerbose(true);
     const std::string printed = printedBy([] {
         std::thread([] {
             const SerialCritical serial;
             const PerformanceCritical performance;
             const PerformanceCritical::Exemption exemption;
+            const TemporaryExemption temporary("OXMP-1");
             EXPECT_EQ(MachineTestAccess::getSerialCriticalLock(), 0u);
             EXPECT_EQ(Machine::getPerformanceCriticalLock(), 1u);
             MachineTestAccess::tellSignalRaised();
@@ -100,6 +110,10 @@ TEST_F(MachineLocks, otherThreadsChangeNothing) {
         }).join();
     });
     EXPECT_EQ(printed, "");
+    EXPECT_EQ(printedBy(&TemporaryExemption::printExemptions), granted);
+    EXPECT_EQ(printedBy([] { TemporaryExemption("OXMP-1"); }),
+              "[OXMP-1] Granting temporary exemption to parallel lock.\n");
+    MachineLocksTestAccess::setVerbose(false);
 }
 
 TEST_F(MachineLocks, signalLiftsAllAndTheGuardsWarn) {

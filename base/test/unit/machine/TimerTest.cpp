@@ -64,6 +64,20 @@ TEST_F(SerialTimer, clocksRunOrNotByThemselves) {
     EXPECT_GE(timer.getWallTime(), 6.0);
 }
 
+TEST_F(SerialTimer, processorTimeOfSeveralIntervalsAddsUp) {
+    Timer timer;
+    for (const double end : {0.02, 0.04}) {
+        const double before = timer.getCpuTime();
+        timer.startCpuTimer();
+        while (timer.getCpuTime() < end) {
+        }
+        timer.stopCpuTimer();
+        EXPECT_GE(timer.getCpuTime(), end);
+        EXPECT_GE(timer.getCpuTime(), before);
+        EXPECT_EQ(timer.getWallTime(), 0.0);
+    }
+}
+
 TEST_F(SerialTimer, collectiveReadingsAreLocal) {
     Timer timer;
     timer.setTimes(3.0, 4.0);
@@ -122,6 +136,17 @@ TEST_F(ParallelTimer, countsOnTheClockOfTheMessageLayer) {
     timer.reset();
     EXPECT_EQ(timer.getWallTime(), 0.0);
     EXPECT_EQ(copy.getWallTime(), 7.0);
+}
+
+TEST_F(ParallelTimer, systemClockLeavesThatOfTheMessageLayerAlone) {
+    const int before = mpi.clockReadings();
+    Timer timer(SYSTEM_WALL_TIMER, comm.get());
+    timer.start();
+    while (timer.getWallTime() == 0.0) {
+    }
+    timer.stop();
+    EXPECT_LT(timer.getWallTime(), 50.0) << "the message layer's clock stands at 100";
+    EXPECT_EQ(mpi.clockReadings(), before);
 }
 
 TEST_F(ParallelTimer, runningClockThatRefuses) {
