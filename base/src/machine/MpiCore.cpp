@@ -3,7 +3,9 @@
 #include "kernel/Raise.h"
 #include "mpiwrapper/OxmMpi.h"
 
+#include <algorithm>
 #include <array>
+#include <exception>
 #include <iostream>
 
 static_assert(MpiCore::ANY_TAG == OXM_MPI_ANY_TAG && MpiCore::ANY_SOURCE == OXM_MPI_ANY_SOURCE);
@@ -18,7 +20,8 @@ std::string getErrorText(int code) {
     int length = 0;
     // A code without a text still has to be reported, so this call's own result isn't looked at.
     OXM_MPI_Error_string(code, text.data(), &length);
-    return std::string(text.data(), static_cast<std::size_t>(length));
+    const auto end = static_cast<std::size_t>(std::max(length, 0));
+    return std::string(text.data(), std::min(end, text.size()));
 }
 
 using TextGetter = int (*)(char*, int*, int);
@@ -98,9 +101,17 @@ bool MpiCore::disableCpuBindingCollisionTest() {
 }
 
 void MpiCore::finalize() {
+    std::exception_ptr failure; // of an observer, which keeps no process in the message layer
     if (!_isNotifyingFinalization) {
         const Mark mark(_isNotifyingFinalization);
-        _onFinalizationObservable.notify();
+        try {
+            _onFinalizationObservable.notify();
+        } catch (...) {
+            failure = std::current_exception();
+        }
     }
-    handleError(OXM_MPI_Finalize());
+    const int code = OXM_MPI_Finalize();
+    if (failure)
+        std::rethrow_exception(failure);
+    handleError(code);
 }

@@ -55,8 +55,8 @@ public:
 
     /// Told just before the message layer closes: whoever holds resources of it lets go of them.
     static TypedSubject<>& getOnFinalizationObservable() { return _onFinalizationObservable; }
-    /// Tells the observers, then closes the message layer. Called from within one of these observers, it
-    /// closes at once. Collective over the job.
+    /// Tells the observers, then closes the message layer, also when one of them raises; what it raised comes
+    /// out afterwards. Called from within one of these observers, it closes at once. Collective over the job.
     static void finalize();
 
 private:

@@ -42,7 +42,8 @@ MpiCore::RequestStack::~RequestStack() {
         return;
     std::cout << "Warning : Request stack is non-empty!" << std::endl;
     for (int& request : _requests)
-        OXM_MPI_Request_free(&request); // nobody is left who could be told of a failure
+        if (request != OXM_MPI_REQUEST_NULL)
+            OXM_MPI_Request_free(&request); // nobody is left who could be told of a failure
 }
 
 void MpiCore::RequestStack::assertEmptyWith([[maybe_unused]] const RequestStack& rhs) const {
@@ -140,13 +141,16 @@ void MpiCore::RequestStack::cancel() {
 }
 
 void MpiCore::RequestStack::cancelNoWait() {
+    // A slot is null where an earlier call completed some requests and failed on others.
     for (int& request : _requests)
-        handleError(OXM_MPI_Cancel(&request));
+        if (request != OXM_MPI_REQUEST_NULL)
+            handleError(OXM_MPI_Cancel(&request));
 }
 
 void MpiCore::RequestStack::free() {
     for (int& request : _requests)
-        handleError(OXM_MPI_Request_free(&request));
+        if (request != OXM_MPI_REQUEST_NULL)
+            handleError(OXM_MPI_Request_free(&request));
     RequestStack::clear();
 }
 

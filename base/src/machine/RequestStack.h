@@ -11,6 +11,10 @@
 /// Requests start through Communicator's non-blocking operations, which append to a stack; any number share
 /// one. Completion empties the stack, which can then be used again. The buffers of the messages must stay
 /// alive until then. Main thread; the calls here run no check of Communicator's locks.
+///
+/// All but the destructor raise NonRecoverableError when the message layer fails. The stack then keeps all
+/// its slots, those of requests that are through as null ones, which every call here passes over: another
+/// wait(), cancel() or free() empties it.
 class ORVEX_MACHINE_EXPORT MpiCore::RequestStack {
 public:
     RequestStack();
@@ -30,22 +34,26 @@ public:
     bool empty() const { return _requests.empty(); }
 
     /// Completes all requests; local, returns when all messages are through.
+    /// @throw NonRecoverableError, which names each failed request when there are several
     void wait();
     /// @param sources  the source of each request's message, in the order of the requests; untouched on an
     ///                 empty stack
     void wait(std::vector<unsigned>& sources);
     /// Completes one request; later ones move down. 0xFFFFFFFF in `source` on an empty stack.
+    /// @throw NonRecoverableError when that request failed; InternalError when no live request is left
     void waitAny(unsigned& source);
-    /// Whether all requests are complete; if so, the stack is empty now.
+    /// Whether all requests are complete; if so, the stack is empty now. @throw as wait() does
     bool test();
     /// Whether one request is complete; if so, it has left the stack. True on an empty stack.
     /// @param source  of the completed request, else 0xFFFFFFFF
+    /// @throw as waitAny() does
     bool testAny(unsigned& source);
     /// Cancels all requests and completes them.
     void cancel();
     /// Cancels all requests; they stay, for a later wait().
     void cancelNoWait();
     /// Lets go of requests that nobody will wait for.
+    /// @throw NonRecoverableError at the first that can't be freed: it and the later ones stay
     void free();
 
 protected:

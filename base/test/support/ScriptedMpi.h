@@ -59,8 +59,9 @@ public:
     virtual void setBindCollisionTestDisabled(int value) = 0;
 
     // What goes wrong
-    /// The `nth` call of `name` from now on, counted from 1, returns `code` and does nothing else; with
-    /// OXM_MPI_ERR_IN_STATUS it does its work and takes its statuses from setStatuses().
+    /// The `nth` call of `name` from now on, counted from 1, returns `code` and does nothing else than to
+    /// null the handle that it should have made; with OXM_MPI_ERR_IN_STATUS it does its work and takes its
+    /// statuses from setStatuses().
     virtual void fail(const std::string& name, int nth, int code) = 0;
     /// The `nth` call of any function from now on.
     virtual void failAny(int nth, int code) = 0;

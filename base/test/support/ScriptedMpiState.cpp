@@ -175,6 +175,30 @@ int ScriptedMpiState::takeFailure(const std::string& name) {
     return code;
 }
 
+/// As the drivers of real MPIs do it: a call that should have made an object leaves a null handle behind.
+void ScriptedMpiState::clearMadeHandle(const ScriptedCall& call) {
+    static const std::map<std::string, std::string> made{
+        {"Comm_group", "group"},
+        {"Comm_create", "newComm"},
+        {"Comm_split_type", "newComm"},
+        {"Group_incl", "newGroup"},
+        {"Isend", "request"},
+        {"Issend", "request"},
+        {"Irecv", "request"},
+        {"Recv_init", "request"},
+        {"Type_contiguous", "newType"},
+        {"Type_create_struct", "newType"},
+        {"Type_create_resized", "newType"},
+        {"Op_create", "op"},
+        {"Win_allocate_shared", "window"},
+        {"File_open", "file"},
+        {"File_get_info", "info"},
+        {"Info_create", "newInfo"},
+    };
+    if (const auto found = made.find(call.name); found != made.end())
+        *static_cast<int*>(call.addresses.at(found->second)) = 0;
+}
+
 int ScriptedMpiState::run(std::size_t call, const std::function<int()>& play) {
     const std::string name = _calls[call].name;
     int result = takeFailure(name);
@@ -186,8 +210,11 @@ int ScriptedMpiState::run(std::size_t call, const std::function<int()>& play) {
                             : play();
         result = result == OXM_MPI_SUCCESS ? own : result;
     }
-    if (call < _calls.size())
+    if (call < _calls.size()) {
         _calls[call].result = result;
+        if (result != OXM_MPI_SUCCESS)
+            clearMadeHandle(_calls[call]);
+    }
     return result;
 }
 

@@ -110,6 +110,7 @@ private:
     };
 
     int takeFailure(const std::string& name);
+    static void clearMadeHandle(const ScriptedCall& call);
     int run(std::size_t call, const std::function<int()>& play);
 
     std::vector<Failure> _failures;

@@ -55,6 +55,15 @@ TEST(MpiCore, errorsBecomeExceptions) {
     mpi.clearCalls();
     MpiCore::handleError(0);
     EXPECT_TRUE(mpi.calls().empty());
+    // Whatever length a driver tells, no more is read than it can have written.
+    for (const auto& [told, read] : {std::pair(-1, 0), std::pair(3, 3), std::pair(99999, 2048)}) {
+        mpi.setAction("Error_string", [told = told](const ScriptedCall& call) {
+            *static_cast<int*>(call.addresses.at("length")) = told;
+            return OXM_MPI_SUCCESS;
+        });
+        EXPECT_EQ(messageOf<NonRecoverableError>([] { MpiCore::handleError(5); }).size(),
+                  std::string("MPI Error : ").size() + std::size_t(read));
+    }
 }
 
 TEST(MpiCore, asksTheDriver) {
@@ -113,6 +122,9 @@ TEST(MpiCore, finalizeTellsItsObservers) {
     // From within an observer it closes at once; the outer call then finds the layer closed.
     EXPECT_NE(messageOf<NonRecoverableError>([&] { callsWhile([] { MpiCore::finalize(); }); }), "");
     EXPECT_EQ(order, "first last first last ");
+    EXPECT_EQ(messageOf<NonRecoverableError>([&] { callsWhile([] { MpiCore::handleError(6); }); }),
+              "MPI Error : scripted error 6");
+    EXPECT_EQ(mpi.names().back(), "Finalize") << "an observer's failure doesn't keep the layer open";
     EXPECT_EQ(callsWhile(), once) << "the mark of the running pass has gone";
     ScriptedMpi::start();
 }

@@ -88,6 +88,10 @@ TEST(ScriptedMpi, failsAsScripted) {
     EXPECT_EQ(OXM_MPI_Comm_rank(1, &value), OXM_MPI_SUCCESS);
     EXPECT_EQ(OXM_MPI_Comm_size(1, &value), OXM_MPI_ERR_OTHER);
     EXPECT_EQ(mpi.calls().back().result, OXM_MPI_ERR_OTHER);
+    int type = 7;
+    mpi.fail("Type_contiguous", 1, OXM_MPI_ERR_OTHER);
+    EXPECT_EQ(OXM_MPI_Type_contiguous(2, OXM_MPI_INT, &type), OXM_MPI_ERR_OTHER);
+    EXPECT_EQ(type, 0);
     mpi.setAction("Bcast", [](const ScriptedCall& call) {
         *static_cast<int*>(call.addresses.at("buffer")) = 42;
         return OXM_MPI_SUCCESS;
