@@ -97,7 +97,7 @@ void Communicator::enableCommunicationTimer(bool on) {
     MessagingGate::set(MessagingGate::COMMUNICATION_TIMER, timedCommunicators != 0);
 }
 
-void Communicator::checkSerialCriticalLock() const {
+void Communicator::checkSerialCriticalLock() {
     if (MessagingGate::has(MessagingGate::NOT_MAIN_THREAD) && Thread::isMain())
         MessagingGate::noteMainThread();
     Machine::assertNotSerialCritical("Parallel is explicitly locked");

@@ -70,7 +70,9 @@ public:
             if (!(tag < upper_bound() || tag == MpiCore::ANY_TAG)) [[unlikely]]
                 raiseOutOfBounds();
         }
+        /// The first number that is none: tags run from 0 to 32766.
         static constexpr unsigned upper_bound() { return 0x7FFF; }
+        /// As the wrapper takes it.
         constexpr int value() const { return _tag; }
 
     private:
@@ -90,11 +92,12 @@ public:
     /// which lives as long as this object. The records are borrowed.
     class ORVEX_MACHINE_EXPORT CustomReductionBuffer {
     public:
+        /// Makes the datatype, outside the gate. A failure of it comes out of the reduction.
+        /// @throw InternalError for more records than one call takes
         template <class T>
         CustomReductionBuffer(T* records, std::size_t count)
-            : _contiguousType(allocateContiguous(sizeof(T) / unitOf<T>().size, unitOf<T>().type)),
-              _buffer{records, castCount<int>(count), _contiguousType, sizeof(T)} {
-            static_assert(PrimitiveArray::assertTravels<T>());
+            : CustomReductionBuffer(records, castCount<int>(count), sizeof(T), unitOf<T>()) {
+            static_assert(PrimitiveArray::assertReceives<T>());
         }
         virtual ~CustomReductionBuffer();
         CustomReductionBuffer(const CustomReductionBuffer&) = delete;
@@ -117,6 +120,7 @@ public:
             else
                 return {OXM_MPI_BYTE, 1};
         }
+        CustomReductionBuffer(void* records, int count, unsigned recordSize, const Unit& unit);
         static int allocateContiguous(std::size_t count, int baseType);
 
         int _contiguousType;
@@ -144,8 +148,11 @@ public:
     /// Whether both stand for the same communicator of the message layer.
     bool operator==(const Communicator& other) const { return _handle == other._handle; }
 
+    /// The wrapper's, still owned by this object.
     const int& handle() const { return _handle; }
+    /// Number of ranks.
     unsigned size() const { return _size; }
+    /// This process's rank here, from 0 to size() - 1.
     unsigned myRank() const { return _myRank; }
     /// The processor name: the host, for most MPI libraries.
     const std::string& myName() const { return _myName; }
@@ -171,7 +178,9 @@ public:
     /// must have the same limit, not below the size of the largest element. Says on the standard output what
     /// changed.
     void setMaxBufferSize(std::size_t bytes);
+    /// [bytes]; the MPI driver's limit, until setMaxBufferSize().
     std::size_t getMaxBufferSize() const { return _maxBufferSize; }
+    /// Whether `bytes` are more than that; exactly the limit fits.
     bool exceedsMaximumBufferSize(const std::size_t& bytes) const { return bytes > _maxBufferSize; }
     /// Whether `count` elements of `typeSize` bytes are too large for one call.
     bool exceedsSizeLimits(const std::size_t& count, unsigned typeSize) const {
@@ -203,6 +212,7 @@ public:
     void syncSend(const V& value, unsigned dest, Tag tag = _defaultTag) {
         sendValue<true>(value, dest, tag);
     }
+    /// The same for `count` values in one message.
     template <class T>
     void syncSend(const T* data, std::size_t count, unsigned dest, Tag tag = _defaultTag) {
         syncSend(viewOf<int>(data, count), dest, tag);
@@ -244,29 +254,31 @@ public:
             recvFromAny(targetOf<int>(value), source, tag);
         }
     }
+    /// The same for up to `count` values in one message.
     template <class T>
     void recvFromAny(T* data, std::size_t count, unsigned& source, Tag tag = _defaultTag) {
         recvFromAny(viewOf<int>(data, count), source, tag);
     }
 
-    /// Sends to `dest` and receives from `source` at the same time; both sides call it. A received container
-    /// takes the length of what arrives.
+    /// Sends to `dest` and receives from `source` at the same time, with tag 0; both sides call it. A
+    /// received container takes the length of what arrives. `outgoing` and `incoming` mustn't share memory.
     template <PrimitiveArray::Object S, PrimitiveArray::Object R>
     void sendrecv(const S& outgoing, unsigned dest, R&& incoming, unsigned source) {
         using Received = std::remove_reference_t<R>;
         static_assert(PrimitiveArray::TravelsWithLength<S> == PrimitiveArray::Resizable<Received>,
                       "sendrecv() needs a container on both sides or on none");
+        if constexpr (PrimitiveArray::TravelsWithLength<S>)
+            checkMessageCount(PrimitiveArray::Array(outgoing).size, SENT_COUNT);
+        const ConstBufferBase<int> content = constContentOf<int>(outgoing); // refused before anything is sent
         if constexpr (PrimitiveArray::TravelsWithLength<S>) {
-            PrimitiveArray::Array s(outgoing);
-            PrimitiveArray::Array r(incoming);
-            checkMessageCount(s.size, SENT_COUNT);
-            const auto sent = static_cast<mssg_count_t>(s.size);
+            const auto sent = static_cast<mssg_count_t>(content.size);
             mssg_count_t received = 0;
             sendrecv(viewOf<int>(&sent, 1), dest, viewOf<int>(&received, 1), source);
-            r.resize(received);
+            PrimitiveArray::Array(incoming).resize(received);
         }
-        sendrecv(constContentOf<int>(outgoing), dest, targetOf<int>(incoming), source);
+        sendrecv(content, dest, targetOf<int>(incoming), source);
     }
+    /// The same for values in one message each way; up to `recvCount` of them arrive.
     template <class T>
     void sendrecv(const T* sendData, std::size_t sendCount, unsigned dest, T* recvData, std::size_t recvCount,
                   unsigned source) {
@@ -276,6 +288,7 @@ public:
     // Non-blocking. `value` must stay alive, and as it is, until the stack completed. A container travels
     // with the length that it has on this rank: no length is sent, and the receiver's isn't resized.
 
+    /// Begins a send to `dest`.
     template <PrimitiveArray::Object V>
     void iSend(V&& value, unsigned dest, RequestStack& requests, Tag tag = _defaultTag) {
         assertOutlivesRequest<V>();
@@ -287,6 +300,7 @@ public:
         iSend(viewOf<int>(data, count), dest, requests, tag);
     }
 
+    /// Like iSend(), but complete only once the receiver has begun to receive.
     template <PrimitiveArray::Object V>
     void iSyncSend(V&& value, unsigned dest, RequestStack& requests, Tag tag = _defaultTag) {
         assertOutlivesRequest<V>();
@@ -298,6 +312,7 @@ public:
         iSyncSend(viewOf<int>(data, count), dest, requests, tag);
     }
 
+    /// Begins a receive of what `source` sends as memory of the same kind.
     template <PrimitiveArray::Object V>
     void iRecv(V&& value, unsigned source, RequestStack& requests, Tag tag = _defaultTag) {
         assertOutlivesRequest<V>();
@@ -308,6 +323,7 @@ public:
         iRecv(viewOf<int>(data, count), source, requests, tag);
     }
 
+    /// Begins a receive from whoever sends first; wait() with sources tells who that was.
     template <PrimitiveArray::Object V>
     void iRecvFromAny(V&& value, RequestStack& requests, Tag tag = _defaultTag) {
         assertOutlivesRequest<V>();
@@ -318,7 +334,7 @@ public:
         iRecvFromAny(viewOf<int>(data, count), requests, tag);
     }
 
-    /// Prepares a receive that start() begins.
+    /// Prepares a receive from `source` that start() begins.
     template <PrimitiveArray::Object V>
     void recvInit(V&& value, unsigned source, PersistentRequestStack& requests, Tag tag = _defaultTag) {
         assertOutlivesRequest<V>();
@@ -330,6 +346,7 @@ public:
         recvInit(viewOf<int>(data, count), source, requests, tag);
     }
 
+    /// Begins all receives that recvInit() prepared.
     void start(PersistentRequestStack& requests);
     /// Completes all requests of the stack.
     void wait(RequestStack& requests);
@@ -342,10 +359,12 @@ public:
 
     /// Waits for a message and tells about it without receiving it.
     /// @param source  a rank or MpiCore::ANY_SOURCE; afterwards the sender
-    /// @param tag     a tag or MpiCore::ANY_TAG; afterwards the message's
+    /// @param tag     a tag or MpiCore::ANY_TAG; afterwards the message's: 32767 is that of a message that
+    ///                named none, and no Tag can be made of it. Receive it without naming one either
     /// @param count   values of T in the message
     template <class T>
     void probe(unsigned& source, unsigned& tag, unsigned& count) {
+        static_assert(PrimitiveArray::assertFixedSize<T>());
         using Record = PrimitiveArray::Record<T>;
         _probe(source, tag, PrimitiveArray::datatype<typename Record::t>(), count);
         count /= Record::stride;
@@ -353,6 +372,7 @@ public:
     /// The same without waiting. @return false, and `count` 0, when no such message stands
     template <class T>
     bool iProbe(unsigned& source, unsigned& tag, unsigned& count) {
+        static_assert(PrimitiveArray::assertFixedSize<T>());
         using Record = PrimitiveArray::Record<T>;
         const bool stands = _iProbe(source, tag, PrimitiveArray::datatype<typename Record::t>(), count);
         count /= Record::stride;
@@ -386,27 +406,28 @@ public:
         static_assert(PrimitiveArray::assertTravels<std::vector<T>>());
         if (_myRank == root)
             all.resize(_size);
-        gather(viewOf<unsigned>(&value, 1), viewOf<unsigned>(all.data(), _myRank == root ? _size : 0), root);
+        gather(&value, 1, all.data(), root);
     }
     /// `send` has the same length on all ranks; `recv` on the root holds them in rank order.
     template <class T>
     void gather(const std::vector<T>& send, std::vector<T>& recv, unsigned root) {
         static_assert(PrimitiveArray::assertTravels<std::vector<T>>());
-        if (_myRank == root && recv.size() != _size * send.size())
-            recv.resize(_size * send.size());
+        const std::size_t total = lengthOfAll<T>(send.size());
+        if (_myRank == root && recv.size() != total)
+            recv.resize(total);
         gather(send.data(), send.size(), recv.data(), root);
     }
     /// @param recv  on the root: room for `count` values of each rank
     template <class T>
     void gather(const T* send, std::size_t count, T* recv, unsigned root) {
-        gather(viewOf<unsigned>(send, count), viewOf<unsigned>(recv, _myRank == root ? _size * count : 0),
-               root);
+        const std::size_t total = lengthOfAll<T>(count);
+        gather(viewOf<unsigned>(send, count), viewOf<unsigned>(recv, _myRank == root ? total : 0), root);
     }
     void gather(const std::string& value, std::vector<std::string>& all, unsigned root);
     /// On the master `all[i]` is the tree of rank i; elsewhere `all` ends empty.
     void gather(const Properties& value, std::vector<Properties>& all);
 
-    /// The same with the result on every rank.
+    /// Like gather(), with the result on every rank.
     template <class T>
     void allGather(const T& value, std::vector<T>& all) {
         static_assert(PrimitiveArray::assertTravels<std::vector<T>>());
@@ -416,7 +437,7 @@ public:
     template <class T>
     void allGather(const std::vector<T>& send, std::vector<T>& recv) {
         static_assert(PrimitiveArray::assertTravels<std::vector<T>>());
-        recv.resize(_size * send.size());
+        recv.resize(lengthOfAll<T>(send.size()));
         allGather(send.data(), send.size(), recv.data());
     }
     template <class T>
@@ -429,8 +450,9 @@ public:
 
     /// Contributions of any length: `recv` on the root is their concatenation in rank order, and `counts[i]`
     /// the length of rank i's. Other ranks' `recv` and `counts` are left alone.
-    template <class S, PrimitiveArray::Resizable R>
+    template <class S, class R>
     void gatherVector(const S& send, R& recv, std::vector<unsigned>& counts, unsigned root) {
+        static_assert(PrimitiveArray::assertBlocksTravel<S, R>());
         PrimitiveArray::Array s(send);
         PrimitiveArray::Array r(recv);
         std::vector<unsigned> displacements;
@@ -455,8 +477,9 @@ public:
                      blocks.counts, blocks.displacements, root);
     }
     /// The same with the result on every rank.
-    template <class S, PrimitiveArray::Resizable R>
+    template <class S, class R>
     void allGatherVector(const S& send, R& recv, std::vector<unsigned>& counts) {
+        static_assert(PrimitiveArray::assertBlocksTravel<S, R>());
         PrimitiveArray::Array s(send);
         PrimitiveArray::Array r(recv);
         std::vector<unsigned> displacements;
@@ -490,17 +513,18 @@ public:
     /// @param count  values for each rank
     template <class T>
     void scatter(const T* send, T* recv, std::size_t count, unsigned root) {
-        scatter(viewOf<unsigned>(send, _myRank == root ? _size * count : 0), viewOf<unsigned>(recv, count),
-                root);
+        const std::size_t total = lengthOfAll<T>(count);
+        scatter(viewOf<unsigned>(send, _myRank == root ? total : 0), viewOf<unsigned>(recv, count), root);
     }
 
     /// Blocks of any length: rank i gets `counts[i]` values of the root's `send`, which holds the blocks in
     /// rank order. `send` and `counts` matter on the root only.
-    template <class S, PrimitiveArray::Resizable R>
+    template <class S, class R>
     void scatterVector(const S& send, const std::vector<unsigned>& counts, R& recv, unsigned root) {
+        static_assert(PrimitiveArray::assertBlocksTravel<S, R>());
         PrimitiveArray::Array r(recv);
         const bool here = _myRank == root;
-        const ElementCounts blocks(*this, here ? counts.data() : nullptr, nullptr, r.stride);
+        const ElementCounts blocks(*this, here ? countsOfAll(counts) : nullptr, nullptr, r.stride);
         checkBlocks(here, PrimitiveArray::Array(send).size, blocks.total, counts.size());
         unsigned count = 0;
         scatter(viewOf<unsigned>(blocks.counts, here ? _size : 0), viewOf<unsigned>(&count, 1), root);
@@ -508,7 +532,9 @@ public:
         scatterVector(here ? contentOf<unsigned>(send) : noneLike<unsigned>(send), blocks.counts,
                       blocks.displacements, contentOf<unsigned>(recv), root);
     }
-    /// @param recvCount  values for this rank, as the root's `sendCounts` tells them
+    /// @param displacements  on the root: where in `send` each rank's values begin; null when they lie one
+    ///                       after the other
+    /// @param recvCount      values for this rank, as the root's `sendCounts` tells them
     template <class T>
     void scatterVector(const T* send, const unsigned* sendCounts, const unsigned* displacements, T* recv,
                        std::size_t recvCount, unsigned root) {
@@ -534,6 +560,7 @@ public:
     }
     template <PrimitiveArray::Object V, class F>
     void reduce(V&& value, F combine, unsigned root) {
+        static_assert(PrimitiveArray::assertReceives<V>());
         _reduce(recordsOf(value), ReductionThunk<PrimitiveArray::EntryOf<V>, F>::of(combine), root);
     }
 
@@ -548,6 +575,7 @@ public:
     }
     template <PrimitiveArray::Object V, class F>
     void allReduce(V&& value, F combine) {
+        static_assert(PrimitiveArray::assertReceives<V>());
         _allReduce(recordsOf(value), ReductionThunk<PrimitiveArray::EntryOf<V>, F>::of(combine));
     }
 
@@ -562,6 +590,7 @@ public:
     }
     template <PrimitiveArray::Object V, class F>
     void scan(V&& value, F combine) {
+        static_assert(PrimitiveArray::assertReceives<V>());
         _scan(recordsOf(value), ReductionThunk<PrimitiveArray::EntryOf<V>, F>::of(combine));
     }
 
@@ -584,6 +613,7 @@ public:
     template <class T>
     void allToAll(const std::vector<T>& send, std::vector<T>& recv) {
         static_assert(PrimitiveArray::assertTravels<std::vector<T>>());
+        checkEqualBlocks(send.size());
         recv.resize(send.size());
         allToAll(contentOf<int>(send), contentOf<int>(recv));
     }
@@ -594,15 +624,17 @@ public:
     }
     /// Blocks of any length, in rank order: `sendCounts[i]` values go to rank i, and `recvCounts[i]` come
     /// from it.
-    template <class S, PrimitiveArray::Resizable R>
+    template <class S, class R>
     void allToAllVector(const S& send, const std::vector<unsigned>& sendCounts, R& recv,
                         std::vector<unsigned>& recvCounts) {
+        static_assert(PrimitiveArray::assertBlocksTravel<S, R>());
         PrimitiveArray::Array r(recv);
-        const ElementCounts out(*this, sendCounts.data(), nullptr, r.stride);
+        const ElementCounts out(*this, countsOfAll(sendCounts), nullptr, r.stride);
         checkBlocks(true, PrimitiveArray::Array(send).size, out.total, sendCounts.size());
         recvCounts.resize(_size);
         allToAll(sendCounts.data(), recvCounts.data(), 1);
         const ElementCounts in(*this, recvCounts.data(), nullptr, r.stride);
+        castCount<int>(in.total); // refused before `recv` grows
         r.resize(in.total);
         allToAllVector(contentOf<int>(send), out.counts, out.displacements, contentOf<int>(recv), in.counts,
                        in.displacements);
@@ -622,7 +654,9 @@ public:
     /// Sends a little to and fro, says so on the standard output, and checks what arrives.
     void testCommunicator();
     /// Measures each pair of ranks.
-    /// @param results  on the master: [KiB/s] from rank s to rank d at s * size() + d
+    /// @param results       on the master: [KiB/s] from rank s to rank d at s * size() + d
+    /// @param messageBytes  of each message
+    /// @param iterations    messages from each rank to each other; below 4 GiB of them in all
     void performanceTest(std::vector<double>& results, unsigned messageBytes, unsigned iterations);
 
 private:
@@ -638,7 +672,9 @@ private:
     void readIdentity();
     void release() noexcept;
 
-    void checkSerialCriticalLock() const;
+    static void checkSerialCriticalLock();
+    /// [ms] between two looks of a rank that sleeps in noSpinSynchronise() of a job of `ranks`.
+    static unsigned getSleep(unsigned ranks);
     double getSendRecvSpeed(unsigned partner, bool sender, unsigned messageBytes, unsigned iterations);
 
     // ---- Buffer-level operations: argument checks, frame, wrapper call.
@@ -770,10 +806,21 @@ private:
     /// That the blocks which this rank hands out are those that it has.
     void checkBlocks(bool here, std::size_t sendSize, std::size_t blockSize) const;
     void checkBlocks(bool here, std::size_t sendSize, std::size_t total, std::size_t countsSize) const;
+    void checkEqualBlocks(std::size_t sendSize) const;
+    /// Null instead of counts that don't tell of all ranks, which checkBlocks() then refuses.
+    const unsigned* countsOfAll(const std::vector<unsigned>& counts) const {
+        return counts.size() == _size ? counts.data() : nullptr;
+    }
+    /// Values in the blocks of all ranks. Every rank asks, so that all refuse too many of them and none
+    /// waits.
+    template <class T>
+    std::size_t lengthOfAll(std::size_t blockLength) const {
+        castCount<unsigned>(_size * blockLength * strideOf<T>);
+        return _size * blockLength;
+    }
 
     template <class V>
     static CustomReductionBuffer recordsOf(V& value) {
-        static_assert(PrimitiveArray::assertTravels<V>());
         if constexpr (PrimitiveArray::FixedSize<V>)
             return CustomReductionBuffer(&value, 1);
         else
@@ -783,12 +830,13 @@ private:
     template <bool synchronous, class V>
     void sendValue(const V& value, unsigned dest, Tag tag) {
         if constexpr (PrimitiveArray::TravelsWithLength<V>) {
-            PrimitiveArray::Array s(value);
-            checkMessageCount(s.size, SENT_COUNT);
-            const auto count = static_cast<mssg_count_t>(s.size);
+            checkMessageCount(PrimitiveArray::Array(value).size, SENT_COUNT);
+            const ConstBufferBase<int> content =
+                constContentOf<int>(value); // refused before anything is sent
+            const auto count = static_cast<mssg_count_t>(content.size);
             transmit<synchronous>(viewOf<int>(&count, 1), dest, tag);
             if (count != 0)
-                transmit<synchronous>(constContentOf<int>(value), dest, tag);
+                transmit<synchronous>(content, dest, tag);
         } else {
             transmit<synchronous>(constContentOf<int>(value), dest, tag);
         }

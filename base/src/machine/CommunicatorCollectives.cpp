@@ -48,7 +48,7 @@ void Communicator::broadcast(BufferBase<unsigned> buf, unsigned root) {
     }
     if (buf.size == 0)
         return;
-    Frame::passGate(*this);
+    Frame::passGate();
     checkOversize(buf.size, buf.typeSize);
     MpiCore::handleError(Frame::run<OXM_MPI_Bcast, BROADCAST>(this, bytesOf(buf), 0, buf.data,
                                                               static_cast<int>(buf.size), buf.type,
@@ -64,7 +64,7 @@ void Communicator::gather(ConstBufferBase<unsigned> sendbuf, BufferBase<unsigned
     }
     if (sendbuf.size == 0)
         return;
-    Frame::passGate(*this);
+    Frame::passGate();
     if (!exceeds)
         checkOversize(recvbuf.size, recvbuf.typeSize);
     checkOversize(sendbuf.size, sendbuf.typeSize);
@@ -84,7 +84,7 @@ void Communicator::allGather(ConstBufferBase<unsigned> sendbuf, BufferBase<unsig
     }
     if (sendbuf.size == 0)
         return;
-    Frame::passGate(*this);
+    Frame::passGate();
     checkOversize(exceeds ? sendbuf.size : recvbuf.size, recvbuf.typeSize);
     const auto count = static_cast<int>(sendbuf.size);
     MpiCore::handleError(Frame::run<OXM_MPI_Allgather, ALL_GATHER>(this, bytesOf(sendbuf), 0, sendbuf.data,
@@ -101,7 +101,7 @@ void Communicator::scatter(ConstBufferBase<unsigned> sendbuf, BufferBase<unsigne
     }
     if (recvbuf.size == 0)
         return;
-    Frame::passGate(*this);
+    Frame::passGate();
     checkOversize(recvbuf.size, recvbuf.typeSize);
     const auto count = static_cast<int>(recvbuf.size);
     MpiCore::handleError(Frame::run<OXM_MPI_Scatter, SCATTER>(
@@ -147,20 +147,16 @@ void Communicator::allGatherVector(ConstBufferBase<unsigned> sendbuf, BufferBase
                                    const unsigned* recvCounts, const unsigned* displacements) {
     ORVEX_ASSERT_AS(sendbuf.type == recvbuf.type, "sendbuf.type == recvbuf.type",
                     "Communicator::allGatherVector");
-    const bool exceeds = exceedsSizeLimits(recvbuf.size, recvbuf.typeSize);
-    if (exceeds && isDivisible(recvCounts)) [[unlikely]] {
+    if (exceedsSizeLimits(recvbuf.size, recvbuf.typeSize) && isDivisible(recvCounts)) [[unlikely]] {
         cutAllGatherVector(sendbuf, recvbuf, recvCounts, displacements);
         return;
     }
-    Frame::passGate(*this);
-    if (!exceeds)
-        checkOversize(recvbuf.size, recvbuf.typeSize);
     CommunicatorFrame frame(*this, ALL_GATHER_VECTOR, bytesOf(sendbuf));
     CountArray counts;
     CountArray positions;
     counts.fill(recvCounts, _size);
     positions.fill(displacements, _size);
-    MpiCore::handleError(OXM_MPI_Allgatherv(sendbuf.data, static_cast<int>(sendbuf.size), sendbuf.type,
+    MpiCore::handleError(OXM_MPI_Allgatherv(sendbuf.data, castCount<int>(sendbuf.size), sendbuf.type,
                                             recvbuf.data, counts.data(), positions.data(), recvbuf.type,
                                             _handle));
     frame.finish();

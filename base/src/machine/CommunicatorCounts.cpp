@@ -34,6 +34,11 @@ void Communicator::checkBlocks(bool here, std::size_t sendSize, std::size_t tota
                     "Communicator : mismatched block counts");
 }
 
+void Communicator::checkEqualBlocks(std::size_t sendSize) const {
+    ORVEX_ASSERT_AS(sendSize % _size == 0, "send.size() % size() == 0",
+                    "Communicator::allToAll : mismatched counts");
+}
+
 void Communicator::checkContribution(unsigned long long count) {
     ORVEX_ASSERT_AS(count <= std::numeric_limits<unsigned>::max(),
                     "s.size <= std::numeric_limits<typename PrimitiveArray::Array<C>::t>::max()",

@@ -5,7 +5,7 @@
 #include <utility>
 
 void CommunicatorFrame::open(Communicator& communicator, const Operation& operation, unsigned bytes) {
-    communicator.checkSerialCriticalLock();
+    Communicator::checkSerialCriticalLock();
     _communicator = &communicator;
     _operation = &operation;
     _isTimed = operation.isTimed && communicator._communicationTimerEnabled;

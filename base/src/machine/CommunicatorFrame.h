@@ -39,9 +39,9 @@ public:
     }
 
     /// The gate alone, for operations that check more between it and the wrapper call.
-    static void passGate(const Communicator& communicator) {
+    static void passGate() {
         if (!MessagingGate::isOpen()) [[unlikely]]
-            communicator.checkSerialCriticalLock();
+            Communicator::checkSerialCriticalLock();
     }
 
     /// Runs `call` inside a frame. All arguments go by value, so the open gate leads to a plain jump.

@@ -43,6 +43,12 @@ private:
 
 } // namespace
 
+Communicator::CustomReductionBuffer::CustomReductionBuffer(void* records, int count, unsigned recordSize,
+                                                           const Unit& unit)
+    : _contiguousType(allocateContiguous(recordSize / unit.size, unit.type)), _buffer{records, count,
+                                                                                      _contiguousType,
+                                                                                      recordSize} {}
+
 Communicator::CustomReductionBuffer::~CustomReductionBuffer() {
     if (_contiguousType != OXM_MPI_DATATYPE_NULL)
         OXM_MPI_Type_free(&_contiguousType); // nobody is left who could be told of a failure

@@ -16,22 +16,21 @@ constexpr unsigned SYNCHRONISE_TAG = 1022;
 
 constexpr CommunicatorFrame::Operation SYNCHRONISE = CommunicatorFrame::global("Communicator::Synchronise");
 
-/// [ms] between two looks of a sleeping rank: many ranks need the shorter one, since the sleeps on the way
-/// from the leaves of the tree to its root add up.
-unsigned getSleep() {
-    constexpr unsigned manyRanks = 512;
-    static const unsigned sleep = Machine::nProcesses() > manyRanks ? 1 : 10;
-    return sleep;
-}
-
 } // namespace
+
+unsigned Communicator::getSleep(unsigned ranks) {
+    // Many ranks need the shorter one, since the sleeps on the way from the leaves of the tree to its root
+    // add up.
+    constexpr unsigned manyRanks = 512;
+    return ranks > manyRanks ? 1 : 10;
+}
 
 void Communicator::synchronise() {
     MpiCore::handleError(CommunicatorFrame::run<OXM_MPI_Barrier, SYNCHRONISE>(this, 0, 0, _handle));
 }
 
 void Communicator::noSpinSynchronise(double spinTime) {
-    const unsigned sleep = getSleep();
+    static const unsigned sleep = getSleep(Machine::nProcesses());
     const unsigned parent = (_myRank - 1) / 2; // of no use to rank 0
     const unsigned first = 2 * _myRank + 1;
     const unsigned end = std::min(first + 2, _size);

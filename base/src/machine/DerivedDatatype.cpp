@@ -1,7 +1,10 @@
 #include "machine/DerivedDatatype.h"
 
+#include "machine/CommunicatorFrame.h"
+
 #include "mpiwrapper/OxmMpi.h"
 
+#include <utility>
 #include <vector>
 
 unsigned MpiCore::DerivedDatatype::_epoch = 1;
@@ -23,8 +26,11 @@ public:
         ++_epoch;
         std::vector<int> types;
         types.swap(_types);
+        int code = OXM_MPI_SUCCESS;
         for (int& type : types)
-            freeMpiType(type);
+            if (const int failed = OXM_MPI_Type_free(&type); failed != OXM_MPI_SUCCESS)
+                code = failed;
+        handleError(code); // once none is left that could be freed
     }
 
 private:
@@ -50,8 +56,9 @@ void MpiCore::DerivedDatatype::commitMpiType(std::size_t size, int& type) {
     handleError(OXM_MPI_Type_get_extent(type, &lowerBound, &extent));
     const auto wanted = static_cast<OXM_MPI_Aint>(size);
     if (extent != wanted) {
-        int old = type;
-        handleError(OXM_MPI_Type_create_resized(old, lowerBound, wanted, &type));
+        int resized = OXM_MPI_DATATYPE_NULL;
+        handleError(OXM_MPI_Type_create_resized(type, lowerBound, wanted, &resized));
+        int old = std::exchange(type, resized);
         handleError(OXM_MPI_Type_free(&old));
     }
     handleError(OXM_MPI_Type_commit(&type));
@@ -63,6 +70,8 @@ void MpiCore::DerivedDatatype::freeMpiType(int& type) {
 
 int MpiCore::DerivedDatatype::makeLastingStructType(std::size_t size, int count, const int* blockLengths,
                                                     const long long* displacements, const int* types) {
+    // It is made on the way to a message, so a message that is refused makes none.
+    CommunicatorFrame::passGate();
     int type = defineMpiStructType(count, blockLengths, displacements, types);
     try {
         commitMpiType(size, type);

@@ -72,10 +72,8 @@ protected:
     /// The same to receive into.
     template <class SizeType, class V>
     static BufferBase<SizeType> targetOf(V& value) {
-        constexpr bool isWritable = !std::is_const_v<PrimitiveArray::EntryOf<V&>> &&
-                                    !(PrimitiveArray::FixedSize<V> && std::is_const_v<V>);
-        static_assert(isWritable, "a constant can't receive");
-        if constexpr (isWritable)
+        static_assert(PrimitiveArray::assertReceives<V>());
+        if constexpr (PrimitiveArray::Receiver<V>)
             return contentOf<SizeType>(value);
     }
     static ConstBufferBase<int> wholeOf(const ConstBufferBase<unsigned>& view) {

@@ -176,6 +176,12 @@ concept TravelsWithLength =
     Resizable<std::remove_cv_t<C>> || std::same_as<std::remove_cv_t<C>, std::string_view> ||
     std::same_as<std::remove_cv_t<C>, std::wstring_view>;
 
+/// A value of fixed size, or a container, that isn't constant.
+template <class V>
+concept Receiver = (FixedSize<V> && !std::is_const_v<V>) || (Contiguous<V> && requires(V & container) {
+                       requires !std::is_const_v<std::remove_pointer_t<decltype(container.data())>>;
+                   });
+
 /// What an operation takes whole; a pointer needs a count beside it.
 template <class V>
 concept Object = !std::is_pointer_v<std::remove_cvref_t<V>> && !std::is_array_v<std::remove_cvref_t<V>>;
@@ -189,6 +195,14 @@ constexpr bool assertTravels() {
         FixedSize<V> || Contiguous<V> || std::is_same_v<std::remove_cv_t<V>, std::vector<bool>>,
         "this type can't travel between ranks: it is neither of fixed size (a primitive, an enumeration, "
         "std::array, a struct with StructMembers) nor a contiguous container of such");
+    return true;
+}
+
+/// The same for a type that only one value of fixed size can have.
+template <class T>
+constexpr bool assertFixedSize() {
+    static_assert(FixedSize<T>,
+                  "the type of one value of fixed size is needed here, for a container that of its entries");
     return true;
 }
 
@@ -236,5 +250,31 @@ private:
         size = static_cast<unsigned long long>(container.size()) * stride;
     }
 };
+
+/// Stops the compiler with a readable message at a value that can't travel or can't be changed.
+template <class V>
+constexpr bool assertReceives() {
+    using Value = std::remove_reference_t<V>;
+    static_assert(assertTravels<Value>());
+    static_assert(Receiver<Value> || !(FixedSize<Value> || Contiguous<Value>), "a constant can't receive");
+    return true;
+}
+
+/// The same at containers between which blocks of any length can't travel.
+template <class S, class R>
+constexpr bool assertBlocksTravel() {
+    static_assert(assertTravels<S>() && assertReceives<R>());
+    static_assert(Contiguous<S> && Resizable<R>,
+                  "blocks of any length travel from a container into one that can be resized: std::vector or "
+                  "std::string");
+    if constexpr (Contiguous<S> && Resizable<R>) {
+        using Sent = Array<const S>;
+        using Received = Array<R>;
+        static_assert(std::is_same_v<typename Sent::t, typename Received::t> &&
+                          Sent::stride == Received::stride,
+                      "blocks of any length need entries of the same kind on both sides");
+    }
+    return true;
+}
 
 } // namespace PrimitiveArray

@@ -361,14 +361,33 @@ TYPED_TEST(CommunicatorOf, oneValueOfEachRank) {
 /// Each primitive has its datatype: what arrives is what was sent, and a sum is a sum.
 template <class T>
 void checkPrimitive(Communicator& comm) {
-    const T mine = MakeValue<T>::from(comm.myRank() + 40);
-    const auto all = std::make_unique<T[]>(comm.size());
+    const unsigned me = comm.myRank();
+    const unsigned ranks = comm.size();
+    const unsigned left = (me + ranks - 1) % ranks;
+    const T mine = MakeValue<T>::from(me + 40);
+    const auto all = std::make_unique<T[]>(ranks);
     comm.allGather(&mine, 1, all.get());
+    T got{};
+    if (ranks > 1) {
+        MpiCore::RequestStack requests;
+        comm.iSend(&mine, 1, (me + 1) % ranks, requests);
+        comm.recv(got, left);
+        comm.wait(requests);
+        EXPECT_TRUE(got == MakeValue<T>::from(left + 40)) << typeid(T).name();
+    }
+    comm.broadcast(got = mine, ranks - 1);
+    EXPECT_TRUE(got == MakeValue<T>::from(ranks + 39)) << typeid(T).name();
+    // To the root and back again.
+    const auto gathered = std::make_unique<T[]>(ranks);
+    comm.gather(&mine, 1, gathered.get(), 0);
+    comm.scatter(gathered.get(), &(got = T{}), 1, 0);
+    EXPECT_TRUE(got == mine) << typeid(T).name();
+    EXPECT_TRUE(me != 0 || std::equal(all.get(), all.get() + ranks, gathered.get())) << typeid(T).name();
     T sum = mine;
     if constexpr (std::is_arithmetic_v<T> && !std::is_same_v<T, bool> && !std::is_same_v<T, wchar_t>)
         comm.allReduce(sum, Communicator::SUM);
     T expected{};
-    for (unsigned rank = 0; rank < comm.size(); ++rank) {
+    for (unsigned rank = 0; rank < ranks; ++rank) {
         EXPECT_TRUE(all[rank] == MakeValue<T>::from(rank + 40)) << typeid(T).name();
         if constexpr (std::is_arithmetic_v<T>)
             expected = static_cast<T>(expected + all[rank]);
@@ -536,7 +555,7 @@ TEST_F(Texts, travel) {
             std::string text = textOf(me);
             comm.broadcast(text, root);
             EXPECT_EQ(text, textOf(root));
-            std::vector<std::string> words{"", "a word", std::string(40, 'w'), ""};
+            std::vector<std::string> words{"", "a word", "", std::string(40, 'w'), ""};
             std::vector<std::string> got = here ? words : std::vector<std::string>(me * 3, "old");
             comm.broadcast(got, root);
             EXPECT_EQ(got, words);

@@ -21,8 +21,8 @@ struct CommunicatorOperation {
     std::string name;
     std::vector<std::string> events;
     std::function<void(Communicator&)> run;
-    /// Whether the gate lets it pass: it moves nothing.
-    bool isEmpty = false;
+    /// Whether the gate lets it pass: it moves nothing, or makes a communicator.
+    bool isUngated = false;
 };
 
 /// Every operation, with every way through it that differs in its wrapper calls.
@@ -111,7 +111,17 @@ inline const std::vector<CommunicatorOperation>& communicatorOperations() {
              unsigned source = 2, tag = 9, count = 0;
              c.iProbe<double>(source, tag, count);
          }},
+        {"createCommunicator",
+         {},
+         [](Comm& c) {
+             c.createCommunicator({2, 1});
+         },
+         true},
+        {"createSharedMemCommunicators", {}, [](Comm& c) { c.createSharedMemCommunicators(); }, true},
         {"synchronise", {"Synchronise 0"}, [](Comm& c) { c.synchronise(); }},
+        {"noSpinSynchronise",
+         {"Test 0 0", "Wait 0 0", "iSend 0 0", "iRecv 0 0", "Test 0 0", "Wait 0 0", "Wait 0 0", "Wait 0 0"},
+         [](Comm& c) { c.noSpinSynchronise(1.0); }},
         {"broadcast", {"Broadcast 24"}, [](Comm& c) { c.broadcast(three.data(), 3, 0); }},
         {"broadcast container", {"Broadcast 8", "Broadcast 24"}, [](Comm& c) { c.broadcast(three, 1); }},
         {"broadcast strings",
@@ -119,6 +129,12 @@ inline const std::vector<CommunicatorOperation>& communicatorOperations() {
          [](Comm& c) {
              std::vector<std::string> words{"ab", "c"};
              c.broadcast(words, 1);
+         }},
+        {"broadcast properties",
+         {"Broadcast 8", "Broadcast 2"},
+         [](Comm& c) {
+             Properties tree;
+             c.broadcast(tree, 1);
          }},
         {"broadcast nothing", {}, [](Comm& c) { c.broadcast(three.data(), 0, 0); }, true},
         {"gather", {"Gather 24"}, [](Comm& c) { c.gather(three.data(), 3, nine.data(), 1); }},
@@ -132,6 +148,12 @@ inline const std::vector<CommunicatorOperation>& communicatorOperations() {
              std::vector<Properties> all;
              c.gather(Properties(), all);
          }},
+        {"gather strings",
+         {"Gather 4", "Broadcast 8", "GatherVector 3"},
+         [](Comm& c) {
+             std::vector<std::string> all;
+             c.gather("abc", all, 1);
+         }},
         {"allGather", {"AllGather 24"}, [](Comm& c) { c.allGather(three.data(), 3, nine.data()); }},
         {"allGather nothing", {}, [](Comm& c) { c.allGather(three.data(), 0, nine.data()); }, true},
         {"allGatherVector",
@@ -139,6 +161,12 @@ inline const std::vector<CommunicatorOperation>& communicatorOperations() {
          [](Comm& c) {
              std::vector<double> all;
              c.allGatherVector(three, all, counts);
+         }},
+        {"allGather strings",
+         {"AllGather 4", "AllGatherVector 3"},
+         [](Comm& c) {
+             std::vector<std::string> all;
+             c.allGather("abc", all);
          }},
         {"allGather sets",
          {"AllGather 4", "AllGatherVector 3", "AllGather 4", "AllGatherVector 8"},

@@ -49,9 +49,7 @@ public:
         std::vector<unsigned> displacements;
         return _communicator.gatherCounts(count, counts, displacements, 0);
     }
-    static void checkMessageCount(unsigned long long size) {
-        Communicator::checkMessageCount(size, Communicator::SENT_COUNT);
-    }
+    static unsigned getSleep(unsigned ranks) { return Communicator::getSleep(ranks); }
 
 private:
     class MessageBuffersAccess : private MessageBuffers {

@@ -98,8 +98,12 @@ TEST(StructDatatype, isMadeOnceOfTheMembers) {
         mpi.fail(call, 1, OXM_MPI_ERR_OTHER);
         EXPECT_NE(messageOf<NonRecoverableError>([] { StructDatatype<Particle>::handle(); }), "") << call;
         EXPECT_EQ(mpi.liveHandles(), Handles()) << call;
-        StructDatatype<Particle>::handle();
-        MpiCore::finalize();
+        StructDatatype<Swarm>::handle();
+        // Closing frees the second one, whatever became of the first, and closes.
+        mpi.fail("Type_free", 1, OXM_MPI_ERR_OTHER);
+        EXPECT_NE(messageOf<NonRecoverableError>([] { MpiCore::finalize(); }), "");
+        EXPECT_EQ(mpi.liveHandles(), (Handles{{"datatype", 1}}));
+        EXPECT_EQ(mpi.names().back(), "Finalize");
     }
     ScriptedMpi::start();
 }
@@ -137,6 +141,10 @@ TEST(CustomReduction, livesForOneCall) {
     mpi.fail("Op_free", 1, OXM_MPI_ERR_OTHER);
     expectAssertion([&] { comm.reduce(records, keep, 1); }, "Failed to delete reduction op",
                     "err == OXM_MPI_SUCCESS", "CommunicatorReductions.cpp");
+    // Nothing is made for more records than one call takes.
+    mpi.clearCalls();
+    EXPECT_THROW(Communicator::CustomReductionBuffer(records.data(), 2147483648u), InternalError);
+    EXPECT_EQ(mpi.names(), Texts());
     // Without a type there is none to free.
     mpi.fail("Type_contiguous", 1, OXM_MPI_ERR_OTHER);
     mpi.clearCalls();
