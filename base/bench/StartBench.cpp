@@ -3,6 +3,9 @@
 #include "machine/Communicator.h"
 #include "machine/CpuTopology.h"
 #include "machine/MachineHost.h"
+#include "machine/RequestStack.h"
+
+#include "platform/Time.h"
 
 #include <string>
 #include <vector>
@@ -10,24 +13,23 @@
 // What the start of a job costs: how the ranks of a host learn their hardware, each by itself or one for all,
 // and what the whole view of the hosts takes.
 
-namespace {
-
 class StartBench {
 public:
     StartBench(const MpiBench&, BenchHarness& harness) : _harness(harness) {}
 
     void addAll() {
-        // A start goes on when all are through, so each case ends with that.
+        // A start goes on when all are through, so each case ends with that: with sleeps, since a wait that
+        // spins would cost more than all the rest where ranks share processors.
         _harness.addReference("hardware of a host", "each rank looks", [this](int n) {
             for (int i = 0; i < n; ++i) {
                 const CpuTopology topology;
-                _host.synchronise();
+                awaitAll();
             }
         });
         _harness.addCase("one looks for all", [this](int n) {
             for (int i = 0; i < n; ++i) {
-                shareTopology();
-                _host.synchronise();
+                MachineHost::shareTopology(_host);
+                awaitAll();
             }
         });
         _harness.addReference("view of the job", "names and identifiers", [this](int n) {
@@ -45,20 +47,23 @@ public:
     }
 
 private:
-    void shareTopology() {
-        std::string text;
-        if (_host.myRank() == 0)
-            text = CpuTopology().toString();
-        _host.broadcast(text, 0);
+    void awaitAll() {
+        constexpr double sleep = 2e-5; // [s]
+        std::vector<char> words(_host.size());
+        MpiCore::RequestStack requests;
         if (_host.myRank() != 0)
-            const CpuTopology topology(text);
+            _host.iSend(words.data(), 1, 0, requests);
+        for (unsigned rank = 1; _host.myRank() == 0 && rank < _host.size(); ++rank)
+            _host.iRecv(&words[rank], 1, rank, requests);
+        while (!_host.test(requests))
+            Platform::time().sleep(sleep);
+        std::string word;
+        _host.noSpinBroadcast(word);
     }
 
     BenchHarness& _harness;
     Communicator& _host = Machine::getHost().getIntraHostComm();
 };
-
-} // namespace
 
 int main(int argc, char** argv) {
     return runMachineBench<StartBench>("StartBench", argc, argv);

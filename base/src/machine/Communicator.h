@@ -193,6 +193,9 @@ public:
     void synchronise();
     /// The same for ranks that may wait for hours: who has waited for `spinTime` [s] sleeps between looks.
     void noSpinSynchronise(double spinTime);
+    /// After the call every rank has the text of rank 0, which may come late: the others sleep meanwhile, an
+    /// eighth of what they have waited each time, and leave their processors to it.
+    void noSpinBroadcast(std::string& text);
 
     // ---- Point-to-point. A rank can't send to itself.
 

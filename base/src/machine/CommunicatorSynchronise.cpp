@@ -9,12 +9,28 @@
 #include "platform/Time.h"
 
 #include <algorithm>
+#include <string>
 
 namespace {
 
 constexpr unsigned SYNCHRONISE_TAG = 1022;
 
 constexpr CommunicatorFrame::Operation SYNCHRONISE = CommunicatorFrame::global("Communicator::Synchronise");
+
+/// Sleeps that grow with the wait, so that a look comes at most an eighth of it too late.
+class ShortSleep {
+public:
+    void next() {
+        constexpr double shortest = 2e-5; // [s]
+        constexpr double longest = 1e-2;
+        const double sleep = std::clamp(_waited / 8, shortest, longest);
+        Platform::time().sleep(sleep);
+        _waited += sleep;
+    }
+
+private:
+    double _waited = 0.0;
+};
 
 } // namespace
 
@@ -62,4 +78,25 @@ void Communicator::noSpinSynchronise(double spinTime) {
     for (unsigned child = first; child < end; ++child)
         iSend(nothingOut, child, sends, SYNCHRONISE_TAG);
     wait(sends);
+}
+
+void Communicator::noSpinBroadcast(std::string& text) {
+    unsigned long long length = text.size();
+    if (_myRank != _master) {
+        const unsigned parent = (_myRank - 1) / 2;
+        const auto await = [&](auto* data, std::size_t count) {
+            RequestStack receives;
+            iRecv(data, count, parent, receives, SYNCHRONISE_TAG);
+            for (ShortSleep sleep; !test(receives);)
+                sleep.next();
+        };
+        await(&length, 1);
+        text.resize(length);
+        await(text.data(), text.size());
+    }
+    const unsigned first = 2 * _myRank + 1;
+    for (unsigned child = first; child < std::min(first + 2, _size); ++child) {
+        send(&length, 1, child, SYNCHRONISE_TAG);
+        send(text.data(), text.size(), child, SYNCHRONISE_TAG);
+    }
 }

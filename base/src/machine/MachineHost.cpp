@@ -68,19 +68,29 @@ void MachineHost::buildCommunicators() {
 }
 
 void MachineHost::buildTopology() {
-    if (Machine::isSerial()) {
-        _cpuTopology = std::make_unique<CpuTopology>();
-        return;
-    }
+    _cpuTopology = Machine::isSerial() ? std::make_unique<CpuTopology>() : shareTopology(getIntraHostComm());
+}
+
+std::unique_ptr<CpuTopology> MachineHost::shareTopology(Communicator& processes) {
     // Reading the text is faster than looking at the hardware, and many looking at once are slower still.
+    std::unique_ptr<CpuTopology> topology;
     std::string text;
-    if (firstProcessOnHost()) {
-        _cpuTopology = std::make_unique<CpuTopology>();
-        text = _cpuTopology->toString();
+    if (processes.myRank() == 0) {
+        topology = std::make_unique<CpuTopology>();
+        text = topology->toString();
     }
-    getIntraHostComm().broadcast(text, 0);
-    if (!firstProcessOnHost())
-        _cpuTopology = std::make_unique<CpuTopology>(text);
+    // With more processes than processors, who waits in a spin takes the time of the one that looks.
+    processes.noSpinBroadcast(text);
+    if (!topology || text.empty())
+        topology = std::make_unique<CpuTopology>(text);
+    if (text.empty()) {
+        // Each has looked for itself, and what follows is decided from it by all of them alike.
+        bool allKnow = topology->reliableLpuInformationAvailable();
+        processes.allReduce(allKnow, Communicator::LOGICAL_AND);
+        if (!allKnow)
+            topology = std::make_unique<CpuTopology>("nothing that could be read");
+    }
+    return topology;
 }
 
 std::map<unsigned, std::string> MachineHost::getHostsByFirstRank() const {

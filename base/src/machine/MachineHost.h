@@ -113,6 +113,7 @@ public:
 
 private:
     friend class MachineHostTestAccess;
+    friend class StartBench;
 
     enum class MoveResult { RESOLVED, CONFLICT, NO_ROOM };
 
@@ -126,6 +127,9 @@ private:
     void gatherProcesses();
     void buildCommunicators();
     void buildTopology();
+    /// The hardware as the first of these processes sees it, for all of them. Where it sees none each looks
+    /// for itself, and what not all have seen none of them knows. Collective over the processes of one host.
+    static std::unique_ptr<CpuTopology> shareTopology(Communicator& processes);
     std::vector<std::string> gatherHostNames() const;
     /// Lowest global rank on a host to the host's name.
     std::map<unsigned, std::string> getHostsByFirstRank() const;

@@ -1,4 +1,4 @@
-// The sleeping barrier.
+// The sleeping barrier and the sleeping broadcast.
 
 #include "parallel/ParallelTest.h"
 
@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <string>
 #include <vector>
 
 namespace {
@@ -48,16 +49,32 @@ TEST(NoSpinSynchronise, waitingRankSleeps) {
     ORVEX_NEEDS_RANKS(2);
     Communicator comm;
     constexpr double late = 0.5;
-    comm.synchronise();
-    Platform::ProcessorStamp stamp;
-    Platform::time().stampProcessorTime(stamp);
-    if (comm.myRank() == comm.size() - 1)
-        Platform::time().sleep(late);
-    comm.noSpinSynchronise(0.0);
+    std::string text;
+    const auto busyTime = [&](unsigned lateRank, auto wait) {
+        comm.synchronise();
+        Platform::ProcessorStamp stamp;
+        Platform::time().stampProcessorTime(stamp);
+        if (comm.myRank() == lateRank) {
+            Platform::time().sleep(late);
+            text = "late";
+        }
+        wait();
+        return Platform::time().getElapsedProcessorTime(stamp);
+    };
     // A rank that spins would use all of the time that it gets; a sleeping one looks a hundred times a
     // second.
-    EXPECT_LT(Platform::time().getElapsedProcessorTime(stamp), 0.2 * late);
+    EXPECT_LT(busyTime(comm.size() - 1, [&] { comm.noSpinSynchronise(0.0); }), 0.2 * late);
+    EXPECT_LT(busyTime(0, [&] { comm.noSpinBroadcast(text); }), 0.2 * late);
     comm.synchronise();
+}
+
+TEST(NoSpinSynchronise, textOfTheFirstReachesAll) {
+    Communicator comm;
+    for (const std::size_t size : {100000, 0, 3}) {
+        std::string text(comm.myRank() == 0 ? size : comm.myRank(), comm.myRank() == 0 ? 'a' : 'b');
+        comm.noSpinBroadcast(text);
+        EXPECT_EQ(text, std::string(size, 'a'));
+    }
 }
 
 } // namespace
