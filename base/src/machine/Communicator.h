@@ -703,6 +703,8 @@ private:
     bool _iProbe(unsigned& source, unsigned& tag, const int& type, unsigned& count);
 
     void broadcast(BufferBase<unsigned> buf, unsigned root);
+    /// With all that may be between: cutting, the gate's refusals, the timer, the statistics.
+    void broadcastStepwise(BufferBase<unsigned> buf, unsigned root);
     void gather(ConstBufferBase<unsigned> sendbuf, BufferBase<unsigned> recvbuf, unsigned root);
     void gatherVector(ConstBufferBase<int> sendbuf, BufferBase<int> recvbuf, const unsigned* recvCounts,
                       const unsigned* displacements, unsigned root);

@@ -40,6 +40,14 @@ private:
 // Each of the cutting family cuts only where a smaller piece exists: one element of each rank goes as it is.
 
 void Communicator::broadcast(BufferBase<unsigned> buf, unsigned root) {
+    if (MessagingGate::isOpen() && buf.size != 0 && !exceedsSizeLimits(buf.size, buf.typeSize)) [[likely]]
+        MpiCore::handleError(
+            OXM_MPI_Bcast(buf.data, static_cast<int>(buf.size), buf.type, static_cast<int>(root), _handle));
+    else
+        broadcastStepwise(buf, root);
+}
+
+void Communicator::broadcastStepwise(BufferBase<unsigned> buf, unsigned root) {
     if (exceedsSizeLimits(buf.size, buf.typeSize) && buf.size > 1) [[unlikely]] {
         const unsigned lower = buf.size / 2;
         broadcast(partOf(buf, 0u, lower), root);

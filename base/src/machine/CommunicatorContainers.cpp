@@ -2,6 +2,8 @@
 
 #include "kernel/Properties.h"
 
+#include <boost/container/small_vector.hpp>
+
 #include <iterator>
 #include <string_view>
 
@@ -25,7 +27,7 @@ void cutInto(std::vector<std::string>& all, const std::vector<unsigned>& lengths
 } // namespace
 
 void Communicator::broadcast(std::vector<std::string>& values, unsigned root) {
-    std::vector<unsigned long long> lengths;
+    boost::container::small_vector<unsigned long long, 64> lengths;
     lengths.reserve(values.size());
     for (const std::string& value : values)
         lengths.push_back(value.size());

@@ -13,8 +13,17 @@
 /// in one place, with the one checked cast of a count. Only static members, for Communicator.
 class ORVEX_MACHINE_EXPORT MessageBuffers {
 public:
+    // With a copy constructor of their own they are passed by address. By value each would be copied in
+    // pieces wider than those it was just written in, and a processor waits for such a read longer than a
+    // small call takes.
     template <class SizeType>
     struct ConstBufferBase {
+        ConstBufferBase(const void* firstElement, SizeType count, int datatype, unsigned bytes)
+            : data(firstElement), size(count), type(datatype), typeSize(bytes) {}
+        ConstBufferBase(const ConstBufferBase& rhs)
+            : data(rhs.data), size(rhs.size), type(rhs.type), typeSize(rhs.typeSize) {}
+        ConstBufferBase& operator=(const ConstBufferBase&) = default;
+
         const void* data;
         SizeType size;     ///< elements
         int type;          ///< wrapper datatype
@@ -22,6 +31,12 @@ public:
     };
     template <class SizeType>
     struct BufferBase {
+        BufferBase(void* firstElement, SizeType count, int datatype, unsigned bytes)
+            : data(firstElement), size(count), type(datatype), typeSize(bytes) {}
+        BufferBase(const BufferBase& rhs)
+            : data(rhs.data), size(rhs.size), type(rhs.type), typeSize(rhs.typeSize) {}
+        BufferBase& operator=(const BufferBase&) = default;
+
         void* data;
         SizeType size;
         int type;
