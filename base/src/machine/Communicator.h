@@ -458,13 +458,12 @@ public:
         static_assert(PrimitiveArray::assertBlocksTravel<S, R>());
         PrimitiveArray::Array s(send);
         PrimitiveArray::Array r(recv);
-        std::vector<unsigned> displacements;
-        const unsigned long long total = gatherCounts(s.size, counts, displacements, root);
+        const unsigned long long total = gatherCounts(s.size, counts, root);
         const bool here = _myRank == root;
         if (here)
             r.resize(total);
         gatherVector(contentOf<unsigned>(send), here ? contentOf<unsigned>(recv) : noneLike<unsigned>(recv),
-                     counts.data(), displacements.data(), root);
+                     counts.data(), _displacements.data(), root);
         if (here)
             subtractStrideLength(counts.data(), counts.data(), r.stride);
     }
@@ -485,10 +484,9 @@ public:
         static_assert(PrimitiveArray::assertBlocksTravel<S, R>());
         PrimitiveArray::Array s(send);
         PrimitiveArray::Array r(recv);
-        std::vector<unsigned> displacements;
-        r.resize(allGatherCounts(s.size, counts, displacements));
+        r.resize(allGatherCounts(s.size, counts));
         allGatherVector(contentOf<unsigned>(send), contentOf<unsigned>(recv), counts.data(),
-                        displacements.data());
+                        _displacements.data());
         subtractStrideLength(counts.data(), counts.data(), r.stride);
     }
     template <class T>
@@ -764,8 +762,8 @@ private:
 
     // Counts and displacements of all ranks: size() entries each.
 
-    class CountArray;
-
+    /// The same entries as the wrapper takes them. @throw InternalError for one that it can't take
+    const int* toWrapper(const unsigned* values) const;
     void getDefaultDisplacements(const unsigned* counts, unsigned* displacements) const;
     void addStrideLength(const unsigned* in, unsigned* out, unsigned stride) const;
     void addStrideLength(const unsigned* inA, const unsigned* inB, unsigned* outA, unsigned* outB,
@@ -789,16 +787,13 @@ private:
         std::vector<unsigned> _displacements;
     };
 
-    /// Gathers the lengths of the ranks' contributions, in elements, and fills `displacements` where the
+    /// Gathers the lengths of the ranks' contributions, in elements, and fills `_displacements` where the
     /// result goes. @return the total there, else 0
-    unsigned long long gatherCounts(unsigned long long count, std::vector<unsigned>& counts,
-                                    std::vector<unsigned>& displacements, unsigned root);
-    unsigned long long allGatherCounts(unsigned long long count, std::vector<unsigned>& counts,
-                                       std::vector<unsigned>& displacements);
+    unsigned long long gatherCounts(unsigned long long count, std::vector<unsigned>& counts, unsigned root);
+    unsigned long long allGatherCounts(unsigned long long count, std::vector<unsigned>& counts);
 
     static void checkContribution(unsigned long long count);
-    unsigned long long placeBlocks(const std::vector<unsigned>& counts,
-                                   std::vector<unsigned>& displacements) const;
+    unsigned long long placeBlocks(const std::vector<unsigned>& counts);
 
     // Checks of sizes.
 
@@ -862,6 +857,8 @@ private:
     double _communicationTime = 0.0;
     bool _communicationTimerEnabled = false;
     std::string _myName;
+    std::vector<unsigned>
+        _displacements; ///< of the last vector gather; kept, so that the next needs no memory
 };
 
 inline constexpr Communicator::Tag Communicator::_defaultTag{Tag::Unchecked{}, 0x7FFF};

@@ -4,8 +4,6 @@
 
 #include "mpiwrapper/OxmMpi.h"
 
-#include <boost/container/small_vector.hpp>
-
 namespace {
 
 using Frame = CommunicatorFrame;
@@ -21,21 +19,11 @@ constexpr Frame::Operation ALL_TO_ALL_VECTOR = Frame::global("Communicator::AllT
 
 } // namespace
 
-/// The counts or displacements of all ranks as the wrapper takes them: without an allocation up to 1024
-/// ranks.
-class Communicator::CountArray {
-public:
-    void fill(const unsigned* values, unsigned count) {
-        _values.resize(count, boost::container::default_init);
-        for (unsigned i = 0; i < count; ++i)
-            _values[i] = castCount<int>(values[i]);
-    }
-    /// Null when it wasn't filled.
-    const int* data() const { return _values.empty() ? nullptr : _values.data(); }
-
-private:
-    boost::container::small_vector<int, 1024> _values;
-};
+const int* Communicator::toWrapper(const unsigned* values) const {
+    for (unsigned i = 0; i < _size; ++i)
+        static_cast<void>(castCount<int>(values[i]));
+    return reinterpret_cast<const int*>(values); // the signed type may look at the same memory
+}
 
 // Each of the cutting family cuts only where a smaller piece exists: one element of each rank goes as it is.
 
@@ -122,15 +110,11 @@ void Communicator::gatherVector(ConstBufferBase<int> sendbuf, BufferBase<int> re
     ORVEX_ASSERT_AS(sendbuf.type == recvbuf.type, "sendbuf.type == recvbuf.type",
                     "Communicator::gatherVector");
     CommunicatorFrame frame(*this, GATHER_VECTOR, bytesOf(sendbuf));
-    CountArray counts;
-    CountArray positions;
-    if (_myRank == root) {
-        counts.fill(recvCounts, _size);
-        positions.fill(displacements, _size);
-    }
-    MpiCore::handleError(OXM_MPI_Gatherv(sendbuf.data, sendbuf.size, sendbuf.type, recvbuf.data,
-                                         counts.data(), positions.data(), recvbuf.type,
-                                         static_cast<int>(root), _handle));
+    const bool here = _myRank == root;
+    const int* const counts = here ? toWrapper(recvCounts) : nullptr;
+    const int* const positions = here ? toWrapper(displacements) : nullptr;
+    MpiCore::handleError(OXM_MPI_Gatherv(sendbuf.data, sendbuf.size, sendbuf.type, recvbuf.data, counts,
+                                         positions, recvbuf.type, static_cast<int>(root), _handle));
     frame.finish();
 }
 
@@ -139,15 +123,11 @@ void Communicator::scatterVector(ConstBufferBase<int> sendbuf, const unsigned* s
     ORVEX_ASSERT_AS(sendbuf.type == recvbuf.type, "sendbuf.type == recvbuf.type",
                     "Communicator::scatterVector");
     CommunicatorFrame frame(*this, SCATTER_VECTOR, bytesOf(recvbuf));
-    CountArray counts;
-    CountArray positions;
-    if (_myRank == root) {
-        counts.fill(sendCounts, _size);
-        positions.fill(displacements, _size);
-    }
-    MpiCore::handleError(OXM_MPI_Scatterv(sendbuf.data, counts.data(), positions.data(), sendbuf.type,
-                                          recvbuf.data, recvbuf.size, recvbuf.type, static_cast<int>(root),
-                                          _handle));
+    const bool here = _myRank == root;
+    const int* const counts = here ? toWrapper(sendCounts) : nullptr;
+    const int* const positions = here ? toWrapper(displacements) : nullptr;
+    MpiCore::handleError(OXM_MPI_Scatterv(sendbuf.data, counts, positions, sendbuf.type, recvbuf.data,
+                                          recvbuf.size, recvbuf.type, static_cast<int>(root), _handle));
     frame.finish();
 }
 
@@ -160,13 +140,10 @@ void Communicator::allGatherVector(ConstBufferBase<unsigned> sendbuf, BufferBase
         return;
     }
     CommunicatorFrame frame(*this, ALL_GATHER_VECTOR, bytesOf(sendbuf));
-    CountArray counts;
-    CountArray positions;
-    counts.fill(recvCounts, _size);
-    positions.fill(displacements, _size);
+    const int* const counts = toWrapper(recvCounts);
+    const int* const positions = toWrapper(displacements);
     MpiCore::handleError(OXM_MPI_Allgatherv(sendbuf.data, castCount<int>(sendbuf.size), sendbuf.type,
-                                            recvbuf.data, counts.data(), positions.data(), recvbuf.type,
-                                            _handle));
+                                            recvbuf.data, counts, positions, recvbuf.type, _handle));
     frame.finish();
 }
 
@@ -183,16 +160,8 @@ void Communicator::allToAllVector(ConstBufferBase<int> sendbuf, const unsigned* 
                                   const unsigned* recvCounts, const unsigned* recvDisplacements) {
     ORVEX_ASSERT_AS(sendbuf.type == recvbuf.type, "sendbuf.type == recvbuf.type", "Communicator::allToAll");
     CommunicatorFrame frame(*this, ALL_TO_ALL_VECTOR, bytesOf(sendbuf));
-    CountArray outCounts;
-    CountArray outPositions;
-    CountArray inCounts;
-    CountArray inPositions;
-    outCounts.fill(sendCounts, _size);
-    outPositions.fill(sendDisplacements, _size);
-    inCounts.fill(recvCounts, _size);
-    inPositions.fill(recvDisplacements, _size);
-    MpiCore::handleError(OXM_MPI_Alltoallv(sendbuf.data, outCounts.data(), outPositions.data(), sendbuf.type,
-                                           recvbuf.data, inCounts.data(), inPositions.data(), recvbuf.type,
-                                           _handle));
+    MpiCore::handleError(OXM_MPI_Alltoallv(sendbuf.data, toWrapper(sendCounts), toWrapper(sendDisplacements),
+                                           sendbuf.type, recvbuf.data, toWrapper(recvCounts),
+                                           toWrapper(recvDisplacements), recvbuf.type, _handle));
     frame.finish();
 }

@@ -46,27 +46,25 @@ void Communicator::checkContribution(unsigned long long count) {
 }
 
 unsigned long long Communicator::gatherCounts(unsigned long long count, std::vector<unsigned>& counts,
-                                              std::vector<unsigned>& displacements, unsigned root) {
+                                              unsigned root) {
     const bool here = _myRank == root;
     if (here)
         counts.resize(_size);
     checkContribution(count);
     const auto mine = static_cast<unsigned>(count);
     gather(viewOf<unsigned>(&mine, 1), viewOf<unsigned>(counts.data(), here ? _size : 0), root);
-    return here ? placeBlocks(counts, displacements) : 0;
+    return here ? placeBlocks(counts) : 0;
 }
 
-unsigned long long Communicator::allGatherCounts(unsigned long long count, std::vector<unsigned>& counts,
-                                                 std::vector<unsigned>& displacements) {
+unsigned long long Communicator::allGatherCounts(unsigned long long count, std::vector<unsigned>& counts) {
     counts.resize(_size);
     checkContribution(count);
     const auto mine = static_cast<unsigned>(count);
     allGather(viewOf<unsigned>(&mine, 1), viewOf<unsigned>(counts.data(), _size));
-    return placeBlocks(counts, displacements);
+    return placeBlocks(counts);
 }
 
-unsigned long long Communicator::placeBlocks(const std::vector<unsigned>& counts,
-                                             std::vector<unsigned>& displacements) const {
+unsigned long long Communicator::placeBlocks(const std::vector<unsigned>& counts) {
     const unsigned long long total = std::accumulate(counts.begin(), counts.end(), 0ull);
     constexpr unsigned long long bound = std::numeric_limits<unsigned>::max();
     if (total > bound)
@@ -74,8 +72,8 @@ unsigned long long Communicator::placeBlocks(const std::vector<unsigned>& counts
                                "\nMax count = " + std::to_string(bound) + ".\n" + _oversizedMessageHint +
                                "\n",
                            "false", __FILE__, __LINE__);
-    displacements.resize(_size);
-    getDefaultDisplacements(counts.data(), displacements.data());
+    _displacements.resize(_size);
+    getDefaultDisplacements(counts.data(), _displacements.data());
     return total;
 }
 

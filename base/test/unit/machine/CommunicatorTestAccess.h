@@ -46,8 +46,7 @@ public:
     }
     void broadcast(LargeOut buf) { _communicator.broadcast(buf, 0u); }
     unsigned long long gatherCounts(unsigned long long count, std::vector<unsigned>& counts) {
-        std::vector<unsigned> displacements;
-        return _communicator.gatherCounts(count, counts, displacements, 0);
+        return _communicator.gatherCounts(count, counts, 0);
     }
     static unsigned getSleep(unsigned ranks) { return Communicator::getSleep(ranks); }
 
