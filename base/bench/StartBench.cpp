@@ -32,6 +32,10 @@ public:
                 awaitAll();
             }
         });
+        _harness.addCase("the end alone", [this](int n) {
+            for (int i = 0; i < n; ++i)
+                awaitAll();
+        });
         _harness.addReference("view of the job", "names and identifiers", [this](int n) {
             for (int i = 0; i < n; ++i) {
                 std::vector<std::string> names;

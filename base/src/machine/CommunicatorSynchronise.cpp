@@ -21,15 +21,14 @@ constexpr CommunicatorFrame::Operation SYNCHRONISE = CommunicatorFrame::global("
 class ShortSleep {
 public:
     void next() {
-        constexpr double shortest = 2e-5; // [s]
+        constexpr double shortest = 1e-4; // [s] many ranks that look more often take a processor for it
         constexpr double longest = 1e-2;
-        const double sleep = std::clamp(_waited / 8, shortest, longest);
-        Platform::time().sleep(sleep);
-        _waited += sleep;
+        const double waited = Platform::time().getTime() - _start;
+        Platform::time().sleep(std::clamp(waited / 8, shortest, longest));
     }
 
 private:
-    double _waited = 0.0;
+    double _start = Platform::time().getTime();
 };
 
 } // namespace
