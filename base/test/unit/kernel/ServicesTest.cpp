@@ -3,7 +3,6 @@
 
 #include "kernel/AnalyticsEvent.h"
 #include "kernel/AnalyticsManager.h"
-#include "kernel/CoreObject.h"
 #include "kernel/DynamicLoader.h"
 #include "kernel/Error.h"
 #include "kernel/FileHelper.h"
@@ -224,24 +223,19 @@ TEST(Task, TellsItsProgressAndCanBeCancelled) {
 }
 
 TEST(FileHelper, CutsNames) {
-    const struct {
-        const wchar_t* path;
-        const wchar_t* name;
-        const wchar_t* stem;
-        const wchar_t* extension;
-    } rows[] = {{L"/a.b/c.d.sim", L"c.d.sim", L"c.d", L".sim"},
-                {L"plain", L"plain", L"plain", L""},
-                {L"/a.b/plain", L"plain", L"plain", L""},
-                {L".hidden", L".hidden", L".hidden", L""},
-                {L"/x/.hidden.sim", L".hidden.sim", L".hidden", L".sim"},
-                {L"a.", L"a.", L"a", L"."},
-                {L"/a/", L"", L"", L""},
-                {L"", L"", L"", L""}};
-    for (const auto& row : rows) {
-        EXPECT_EQ(FileHelper::stripPath(row.path), row.name);
-        EXPECT_EQ(FileHelper::stripPathAndExtension(row.path), row.stem);
-        EXPECT_EQ(FileHelper::getExtension(row.path), row.extension);
-        EXPECT_EQ(FileHelper::stripExtension(row.path) + FileHelper::getExtension(row.path), row.path);
+    for (const auto& [path, name, stem, extension] :
+         {std::tuple(L"/a.b/c.d.sim", L"c.d.sim", L"c.d", L".sim"),
+          {L"plain", L"plain", L"plain", L""},
+          {L"/a.b/plain", L"plain", L"plain", L""},
+          {L".hidden", L".hidden", L".hidden", L""},
+          {L"/x/.hidden.sim", L".hidden.sim", L".hidden", L".sim"},
+          {L"a.", L"a.", L"a", L"."},
+          {L"/a/", L"", L"", L""},
+          {L"", L"", L"", L""}}) {
+        EXPECT_EQ(FileHelper::stripPath(path), name);
+        EXPECT_EQ(FileHelper::stripPathAndExtension(path), stem);
+        EXPECT_EQ(FileHelper::getExtension(path), extension);
+        EXPECT_EQ(FileHelper::stripExtension(path) + FileHelper::getExtension(path), path);
     }
 }
 
@@ -293,15 +287,4 @@ TEST(ObservableFromClient, GoesToTheNotifierOrTheConsole) {
     ObservableFromClient::notifyImmediate("Other", "c\n");
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "b\n");
     EXPECT_EQ(told, "ConsoleMessagea\n");
-}
-
-TEST(CoreObject, EndsThroughDestroy) {
-    static bool ended;
-    ended = false;
-    struct Object : CoreObject {
-        ~Object() override { ended = true; }
-    };
-    CoreObject::destroy(new Object);
-    CoreObject::destroy(nullptr);
-    EXPECT_TRUE(ended);
 }

@@ -5,20 +5,13 @@
 #include <stdexcept>
 
 TEST(Base64Encoder, BothWays) {
-    const struct {
-        std::string bytes;
-        std::string base64;
-    } rows[] = {{"", ""},
-                {"f", "Zg=="},
-                {"fo", "Zm8="},
-                {"foo", "Zm9v"},
-                {"foob", "Zm9vYg=="},
-                {"fooba", "Zm9vYmE="},
-                {"foobar", "Zm9vYmFy"},
-                {"\xFB\xEF\xFF", "++//"}};
-    for (const auto& row : rows) {
-        EXPECT_EQ(Base64Encoder::encode(row.bytes), row.base64);
-        EXPECT_EQ(Base64Encoder::decodeBytes(row.base64), row.bytes);
+    for (const auto& [bytes, base64] : {std::pair("", ""),
+                                        {"f", "Zg=="},
+                                        {"foo", "Zm9v"},
+                                        {"fooba", "Zm9vYmE="},
+                                        {"\xFB\xEF\xFF", "++//"}}) {
+        EXPECT_EQ(Base64Encoder::encode(bytes), base64);
+        EXPECT_EQ(Base64Encoder::decodeBytes(base64), bytes);
     }
     const std::wstring wide = L"Stra\x00DF"
                               L"e \x20AC \x1F600";
@@ -26,23 +19,20 @@ TEST(Base64Encoder, BothWays) {
 }
 
 TEST(Base64Encoder, BadInputIsNamed) {
-    const struct {
-        std::string base64;
-        std::string what;
-    } rows[] = {{"Zg=", "its length, 3, is no multiple of 4"},
-                {"Zm9*", "it has the character '*' at position 4"},
-                {"Zm\n9", "it has the character of code 10 at position 3"},
-                {"Z===", "it has the character '=' at position 2"},
-                {"Zg==Zg==", "it has the character '=' at position 3"},
-                {"Zh==", "its last digit, at position 2, has bits beyond the last byte"},
-                {"Zm9=", "its last digit, at position 3, has bits beyond the last byte"},
-                {"/w==", "what it holds isn't UTF-8"}};
-    for (const auto& row : rows) {
+    for (const auto& [base64, what] :
+         {std::pair<std::string, std::string>("Zg=", "its length, 3, is no multiple of 4"),
+          {"Zm9*", "it has the character '*' at position 4"},
+          {"Zm\n9", "it has the character of code 10 at position 3"},
+          {"Z===", "it has the character '=' at position 2"},
+          {"Zg==Zg==", "it has the character '=' at position 3"},
+          {"Zh==", "its last digit, at position 2, has bits beyond the last byte"},
+          {"Zm9=", "its last digit, at position 3, has bits beyond the last byte"},
+          {"/w==", "what it holds isn't UTF-8"}}) {
         try {
-            Base64Encoder::decode(row.base64);
-            ADD_FAILURE() << row.base64 << " was taken";
+            Base64Encoder::decode(base64);
+            ADD_FAILURE() << base64 << " was taken";
         } catch (const std::invalid_argument& error) {
-            EXPECT_EQ(error.what(), "Invalid Base64 text: " + row.what);
+            EXPECT_EQ(error.what(), "Invalid Base64 text: " + what);
         }
     }
 }

@@ -1,5 +1,4 @@
 #include "platform/FpuHandling.h"
-#include "platform/FloatingPointErrorRecord.h"
 
 #include <gtest/gtest.h>
 
@@ -14,8 +13,6 @@ public:
     static FpeStatusReadAccessKey read() { return {}; }
     static FpeStatusWriteAccessKey write() { return {}; }
     static FpuEnvironmentAccessKey environment() { return {}; }
-    static std::string getRecord() { return FloatingPointErrorRecord::get(); }
-    static void clearRecord() { FloatingPointErrorRecord::clear(); }
 };
 
 namespace {
@@ -37,29 +34,25 @@ protected:
 } // namespace
 
 TEST_F(FpuHandlingTest, StatusTellsWhatHappened) {
-    const struct {
-        void (*operation)();
-        unsigned status;
-        std::string text;
-    } rows[] = {{[] { result = one + one; }, 0, "No floating-point exception"},
-                {[] { result = one / 3.0; }, 0, "No floating-point exception"}, // inexact doesn't count
-                {[] { result = tiny * 0.5; }, 0, "No floating-point exception"},
-                {[] { result = one / zero; }, 1, "Floating-point exception: division by zero"},
-                {[] { result = zero / zero; }, 2, "Floating-point exception: invalid operation"},
-                {[] { result = huge + huge; }, 4, "Floating-point exception: overflow"},
-                {[] {
-                     result = one / zero;
-                     result = huge * huge;
-                 },
-                 5, "Floating-point exception: division by zero, overflow"}};
-    for (const auto& row : rows) {
+    for (const auto& [operation, status, text] :
+         {std::tuple<void (*)(), unsigned, std::string>([] { result = one + one; }, 0,
+                                                        "No floating-point exception"),
+          {[] { result = one / 3.0; }, 0, "No floating-point exception"}, // inexact doesn't count
+          {[] { result = tiny * 0.5; }, 0, "No floating-point exception"},
+          {[] { result = one / zero; }, 1, "Floating-point exception: division by zero"},
+          {[] { result = zero / zero; }, 2, "Floating-point exception: invalid operation"},
+          {[] { result = huge + huge; }, 4, "Floating-point exception: overflow"},
+          {[] {
+               result = one / zero;
+               result = huge * huge;
+           },
+           5, "Floating-point exception: division by zero, overflow"}}) {
         FpuHandling::clearFpeStatus(Access::write());
-        row.operation();
-        EXPECT_EQ(FpuHandling::isFpeStatusClear(Access::read()), row.status == 0) << row.text;
+        operation();
+        EXPECT_EQ(FpuHandling::isFpeStatusClear(Access::read()), status == 0) << text;
         for (const unsigned bit : {1u, 2u, 4u})
-            EXPECT_EQ(FpuHandling::testFpeStatus(Access::read(), bit), (row.status & bit) != 0)
-                << row.text << bit;
-        EXPECT_EQ(FpuHandling::getFpeStatusAsString(Access::read()), row.text);
+            EXPECT_EQ(FpuHandling::testFpeStatus(Access::read(), bit), (status & bit) != 0) << text << bit;
+        EXPECT_EQ(FpuHandling::getFpeStatusAsString(Access::read()), text);
     }
     // Each thread has a status of its own.
     FpuHandling::clearFpeStatus(Access::write());
@@ -90,13 +83,4 @@ TEST_F(FpuHandlingTest, TrapsAreSetApart) {
     EXPECT_EQ(FpuHandling::getTraps(Access::read()), unsigned(FpuHandling::DIVISION_BY_ZERO));
     FpuHandling::resetEnvironment(Access::environment());
     EXPECT_EQ(FpuHandling::getTraps(Access::read()), 0u);
-}
-
-TEST(FloatingPointErrorRecord, TheLastTextStays) {
-    EXPECT_EQ(PlatformTestAccess::getRecord(), "");
-    FloatingPointErrorRecord::set("one");
-    FloatingPointErrorRecord::set("two");
-    EXPECT_EQ(PlatformTestAccess::getRecord(), "two");
-    PlatformTestAccess::clearRecord();
-    EXPECT_EQ(PlatformTestAccess::getRecord(), "");
 }

@@ -36,17 +36,14 @@ protected:
 } // namespace
 
 TEST_F(LogTest, DataStandsForItsPlaces) {
-    const struct {
-        std::string text;
-        std::string expected;
-    } rows[] = {{"", ""},
-                {"#LPUs = @0@, mask = @1@", "#LPUs = 4, mask = 0-3"},
-                {"@1@@0@@1@", "0-340-3"},
-                {"@2@ stays, so do @ and @x@ and @-1@", "@2@ stays, so do @ and @x@ and @-1@"},
-                {"ann@host @0@", "ann@host 4"},
-                {"@@0@@", "@4@"}};
-    for (const auto& row : rows)
-        EXPECT_EQ(OS::Log::format(row.text, {"4", "0-3"}), row.expected);
+    for (const auto& [text, expected] :
+         {std::pair("", ""),
+          {"#LPUs = @0@, mask = @1@", "#LPUs = 4, mask = 0-3"},
+          {"@1@@0@@1@", "0-340-3"},
+          {"@2@ stays, so do @ and @x@ and @-1@", "@2@ stays, so do @ and @x@ and @-1@"},
+          {"ann@host @0@", "ann@host 4"},
+          {"@@0@@", "@4@"}})
+        EXPECT_EQ(OS::Log::format(text, {"4", "0-3"}), expected);
     EXPECT_EQ(OS::Log::format("@0@", {"@0@"}), "@0@"); // data isn't looked into
 }
 

@@ -7,19 +7,15 @@
 using Words = std::vector<std::string>;
 
 TEST(OrvexCommandTokenizer, WordsAndTextBothWays) {
-    const struct {
-        std::string text;
-        Words words;
-    } rows[] = {{"", {}},
-                {"orvexsim -s -port 4711", {"orvexsim", "-s", "-port", "4711"}},
-                {"a \"b c\" \"\"", {"a", "b c", ""}},
-                {"\"say \\\"hi\\\"\"", {"say \"hi\""}},
-                {"C:\\tools\\plink.exe -P", {"C:\\tools\\plink.exe", "-P"}},
-                {"\"end \\\\\" x", {"end \\", "x"}},
-                {"\"it's\"", {"it's"}}};
-    for (const auto& row : rows) {
-        EXPECT_EQ(OrvexCommandTokenizer::tokenize(row.text), row.words) << row.text;
-        EXPECT_EQ(OrvexCommandTokenizer::concatenate(row.words), row.text);
+    for (const auto& [text, words] : {std::pair<std::string, Words>("", {}),
+                                      {"orvexsim -s -port 4711", {"orvexsim", "-s", "-port", "4711"}},
+                                      {"a \"b c\" \"\"", {"a", "b c", ""}},
+                                      {"\"say \\\"hi\\\"\"", {"say \"hi\""}},
+                                      {"C:\\tools\\plink.exe -P", {"C:\\tools\\plink.exe", "-P"}},
+                                      {"\"end \\\\\" x", {"end \\", "x"}},
+                                      {"\"it's\"", {"it's"}}}) {
+        EXPECT_EQ(OrvexCommandTokenizer::tokenize(text), words) << text;
+        EXPECT_EQ(OrvexCommandTokenizer::concatenate(words), text);
     }
     // Further ways to write the same words.
     EXPECT_EQ(OrvexCommandTokenizer::tokenize("  a\t'b  \\c'd\n"), (Words{"a", "b  \\cd"}));

@@ -7,41 +7,34 @@
 using namespace std::string_literals;
 
 TEST(StringHelper, Utf8BothWays) {
-    const struct {
-        std::string narrow;
-        std::wstring wide;
-    } rows[] = {{"", L""},
-                {"plain", L"plain"},
-                {"a\0b"s, L"a\0b"s},
-                {"\x7F\xC2\x80\xDF\xBF", L"\x7F\x80\x7FF"},
-                {"\xE0\xA0\x80\xED\x9F\xBF\xEE\x80\x80\xEF\xBF\xBF", L"\x800\xD7FF\xE000\xFFFF"},
-                {"\xF0\x90\x80\x80\xF4\x8F\xBF\xBF", L"\x10000\x10FFFF"}};
-    for (const auto& row : rows) {
-        EXPECT_EQ(StringHelper::toWString(row.narrow), row.wide) << row.narrow;
-        EXPECT_EQ(StringHelper::toString(row.wide), row.narrow) << row.narrow;
-        EXPECT_TRUE(StringHelper::isValidUtf8(row.narrow)) << row.narrow;
+    for (const auto& [narrow, wide] :
+         {std::pair(""s, L""s),
+          {"plain", L"plain"},
+          {"a\0b"s, L"a\0b"s},
+          {"\x7F\xC2\x80\xDF\xBF", L"\x7F\x80\x7FF"},
+          {"\xE0\xA0\x80\xED\x9F\xBF\xEE\x80\x80\xEF\xBF\xBF", L"\x800\xD7FF\xE000\xFFFF"},
+          {"\xF0\x90\x80\x80\xF4\x8F\xBF\xBF", L"\x10000\x10FFFF"}}) {
+        EXPECT_EQ(StringHelper::toWString(narrow), wide) << narrow;
+        EXPECT_EQ(StringHelper::toString(wide), narrow) << narrow;
+        EXPECT_TRUE(StringHelper::isValidUtf8(narrow)) << narrow;
     }
 }
 
 TEST(StringHelper, InvalidInputIsReplaced) {
     const std::wstring R = L"\xFFFD";
-    const struct {
-        std::string narrow;
-        std::wstring wide;
-    } rows[] = {{"\x80", R},
-                {"a\xFFz", L"a" + R + L"z"},
-                {"\xC0\xAF", R + R},                 // overlong
-                {"\xE0\x9F\x80", R + R + R},         // overlong
-                {"\xED\xA0\x80", R + R + R},         // a surrogate
-                {"\xF4\x90\x80\x80", R + R + R + R}, // beyond Unicode
-                {"\xF5\x80", R + R},
-                {"\xE2\x82", R}, // cut off: one replacement for the whole beginning
-                {"\xE2\x82x", R + L"x"},
-                {"\xF0\x9F\x98\xE2\x82\xAC", R + L"\x20AC"}};
-    for (const auto& row : rows) {
-        EXPECT_EQ(StringHelper::toWString(row.narrow), row.wide) << testing::PrintToString(row.narrow);
-        EXPECT_FALSE(StringHelper::isValidUtf8(row.narrow)) << testing::PrintToString(row.narrow);
-        EXPECT_TRUE(StringHelper::isValidUtf8(StringHelper::toValidUtf8(row.narrow)));
+    for (const auto& [narrow, wide] : {std::pair("\x80"s, R),
+                                       {"a\xFFz", L"a" + R + L"z"},
+                                       {"\xC0\xAF", R + R},                 // overlong
+                                       {"\xE0\x9F\x80", R + R + R},         // overlong
+                                       {"\xED\xA0\x80", R + R + R},         // a surrogate
+                                       {"\xF4\x90\x80\x80", R + R + R + R}, // beyond Unicode
+                                       {"\xF5\x80", R + R},
+                                       {"\xE2\x82", R}, // cut off: one replacement for the whole beginning
+                                       {"\xE2\x82x", R + L"x"},
+                                       {"\xF0\x9F\x98\xE2\x82\xAC", R + L"\x20AC"}}) {
+        EXPECT_EQ(StringHelper::toWString(narrow), wide) << testing::PrintToString(narrow);
+        EXPECT_FALSE(StringHelper::isValidUtf8(narrow)) << testing::PrintToString(narrow);
+        EXPECT_TRUE(StringHelper::isValidUtf8(StringHelper::toValidUtf8(narrow)));
     }
     const std::wstring wrong{static_cast<wchar_t>(0xD800), static_cast<wchar_t>(0x110000),
                              static_cast<wchar_t>(-1)};
@@ -56,18 +49,13 @@ TEST(StringHelper, CaseDoesNotFollowTheLocale) {
 
 TEST(StringHelper, TokenizeJoinTrim) {
     using Words = std::vector<std::string>;
-    const struct {
-        std::string text;
-        std::string separators;
-        Words words;
-    } rows[] = {{"", " ", {}},
-                {"   ", " ", {}},
-                {"a", " ", {"a"}},
-                {"  plink -P  22 ", " ", {"plink", "-P", "22"}},
-                {"/a//b/", "/", {"a", "b"}},
-                {"a:b;c", ":;", {"a", "b", "c"}}};
-    for (const auto& row : rows)
-        EXPECT_EQ(StringHelper::tokenize(row.text, row.separators), row.words) << row.text;
+    for (const auto& [text, separators, words] : {std::tuple<std::string, std::string, Words>("", " ", {}),
+                                                  {"   ", " ", {}},
+                                                  {"a", " ", {"a"}},
+                                                  {"  plink -P  22 ", " ", {"plink", "-P", "22"}},
+                                                  {"/a//b/", "/", {"a", "b"}},
+                                                  {"a:b;c", ":;", {"a", "b", "c"}}})
+        EXPECT_EQ(StringHelper::tokenize(text, separators), words) << text;
     EXPECT_EQ(StringHelper::tokenize(L"-a b-c", L"-"), (std::vector<std::wstring>{L"a b", L"c"}));
     EXPECT_EQ(StringHelper::join({"1", "2", "3"}, ", "), "1, 2, 3");
     EXPECT_EQ(StringHelper::trim("\t a b \r\n"), "a b");

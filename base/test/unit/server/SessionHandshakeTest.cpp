@@ -86,32 +86,29 @@ TEST_F(SessionHandshakeTest, keepsOutWithWords) {
     otherVersion.set("product", "orvexctl 9.9");
     SessionHandshake::Greeting other = greeting();
     other.nonce = SessionKey::makeNonce();
-    const struct {
-        std::string params;
-        int code;
-        std::string text;
-    } rows[] = {
-        {SessionHandshake::answer(greeting(), SessionKey::generate(), clientNonce, Access::COMMANDS, "me"),
-         RpcFault::NOT_AUTHENTICATED, "proof of the session key is wrong"},
-        // a proof seen on another connection, where the server's nonce was another
-        {SessionHandshake::answer(other, key, clientNonce, Access::COMMANDS, "me"),
-         RpcFault::NOT_AUTHENTICATED, "proof of the session key is wrong"},
-        {with("nonce", SessionKey::makeNonce()), RpcFault::NOT_AUTHENTICATED,
-         "proof of the session key is wrong"},
-        {with("access", "control"), RpcFault::NOT_AUTHENTICATED, "proof of the session key is wrong"},
-        {with("access", "all"), RpcFault::INVALID_PARAMS, "\"access\" must be"},
-        {with("nonce", "short"), RpcFault::INVALID_PARAMS, "64 lower-case"},
-        {with("proof", ""), RpcFault::NOT_AUTHENTICATED, "proof of the session key is wrong"},
-        {"{}", RpcFault::INVALID_PARAMS, "protocol"},
-        {otherVersion.toString(), RpcFault::VERSION_MISMATCH,
-         "The server (" + OrvexVersion::getVersionedProductName() +
-             ") speaks protocol 1, the client (orvexctl 9.9) speaks protocol 99"},
-    };
-    for (const auto& row : rows) {
-        const std::optional<RpcFault> fault = judge(row.params);
-        ASSERT_TRUE(fault) << row.params;
-        EXPECT_EQ(fault->code, row.code) << fault->message;
-        EXPECT_NE(fault->message.find(row.text), std::string::npos) << fault->message;
+    for (const auto& [params, code, text] : {
+             std::tuple<std::string, int, std::string>(
+                 SessionHandshake::answer(greeting(), SessionKey::generate(), clientNonce, Access::COMMANDS,
+                                          "me"),
+                 RpcFault::NOT_AUTHENTICATED, "proof of the session key is wrong"),
+             // a proof seen on another connection, where the server's nonce was another
+             {SessionHandshake::answer(other, key, clientNonce, Access::COMMANDS, "me"),
+              RpcFault::NOT_AUTHENTICATED, "proof of the session key is wrong"},
+             {with("nonce", SessionKey::makeNonce()), RpcFault::NOT_AUTHENTICATED,
+              "proof of the session key is wrong"},
+             {with("access", "control"), RpcFault::NOT_AUTHENTICATED, "proof of the session key is wrong"},
+             {with("access", "all"), RpcFault::INVALID_PARAMS, "\"access\" must be"},
+             {with("nonce", "short"), RpcFault::INVALID_PARAMS, "64 lower-case"},
+             {with("proof", ""), RpcFault::NOT_AUTHENTICATED, "proof of the session key is wrong"},
+             {"{}", RpcFault::INVALID_PARAMS, "protocol"},
+             {otherVersion.toString(), RpcFault::VERSION_MISMATCH,
+              "The server (" + OrvexVersion::getVersionedProductName() +
+                  ") speaks protocol 1, the client (orvexctl 9.9) speaks protocol 99"},
+         }) {
+        const std::optional<RpcFault> fault = judge(params);
+        ASSERT_TRUE(fault) << params;
+        EXPECT_EQ(fault->code, code) << fault->message;
+        EXPECT_NE(fault->message.find(text), std::string::npos) << fault->message;
     }
     EXPECT_EQ(judge(good, "GetHosts")->code, RpcFault::NOT_AUTHENTICATED);
     EXPECT_FALSE(judge(good));

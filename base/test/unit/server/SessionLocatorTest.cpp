@@ -82,14 +82,6 @@ TEST_F(SessionLocatorTest, publishesForItsUserAlone) {
     EXPECT_TRUE(locator().stopRequested());
 }
 
-TEST_F(SessionLocatorTest, unlistedIsReachedByItsPathAlone) {
-    SessionRecord unlisted = record("hidden");
-    unlisted.listed = false;
-    locator().publish(unlisted);
-    EXPECT_TRUE(locator().findSessions().empty());
-    EXPECT_EQ(SessionLocator::readRecord(locator().getRecordPath()).name, "hidden");
-}
-
 TEST_F(SessionLocatorTest, newestFirstAndTheDeadAreRemoved) {
     SessionRecord dead = mine("dead", 50.0);
     dead.startStamp += 1; // another process with the pid of today
