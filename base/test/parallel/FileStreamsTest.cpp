@@ -17,6 +17,7 @@
 #include <fstream>
 #include <numeric>
 #include <sstream>
+#include <tuple>
 
 namespace {
 
@@ -75,17 +76,8 @@ TEST_F(FileStreams, whatTheReaderGetsReachesAll) {
     bool b = false;
     std::string word = "something longer than the word";
     file >> us >> s >> f >> d >> ld >> u >> i >> ull >> ll >> b >> word;
-    EXPECT_EQ(us, 1);
-    EXPECT_EQ(s, -2);
-    EXPECT_EQ(f, 3.5f);
-    EXPECT_EQ(d, -4.25);
-    EXPECT_EQ(ld, 5e300L);
-    EXPECT_EQ(u, 7u);
-    EXPECT_EQ(i, -8);
-    EXPECT_EQ(ull, 9u);
-    EXPECT_EQ(ll, 10);
-    EXPECT_TRUE(b);
-    EXPECT_EQ(word, "word");
+    EXPECT_EQ(std::tie(us, s, f, d, ld, u, i, ull, ll, b, word),
+              std::tuple(1, -2, 3.5f, -4.25, 5e300L, 7u, -8, 9ull, 10L, true, std::string("word")));
     char c = 0;
     unsigned char uc = 0;
     file >> c >> uc;

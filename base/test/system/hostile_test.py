@@ -172,6 +172,7 @@ class Hostile(Case):
             ("CreateFile", {"path": "/nowhere/at/all"}, "Could not open file: /nowhere/at/all"),
             ("EnableIODebug", {"ioVerbosityLevel": -1}, "ioVerbosityLevel"),
             ("EnableIODebug", {"ioVerbosityLevel": 1e30}, "ioVerbosityLevel"),
+            ("EnableIODebug", {"ioVerbosityLevel": 4294967295}, "ioVerbosityLevel"),
             ("EnableIODebug", {"ioVerbosityLevel": "x"}, "ioVerbosityLevel"),
         ]:
             with self.subTest(command=name, arguments=arguments):

@@ -36,26 +36,31 @@ REFUSED_SERIAL = [
     (["-module", "OrvexNowhere"], "DynamicLoader: couldn't load OrvexNowhere.", ERROR),
     (["-port", "x"], "\nInvalid server port number argument.\n", ERROR),
     (["-portrange", "x1"], "\nInvalid server port range number argument.\n", ERROR),
-    (["-port"], "\nUnrecognized argument '-port'\n", INVALID),
-    (["-portrange"], "\nUnrecognized argument '-portrange'\n", INVALID),
-    (["-session"], "\nUnrecognized argument '-session'\n", INVALID),
-    (["-encoded-session"], "\nUnrecognized argument '-encoded-session'\n", INVALID),
-    (["-Collab"], "\nUnrecognized argument '-Collab'\n", INVALID),
-    (["--port", "1"], "\nUnrecognized argument '--port'\n", INVALID),
-    (["-port=1"], "\nUnrecognized argument '-port=1'\n", INVALID),
-    (["-totalview"], "\nUnrecognized argument '-totalview'\n", INVALID),
+    (["-port", ""], "\nInvalid server port number argument.\n", ERROR),
+    (["-port", "-5"], "\nInvalid server port number argument.\n", ERROR),
+    *[([word], f"\nUnrecognized argument '{word}'\n", INVALID)
+      for word in ("-port", "-portrange", "-session", "-encoded-session", "-xclientaddr", "-procfile", "-proxy",
+                   "-encoded-proxycmd", "-encoded-passtodesign", "-encoded-dmrunfile", "-Collab", "--port", "-port=1",
+                   "-totalview", "-")],
+    (["-encoded-param", "a", "*"], "Invalid Base64 text: ", INVALID),
+    (["-encoded-session", "*"], "Invalid Base64 text: ", INVALID),
     (["-proxy", "h"], "A proxy server was requested but a command was not provided\n", INVALID),
     (["-dmproject", "-dmpost"], "-dmproject argument is not compatible with -dmpost argument\n", INVALID),
 ]
 
 # Words without "-s": these processes look for a message layer.
 REFUSED_START = [
-    ([], "The flag -mpidriver or -mpi must be specified", INVALID),
+    *[(words, "The flag -mpidriver or -mpi must be specified", INVALID) for words in ([], ["-S"], ["-mpi=openmpi4"])],
     (["-mpi"], "Missing -mpidriver arg", INVALID),
     (["-mpidriver"], "Missing -mpidriver arg", INVALID),
     (["-mpi", "foo"], "Unknown MPI driver: foo", INVALID),
+    (["-mpi", ""], "Unknown MPI driver: ", INVALID),
+    (["-mpi", "Intel"], "Unknown MPI driver: Intel", INVALID),
     (["-mpi", "foo", "-mpi", "openmpi4"], "Unknown MPI driver: foo", INVALID),
+    (["-mpi", "intel", "-mpidriver", "foo"], "Unknown MPI driver: foo", INVALID),
+    (["-mpi", "msmpi", "-xinternalmsmpidll"], "Missing -xinternalmsmpidll arg", INVALID),
     (["-mpi", "hpe"], "Failed to initialize MPI wrapper: ", ERROR),
+    (["-mpi", "hpe"], "libOrvexHpeMpi", ERROR),
 ]
 
 # Files in the working folder: "full.sim" has content, "empty.sim" has none, "folder" is one.
@@ -272,6 +277,7 @@ class Taken(Case):
         self.assertEqual((self.room.work / "plain").read_text(), "x")
 
     def test_process_file_serial(self):
+        (self.room.work / "pids").write_text("something older that is longer than the line which takes its place\n\n")
         job = self.ready("-procfile", "pids")
         self.assertRegex((self.room.work / "pids").read_text(), rf"^[^:\s]+:{job.process.pid}\n$")
         self.assertEqual(job.run("GetProcessFileName")["filename"], "pids")

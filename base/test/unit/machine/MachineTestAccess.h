@@ -87,7 +87,6 @@ public:
     static void settleSessionFile(const std::wstring& name, bool createNew) {
         Machine::getSingleton().settleSessionFile(name, createNew);
     }
-    static void writeProcessFile() { Machine::getSingleton().writeProcessFile(); }
     static void testOverSubscription() { Machine::getSingleton().testOverSubscription(); }
     static void conformProcessAffinityToMainThreadAffinity() {
         Machine::getSingleton().conformProcessAffinityToMainThreadAffinity();

@@ -172,35 +172,28 @@ TEST_F(ParallelFileTest, tellsOfFailures) {
 
 TEST_F(ParallelFileTest, tellsTheLayout) {
     using Info = std::map<std::string, std::string>;
-    const auto panfs = [](const char* type, const char* components, const char* width) {
+    const auto panfs = [](const char* type, const char* width) {
         return Info{{"panfs_layout_type", type},
                     {"panfs_layout_stripe_unit", "65536"},
-                    {"panfs_layout_total_num_comps", components},
+                    {"panfs_layout_total_num_comps", "8"},
                     {"panfs_layout_parity_stripe_width", width},
                     {"panfs_layout_parity_stripe_depth", "2"}};
     };
-    const auto told = [](const char* alignment, const char* components, const char* type) {
-        Info info{{"alignment_size", alignment}, {"stripe_unit", "65536"}, {"number_comp", components}};
+    const auto told = [](const char* alignment, const char* type, const char* width = "") {
+        Info info{{"alignment_size", alignment}, {"stripe_unit", "65536"}, {"number_comp", "8"}};
         if (*type)
             info["layout_type"] = type;
+        if (*width)
+            info.insert({{"raid5_width", width}, {"raid5_depth", "2"}});
         return info;
     };
-    Info raid5 = told("458752", "8", "RAID5");
-    raid5["raid5_width"] = "8";
-    raid5["raid5_depth"] = "2";
-    Info narrow = told("65536", "8", "RAID5");
-    narrow["raid5_width"] = "2";
-    narrow["raid5_depth"] = "2";
     const struct {
         Info hints;
         Info told;
     } rows[] = {
-        {{}, {{"alignment_size", "2097152"}}},
-        {panfs("2", "8", "9"), told("2097152", "8", "RAID0")},
-        {panfs("4", "8", "9"), told("2097152", "8", "RAID10")},
-        {panfs("5", "8", "9"), told("2097152", "8", "")},
-        {panfs("3", "8", "9"), raid5},
-        {panfs("3", "8", "2"), narrow},
+        {{}, {{"alignment_size", "2097152"}}},           {panfs("2", "9"), told("2097152", "RAID0")},
+        {panfs("4", "9"), told("2097152", "RAID10")},    {panfs("5", "9"), told("2097152", "")},
+        {panfs("3", "9"), told("458752", "RAID5", "8")}, {panfs("3", "2"), told("65536", "RAID5", "2")},
     };
     ParallelFile file(limit(1024), L"field", CREATE);
     for (const auto& row : rows) {

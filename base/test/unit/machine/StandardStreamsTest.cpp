@@ -9,15 +9,19 @@
 #include "platform/FileSystem.h"
 #include "platform/StringHelper.h"
 
+#include "unit/machine/Failures.h"
 #include "unit/machine/MachineTestAccess.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <iostream>
 #include <sstream>
 #include <thread>
+#include <utility>
 
 #include <unistd.h>
 
@@ -170,83 +174,39 @@ TEST_F(StandardStreamManager_, namesOfTheFiles) {
         EXPECT_FALSE(manager.hasNullRedirection());
     }
     StandardStreamManager nowhere(path(L"missing"), false);
-    try {
-        nowhere.redirectOriginalStreamsToFile();
-        ADD_FAILURE();
-    } catch (const InternalError& error) {
-        EXPECT_EQ(Error::getMessage(error.getProperties()), "Failed to redirect stdout");
-        EXPECT_EQ(error.getProperties().getString("Condition"), "!stdoutLogFile.empty()");
-    }
+    expectAssertion([&] { nowhere.redirectOriginalStreamsToFile(); }, "Failed to redirect stdout",
+                    "!stdoutLogFile.empty()", "StandardStreamManager.cpp");
 }
 
+/// A row's steps: C and c switch the console on and off, L and l the log; a point flushes, E ends the line, a
+/// bar ends a write; the rest is text.
 TEST_F(ParallelConsoleBuf_, blocksPrefixesAndLogs) {
-    using Buffer = ParallelConsoleBuf;
     struct Row {
         const char* name;
         Machine::SerialParallelMode mode;
         unsigned ranks;
         unsigned rank;
-        void (*work)(std::ostream&, Buffer&);
+        const char* steps;
         const char* console;
         const char* log;
     };
     constexpr auto MASTER = Machine::MASTER_MODE;
     constexpr auto WORKER = Machine::WORKER_MODE;
-    constexpr auto PRINT = [](std::ostream& out, Buffer&) { out << "a " << 1 << std::endl; };
-    constexpr auto BOTH = [](std::ostream& out, Buffer& buffer) {
-        buffer.enableLogFile(true);
-        buffer.enableConsole(true);
-        out << "b" << std::endl;
-    };
-    const std::vector<Row> rows = {
-        {"the master prints without a prefix", MASTER, 2, 0, PRINT, "a 1\n", "no file"},
-        {"a worker is silent", WORKER, 2, 1, PRINT, "", "no file"},
-        {"one digit", WORKER, 9, 3, BOTH, "Proc[3] : b\n", "Proc[3] : b\n"},
-        {"two digits", WORKER, 10, 3, BOTH, "Proc[ 3] : b\n", "Proc[ 3] : b\n"},
-        {"three digits", WORKER, 101, 100, BOTH, "Proc[100] : b\n", "Proc[100] : b\n"},
-        {"the master's console can't be turned off", MASTER, 2, 0,
-         [](std::ostream& out, Buffer& buffer) {
-             buffer.enableConsole(false);
-             EXPECT_TRUE(buffer.isConsoleOn());
-             out << "c" << std::flush;
-         },
-         "c", "no file"},
-        {"each block has its prefix", WORKER, 2, 1,
-         [](std::ostream& out, Buffer& buffer) {
-             buffer.enableConsole(true);
-             out << "12345678"
-                 << "abcdefghij" << std::flush << "" << std::flush << 'x' << std::flush;
-         },
-         "Proc[1] : 12345678Proc[1] : abcdefghProc[1] : ijProc[1] : x", "no file"},
-        {"text goes where it was to go when it was written", WORKER, 2, 1,
-         [](std::ostream& out, Buffer& buffer) {
-             out << "1";
-             buffer.enableConsole(true);
-             EXPECT_TRUE(buffer.isConsoleOn());
-             out << "2";
-             buffer.enableLogFile(true);
-             out << "3";
-             buffer.enableLogFile(false);
-             out << "4";
-             buffer.enableConsole(false);
-             EXPECT_FALSE(buffer.isConsoleOn());
-             out << "5" << std::flush;
-         },
+    constexpr Row ROWS[] = {
+        {"the master prints without a prefix", MASTER, 2, 0, "a 1E", "a 1\n", "no file"},
+        {"a worker is silent", WORKER, 2, 1, "a 1E", "", "no file"},
+        {"one digit", WORKER, 9, 3, "LCbE", "Proc[3] : b\n", "Proc[3] : b\n"},
+        {"two digits", WORKER, 10, 3, "LCbE", "Proc[ 3] : b\n", "Proc[ 3] : b\n"},
+        {"three digits", WORKER, 101, 100, "LCbE", "Proc[100] : b\n", "Proc[100] : b\n"},
+        {"the master's console can't be turned off", MASTER, 2, 0, "cx.", "x", "no file"},
+        {"each block has its prefix", WORKER, 2, 1, "C12345678|9876543210..x.",
+         "Proc[1] : 12345678Proc[1] : 98765432Proc[1] : 10Proc[1] : x", "no file"},
+        {"text goes where it was to go when it was written", WORKER, 2, 1, "1C2L3l4c5.",
          "Proc[1] : 2Proc[1] : 3Proc[1] : 4", "Proc[1] : 3"},
-        {"a log that is opened anew is emptied", WORKER, 2, 1,
-         [](std::ostream& out, Buffer& buffer) {
-             buffer.enableLogFile(true);
-             out << "1" << std::flush;
-             buffer.enableLogFile(true);
-             out << "2" << std::flush;
-             buffer.enableLogFile(false);
-             buffer.enableLogFile(true);
-             out << "3" << std::flush;
-         },
-         "", "3"},
+        {"a log that is opened anew is emptied", WORKER, 2, 1, "L1.L2.lL3.", "", "3"},
     };
     constexpr int BUFFER_SIZE = 8;
-    for (const Row& row : rows) {
+    for (const Row& row : ROWS) {
         SCOPED_TRACE(row.name);
         MachineTestAccess::playRole(row.mode, row.ranks, row.rank);
         const std::wstring log = L"partition" + std::to_wstring(row.rank) + L".log";
@@ -257,7 +217,24 @@ TEST_F(ParallelConsoleBuf_, blocksPrefixesAndLogs) {
             {
                 ParallelConsoleBuf buffer(stream, StringHelper::toString(_directory), false, false,
                                           BUFFER_SIZE);
-                row.work(stream, buffer);
+                std::string text;
+                for (const char* step = row.steps; *step != '\0'; ++step) {
+                    if (!std::strchr("CcLl.E|", *step)) {
+                        text += *step;
+                        continue;
+                    }
+                    stream << std::exchange(text, "");
+                    if (*step == 'C' || *step == 'c') {
+                        buffer.enableConsole(*step == 'C');
+                        EXPECT_EQ(buffer.isConsoleOn(), row.mode == MASTER || *step == 'C');
+                    } else if (*step == 'L' || *step == 'l') {
+                        buffer.enableLogFile(*step == 'L');
+                    } else if (*step == 'E') {
+                        stream << std::endl;
+                    } else if (*step == '.') {
+                        stream << std::flush;
+                    }
+                }
             }
             EXPECT_EQ(stream.rdbuf(), own);
         }

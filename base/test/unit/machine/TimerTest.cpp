@@ -11,7 +11,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <utility>
 
 class TimerTestAccess {
@@ -67,13 +66,11 @@ TEST_F(SerialTimer, clocksRunOrNotByThemselves) {
 TEST_F(SerialTimer, processorTimeOfSeveralIntervalsAddsUp) {
     Timer timer;
     for (const double end : {0.02, 0.04}) {
-        const double before = timer.getCpuTime();
         timer.startCpuTimer();
         while (timer.getCpuTime() < end) {
         }
         timer.stopCpuTimer();
         EXPECT_GE(timer.getCpuTime(), end);
-        EXPECT_GE(timer.getCpuTime(), before);
         EXPECT_EQ(timer.getWallTime(), 0.0);
     }
 }
@@ -181,40 +178,6 @@ TEST_F(ParallelTimer, runningClockThatRefuses) {
           &Timer::getStandardDeviationWallTime, &Timer::getMaximumCpuTime, &Timer::getMinimumCpuTime,
           &Timer::getAccumulatedCpuTime, &Timer::getAverageCpuTime, &Timer::getStandardDeviationCpuTime})
         expectAssertion([&] { (timer.*reading)(); }, "Invalid Communicator!", "_communicator", "Timer.cpp");
-}
-
-TEST_F(ParallelTimer, deviationIsThePopulations) {
-    Timer timer(comm.get());
-    std::vector<double> ofRanks;
-    mpi.setAction("Gather", [&](const ScriptedCall& call) {
-        std::copy(ofRanks.begin(), ofRanks.end(), static_cast<double*>(call.addresses.at("recvBuffer")));
-        return OXM_MPI_SUCCESS;
-    });
-    const std::pair<std::vector<double>, double> rows[] = {
-        {{1, 2, 3, 6}, std::sqrt(3.5)},
-        {{5, 5, 5, 5}, 0.0},
-        {{0.1, 0.1, 0.1, 0.1}, 0.0}, // rounding makes the variance slightly negative, or nothing
-    };
-    for (const auto& [values, expected] : rows) {
-        ofRanks = values;
-        EXPECT_NEAR(timer.getStandardDeviationWallTime(), expected, 1e-8);
-        EXPECT_NEAR(timer.getStandardDeviationCpuTime(), expected, 1e-8);
-    }
-    // The average is that of the whole job, whatever the communicator.
-    mpi.setAction("Allreduce", [](const ScriptedCall& call) {
-        *static_cast<double*>(call.addresses.at("recvBuffer")) = 12.0;
-        return OXM_MPI_SUCCESS;
-    });
-    EXPECT_EQ(timer.getAverageWallTime(), 1.5);
-    EXPECT_EQ(timer.getAverageCpuTime(), 1.5);
-    EXPECT_EQ(timer.getAccumulatedCpuTime(), 12.0);
-    mpi.setAction("Allreduce", {});
-    mpi.clearCalls();
-    timer.getMaximumWallTime();
-    timer.getMinimumCpuTime();
-    EXPECT_EQ(mpi.texts(), (std::vector<std::string>{
-                               "Allreduce(sendBuffer=IN_PLACE, count=1, datatype=10, op=1, comm=1)",
-                               "Allreduce(sendBuffer=IN_PLACE, count=1, datatype=10, op=2, comm=1)"}));
 }
 
 } // namespace

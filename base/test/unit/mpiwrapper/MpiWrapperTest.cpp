@@ -7,6 +7,7 @@
 
 #include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -60,17 +61,13 @@ TEST(MpiWrapperStart, everyFunctionRefusesWithoutDriver) {
     EXPECT_EQ(errorText(OXM_MPI_ERR_NO_DRIVER), "No MPI driver is loaded");
     EXPECT_EQ(errorText(OXM_MPI_ERR_TRUNCATE), "Message truncated on receive");
     EXPECT_EQ(errorText(987654), "Unknown error code 987654");
+    EXPECT_EQ(errorText(-3), "Unknown error code -3");
     for (int code = 0; code < OXM_MPI_ERR_LASTCODE; ++code)
         EXPECT_NE(errorText(code).find_first_not_of("0123456789"), std::string::npos) << code;
 }
 
-struct WrongModule {
-    const char* path;
-    const char* reason;
-};
-
 TEST(MpiWrapperStart, refusesWhatIsNoDriverAndKeepsTheOldOne) {
-    const WrongModule modules[] = {
+    const std::pair<const char*, const char*> modules[] = {
         {ORVEX_WRONG_DRIVERS "/libOrvexNoDriver.so",
          R"( isn't an MPI driver: it has no symbol "orvexMpiDriver")"},
         {ORVEX_WRONG_DRIVERS "/libOrvexOtherVersion.so",
@@ -82,12 +79,11 @@ TEST(MpiWrapperStart, refusesWhatIsNoDriverAndKeepsTheOldOne) {
     };
     ScriptedMpi& mpi = ScriptedMpi::start();
     EXPECT_STREQ(OXM_MPI_Get_initialize_error(), "");
-    for (const WrongModule& module : modules) {
-        void* const library = dlopen(module.path, RTLD_NOW | RTLD_LOCAL);
+    for (const auto& [path, reason] : modules) {
+        void* const library = dlopen(path, RTLD_NOW | RTLD_LOCAL);
         ASSERT_TRUE(library) << dlerror();
         EXPECT_EQ(OXM_MPI_Initialize(library), OXM_MPI_ERR_BAD_DRIVER);
-        EXPECT_TRUE(
-            std::string(OXM_MPI_Get_initialize_error()).starts_with(module.path + std::string(module.reason)))
+        EXPECT_TRUE(std::string(OXM_MPI_Get_initialize_error()).starts_with(path + std::string(reason)))
             << OXM_MPI_Get_initialize_error();
         EXPECT_EQ(OXM_MPIO_Initialize(library), OXM_MPI_ERR_BAD_DRIVER);
         mpi.clearCalls();
@@ -143,7 +139,6 @@ TEST(MpiWrapperStart, tellsWhyTheStartFailed) {
 }
 
 TEST(MpiWrapper, keepsNameAndVersion) {
-    ScriptedMpi::start();
     struct Kind {
         int (*set)(const char*, int);
         int (*get)(char*, int*, int);
@@ -151,25 +146,24 @@ TEST(MpiWrapper, keepsNameAndVersion) {
     };
     for (const Kind& kind : {Kind{&OXM_MPI_Set_mpi_name, &OXM_MPI_Get_mpi_name, "Scripted MPI"},
                              Kind{&OXM_MPI_Set_mpi_version, &OXM_MPI_Get_mpi_version, "1.0"}}) {
-        char text[OXM_MPI_MAX_LIBRARY_VERSION_STRING];
-        int length = 0;
+        ScriptedMpi::start();
         ASSERT_EQ(OXM_MPI_Finalize(), OXM_MPI_SUCCESS);
         ScriptedMpi::start();
-        EXPECT_EQ(kind.get(text, &length, sizeof text), OXM_MPI_SUCCESS);
-        EXPECT_STREQ(text, kind.original);
+        char text[OXM_MPI_MAX_LIBRARY_VERSION_STRING];
+        int length = 0;
+        const auto textIn = [&](int capacity) {
+            EXPECT_EQ(kind.get(text, &length, capacity), OXM_MPI_SUCCESS);
+            return std::string(text);
+        };
+        EXPECT_EQ(textIn(sizeof text), kind.original);
         EXPECT_EQ(kind.set("Cluster MPI", 12), OXM_MPI_SUCCESS);
-        EXPECT_EQ(kind.get(text, &length, sizeof text), OXM_MPI_SUCCESS);
-        EXPECT_STREQ(text, "Cluster MPI");
+        EXPECT_EQ(textIn(sizeof text), "Cluster MPI");
         EXPECT_EQ(length, 11);
-        EXPECT_EQ(kind.get(text, &length, 8), OXM_MPI_SUCCESS);
-        EXPECT_STREQ(text, "Cluster") << "cut to the capacity";
+        EXPECT_EQ(textIn(8), "Cluster") << "cut to the capacity";
         EXPECT_EQ(kind.set("Cluster MPI", 4), OXM_MPI_SUCCESS);
-        EXPECT_EQ(kind.get(text, &length, sizeof text), OXM_MPI_SUCCESS);
-        EXPECT_STREQ(text, "Clus") << "no more than the length is read";
-        const std::string longText(5000, 'x');
-        EXPECT_EQ(kind.set(longText.c_str(), 5001), OXM_MPI_SUCCESS);
-        EXPECT_EQ(kind.get(text, &length, sizeof text), OXM_MPI_SUCCESS);
-        EXPECT_EQ(std::strlen(text), sizeof text - 1);
+        EXPECT_EQ(textIn(sizeof text), "Clus") << "no more than the length is read";
+        EXPECT_EQ(kind.set(std::string(5000, 'x').c_str(), 5001), OXM_MPI_SUCCESS);
+        EXPECT_EQ(textIn(sizeof text).size(), sizeof text - 1);
         EXPECT_EQ(kind.set(nullptr, 3), OXM_MPI_ERR_ARG);
         EXPECT_EQ(kind.get(text, &length, 0), OXM_MPI_ERR_ARG);
     }
