@@ -43,12 +43,9 @@ protected:
     ~EventTrackerTest() override { EventTracker::reset(); }
 
     static EventLoggerManager& manager() { return EventTracker::getSingleton().getEventLoggerManager(); }
-    static const EventLogger* find(const std::string& key) {
-        const auto entry = manager().getEventLoggers().find(key);
+    static const EventLogger* find(const std::string& first, const std::string& second) {
+        const auto entry = manager().getEventLoggers().find(first + EventLoggerManager::FIELD_TAG + second);
         return entry == manager().getEventLoggers().end() ? nullptr : entry->second.get();
-    }
-    static std::string key(const std::string& first, const std::string& second) {
-        return first + EventLoggerManager::FIELD_TAG + second;
     }
 };
 
@@ -62,25 +59,25 @@ TEST_F(EventTrackerTest, CountsWhileItIsOn) {
         const EventTracker::Track outer("Class", "method");
         const std::string method = "method";
         const EventTracker::Track inner("Class", method);
-        EXPECT_EQ(find(key("Class", "method"))->getNumberOpen(), 2u);
+        EXPECT_EQ(find("Class", "method")->getNumberOpen(), 2u);
     }
     manager().startEventLog("Single");
     manager().stopEventLog("Single");
     manager().stopEventLog("Single"); // was closed already
     manager().stopEventLog("never", "started");
     EXPECT_EQ(manager().getEventLoggers().size(), 2u);
-    EXPECT_EQ(find(key("Class", "method"))->getEventCounter(), 6u);
-    EXPECT_FALSE(find(key("Class", "method"))->isOpen());
-    EXPECT_EQ(find(key("Single", ""))->getEventCounter(), 1u);
+    EXPECT_EQ(find("Class", "method")->getEventCounter(), 6u);
+    EXPECT_FALSE(find("Class", "method")->isOpen());
+    EXPECT_EQ(find("Single", "")->getEventCounter(), 1u);
     std::thread([] { const EventTracker::Track track("Other", "thread"); }).join();
-    EXPECT_EQ(find(key("Other", "thread")), nullptr);
+    EXPECT_EQ(find("Other", "thread"), nullptr);
     {
         const EventTracker::Track track("Class", "across");
         manager().switchOff();
     }
-    EXPECT_FALSE(find(key("Class", "across"))->isOpen()); // closed although it is off by now
+    EXPECT_FALSE(find("Class", "across")->isOpen()); // closed although it is off by now
     { const EventTracker::Track track("Class", "across"); }
-    EXPECT_EQ(find(key("Class", "across"))->getEventCounter(), 1u);
+    EXPECT_EQ(find("Class", "across")->getEventCounter(), 1u);
 }
 
 TEST_F(EventTrackerTest, AnotherManagerTakesOverInTheMidstOfEvents) {
@@ -99,7 +96,7 @@ TEST_F(EventTrackerTest, AnotherManagerTakesOverInTheMidstOfEvents) {
         EXPECT_EQ(log, "+0+1+2");
     }
     EXPECT_EQ(log, "+0+1+2-3-2-1");
-    EXPECT_EQ(find(key("Open", "event"))->getEventCounter(), 3u);
+    EXPECT_EQ(find("Open", "event")->getEventCounter(), 3u);
     manager().startEventLog("Left", "open");
     log.clear();
     EventTracker::reset();

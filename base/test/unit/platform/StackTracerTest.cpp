@@ -1,7 +1,6 @@
 #include "platform/StackTracer.h"
 
 #include "platform/DynamicLibrary.h"
-#include "platform/Pipe.h"
 
 #include <gtest/gtest.h>
 
@@ -60,16 +59,4 @@ TEST(StackTracer, KnowsModulesThatCameLater) {
     EXPECT_NE(joined(trace).find("orvexTestModuleTrace at "), std::string::npos) << joined(trace);
     EXPECT_NE(joined(trace).find("TestModule.cpp:"), std::string::npos) << joined(trace);
     Platform::dynamiclibrary().unload(module.handle);
-}
-
-TEST(StackTracer, WritesToADescriptor) {
-    Pipe pipe;
-    Platform::error().writeStackTrace(pipe.getWriteDescriptor(), 2);
-    pipe.closeWriteEnd();
-    std::string text;
-    char buffer[4096];
-    for (int n = 0; (n = pipe.read(buffer, sizeof buffer, 10.0)) > 0;)
-        text.append(buffer, static_cast<std::size_t>(n));
-    EXPECT_EQ(text.find("  0x0000"), 0u);
-    EXPECT_NE(text.find("WritesToADescriptor"), std::string::npos) << text;
 }

@@ -97,22 +97,19 @@ RawConnection authenticated(const RpcClient::Target& target) {
 }
 
 TEST_F(ServerLimitsTest, strangersFirstLines) {
-    const struct {
-        std::string text;
-        int code;
-        const char* part;
-    } rows[] = {
-        {"GET / HTTP/1.1\r\n\r\n", RpcFault::PARSE_ERROR, "isn't JSON"},
-        {RpcMessage::request("1", "server.stop", "{}"), RpcFault::NOT_AUTHENTICATED, "must be proved first"},
-        {std::string(4097, 'x') + "\n", RpcFault::INVALID_REQUEST, "too long"},
-    };
     attacked({}, 16 * MIB, [&](unsigned port) {
-        for (const auto& row : rows) {
+        for (const auto& [text, code, part] : {
+                 std::tuple<std::string, int, const char*>("GET / HTTP/1.1\r\n\r\n", RpcFault::PARSE_ERROR,
+                                                           "isn't JSON"),
+                 {RpcMessage::request("1", "server.stop", "{}"), RpcFault::NOT_AUTHENTICATED,
+                  "must be proved first"},
+                 {std::string(4097, 'x') + "\n", RpcFault::INVALID_REQUEST, "too long"},
+             }) {
             RawConnection raw(port);
             raw.readLine();
-            raw.send(row.text);
+            raw.send(text);
             const std::string line = raw.readLine();
-            EXPECT_TRUE(isFault(line, row.code, row.part)) << line;
+            EXPECT_TRUE(isFault(line, code, part)) << line;
             EXPECT_TRUE(raw.ends());
         }
     });

@@ -23,9 +23,6 @@ std::atomic<int> ServerFixture::executed{0};
 
 namespace {
 
-std::atomic<bool>* releasedFlag = nullptr;
-std::atomic<int>* executedCount = nullptr;
-
 /// A command made of a function.
 class TestCommand : public Command {
 public:
@@ -34,10 +31,7 @@ public:
         : Command({"For tests: " + name, {{"text", "text", "anything", false}}, {}}), _name(std::move(name)),
           _body(std::move(body)) {}
     std::string getName() const override { return _name; }
-    void execute(const Properties& args, Properties& response) override {
-        ++*executedCount;
-        _body(args, response);
-    }
+    void execute(const Properties& args, Properties& response) override { _body(args, response); }
 
 private:
     const std::string _name;
@@ -55,24 +49,6 @@ void print(const Properties& args, Properties&) {
     for (int i = 0; i < args.getInt("lines"); ++i)
         std::cout << "line " << i << ' ' << args.getString("text") << '\n';
     std::cout << "end" << std::flush;
-}
-
-void wait(const Properties&, Properties&) {
-    for (int i = 0; i < 10000 && !*releasedFlag; ++i)
-        std::this_thread::sleep_for(1ms);
-}
-
-void addCommands() {
-    const auto add = [](const char* name, TestCommand::Body body) {
-        Controller::getSingleton().registerCommand(new TestCommand(name, std::move(body)));
-    };
-    add("Echo", [](const Properties& args, Properties& response) { response.set("args", args); });
-    add("Fail", &fail);
-    add("Print", &print);
-    add("Wait", &wait);
-    add("Big", [](const Properties& args, Properties& response) {
-        response.set("text", std::string(args.getUnsignedInt("bytes"), 'x'));
-    });
 }
 
 bool waitReady(int descriptor, short events, double patience) {
@@ -150,14 +126,32 @@ void ServerFixture::SetUp() {
         _standardOutput = std::cout.rdbuf(_console.rdbuf());
     released = false;
     executed = 0;
-    releasedFlag = &released;
-    executedCount = &executed;
     Server::reset();
     Controller::reset();
     SessionLocator::reset();
     SessionLocator::getSingleton().setDirectory(_directory.path());
     addCommands();
     server().setConnectionMode(Server::COLLABORATIVE);
+}
+
+void ServerFixture::addCommands() {
+    const auto add = [](const char* name, const TestCommand::Body& body) {
+        Controller::getSingleton().registerCommand(
+            new TestCommand(name, [body](const Properties& args, Properties& response) {
+                ++executed;
+                body(args, response);
+            }));
+    };
+    add("Echo", [](const Properties& args, Properties& response) { response.set("args", args); });
+    add("Fail", &fail);
+    add("Print", &print);
+    add("Wait", [](const Properties&, Properties&) {
+        for (int i = 0; i < 10000 && !released; ++i)
+            std::this_thread::sleep_for(1ms);
+    });
+    add("Big", [](const Properties& args, Properties& response) {
+        response.set("text", std::string(args.getUnsignedInt("bytes"), 'x'));
+    });
 }
 
 void ServerFixture::TearDown() {

@@ -82,6 +82,7 @@ protected:
     static std::atomic<int> executed; ///< commands that ran
 
 private:
+    static void addCommands();
     void play(const std::function<void()>& clients);
 
     RecordDirectory _directory;
