@@ -72,6 +72,8 @@ int BenchHarness::calibrate(const Batch& batch) const {
 void BenchHarness::run(int rounds, const std::string& only) {
     _rounds = rounds;
     std::erase_if(_groups, [&](const Group& group) { return group.name.find(only) == std::string::npos; });
+    if (_groups.empty())
+        throw std::runtime_error("no group of cases is called anything with \"" + only + "\"");
     std::vector<std::pair<Group*, Case*>> order;
     for (Group& group : _groups) {
         group.iterations = calibrate(group.cases.front().batch);
