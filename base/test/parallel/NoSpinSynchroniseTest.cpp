@@ -70,7 +70,7 @@ TEST(NoSpinSynchronise, waitingRankSleeps) {
 
 TEST(NoSpinSynchronise, textOfTheFirstReachesAll) {
     Communicator comm;
-    for (const std::size_t size : {100000, 0, 3}) {
+    for (const std::size_t size : {100000u, 0u, 3u}) {
         std::string text(comm.myRank() == 0 ? size : comm.myRank(), comm.myRank() == 0 ? 'a' : 'b');
         comm.noSpinBroadcast(text);
         EXPECT_EQ(text, std::string(size, 'a'));
