@@ -857,8 +857,8 @@ private:
     double _communicationTime = 0.0;
     bool _communicationTimerEnabled = false;
     std::string _myName;
-    std::vector<unsigned>
-        _displacements; ///< of the last vector gather; kept, so that the next needs no memory
+    /// Of the last vector gather; kept, so that the next needs no memory.
+    std::vector<unsigned> _displacements;
 };
 
 inline constexpr Communicator::Tag Communicator::_defaultTag{Tag::Unchecked{}, 0x7FFF};

@@ -122,8 +122,12 @@ public:
     static std::wstring getPassToDesign();
     static void setPassToDesign(std::wstring text);
 
-    // Locks, see machine/MachineLocks.h.
+    // Locks, see machine/MachineLocks.h. Local.
+
+    /// @throw InternalError with the message while a SerialCritical lives, in every version and role
     static void assertNotSerialCritical(const char* message);
+    /// In a development version with its checks on; another one goes on.
+    /// @throw InternalError while a ParallelPerformanceCritical lives, after an explanation on the console
     static void assertNotParallelPerformanceCritical(const char* message);
     static const unsigned& getPerformanceCriticalLock() { return _performanceCriticalLock; }
 

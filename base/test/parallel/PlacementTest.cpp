@@ -2,7 +2,6 @@
 // hardware kept as data; bindings are real.
 
 #include "machine/Affinity.h"
-#include "machine/AffinityRelaxer.h"
 #include "machine/Communicator.h"
 #include "machine/CpuBinder.h"
 #include "machine/CpuTopology.h"
