@@ -57,6 +57,16 @@ bool Io::isTerminal(int descriptor) const {
     return ::isatty(descriptor) == 1;
 }
 
+bool Io::openStandardDescriptors() const {
+    for (int descriptor = 0; descriptor <= 2; ++descriptor) {
+        if (::fcntl(descriptor, F_GETFD) >= 0 || errno != EBADF)
+            continue;
+        if (::open("/dev/null", O_RDWR) != descriptor) // the lowest number that is free
+            return false;
+    }
+    return true;
+}
+
 Io& io() {
     static Io service;
     return service;

@@ -24,6 +24,10 @@ public:
     /// Writes all `count` bytes with one system call where the system allows. @return false when it can't
     bool write(int descriptor, const char* data, std::size_t count) const;
     bool isTerminal(int descriptor) const;
+    /// Opens those of the descriptors 0 to 2 that are closed on the null device: a file or socket opened
+    /// later would become a standard stream. Allowed before any constructor has run. @return false when the
+    /// system refuses
+    bool openStandardDescriptors() const;
 };
 
 /// The one input-output service of the process.

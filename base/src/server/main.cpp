@@ -1,12 +1,23 @@
 #include "machine/ExitStatus.h"
 #include "machine/Machine.h"
 
+#include "platform/Io.h"
+
 #include <algorithm>
+#include <cstdlib>
 #include <iostream>
 #include <stdexcept>
 #include <string>
 
 namespace {
+
+/// Before the constructors of any library: one of them might open a file that becomes a standard stream.
+void openStandardDescriptors() {
+    if (!Platform::io().openStandardDescriptors())
+        std::_Exit(1); // nobody can be told
+}
+
+[[gnu::section(".preinit_array"), gnu::used]] void (*const beforeConstructors)() = openStandardDescriptors;
 
 /// The start failed before the machine could guard itself: one line, and the job's end.
 int refuseStart(const ExitStatus& status, const char* what, const std::string& reason) {

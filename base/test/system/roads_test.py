@@ -24,6 +24,16 @@ class Road(Case):
                     self.assertEqual(sorted(job.members()), list(range(ranks)))
                     self.stop(job)
 
+    def test_closed_descriptors(self):
+        """No socket and no file becomes a standard stream."""
+        for mpi, ranks in ((None, 1), *((mpi, 3) for mpi in MPIS)):
+            with self.subTest(mpi=mpi):
+                job = self.ready(mpi=mpi, ranks=ranks, prefix=("sh", "-c", 'exec "$@" 0<&- 1>&- 2>&-', "closed"))
+                for rank, process in job.members().items():
+                    streams = [os.readlink(f"/proc/{process.pid}/fd/{number}") for number in range(3)]
+                    self.assertEqual(streams, ["/dev/null"] * 3, f"rank {rank}")
+                self.stop(job)
+
     def test_serial(self):
         for options in ((), ("-nothreads",), ("-collab",), ("-cout",), ("-deleteOnExit",)):
             with self.subTest(options=options):
