@@ -21,6 +21,8 @@ public:
 
     /// Looks again whether any client reads along.
     void noteClients();
+    /// ConsoleTee::revive() of the stream. The thread that runs the commands.
+    void revive() { _tee.revive(); }
     /// Hands what was written so far to the clients. Any thread.
     void drain();
 

@@ -5,7 +5,7 @@
 
 ConsoleTee::ConsoleTee(std::ostream& stream, std::size_t limit, std::function<void()> onText)
     : _stream(stream), _beneath(stream.rdbuf()), _limit(limit), _onText(std::move(onText)) {
-    _stream.rdbuf(this);
+    _stream.rdbuf(this); // which clears the stream's state, too
 }
 
 ConsoleTee::~ConsoleTee() {
@@ -26,21 +26,45 @@ ConsoleTee::int_type ConsoleTee::overflow(int_type c) {
 }
 
 std::streamsize ConsoleTee::xsputn(const char* text, std::streamsize size) {
-    std::streamsize written = 0;
-    {
-        const std::lock_guard lock(_forwardMutex);
-        written = _beneath->sputn(text, size);
-    }
-    if (_wanted && size > 0)
+    if (size <= 0)
+        return 0;
+    forward(text, static_cast<std::size_t>(size));
+    if (_wanted)
         keep(text, static_cast<std::size_t>(size));
-    return written;
+    return size; // else the stream would refuse all that follows, and those who read along would get nothing
+}
+
+void ConsoleTee::forward(const char* text, std::size_t size) {
+    const std::lock_guard lock(_forwardMutex);
+    const std::streamsize written =
+        tellLoss() ? _beneath->sputn(text, static_cast<std::streamsize>(size)) : 0;
+    _lostBytes += size - static_cast<std::size_t>(std::max<std::streamsize>(written, 0));
+}
+
+/// Tells the buffer beneath what it lost. @return whether it takes text again
+bool ConsoleTee::tellLoss() {
+    if (_lostBytes > 0 && _pendingLoss.empty()) {
+        const std::string line = describeLostOutput(_lostBytes);
+        const std::streamsize written =
+            _beneath->sputn(line.data(), static_cast<std::streamsize>(line.size()));
+        if (written <= 0)
+            return false;
+        _lostBytes = 0;
+        _pendingLoss = line.substr(static_cast<std::size_t>(written));
+    }
+    if (_pendingLoss.empty())
+        return true;
+    const std::streamsize written =
+        _beneath->sputn(_pendingLoss.data(), static_cast<std::streamsize>(_pendingLoss.size()));
+    _pendingLoss.erase(0, static_cast<std::size_t>(std::max<std::streamsize>(written, 0)));
+    return _pendingLoss.empty();
 }
 
 int ConsoleTee::sync() {
-    int result = 0;
     {
+        // A flush that fails leaves its text with the buffer beneath, which tries it again with the next one.
         const std::lock_guard lock(_forwardMutex);
-        result = _beneath->pubsync();
+        static_cast<void>(_beneath->pubsync());
     }
     bool pending = false;
     if (_wanted) {
@@ -49,7 +73,12 @@ int ConsoleTee::sync() {
     }
     if (pending)
         _onText();
-    return result;
+    return 0;
+}
+
+void ConsoleTee::revive() {
+    if (!_stream.good())
+        _stream.clear();
 }
 
 void ConsoleTee::keep(const char* text, std::size_t size) {

@@ -7,9 +7,17 @@
 #include <streambuf>
 #include <string>
 
+/// The line that stands where output was lost.
+inline std::string describeLostOutput(std::size_t bytes) {
+    return "\n(" + std::to_string(bytes) + " bytes of output are lost here: they could not be written)\n";
+}
+
 /// Stands under an output stream and keeps a bounded copy of what passes for those who want to read along.
 ///
 /// What is written goes on to the buffer beneath first and unchanged, flushes included. Any thread may write.
+/// A failure of the buffer beneath (a full disk, a closed pipe) never fails the stream: those who read along
+/// get all the text. The buffer is tried again with each later text, and the first one that it takes comes
+/// behind a line that tells how much it lost.
 class ConsoleTee : public std::streambuf {
 public:
     struct Text {
@@ -29,6 +37,8 @@ public:
     void setWanted(bool wanted) { _wanted = wanted; }
     /// The copy so far, which is empty afterwards. Any thread.
     Text take();
+    /// Makes the stream usable again when an inserter has failed it. The thread that runs the commands.
+    void revive();
 
 protected:
     int_type overflow(int_type c) override;
@@ -36,6 +46,8 @@ protected:
     int sync() override;
 
 private:
+    void forward(const char* text, std::size_t size);
+    bool tellLoss();
     void keep(const char* text, std::size_t size);
 
     std::ostream& _stream;
@@ -43,8 +55,10 @@ private:
     const std::size_t _limit;
     const std::function<void()> _onText;
     std::atomic<bool> _wanted{false};
-    std::mutex _forwardMutex; ///< one writer at a time to the buffer beneath
-    std::mutex _textMutex;    ///< guards what follows
+    std::mutex _forwardMutex; ///< one writer at a time to the buffer beneath; guards what follows
+    std::string _pendingLoss; ///< the rest of a line about a loss that is only partly written
+    std::size_t _lostBytes = 0;
+    std::mutex _textMutex; ///< guards what follows
     std::string _text;
     std::size_t _lostLines = 0;
 };

@@ -394,6 +394,7 @@ void ServerService::onCommandDone(RpcConnection& connection, const std::string& 
                                   const Properties& response) {
     std::string line;
     try {
+        reviveConsole();
         drainConsole(); // what the command printed comes before its answer
         if (!id.empty())
             line = answerOf(id, response);
@@ -494,4 +495,10 @@ void ServerService::drainConsole() {
     const std::lock_guard lock(_consoleMutex);
     if (_console)
         _console->drain();
+}
+
+void ServerService::reviveConsole() {
+    const std::lock_guard lock(_consoleMutex);
+    if (_console)
+        _console->revive();
 }

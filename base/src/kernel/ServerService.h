@@ -99,6 +99,7 @@ private:
     void publishRecord();
     void onConsoleText();
     void drainConsole();
+    void reviveConsole();
     void beginStop();
     void endWhenAnswered();
     void endConnections();

@@ -3,6 +3,7 @@
 #include "machine/AtExitRegister.h"
 #include "machine/Machine.h"
 
+#include "kernel/ConsoleTee.h"
 #include "platform/Io.h"
 #include "platform/Lock.h"
 #include "platform/Mutex.h"
@@ -108,6 +109,10 @@ void ParallelConsoleBuf::flushLocked() {
     _buffer.clear();
     if (_logFileOn)
         _logStream << block << std::flush;
-    if (_consoleOn)
-        static_cast<void>(Platform::io().write(STANDARD_OUTPUT, block.data(), block.size()));
+    if (!_consoleOn)
+        return;
+    // A full disk or a closed pipe costs what comes meanwhile, and no more than that.
+    const std::string text = (_lostBytes > 0 ? describeLostOutput(_lostBytes) : std::string()) + block;
+    _lostBytes =
+        Platform::io().write(STANDARD_OUTPUT, text.data(), text.size()) ? 0 : _lostBytes + block.size();
 }

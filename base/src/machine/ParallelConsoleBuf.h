@@ -51,6 +51,7 @@ private:
     std::string _logDirectory;
     bool _logFileOn = false;
     bool _consoleOn = false;
+    std::size_t _lostBytes = 0; ///< which the console didn't take
     std::ostream* _target;
     std::ofstream _logStream;
     std::streambuf* _savedBuffer;

@@ -5,7 +5,10 @@
 #include "platform/FileSystem.h"
 #include "platform/StringHelper.h"
 
+#include <iostream>
 #include <netinet/in.h>
+#include <regex>
+#include <sstream>
 #include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
@@ -18,6 +21,15 @@ namespace {
 Properties result(RpcClient& client, const std::string& method, const std::string& params = "{}") {
     return Properties(std::string_view(client.call(method, params, 5s).result));
 }
+
+/// A buffer that takes nothing while it is full.
+struct Disk : std::stringbuf {
+    std::streamsize xsputn(const char* text, std::streamsize size) override {
+        return full ? 0 : std::stringbuf::xsputn(text, size);
+    }
+    int sync() override { return full ? -1 : 0; }
+    bool full = true;
+};
 
 std::string console(RpcClient& client, const std::function<void()>& work) {
     std::string text;
@@ -94,6 +106,8 @@ TEST_F(ServerFixture, answersPipelinedCommandsInOrder) {
 TEST_F(ServerFixture, sendsTheConsoleBeforeTheAnswer) {
     for (bool threaded : {true, false}) {
         SetUp();
+        Disk disk; // whose failures are none of the clients'
+        std::streambuf* const before = std::cout.rdbuf(&disk);
         const auto play = [&] {
             RpcClient client;
             connect(client);
@@ -105,8 +119,15 @@ TEST_F(ServerFixture, sendsTheConsoleBeforeTheAnswer) {
             EXPECT_TRUE(text.starts_with("line 0 " + word + "line 1 " + word)) << text.substr(0, 60);
             EXPECT_NE(text.find("line 2999 "), std::string::npos);
             EXPECT_EQ(text.substr(text.size() - 4), "\nend");
+            disk.full = false;
+            EXPECT_FALSE(client.call("Print", R"({"lines":1,"text":"x"})").failed);
+            EXPECT_TRUE(
+                std::regex_search(disk.str(), std::regex(R"(\(\d{5,} bytes of output are lost here)")))
+                << disk.str();
+            EXPECT_NE(disk.str().find("line 0 x\nend"), std::string::npos) << disk.str();
         };
         threaded ? serve(play) : serveWithoutThreads(play);
+        std::cout.rdbuf(before);
     }
 }
 
