@@ -19,12 +19,9 @@ bool contains(const std::vector<std::string>& names, const std::string& name) {
     return std::find(names.begin(), names.end(), name) != names.end();
 }
 
-/// Loads the file and calls the entry. The reason of a failure, empty on success.
-std::string loadModule(const std::string& module) {
+/// Calls the entry of a loaded file. The reason of a failure, empty on success.
+std::string startModule(const Platform::DynamicLibrary::LoadResult& library) {
     Platform::DynamicLibrary& libraries = Platform::dynamiclibrary();
-    const Platform::DynamicLibrary::LoadResult library = libraries.load(module);
-    if (library.handle == nullptr)
-        return library.error.empty() ? "the loader gives no reason" : library.error;
     const auto entry = reinterpret_cast<Entry>(libraries.findSymbol(library.handle, ENTRY_SYMBOL));
     if (entry == nullptr)
         return {};
@@ -43,11 +40,31 @@ std::string loadModule(const std::string& module) {
 
 struct DynamicLoader::Impl {
     bool load(const std::string& module, bool isState, std::string& reason);
+    std::string loadModule(const std::string& module);
 
     mutable std::mutex mutex;
     std::vector<std::string> loaded;
+    std::vector<void*> started; ///< handles: a module may be named by its name and by its path
     std::vector<std::string> stateModules;
 };
+
+/// Loads the file and starts the module, unless that was done under another name. The reason of a failure,
+/// empty on success.
+std::string DynamicLoader::Impl::loadModule(const std::string& module) {
+    const Platform::DynamicLibrary::LoadResult library = Platform::dynamiclibrary().load(module);
+    if (library.handle == nullptr)
+        return library.error.empty() ? "the loader gives no reason" : library.error;
+    {
+        const std::lock_guard guard(mutex);
+        if (std::find(started.begin(), started.end(), library.handle) != started.end())
+            return {};
+    }
+    const std::string failure = startModule(library);
+    const std::lock_guard guard(mutex);
+    if (failure.empty())
+        started.push_back(library.handle);
+    return failure;
+}
 
 bool DynamicLoader::Impl::load(const std::string& module, bool isState, std::string& reason) {
     bool isLoaded = false;

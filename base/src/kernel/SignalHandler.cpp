@@ -182,6 +182,7 @@ void SignalHandler::install() {
     watchdog.start();
     Platform::signals().installFaultHandler(faultSignals(), onFault);
     Platform::signals().ignore(SIGPIPE);
+    Platform::signals().ignore(SIGXFSZ); // the write that is too large fails with EFBIG
     installed = true;
 }
 

@@ -17,7 +17,7 @@
 /// When another process sends one of these signals, it takes the system's default course.
 ///
 /// SIGTERM and SIGINT that others send go to the stop callback, on a thread of their own. A broken
-/// pipe is never a signal.
+/// pipe and a file above the limit of its size are never signals: the write fails.
 class ORVEX_KERNEL_EXPORT SignalHandler {
 public:
     static constexpr double FAULT_TIME_LIMIT = 10.0; ///< [s]
@@ -28,7 +28,8 @@ public:
     /// that it starts from now on, or no longer. Main thread. On also installs the handling of faults.
     static void setCatchFpeSignals(bool on);
 
-    /// Installs the handling of faults and ignores SIGPIPE. A second call does nothing. Main thread.
+    /// Installs the handling of faults and ignores SIGPIPE and SIGXFSZ. A second call does nothing. Main
+    /// thread.
     /// @throw std::system_error when the system refuses
     static void install();
     /// The system's default course for all of it. Main thread.

@@ -1,11 +1,16 @@
 #include "platform/DynamicLibrary.h"
 
+#include "platform/Io.h"
 #include "platform/ProcFs.h"
 
 #include <algorithm>
+#include <atomic>
+#include <cstdlib>
 #include <dlfcn.h>
+#include <exception>
 #include <link.h>
 #include <unistd.h>
+#include <utility>
 
 namespace Platform {
 
@@ -55,6 +60,51 @@ std::string getLoadedPath(void* handle, const std::string& asked) {
     return asked;
 }
 
+/// Names the file whose initialisers throw. No exception passes the system's loader, so the process ends.
+class NamesWhatThrows {
+public:
+    explicit NamesWhatThrows(const std::string& file) : _outer(std::exchange(loadingFile, &file)) {
+        if (_outer == nullptr)
+            terminateBefore = std::set_terminate(&NamesWhatThrows::onTerminate);
+    }
+    NamesWhatThrows(const NamesWhatThrows&) = delete;
+    NamesWhatThrows& operator=(const NamesWhatThrows&) = delete;
+    ~NamesWhatThrows() {
+        loadingFile = _outer;
+        if (_outer == nullptr && std::get_terminate() == &NamesWhatThrows::onTerminate)
+            std::set_terminate(terminateBefore);
+    }
+
+private:
+    [[noreturn]] static void onTerminate() {
+        if (loadingFile != nullptr && std::current_exception()) {
+            std::string reason = "an exception of an unknown type";
+            try {
+                throw;
+            } catch (const std::exception& error) {
+                reason = error.what();
+            } catch (...) { // is told as it stands
+            }
+            const std::string text =
+                "\nThe module " + *loadingFile +
+                " can't be loaded: an initialiser of its static objects threw: " + reason + "\n";
+            constexpr int STANDARD_ERROR = 2;
+            static_cast<void>(io().write(STANDARD_ERROR, text.data(), text.size()));
+        }
+        if (const std::terminate_handler next = terminateBefore)
+            next();
+        std::abort();
+    }
+
+    static thread_local const std::string* loadingFile;
+    static std::atomic<std::terminate_handler> terminateBefore;
+
+    const std::string* _outer; ///< an initialiser may load further modules
+};
+
+thread_local const std::string* NamesWhatThrows::loadingFile = nullptr;
+std::atomic<std::terminate_handler> NamesWhatThrows::terminateBefore{nullptr};
+
 } // namespace
 
 std::vector<std::string> DynamicLibrary::getCandidates(const std::string& name) const {
@@ -88,7 +138,10 @@ DynamicLibrary::LoadResult DynamicLibrary::load(const std::string& name, Visibil
     for (const std::string& candidate : getCandidates(name)) {
         const bool isPath = candidate.find('/') != std::string::npos;
         ::dlerror(); // forgets an older reason
-        result.handle = ::dlopen(candidate.c_str(), mode);
+        {
+            const NamesWhatThrows loading(candidate);
+            result.handle = ::dlopen(candidate.c_str(), mode);
+        }
         if (result.handle != nullptr) {
             result.path = getLoadedPath(result.handle, candidate);
             result.error.clear();

@@ -24,6 +24,8 @@ public:
     };
 
     /// Loads a module, with all its symbols resolved at once; a second time gives the same handle again.
+    /// An exception that leaves an initialiser of the module can't pass the system's loader: the terminate
+    /// handler ends the process, behind a line on the standard error stream that names the file.
     LoadResult load(const std::string& name, Visibility visibility = LOCAL);
     /// Null when the module has no such symbol.
     void* findSymbol(void* handle, const std::string& name) const;

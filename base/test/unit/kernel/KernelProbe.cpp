@@ -3,6 +3,7 @@
 //   kernelProbe HOW          ends by a fault; HOW is one of the names below
 
 #include "kernel/Controller.h"
+#include "kernel/DynamicLoader.h"
 #include "kernel/Observer.h"
 #include "kernel/OrvexVersion.h"
 #include "kernel/SignalHandler.h"
@@ -10,11 +11,13 @@
 #include "platform/Time.h"
 
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <iostream>
 #include <stdexcept>
 #include <string>
+#include <sys/resource.h>
 #include <thread>
 #include <unistd.h>
 
@@ -49,6 +52,15 @@ int writeToClosedPipe() {
     return 0;
 }
 
+int writeAboveTheLimit() {
+    const rlimit none{0, 0};
+    std::FILE* file = std::tmpfile();
+    if (file == nullptr || ::setrlimit(RLIMIT_FSIZE, &none) != 0)
+        return 1;
+    const bool failed = ::write(::fileno(file), "x", 1) < 0;
+    return ::write(1, failed ? "no SIGXFSZ" : "it's there", 10) == 10 ? 0 : 1; // a pipe has no size
+}
+
 int play(const std::string& how) {
     SignalHandler::setAbortCallback([how] {
         if (how == "abort")
@@ -62,6 +74,11 @@ int play(const std::string& how) {
         Controller::getSingleton().getSignalRaisedObservable().attach(observer);
     if (how == "pipe")
         return writeToClosedPipe();
+    if (how == "size")
+        return writeAboveTheLimit();
+    std::string reason;
+    if (how == "module")
+        return DynamicLoader::getSingleton().loadNoAssert("OrvexKernelThrowingModule", reason) ? 1 : 2;
     if (how == "sent")
         return ::kill(::getpid(), SIGSEGV);
     if (how == "terminate") {

@@ -15,6 +15,7 @@
 #include "kernel/SiteSettings.h"
 #include "kernel/Task.h"
 #include "kernel/UsageAgent.h"
+#include "platform/DynamicLibrary.h"
 #include "platform/FileSystem.h"
 #include "platform/Log.h"
 #include "platform/Process.h"
@@ -122,6 +123,8 @@ TEST(DynamicLoader, LoadsOnceAndReportsByResult) {
     loader.load("OrvexKernelTestModule");
     EXPECT_EQ(loader.getStateModules(), std::vector<std::string>{"OrvexKernelTestModule"});
     EXPECT_EQ(reason, "untouched");
+    const auto library = Platform::dynamiclibrary().load("OrvexKernelTestModule");
+    EXPECT_TRUE(loader.nonStateLoadNoAssert(library.path, reason)); // by its path: the same module
     EXPECT_STREQ(std::getenv("ORVEX_TEST_MODULE_ENTRIES"), "1");
 
     EXPECT_FALSE(loader.loadNoAssert("OrvexKernelFailingModule", reason));

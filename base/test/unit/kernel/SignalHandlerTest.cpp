@@ -152,7 +152,12 @@ TEST(SignalHandler, WhatCannotPassEndsTheProcess) {
         {L"hang", 128 + SIGSEGV, {"The handling of a fault came to no end"}},
         // Any other exception goes the way that it had.
         {L"terminate", 7, {"the handler from before"}},
+        {L"module",
+         128 + SIGABRT,
+         {"libOrvexKernelThrowingModule.so can't be loaded: an initialiser of its static objects threw: no "
+          "table"}},
         {L"pipe", 0, {"no SIGPIPE"}},
+        {L"size", 0, {"no SIGXFSZ"}},
         {L"sent", 128 + SIGSEGV, {""}}};
     for (const auto& row : rows) {
         const Platform::Process::RunResult result = runProbe(row.how);
