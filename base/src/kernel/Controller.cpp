@@ -8,13 +8,16 @@
 #include "kernel/Raise.h"
 #include "kernel/SingletonCleaner.h"
 #include "kernel/Subject.h"
+#include "platform/Io.h"
 #include "platform/Lock.h"
 #include "platform/Log.h"
 #include "platform/Mutex.h"
+#include "platform/Process.h"
 #include "platform/StringHelper.h"
 #include "platform/Thread.h"
 
 #include <condition_variable>
+#include <cstdlib>
 #include <cxxabi.h>
 #include <deque>
 #include <list>
@@ -44,16 +47,32 @@ void takeCaughtError(const std::string& name, Properties& response) {
     response.set(NAME_TAG, name);
 }
 
+/// Ends a process that a command forked and that comes back out of the command: as a second server it would
+/// answer in the place of this one. Nothing of the server's runs on its way: no exit function, no message.
+void endForkedChild(int owner, const std::string& command) {
+    const int self = Platform::process().getPid();
+    if (self == owner)
+        return;
+    const std::string text = "\nThe process " + std::to_string(self) + ", forked by the command " + command +
+                             " of the server " + std::to_string(owner) + ", came back from it: it ends\n";
+    constexpr int STANDARD_ERROR = 2;
+    static_cast<void>(Platform::io().write(STANDARD_ERROR, text.data(), text.size()));
+    std::_Exit(1);
+}
+
 /// Runs the command; what it throws stands in `response` afterwards.
 void runCommand(Command& command, const Properties& args, Properties& response) {
     const std::string name = command.getName();
     response.set(NAME_TAG, name);
+    const int owner = Platform::process().getPid();
     try {
         command.execute(args, response);
+        endForkedChild(owner, name);
         return;
     } catch (const abi::__forced_unwind&) {
         throw; // the thread ends
     } catch (...) {
+        endForkedChild(owner, name);
         takeCaughtError(name, response);
     }
     try {

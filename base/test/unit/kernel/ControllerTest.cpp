@@ -15,7 +15,9 @@
 #include <atomic>
 #include <functional>
 #include <stdexcept>
+#include <sys/wait.h>
 #include <thread>
+#include <unistd.h>
 
 namespace {
 
@@ -346,6 +348,25 @@ TEST_F(ControllerTest, TheLockIsHeldWhileACommandRuns) {
     other.join();
     EXPECT_TRUE(taken);
     std::thread([&] { EXPECT_THROW(run("Work"), InternalError); }).join();
+}
+
+TEST_F(ControllerTest, AForkedChildThatComesBackEnds) {
+    pid_t child = -1;
+    bool throws = false;
+    add("Fork", [&](const Properties&, Properties&) {
+        child = ::fork();
+        if (child == 0 && throws)
+            throw std::runtime_error("in the child");
+    });
+    for (const bool each : {false, true}) {
+        throws = each;
+        run("Fork");
+        if (child == 0)
+            ::_exit(77); // it came back
+        int status = 0;
+        ASSERT_EQ(::waitpid(child, &status, 0), child);
+        EXPECT_EQ(WEXITSTATUS(status), 1);
+    }
 }
 
 TEST(Command, HeirsTellWhatTheyDo) {
