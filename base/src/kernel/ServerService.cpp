@@ -161,7 +161,8 @@ void ServerService::beginStop() {
     if (_listener)
         _listener->close();
     _port = 0;
-    notify("server.stopping", Properties());
+    if (!_abortTold)
+        notify("server.stopping", Properties());
     endWhenAnswered();
 }
 
@@ -191,6 +192,7 @@ void ServerService::endConnections() {
 }
 
 void ServerService::abort(const std::string& reason) {
+    OS::Log::instance("Default").error("ServerService::abort", "@0@", reason);
     Properties params;
     params.set(Error::MESSAGE_TAG, reason);
     notifyAbort(params);
@@ -474,6 +476,8 @@ void ServerService::notify(const std::string& method, const Properties& params) 
 }
 
 void ServerService::notifyAbort(const Properties& reason) {
+    if (_abortTold.exchange(true))
+        return; // the first reason is the one that counts
     drainConsole();
     _clients.sendToAll(RpcMessage::notification("server.abort", reason.toString()));
     _clients.flush(_settings.limits.flushTime);

@@ -117,6 +117,7 @@ private:
     std::unique_ptr<ConsoleRelay> _console;
     std::atomic<bool> _running{false};
     std::atomic<bool> _stopRequested{false};
+    std::atomic<bool> _abortTold{false};
     std::atomic<std::size_t> _unanswered{0};
     std::atomic<unsigned> _port{0};
     bool _stopping = false;

@@ -8,6 +8,7 @@
 #include "platform/FpuHandling.h"
 #include "platform/Io.h"
 #include "platform/Log.h"
+#include "platform/Process.h"
 #include "platform/Signals.h"
 #include "platform/StackTracer.h"
 #include "platform/StringHelper.h"
@@ -32,7 +33,6 @@ constexpr const char* SIGNAL_TAG = "Signal";
 constexpr const char* SIGNAL_NUMBER_TAG = "SignalNumber";
 constexpr const char* ADDRESS_TAG = "Address";
 constexpr std::size_t MAX_TRACE_FRAMES = 48;
-constexpr int STANDARD_ERROR = 2;
 
 /// How far this thread is in the handling of a fault.
 enum class FaultState { NONE, HANDLING, ENDING };
@@ -41,6 +41,8 @@ constinit thread_local FaultState faultState __attribute__((tls_model("initial-e
 bool installed = false;
 /// What it pointed to before stays alive: a fault may be about to call it.
 std::atomic<const std::function<void()>*> abortCallback{nullptr};
+std::atomic<const std::function<void(const std::string&)>*> lastWordsCallback{nullptr};
+std::atomic<int> reportDescriptor{2};
 std::atomic<bool> processEnds{false};
 std::terminate_handler terminateBefore = nullptr;
 
@@ -49,22 +51,29 @@ FaultWatchdog watchdog;
 
 const std::vector<int>& faultSignals() {
     static const std::vector<int> signals{Platform::Signals::SEGMENTATION, Platform::Signals::BUS_ERROR,
-                                          Platform::Signals::ILLEGAL, Platform::Signals::FLOATING_POINT};
+                                          Platform::Signals::ILLEGAL, Platform::Signals::FLOATING_POINT,
+                                          Platform::Signals::ABORT};
     return signals;
 }
 
 void print(const std::string& text) {
     // Nothing is left to do when even this fails.
-    static_cast<void>(Platform::io().write(STANDARD_ERROR, text.data(), text.size()));
+    static_cast<void>(Platform::io().write(reportDescriptor, text.data(), text.size()));
+}
+
+void sayLastWords(const std::string& reason) {
+    if (const auto* callback = lastWordsCallback.load())
+        (*callback)(reason);
 }
 
 /// Ends the process through the abort callback; the first thread does it, any other one waits for the end.
-[[noreturn]] void endProcess(int signal) {
+[[noreturn]] void endProcess(int signal, const std::string& reason) {
     if (processEnds.exchange(true))
         while (true)
             Platform::time().sleep(SignalHandler::FAULT_TIME_LIMIT);
     faultState = FaultState::ENDING;
     watchdog.arm(signal, SignalHandler::FAULT_TIME_LIMIT);
+    sayLastWords(reason);
     if (const std::function<void()>* callback = abortCallback.load())
         (*callback)();
     std::set_terminate(nullptr);
@@ -77,8 +86,8 @@ void print(const std::string& text) {
         std::_Exit(128 + signal);
     faultState = FaultState::ENDING;
     print("\nFault in the handling of a fault: " + Platform::Signals::getFaultText(signal, code) + "\n");
-    Platform::error().writeStackTrace(STANDARD_ERROR, MAX_TRACE_FRAMES);
-    endProcess(signal);
+    Platform::error().writeStackTrace(reportDescriptor, MAX_TRACE_FRAMES);
+    endProcess(signal, Platform::Signals::getFaultText(signal, code));
 }
 
 /// Prints a fault whose error could not pass; every other exception keeps the course that it had.
@@ -94,7 +103,7 @@ void onTerminate() {
                 for (std::string line; std::getline(trace, line);)
                     text += "  " + line + "\n";
                 print(text);
-                endProcess(properties.getInt(SIGNAL_NUMBER_TAG));
+                endProcess(properties.getInt(SIGNAL_NUMBER_TAG), error.what());
             }
         } catch (...) {
             // Not ours.
@@ -141,12 +150,41 @@ void tellObservers(Properties properties) {
     }
 }
 
+/// Another process wants this one to end, or it ends itself by abort(): the default course follows.
+void speakBeforeDefault(int signal, int code, bool isSent) {
+    if (faultState == FaultState::ENDING)
+        return; // the end that was begun
+    faultState = FaultState::ENDING;
+    watchdog.arm(signal, SignalHandler::FAULT_TIME_LIMIT);
+    if (isSent) {
+        sayLastWords(Platform::Signals::getFaultText(signal, code));
+        return;
+    }
+    print("\nabort() was called:\n");
+    Platform::error().writeStackTrace(reportDescriptor, MAX_TRACE_FRAMES);
+    sayLastWords("abort() was called");
+}
+
+[[noreturn]] void endAtStackEnd(int signal) {
+    constexpr const char* TEXT = "Stack overflow";
+    faultState = FaultState::ENDING;
+    watchdog.arm(signal, SignalHandler::FAULT_TIME_LIMIT);
+    print(std::string("\n") + TEXT + ":\n");
+    Platform::error().writeStackTrace(reportDescriptor, MAX_TRACE_FRAMES);
+    endProcess(signal, TEXT);
+}
+
 /// Turns the fault into an error on this thread.
 void onFault(int signal, int code, void* address) {
-    if (code == SI_USER || code == SI_QUEUE)
-        return; // another process wants this one to end
+    const bool isSent = code == SI_USER || code == SI_QUEUE;
+    if (isSent || signal == Platform::Signals::ABORT) {
+        speakBeforeDefault(signal, code, isSent);
+        return;
+    }
     if (faultState != FaultState::NONE)
         endInFault(signal, code);
+    if (Platform::Signals::isStackOverflow())
+        endAtStackEnd(signal);
     faultState = FaultState::HANDLING;
     watchdog.arm(signal, SignalHandler::FAULT_TIME_LIMIT);
     const std::string text = Platform::Signals::getFaultText(signal, code);
@@ -199,6 +237,31 @@ void SignalHandler::setAbortCallback(std::function<void()> callback) {
     static auto* const all = new std::deque<std::function<void()>>;
     const std::lock_guard guard(mutex);
     abortCallback.store(callback ? &all->emplace_back(std::move(callback)) : nullptr);
+}
+
+void SignalHandler::setLastWordsCallback(std::function<void(const std::string& reason)> callback) {
+    static std::mutex mutex;
+    static auto* const all = new std::deque<std::function<void(const std::string&)>>;
+    const std::lock_guard guard(mutex);
+    lastWordsCallback.store(callback ? &all->emplace_back(std::move(callback)) : nullptr);
+}
+
+void SignalHandler::announceEndSignals() {
+    std::vector<int> signals;
+    for (const int signal : {SIGQUIT, SIGXCPU, SIGUSR1, SIGUSR2}) {
+        struct sigaction now {};
+        if (::sigaction(signal, nullptr, &now) == 0 && now.sa_handler == SIG_DFL)
+            signals.push_back(signal);
+    }
+    Platform::signals().watch(signals, [](int signal) {
+        sayLastWords(Platform::Signals::getFaultText(signal, SI_USER));
+        Platform::signals().restoreDefaults({signal});
+        ::kill(Platform::process().getPid(), signal); // to a thread that doesn't block it
+    });
+}
+
+void SignalHandler::setReportDescriptor(int descriptor) {
+    reportDescriptor = descriptor;
 }
 
 void SignalHandler::setStopCallback(std::function<void(int signal)> callback) {

@@ -3,6 +3,7 @@
 #include "kernel/KernelExport.h"
 
 #include <functional>
+#include <string>
 
 /// What becomes of signals.
 ///
@@ -14,7 +15,9 @@
 /// fault there ends it at once, and so does a fault whose handling doesn't come to an end within
 /// FAULT_TIME_LIMIT.
 ///
-/// When another process sends one of these signals, it takes the system's default course.
+/// When another process sends one of these signals, or the process calls abort(), the signal takes the
+/// system's default course behind the last-words callback. A stack overflow is printed with its trace and
+/// ends the process through the abort callback.
 ///
 /// SIGTERM and SIGINT that others send go to the stop callback, on a thread of their own. A broken
 /// pipe and a file above the limit of its size are never signals: the write fails.
@@ -38,6 +41,14 @@ public:
     /// Ends the process, and in a job all of it; called on the thread at fault. None: the process ends with a
     /// core image where the system makes one. Any thread.
     static void setAbortCallback(std::function<void()> callback);
+    /// Called with the reason before a fault, an abort() or a signal ends the process, whoever sent it; on
+    /// the thread at fault, in the handler. Any thread.
+    static void setLastWordsCallback(std::function<void(const std::string& reason)> callback);
+    /// Calls the last-words callback also for SIGQUIT, SIGXCPU, SIGUSR1 and SIGUSR2, as far as they would end
+    /// the process, which they do afterwards. Main thread.
+    static void announceEndSignals();
+    /// Where traces and messages of faults are written: the standard error stream by default. Any thread.
+    static void setReportDescriptor(int descriptor);
     /// Called, with the signal's number, for each SIGTERM and SIGINT, on a thread of its own. An
     /// empty function gives both back to the system. Main thread.
     static void setStopCallback(std::function<void(int signal)> callback);

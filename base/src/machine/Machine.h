@@ -255,7 +255,6 @@ private:
     void startConsole();
     void runRole(int argc, char** argv, ConsumedOptions& consumed);
     void abortRole(const std::string& text, const std::string& reason);
-    static void tellClientsOfEnd(const std::string& message);
     void stopLogger();
     void stopUsageManager();
     void deleteOnExit();

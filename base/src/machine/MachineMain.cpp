@@ -4,6 +4,7 @@
 
 #include "machine/CommandController.h"
 #include "machine/Communicator.h"
+#include "machine/LastWords.h"
 #include "machine/MachineCommands.h"
 #include "machine/ParallelConsoleBuf.h"
 #include "machine/StandardStreamManager.h"
@@ -17,9 +18,7 @@
 #include "kernel/Error.h"
 #include "kernel/EventLoggerManager.h"
 #include "kernel/EventTracker.h"
-#include "kernel/Properties.h"
 #include "kernel/Serializable.h"
-#include "kernel/Server.h"
 #include "kernel/SessionLocator.h"
 #include "kernel/SignalHandler.h"
 #include "kernel/SingletonCleaner.h"
@@ -36,20 +35,22 @@
 
 namespace {
 
-/// Says what nobody caught, for the reader of the log.
-void reportUncaught() noexcept {
+/// Why the process terminates, in words.
+std::string describeUncaught() {
     try {
         if (const std::exception_ptr uncaught = std::current_exception())
             std::rethrow_exception(uncaught);
     } catch (const std::exception& error) {
-        std::cerr << "\nTerminating: " << error.what() << std::endl;
+        return std::string("Terminating: ") + error.what();
     } catch (...) {
-        std::cerr << "\nTerminating: an error of unknown type" << std::endl;
+        return "Terminating: an error of unknown type";
     }
+    return "Terminating: std::terminate was called without an error";
 }
 
 void terminateHandler() {
-    reportUncaught();
+    LastWords::endForkedChild();
+    LastWords::say(describeUncaught());
     Machine::abortFromAnywhere();
     std::_Exit(int(Machine::getSingleton().getExitStatus())); // a terminate handler must not return
 }
@@ -58,6 +59,7 @@ void terminateHandler() {
 
 void Machine::main(int argc, char** argv) {
     std::ios::sync_with_stdio(true);
+    LastWords::prepare();
     FpuHandling::resetEnvironment(FpuEnvironmentAccessKey());
     auto consumed = std::make_unique<ConsumedOptions>();
     startCommunicators(argc, &argv, *consumed);
@@ -68,6 +70,7 @@ void Machine::main(int argc, char** argv) {
     installTerminateHandler();
     SignalHandler::setAbortCallback(&Machine::abortFromAnywhere);
     SignalHandler::install();
+    LastWords::install();
     StopSignals::install();
     bindProcesses();
     resolveCpuContention(*consumed);
@@ -84,6 +87,7 @@ void Machine::main(int argc, char** argv) {
     registerMachineCommands();
 
     runRole(argc, argv, *consumed);
+    LastWords::endWork();
 
     stopLogger();
     consumed.reset();
@@ -139,6 +143,7 @@ void Machine::scanForDesignFlags(int argc, const char* const* argv) {
 
 void Machine::runRole(int argc, char** argv, ConsumedOptions& consumed) {
     try {
+        LastWords::beginWork();
         if (isSerial() || isMaster()) {
             startServerHost(argc, argv, consumed);
         } else {
@@ -161,16 +166,8 @@ void Machine::abortRole(const std::string& text, const std::string& reason) {
     if (_standardStreamManager)
         _standardStreamManager->restore();
     std::cerr << text + '\n';
-    tellClientsOfEnd(reason);
+    LastWords::say(reason);
     abort(ExitStatus(ExitStatus::NON_RECOVERABLE_SERVER_ERROR));
-}
-
-void Machine::tellClientsOfEnd(const std::string& message) {
-    if (!isSerial() && !isMaster())
-        return;
-    Properties reason;
-    reason.set(Error::MESSAGE_TAG, message);
-    Server::getSingleton().notifyAbort(reason);
 }
 
 void Machine::stopLogger() {
@@ -216,8 +213,11 @@ void Machine::uninstallTerminateHandler() {
 }
 
 void Machine::abort(const ExitStatus& status) {
+    LastWords::endForkedChild();
     uninstallTerminateHandler();
     _exitStatus += status;
+    LastWords::sayIfUntimely("the abort of the job was asked for");
+    LastWords::disarm(); // what follows may end in exit()
     SessionLocator::cleanup();
     if (isParallel())
         abortRanks(_exitStatus);
@@ -244,6 +244,7 @@ void Machine::endFailedStart(const ExitStatus& status) {
 }
 
 void Machine::leave(const ExitStatus& status) {
+    LastWords::disarm();
     std::cout.flush();
     if (isParallel())
         // After a mere exit the other ranks would wait for this one until the launcher notices, and some

@@ -3,6 +3,7 @@
 #include "machine/Machine.h"
 
 #include "machine/Communicator.h"
+#include "machine/LastWords.h"
 #include "machine/MachineHost.h"
 #include "machine/MpiCore.h"
 
@@ -149,8 +150,7 @@ void Machine::startLauncherWatch() {
     constexpr double GRACE = 1.0; // [s]
     _launcherWatch = std::make_unique<LauncherWatch>(
         [](const std::string& reason) {
-            std::cerr << "\nThis process ends: " << reason << std::endl;
-            tellClientsOfEnd(reason);
+            LastWords::say(reason);
             SessionLocator::cleanup();
         },
         GRACE, int(ExitStatus(ExitStatus::SERVER_ERROR)));

@@ -1,5 +1,6 @@
 #include "machine/StopSignals.h"
 
+#include "machine/LastWords.h"
 #include "machine/Machine.h"
 
 #include "kernel/Server.h"
@@ -20,8 +21,7 @@ bool isServing = false;
 std::optional<double> requestTime; // [s]
 
 [[noreturn]] void endAtOnce(int signal) {
-    std::cerr << '\n'
-              << Platform::Signals::getName(signal) << " again: the process ends at once" << std::endl;
+    LastWords::say(Platform::Signals::getName(signal) + " again: the process ends at once");
     if (Machine::isSerial() || Machine::isMaster())
         Machine::abortFromAnywhere();
     constexpr int EXIT_VALUE_OF_SIGNAL = 128;
@@ -46,6 +46,8 @@ void StopSignals::setServing(bool serving) {
 }
 
 void StopSignals::request(int signal) {
+    if (LastWords::isJobDying())
+        return; // the launcher ends a job that has lost a rank: nobody asks for a stop in order
     const std::lock_guard lock(requestMutex);
     const double now = Platform::time().getTime();
     if (requestTime && now - *requestTime > PATIENCE)

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace Platform {
@@ -55,6 +56,12 @@ bool Io::write(int descriptor, const char* data, std::size_t count) const {
 
 bool Io::isTerminal(int descriptor) const {
     return ::isatty(descriptor) == 1;
+}
+
+bool Io::isSameFile(int one, int other) const {
+    struct stat a {};
+    struct stat b {};
+    return ::fstat(one, &a) == 0 && ::fstat(other, &b) == 0 && a.st_dev == b.st_dev && a.st_ino == b.st_ino;
 }
 
 bool Io::openStandardDescriptors() const {

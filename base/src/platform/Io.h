@@ -24,6 +24,8 @@ public:
     /// Writes all `count` bytes with one system call where the system allows. @return false when it can't
     bool write(int descriptor, const char* data, std::size_t count) const;
     bool isTerminal(int descriptor) const;
+    /// Whether both stand for the same file, pipe or device; false when one of them stands for nothing.
+    bool isSameFile(int one, int other) const;
     /// Opens those of the descriptors 0 to 2 that are closed on the null device: a file or socket opened
     /// later would become a standard stream. Allowed before any constructor has run. @return false when the
     /// system refuses

@@ -1,7 +1,9 @@
 #include "platform/Signals.h"
 
+#include "platform/AlternateStack.h"
 #include "platform/Pipe.h"
 #include "platform/QuietThread.h"
+#include "platform/Thread.h"
 
 #include <atomic>
 #include <cerrno>
@@ -36,6 +38,7 @@ static_assert(std::atomic<int>::is_always_lock_free, "signal handlers read it");
 static_assert(std::atomic<Signals::FaultCallback>::is_always_lock_free, "signal handlers read it");
 
 std::atomic<int> wakeDescriptor{-1};
+std::atomic<int> watchOwner{0}; ///< the process that watches
 std::atomic<Signals::FaultCallback> faultCallbacks[NUMBER_SIGNALS];
 
 void setAction(int signal, const struct sigaction& action, struct sigaction* before = nullptr) {
@@ -46,6 +49,11 @@ void setAction(int signal, const struct sigaction& action, struct sigaction* bef
 /// Hands the signal to the watching thread.
 void onWatched(int signal) {
     const int error = errno;
+    if (::getpid() != watchOwner.load()) { // forked: the pipe leads to its parent, which wasn't meant
+        ::signal(signal, SIG_DFL);
+        ::raise(signal);
+        return; // and takes effect here
+    }
     const auto byte = static_cast<unsigned char>(signal);
     // A full pipe holds the news already that something came.
     if (::write(wakeDescriptor.load(), &byte, 1) < 0) {
@@ -67,8 +75,23 @@ void resumeFloatingPointModes([[maybe_unused]] const void* context) {
 #endif
 }
 
+constinit thread_local bool strikesStackEnd __attribute__((tls_model("initial-exec"))) = false;
+
+bool isAtStackEnd([[maybe_unused]] const siginfo_t& info, [[maybe_unused]] const void* context) {
+#if defined(__x86_64__)
+    const auto& registers = static_cast<const ucontext_t*>(context)->uc_mcontext.gregs;
+    return info.si_signo == SIGSEGV && info.si_code > 0 &&
+           AlternateStack::isOverflow(info.si_addr, static_cast<std::size_t>(registers[REG_RSP]));
+#else
+    return info.si_signo == SIGSEGV && info.si_code > 0 &&
+           AlternateStack::isOverflow(info.si_addr, ~std::size_t(0));
+#endif
+}
+
 void onFault(int signal, siginfo_t* info, void* context) {
     resumeFloatingPointModes(context);
+    // A fault on the alternate stack itself is another one.
+    strikesStackEnd = !strikesStackEnd && isAtStackEnd(*info, context);
     if (const auto callback = faultCallbacks[signal].load())
         callback(signal, info->si_code, info->si_addr);
     // Behind this handler a fault strikes again and finds the default course; what another process sent
@@ -127,6 +150,7 @@ void startThread(Setup& setup) {
             throw std::system_error(errno, std::generic_category(), "Signal pipe");
         setup.pipe = std::move(pipe);
         wakeDescriptor = end;
+        watchOwner = ::getpid();
     }
     if (!setup.thread.joinable())
         setup.thread = startQuietThread("signals", serve);
@@ -175,14 +199,18 @@ void Signals::unwatch() {
 void Signals::installFaultHandler(const std::vector<int>& signals, FaultCallback callback) {
     Setup& setup = getSetup();
     const std::lock_guard lock(setup.mutex);
+    static auto* const mainStack = Thread::isMain() ? new AlternateStack : nullptr; // until the end
+    static_cast<void>(mainStack);
     for (const int signal : signals) {
         if (signal <= 0 || signal >= NUMBER_SIGNALS)
             throw std::system_error(EINVAL, std::generic_category(), "Signal " + getName(signal));
         struct sigaction action {};
         action.sa_sigaction = onFault;
         // The signal stays unblocked in its handler, so an exception may leave it and a second fault comes
-        // back; and the handler runs on the stack that the exception unwinds.
-        action.sa_flags = SA_SIGINFO | SA_NODEFER;
+        // back. The exception unwinds from the alternate stack to the one that faulted: the frame of the
+        // handler tells where that stood, and the system takes a thread to be on the alternate stack by its
+        // stack pointer alone.
+        action.sa_flags = SA_SIGINFO | SA_NODEFER | (AlternateStack::isUsed() ? SA_ONSTACK : 0);
         ::sigemptyset(&action.sa_mask);
         faultCallbacks[signal] = callback;
         setAction(signal, action);
@@ -206,6 +234,10 @@ void Signals::restoreDefaults(const std::vector<int>& signals) {
 void Signals::ignore(int signal) {
     if (::signal(signal, SIG_IGN) == SIG_ERR)
         throw std::system_error(errno, std::generic_category(), "Signal " + getName(signal));
+}
+
+bool Signals::isStackOverflow() {
+    return strikesStackEnd;
 }
 
 std::string Signals::getName(int signal) {

@@ -18,6 +18,7 @@
 #include <iostream>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -102,7 +103,9 @@ public:
         : NoResultCommand(
               {"Crashes.",
                {ranksKey(),
-                {"kind", "text", "segmentation (the default), raise, kill, abort, terminate or exit", false}},
+                {"kind", "text",
+                 "segmentation (the default), raise, kill, abort, terminate, thread, overflow, leave or exit",
+                 false}},
                {}}) {}
     std::string getName() const override { return "TestCrash"; }
     void execute(const Properties& args) override {
@@ -112,6 +115,11 @@ public:
     }
 
 private:
+    [[gnu::noinline]] static int recurse(int depth) {
+        volatile char frame[1000] = {};
+        frame[static_cast<std::size_t>(depth) % sizeof frame] = 1;
+        return depth < 0 ? 0 : recurse(depth + 1) + frame[0];
+    }
     static void crash(const std::string& kind) {
         if (kind == "segmentation") {
             int* volatile nowhere = nullptr;
@@ -124,6 +132,12 @@ private:
             std::abort();
         } else if (kind == "terminate") {
             std::terminate();
+        } else if (kind == "thread") {
+            std::thread([] { throw std::runtime_error("lost in a thread"); }).join();
+        } else if (kind == "overflow") {
+            static_cast<void>(recurse(1));
+        } else if (kind == "leave") {
+            std::exit(0);
         } else if (kind == "exit") {
             constexpr int STATUS = 5;
             std::_Exit(STATUS);

@@ -1,6 +1,7 @@
 """How a job ends when somebody ends it from outside: in order when asked, and within seconds when killed."""
 import json
 import os
+import re
 import signal
 import time
 
@@ -69,6 +70,32 @@ class Asked(Case):
                 self.assertNotEqual(job.wait(), 0, job.told())
                 self.assertIn("SIGTERM again: the process ends at once", job.err())
                 wait_until(lambda: not self.room.servers(), GONE_LIMIT, lambda: str(self.room.leftovers()))
+
+
+class Dying(Case):
+    """Whoever waits for a job that dies is told why."""
+    # How a rank dies, and what the standard error stream and the client of the job show then.
+    ENDS = [("thread", "lost in a thread"), ("terminate", "std::terminate was called without an error"),
+            ("abort", "abort() was called"), ("leave", "exit(0) was called"), ("overflow", "Stack overflow"),
+            ("kill", "has ended without a word")]
+
+    def test_reasons(self):
+        for mpi, ranks in ((None, 1), *((mpi, 3) for mpi in MPIS)):
+            for kind, reason in self.ENDS:
+                # Nobody speaks for a serial server that is killed; MPICH's launcher kills all ranks at once then.
+                if kind == "kill" and mpi != "openmpi":
+                    continue
+                for rank in range(0 if kind != "kill" else 1, min(ranks, 2)):
+                    with self.subTest(mpi=mpi, kind=kind, rank=rank):
+                        job = self.ready("-module", "OrvexTestModule", mpi=mpi, ranks=ranks)
+                        client = job.ctl_started("TestCrash", f"kind={kind}", f"ranks=[{rank}]")
+                        job.wait()
+                        client.wait(timeout=GONE_LIMIT)
+                        self.assertRegex(client.said(), "The job aborts: .*" + re.escape(reason))
+                        self.assertNotIn("stops", client.said())
+                        who = f"Rank {rank}" if mpi else "The server"
+                        self.assertRegex(job.err(), rf"\n{who} .*" + re.escape(reason))
+                        wait_until(lambda: not self.room.processes(), GONE_LIMIT, lambda: str(self.room.leftovers()))
 
 
 class Killed(Case):
