@@ -6,6 +6,7 @@
 #include "kernel/Error.h"
 #include "kernel/MessagingGate.h"
 #include "kernel/Raise.h"
+#include "kernel/SignalHandler.h"
 #include "kernel/SingletonCleaner.h"
 #include "kernel/Subject.h"
 #include "platform/Io.h"
@@ -55,8 +56,7 @@ void endForkedChild(int owner, const std::string& command) {
         return;
     const std::string text = "\nThe process " + std::to_string(self) + ", forked by the command " + command +
                              " of the server " + std::to_string(owner) + ", came back from it: it ends\n";
-    constexpr int STANDARD_ERROR = 2;
-    static_cast<void>(Platform::io().write(STANDARD_ERROR, text.data(), text.size()));
+    static_cast<void>(Platform::io().write(SignalHandler::getReportDescriptor(), text.data(), text.size()));
     std::_Exit(1);
 }
 

@@ -264,6 +264,10 @@ void SignalHandler::setReportDescriptor(int descriptor) {
     reportDescriptor = descriptor;
 }
 
+int SignalHandler::getReportDescriptor() {
+    return reportDescriptor;
+}
+
 void SignalHandler::setStopCallback(std::function<void(int signal)> callback) {
     if (!callback) {
         Platform::signals().unwatch();

@@ -49,6 +49,7 @@ public:
     static void announceEndSignals();
     /// Where traces and messages of faults are written: the standard error stream by default. Any thread.
     static void setReportDescriptor(int descriptor);
+    static int getReportDescriptor();
     /// Called, with the signal's number, for each SIGTERM and SIGINT, on a thread of its own. An
     /// empty function gives both back to the system. Main thread.
     static void setStopCallback(std::function<void(int signal)> callback);
