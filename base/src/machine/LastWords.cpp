@@ -12,9 +12,11 @@
 #include "platform/JobWatch.h"
 #include "platform/Process.h"
 #include "platform/Semaphore.h"
+#include "platform/Signals.h"
 #include "platform/Time.h"
 
 #include <atomic>
+#include <csignal>
 #include <cstdlib>
 #include <memory>
 #include <system_error>
@@ -108,6 +110,8 @@ void onExit(int status, void*) {
 
 void LastWords::prepare() {
     owner = Platform::process().getPid();
+    for (const int signal : {SIGPIPE, SIGXFSZ}) // the start prints, and a reader may be gone by then
+        Platform::signals().ignore(signal);
     const int duplicate = Platform::io().duplicate(STANDARD_ERROR);
     if (duplicate < 0)
         return; // the stream itself serves as long as it leads there

@@ -14,7 +14,8 @@
 /// the death of a rank on another host can't be told from a user's wish.
 class LastWords {
 public:
-    /// Keeps the standard error stream. The first step of the process, main thread.
+    /// Keeps the standard error stream, and makes a write that fails an error and no signal. The first step
+    /// of the process, main thread.
     static void prepare();
     /// Speaks for the signals that end this process from now on. Main thread, once the role is fixed.
     static void install();
