@@ -1,6 +1,38 @@
 #include "mpiwrapper/drivers/Driver.h"
 
+#include <memory>
+#include <new>
+
 namespace Driver {
+
+#ifndef OPEN_MPI
+namespace {
+
+/// MPICH 4.0 writes beyond its buffers when the root of a reduction isn't rank 0 and gives its own values in
+/// place. It gets a copy of them.
+int reduceCopy(void* values, int count, int datatype, int op, int root, int comm) {
+    const MPI_Datatype type = handles.types.get(datatype);
+    MPI_Aint lowerBound = 0;
+    MPI_Aint extent = 0;
+    MPI_Aint trueLowerBound = 0;
+    MPI_Aint trueExtent = 0;
+    int code = MPI_Type_get_extent(type, &lowerBound, &extent);
+    if (code == MPI_SUCCESS)
+        code = MPI_Type_get_true_extent(type, &trueLowerBound, &trueExtent);
+    if (code != MPI_SUCCESS)
+        return translate(code);
+    const MPI_Aint bytes = count > 0 ? trueExtent + (count - 1) * extent : 0;
+    const std::unique_ptr<char[]> copy(new (std::nothrow) char[static_cast<std::size_t>(bytes)]);
+    if (!copy)
+        return refuse(OXM_MPI_ERR_NO_MEM);
+    if (bytes > 0)
+        std::memcpy(copy.get(), static_cast<char*>(values) + trueLowerBound, static_cast<std::size_t>(bytes));
+    return translate(MPI_Reduce(copy.get() - trueLowerBound, values, count, type, handles.ops.get(op), root,
+                                handles.comms.get(comm)));
+}
+
+} // namespace
+#endif
 
 int Barrier(int comm) {
     return translate(MPI_Barrier(handles.comms.get(comm)));
@@ -68,6 +100,10 @@ int Alltoallv(const void* sendBuffer, const int* sendCounts, const int* sendDisp
 }
 
 int Reduce(const void* sendBuffer, void* recvBuffer, int count, int datatype, int op, int root, int comm) {
+#ifndef OPEN_MPI
+    if (sendBuffer == OXM_MPI_IN_PLACE && root > 0)
+        return reduceCopy(recvBuffer, count, datatype, op, root, comm);
+#endif
     return translate(MPI_Reduce(toNativeBuffer(sendBuffer), recvBuffer, count, handles.types.get(datatype),
                                 handles.ops.get(op), toNativeRank(root), handles.comms.get(comm)));
 }
