@@ -61,7 +61,7 @@ function(orvex_add_library target)
   add_library(${ARG_ALIAS} ALIAS ${target})
   string(REPLACE "Orvex::" "" export_name ${ARG_ALIAS})
   set_target_properties(${target} PROPERTIES
-    EXPORT_NAME ${export_name} VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
+    EXPORT_NAME ${export_name} VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR}
     VERIFY_INTERFACE_HEADER_SETS ON)
   target_sources(${target} PUBLIC FILE_SET HEADERS BASE_DIRS ${CMAKE_SOURCE_DIR}/base/src FILES ${ARG_HEADERS})
   target_link_libraries(${target} PRIVATE $<BUILD_INTERFACE:orvex_warnings>)
