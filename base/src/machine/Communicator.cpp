@@ -1,5 +1,6 @@
 #include "machine/Communicator.h"
 
+#include "machine/CommunicatorFrame.h"
 #include "machine/ExitStatus.h"
 #include "machine/FieldLoopState.h"
 #include "machine/Machine.h"
@@ -111,6 +112,7 @@ void Communicator::checkSerialCriticalLock() {
 }
 
 std::unique_ptr<Communicator> Communicator::createCommunicator(const std::vector<unsigned>& ranks) const {
+    CommunicatorFrame::passGate();
     const unsigned size = _size;
     ORVEX_ASSERT_AS(ranks.size() <= size, "ranks.size() <= size", "Invalid number of ranks");
     std::vector<int> members;
@@ -137,6 +139,7 @@ std::unique_ptr<Communicator> Communicator::createCommunicator(const std::vector
 }
 
 std::unique_ptr<Communicator> Communicator::createSharedMemCommunicators() const {
+    CommunicatorFrame::passGate();
     int newHandle = OXM_MPI_COMM_NULL;
     MpiCore::handleError(
         OXM_MPI_Comm_split_type(_handle, OXM_MPI_COMM_TYPE_SHARED, 0, OXM_MPI_INFO_NULL, &newHandle));

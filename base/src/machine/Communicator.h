@@ -129,6 +129,14 @@ public:
     /// Combines `*length` records of `in` into `inout`.
     using ReductionFunction = void (*)(void* in, void* inout, int* length, int* datatype);
 
+    /// Marks the function of a reduction as one that doesn't commute, for example a product of matrices: its
+    /// first argument is then always the combination of lower ranks than the second one is.
+    template <class F>
+    struct InRankOrder {
+        explicit InRankOrder(F function) : combine(function) {}
+        F combine;
+    };
+
     static constexpr unsigned _master = 0;
     static constexpr unsigned masterRank() { return _master; }
     /// The tag of a message that names none; no other can have it.
@@ -166,7 +174,8 @@ public:
     /// A communicator of some ranks of this one, in the order given. Collective; all pass the same list.
     /// @return null on a rank that isn't in `ranks`
     std::unique_ptr<Communicator> createCommunicator(const std::vector<unsigned>& ranks) const;
-    /// One communicator for each set of ranks that share memory. Collective.
+    /// One communicator for each set of ranks that share memory. Collective; through the gate, as
+    /// createCommunicator() is.
     std::unique_ptr<Communicator> createSharedMemCommunicators() const;
 
     /// Takes the whole job down with `status` as exit value. Local.
@@ -180,6 +189,9 @@ public:
     void setMaxBufferSize(std::size_t bytes);
     /// [bytes]; the MPI driver's limit, until setMaxBufferSize().
     std::size_t getMaxBufferSize() const { return _maxBufferSize; }
+    /// The smallest limit with which the messages of this layer itself pass [bytes]: a few numbers of each
+    /// rank in one call.
+    std::size_t getSmallestBufferSize() const { return 64 + std::size_t{16} * _size; }
     /// Whether `bytes` are more than that; exactly the limit fits.
     bool exceedsMaximumBufferSize(const std::size_t& bytes) const { return bytes > _maxBufferSize; }
     /// Whether `count` elements of `typeSize` bytes are too large for one call.
@@ -290,8 +302,10 @@ public:
 
     // Non-blocking. `value` must stay alive, and as it is, until the stack completed. A container travels
     // with the length that it has on this rank: no length is sent, and the receiver's isn't resized.
+    // A stack that dies early, for example by an exception, takes its receives back, but no sends.
 
-    /// Begins a send to `dest`.
+    /// Begins a send to `dest`. The memory of `value` must outlive the message: declare it before the stack,
+    /// and neither change, resize nor free it before the stack completed, also not after an exception.
     template <PrimitiveArray::Object V>
     void iSend(V&& value, unsigned dest, RequestStack& requests, Tag tag = _defaultTag) {
         assertOutlivesRequest<V>();
@@ -365,20 +379,23 @@ public:
     /// @param tag     a tag or MpiCore::ANY_TAG; afterwards the message's: 32767 is that of a message that
     ///                named none, and no Tag can be made of it. Receive it without naming one either
     /// @param count   values of T in the message
+    /// @throw InternalError when the message isn't a whole number of them; it can still be received
     template <class T>
     void probe(unsigned& source, unsigned& tag, unsigned& count) {
         static_assert(PrimitiveArray::assertFixedSize<T>());
         using Record = PrimitiveArray::Record<T>;
-        _probe(source, tag, PrimitiveArray::datatype<typename Record::t>(), count);
-        count /= Record::stride;
+        int elements = 0;
+        _probe(source, tag, PrimitiveArray::datatype<typename Record::t>(), elements);
+        count = toValues(elements, Record::stride);
     }
     /// The same without waiting. @return false, and `count` 0, when no such message stands
     template <class T>
     bool iProbe(unsigned& source, unsigned& tag, unsigned& count) {
         static_assert(PrimitiveArray::assertFixedSize<T>());
         using Record = PrimitiveArray::Record<T>;
-        const bool stands = _iProbe(source, tag, PrimitiveArray::datatype<typename Record::t>(), count);
-        count /= Record::stride;
+        int elements = 0;
+        const bool stands = _iProbe(source, tag, PrimitiveArray::datatype<typename Record::t>(), elements);
+        count = toValues(elements, Record::stride);
         return stands;
     }
 
@@ -548,7 +565,7 @@ public:
     //
     // A function that combines is a plain function or a lambda without captures,
     // `T combine(const T&, const T&)` or `void combine(const T& from, T& into)`. It may be called for the
-    // ranks in any order, and must not throw.
+    // ranks in any order, unless it is given as InRankOrder(combine). It must be associative and not throw.
 
     /// The root's `value` becomes the combination of all ranks' values; the others' stay.
     template <PrimitiveArray::Object V>
@@ -563,6 +580,13 @@ public:
     void reduce(V&& value, F combine, unsigned root) {
         static_assert(PrimitiveArray::assertReceives<V>());
         _reduce(recordsOf(value), ReductionThunk<PrimitiveArray::EntryOf<V>, F>::of(combine), root);
+    }
+
+    template <PrimitiveArray::Object V, class F>
+    void reduce(V&& value, InRankOrder<F> ordered, unsigned root) {
+        static_assert(PrimitiveArray::assertReceives<V>());
+        _reduce(recordsOf(value), ReductionThunk<PrimitiveArray::EntryOf<V>, F>::of(ordered.combine), root,
+                RANK_ORDER);
     }
 
     /// Every rank's `value` becomes the combination of all ranks' values.
@@ -580,6 +604,13 @@ public:
         _allReduce(recordsOf(value), ReductionThunk<PrimitiveArray::EntryOf<V>, F>::of(combine));
     }
 
+    template <PrimitiveArray::Object V, class F>
+    void allReduce(V&& value, InRankOrder<F> ordered) {
+        static_assert(PrimitiveArray::assertReceives<V>());
+        _allReduce(recordsOf(value), ReductionThunk<PrimitiveArray::EntryOf<V>, F>::of(ordered.combine),
+                   RANK_ORDER);
+    }
+
     /// Rank i's `value` becomes the combination of the values of ranks 0 to i.
     template <PrimitiveArray::Object V>
     void scan(V&& value, Operation operation) {
@@ -593,6 +624,13 @@ public:
     void scan(V&& value, F combine) {
         static_assert(PrimitiveArray::assertReceives<V>());
         _scan(recordsOf(value), ReductionThunk<PrimitiveArray::EntryOf<V>, F>::of(combine));
+    }
+
+    template <PrimitiveArray::Object V, class F>
+    void scan(V&& value, InRankOrder<F> ordered) {
+        static_assert(PrimitiveArray::assertReceives<V>());
+        _scan(recordsOf(value), ReductionThunk<PrimitiveArray::EntryOf<V>, F>::of(ordered.combine),
+              RANK_ORDER);
     }
 
     /// Combines the ranks' `send` and gives block i to rank i. `recv` has the length of one block, the same
@@ -664,6 +702,9 @@ private:
     friend class CommunicatorFrame;
     friend class CommunicatorTestAccess;
 
+    /// In which order a reduction may take the ranks: its value tells the message layer whether it commutes.
+    enum Order : int { RANK_ORDER = 0, ANY_ORDER = 1 };
+
     static constexpr std::size_t MAX_COUNT = 0x7FFFFFFF;
     static constexpr const char* SENT_COUNT = "s.size <= std::numeric_limits<mssg_count_t>::max()";
     static constexpr const char* RECEIVED_COUNT = "r.size <= std::numeric_limits<mssg_count_t>::max()";
@@ -697,8 +738,9 @@ private:
     void iRecvFromAny(BufferBase<int> buf, RequestStack& requests, Tag tag);
     void recvInit(BufferBase<int> buf, unsigned source, PersistentRequestStack& requests, Tag tag);
     void sendrecv(ConstBufferBase<int> sendbuf, unsigned dest, BufferBase<int> recvbuf, unsigned source);
-    void _probe(unsigned& source, unsigned& tag, const int& type, unsigned& count);
-    bool _iProbe(unsigned& source, unsigned& tag, const int& type, unsigned& count);
+    void _probe(unsigned& source, unsigned& tag, const int& type, int& elements);
+    bool _iProbe(unsigned& source, unsigned& tag, const int& type, int& elements);
+    static unsigned toValues(int elements, unsigned stride);
 
     void broadcast(BufferBase<unsigned> buf, unsigned root);
     /// With all that may be between: cutting, the gate's refusals, the timer, the statistics.
@@ -722,9 +764,10 @@ private:
             MpiCore::handleError(allReduceFrame(buf.data, buf.size, buf.type, op, this, buf.typeSize));
     }
     void _scan(BufferBase<int> buf, int op);
-    void _reduce(const CustomReductionBuffer& buffer, ReductionFunction function, unsigned root);
-    void _allReduce(const CustomReductionBuffer& buffer, ReductionFunction function);
-    void _scan(const CustomReductionBuffer& buffer, ReductionFunction function);
+    void _reduce(const CustomReductionBuffer& buffer, ReductionFunction function, unsigned root,
+                 Order order = ANY_ORDER);
+    void _allReduce(const CustomReductionBuffer& buffer, ReductionFunction function, Order order = ANY_ORDER);
+    void _scan(const CustomReductionBuffer& buffer, ReductionFunction function, Order order = ANY_ORDER);
     void reduceScatter(ConstBufferBase<int> sendbuf, BufferBase<int> recvbuf, int op);
     void allToAll(ConstBufferBase<int> sendbuf, BufferBase<int> recvbuf);
     void allToAllVector(ConstBufferBase<int> sendbuf, const unsigned* sendCounts,

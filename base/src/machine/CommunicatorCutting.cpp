@@ -1,5 +1,7 @@
 #include "machine/Communicator.h"
 
+#include "mpiwrapper/OxmMpi.h"
+
 #include <algorithm>
 #include <cstring>
 #include <memory>
@@ -82,6 +84,15 @@ struct Halves {
     std::size_t upperTotal = 0;
 };
 
+/// Puts into a room what the receiver has, where its elements may have gaps: what comes leaves the gaps
+/// alone, and they must hold the same afterwards.
+template <class CountOf, class PositionOf>
+void keepGaps(const View<unsigned>& spread, char* packed, unsigned ranks, CountOf countOf,
+              PositionOf positionOf) {
+    if (spread.type > OXM_MPI_LONG_DOUBLE_INT)
+        pack(ConstView<unsigned>(spread), packed, ranks, countOf, positionOf);
+}
+
 /// Gathers equal blocks in two passes. @param here  whether the result comes to this rank
 template <class Pass>
 void gatherHalves(ConstView<unsigned> lowerSend, ConstView<unsigned> upperSend, const View<unsigned>& recvbuf,
@@ -92,16 +103,17 @@ void gatherHalves(ConstView<unsigned> lowerSend, ConstView<unsigned> upperSend, 
     const std::size_t blocks = here ? ranks : 0;
     const Room room(upper * blocks, recvbuf);
 
-    pass(lowerSend, room.view(lower * blocks));
-    if (here)
-        unpack(
-            room.data(), recvbuf, ranks, [=](unsigned) { return lower; },
-            [=](unsigned i) { return i * block; });
-    pass(upperSend, room.view(upper * blocks));
-    if (here)
-        unpack(
-            room.data(), recvbuf, ranks, [=](unsigned) { return upper; },
-            [=](unsigned i) { return i * block + lower; });
+    const auto receive = [&](ConstView<unsigned> send, std::size_t first) {
+        const std::size_t size = send.size;
+        const auto countOf = [=](unsigned) { return size; };
+        const auto positionOf = [=](unsigned i) { return i * block + first; };
+        const unsigned receivers = here ? ranks : 0;
+        keepGaps(recvbuf, room.data(), receivers, countOf, positionOf);
+        pass(send, room.view(size * blocks));
+        unpack(room.data(), recvbuf, receivers, countOf, positionOf);
+    };
+    receive(lowerSend, 0);
+    receive(upperSend, lower);
 }
 
 /// Gathers blocks of any length in two passes. @param pass  gets the half, its buffer, counts and
@@ -111,18 +123,18 @@ void gatherVectorHalves(const View<unsigned>& recvbuf, const unsigned* recvCount
                         const unsigned* displacements, unsigned ranks, LowerPass lowerPass,
                         UpperPass upperPass) {
     const Halves halves(recvCounts, ranks);
-    {
-        const Room room(halves.lowerTotal, recvbuf);
-        lowerPass(room.view(halves.lowerTotal), halves.lowerCounts.data(), halves.lowerDisplacements.data());
-        unpack(
-            room.data(), recvbuf, ranks, [&](unsigned i) { return halves.lowerCounts[i]; },
-            [&](unsigned i) { return static_cast<std::size_t>(displacements[i]); });
-    }
-    const Room room(halves.upperTotal, recvbuf);
-    upperPass(room.view(halves.upperTotal), halves.upperCounts.data(), halves.upperDisplacements.data());
-    unpack(
-        room.data(), recvbuf, ranks, [&](unsigned i) { return halves.upperCounts[i]; },
-        [&](unsigned i) { return static_cast<std::size_t>(displacements[i]) + halves.lowerCounts[i]; });
+    const auto receive = [&](std::size_t total, const std::vector<unsigned>& counts,
+                             const std::vector<unsigned>& packedAt, auto pass, auto positionOf) {
+        const Room room(total, recvbuf);
+        const auto countOf = [&](unsigned i) { return counts[i]; };
+        keepGaps(recvbuf, room.data(), ranks, countOf, positionOf);
+        pass(room.view(total), counts.data(), packedAt.data());
+        unpack(room.data(), recvbuf, ranks, countOf, positionOf);
+    };
+    receive(halves.lowerTotal, halves.lowerCounts, halves.lowerDisplacements, lowerPass,
+            [&](unsigned i) { return std::size_t{displacements[i]}; });
+    receive(halves.upperTotal, halves.upperCounts, halves.upperDisplacements, upperPass,
+            [&](unsigned i) { return std::size_t{displacements[i]} + halves.lowerCounts[i]; });
 }
 
 } // namespace

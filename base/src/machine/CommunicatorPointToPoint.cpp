@@ -138,10 +138,12 @@ void Communicator::iSyncSend(ConstBufferBase<int> buf, unsigned dest, RequestSta
 void Communicator::iRecv(BufferBase<int> buf, unsigned source, RequestStack& requests, Tag tag) {
     checkRecv(source, _myRank);
     begin<OXM_MPI_Irecv, I_RECV>(*this, buf, static_cast<int>(source), requests, tag.value(), source);
+    requests._isReceiving.back() = true;
 }
 
 void Communicator::iRecvFromAny(BufferBase<int> buf, RequestStack& requests, Tag tag) {
     begin<OXM_MPI_Irecv, I_RECV>(*this, buf, OXM_MPI_ANY_SOURCE, requests, tag.value(), 0);
+    requests._isReceiving.back() = true;
 }
 
 void Communicator::recvInit(BufferBase<int> buf, unsigned source, PersistentRequestStack& requests, Tag tag) {
@@ -149,31 +151,34 @@ void Communicator::recvInit(BufferBase<int> buf, unsigned source, PersistentRequ
     begin<OXM_MPI_Recv_init, RECV_INIT>(*this, buf, static_cast<int>(source), requests, tag.value(), source);
 }
 
-void Communicator::_probe(unsigned& source, unsigned& tag, const int& type, unsigned& count) {
+unsigned Communicator::toValues(int elements, unsigned stride) {
+    ORVEX_ASSERT_AS(elements >= 0 && static_cast<unsigned>(elements) % stride == 0, "elements % stride == 0",
+                    "The probed message isn't a whole number of values of this type");
+    return static_cast<unsigned>(elements) / stride;
+}
+
+void Communicator::_probe(unsigned& source, unsigned& tag, const int& type, int& elements) {
     CommunicatorFrame frame(*this, PROBE, 0);
     OXM_MPI_Status_struct status{};
-    int n = 0;
     MpiCore::handleError(OXM_MPI_Probe(static_cast<int>(source), Tag(tag).value(), _handle, &status), status);
-    MpiCore::handleError(OXM_MPI_Get_count(&status, type, &n));
+    MpiCore::handleError(OXM_MPI_Get_count(&status, type, &elements));
     source = static_cast<unsigned>(status.source);
     tag = static_cast<unsigned>(status.tag);
-    count = static_cast<unsigned>(n);
     frame.finish(source);
 }
 
-bool Communicator::_iProbe(unsigned& source, unsigned& tag, const int& type, unsigned& count) {
+bool Communicator::_iProbe(unsigned& source, unsigned& tag, const int& type, int& elements) {
     CommunicatorFrame frame(*this, PROBE, 0);
     OXM_MPI_Status_struct status{};
     int flag = 0;
-    int n = 0;
+    elements = 0;
     MpiCore::handleError(OXM_MPI_Iprobe(static_cast<int>(source), Tag(tag).value(), _handle, &flag, &status),
                          status);
     if (flag != 0) {
-        MpiCore::handleError(OXM_MPI_Get_count(&status, type, &n));
+        MpiCore::handleError(OXM_MPI_Get_count(&status, type, &elements));
         source = static_cast<unsigned>(status.source);
         tag = static_cast<unsigned>(status.tag);
     }
-    count = static_cast<unsigned>(n);
     frame.finish(flag != 0 ? source : 0);
     return flag != 0;
 }

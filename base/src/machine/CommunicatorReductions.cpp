@@ -19,8 +19,8 @@ constexpr Frame::Operation REDUCE_SCATTER = Frame::global("Communicator::reduceS
 /// A reduction operation that lives for one call.
 class TemporaryOperation {
 public:
-    explicit TemporaryOperation(Communicator::ReductionFunction function) {
-        const int err = OXM_MPI_Op_create(function, 1, &_op);
+    TemporaryOperation(Communicator::ReductionFunction function, int commutes) {
+        const int err = OXM_MPI_Op_create(function, commutes, &_op);
         ORVEX_ASSERT_AS(err == OXM_MPI_SUCCESS, "err == OXM_MPI_SUCCESS", "Failed to create reduction op");
     }
     ~TemporaryOperation() {
@@ -87,20 +87,21 @@ void Communicator::_scan(BufferBase<int> buf, int op) {
                                                         buf.size, buf.type, op, _handle));
 }
 
-void Communicator::_reduce(const CustomReductionBuffer& buffer, ReductionFunction function, unsigned root) {
-    TemporaryOperation operation(function);
+void Communicator::_reduce(const CustomReductionBuffer& buffer, ReductionFunction function, unsigned root,
+                           Order order) {
+    TemporaryOperation operation(function, order);
     _reduce(buffer.get(), operation.get(), root);
     operation.free();
 }
 
-void Communicator::_allReduce(const CustomReductionBuffer& buffer, ReductionFunction function) {
-    TemporaryOperation operation(function);
+void Communicator::_allReduce(const CustomReductionBuffer& buffer, ReductionFunction function, Order order) {
+    TemporaryOperation operation(function, order);
     _allReduce(buffer.get(), operation.get());
     operation.free();
 }
 
-void Communicator::_scan(const CustomReductionBuffer& buffer, ReductionFunction function) {
-    TemporaryOperation operation(function);
+void Communicator::_scan(const CustomReductionBuffer& buffer, ReductionFunction function, Order order) {
+    TemporaryOperation operation(function, order);
     _scan(buffer.get(), operation.get());
     operation.free();
 }

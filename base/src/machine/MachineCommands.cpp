@@ -20,6 +20,7 @@
 #include "mpiwrapper/OxmMpi.h"
 #include "platform/System.h"
 
+#include <cstdint>
 #include <iostream>
 #include <limits>
 #include <string>
@@ -28,8 +29,6 @@
 namespace {
 
 constexpr const char* ENABLE_KEY = "enableFlag";
-/// Cutting up can't go below one element, and no element in use is larger. [bytes]
-constexpr long long MINIMUM_BUFFER_SIZE = 8;
 /// What getIOVerbosityLevel() can tell.
 constexpr unsigned MAXIMUM_IO_VERBOSITY = std::numeric_limits<int>::max();
 
@@ -467,10 +466,11 @@ public:
             std::cout << "Warning: cannot set message buffer size in serial!" << std::endl;
             return;
         }
-        if (size < MINIMUM_BUFFER_SIZE)
-            raise(InputError("The size of a message buffer must be at least " +
-                             std::to_string(MINIMUM_BUFFER_SIZE) + " bytes, but \"size\" is " +
-                             std::to_string(size)));
+        const auto smallest = static_cast<long long>(Machine::globalCommunicator().getSmallestBufferSize());
+        const std::uint64_t largest = OXM_MPI_Get_max_buffer_size();
+        if (size < smallest || static_cast<std::uint64_t>(size) > largest)
+            raise(InputError("The size of a message buffer must be " + std::to_string(smallest) + " to " +
+                             std::to_string(largest) + " bytes, but \"size\" is " + std::to_string(size)));
         std::cout << "setting maximum buffer size : " << size << std::endl;
         Machine::globalCommunicator().setMaxBufferSize(static_cast<std::size_t>(size));
     }

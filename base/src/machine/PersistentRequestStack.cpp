@@ -18,6 +18,7 @@ void MpiCore::PersistentRequestStack::start() {
         handleError(OXM_MPI_Start(&live.front()));
     else if (!live.empty())
         handleError(OXM_MPI_Startall(static_cast<int>(live.size()), live.data()));
+    noteReceives();
 }
 
 void MpiCore::PersistentRequestStack::clear() {

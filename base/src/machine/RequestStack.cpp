@@ -5,6 +5,7 @@
 
 #include <boost/container/small_vector.hpp>
 
+#include <chrono>
 #include <iostream>
 
 namespace {
@@ -20,11 +21,28 @@ void handleStackError(int code, const OXM_MPI_Status_struct* statuses, std::size
         MpiCore::handleError(code, std::vector<OXM_MPI_Status_struct>(statuses, statuses + count));
 }
 
+constexpr std::chrono::seconds WITHDRAWAL_TIME{5};
+
+/// Takes a receive back. Nobody is left who could be told of a failure.
+void withdraw(int& request) {
+    if (OXM_MPI_Cancel(&request) != OXM_MPI_SUCCESS)
+        return;
+    // Completes at once, except for a message that is already on its way into the memory.
+    const auto end = std::chrono::steady_clock::now() + WITHDRAWAL_TIME;
+    int done = 0;
+    OXM_MPI_Status_struct status{};
+    while (OXM_MPI_Test(&request, &done, &status) == OXM_MPI_SUCCESS && done == 0)
+        if (std::chrono::steady_clock::now() > end) {
+            std::cout << "Warning : A receive can't be cancelled!" << std::endl;
+            return;
+        }
+}
+
 } // namespace
 
 MpiCore::RequestStack::RequestStack() = default;
 
-MpiCore::RequestStack::RequestStack(int& request) : _requests(1, request) {
+MpiCore::RequestStack::RequestStack(int& request) : _requests(1, request), _isReceiving(1, false) {
     request = OXM_MPI_REQUEST_NULL;
 }
 
@@ -41,9 +59,16 @@ MpiCore::RequestStack::~RequestStack() {
     if (_requests.empty())
         return;
     std::cout << "Warning : Request stack is non-empty!" << std::endl;
+    for (std::size_t i = 0; i < _requests.size(); ++i)
+        if (_isReceiving[i] && _requests[i] != OXM_MPI_REQUEST_NULL)
+            withdraw(_requests[i]);
     for (int& request : _requests)
         if (request != OXM_MPI_REQUEST_NULL)
             OXM_MPI_Request_free(&request); // nobody is left who could be told of a failure
+}
+
+void MpiCore::RequestStack::noteReceives() {
+    _isReceiving.assign(_requests.size(), true);
 }
 
 void MpiCore::RequestStack::assertEmptyWith([[maybe_unused]] const RequestStack& rhs) const {
@@ -53,6 +78,7 @@ void MpiCore::RequestStack::assertEmptyWith([[maybe_unused]] const RequestStack&
 }
 
 int* MpiCore::RequestStack::push_back() {
+    _isReceiving.push_back(false);
     return &_requests.emplace_back(OXM_MPI_REQUEST_NULL);
 }
 
@@ -61,6 +87,7 @@ int MpiCore::RequestStack::pop() {
         return OXM_MPI_REQUEST_NULL;
     const int request = _requests.back();
     _requests.pop_back();
+    _isReceiving.pop_back();
     return request;
 }
 
@@ -159,8 +186,10 @@ void MpiCore::RequestStack::clear() {
         ORVEX_ASSERT_AS(_requests[i] == OXM_MPI_REQUEST_NULL, "_requests[i] == OXM_MPI_REQUEST_NULL",
                         "Clearing non-null Request!");
     _requests.clear();
+    _isReceiving.clear();
 }
 
 void MpiCore::RequestStack::remove(const unsigned& index) {
     _requests.erase(_requests.begin() + static_cast<std::ptrdiff_t>(index));
+    _isReceiving.erase(_isReceiving.begin() + static_cast<std::ptrdiff_t>(index));
 }

@@ -23,7 +23,9 @@ public:
     /// Only between empty stacks. @throw InternalError when one of them isn't empty
     RequestStack(const RequestStack& rhs);
     const RequestStack& operator=(const RequestStack& rhs);
-    /// Warns on the standard output when requests are left, and frees them.
+    /// Warns on the standard output when requests are left. Receives are cancelled and completed first, for
+    /// 5 s at most, so that no later message comes into memory that its owner gives back. Sends are only let
+    /// go of: their buffers must outlive the messages.
     virtual ~RequestStack();
 
     /// A new slot for the wrapper to write a request into; valid until the next push_back().
@@ -63,6 +65,8 @@ protected:
     virtual void remove(const unsigned& index);
 
     std::vector<int>& requests() { return _requests; }
+    /// Each request is a receive that was started.
+    void noteReceives();
 
 private:
     friend class Communicator;
@@ -72,4 +76,5 @@ private:
     void complete(unsigned* sources);
 
     std::vector<int> _requests;
+    std::vector<bool> _isReceiving; ///< of each request
 };

@@ -20,6 +20,16 @@
 #include <string>
 #include <typeinfo>
 
+/// A struct of which only one member travels.
+struct Labelled {
+    int travels;
+    int stays;
+};
+template <>
+struct StructMembers<Labelled> {
+    static constexpr auto list = std::tuple(&Labelled::travels);
+};
+
 namespace {
 
 /// Swallows what is printed while it lives.
@@ -538,7 +548,134 @@ TEST_F(Reduction, recordsByFunction) {
     }
 }
 
+// Composition of x -> a * x + b, which is associative and doesn't commute.
+TEST_F(Reduction, inRankOrder) {
+    using Map = std::array<unsigned, 2>;
+    const auto compose = [](const Map& first, const Map& then) {
+        return Map{first[0] * then[0], first[1] * then[0] + then[1]};
+    };
+    for (const std::size_t count : {1u, 300u, 100'000u}) {
+        Map total{1, 0};
+        Map upToHere{};
+        for (unsigned rank = 0; rank < ranks; ++rank) {
+            total = compose(total, Map{2 * rank + 3, rank + 1});
+            if (rank == me)
+                upToHere = total;
+        }
+        const std::vector<Map> mine(count, Map{2 * me + 3, me + 1});
+        std::vector<Map> got = mine;
+        comm.allReduce(got, Communicator::InRankOrder(compose));
+        EXPECT_TRUE(got == std::vector<Map>(count, total)) << count;
+        comm.scan(got = mine, Communicator::InRankOrder(compose));
+        EXPECT_TRUE(got == std::vector<Map>(count, upToHere)) << count;
+        for (const unsigned root : {0u, ranks - 1}) {
+            comm.reduce(got = mine, Communicator::InRankOrder(compose), root);
+            EXPECT_TRUE(got == (me == root ? std::vector<Map>(count, total) : mine)) << count;
+        }
+    }
+}
+
+// The message libraries change their algorithms with the size.
+TEST_F(Reduction, collectivesOfEachSize) {
+    using Bytes = std::vector<unsigned char>;
+    const auto valuesOf = [](unsigned rank, std::size_t count) {
+        Bytes values(count);
+        for (std::size_t i = 0; i < count; ++i)
+            values[i] =
+                static_cast<unsigned char>((rank * 31 + i * 7) % 16); // Open MPI's sums of bytes saturate
+        return values;
+    };
+    for (const std::size_t count : {3u, 3u << 10, 100u << 10, 1u << 20}) {
+        SCOPED_TRACE(count);
+        const Bytes mine = valuesOf(me, count);
+        Bytes all;
+        Bytes sum(count);
+        Bytes sumToHere;
+        for (unsigned rank = 0; rank < ranks; ++rank) {
+            const Bytes theirs = valuesOf(rank, count);
+            append<unsigned char>(all, theirs);
+            std::transform(sum.begin(), sum.end(), theirs.begin(), sum.begin(), std::plus<unsigned char>());
+            if (rank == me)
+                sumToHere = sum;
+        }
+        Bytes got;
+        std::vector<unsigned> counts;
+        for (const unsigned root : {0u, ranks - 1}) {
+            const bool here = me == root;
+            comm.broadcast(got = here ? mine : Bytes(count), root);
+            EXPECT_TRUE(got == valuesOf(root, count));
+            comm.gather(mine.data(), count, (got = Bytes(all.size())).data(), root);
+            EXPECT_TRUE(got == (here ? all : Bytes(all.size())));
+            comm.gatherVector(mine, got = {}, counts, root);
+            EXPECT_TRUE(got == (here ? all : Bytes()));
+            comm.scatter(all.data(), (got = Bytes(count)).data(), count, root);
+            EXPECT_TRUE(got == mine);
+            comm.scatterVector(all, std::vector<unsigned>(ranks, static_cast<unsigned>(count)), got = {},
+                               root);
+            EXPECT_TRUE(got == mine);
+            comm.reduce(got = mine, Communicator::SUM, root);
+            EXPECT_TRUE(got == (here ? sum : mine));
+        }
+        comm.allGather(mine, got = {});
+        EXPECT_TRUE(got == all);
+        comm.allGatherVector(mine, got = {}, counts);
+        EXPECT_TRUE(got == all);
+        comm.allReduce(got = mine, Communicator::SUM);
+        EXPECT_TRUE(got == sum);
+        comm.scan(got = mine, Communicator::SUM);
+        EXPECT_TRUE(got == sumToHere);
+        Bytes blocks(count * ranks);
+        for (unsigned rank = 0; rank < ranks; ++rank)
+            std::copy(sum.begin(), sum.end(), blocks.begin() + static_cast<long>(rank * count));
+        comm.allToAll(all, got = {});
+        for (unsigned rank = 0; rank < ranks; ++rank)
+            EXPECT_TRUE(std::equal(mine.begin(), mine.end(), got.begin() + static_cast<long>(rank * count)));
+        comm.reduceScatter(blocks, got = Bytes(count), Communicator::MAX);
+        EXPECT_TRUE(got == sum);
+    }
+}
+
 class Texts : public Reduction {};
+
+TEST_F(Texts, membersThatDontTravelStayInAGatherThatIsCut) {
+    const Silence silence;
+    comm.setMaxBufferSize(64);
+    std::vector<Labelled> got(5u * ranks, {0, 7});
+    const std::vector<Labelled> mine(5, {static_cast<int>(me), 0});
+    const auto check = [&](auto gather) {
+        std::fill(got.begin(), got.end(), Labelled{0, 7});
+        gather();
+        for (std::size_t i = 0; i < got.size(); ++i)
+            EXPECT_TRUE(got[i].travels == static_cast<int>(i / 5) && got[i].stays == 7) << i;
+    };
+    std::vector<unsigned> counts;
+    check([&] { comm.allGather(mine.data(), mine.size(), got.data()); });
+    check([&] { comm.allGatherVector(mine, got, counts); });
+}
+
+TEST_F(Texts, receivesOfADyingStackAreTakenBack) {
+    ORVEX_NEEDS_RANKS(2);
+    const Silence silence;
+    int lost = 0;
+    int kept = 0;
+    if (me == 1) {
+        MpiCore::RequestStack requests;
+        comm.iRecv(lost, 0, requests);
+    }
+    comm.synchronise();
+    if (me == 0) {
+        comm.send(5, 1);
+    } else if (me == 1) {
+        unsigned source = 0;
+        unsigned tag = MpiCore::ANY_TAG;
+        unsigned length = 0;
+        EXPECT_THROW(comm.probe<double>(source, tag, length), InternalError) << "half a value";
+        EXPECT_THROW(comm.iProbe<Vector3>(source, tag, length), InternalError) << "a third of one";
+        comm.recv(kept, 0);
+        EXPECT_EQ(kept, 5);
+        EXPECT_EQ(lost, 0);
+    }
+}
 
 TEST_F(Texts, travel) {
     const auto textOf = [](unsigned rank) { return std::string(rank % 3 * 7, 'x') + std::string(1, '\0'); };

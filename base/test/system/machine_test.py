@@ -107,9 +107,12 @@ class Answers(Case):
                     job.run("EnableCommunicationTimer", f"enableFlag={flag}")
                     self.assertIn(f"{text} communication timer.\n", job.out())
                 self.assertTrue(all(time > 0 for time in job.run("GetCommunicationTimes")["CommunicationTimes"]))
-                job.run("SetMaximumMessageBufferSize", "size=64")
-                self.assertRegex(job.out(), r"setting maximum buffer size : 64\n"
-                                            r"Warning, modifying the maximum message size from \d+ to 64\n")
+                for size in (111, 2 ** 40):
+                    refused = job.ctl("SetMaximumMessageBufferSize", f"size={size}", check=False)
+                    self.assertIn("must be 112 to ", refused.stderr)
+                job.run("SetMaximumMessageBufferSize", "size=112")
+                self.assertRegex(job.out(), r"setting maximum buffer size : 112\n"
+                                            r"Warning, modifying the maximum message size from \d+ to 112\n")
                 self.assertEqual(job.run("GetHosts"), hosts, "messages in pieces")
                 self.stop(job)
 
