@@ -9,6 +9,7 @@
 #include <array>
 #include <numeric>
 #include <set>
+#include <utility>
 
 #define ASSERT_IN_RANGE(condition) ORVEX_ASSERT(condition, "Index out of range.")
 /// The members of group `index`, after testing that there is such a group and that it has members.
@@ -455,9 +456,11 @@ std::vector<unsigned> CpuTopology::getSocketsFromMask(const AffinityMask& mask) 
 
 std::vector<unsigned> CpuTopology::getLpuSubset(const std::vector<unsigned>& lpus, unsigned count,
                                                 LpuSelectionMode mode, bool spreadOverPhysicalCores) const {
-    constexpr std::size_t levels = 4;
+    constexpr std::size_t first = 1; // of the levels that are dealt in turn
+    constexpr std::size_t levels = 5;
     struct Place {
-        std::array<unsigned, levels> keys; ///< from the widest group down to the core
+        std::array<unsigned, levels> keys; ///< the turn within the core, then from the widest group down to
+                                           ///< the core
         unsigned order;                    ///< within the list of a group
         unsigned lpu;
     };
@@ -465,7 +468,7 @@ std::vector<unsigned> CpuTopology::getLpuSubset(const std::vector<unsigned>& lpu
     std::vector<Place> places;
     places.reserve(lpus.size());
     for (const unsigned lpu : lpus)
-        places.push_back({{isSpread && areNumaNodesSubsetOfSockets() ? getSocketForLpu(lpu) : 0,
+        places.push_back({{0, isSpread && areNumaNodesSubsetOfSockets() ? getSocketForLpu(lpu) : 0,
                            isSpread ? getNumaNodeForLpu(lpu) : 0,
                            isSpread && areSocketsSubsetOfNumaNodes() ? getSocketForLpu(lpu) : 0,
                            spreadOverPhysicalCores ? getPhysicalCoreForLpu(lpu) : 0},
@@ -487,7 +490,12 @@ std::vector<unsigned> CpuTopology::getLpuSubset(const std::vector<unsigned>& lpu
         return a.keys != b.keys ? a.keys < b.keys : a.lpu < b.lpu;
     });
     number(levels);
-    for (std::size_t level = levels; level-- > 0;) {
+    // A second LPU of a core comes after the first ones of all cores, be they of other groups: groups needn't
+    // have the same number of free cores.
+    if (spreadOverPhysicalCores)
+        for (Place& place : places)
+            place.keys.front() = std::exchange(place.order, 0);
+    for (std::size_t level = levels; level-- > first;) {
         std::sort(places.begin(), places.end(), [&](const Place& a, const Place& b) {
             if (!areInOneGroup(a, b, level))
                 return a.keys < b.keys;
