@@ -14,7 +14,12 @@ void warn(const OS::Log::Context& context, const char* text) {
     OS::Log::instance("Default").warning(context, text);
 }
 
+void inform(const OS::Log::Context& context, const char* text) {
+    OS::Log::instance("Default").info(context, text);
+}
+
 constexpr const char* EXTRACT = "CpuTopology::Impl::extractTopology";
+constexpr const char* COLLECT_NODES = "CpuTopology::Impl::getAllUniqueNumaNodes";
 constexpr const char* NO_OBJECT = "Unexpected uninitialized object while parsing hwloc topology.";
 
 /// Walks the tree from `root` in its order, left to right. `take` answers whether the children of an object,
@@ -95,7 +100,8 @@ void CpuTopology::Impl::extractTopology() {
     else
         extractLevel(
             numaObjs, cores,
-            {"NUMA nodes were detected, but the expected NUMA node - or nested LPU - ordering is wrong.",
+            {"NUMA nodes were detected, but they don't hold each LPU once: the level is left out.",
+             "NUMA nodes were detected, but the expected NUMA node - or nested LPU - ordering is wrong.",
              "Invalid LPU to NUMA node mapping detected.",
              "Either no physical cores were detected for the NUMA nodes or the expectednested physical "
              "core ordering is wrong.",
@@ -103,7 +109,8 @@ void CpuTopology::Impl::extractTopology() {
             _numaNodeLpus, _lpuNumaNode, _numaNodePhysicalCores, _physicalCoreNumaNode);
     extractLevel(
         getAllObjectsOfType(HWLOC_OBJ_PACKAGE), cores,
-        {"Sockets were detected, but the expected socket - or nested LPU - ordering is wrong.",
+        {"Sockets were detected, but they don't hold each LPU once: the level is left out.",
+         "Sockets were detected, but the expected socket - or nested LPU - ordering is wrong.",
          "Invalid LPU to socket mapping detected.",
          "Either no physical cores were detected for the sockets or the expectednested physical core "
          "ordering is wrong.",
@@ -113,8 +120,12 @@ void CpuTopology::Impl::extractTopology() {
 
 void CpuTopology::Impl::extractPhysicalCores(const std::vector<HwlocObj>& cores) {
     _physicalCores = getNestedObjects(cores, _lpus);
-    if (_physicalCores.empty())
+    if (_physicalCores.empty()) {
+        if (!cores.empty())
+            inform(EXTRACT,
+                   "Physical cores were detected, but they don't hold each LPU once: the level is left out.");
         return;
+    }
     if (!isConsecutiveList(_physicalCores)) {
         warn(EXTRACT,
              "Physical cores were detected, but the expected core - or nested LPU - ordering is wrong.");
@@ -135,8 +146,11 @@ void CpuTopology::Impl::extractLevel(const std::vector<HwlocObj>& parents, const
                                      std::vector<NestedHwlocObjs>& levelPhysicalCores,
                                      std::vector<unsigned>& physicalCoreLevel) {
     levelLpus = getNestedObjects(parents, _lpus);
-    if (levelLpus.empty())
+    if (levelLpus.empty()) {
+        if (!parents.empty())
+            inform(EXTRACT, words.noPartition);
         return;
+    }
     if (!isConsecutiveList(levelLpus)) {
         warn(EXTRACT, words.wrongOrder);
         levelLpus.clear();
@@ -179,7 +193,8 @@ std::vector<CpuTopology::Impl::HwlocObj> CpuTopology::Impl::getAllObjectsOfType(
     walk(hwloc_get_root_obj(_topology), "CpuTopology::Impl::getAllObjectsOfType", [&](hwloc_obj_t obj) {
         if (obj->type != type)
             return true;
-        found.push_back({obj, static_cast<unsigned>(found.size())});
+        if (!hwloc_bitmap_iszero(obj->cpuset)) // else it is there for its memory alone
+            found.push_back({obj, static_cast<unsigned>(found.size())});
         return false;
     });
     return found;
@@ -188,16 +203,40 @@ std::vector<CpuTopology::Impl::HwlocObj> CpuTopology::Impl::getAllObjectsOfType(
 std::vector<CpuTopology::Impl::HwlocObj> CpuTopology::Impl::getAllUniqueNumaNodes() const {
     ORVEX_ASSERT(_topology != nullptr, "Unexpected uninitialized topology.");
     std::vector<HwlocObj> found;
-    walk(hwloc_get_root_obj(_topology), "CpuTopology::Impl::getAllUniqueNumaNodes", [&](hwloc_obj_t obj) {
-        hwloc_obj_t child = obj->memory_first_child;
-        while (child && child->type != HWLOC_OBJ_NUMANODE)
-            child = child->next_sibling;
-        if (!child)
-            return true;
-        found.push_back({child, static_cast<unsigned>(found.size())});
-        return false;
-    });
+    collectNumaNodes(hwloc_get_root_obj(_topology), found);
+    for (unsigned i = 0; i < found.size(); ++i)
+        found[i].index = i;
     return found;
+}
+
+void CpuTopology::Impl::collectNumaNodes(hwloc_obj_t obj, std::vector<HwlocObj>& found) {
+    if (!obj) {
+        warn(COLLECT_NODES, NO_OBJECT);
+        return;
+    }
+    const std::size_t before = found.size();
+    for (unsigned child = 0; child < obj->arity; ++child)
+        collectNumaNodes(obj->children[child], found);
+    hwloc_obj_t node = obj->memory_first_child;
+    for (; node; node = node->next_sibling) {
+        if (node->type == HWLOC_OBJ_NUMANODE && !hwloc_bitmap_iszero(node->cpuset))
+            break;
+        if (node->type == HWLOC_OBJ_NUMANODE)
+            inform(COLLECT_NODES, "A NUMA node without LPUs is left out.");
+    }
+    if (!node)
+        return;
+    AffinityMask covered;
+    for (std::size_t i = before; i < found.size(); ++i)
+        covered |= AffinityMask(found[i].obj->cpuset);
+    if (AffinityMask(obj->cpuset).isIncludedIn(covered)) {
+        inform(COLLECT_NODES, "A NUMA node is left out for the nearer ones below it.");
+        return;
+    }
+    if (found.size() > before)
+        inform(COLLECT_NODES, "NUMA nodes that only some LPUs are near to are left out for the one above.");
+    found.resize(before);
+    found.push_back({node, 0});
 }
 
 std::vector<CpuTopology::Impl::HwlocObj>

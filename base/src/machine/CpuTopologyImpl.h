@@ -63,6 +63,7 @@ private:
     void extractTopology();
     /// The groups of LPUs and of cores of one level, as far as both can be had; `words` are the warnings.
     struct LevelWords {
+        const char* noPartition;
         const char* wrongOrder;
         const char* invalidMap;
         const char* noCores;
@@ -75,9 +76,13 @@ private:
                       std::vector<unsigned>& physicalCoreLevel);
     void clearPhysicalCoreInformation();
 
+    /// Those that hold LPUs.
     std::vector<HwlocObj> getAllObjectsOfType(hwloc_obj_type_t type) const;
-    /// Of several NUMA nodes at one object only the first counts.
+    /// Those that hold LPUs. Of several NUMA nodes at one object only the first counts; where nodes below the
+    /// object are near all of its LPUs, they count instead.
     std::vector<HwlocObj> getAllUniqueNumaNodes() const;
+    /// Appends the nodes of a subtree, without their indices.
+    static void collectNumaNodes(hwloc_obj_t obj, std::vector<HwlocObj>& found);
     static std::vector<HwlocObj> getObjectsBelow(const HwlocObj& parent,
                                                  const std::vector<HwlocObj>& allTypeObjs);
     /// One group for each parent; empty when they don't form a partition of `allTypeObjs`.

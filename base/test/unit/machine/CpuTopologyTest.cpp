@@ -197,7 +197,7 @@ TEST_P(Machines, areToldAsExpected) {
 
     std::string told;
     {
-        const LogLines log;
+        const LogLines log(OS::Log::INFO_LEVEL);
         const CpuTopology topology(makeTestMachine(description));
         told = log.text() + tellModel(topology);
         std::istringstream lines(description);
