@@ -9,7 +9,7 @@ pkg_check_modules(OMPI IMPORTED_TARGET ompi)
 pkg_check_modules(MPICH IMPORTED_TARGET mpich)
 
 # Hardware topology and binding.
-pkg_check_modules(HWLOC REQUIRED IMPORTED_TARGET hwloc)
+pkg_check_modules(HWLOC REQUIRED IMPORTED_TARGET hwloc>=2.4)
 
 # Behind OS::Log.
 find_package(spdlog REQUIRED)

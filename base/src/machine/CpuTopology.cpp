@@ -456,11 +456,11 @@ std::vector<unsigned> CpuTopology::getSocketsFromMask(const AffinityMask& mask) 
 
 std::vector<unsigned> CpuTopology::getLpuSubset(const std::vector<unsigned>& lpus, unsigned count,
                                                 LpuSelectionMode mode, bool spreadOverPhysicalCores) const {
-    constexpr std::size_t first = 1; // of the levels that are dealt in turn
-    constexpr std::size_t levels = 5;
+    constexpr std::size_t first = 2; // of the levels that are dealt in turn
+    constexpr std::size_t levels = 6;
     struct Place {
-        std::array<unsigned, levels> keys; ///< the turn within the core, then from the widest group down to
-                                           ///< the core
+        std::array<unsigned, levels> keys; ///< the turn within the core, the kind of core, then from the
+                                           ///< widest group down to the core
         unsigned order;                    ///< within the list of a group
         unsigned lpu;
     };
@@ -468,7 +468,8 @@ std::vector<unsigned> CpuTopology::getLpuSubset(const std::vector<unsigned>& lpu
     std::vector<Place> places;
     places.reserve(lpus.size());
     for (const unsigned lpu : lpus)
-        places.push_back({{0, isSpread && areNumaNodesSubsetOfSockets() ? getSocketForLpu(lpu) : 0,
+        places.push_back({{0, _impl->getSlowness(lpu),
+                           isSpread && areNumaNodesSubsetOfSockets() ? getSocketForLpu(lpu) : 0,
                            isSpread ? getNumaNodeForLpu(lpu) : 0,
                            isSpread && areSocketsSubsetOfNumaNodes() ? getSocketForLpu(lpu) : 0,
                            spreadOverPhysicalCores ? getPhysicalCoreForLpu(lpu) : 0},
@@ -491,7 +492,7 @@ std::vector<unsigned> CpuTopology::getLpuSubset(const std::vector<unsigned>& lpu
     });
     number(levels);
     // A second LPU of a core comes after the first ones of all cores, be they of other groups: groups needn't
-    // have the same number of free cores.
+    // have the same number of free cores. And fast cores come before slow ones.
     if (spreadOverPhysicalCores)
         for (Place& place : places)
             place.keys.front() = std::exchange(place.order, 0);

@@ -117,7 +117,8 @@ public:
 
     /// Takes `count` LPUs of `lpus`, or all if there are fewer. Repeats count, and stay.
     ///
-    /// Spread takes one of each socket or NUMA node in turn, Compact takes the lowest.
+    /// Spread takes one of each socket or NUMA node in turn, Compact takes the lowest; both take fast cores
+    /// first, where the hardware tells its kinds of cores.
     /// @param spreadOverPhysicalCores  a core's second LPU is taken only after all cores have one
     std::vector<unsigned> getLpuSubset(const std::vector<unsigned>& lpus, unsigned count,
                                        LpuSelectionMode mode, bool spreadOverPhysicalCores) const;

@@ -116,6 +116,7 @@ void CpuTopology::Impl::extractTopology() {
          "ordering is wrong.",
          "Invalid physical core to socket mapping detected."},
         _socketLpus, _lpuSocket, _socketPhysicalCores, _physicalCoreSocket);
+    extractKindsOfCores();
 }
 
 void CpuTopology::Impl::extractPhysicalCores(const std::vector<HwlocObj>& cores) {
@@ -185,6 +186,33 @@ void CpuTopology::Impl::clearPhysicalCoreInformation() {
     _physicalCoreNumaNode.clear();
     _socketPhysicalCores.clear();
     _physicalCoreSocket.clear();
+}
+
+void CpuTopology::Impl::extractKindsOfCores() {
+    const int kinds = hwloc_cpukinds_get_nr(_topology, 0);
+    if (kinds < 2)
+        return; // one kind, or nothing is known
+    // hwloc ranks the kinds by speed, the slowest first, or by nothing at all.
+    const unsigned unknown = static_cast<unsigned>(kinds);
+    _lpuSlowness.assign(_lpus.size(), unknown);
+    AffinityMask members;
+    for (int kind = 0; kind < kinds; ++kind) {
+        int speed = -1;
+        if (hwloc_cpukinds_get_info(_topology, static_cast<unsigned>(kind), members.getHwlocMask(), &speed,
+                                    nullptr, nullptr, 0) != 0 ||
+            speed < 0 || speed >= kinds) {
+            inform(EXTRACT, "Kinds of cores were detected, but not which of them are fast.");
+            _lpuSlowness.clear();
+            return;
+        }
+        for (const HwlocObj& lpu : _lpus)
+            if (hwloc_bitmap_intersects(lpu.obj->cpuset, members.getHwlocMask()))
+                _lpuSlowness[lpu.index] = static_cast<unsigned>(kinds - 1 - speed);
+    }
+    if (std::count(_lpuSlowness.begin(), _lpuSlowness.end(), unknown) > 0) {
+        warn(EXTRACT, "Kinds of cores were detected, but not for all LPUs.");
+        _lpuSlowness.clear();
+    }
 }
 
 std::vector<CpuTopology::Impl::HwlocObj> CpuTopology::Impl::getAllObjectsOfType(hwloc_obj_type_t type) const {

@@ -32,6 +32,9 @@ public:
     Impl(const Impl&) = delete;
     Impl& operator=(const Impl&) = delete;
 
+    /// 0 for the fastest kind of core, and for all LPUs where nothing is known of kinds.
+    unsigned getSlowness(unsigned lpu) const { return lpu < _lpuSlowness.size() ? _lpuSlowness[lpu] : 0; }
+
     hwloc_topology_t _topology = nullptr;
     bool _isSymmetric = true;
     bool _socketsEqualToNumaNodes = true;
@@ -48,6 +51,7 @@ public:
     std::vector<unsigned> _physicalCoreNumaNode;
     std::vector<unsigned> _lpuSocket;
     std::vector<unsigned> _physicalCoreSocket;
+    std::vector<unsigned> _lpuSlowness;
     std::vector<std::vector<unsigned>> _numaNodeSockets;
     std::vector<std::vector<unsigned>> _socketNumaNodes;
     // Digits of a printed index.
@@ -75,6 +79,7 @@ private:
                       std::vector<unsigned>& lpuLevel, std::vector<NestedHwlocObjs>& levelPhysicalCores,
                       std::vector<unsigned>& physicalCoreLevel);
     void clearPhysicalCoreInformation();
+    void extractKindsOfCores();
 
     /// Those that hold LPUs.
     std::vector<HwlocObj> getAllObjectsOfType(hwloc_obj_type_t type) const;

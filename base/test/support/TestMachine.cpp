@@ -57,6 +57,12 @@ std::string makeTestMachine(const std::string& description) {
     forEach(description, "allow", [&](const std::string& mask) {
         check(hwloc_topology_allow(topology, parse(mask).get(), nullptr, HWLOC_ALLOW_FLAG_CUSTOM), mask);
     });
+    forEach(description, "kind", [&](const std::string& words) {
+        const std::size_t blank = words.find(' ');
+        check(hwloc_cpukinds_register(topology, parse(words.substr(0, blank)).get(),
+                                      std::stoi(words.substr(blank)), 0, nullptr, 0),
+              words);
+    });
     char* buffer = nullptr;
     int length = 0;
     check(hwloc_topology_export_xmlbuffer(topology, &buffer, &length, 0), "export");
