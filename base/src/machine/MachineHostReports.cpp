@@ -46,15 +46,17 @@ void printMpiDistribution(std::ostream& out) {
 
 /// Collective: whether each of the values is the same on all processes.
 bool allEqualAcross(Communicator& communicator, const std::vector<unsigned>& list) {
-    const auto isEqual = [&](unsigned value) {
-        unsigned largest = value;
-        unsigned smallest = value;
-        communicator.allReduce(largest, Communicator::MAX);
-        communicator.allReduce(smallest, Communicator::MIN);
-        return largest == smallest;
+    const auto areEqual = [&](std::vector<unsigned> values) {
+        // The complement of the smallest value is the largest complement: one reduction for both.
+        const std::size_t count = values.size();
+        for (std::size_t i = 0; i < count; ++i)
+            values.push_back(~values[i]);
+        communicator.allReduce(values, Communicator::MAX);
+        return std::equal(values.begin(), values.begin() + static_cast<std::ptrdiff_t>(count),
+                          values.begin() + static_cast<std::ptrdiff_t>(count),
+                          [](unsigned largest, unsigned complement) { return largest == ~complement; });
     };
-    // All see the same results, so all leave at the same place.
-    return isEqual(static_cast<unsigned>(list.size())) && std::all_of(list.begin(), list.end(), isEqual);
+    return areEqual({static_cast<unsigned>(list.size())}) && (list.empty() || areEqual(list));
 }
 
 /// Collective: brings the texts to the standard output of rank 0, in rank order, at once or one by one.

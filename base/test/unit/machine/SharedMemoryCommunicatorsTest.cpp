@@ -145,3 +145,26 @@ TEST(SharedMemoryCommunicators, MixedVectorizationIsToldOnce) {
             releaseCommunicators();
         }
 }
+
+/// Whatever the number of processors, the hosts compare their hardware and bindings in as many calls.
+TEST(AffinityReport, TakesAConstantNumberOfMessages) {
+    std::vector<std::size_t> calls;
+    for (const char* const machine :
+         {"machine pack:1 [numa] core:1 pu:1", "machine pack:4 [numa] core:8 pu:2"}) {
+        ScriptedMpi& mpi = ScriptedMpi::start();
+        MachineTestAccess::playRole(Machine::MASTER_MODE, 1, 0);
+        MachineTestAccess::globalCommunicator() = std::make_unique<Communicator>();
+        {
+            const auto host = MachineHostTestAccess::claim("here");
+            MachineHostTestAccess::equip(*host, CpuTopology(makeTestMachine(machine)));
+            mpi.clearCalls();
+            testing::internal::CaptureStdout();
+            host->printProcessAffinitySummary();
+            EXPECT_NE(testing::internal::GetCapturedStdout().find("CPU Affinity Report (here)"),
+                      std::string::npos);
+            calls.push_back(mpi.calls().size());
+        }
+        releaseCommunicators();
+    }
+    EXPECT_EQ(calls[0], calls[1]);
+}
