@@ -209,8 +209,8 @@ ORVEX_MPIWRAPPER_EXPORT int OXM_MPIO_Initialize(void* library);
 /// Why the latest OXM_MPI_Initialize, OXM_MPIO_Initialize or OXM_MPI_Init failed, naming the module's file
 /// where there is one; an empty text if it succeeded. Valid until the next call of one of them.
 ORVEX_MPIWRAPPER_EXPORT const char* OXM_MPI_Get_initialize_error(void);
-/// Starts MPI. Refused with OXM_MPI_ERR_LAUNCHER if the launcher of another MPI started this process, since
-/// each rank would be a job of its own.
+/// Starts MPI. Refused with OXM_MPI_ERR_LAUNCHER if the launcher of another MPI started this process, or srun
+/// without serving this MPI, since each rank would be a job of its own.
 ORVEX_MPIWRAPPER_EXPORT int OXM_MPI_Init(int* argc, char*** argv);
 ORVEX_MPIWRAPPER_EXPORT int OXM_MPI_Finalize(void);
 /// Ends all ranks of the job, whatever `comm` is; `code` is what the launcher exits with. Any thread.

@@ -163,6 +163,22 @@ class Refused(Case):
                     self.assertNotIn("Serial process", answer.stdout)
                     wait_until(lambda: not self.room.processes(), 5 * PATIENCE, "all ranks are gone")
 
+    def test_slurm_step(self):
+        """srun that doesn't serve the MPI would make jobs of one rank; a batch script and mpirun in it are right."""
+        batch = {"SLURM_NTASKS": "2", "SLURM_PROCID": "0"}
+        step = {"SLURM_NTASKS": "2", "SLURM_PROCID": "1", "SLURM_STEP_NUM_TASKS": "2"}
+        passed = "Unrecognized argument '-nonsense'"
+        lost = "Slurm started this process (task 1 of 2) without what MPICH needs"
+        rows = [("mpich2", (), step, lost), ("mpich2", (), batch, passed)]
+        rows += [(DRIVERS[mpi], [*LAUNCHERS[mpi], "2"], step, passed) for mpi in MPIS]
+        for driver, launcher, environment, text in rows:
+            if driver in (DRIVERS[mpi] for mpi in MPIS):
+                with self.subTest(driver=driver, launcher=launcher, environment=environment):
+                    answer = self.run_server("-mpi", driver, "-nonsense", launcher=launcher, **environment)
+                    self.assertNotEqual(answer.returncode, 0)
+                    self.assertIn(text, answer.stderr)
+                    self.assertEqual("srun --mpi=pmi2" in answer.stderr, text == lost)
+
 
 class Taken(Case):
     def session_name(self, job):
