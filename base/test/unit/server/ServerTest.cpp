@@ -7,7 +7,6 @@
 
 #include <iostream>
 #include <netinet/in.h>
-#include <regex>
 #include <sstream>
 #include <sys/socket.h>
 #include <thread>
@@ -121,9 +120,9 @@ TEST_F(ServerFixture, sendsTheConsoleBeforeTheAnswer) {
             EXPECT_EQ(text.substr(text.size() - 4), "\nend");
             disk.full = false;
             EXPECT_FALSE(client.call("Print", R"({"lines":1,"text":"x"})").failed);
-            EXPECT_TRUE(
-                std::regex_search(disk.str(), std::regex(R"(\(\d{5,} bytes of output are lost here)")))
-                << disk.str();
+            const std::size_t loss = disk.str().find(" bytes of output are lost here)");
+            ASSERT_NE(loss, std::string::npos) << disk.str();
+            EXPECT_GE(std::stoul(disk.str().substr(disk.str().rfind('(', loss) + 1)), 10000U);
             EXPECT_NE(disk.str().find("line 0 x\nend"), std::string::npos) << disk.str();
         };
         threaded ? serve(play) : serveWithoutThreads(play);
