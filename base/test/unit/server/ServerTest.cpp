@@ -120,7 +120,7 @@ TEST_F(ServerFixture, sendsTheConsoleBeforeTheAnswer) {
             EXPECT_EQ(text.substr(text.size() - 4), "\nend");
             disk.full = false;
             EXPECT_FALSE(client.call("Print", R"({"lines":1,"text":"x"})").failed);
-            const std::size_t loss = disk.str().find(" bytes of output are lost here)");
+            const std::size_t loss = disk.str().find(" bytes of output are lost here");
             ASSERT_NE(loss, std::string::npos) << disk.str();
             EXPECT_GE(std::stoul(disk.str().substr(disk.str().rfind('(', loss) + 1)), 10000U);
             EXPECT_NE(disk.str().find("line 0 x\nend"), std::string::npos) << disk.str();
