@@ -3,63 +3,10 @@
 #include <algorithm>
 #include <functional>
 #include <numeric>
-#include <utility>
 
 using namespace WrapperTest;
 
 namespace {
-
-constexpr std::pair<int, std::size_t> TYPES[] = {{OXM_MPI_BOOL, sizeof(bool)},
-                                                 {OXM_MPI_BYTE, 1},
-                                                 {OXM_MPI_CHAR, 1},
-                                                 {OXM_MPI_SIGNED_CHAR, 1},
-                                                 {OXM_MPI_UNSIGNED_CHAR, 1},
-                                                 {OXM_MPI_SHORT, sizeof(short)},
-                                                 {OXM_MPI_UNSIGNED, sizeof(unsigned)},
-                                                 {OXM_MPI_INT, sizeof(int)},
-                                                 {OXM_MPI_FLOAT, sizeof(float)},
-                                                 {OXM_MPI_DOUBLE, sizeof(double)},
-                                                 {OXM_MPI_LONG_DOUBLE, sizeof(long double)},
-                                                 {OXM_MPI_INT64, 8},
-                                                 {OXM_MPI_UINT64, 8},
-                                                 {OXM_MPI_UNSIGNED_SHORT, sizeof(short)},
-                                                 {OXM_MPI_LONG, sizeof(long)},
-                                                 {OXM_MPI_UNSIGNED_LONG, sizeof(long)},
-                                                 {OXM_MPI_WCHAR, sizeof(wchar_t)},
-                                                 {OXM_MPI_FLOAT_COMPLEX, 8},
-                                                 {OXM_MPI_DOUBLE_COMPLEX, 16},
-                                                 {OXM_MPI_LONG_DOUBLE_COMPLEX, 2 * sizeof(long double)}};
-
-TEST(WrapperMessages, carryEveryType) {
-    constexpr int COUNT = 3;
-    for (const auto& [type, bytes] : TYPES) {
-        OXM_MPI_Aint lowerBound = -1;
-        OXM_MPI_Aint extent = -1;
-        ORVEX_GOOD(OXM_MPI_Type_get_extent(type, &lowerBound, &extent));
-        EXPECT_EQ(extent, static_cast<OXM_MPI_Aint>(bytes)) << type;
-        std::vector<unsigned char> out(COUNT * bytes);
-        std::vector<unsigned char> expected(out.size());
-        for (std::size_t i = 0; i < out.size(); ++i) {
-            out[i] = static_cast<unsigned char>(i + static_cast<std::size_t>(rank()));
-            expected[i] = static_cast<unsigned char>(i + static_cast<std::size_t>(previousRank()));
-        }
-        std::vector<unsigned char> in(out.size() + bytes, 99);
-        OXM_MPI_Status_struct status;
-        ORVEX_GOOD(OXM_MPI_Sendrecv(out.data(), COUNT, type, nextRank(), type, in.data(), COUNT + 1, type,
-                                    previousRank(), type, WORLD, &status));
-        int count = 0;
-        ORVEX_GOOD(OXM_MPI_Get_count(&status, type, &count));
-        EXPECT_EQ(count, COUNT) << type;
-        EXPECT_EQ(status.source, previousRank());
-        EXPECT_EQ(status.tag, type);
-        EXPECT_EQ(status.error, OXM_MPI_SUCCESS);
-        in.resize(out.size());
-        // The padding of a long double needn't travel.
-        if (type != OXM_MPI_LONG_DOUBLE && type != OXM_MPI_LONG_DOUBLE_COMPLEX) {
-            EXPECT_EQ(in, expected) << type;
-        }
-    }
-}
 
 TEST(WrapperMessages, countIsUndefinedForPartsOfElements) {
     const char bytes[6] = {};
@@ -67,6 +14,7 @@ TEST(WrapperMessages, countIsUndefinedForPartsOfElements) {
     OXM_MPI_Status_struct status;
     ORVEX_GOOD(OXM_MPI_Sendrecv(bytes, 6, OXM_MPI_BYTE, nextRank(), 1, in, 16, OXM_MPI_BYTE, previousRank(),
                                 1, WORLD, &status));
+    EXPECT_TRUE(status.source == previousRank() && status.tag == 1 && status.error == OXM_MPI_SUCCESS);
     int count = 0;
     ORVEX_GOOD(OXM_MPI_Get_count(&status, OXM_MPI_BYTE, &count));
     EXPECT_EQ(count, 6);

@@ -4,13 +4,6 @@
 
 #include <stdexcept>
 
-long long ScriptedCall::get(const std::string& argument) const {
-    for (const auto& [key, value] : numbers)
-        if (key == argument)
-            return value;
-    throw std::out_of_range(name + " has no number \"" + argument + "\"");
-}
-
 void* ScriptedMpi::library() {
     static void* const handle = dlopen(ORVEX_SCRIPTED_MPI, RTLD_NOW | RTLD_LOCAL);
     if (!handle)

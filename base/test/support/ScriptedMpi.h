@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -24,7 +25,12 @@ struct ScriptedCall {
     int result = OXM_MPI_SUCCESS;
 
     /// A number by its argument's name; throws std::out_of_range when the call has none.
-    long long get(const std::string& argument) const;
+    long long get(const std::string& argument) const {
+        for (const auto& [key, value] : numbers)
+            if (key == argument)
+                return value;
+        throw std::out_of_range(name + " has no number \"" + argument + "\"");
+    }
     /// "Bcast(count=5, datatype=10, root=0, comm=1)", in the order of the arguments. Buffers stand in it only
     /// when they are null or in place.
     std::string text() const { return _text; }

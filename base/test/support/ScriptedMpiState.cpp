@@ -67,8 +67,6 @@ void ScriptedMpiState::reset() {
         ops[op] = nullptr;
     requests.clear();
     windows.clear();
-    windowSizes.clear();
-    windowUnits.clear();
     files.clear();
     disk.clear();
     infos.clear();
@@ -130,16 +128,6 @@ std::map<std::string, int> ScriptedMpiState::liveHandles() const {
     return result;
 }
 
-ScriptedMpiState::Comm* ScriptedMpiState::findComm(int handle) {
-    const auto found = comms.find(handle);
-    return found == comms.end() ? nullptr : &found->second;
-}
-
-const ScriptedMpiState::Type* ScriptedMpiState::findType(int handle) const {
-    const auto found = types.find(handle);
-    return found == types.end() || !found->second.isCommitted ? nullptr : &found->second;
-}
-
 const ScriptedMpi::Message* ScriptedMpiState::peekMessage(int source, int tag) const {
     const auto found = std::find_if(mailbox.begin(), mailbox.end(),
                                     [=](const Message& message) { return matches(message, source, tag); });
@@ -175,6 +163,56 @@ int ScriptedMpiState::takeFailure(const std::string& name) {
     return code;
 }
 
+int ScriptedMpiState::examine(const ScriptedCall& call) const {
+    auto numbers = call.numbers;
+    for (const auto& [array, argument] : {std::pair("requests", "request"), std::pair("types", "oldType")})
+        if (const auto found = call.arrays.find(array); found != call.arrays.end())
+            for (const long long handle : found->second)
+                numbers.emplace_back(argument, handle);
+    for (const auto& [argument, value] : numbers)
+        if (const int code = examine(call, argument, value))
+            return code;
+    return OXM_MPI_SUCCESS;
+}
+
+int ScriptedMpiState::examine(const ScriptedCall& call, const std::string& argument, long long value) const {
+    const auto handle = static_cast<int>(value);
+    const bool isFreed = call.name.ends_with("_free");
+    const auto check = [](bool isGood, int code) { return isGood ? OXM_MPI_SUCCESS : code; };
+    const auto live = [&](const auto& map, int code) {
+        return check(map.contains(handle) && (!isFreed || handle >= FIRST_MADE), code);
+    };
+    const auto rank = [&](int code) {
+        const auto comm = comms.find(static_cast<int>(call.get("comm")));
+        return check(value == OXM_MPI_ANY_SOURCE ||
+                         (value >= 0 && comm != comms.end() && value < comm->second.size()),
+                     code);
+    };
+    if (argument == "comm")
+        return live(comms, OXM_MPI_ERR_COMM);
+    if (argument == "group")
+        return live(groups, OXM_MPI_ERR_GROUP);
+    if (argument == "oldType" || (argument == "datatype" && call.name.starts_with("Type_")))
+        return live(types, OXM_MPI_ERR_TYPE);
+    if (argument == "datatype" || argument == "sendType" || argument == "recvType")
+        return check(types.contains(handle) && types.at(handle).isCommitted, OXM_MPI_ERR_TYPE);
+    if (argument == "op")
+        return live(ops, OXM_MPI_ERR_OP);
+    if (argument == "request" && (handle != OXM_MPI_REQUEST_NULL || isFreed))
+        return live(requests, OXM_MPI_ERR_REQUEST);
+    if (argument == "window")
+        return live(windows, OXM_MPI_ERR_WIN);
+    if (argument == "file")
+        return live(files, OXM_MPI_ERR_FILE);
+    if (argument == "info" && (handle != OXM_MPI_INFO_NULL || call.name.starts_with("Info_")))
+        return live(infos, OXM_MPI_ERR_INFO);
+    if (argument == "count")
+        return check(value >= 0, OXM_MPI_ERR_COUNT);
+    if (argument == "dest" || argument == "source")
+        return rank(OXM_MPI_ERR_RANK);
+    return argument == "root" ? rank(OXM_MPI_ERR_ROOT) : OXM_MPI_SUCCESS;
+}
+
 /// As the drivers of real MPIs do it: a call that should have made an object leaves a null handle behind.
 void ScriptedMpiState::clearMadeHandle(const ScriptedCall& call) {
     static const std::map<std::string, std::string> made{
@@ -205,9 +243,11 @@ int ScriptedMpiState::run(std::size_t call, const std::function<int()>& play) {
     if (result == OXM_MPI_SUCCESS || result == OXM_MPI_ERR_IN_STATUS) {
         const auto action = _actions.find(name);
         // Copies, since an action may itself call, or change the script.
-        const int own = action != _actions.end() && action->second
-                            ? Action(action->second)(ScriptedCall(_calls[call]))
-                            : play();
+        int own = OXM_MPI_SUCCESS;
+        if (action != _actions.end() && action->second)
+            own = Action(action->second)(ScriptedCall(_calls[call]));
+        else if (own = examine(_calls[call]); own == OXM_MPI_SUCCESS)
+            own = play();
         result = result == OXM_MPI_SUCCESS ? own : result;
     }
     if (call < _calls.size()) {

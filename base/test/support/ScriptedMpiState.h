@@ -5,7 +5,6 @@
 #include "mpiwrapper/MpiDriver.h"
 
 #include <deque>
-#include <memory>
 #include <optional>
 #include <string>
 #include <type_traits>
@@ -38,9 +37,10 @@ public:
     std::map<std::string, int> liveHandles() const override;
     const std::vector<Message>& sent() const override { return sentMessages; }
 
-    /// Records a call and runs its script; `play` is the driver's own work.
-    template <class... Arguments>
-    int serve(const char* name, const char* argumentNames, int (*play)(Arguments...), Arguments... arguments);
+    /// Records a call and runs its script; `play` is the driver's own work, with a code as result or none.
+    template <class Result, class... Arguments>
+    int serve(const char* name, const char* argumentNames, Result (*play)(Arguments...),
+              Arguments... arguments);
     double readClock();
 
     void setStatus(OXM_MPI_Status_struct* status, int source, int tag, std::size_t bytes);
@@ -65,15 +65,17 @@ public:
         int partner = 0;
         int tag = 0;
     };
+    struct Window {
+        std::vector<char> memory;
+        int unit;
+    };
+    using Info = std::map<std::string, std::string>;
     struct File {
         std::string name;
-        std::size_t position = 0;
-        std::map<std::string, std::string> info;
+        std::size_t position;
+        Info info;
     };
 
-    Comm* findComm(int handle);
-    /// Null unless the type may travel.
-    const Type* findType(int handle) const;
     std::optional<Message> takeMessage(int source, int tag);
     const Message* peekMessage(int source, int tag) const;
 
@@ -90,15 +92,14 @@ public:
     std::map<int, Type> types;
     std::map<int, OXM_MPI_User_function> ops;
     std::map<int, Request> requests;
-    std::map<int, std::unique_ptr<char[]>> windows;
-    std::map<int, long long> windowSizes;
-    std::map<int, int> windowUnits;
+    std::map<int, Window> windows;
     std::map<int, File> files;
     std::map<std::string, std::string> disk;
-    std::map<int, std::map<std::string, std::string>> infos;
+    std::map<int, Info> infos;
     std::vector<Message> mailbox;
     std::vector<Message> sentMessages;
 
+    static constexpr int FIRST_MADE = 100;
     /// Handles of made objects are never used twice, so that a stale one is found out.
     int makeHandle() { return _nextHandle++; }
 
@@ -110,6 +111,9 @@ private:
     };
 
     int takeFailure(const std::string& name);
+    /// The code of the first argument that no MPI would take.
+    int examine(const ScriptedCall& call) const;
+    int examine(const ScriptedCall& call, const std::string& argument, long long value) const;
     static void clearMadeHandle(const ScriptedCall& call);
     int run(std::size_t call, const std::function<int()>& play);
 
@@ -117,7 +121,7 @@ private:
     std::map<std::string, Action> _actions;
     std::vector<ScriptedCall> _calls;
     std::deque<OXM_MPI_Status_struct> _statuses;
-    int _nextHandle = 100;
+    int _nextHandle = FIRST_MADE;
     int _clockReadings = 0;
     std::optional<double> _clock;
     double _clockStep = 0.0;
@@ -158,8 +162,8 @@ private:
     int _firstNumber = 0;
 };
 
-template <class... Arguments>
-int ScriptedMpiState::serve(const char* name, const char* argumentNames, int (*play)(Arguments...),
+template <class Result, class... Arguments>
+int ScriptedMpiState::serve(const char* name, const char* argumentNames, Result (*play)(Arguments...),
                             Arguments... arguments) {
     ScriptedCall call;
     call.name = name;
@@ -168,8 +172,8 @@ int ScriptedMpiState::serve(const char* name, const char* argumentNames, int (*p
         int size = 0;
         [[maybe_unused]] const auto note = [&]([[maybe_unused]] auto value) {
             if constexpr (std::is_same_v<decltype(value), int>) {
-                const Comm* const comm = findComm(value);
-                size = comm ? comm->size() : 0;
+                const auto comm = comms.find(value);
+                size = comm == comms.end() ? 0 : comm->second.size();
             }
         };
         (note(arguments), ...);
@@ -177,5 +181,12 @@ int ScriptedMpiState::serve(const char* name, const char* argumentNames, int (*p
         (writer.add(arguments), ...);
     }
     _calls.push_back(std::move(call));
-    return run(_calls.size() - 1, [&] { return play(arguments...); });
+    return run(_calls.size() - 1, [&] {
+        if constexpr (std::is_void_v<Result>) {
+            play(arguments...);
+            return OXM_MPI_SUCCESS;
+        } else {
+            return play(arguments...);
+        }
+    });
 }

@@ -180,24 +180,6 @@ TEST_F(CuttingVectors, rootTellsTheTotal) {
     }
 }
 
-TEST_F(CuttingVectors, othersFollowTheRoot) {
-    // What rank 0, with 5 elements, sees of the rows above.
-    Communicator& comm = be(0, 4, 24);
-    const std::vector<unsigned long long> totals{10, 4, 2, 6, 4, 3};
-    std::size_t next = 0;
-    mpi.setAction("Bcast", [&](const ScriptedCall& call) {
-        std::memcpy(call.addresses.at("buffer"), &totals.at(next++), sizeof totals[0]);
-        return OXM_MPI_SUCCESS;
-    });
-    comm.gatherVector(data.data(), 5, data.data() + 50, nullptr, nullptr, 1);
-    EXPECT_EQ(numbersOf("Gatherv", "sendCount"), (Texts{"1", "1", "1", "1", "1"}));
-    EXPECT_EQ(next, totals.size());
-    next = 0;
-    comm.scatterVector(data.data(), nullptr, nullptr, data.data() + 50, 5, 1);
-    EXPECT_EQ(numbersOf("Scatterv", "recvCount"), (Texts{"1", "1", "1", "1", "1"}));
-    EXPECT_EQ(next, totals.size());
-}
-
 TEST_F(CuttingVectors, everyRankKnowsTheTotalOfAnAllGather) {
     struct Row {
         std::size_t limit;

@@ -274,51 +274,44 @@ struct RangeCase {
     const char* condition;
     void (*query)(const CpuTopology&);
 };
+#define QUERY(...) [](const CpuTopology& t) { t.__VA_ARGS__; }
 
 /// Each query one past the end.
 TEST(CpuTopology_, refusesIndicesOutOfRange) {
     const CpuTopology full = makeTopology("pack:2 [numa] core:2 pu:2");
     const RangeCase ofFull[]{
-        {"physicalCore < _physicalCores.size()", [](const CpuTopology& t) { t.getNumberLpus(4); }},
-        {"physicalCore < _physicalCores.size()", [](const CpuTopology& t) { t.getLpusForPhysicalCore(4); }},
-        {"numaNode < _numaNodeLpus.size()", [](const CpuTopology& t) { t.getLpusForNumaNode(2); }},
-        {"numaNode < _numaNodeLpus.size()", [](const CpuTopology& t) { t.getNumberLpusForNumaNode(2); }},
-        {"numaNode < _numaNodePhysicalCores.size()",
-         [](const CpuTopology& t) { t.getPhysicalCoresForNumaNode(2); }},
-        {"socket < _socketLpus.size()", [](const CpuTopology& t) { t.getLpusForSocket(2); }},
-        {"socket < _socketPhysicalCores.size()",
-         [](const CpuTopology& t) { t.getNumberPhysicalCoresForSocket(2); }},
-        {"numaNode < _numaNodeSockets.size()", [](const CpuTopology& t) { t.getSocketsForNumaNode(2); }},
-        {"socket < _socketNumaNodes.size()", [](const CpuTopology& t) { t.getNumberNumaNodesForSocket(2); }},
-        {"lpu < _lpuPhysicalCore.size()", [](const CpuTopology& t) { t.getPhysicalCoreForLpu(8); }},
-        {"lpu < _lpuNumaNode.size()", [](const CpuTopology& t) { t.getNumaNodeForLpu(8); }},
-        {"lpu < _lpuSocket.size()", [](const CpuTopology& t) { t.getSocketForLpu(8); }},
-        {"physicalCore < _physicalCoreNumaNode.size()",
-         [](const CpuTopology& t) { t.getNumaNodeForPhysicalCore(4); }},
-        {"physicalCore < _physicalCoreSocket.size()",
-         [](const CpuTopology& t) { t.getSocketForPhysicalCore(4); }},
-        {"lpu < _lpus.size()", [](const CpuTopology& t) { t.getLpuMask(8); }},
-        {"index < list.size()",
-         [](const CpuTopology& t) {
-             t.getPhysicalCoreMask({0, 4});
-         }},
-        {"index < list.size()", [](const CpuTopology& t) { t.getNumaMask(2); }},
-        {"index < list.size()", [](const CpuTopology& t) { t.getSocketMask(std::vector<unsigned>{2}); }},
+        {"physicalCore < _physicalCores.size()", QUERY(getNumberLpus(4))},
+        {"physicalCore < _physicalCores.size()", QUERY(getLpusForPhysicalCore(4))},
+        {"numaNode < _numaNodeLpus.size()", QUERY(getLpusForNumaNode(2))},
+        {"numaNode < _numaNodeLpus.size()", QUERY(getNumberLpusForNumaNode(2))},
+        {"numaNode < _numaNodePhysicalCores.size()", QUERY(getPhysicalCoresForNumaNode(2))},
+        {"socket < _socketLpus.size()", QUERY(getLpusForSocket(2))},
+        {"socket < _socketPhysicalCores.size()", QUERY(getNumberPhysicalCoresForSocket(2))},
+        {"numaNode < _numaNodeSockets.size()", QUERY(getSocketsForNumaNode(2))},
+        {"socket < _socketNumaNodes.size()", QUERY(getNumberNumaNodesForSocket(2))},
+        {"lpu < _lpuPhysicalCore.size()", QUERY(getPhysicalCoreForLpu(8))},
+        {"lpu < _lpuNumaNode.size()", QUERY(getNumaNodeForLpu(8))},
+        {"lpu < _lpuSocket.size()", QUERY(getSocketForLpu(8))},
+        {"physicalCore < _physicalCoreNumaNode.size()", QUERY(getNumaNodeForPhysicalCore(4))},
+        {"physicalCore < _physicalCoreSocket.size()", QUERY(getSocketForPhysicalCore(4))},
+        {"lpu < _lpus.size()", QUERY(getLpuMask(8))},
+        {"index < list.size()", QUERY(getPhysicalCoreMask({0, 4}))},
+        {"index < list.size()", QUERY(getNumaMask(2))},
+        {"index < list.size()", QUERY(getSocketMask(std::vector<unsigned>{2}))},
+    };
+    const RangeCase ofEmpty[]{
+        {"physicalCore < getNumberPhysicalCores()", QUERY(getLpusForPhysicalCore(1))},
+        {"lpu < getNumberLpus()", QUERY(getPhysicalCoreForLpu(1))},
+        {"lpu == 0u", QUERY(getLpuMask(1))},
+        {"lpu == 0u", QUERY(getPhysicalCoreMask(1))},
+        {"numaNode == 0u", QUERY(getNumaMask(1))},
+        {"socket == 0u", QUERY(getSocketMask(1))},
+        {"numaNode < _numaNodeSockets.size()", QUERY(getSocketsForNumaNode(0))},
     };
     for (const RangeCase& one : ofFull)
         expectAssertion([&] { one.query(full); }, "Index out of range.", one.condition, "CpuTopology.cpp");
 
     const CpuTopology empty = makeEmptyTopology();
-    const RangeCase ofEmpty[]{
-        {"physicalCore < getNumberPhysicalCores()",
-         [](const CpuTopology& t) { t.getLpusForPhysicalCore(1); }},
-        {"lpu < getNumberLpus()", [](const CpuTopology& t) { t.getPhysicalCoreForLpu(1); }},
-        {"lpu == 0u", [](const CpuTopology& t) { t.getLpuMask(1); }},
-        {"lpu == 0u", [](const CpuTopology& t) { t.getPhysicalCoreMask(1); }},
-        {"numaNode == 0u", [](const CpuTopology& t) { t.getNumaMask(1); }},
-        {"socket == 0u", [](const CpuTopology& t) { t.getSocketMask(1); }},
-        {"numaNode < _numaNodeSockets.size()", [](const CpuTopology& t) { t.getSocketsForNumaNode(0); }},
-    };
     for (const RangeCase& one : ofEmpty)
         expectAssertion([&] { one.query(empty); }, "Index out of range.", one.condition, "CpuTopology.cpp");
     // A missing level has one answer for every index.
@@ -326,6 +319,7 @@ TEST(CpuTopology_, refusesIndicesOutOfRange) {
     EXPECT_EQ(empty.getNumberLpus(7), 1u);
     EXPECT_EQ(empty.getNumaNodeForLpu(7), 0u);
 }
+#undef QUERY
 
 TEST(CpuTopology_, noticesWhatItsOwnListsCantHold) {
     using Access = CpuTopologyTestAccess;

@@ -18,37 +18,6 @@
 #include <string>
 #include <vector>
 
-TEST(SharedMemoryCommunicators, AreMadeByTheDriverOrByName) {
-    for (const bool hasSharedMemory : {true, false}) {
-        ScriptedMpi& mpi = ScriptedMpi::start();
-        mpi.setSharedMemorySupport(hasSharedMemory);
-        MachineTestAccess::playRole(Machine::MASTER_MODE, 1, 0);
-        MachineTestAccess::globalCommunicator() = std::make_unique<Communicator>();
-        {
-            MachineHost host;
-            MachineHost* const before = MachineTestAccess::swapHost(&host);
-            mpi.clearCalls();
-            MachineTestAccess::buildShmemCommunicators();
-            EXPECT_EQ(mpi.callsOf("Comm_split_type").size(), hasSharedMemory ? 1u : 0u);
-            // Socket and NUMA node, the three sparse ones, and the host's without the driver's help.
-            EXPECT_EQ(mpi.callsOf("Comm_create").size(), hasSharedMemory ? 5u : 6u);
-            for (std::size_t scope = 0; scope < Machine::NUMBER_SHMEM_SCOPES; ++scope) {
-                auto& shared = MachineTestAccess::sharedMemCommunicators()[scope];
-                auto& sparse = MachineTestAccess::sparseCommunicators()[scope];
-                EXPECT_EQ(shared->size(), 1u);
-                EXPECT_EQ(sparse->size(), 1u);
-                shared.reset();
-                sparse.reset();
-            }
-            MachineTestAccess::swapHost(before);
-        }
-        MachineTestAccess::globalCommunicator().reset();
-        MachineTestAccess::playRole(Machine::SERIAL_MODE, 1, 0);
-        EXPECT_EQ(mpi.liveHandles()["comm"], 0);
-        EXPECT_EQ(mpi.liveHandles()["group"], 0);
-    }
-}
-
 namespace {
 
 using List = std::vector<unsigned>;
@@ -113,9 +82,12 @@ TEST(SharedMemoryCommunicators, FollowTheHardware) {
             "Assumption of exactly one " + kind + " per process is violated.", "indices.size() == 1u",
             "MachineSharedMemory.cpp");
     }
-    mpi.setAction("Allgather", {});
-    mpi.setAction("Allgatherv", {});
+    expectAssertion([] { MachineTestAccess::buildScopeCommunicator(Machine::HOST_SCOPE, {0}); },
+                    "Can only create socket or NUMA node scope communicators.",
+                    "scope == SOCKET_SCOPE || scope == NUMA_SCOPE", "MachineSharedMemory.cpp");
     MachineTestAccess::swapHost(before);
+    expectAssertion([] { MachineTestAccess::buildShmemCommunicators(); }, "host not built yet", "_host",
+                    "MachineSharedMemory.cpp");
     releaseCommunicators();
     EXPECT_EQ(mpi.liveHandles()["comm"], 0);
 }
