@@ -9,6 +9,7 @@ import json
 import os
 import pathlib
 import pwd
+import re
 import shutil
 import signal
 import socket
@@ -194,6 +195,10 @@ class Job:
 
     def out(self):
         return (self.room.top / f"out-{self.number}").read_text(errors="replace")
+
+    def printed(self, pattern):
+        """Waits until the output holds the pattern: a launcher brings it in its own time."""
+        return wait_until(lambda: re.search(pattern, self.out()), 10 * PATIENCE, lambda: f"{pattern}\n{self.told()}")
 
     def err(self):
         return (self.room.top / f"err-{self.number}").read_text(errors="replace")

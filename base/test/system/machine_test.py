@@ -78,12 +78,12 @@ class Consoles(Case):
         job = self.ready("-printpids", mpi=MPIS[0], ranks=3)
         pids = {rank: process.pid for rank, process in job.members().items()}
         host = job.run("GetHosts")["Rank[0]"]
-        self.assertRegex(job.out(), re.escape(f"Host 0 -- {host} -- Ranks 0-2\nProcess rank 0 {host} {pids[0]}\n"
-                                              "Total number of processes : 3\n\n") +
-                         "".join(f"Host ID 0 Rank {rank} on {host} with process ID {pids[rank]}\n" for rank in range(3)))
+        job.printed(re.escape(f"Host 0 -- {host} -- Ranks 0-2\nProcess rank 0 {host} {pids[0]}\n"
+                              "Total number of processes : 3\n\n") +
+                    "".join(f"Host ID 0 Rank {rank} on {host} with process ID {pids[rank]}\n" for rank in range(3)))
         job.run("PrintProcessSummary")
         for rank in range(3):
-            self.assertIn(f"Process rank {rank} {host} {pids[rank]}\n", job.out())
+            job.printed(f"Process rank {rank} {host} {pids[rank]}\n")
         self.stop(job)
 
 
@@ -105,14 +105,14 @@ class Answers(Case):
                 self.assertEqual(job.run("GetCommunicationTimes")["CommunicationTimes"], [0, 0, 0])
                 for flag, text in (("true", "Turning on"), ("false", "Turning off")):
                     job.run("EnableCommunicationTimer", f"enableFlag={flag}")
-                    self.assertIn(f"{text} communication timer.\n", job.out())
+                    job.printed(f"{text} communication timer.\n")
                 self.assertTrue(all(time > 0 for time in job.run("GetCommunicationTimes")["CommunicationTimes"]))
                 for size in (111, 2 ** 40):
                     refused = job.ctl("SetMaximumMessageBufferSize", f"size={size}", check=False)
                     self.assertIn("must be 112 to ", refused.stderr)
                 job.run("SetMaximumMessageBufferSize", "size=112")
-                self.assertRegex(job.out(), r"setting maximum buffer size : 112\n"
-                                            r"Warning, modifying the maximum message size from \d+ to 112\n")
+                job.printed(r"setting maximum buffer size : 112\n"
+                            r"Warning, modifying the maximum message size from \d+ to 112\n")
                 self.assertEqual(job.run("GetHosts"), hosts, "messages in pieces")
                 self.stop(job)
 
@@ -153,7 +153,7 @@ class Answers(Case):
     def test_state_is_restored(self):
         (self.room.work / "good.sim").write_text("simulation\n")
         job = self.ready("-module", "OrvexTestModule", "-load", "good", mpi=MPIS[0], ranks=2)
-        self.assertIn("Restored good.sim\n", job.out())
+        job.printed("Restored good.sim\n")
         self.stop(job)
         (self.room.work / "bad.sim").write_text("letter\n")
         job = self.start("-module", "OrvexTestModule", "-load", "bad.sim")
@@ -209,8 +209,8 @@ class Modules(Case):
                 self.assertLess(result["error"], 1e-3)
                 self.assertLess(result["heatImbalance"], 1e-8)
                 iterations.append(result["iterations"])
-                self.assertRegex(job.out(), r"SolveHeatConduction: iteration 0, residual 1\n"
-                                            r"SolveHeatConduction: iteration 50, residual \S+\n")
+                job.printed(r"SolveHeatConduction: iteration 0, residual 1\n"
+                            r"SolveHeatConduction: iteration 50, residual \S+\n")
                 for words, pattern in ((["nx=0"], '"nx" must be from 1'), (["tolerance=1"], '"tolerance" must be'),
                                        (["nx=5000", "ny=5000"], "nx \\* ny"), (["conductivity=-1"], "above 0")):
                     answer = job.ctl("SolveHeatConduction", *words, check=False)
