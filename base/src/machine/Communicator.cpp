@@ -146,6 +146,13 @@ std::unique_ptr<Communicator> Communicator::createSharedMemCommunicators() const
     return std::unique_ptr<Communicator>(new Communicator(newHandle));
 }
 
+NativeHandle Communicator::nativeHandle() const {
+    int fortranHandle = 0;
+    std::array<char, OXM_MPI_MAX_LIBRARY_VERSION_STRING> library{};
+    MpiCore::handleError(OXM_MPI_Comm_native_handle(_handle, &fortranHandle, library.data()));
+    return NativeHandle(fortranHandle, library.data());
+}
+
 void Communicator::abort(const ExitStatus& status) {
     OXM_MPI_Abort(_handle, status); // what could be done about a failure of the last resort?
 }

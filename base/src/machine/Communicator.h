@@ -4,6 +4,7 @@
 #include "machine/MachineExport.h"
 #include "machine/MessageBuffers.h"
 #include "machine/MpiCore.h"
+#include "machine/NativeHandle.h"
 #include "machine/PrimitiveArray.h"
 #include "machine/ReductionThunk.h"
 #include "machine/StructDatatype.h"
@@ -162,6 +163,9 @@ public:
     unsigned size() const { return _size; }
     /// This process's rank here, from 0 to size() - 1.
     unsigned myRank() const { return _myRank; }
+    /// The communicator of the MPI library beneath, for code in a module that is built with that library, for
+    /// example PETSc, hypre or parallel HDF5. Valid while this communicator lives. Local.
+    NativeHandle nativeHandle() const;
     /// The processor name: the host, for most MPI libraries.
     const std::string& myName() const { return _myName; }
 

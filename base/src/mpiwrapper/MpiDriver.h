@@ -28,7 +28,7 @@ struct MpiDriverFunctions {
 };
 
 struct MpiDriver {
-    static constexpr std::uint32_t ABI_VERSION = 1;
+    static constexpr std::uint32_t ABI_VERSION = 2;
 
     std::uint32_t abiVersion = ABI_VERSION; ///< first for good, so that any version can be told
     std::uint32_t functionsSize = sizeof(MpiDriverFunctions);

@@ -28,6 +28,7 @@
     X(Comm_split_type, (int comm, int splitType, int key, int info, int* newComm),                           \
       (comm, splitType, key, info, newComm))                                                                 \
     X(Comm_free, (int* comm), (comm))                                                                        \
+    X(Comm_native_handle, (int comm, int* fortranHandle, char* library), (comm, fortranHandle, library))     \
     X(Group_incl, (int group, int count, const int* ranks, int* newGroup), (group, count, ranks, newGroup))  \
     X(Group_free, (int* group), (group))                                                                     \
     X(Send, (const void* buffer, int count, int datatype, int dest, int tag, int comm),                      \

@@ -224,6 +224,10 @@ ORVEX_MPIWRAPPER_EXPORT int OXM_MPI_Comm_group(int comm, int* group);
 ORVEX_MPIWRAPPER_EXPORT int OXM_MPI_Comm_create(int comm, int group, int* newComm);
 ORVEX_MPIWRAPPER_EXPORT int OXM_MPI_Comm_split_type(int comm, int splitType, int key, int info, int* newComm);
 ORVEX_MPIWRAPPER_EXPORT int OXM_MPI_Comm_free(int* comm);
+/// The Fortran handle that the driver's MPI library has for `comm`, and that library's own name: code that is
+/// built with it makes an MPI_Comm of the handle by MPI_Comm_f2c. `library` has room for
+/// OXM_MPI_MAX_LIBRARY_VERSION_STRING bytes. Local.
+ORVEX_MPIWRAPPER_EXPORT int OXM_MPI_Comm_native_handle(int comm, int* fortranHandle, char* library);
 ORVEX_MPIWRAPPER_EXPORT int OXM_MPI_Group_incl(int group, int count, const int* ranks, int* newGroup);
 ORVEX_MPIWRAPPER_EXPORT int OXM_MPI_Group_free(int* group);
 

@@ -72,6 +72,24 @@ class Consumer(Case):
         self.assertEqual(answer["ranks"], 3)
         self.stop(job)
 
+    def test_parallel_hdf5(self):
+        modules = {mpi: self.top / f"build/libParallelHdf5-{mpi}.so" for mpi in MPIS}
+        modules = {mpi: path for mpi, path in modules.items() if path.exists()}
+        if not modules:
+            self.skipTest("no parallel HDF5 is installed")
+        for mpi in MPIS:
+            for built_with, module in modules.items():
+                with self.subTest(mpi=mpi, built_with=built_with):
+                    job = self.ready("-module", module, mpi=mpi, ranks=3)
+                    words = ["StoreInHdf5", f"path=field-{mpi}.h5", "points=1000"]
+                    if mpi == built_with:
+                        self.assertTrue(job.run(*words)["equal"])
+                        field = struct.pack("<1000d", *(i / 2 for i in range(1000)))
+                        self.assertIn(field, (self.room.work / f"field-{mpi}.h5").read_bytes())
+                    else:
+                        self.assertIn(", but the job runs with ", job.ctl(*words, check=False).stderr)
+                    self.stop(job)
+
 
 if __name__ == "__main__":
     main()

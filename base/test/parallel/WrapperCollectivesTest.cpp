@@ -44,9 +44,17 @@ TEST(WrapperCommunicators, ofSomeAndOfNobody) {
     int comm = -1;
     ORVEX_GOOD(OXM_MPI_Group_incl(group, 1, &last, &subset));
     ORVEX_GOOD(OXM_MPI_Comm_create(WORLD, subset, &comm));
+    int native = 0;
+    char library[OXM_MPI_MAX_LIBRARY_VERSION_STRING] = "";
     if (rank() != last) {
         EXPECT_EQ(comm, OXM_MPI_COMM_NULL);
+        EXPECT_EQ(OXM_MPI_Comm_native_handle(comm, &native, library), OXM_MPI_ERR_COMM);
     } else {
+        int nativeWorld = 0;
+        ORVEX_GOOD(OXM_MPI_Comm_native_handle(WORLD, &nativeWorld, library));
+        EXPECT_STREQ(library, std::string(ParallelTest::driver()) == "mpich2" ? "MPICH" : "Open MPI");
+        ORVEX_GOOD(OXM_MPI_Comm_native_handle(comm, &native, library));
+        EXPECT_NE(native, nativeWorld);
         int value = 0;
         EXPECT_EQ(OXM_MPI_Bcast(&value, 1, INT, 1, comm), OXM_MPI_ERR_ROOT) << "errors return here too";
         const int freed = comm;

@@ -74,6 +74,10 @@ void Comm_split_type(int comm, int, int, int, int* newComm) {
 void Comm_free(int* comm) {
     release(state().comms, comm);
 }
+void Comm_native_handle(int comm, int* fortranHandle, char* library) {
+    *fortranHandle = 1000 + comm;
+    std::strcpy(library, "Scripted MPI");
+}
 void Group_incl(int group, int count, const int* ranks, int* newGroup) {
     std::vector<int> chosen;
     for (int i = 0; i < count; ++i)

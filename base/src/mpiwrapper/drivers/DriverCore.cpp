@@ -11,6 +11,12 @@ Handles handles;
 
 namespace {
 
+#ifdef OPEN_MPI
+constexpr const char* LIBRARY_NAME = "Open MPI";
+#else
+constexpr const char* LIBRARY_NAME = "MPICH";
+#endif
+
 /// MPI_CHAR is for text and takes no part in arithmetic reductions; its numeric twin does both.
 const MPI_Datatype CHAR_TYPE = CHAR_MIN < 0 ? MPI_SIGNED_CHAR : MPI_UNSIGNED_CHAR;
 
@@ -165,6 +171,15 @@ int Comm_free(int* comm) {
     return translateFree(MPI_Comm_free(&native), handles.comms, comm);
 }
 
+int Comm_native_handle(int comm, int* fortranHandle, char* library) {
+    const MPI_Comm native = handles.comms.get(comm);
+    if (native == MPI_COMM_NULL)
+        return refuse(OXM_MPI_ERR_COMM);
+    *fortranHandle = MPI_Comm_c2f(native);
+    std::strcpy(library, LIBRARY_NAME);
+    return OXM_MPI_SUCCESS;
+}
+
 int Group_incl(int group, int count, const int* ranks, int* newGroup) {
     MPI_Group native = MPI_GROUP_NULL;
     const int code = MPI_Group_incl(handles.groups.get(group), count, ranks, &native);
@@ -222,11 +237,10 @@ std::uint64_t getMaxBufferSize() {
 
 /// "Open MPI v4.1.4, package: ..." and "MPICH Version:\t4.0.2\n..." are what the two say.
 void getLibraryName(char* name, char* version) {
+    std::strcpy(name, LIBRARY_NAME);
 #ifdef OPEN_MPI
-    std::strcpy(name, "Open MPI");
     const char* const format = "Open MPI v%63[^, \n]";
 #else
-    std::strcpy(name, "MPICH");
     const char* const format = "MPICH Version: %63[^, \n]";
 #endif
     char text[MPI_MAX_LIBRARY_VERSION_STRING] = "";

@@ -55,6 +55,9 @@ TEST_F(CommunicatorOfThree, knowsItself) {
         EXPECT_EQ(comm.myRank(), 1u);
         EXPECT_EQ(comm.myName(), "node7");
         EXPECT_EQ(comm.getMaxBufferSize(), 4096u);
+        EXPECT_EQ(comm.nativeHandle().forLibrary("Scripted MPI"), 1001);
+        EXPECT_EQ(messageOf<InputError>([&] { comm.nativeHandle().forLibrary("MPICH"); }),
+                  "The module is built with MPICH, but the job runs with Scripted MPI");
         EXPECT_EQ(comm.getCommunicationTime(), 0.0);
         EXPECT_FALSE(comm.isCommunicationTimerEnabled());
         EXPECT_TRUE(comm == Communicator());

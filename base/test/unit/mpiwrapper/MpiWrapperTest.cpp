@@ -71,7 +71,7 @@ TEST(MpiWrapperStart, refusesWhatIsNoDriverAndKeepsTheOldOne) {
         {ORVEX_WRONG_DRIVERS "/libOrvexNoDriver.so",
          R"( isn't an MPI driver: it has no symbol "orvexMpiDriver")"},
         {ORVEX_WRONG_DRIVERS "/libOrvexOtherVersion.so",
-         " is an MPI driver with interface version 77, but version 1 is needed"},
+         " is an MPI driver with interface version 77, but version 2 is needed"},
         {ORVEX_WRONG_DRIVERS "/libOrvexOtherFunctions.so",
          " is an MPI driver with another list of functions (8 bytes instead of "},
         {ORVEX_WRONG_DRIVERS "/libOrvexEmptyDriver.so",
