@@ -24,7 +24,7 @@
 namespace {
 
 std::wstring wideDecoded(const std::string& text) {
-    return StringHelper::decode(StringHelper::toWString(text));
+    return StringHelper::decode(StringHelper::fromBytes(text));
 }
 
 void sayOnce(const char* text) {

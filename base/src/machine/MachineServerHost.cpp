@@ -25,7 +25,6 @@
 #include "platform/FileSystem.h"
 #include "platform/Io.h"
 #include "platform/Process.h"
-#include "platform/StringHelper.h"
 #include "platform/System.h"
 
 #include <cerrno>
@@ -69,7 +68,7 @@ void Machine::settleSessionFile(const std::wstring& name, bool createNew) {
         if (files.exists(name) && files.getSize(name) != 0)
             refuseSessionFile("File", name, StateFileUtilities::getStateFileAlreadyExistsErrorMessage(name));
         // Leaves an empty file; whether that could be made shows below.
-        std::ofstream(StringHelper::toString(name), std::ios::binary);
+        static_cast<void>(files.createFile(name));
     }
     if (!files.exists(name) || files.isDirectory(name))
         refuseSessionFile("Path", name,
@@ -174,7 +173,7 @@ void Machine::getSystemInformationOnMaster(Properties& result) const {
 void Machine::startConsole() {
     if (isParallel()) {
         getHost().printProcessSummary();
-        std::string directory = StringHelper::toString(Platform::filesystem().getCurrentDirectory());
+        std::string directory = Platform::filesystem().toSystem(Platform::filesystem().getCurrentDirectory());
         globalCommunicator().broadcast(directory, Communicator::masterRank());
         _parallelConsoleBuf = new ParallelConsoleBuf(std::cout, directory, false, false, 255);
     } else {

@@ -83,7 +83,7 @@ void takeOtherWord(Walk& walk) {
     const std::string& word = walk.line.word();
     if (word.front() != '-') {
         if (walk.options.sessionName.empty())
-            walk.options.sessionName = StringHelper::decode(StringHelper::toWString(word));
+            walk.options.sessionName = StringHelper::decode(StringHelper::fromBytes(word));
         return;
     }
     if (!walk.line.skipConsumed())

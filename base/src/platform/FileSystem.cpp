@@ -24,11 +24,11 @@ namespace fs = std::filesystem;
 constexpr const char* NOWHERE = "";
 
 std::string narrow(const std::wstring& path) {
-    return path.find(L'\0') == std::wstring::npos ? StringHelper::toString(path) : std::string(NOWHERE);
+    return path.find(L'\0') == std::wstring::npos ? StringHelper::toBytes(path) : std::string(NOWHERE);
 }
 
 std::wstring widen(const fs::path& path) {
-    return StringHelper::toWString(path.native());
+    return StringHelper::fromBytes(path.native());
 }
 
 bool writeAll(int file, const std::string& content) {
@@ -45,6 +45,13 @@ bool writeAll(int file, const std::string& content) {
 }
 
 constexpr mode_t OTHERS = S_IRWXG | S_IRWXO;
+constexpr mode_t ALL_READ_AND_WRITE = S_IRUSR | S_IWUSR | S_IRGRP | S_IWGRP | S_IROTH | S_IWOTH;
+
+/// The kind of what `path` leads to, 0 when there is nothing.
+mode_t kindOf(const std::wstring& path) {
+    struct stat status;
+    return ::stat(narrow(path).c_str(), &status) == 0 ? status.st_mode & S_IFMT : 0;
+}
 
 } // namespace
 
@@ -73,6 +80,7 @@ bool FileSystem::listDirectory(const std::wstring& path, std::vector<std::wstrin
     if (error) {
         directories.clear();
         files.clear();
+        errno = error.value();
         return false;
     }
     std::sort(directories.begin(), directories.end());
@@ -93,7 +101,7 @@ bool FileSystem::makeDirectories(const std::wstring& path) {
 
 std::wstring FileSystem::makeTemporaryDirectory(const std::wstring& parent, const std::wstring& prefix) {
     std::string pattern = narrow(join(parent, prefix)) + "XXXXXX";
-    return ::mkdtemp(pattern.data()) != nullptr ? StringHelper::toWString(pattern) : std::wstring();
+    return ::mkdtemp(pattern.data()) != nullptr ? StringHelper::fromBytes(pattern) : std::wstring();
 }
 
 bool FileSystem::exists(const std::wstring& path) const {
@@ -122,6 +130,41 @@ bool FileSystem::isReadOnly(const std::wstring& path) const {
     return exists(path) && ::faccessat(AT_FDCWD, narrow(path).c_str(), W_OK, AT_EACCESS) != 0;
 }
 
+bool FileSystem::createFile(const std::wstring& path) {
+    const mode_t kind = kindOf(path);
+    if (kind != 0 && kind != S_IFREG && kind != S_IFDIR) { // the system refuses a directory by itself
+        errno = EINVAL;
+        return false;
+    }
+    // Without waiting, should a pipe stand there by now; the system refuses to empty that.
+    const Descriptor file(::open(narrow(path).c_str(), O_WRONLY | O_CREAT | O_NONBLOCK | O_NOCTTY | O_CLOEXEC,
+                                 ALL_READ_AND_WRITE));
+    return file && ::ftruncate(file.get(), 0) == 0;
+}
+
+std::FILE* FileSystem::createPrivateFile(const std::wstring& path) {
+    const std::string name = narrow(path);
+    ::unlink(name.c_str()); // what can't be removed lets the next step fail
+    Descriptor file(
+        ::open(name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR));
+    std::FILE* const stream = file ? ::fdopen(file.get(), "w") : nullptr;
+    if (stream != nullptr)
+        file.release();
+    return stream;
+}
+
+bool FileSystem::canBeRead(const std::wstring& path) const {
+    const mode_t kind = kindOf(path);
+    return kind != S_IFDIR && kind != S_IFIFO && kind != S_IFSOCK;
+}
+
+bool FileSystem::canBeWritten(const std::wstring& path) const {
+    const mode_t kind = kindOf(path);
+    if (kind != S_IFIFO)
+        return kind != S_IFSOCK;
+    return bool(Descriptor(::open(narrow(path).c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC)));
+}
+
 bool FileSystem::deleteFile(const std::wstring& path) {
     return ::unlink(narrow(path).c_str()) == 0;
 }
@@ -138,6 +181,14 @@ bool FileSystem::deleteTree(const std::wstring& path) {
 
 int FileSystem::rename(const std::wstring& from, const std::wstring& to) {
     return std::rename(narrow(from).c_str(), narrow(to).c_str()) == 0 ? 0 : errno;
+}
+
+std::string FileSystem::toSystem(const std::wstring& path) const {
+    return narrow(path);
+}
+
+std::wstring FileSystem::fromSystem(const std::string& path) const {
+    return StringHelper::fromBytes(path);
 }
 
 std::wstring FileSystem::getFilePath(const std::wstring& path) const {

@@ -2,14 +2,17 @@
 
 #include "platform/PlatformExport.h"
 
+#include <cstdio>
 #include <string>
 #include <vector>
 
 namespace Platform {
 
-/// Files and directories of this host. Paths are wide text; a name that isn't UTF-8 on the disk is read with
-/// its bad bytes replaced. No operation throws for what it finds on the disk. Local, any thread; the current
-/// directory belongs to the whole process.
+/// Files and directories of this host. Paths are wide text in the form of StringHelper::fromBytes(): each
+/// name on the disk, also one that isn't UTF-8, can be listed and then addressed. A path with a zero
+/// character leads nowhere. No operation throws for what it finds on the disk, and none waits for another
+/// process. One that says false leaves the system's reason in errno. Local, any thread; the current directory
+/// belongs to the whole process.
 class ORVEX_PLATFORM_EXPORT FileSystem {
 public:
     /// Empty when the current directory was removed.
@@ -40,6 +43,18 @@ public:
     /// True when `path` exists and this process may not write to it.
     bool isReadOnly(const std::wstring& path) const;
 
+    /// Makes an empty file, or empties the one at `path`.
+    /// @return false, with all as it was, when that can't be had or what stands there is no regular file
+    bool createFile(const std::wstring& path);
+    /// Makes a new file of this user that nobody else may open, in place of a file or link at `path`.
+    /// @return open for writing, for the caller to close; null when it can't be made
+    std::FILE* createPrivateFile(const std::wstring& path);
+    /// False for a directory, a pipe or a socket: a stream that opens them finds nothing, or waits for
+    /// another process. True for all else, a missing file too.
+    bool canBeRead(const std::wstring& path) const;
+    /// False for a pipe that nobody reads and for a socket; true for all else, a missing file too.
+    bool canBeWritten(const std::wstring& path) const;
+
     /// Deletes a file or a symbolic link, never a directory. @return true when it is gone by this call
     bool deleteFile(const std::wstring& path);
     /// Deletes an empty directory. @return true when it is gone by this call
@@ -50,6 +65,12 @@ public:
     /// Renames or moves within one disk; an existing file at `to` is replaced.
     /// @return 0, or the system's (positive) error number
     int rename(const std::wstring& from, const std::wstring& to);
+
+    /// The bytes of `path` for calls of the system, other libraries and standard streams; empty for a path
+    /// that they would cut at a zero.
+    std::string toSystem(const std::wstring& path) const;
+    /// The path of such bytes.
+    std::wstring fromSystem(const std::string& path) const;
 
     /// The form in which the system takes `path`: without doubled separators. A relative path stays relative,
     /// an empty one empty.

@@ -77,7 +77,7 @@ bool Log::setFile(const std::wstring& path) {
     std::shared_ptr<spdlog::sinks::sink> file;
     if (!path.empty()) {
         try {
-            file = std::make_shared<spdlog::sinks::basic_file_sink_mt>(StringHelper::toString(path));
+            file = std::make_shared<spdlog::sinks::basic_file_sink_mt>(StringHelper::toBytes(path));
             file->set_pattern(LINE_PATTERN);
         } catch (const spdlog::spdlog_ex&) {
             return false;

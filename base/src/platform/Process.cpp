@@ -150,7 +150,7 @@ std::unique_ptr<HandleImpl> launch(const std::vector<std::wstring>& command,
         plan.give(STDOUT_FILENO, STDERR_FILENO);
     }
     if (!options.directory.empty())
-        plan.enter(StringHelper::toString(options.directory));
+        plan.enter(StringHelper::toBytes(options.directory));
     plan.finish(options.ownGroup);
     impl->ownGroup = options.ownGroup;
     impl->pid = plan.spawn(words, mergeEnvironment(options.environment));

@@ -161,6 +161,31 @@ std::optional<char32_t> readEncoded(std::wstring_view text, std::size_t place, s
     return code;
 }
 
+constexpr std::size_t MARK_LENGTH = 4;
+
+void appendMark(std::wstring& text, unsigned char byte) {
+    constexpr std::wstring_view DIGITS = L"0123456789ABCDEF";
+    text += {L'\\', L'x', DIGITS[byte >> 4], DIGITS[byte & 0xF]};
+}
+
+/// The byte of the mark that `text` begins with; nothing when it begins with none.
+template <class View>
+std::optional<unsigned char> readMark(View text) {
+    if (text.size() < MARK_LENGTH || text[0] != '\\' || text[1] != 'x')
+        return std::nullopt;
+    unsigned value = 0;
+    for (const auto character : text.substr(2, 2)) {
+        const bool isNumeral = character >= '0' && character <= '9';
+        if (!isNumeral && (character < 'A' || character > 'F'))
+            return std::nullopt;
+        value = value * 16 + static_cast<unsigned>(character - (isNumeral ? '0' : 'A' - 10));
+    }
+    // No other character of ASCII is ever marked: a mark can't hide a separator or a zero.
+    if (value < 0x80 && value != '\\')
+        return std::nullopt;
+    return static_cast<unsigned char>(value);
+}
+
 } // namespace
 
 std::string StringHelper::toString(std::wstring_view text) {
@@ -194,6 +219,36 @@ bool StringHelper::isValidUtf8(std::string_view text) {
         text.remove_prefix(sequence.length);
     }
     return true;
+}
+
+std::wstring StringHelper::fromBytes(std::string_view bytes) {
+    std::wstring result;
+    result.reserve(bytes.size());
+    while (!bytes.empty()) {
+        const Sequence sequence = readSequence(bytes);
+        if (sequence.valid && !readMark(bytes)) {
+            result.push_back(static_cast<wchar_t>(sequence.code));
+        } else {
+            for (const char byte : bytes.substr(0, sequence.length))
+                appendMark(result, static_cast<unsigned char>(byte));
+        }
+        bytes.remove_prefix(sequence.length);
+    }
+    return result;
+}
+
+std::string StringHelper::toBytes(std::wstring_view text) {
+    std::string result;
+    result.reserve(text.size());
+    while (!text.empty()) {
+        const auto byte = readMark(text);
+        if (byte)
+            result.push_back(static_cast<char>(*byte));
+        else
+            appendUtf8(result, static_cast<char32_t>(text[0]));
+        text.remove_prefix(byte ? MARK_LENGTH : 1);
+    }
+    return result;
 }
 
 std::string StringHelper::toUpper(std::string_view text) {

@@ -17,6 +17,13 @@ public:
     static std::string toValidUtf8(std::string_view text);
     static bool isValidUtf8(std::string_view text);
 
+    /// Any bytes as wide text from which toBytes() makes the same bytes again: as toWString(), but a byte
+    /// that isn't UTF-8 becomes "\x" and its two hexadecimal digits in upper case, "\xFF" for example. A
+    /// backslash that would read as such a mark becomes "\x5C".
+    static std::wstring fromBytes(std::string_view bytes);
+    /// The bytes of wide text: UTF-8, and for each mark of fromBytes() the byte that it stands for.
+    static std::string toBytes(std::wstring_view text);
+
     /// Case by Unicode's simple mapping, one character for one.
     static std::string toUpper(std::string_view text);
     static std::wstring toUpper(std::wstring_view text);

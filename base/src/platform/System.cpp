@@ -68,11 +68,11 @@ unsigned System::getUserId() const {
 
 std::wstring System::getHomeDirectory() const {
     const auto user = findUser();
-    return user ? StringHelper::toWString(user->home) : std::wstring();
+    return user ? StringHelper::fromBytes(user->home) : std::wstring();
 }
 
 std::wstring System::getExecutablePath() const {
-    return StringHelper::toWString(ProcFs::readExecutable("self"));
+    return StringHelper::fromBytes(ProcFs::readExecutable("self"));
 }
 
 std::string System::getOs() const {

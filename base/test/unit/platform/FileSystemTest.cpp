@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <fcntl.h>
 #include <filesystem>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -34,16 +35,18 @@ TEST_F(FileSystemTest, ListsWhatIsThere) {
     ASSERT_TRUE(files.makeDirectory(directory / L"sub"));
     fs::create_symlink("sub", narrow(L"link"));
     fs::create_symlink("nowhere", narrow(L"dangling"));
-    std::ofstream(narrow(L"bad") + "\xFF"); // a name that isn't UTF-8
+    std::ofstream(narrow(L"bad") + "\xFF"); // a name that isn't UTF-8: listed so that it can be addressed
 
     Names dirs{L"old"};
     Names names{L"old"};
     ASSERT_TRUE(files.listDirectory(directory.getPath(), dirs, names));
     EXPECT_EQ(dirs, (Names{L"link", L"sub"}));
-    EXPECT_EQ(names, (Names{L"b.sim", L"bad\xFFFD", L"dangling", L"\x00E4\x20AC"}));
+    EXPECT_EQ(names, (Names{L"b.sim", L"bad\\xFF", L"dangling", L"\x00E4\x20AC"}));
+    EXPECT_TRUE(files.deleteFile(directory / L"bad\\xFF"));
     for (const std::wstring& path : {directory / L"missing", directory / L"b.sim", std::wstring()}) {
+        errno = 0;
         EXPECT_FALSE(files.listDirectory(path, dirs, names));
-        EXPECT_TRUE(dirs.empty() && names.empty());
+        EXPECT_TRUE(dirs.empty() && names.empty() && errno != 0);
     }
 }
 
@@ -81,6 +84,7 @@ TEST_F(FileSystemTest, AZeroInAPathLeadsNowhere) {
     const std::wstring cut = directory / std::wstring(L"file\0x", 6);
     EXPECT_FALSE(files.exists(cut));
     EXPECT_FALSE(files.deleteFile(cut));
+    EXPECT_FALSE(files.createFile(cut));
     EXPECT_TRUE(files.exists(directory / L"file"));
 }
 
@@ -139,6 +143,20 @@ TEST_F(FileSystemTest, PrivateFilesAndDirectories) {
     EXPECT_EQ(names, Names{L"record"}); // no half-written file is left beside it
     ::chmod(StringHelper::toString(record).c_str(), 0640);
     EXPECT_FALSE(files.isPrivateFile(record));
+}
+
+TEST_F(FileSystemTest, APipeIsRefusedWithoutWaiting) {
+    const std::wstring fifo = directory / L"fifo";
     ASSERT_EQ(::mkfifo(narrow(L"fifo").c_str(), 0600), 0);
-    EXPECT_FALSE(files.readFile(directory / L"fifo", content, 9)); // and doesn't wait for a writer
+    std::string content;
+    EXPECT_FALSE(files.readFile(fifo, content, 9));
+    EXPECT_FALSE(files.createFile(fifo));
+    EXPECT_FALSE(files.canBeRead(fifo));
+    EXPECT_FALSE(files.canBeWritten(fifo));
+    const int reader = ::open(narrow(L"fifo").c_str(), O_RDONLY | O_NONBLOCK);
+    EXPECT_TRUE(files.canBeWritten(fifo));
+    EXPECT_FALSE(files.createFile(fifo));
+    ::close(reader);
+    EXPECT_FALSE(files.createFile(L"/dev/null"));
+    EXPECT_TRUE(files.canBeRead(L"/dev/null") && files.canBeWritten(L"/dev/null"));
 }

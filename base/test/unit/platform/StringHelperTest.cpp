@@ -35,10 +35,23 @@ TEST(StringHelper, InvalidInputIsReplaced) {
         EXPECT_EQ(StringHelper::toWString(narrow), wide) << testing::PrintToString(narrow);
         EXPECT_FALSE(StringHelper::isValidUtf8(narrow)) << testing::PrintToString(narrow);
         EXPECT_TRUE(StringHelper::isValidUtf8(StringHelper::toValidUtf8(narrow)));
+        EXPECT_EQ(StringHelper::toBytes(StringHelper::fromBytes(narrow)), narrow);
     }
     const std::wstring wrong{static_cast<wchar_t>(0xD800), static_cast<wchar_t>(0x110000),
                              static_cast<wchar_t>(-1)};
     EXPECT_EQ(StringHelper::toString(wrong), "\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD");
+}
+
+TEST(StringHelper, AnyBytesHaveTheirText) {
+    for (const auto& [bytes, text] : {std::pair("caf\xE9 \xC3\xA4"s, L"caf\\xE9 \xE4"s),
+                                      {"\xE2\x82", L"\\xE2\\x82"},
+                                      {"\\xE9", L"\\x5CxE9"}, // what looks like a mark already
+                                      {"\\x5CxE9", L"\\x5Cx5CxE9"},
+                                      {"\\\xFF\\x\xFF", L"\\\\xFF\\x\\xFF"},
+                                      {"C:\\x2F \\xe9 \\x00 \\xF", L"C:\\x2F \\xe9 \\x00 \\xF"}}) {
+        EXPECT_EQ(StringHelper::fromBytes(bytes), text) << testing::PrintToString(bytes);
+        EXPECT_EQ(StringHelper::toBytes(text), bytes) << testing::PrintToString(text);
+    }
 }
 
 TEST(StringHelper, CaseDoesNotFollowTheLocale) {
