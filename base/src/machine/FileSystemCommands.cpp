@@ -8,7 +8,8 @@
 #include "platform/FileSystem.h"
 #include "platform/StringHelper.h"
 
-#include <fstream>
+#include <cerrno>
+#include <system_error>
 
 namespace {
 
@@ -23,6 +24,8 @@ constexpr const char* READONLY_KEY = "readonly";
 constexpr const char* OK_KEY = "ok";
 constexpr const char* IS_WINDOWS_KEY = "IsWindows";
 constexpr const char* ROOTS_KEY = "Roots";
+constexpr const char* SUCCESS_KEY = "Success";
+constexpr const char* REASON_KEY = "Reason";
 
 CommandKey pathKey(const char* meaning) {
     return {PATH_KEY, "text", meaning};
@@ -30,6 +33,30 @@ CommandKey pathKey(const char* meaning) {
 
 CommandKey cwdKey() {
     return {CWD_KEY, "text", "the current directory of the server"};
+}
+
+CommandKey successKey() {
+    return {SUCCESS_KEY, "bool", "whether that was done"};
+}
+
+CommandKey reasonKey() {
+    return {REASON_KEY, "text", "the path and the system's reason, when it wasn't"};
+}
+
+/// The path under `key`. No system call can take one with a zero: it is an error for all ranks.
+std::wstring pathIn(const Properties& args, const char* key = PATH_KEY) {
+    const std::wstring path = args.getOrvexString(key);
+    if (path.find(L'\0') != std::wstring::npos)
+        raise(InputError(std::string("The argument ") + key + " holds a zero character, as no path can."));
+    return path;
+}
+
+/// Answers whether an operation on `paths` worked: `error` is 0 or the system's number.
+void tell(Properties& response, int error, const std::wstring& paths) {
+    response.set(SUCCESS_KEY, error == 0);
+    if (error != 0)
+        response.set(REASON_KEY,
+                     paths + L": " + StringHelper::toWString(std::generic_category().message(error)));
 }
 
 /// The ranks of a job may share their files: one process changes them.
@@ -51,11 +78,12 @@ public:
     SetDir()
         : QueryCommand({"Changes the current directory; when that fails it stays what it was.",
                         {pathKey("the directory to go to")},
-                        {cwdKey()}}) {}
+                        {cwdKey(), successKey(), reasonKey()}}) {}
     std::string getName() const override { return "SetDir"; }
     void execute(const Properties& args, Properties& response) override {
-        const std::wstring path = args.getOrvexString(PATH_KEY);
+        const std::wstring path = pathIn(args);
         const bool changed = Platform::filesystem().setCurrentDirectory(path);
+        tell(response, changed ? 0 : errno, path);
         response.set(CWD_KEY, changed ? path : Platform::filesystem().getCurrentDirectory());
     }
 };
@@ -66,14 +94,15 @@ public:
         : QueryCommand({"Lists a directory.",
                         {pathKey("the directory")},
                         {{DIRS_KEY, "vector of text", "names of the sub-directories"},
-                         {FILES_KEY, "vector of text", "names of the files"}}}) {}
+                         {FILES_KEY, "vector of text", "names of the files"},
+                         successKey(),
+                         reasonKey()}}) {}
     std::string getName() const override { return "ListDir"; }
     void execute(const Properties& args, Properties& response) override {
         std::vector<std::wstring> directories;
         std::vector<std::wstring> files;
-        // What can't be listed has no entries.
-        static_cast<void>(
-            Platform::filesystem().listDirectory(args.getOrvexString(PATH_KEY), directories, files));
+        const std::wstring path = pathIn(args);
+        tell(response, Platform::filesystem().listDirectory(path, directories, files) ? 0 : errno, path);
         response.set(DIRS_KEY, directories);
         response.set(FILES_KEY, files);
     }
@@ -87,7 +116,7 @@ public:
                         {{SIZE_KEY, "long", "its size [bytes]"}}}) {}
     std::string getName() const override { return "GetSize"; }
     void execute(const Properties& args, Properties& response) override {
-        response.set(SIZE_KEY, Platform::filesystem().getSize(args.getOrvexString(PATH_KEY)));
+        response.set(SIZE_KEY, Platform::filesystem().getSize(pathIn(args)));
     }
 };
 
@@ -99,7 +128,7 @@ public:
                         {{EXISTS_KEY, "bool", "whether it exists"}}}) {}
     std::string getName() const override { return "GetFileExists"; }
     void execute(const Properties& args, Properties& response) override {
-        response.set(EXISTS_KEY, Platform::filesystem().exists(args.getOrvexString(PATH_KEY)));
+        response.set(EXISTS_KEY, Platform::filesystem().exists(pathIn(args)));
     }
 };
 
@@ -111,7 +140,7 @@ public:
                         {{READONLY_KEY, "bool", "whether this process may not write it"}}}) {}
     std::string getName() const override { return "GetReadOnly"; }
     void execute(const Properties& args, Properties& response) override {
-        response.set(READONLY_KEY, Platform::filesystem().isReadOnly(args.getOrvexString(PATH_KEY)));
+        response.set(READONLY_KEY, Platform::filesystem().isReadOnly(pathIn(args)));
     }
 };
 
@@ -121,38 +150,40 @@ public:
         : QueryCommand({"Creates a file; an existing one is emptied.", {pathKey("the file")}, {}}) {}
     std::string getName() const override { return "CreateFile"; }
     void execute(const Properties& args, Properties&) override {
-        const std::wstring path = args.getOrvexString(PATH_KEY);
+        const std::wstring path = pathIn(args);
         if (!mayChangeFiles())
             return;
-        const std::string narrowPath = StringHelper::toString(path);
-        if (!std::ofstream(narrowPath))
-            raise(RecoverableError("Could not open file: " + narrowPath, Error::RECOVERABLE_SEVERITY,
-                                   Properties(), Error::DEFAULT_ERROR_TYPE, true));
+        if (!Platform::filesystem().createFile(path))
+            raise(RecoverableError("Could not open file: " + StringHelper::toString(path),
+                                   Error::RECOVERABLE_SEVERITY, Properties(), Error::DEFAULT_ERROR_TYPE,
+                                   true));
     }
 };
 
 class CreateFolder : public QueryCommand {
 public:
     CreateFolder()
-        : QueryCommand({"Makes a directory, if that is possible.", {pathKey("the directory")}, {}}) {}
+        : QueryCommand({"Makes a directory, if that is possible.",
+                        {pathKey("the directory")},
+                        {successKey(), reasonKey()}}) {}
     std::string getName() const override { return "CreateFolder"; }
-    void execute(const Properties& args, Properties&) override {
-        const std::wstring path = args.getOrvexString(PATH_KEY);
-        // Whether it was made the client sees by looking at the directory.
+    void execute(const Properties& args, Properties& response) override {
+        const std::wstring path = pathIn(args);
         if (mayChangeFiles())
-            static_cast<void>(Platform::filesystem().makeDirectory(path));
+            tell(response, Platform::filesystem().makeDirectory(path) ? 0 : errno, path);
     }
 };
 
 class DeleteFileCmd : public QueryCommand {
 public:
-    DeleteFileCmd() : QueryCommand({"Deletes a file, if that is possible.", {pathKey("the file")}, {}}) {}
+    DeleteFileCmd()
+        : QueryCommand(
+              {"Deletes a file, if that is possible.", {pathKey("the file")}, {successKey(), reasonKey()}}) {}
     std::string getName() const override { return "DeleteFile"; }
-    void execute(const Properties& args, Properties&) override {
-        const std::wstring path = args.getOrvexString(PATH_KEY);
-        // Whether it was deleted the client sees by looking at the directory.
+    void execute(const Properties& args, Properties& response) override {
+        const std::wstring path = pathIn(args);
         if (mayChangeFiles())
-            static_cast<void>(Platform::filesystem().deleteFile(path));
+            tell(response, Platform::filesystem().deleteFile(path) ? 0 : errno, path);
     }
 };
 
@@ -162,12 +193,17 @@ public:
         : QueryCommand(
               {"Renames a file or directory.",
                {pathKey("the present path"), {NEW_PATH_KEY, "text", "the new path"}},
-               {{OK_KEY, "int", "0, or the system's error number; -1 on a worker, which doesn't try"}}}) {}
+               {{OK_KEY, "int", "0, or the system's error number; -1 on a worker, which doesn't try"},
+                successKey(),
+                reasonKey()}}) {}
     std::string getName() const override { return "RenameFile"; }
     void execute(const Properties& args, Properties& response) override {
-        const std::wstring path = args.getOrvexString(PATH_KEY);
-        const std::wstring newPath = args.getOrvexString(NEW_PATH_KEY);
-        response.set(OK_KEY, mayChangeFiles() ? Platform::filesystem().rename(path, newPath) : -1);
+        const std::wstring path = pathIn(args);
+        const std::wstring newPath = pathIn(args, NEW_PATH_KEY);
+        const int error = mayChangeFiles() ? Platform::filesystem().rename(path, newPath) : -1;
+        response.set(OK_KEY, error);
+        if (error >= 0)
+            tell(response, error, path + L" -> " + newPath);
     }
 };
 

@@ -48,6 +48,13 @@ protected:
         return response;
     }
 
+    /// The command has failed without an error; `reason` begins below the root.
+    void expectFailure(const Properties& response, const std::wstring& reason) const {
+        EXPECT_FALSE(Error::isErrorIn(response));
+        EXPECT_FALSE(response.getBool("Success"));
+        EXPECT_EQ(response.getOrvexString("Reason"), path(reason));
+    }
+
     template <class V>
     static std::vector<V> listIn(const Properties& response, const char* key) {
         std::vector<V> list;
@@ -78,10 +85,14 @@ TEST_F(FileSystemCommands, readersAnswerOnEveryRank) {
         EXPECT_EQ(listIn<std::string>(run("GetFileSystemRoots"), "Roots"), std::vector<std::string>{"/"});
         EXPECT_EQ(run("SetDir", L"folder").getOrvexString("cwd"), path(L"folder"));
         EXPECT_EQ(run("SetDir", L"nothing").getOrvexString("cwd"), path(L"folder"));
-        EXPECT_EQ(run("SetDir", L"file").getOrvexString("cwd"), path(L"folder"));
+        expectFailure(run("SetDir", L"file"), L"file: Not a directory");
+        for (const char* const name : {"SetDir", "ListDir", "GetSize", "GetFileExists", "GetReadOnly",
+                                       "CreateFile", "CreateFolder", "DeleteFile"})
+            EXPECT_EQ(Error::getMessage(run(name, std::wstring(L"file\0x", 6))),
+                      "The argument path holds a zero character, as no path can.");
     }
     const Properties missing = run("ListDir", L"nothing");
-    EXPECT_FALSE(Error::isErrorIn(missing));
+    expectFailure(missing, L"nothing: No such file or directory");
     EXPECT_EQ(listIn<std::wstring>(missing, "dirs"), Names());
     EXPECT_EQ(listIn<std::wstring>(missing, "files"), Names());
 }
@@ -93,13 +104,15 @@ TEST_F(FileSystemCommands, changesAreMadeByTheSerialOrMasterProcess) {
         EXPECT_EQ(Platform::filesystem().getSize(path(L"new")), 0);
         EXPECT_EQ(run("RenameFile", L"new", L"renamed").getInt("ok"), 0);
         EXPECT_FALSE(Platform::filesystem().exists(path(L"new")));
-        EXPECT_GT(run("RenameFile", L"nothing", L"renamed").getInt("ok"), 0);
-        run("DeleteFile", L"renamed");
+        const Properties failed = run("RenameFile", L"nothing", L"renamed");
+        EXPECT_EQ(failed.getInt("ok"), ENOENT);
+        expectFailure(failed, L"nothing -> " + path(L"renamed") + L": No such file or directory");
+        EXPECT_TRUE(run("DeleteFile", L"renamed").getBool("Success"));
         EXPECT_FALSE(Platform::filesystem().exists(path(L"renamed")));
-        EXPECT_FALSE(Error::isErrorIn(run("DeleteFile", L"renamed")));
-        run("CreateFolder", L"made");
+        expectFailure(run("DeleteFile", L"renamed"), L"renamed: No such file or directory");
+        EXPECT_TRUE(run("CreateFolder", L"made").getBool("Success"));
         EXPECT_TRUE(Platform::filesystem().isDirectory(path(L"made")));
-        EXPECT_FALSE(Error::isErrorIn(run("CreateFolder", L"made/too/deep")));
+        expectFailure(run("CreateFolder", L"file"), L"file: File exists");
     }
     run("CreateFile", L"file");
     EXPECT_EQ(Platform::filesystem().getSize(path(L"file")), 0) << "an existing file is emptied";
