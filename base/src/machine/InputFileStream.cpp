@@ -5,7 +5,6 @@
 
 #include "kernel/Raise.h"
 #include "platform/FileSystem.h"
-#include "platform/StringHelper.h"
 
 #include <algorithm>
 #include <utility>
@@ -26,11 +25,14 @@ InputFileStream::InputFileStream(const char* path) : InputFileStream() {
 InputFileStream::~InputFileStream() = default;
 
 void InputFileStream::openHere(const char* path) {
-    // The standard stream opens a directory and fails at the first read only.
-    if (Platform::filesystem().isDirectory(StringHelper::toWString(path)))
-        _stream->setstate(std::ios_base::failbit);
-    else
+    // The standard stream keeps the file that it has when it can't open another.
+    if (_stream->is_open())
+        _stream->close();
+    // It also opens a directory, to fail at the first read only, and waits for somebody to write to a pipe.
+    if (Platform::filesystem().canBeRead(Platform::filesystem().fromSystem(path)))
         _stream->open(path, std::ios_base::in | std::ios_base::binary);
+    else
+        _stream->setstate(std::ios_base::failbit);
 }
 
 bool InputFileStream::open(const char* path) {

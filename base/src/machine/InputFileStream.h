@@ -30,7 +30,9 @@ public:
     InputFileStream(const InputFileStream&) = default;
     ~InputFileStream() override;
 
-    /// Opens `path` for binary reading. Collective. @return on all ranks, whether the reader could
+    /// Opens `path` for binary reading in place of the file that is open, which is closed in any case. A pipe
+    /// is refused: to open one waits for another process. Collective.
+    /// @return on all ranks, whether the reader could
     bool open(const char* path);
     /// Closes the file; a failure sets the reader's state. Local.
     void close();

@@ -3,6 +3,8 @@
 #include "machine/Communicator.h"
 #include "machine/Machine.h"
 
+#include "platform/FileSystem.h"
+
 #include <utility>
 
 OutputFileStream::OutputFileStream(std::shared_ptr<std::ofstream> stream)
@@ -12,10 +14,21 @@ OutputFileStream::OutputFileStream() : OutputFileStream(std::make_shared<std::of
 
 OutputFileStream::OutputFileStream(const char* path) : OutputFileStream() {
     if (holdsCondition()) // a second process would cut off what the first one writes
-        _stream->open(path, std::ios_base::out);
+        openHere(path, std::ios_base::out);
 }
 
 OutputFileStream::~OutputFileStream() = default;
+
+void OutputFileStream::openHere(const char* path, std::ios_base::openmode mode) {
+    // The standard stream keeps the file that it has when it can't open another, and waits for somebody to
+    // read a pipe.
+    if (_stream->is_open())
+        _stream->close();
+    if (Platform::filesystem().canBeWritten(Platform::filesystem().fromSystem(path)))
+        _stream->open(path, mode);
+    else
+        _stream->setstate(std::ios_base::failbit);
+}
 
 bool OutputFileStream::share(bool value) const {
     if (_broadcast)
@@ -45,7 +58,7 @@ void OutputFileStream::setBroadcastFlag(const bool& on) {
 
 bool OutputFileStream::open(const char* path, int mode) {
     if (holdsCondition())
-        _stream->open(path, static_cast<std::ios_base::openmode>(mode));
+        openHere(path, static_cast<std::ios_base::openmode>(mode));
     return is_open();
 }
 

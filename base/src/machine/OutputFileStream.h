@@ -29,7 +29,8 @@ public:
     /// Stays clear in a serial process. Local: to be called on all ranks alike.
     void setBroadcastFlag(const bool& on) override;
 
-    /// Opens `path` with the modes of std::ios_base in `mode`. Collective.
+    /// Opens `path` with the modes of std::ios_base in `mode`, in place of the file that is open, which is
+    /// closed in any case. A pipe that nobody reads is refused. Collective.
     /// @return on all ranks, whether the writer could
     virtual bool open(const char* path, int mode);
     /// The same for binary output; what the file held is gone.
@@ -46,6 +47,7 @@ protected:
 private:
     explicit OutputFileStream(std::shared_ptr<std::ofstream> stream);
 
+    void openHere(const char* path, std::ios_base::openmode mode);
     /// The writer's value, with the broadcast flag everywhere.
     bool share(bool value) const;
 

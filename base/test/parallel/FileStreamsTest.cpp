@@ -19,6 +19,8 @@
 #include <sstream>
 #include <tuple>
 
+#include <sys/stat.h>
+
 namespace {
 
 class FileStreams : public testing::Test {
@@ -162,9 +164,14 @@ TEST_F(FileStreams, withoutBroadcastOnlyTheReaderReads) {
 }
 
 TEST_F(FileStreams, whatCannotBeReadIsClosedForAll) {
-    for (const std::string& name : {path("missing"), _folder, path("no/folder")}) {
+    if (_isReader) {
+        ASSERT_EQ(mkfifo(path("pipe").c_str(), S_IRWXU), 0);
+    }
+    const std::string good = write("good", "7");
+    for (const std::string& name : {path("missing"), _folder, path("no/folder"), path("pipe")}) {
         InputFileStream file;
-        EXPECT_FALSE(file.open(name.c_str())) << name;
+        ASSERT_TRUE(file.open(good.c_str()));
+        EXPECT_FALSE(file.open(name.c_str())) << name << " in place of an open file";
         EXPECT_FALSE(file.is_open());
         file.setBroadcastFlag(true);
         EXPECT_TRUE(file.fail());
@@ -223,7 +230,8 @@ TEST_F(FileStreams, onlyTheFirstRankWrites) {
     file.close();
     Machine::globalCommunicator().synchronise();
     EXPECT_EQ(contentOf(name), "");
-    // A failure is the same everywhere, when asked for everywhere.
+    // A failure is the same everywhere, when asked for everywhere; the file that was open is closed.
+    ASSERT_TRUE(file.open(name.c_str()));
     EXPECT_FALSE(file.open(path("no/folder").c_str()));
     file << "into the void";
     EXPECT_EQ(file.good(), !_isReader);
