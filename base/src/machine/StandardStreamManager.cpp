@@ -37,7 +37,8 @@ public:
     std::wstring redirectOriginalStreamToFile() {
         if (_logFile != nullptr)
             return _logPath;
-        _logFile = std::fopen(StringHelper::toString(_logPath).c_str(), "we");
+        // The folder may be one that all users write to.
+        _logFile = Platform::filesystem().createPrivateFile(_logPath);
         if (_logFile == nullptr)
             return {};
         const int descriptor = Platform::io().getDescriptor(_logFile);

@@ -22,8 +22,8 @@ public:
     StandardStreamManager(const StandardStreamManager&) = delete;
     StandardStreamManager& operator=(const StandardStreamManager&) = delete;
 
-    /// Moves both streams for good into their text files; a silent stream stays silent and goes there when it
-    /// is restored. A second call changes nothing.
+    /// Moves both streams for good into their text files, new ones that only this user may open; a silent
+    /// stream stays silent and goes there when it is restored. A second call changes nothing.
     /// @return the paths, standard output first
     /// @throw InternalError when a file can't be opened; standard output may have been moved then
     std::pair<std::wstring, std::wstring> redirectOriginalStreamsToFile();

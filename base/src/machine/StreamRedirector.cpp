@@ -44,10 +44,11 @@ void StreamRedirector::setRestoreDescriptor(int descriptor) {
 }
 
 void StreamRedirector::redirectToFile(const std::wstring& path) {
-    const std::string narrowPath = StringHelper::toString(Platform::filesystem().getFilePath(path));
+    const std::string narrowPath = Platform::filesystem().toSystem(Platform::filesystem().getFilePath(path));
     FILE* file = std::fopen(narrowPath.c_str(), "we");
     if (file == nullptr)
-        raise(SystemError("Could not open file: " + narrowPath + ": " + std::strerror(errno)));
+        raise(SystemError("Could not open file: " + StringHelper::toString(path) + ": " +
+                          std::strerror(errno)));
     try {
         redirect(Platform::io().getDescriptor(file));
     } catch (...) {

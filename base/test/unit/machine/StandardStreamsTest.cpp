@@ -23,6 +23,7 @@
 #include <thread>
 #include <utility>
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -168,8 +169,15 @@ TEST_F(StandardStreamManager_, namesOfTheFiles) {
         const StreamRedirector error(stderr, path(L"error"));
         StandardStreamManager manager(_directory + row.suffix, false);
         EXPECT_TRUE(manager.hasNullRedirection());
-        EXPECT_EQ(manager.redirectOriginalStreamsToFile().second,
-                  path(row.stem + std::to_wstring(getpid()) + L"-stderr.txt"));
+        // A link that somebody laid where the file is to come is replaced, not followed.
+        const std::string log =
+            StringHelper::toString(path(row.stem + std::to_wstring(getpid()) + L"-stderr.txt"));
+        ASSERT_EQ(symlink("elsewhere", log.c_str()), 0);
+        EXPECT_EQ(StringHelper::toString(manager.redirectOriginalStreamsToFile().second), log);
+        struct stat status {};
+        EXPECT_EQ(lstat(log.c_str(), &status), 0);
+        EXPECT_EQ(status.st_mode, S_IFREG | S_IRUSR | S_IWUSR);
+        EXPECT_EQ(content(L"elsewhere"), "no file");
         manager.redirectToNullDevice();
         EXPECT_FALSE(manager.hasNullRedirection());
     }
