@@ -176,7 +176,8 @@ public:
     /// files
     void enableSlaveCout(bool on);
     bool slaveCoutEnabled() const;
-    /// Whether each rank keeps what it prints in "partition<rank>.log"; nothing in a serial process. Local.
+    /// Whether each rank keeps what it prints in "partition<rank>.log"; nothing in a serial process.
+    /// Collective. @throw SystemError on all ranks, with no log left on, when one can't open its file
     void enableSlaveCoutLogFile(bool on);
     void enableCommunicationTimer(bool on);
     bool communicationTimerEnabled() const;

@@ -2,11 +2,16 @@
 
 #include "machine/Machine.h"
 
+#include "machine/Communicator.h"
 #include "machine/GlobalErrorCheck.h"
 #include "machine/ParallelConsoleBuf.h"
 #include "machine/StandardStreamManager.h"
 
+#include "kernel/Raise.h"
+#include "platform/StringHelper.h"
+
 #include <iostream>
+#include <system_error>
 
 void Machine::enableSlaveCout(bool on) {
     if (isSerial())
@@ -31,6 +36,17 @@ bool Machine::slaveCoutEnabled() const {
 }
 
 void Machine::enableSlaveCoutLogFile(bool on) {
-    if (isParallel())
-        _parallelConsoleBuf->enableLogFile(on);
+    if (isSerial())
+        return;
+    const int error = _parallelConsoleBuf->enableLogFile(on);
+    Communicator& communicator = globalCommunicator();
+    unsigned failed = error == 0 ? communicator.size() : communicator.myRank();
+    communicator.allReduce(failed, Communicator::MIN);
+    if (failed == communicator.size())
+        return;
+    static_cast<void>(_parallelConsoleBuf->enableLogFile(false)); // all ranks or none
+    std::string reason = std::generic_category().message(error);
+    communicator.broadcast(reason, failed);
+    raise(SystemError("Rank " + std::to_string(failed) + " could not open its log file " +
+                      StringHelper::toValidUtf8(_parallelConsoleBuf->getLogPath(failed)) + ": " + reason));
 }

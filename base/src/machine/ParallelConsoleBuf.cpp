@@ -4,11 +4,13 @@
 #include "machine/Machine.h"
 
 #include "kernel/ConsoleTee.h"
+#include "platform/FileSystem.h"
 #include "platform/Io.h"
 #include "platform/Lock.h"
 #include "platform/Mutex.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <iomanip>
 #include <sstream>
 
@@ -35,23 +37,40 @@ ParallelConsoleBuf::ParallelConsoleBuf(std::ostream& target, const std::string& 
       _target(&target) {
     _buffer.reserve(_bufferSize);
     _savedBuffer = _target->rdbuf(this);
-    enableLogFile(logFile);
+    static_cast<void>(enableLogFile(logFile)); // output is never a reason to fail
     enableConsole(console);
 }
 
 ParallelConsoleBuf::~ParallelConsoleBuf() {
     _target->rdbuf(_savedBuffer);
-    enableLogFile(false);
+    static_cast<void>(enableLogFile(false)); // to close is no failure
 }
 
-void ParallelConsoleBuf::enableLogFile(bool on) {
+std::string ParallelConsoleBuf::getLogPath(unsigned rank) const {
+    return _logDirectory + "/partition" + std::to_string(rank) + ".log";
+}
+
+int ParallelConsoleBuf::enableLogFile(bool on) {
     const Lock lock(_consoleMutex);
     flushLocked();
+    int error = 0;
     if (on && !_logFileOn)
-        _logStream.open(_logDirectory + "/partition" + std::to_string(Machine::getPartitionId()) + ".log");
+        error = openLogLocked();
     else if (!on && _logFileOn)
         _logStream.close();
-    _logFileOn = on;
+    _logFileOn = on && error == 0;
+    return error;
+}
+
+int ParallelConsoleBuf::openLogLocked() {
+    const std::string path = getLogPath(Machine::getPartitionId());
+    errno = 0;
+    // The file first, without waiting for somebody to read what may be a pipe.
+    if (Platform::filesystem().createFile(Platform::filesystem().fromSystem(path)))
+        _logStream.open(path);
+    if (_logStream.is_open())
+        return 0;
+    return errno != 0 ? errno : EIO;
 }
 
 void ParallelConsoleBuf::enableConsole(bool on) {

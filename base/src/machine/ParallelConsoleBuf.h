@@ -30,7 +30,10 @@ public:
 
     // What was written before a switch goes where it was to go before.
     /// Opens (and empties) or closes the log file.
-    void enableLogFile(bool on);
+    /// @return 0, or the system's error number: the file couldn't be opened, and the log is off
+    int enableLogFile(bool on);
+    /// The path of the log file of `rank`, in the bytes of the system.
+    std::string getLogPath(unsigned rank) const;
     void enableConsole(bool on);
     bool isConsoleOn() const;
 
@@ -42,6 +45,7 @@ protected:
 private:
     void append(const char* text, std::size_t count);
     void flushLocked();
+    int openLogLocked();
 
     // The base class's put area stays empty, so that every character comes through overflow() or xsputn() and
     // thus under the lock: threads that fill a put area side by side would run over its end.

@@ -38,6 +38,11 @@ class Consoles(Case):
 
     def test_log_files(self):
         job = self.ready("-module", "OrvexTestModule", mpi=MPIS[0], ranks=2)
+        (self.room.work / "partition1.log").mkdir()
+        answer = job.ctl("EnableProcessLogFile", "enableFlag=true", check=False)
+        self.assertIn(f"Rank 1 could not open its log file {self.room.work}/partition1.log: Is a directory",
+                      answer.stdout + answer.stderr)
+        (self.room.work / "partition1.log").rmdir()
         job.run("EnableProcessLogFile", "enableFlag=true")
         job.run("TestPrint", "ranks=[1]")
         job.run("EnableProcessLogFile", "enableFlag=false")
