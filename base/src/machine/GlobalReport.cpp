@@ -7,7 +7,7 @@
 
 #include <sstream>
 
-void GlobalReport::limit(const std::string& quantity, const std::string& region, int cells,
+void GlobalReport::limit(const std::string& quantity, const std::string& region, long long cells,
                          const double* value) {
     if (Machine::isParallel())
         Machine::globalCommunicator().allReduce(cells, Communicator::SUM);

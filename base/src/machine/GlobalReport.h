@@ -11,7 +11,7 @@ namespace GlobalReport {
 /// Collective over the global communicator. Main thread.
 /// @param cells  number of cells that this rank has limited
 /// @param value  what they were limited to, null when there is no one value
-ORVEX_MACHINE_EXPORT void limit(const std::string& quantity, const std::string& region, int cells,
+ORVEX_MACHINE_EXPORT void limit(const std::string& quantity, const std::string& region, long long cells,
                                 const double* value);
 
 } // namespace GlobalReport
