@@ -53,18 +53,23 @@ double interpolate(const Table& table, double x) {
     return table.values[row - 1] + share * (table.values[row] - table.values[row - 1]);
 }
 
-/// Each rank computes and writes its own part.
-void writeField(const Table& table, const std::wstring& path) {
+/// Each rank computes and writes its own part. A full disk, for example, is told to all ranks alike.
+void writeField(const Table& table, const std::string& path) {
     Communicator& ranks = Machine::globalCommunicator();
     const std::size_t begin = table.points * std::size_t(ranks.myRank()) / ranks.size();
     const std::size_t end = table.points * std::size_t(ranks.myRank() + 1) / ranks.size();
     std::vector<double> part;
     for (std::size_t i = begin; i < end; ++i)
         part.push_back(interpolate(table, static_cast<double>(i) / (table.points - 1)));
-    ParallelFile file(ranks, path, OXM_MPI_MODE_CREATE | OXM_MPI_MODE_WRONLY);
+    ParallelFile file(ranks, path, OXM_MPI_MODE_CREATE | OXM_MPI_MODE_TRUNCATE | OXM_MPI_MODE_WRONLY);
     if (!file.isOpen())
-        throw std::runtime_error("can't create the field's file");
+        throw std::runtime_error("can't create " + path + ": " +
+                                 ParallelFile::getErrorStr(file.getOpenError()));
     file.writeAtAll(static_cast<long long>(begin * sizeof(double)), part.data(), part.size());
+    // close() also tells of the writes before. After several of them it is enough to look here.
+    const int code = file.close();
+    if (code != OXM_MPI_SUCCESS)
+        throw std::runtime_error("can't write " + path + ": " + ParallelFile::getErrorStr(code));
 }
 
 } // namespace
@@ -74,11 +79,10 @@ int main(int argc, char** argv) {
     try {
         if (argc < 3)
             throw std::runtime_error("usage: field_file TABLE FIELD -mpi DRIVER");
-        const std::string field = argv[2];
         Machine& machine = Machine::getSingleton();
         machine.startCommunicators(argc, &argv, consumed);
         const Table table = readTable(argv[1]);
-        writeField(table, std::wstring(field.begin(), field.end()));
+        writeField(table, argv[2]);
         if (Machine::isMaster())
             std::cout << Machine::nProcesses() << " ranks wrote " << table.points << " points" << std::endl;
         machine.stopCommunicators();

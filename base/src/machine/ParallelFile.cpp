@@ -2,11 +2,13 @@
 
 #include "kernel/Raise.h"
 #include "mpiwrapper/OxmMpi.h"
+#include "platform/FileSystem.h"
 #include "platform/StringHelper.h"
 
 #include <algorithm>
 #include <array>
 #include <charconv>
+#include <limits>
 
 namespace {
 
@@ -17,6 +19,10 @@ constexpr const char* STRIPE_UNIT = "panfs_layout_stripe_unit";
 constexpr const char* NUMBER_OF_COMPONENTS = "panfs_layout_total_num_comps";
 constexpr const char* PARITY_WIDTH = "panfs_layout_parity_stripe_width";
 constexpr const char* PARITY_DEPTH = "panfs_layout_parity_stripe_depth";
+
+/// A hint that no file system knows. An MPI that gives it back gives all hints back as they were set, and can't
+/// tell how the file lies.
+constexpr const char* ECHO = "orvex_echo";
 
 struct Hint {
     const char* key;
@@ -30,7 +36,11 @@ constexpr Hint HINTS[] = {
     {PARITY_WIDTH, "9"},
     {PARITY_DEPTH, "1"},
     {"panfs_layout_visit_policy", "1"},
+    {ECHO, "1"},
 };
+
+/// "No failure" among codes of which the smallest counts.
+constexpr int NONE = std::numeric_limits<int>::max();
 
 /// The value of a key; empty when there is none, or when the driver can't tell.
 std::string valueOf(int info, const char* key) {
@@ -67,25 +77,60 @@ ParallelFile::ParallelFile(Communicator& communicator, const std::wstring& path,
     open(communicator, path, mode);
 }
 
+ParallelFile::ParallelFile(Communicator& communicator, const std::string& path, int mode) {
+    open(communicator, path, mode);
+}
+
 ParallelFile::~ParallelFile() {
-    close();
+    try {
+        // With the agreement of close(): other ranks may call that.
+        static_cast<void>(close());
+    } catch (const std::exception&) {
+        // The job is ending: nobody is left to be told.
+    }
 }
 
 bool ParallelFile::open(Communicator& communicator, const std::wstring& path, int mode) {
-    close();
+    static_cast<void>(close()); // who wants its code closes the file before
     _communicator = &communicator;
-    _name = StringHelper::toString(path);
-    if (fileOpen(communicator.handle(), _name, mode, &_file) != OXM_MPI_SUCCESS)
+    _name = Platform::filesystem().toSystem(path);
+    _openError = agree(fileOpen(communicator.handle(), _name, mode, &_file));
+    // A rank that could open what another couldn't has to leave it open: to close is collective.
+    if (_openError != OXM_MPI_SUCCESS)
         _file = 0;
     return isOpen();
 }
 
-void ParallelFile::close() {
-    if (isOpen())
-        static_cast<void>(fileClose(&_file)); // nothing is left that could be done about a failure
-    _file = 0;
+bool ParallelFile::open(Communicator& communicator, const std::string& path, int mode) {
+    return open(communicator, Platform::filesystem().fromSystem(path), mode);
+}
+
+int ParallelFile::close() {
+    int code = OXM_MPI_SUCCESS;
+    if (isOpen()) {
+        const int closed = fileClose(&_file);
+        _file = 0;
+        // Without a message layer nobody is left to agree with.
+        code = closed == OXM_MPI_ERR_NOT_RUNNING
+                   ? closed
+                   : agree(_writeError != OXM_MPI_SUCCESS ? _writeError : closed);
+    }
+    _writeError = OXM_MPI_SUCCESS;
     _communicator = nullptr;
     _name.clear();
+    return code;
+}
+
+int ParallelFile::agree(int code) const {
+    int smallest = code == OXM_MPI_SUCCESS ? NONE : code;
+    _communicator->allReduce(smallest, Communicator::MIN);
+    return smallest == NONE ? OXM_MPI_SUCCESS : smallest;
+}
+
+int ParallelFile::noted(int code) {
+    if (_writeError == OXM_MPI_SUCCESS)
+        _writeError = code;
+    return code;
 }
 
 void ParallelFile::assertOpen() const {
@@ -111,52 +156,85 @@ bool ParallelFile::isTooLarge(ConstBuffer buffer) const {
     return count > MAX_ELEMENTS || (count > 1 && exceedsMaximumBufferSize(count * buffer.typeSize));
 }
 
-template <class View, class Transfer>
-int ParallelFile::transferHalves(long long offset, View buffer, bool stopsAtFailure,
-                                 const Transfer& transfer) const {
-    if (!isTooLarge(buffer))
-        return handleError(transfer(offset, buffer));
+template <class View>
+void ParallelFile::cut(long long offset, View buffer, std::vector<Piece<View>>& pieces) const {
+    if (!isTooLarge(buffer)) {
+        pieces.push_back({offset, buffer});
+        return;
+    }
     const unsigned first = buffer.size >> 1;
     const unsigned second = first + (buffer.size & 1);
-    const int code = transferHalves(offset, part(buffer, 0, first), stopsAtFailure, transfer);
-    if (code != OXM_MPI_SUCCESS && stopsAtFailure)
-        return code;
-    const long long secondOffset = offset + static_cast<long long>(first) * buffer.typeSize;
-    return transferHalves(secondOffset, part(buffer, first, second), stopsAtFailure, transfer);
+    cut(offset, part(buffer, 0, first), pieces);
+    cut(offset + static_cast<long long>(first) * buffer.typeSize, part(buffer, first, second), pieces);
 }
 
-void ParallelFile::write(ConstBuffer buffer) {
-    assertOpen();
-    transferHalves(0, buffer, false, [&](long long, ConstBuffer half) { return fileWrite(_file, half); });
+template <class View, class Transfer>
+int ParallelFile::transferAlone(long long offset, View buffer, bool stopsAtFailure,
+                                const Transfer& transfer) const {
+    std::vector<Piece<View>> pieces;
+    cut(offset, buffer, pieces);
+    int result = OXM_MPI_SUCCESS;
+    for (const Piece<View>& piece : pieces) {
+        const int code = handleError(transfer(piece.offset, piece.buffer));
+        if (result == OXM_MPI_SUCCESS)
+            result = code;
+        if (code != OXM_MPI_SUCCESS && stopsAtFailure)
+            break;
+    }
+    return result;
 }
 
-void ParallelFile::read(Buffer buffer) {
+template <class View, class Transfer>
+int ParallelFile::transferTogether(long long offset, View buffer, const Transfer& transfer) const {
+    std::vector<Piece<View>> pieces;
+    cut(offset, buffer, pieces);
+    int result = NONE;
+    for (std::size_t i = 0;; ++i) {
+        const Piece<View> piece = i < pieces.size() ? pieces[i] : Piece<View>{offset, part(buffer, 0, 0)};
+        const int code = transfer(piece.offset, piece.buffer);
+        // One message tells the failures and whether a rank has more to transfer; each is the smallest.
+        int news[] = {code == OXM_MPI_SUCCESS ? NONE : code, i + 1 < pieces.size() ? 0 : 1};
+        _communicator->allReduce(news, std::size(news), Communicator::MIN);
+        result = std::min(result, news[0]);
+        if (news[1] == 1)
+            return handleError(result == NONE ? OXM_MPI_SUCCESS : result);
+    }
+}
+
+int ParallelFile::write(ConstBuffer buffer) {
     assertOpen();
-    transferHalves(0, buffer, false, [&](long long, Buffer half) { return fileRead(_file, half); });
+    return noted(transferAlone(0, buffer, false,
+                               [&](long long, ConstBuffer piece) { return fileWrite(_file, piece); }));
+}
+
+int ParallelFile::read(Buffer buffer) {
+    assertOpen();
+    return transferAlone(0, buffer, false, [&](long long, Buffer piece) { return fileRead(_file, piece); });
 }
 
 int ParallelFile::writeAt(long long offset, ConstBuffer buffer) {
     assertOpen();
-    return transferHalves(offset, buffer, true,
-                          [&](long long at, ConstBuffer half) { return fileWriteAt(_file, at, half); });
+    return noted(transferAlone(offset, buffer, true, [&](long long at, ConstBuffer piece) {
+        return fileWriteAt(_file, at, piece);
+    }));
 }
 
-void ParallelFile::readAt(long long offset, Buffer buffer) {
+int ParallelFile::readAt(long long offset, Buffer buffer) {
     assertOpen();
-    transferHalves(offset, buffer, false,
-                   [&](long long at, Buffer half) { return fileReadAt(_file, at, half); });
+    return transferAlone(offset, buffer, false,
+                         [&](long long at, Buffer piece) { return fileReadAt(_file, at, piece); });
 }
 
-void ParallelFile::writeAtAll(long long offset, ConstBuffer buffer) {
+int ParallelFile::writeAtAll(long long offset, ConstBuffer buffer) {
     assertOpen();
-    transferHalves(offset, buffer, false,
-                   [&](long long at, ConstBuffer half) { return fileWriteAtAll(_file, at, half); });
+    return noted(transferTogether(
+        offset, buffer, [&](long long at, ConstBuffer piece) { return fileWriteAtAll(_file, at, piece); }));
 }
 
-void ParallelFile::readAtAll(long long offset, Buffer buffer) {
+int ParallelFile::readAtAll(long long offset, Buffer buffer) {
     assertOpen();
-    transferHalves(offset, buffer, false,
-                   [&](long long at, Buffer half) { return fileReadAtAll(_file, at, half); });
+    return transferTogether(offset, buffer,
+                            [&](long long at, Buffer piece) { return fileReadAtAll(_file, at, piece); });
 }
 
 std::string ParallelFile::getErrorStr(int code) {
@@ -167,6 +245,8 @@ std::string ParallelFile::getErrorStr(int code) {
         result = text.data();
     if (code == OXM_MPI_ERR_NO_SPACE)
         result += ". Possibly out of disk space. ";
+    if (code == OXM_MPI_ERR_TRUNCATE)
+        result += ". Possibly the file ends before. ";
     return result;
 }
 
@@ -202,6 +282,15 @@ long long ParallelFile::fileTell(int file) {
     return bytes;
 }
 
+int ParallelFile::codeOfRead(int code, const OXM_MPI_Status_struct& status, Buffer buffer) {
+    int count = 0;
+    if (code == OXM_MPI_SUCCESS)
+        code = OXM_MPI_Get_count(&status, buffer.type, &count);
+    if (code == OXM_MPI_SUCCESS && count != static_cast<int>(buffer.size))
+        code = OXM_MPI_ERR_TRUNCATE; // the file ends here, which is no error to MPI
+    return code;
+}
+
 int ParallelFile::fileWrite(int file, ConstBuffer buffer) {
     OXM_MPI_Status_struct status{};
     return OXM_MPI_File_write(file, buffer.data, static_cast<int>(buffer.size), buffer.type, &status);
@@ -209,7 +298,9 @@ int ParallelFile::fileWrite(int file, ConstBuffer buffer) {
 
 int ParallelFile::fileRead(int file, Buffer buffer) {
     OXM_MPI_Status_struct status{};
-    return OXM_MPI_File_read(file, buffer.data, static_cast<int>(buffer.size), buffer.type, &status);
+    return codeOfRead(
+        OXM_MPI_File_read(file, buffer.data, static_cast<int>(buffer.size), buffer.type, &status), status,
+        buffer);
 }
 
 int ParallelFile::fileWriteAt(int file, long long offset, ConstBuffer buffer) {
@@ -220,8 +311,9 @@ int ParallelFile::fileWriteAt(int file, long long offset, ConstBuffer buffer) {
 
 int ParallelFile::fileReadAt(int file, long long offset, Buffer buffer) {
     OXM_MPI_Status_struct status{};
-    return OXM_MPI_File_read_at(file, offset, buffer.data, static_cast<int>(buffer.size), buffer.type,
-                                &status);
+    return codeOfRead(
+        OXM_MPI_File_read_at(file, offset, buffer.data, static_cast<int>(buffer.size), buffer.type, &status),
+        status, buffer);
 }
 
 int ParallelFile::fileWriteAtAll(int file, long long offset, ConstBuffer buffer) {
@@ -232,8 +324,9 @@ int ParallelFile::fileWriteAtAll(int file, long long offset, ConstBuffer buffer)
 
 int ParallelFile::fileReadAtAll(int file, long long offset, Buffer buffer) {
     OXM_MPI_Status_struct status{};
-    return OXM_MPI_File_read_at_all(file, offset, buffer.data, static_cast<int>(buffer.size), buffer.type,
-                                    &status);
+    return codeOfRead(OXM_MPI_File_read_at_all(file, offset, buffer.data, static_cast<int>(buffer.size),
+                                               buffer.type, &status),
+                      status, buffer);
 }
 
 void ParallelFile::fileGetInfo(int file, std::map<std::string, std::string>& info) {
@@ -241,7 +334,8 @@ void ParallelFile::fileGetInfo(int file, std::map<std::string, std::string>& inf
     int hints = 0;
     if (handleError(OXM_MPI_File_get_info(file, &hints)) != OXM_MPI_SUCCESS)
         return; // the default is all that is known then
-    translatePanfsInfo(hints, info);
+    if (valueOf(hints, ECHO).empty())
+        translatePanfsInfo(hints, info);
     handleError(OXM_MPI_Info_free(&hints));
 }
 
@@ -295,6 +389,6 @@ void ParallelFile::translatePanfsInfo(int info, std::map<std::string, std::strin
 }
 
 int ParallelFile::convertToMpiWrapperMode(int mode) {
-    constexpr int KNOWN = 0x1FF;
+    constexpr int KNOWN = 0x1FF | OXM_MPI_MODE_TRUNCATE;
     return mode & KNOWN;
 }

@@ -5,15 +5,20 @@
 
 #include <map>
 #include <string>
+#include <vector>
 
 /// One file that every rank of a communicator reads and writes at offsets of its own, by MPI-IO.
 ///
-/// Transfers larger than the communicator's limit, or of more elements than a call takes, are cut in halves.
-/// In a collective one all ranks must be on the same side of that limit: who cuts makes more calls. What the
-/// file system says against a transfer isn't reported, but by writeAt(); getFileSize() tells what arrived.
+/// Transfers larger than the communicator's limit, or of more elements than a call takes, are cut in halves;
+/// the ranks of a collective one may have blocks of different sizes, and none. Each transfer gives 0 or a
+/// code for getErrorStr(): a collective one the same code on all ranks, so that all of them can fail
+/// together, another one that of this rank. A read that finds the end of the file before its buffer is full
+/// gives OXM_MPI_ERR_TRUNCATE, a write to a full disk OXM_MPI_ERR_NO_SPACE. After a failure the file holds a
+/// part of the data, and so does the buffer of a read. close() tells of the failures of all writes before.
 ///
-/// One thread of each rank at a time. Every transfer and query raises InternalError "file not open" on a
-/// closed file, and NonRecoverableError when the MPI in use has no parallel files.
+/// Paths are wide text, or UTF-8. One thread of each rank at a time. Every transfer and query raises
+/// InternalError "file not open" on a closed file, and NonRecoverableError when the MPI in use has no
+/// parallel files.
 class ORVEX_MACHINE_EXPORT ParallelFile {
 public:
     using ConstBuffer = Communicator::ConstBufferBase<unsigned int>;
@@ -23,66 +28,73 @@ public:
     ParallelFile();
     /// open(); isOpen() tells whether that worked.
     ParallelFile(Communicator& communicator, const std::wstring& path, int mode);
-    /// close().
+    ParallelFile(Communicator& communicator, const std::string& path, int mode);
+    /// close(), whose code nobody hears.
     virtual ~ParallelFile();
     ParallelFile(const ParallelFile&) = delete;
     ParallelFile& operator=(const ParallelFile&) = delete;
 
     /// Opens `path`, with hints for striped file systems. A file open before is closed. Collective over
     /// `communicator`, which is borrowed until close().
-    /// @param mode  a sum of OXM_MPI_MODE_...; what exists isn't cut off
-    /// @return whether the file is open on this rank
+    /// @param mode  a sum of OXM_MPI_MODE_...; with OXM_MPI_MODE_TRUNCATE what the file held is gone, without
+    /// it stays
+    /// @return on all ranks, whether all could; getOpenError() tells why not
     bool open(Communicator& communicator, const std::wstring& path, int mode);
+    bool open(Communicator& communicator, const std::string& path, int mode);
+    /// The code of the last open(), the same on all ranks. Local.
+    int getOpenError() const { return _openError; }
     /// Nothing on a closed file. Collective over the communicator.
-    void close();
+    /// @return on all ranks 0 when each write since open() and the closing itself worked on every rank; else
+    /// one of their codes
+    int close();
     bool isOpen() const { return _file != 0; }
 
     /// How the file lies on its disks: "alignment_size", the number of bytes to which it pays to align
     /// transfers, and on a file system that tells "stripe_unit", "number_comp", "layout_type",
-    /// "raid5_width", "raid5_depth". Local.
+    /// "raid5_width", "raid5_depth". Hints that the MPI only gives back aren't told. Local.
     void getInfo(std::map<std::string, std::string>& info) const;
     /// [bytes] Local.
     unsigned long long getFileSize() const;
     Communicator& communicator() const { return *_communicator; }
 
-    // At this rank's file pointer, which moves on. Local.
-    void write(ConstBuffer buffer);
-    void read(Buffer buffer);
-    // At `offset` [bytes]. Local.
-    /// @return 0, or the wrapper's error code for getErrorStr(); nothing more is written after a failure
+    // At this rank's file pointer, which moves on. Local. @return this rank's code
+    int write(ConstBuffer buffer);
+    int read(Buffer buffer);
+    // At `offset` [bytes]. Local. @return this rank's code; writeAt() writes nothing more after a failure
     int writeAt(long long offset, ConstBuffer buffer);
-    void readAt(long long offset, Buffer buffer);
-    // The same, collective over the communicator.
-    void writeAtAll(long long offset, ConstBuffer buffer);
-    void readAtAll(long long offset, Buffer buffer);
+    int readAt(long long offset, Buffer buffer);
+    // The same, collective over the communicator. @return on all ranks, the smallest code of a rank that
+    // failed
+    int writeAtAll(long long offset, ConstBuffer buffer);
+    int readAtAll(long long offset, Buffer buffer);
 
     // The same with `count` values of a type that Communicator takes.
     template <class T>
-    void write(const T* values, std::size_t count) {
-        write(Views::viewOf<unsigned>(values, count));
+    int write(const T* values, std::size_t count) {
+        return write(Views::viewOf<unsigned>(values, count));
     }
     template <class T>
-    void read(T* values, std::size_t count) {
-        read(Views::viewOf<unsigned>(values, count));
+    int read(T* values, std::size_t count) {
+        return read(Views::viewOf<unsigned>(values, count));
     }
     template <class T>
     int writeAt(long long offset, const T* values, std::size_t count) {
         return writeAt(offset, Views::viewOf<unsigned>(values, count));
     }
     template <class T>
-    void readAt(long long offset, T* values, std::size_t count) {
-        readAt(offset, Views::viewOf<unsigned>(values, count));
+    int readAt(long long offset, T* values, std::size_t count) {
+        return readAt(offset, Views::viewOf<unsigned>(values, count));
     }
     template <class T>
-    void writeAtAll(long long offset, const T* values, std::size_t count) {
-        writeAtAll(offset, Views::viewOf<unsigned>(values, count));
+    int writeAtAll(long long offset, const T* values, std::size_t count) {
+        return writeAtAll(offset, Views::viewOf<unsigned>(values, count));
     }
     template <class T>
-    void readAtAll(long long offset, T* values, std::size_t count) {
-        readAtAll(offset, Views::viewOf<unsigned>(values, count));
+    int readAtAll(long long offset, T* values, std::size_t count) {
+        return readAtAll(offset, Views::viewOf<unsigned>(values, count));
     }
 
-    /// What a code of writeAt() means. Any thread.
+    /// What a code means. Any thread.
     static std::string getErrorStr(int code);
 
 private:
@@ -96,10 +108,24 @@ private:
     /// Whether a transfer goes in halves.
     bool isTooLarge(ConstBuffer buffer) const;
     void assertOpen() const;
-    /// Each half of a buffer by `transfer(offset, half)`, which gives a code: a failure of the first half
-    /// ends it when `stopsAtFailure`.
+    template <class View>
+    struct Piece {
+        long long offset;
+        View buffer;
+    };
+    /// What single calls transfer, in the order of the file: one piece at least.
+    template <class View>
+    void cut(long long offset, View buffer, std::vector<Piece<View>>& pieces) const;
+    /// Each piece by `transfer(offset, piece)`, which gives a code. @return the first failure
     template <class View, class Transfer>
-    int transferHalves(long long offset, View buffer, bool stopsAtFailure, const Transfer& transfer) const;
+    int transferAlone(long long offset, View buffer, bool stopsAtFailure, const Transfer& transfer) const;
+    /// The same with as many calls on each rank as the one with the most pieces needs.
+    template <class View, class Transfer>
+    int transferTogether(long long offset, View buffer, const Transfer& transfer) const;
+    /// The smallest code of the ranks that failed, 0 when none did. Collective.
+    int agree(int code) const;
+    /// Keeps the first failure of a write for close().
+    int noted(int code);
 
     static int fileOpen(int communicator, const std::string& name, int mode, int* file);
     static int fileClose(int* file);
@@ -113,6 +139,7 @@ private:
     static int fileReadAtAll(int file, long long offset, Buffer buffer);
     static void fileGetInfo(int file, std::map<std::string, std::string>& info);
     static int handleError(int code);
+    static int codeOfRead(int code, const OXM_MPI_Status_struct& status, Buffer buffer);
     static int setPanfsHints(int info);
     static void translatePanfsInfo(int info, std::map<std::string, std::string>& result);
     static int convertToMpiWrapperMode(int mode);
@@ -120,4 +147,6 @@ private:
     Communicator* _communicator = nullptr; ///< borrowed; null when closed
     std::string _name;
     int _file = 0;
+    int _openError = 0;
+    int _writeError = 0; ///< the first of this rank since open()
 };

@@ -181,6 +181,7 @@ extern "C" {
 #define OXM_MPI_MODE_EXCL 0x040
 #define OXM_MPI_MODE_APPEND 0x080
 #define OXM_MPI_MODE_SEQUENTIAL 0x100
+#define OXM_MPI_MODE_TRUNCATE 0x100000 /* of the wrapper alone: the file is empty once it is open */
 
 /// Sizes of windows and displacements, and file offsets, in bytes unless told otherwise.
 typedef long long OXM_MPI_Aint;

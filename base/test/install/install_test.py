@@ -65,6 +65,21 @@ class Consumer(Case):
                     self.assertIn(f"{ranks} ranks wrote 1001 points\n", text)
                     self.assertEqual(field.read_bytes(), expected)
 
+    @unittest.skipIf(os.geteuid() != 0, "needs root, to make a small disk")
+    def test_full_disk(self):
+        table = self.room.work / "table.txt"
+        table.write_text("20000\n0 1\n1 2\n")
+        small = ["unshare", "--mount", "sh", "-c", 'mount -t tmpfs -o size=64k none tmp && exec "$@"', "sh"]
+        (self.room.work / "tmp").mkdir()
+        for mpi in MPIS:
+            with self.subTest(mpi=mpi):
+                answer = subprocess.run(
+                    [*small, *LAUNCHERS[mpi], "3", self.top / "build/field_file", table, "tmp/gr\u00f6\u00dfe.bin", "-mpi",
+                     DRIVERS[mpi]], env=self.room.environment(), cwd=self.room.work, capture_output=True, text=True,
+                    timeout=100, stdin=subprocess.DEVNULL)
+                self.assertNotEqual(answer.returncode, 0)
+                self.assertRegex(answer.stderr, "field_file: can't write tmp/gr\u00f6\u00dfe.bin: .*Possibly out of disk space")
+
     def test_module(self):
         job = self.ready("-module", self.top / "build/libExampleSolver.so", mpi=MPIS[0], ranks=3)
         answer = job.run("ComputePi", "intervals=100000")

@@ -65,6 +65,11 @@ int File_open(int comm, const char* fileName, int mode, int info, int* file) {
                              &native);
     if (code == MPI_SUCCESS)
         code = MPI_File_set_errhandler(native, MPI_ERRORS_RETURN);
+    if (code == MPI_SUCCESS && (mode & OXM_MPI_MODE_TRUNCATE)) {
+        code = MPI_File_set_size(native, 0); // the same on all ranks, so that all close the file
+        if (code != MPI_SUCCESS)
+            MPI_File_close(&native); // the first failure is the one to tell
+    }
     return translateNew(code, handles.files, native, file);
 }
 
@@ -116,6 +121,17 @@ int File_write(int file, const void* buffer, int count, int datatype, OXM_MPI_St
 
 // Not every MPI refuses an offset before the beginning, so the driver does.
 
+// Open MPI's collective transfers tell of no full device, of no end of the file and of no count: data would
+// be lost in silence. Each rank has one block at an offset of its own, so that its independent transfers do
+// the same work, and they tell.
+#ifdef OPEN_MPI
+constexpr auto readAtAll = &MPI_File_read_at;
+constexpr auto writeAtAll = &MPI_File_write_at;
+#else
+constexpr auto readAtAll = &MPI_File_read_at_all;
+constexpr auto writeAtAll = &MPI_File_write_at_all;
+#endif
+
 int File_read_at(int file, OXM_MPI_Offset offset, void* buffer, int count, int datatype,
                  OXM_MPI_Status_struct* status) {
     if (offset < 0)
@@ -141,8 +157,8 @@ int File_read_at_all(int file, OXM_MPI_Offset offset, void* buffer, int count, i
     if (offset < 0)
         return refuse(OXM_MPI_ERR_ARG, status);
     MPI_Status native{};
-    const int code = MPI_File_read_at_all(handles.files.get(file), offset, buffer, count,
-                                          handles.types.get(datatype), &native);
+    const int code =
+        readAtAll(handles.files.get(file), offset, buffer, count, handles.types.get(datatype), &native);
     return translate(code, native, status);
 }
 
@@ -152,7 +168,7 @@ int File_write_at_all(int file, OXM_MPI_Offset offset, const void* buffer, int c
         return refuse(OXM_MPI_ERR_ARG, status);
     MPI_Status native{};
     const MPI_Datatype type = handles.types.get(datatype);
-    const int code = MPI_File_write_at_all(handles.files.get(file), offset, buffer, count, type, &native);
+    const int code = writeAtAll(handles.files.get(file), offset, buffer, count, type, &native);
     return translateWrite(code, native, count, type, status);
 }
 

@@ -67,12 +67,14 @@ TEST_F(ParallelFileTest, opensWithHintsAndFreesThem) {
     EXPECT_EQ(hints, (Texts{"panfs_concurrent_write=1", "panfs_layout_stripe_unit=65536",
                             "panfs_layout_total_num_comps=128", "panfs_layout_type=3",
                             "panfs_layout_parity_stripe_width=9", "panfs_layout_parity_stripe_depth=1",
-                            "panfs_layout_visit_policy=1"}));
+                            "panfs_layout_visit_policy=1", "orvex_echo=1"}));
     EXPECT_EQ(mpi.callsOf("File_open").at(0).get("mode"), CREATE);
     EXPECT_EQ(mpi.callsOf("File_open").at(0).texts.at("fileName"), "/data/\xc3\xa4");
     EXPECT_EQ(mpi.liveHandles()["info"], 0);
     // A second file in the same object takes the place of the first.
-    EXPECT_TRUE(file.open(communicator, L"other", CREATE));
+    EXPECT_TRUE(file.open(communicator, "\xff", CREATE | OXM_MPI_MODE_TRUNCATE)) << "any bytes are a path";
+    EXPECT_EQ(mpi.callsOf("File_open").at(1).get("mode"), CREATE | OXM_MPI_MODE_TRUNCATE);
+    EXPECT_EQ(mpi.callsOf("File_open").at(1).texts.at("fileName"), "\xff");
     EXPECT_EQ(mpi.liveHandles()["file"], 1);
     file.close();
     mpi.clearCalls();
@@ -80,7 +82,7 @@ TEST_F(ParallelFileTest, opensWithHintsAndFreesThem) {
     EXPECT_EQ(mpi.names(), Texts());
     // Whatever fails on the way: the object stays closed, nothing is raised, and nothing collective is done.
     for (const auto& [name, nth] : std::vector<std::pair<std::string, int>>{
-             {"Info_create", 1}, {"Info_set", 1}, {"Info_set", 7}, {"File_open", 1}, {"Info_free", 1}}) {
+             {"Info_create", 1}, {"Info_set", 1}, {"Info_set", 8}, {"File_open", 1}, {"Info_free", 1}}) {
         SCOPED_TRACE(name);
         mpi.clearCalls();
         mpi.fail(name, nth, OXM_MPI_ERR_OTHER);
@@ -90,7 +92,8 @@ TEST_F(ParallelFileTest, opensWithHintsAndFreesThem) {
         EXPECT_EQ(mpi.liveHandles()["info"], name == "Info_free" ? 1 : 0);
         EXPECT_EQ(mpi.callsOf("Info_set").size(), name == "Info_create" ? 0u
                                                   : name == "Info_set"  ? std::size_t(nth)
-                                                                        : 7u);
+                                                                        : 8u);
+        EXPECT_EQ(file.getOpenError(), OXM_MPI_ERR_OTHER);
     }
     EXPECT_FALSE(file.open(communicator, L"missing", OXM_MPI_MODE_RDONLY));
     for (const std::function<void()>& operation : std::vector<std::function<void()>>{
@@ -131,7 +134,7 @@ TEST_F(ParallelFileTest, cutsWhatIsTooLarge) {
                   std::vector<double>(data.begin(), data.begin() + static_cast<std::ptrdiff_t>(row.count)));
         file.writeAtAll(16, data.data(), row.count);
         EXPECT_EQ(piecesOf("File_write_at_all"), row.pieces);
-        file.readAtAll(16, back.data(), row.count);
+        EXPECT_EQ(file.readAtAll(16, back.data(), row.count), 0);
         EXPECT_EQ(piecesOf("File_read_at_all"), row.pieces);
         file.write(data.data(), row.count);
         EXPECT_EQ(mpi.callsOf("File_write").size(), row.pieces.size());
@@ -150,14 +153,22 @@ TEST_F(ParallelFileTest, cutsWhatIsTooLarge) {
 }
 
 TEST_F(ParallelFileTest, tellsOfFailures) {
-    ParallelFile file(limit(16), L"field", CREATE);
+    Communicator& communicator = limit(16);
+    ParallelFile file(communicator, L"field", CREATE);
     mpi.clearCalls();
     mpi.fail("File_write_at", 2, OXM_MPI_ERR_IO);
     EXPECT_EQ(file.writeAt(0, data.data(), 8), OXM_MPI_ERR_IO);
     EXPECT_EQ(piecesOf("File_write_at"), (Texts{"0:2", "16:2"})) << "nothing is written behind the failure";
-    mpi.fail("File_write_at_all", 1, OXM_MPI_ERR_IO);
-    file.writeAtAll(0, data.data(), 4);
+    mpi.fail("File_write_at_all", 1, OXM_MPI_ERR_NO_SPACE);
+    EXPECT_EQ(file.writeAtAll(0, data.data(), 4), OXM_MPI_ERR_NO_SPACE);
     EXPECT_EQ(piecesOf("File_write_at_all").size(), 2u) << "a collective transfer goes on: the others do";
+    mpi.fail("File_write", 1, OXM_MPI_ERR_QUOTA);
+    EXPECT_EQ(file.write(data.data(), 4), OXM_MPI_ERR_QUOTA);
+    EXPECT_EQ(file.close(), OXM_MPI_ERR_IO) << "the first failure of a write";
+    ASSERT_TRUE(file.open(communicator, L"field", CREATE));
+    mpi.fail("File_close", 1, OXM_MPI_ERR_QUOTA);
+    EXPECT_EQ(file.close(), OXM_MPI_ERR_QUOTA);
+    ASSERT_TRUE(file.open(communicator, L"field", CREATE));
     mpi.fail("File_read", 1, OXM_MPI_ERR_NO_PARALLEL_IO);
     EXPECT_EQ(messageOf<NonRecoverableError>([&] { file.read(data.data(), 1); }),
               "Parallel IO is not supported with this MPI Distribution");
