@@ -39,10 +39,13 @@ struct Properties::Impl {
     static void put(Properties& properties, const std::string& key, Mode mode, const std::vector<T>& values);
     template <class T>
     static bool convertTo(const Value& value, T& result);
+    /// What stands under `key`, in `result`; an InputError when it is of another type.
+    template <class T>
+    static void read(const std::string& key, const Value& value, T& result);
+    template <class T>
+    static void read(const std::string& key, const Value& value, std::vector<T>& result);
     template <class T>
     static void get(const Properties& properties, const std::string& key, T& result);
-    template <class T>
-    static void get(const Properties& properties, const std::string& key, std::vector<T>& result);
 };
 
 namespace {
@@ -140,8 +143,15 @@ bool convert(const Value& value, std::wstring& result) {
 // Words for messages.
 
 template <class T>
+constexpr bool IS_VECTOR = false;
+template <class T>
+constexpr bool IS_VECTOR<std::vector<T>> = true;
+
+template <class T>
 std::string describeType() {
-    if constexpr (std::is_same_v<T, bool>)
+    if constexpr (IS_VECTOR<T>)
+        return "an array, each element " + describeType<typename T::value_type>();
+    else if constexpr (std::is_same_v<T, bool>)
         return "true or false";
     else if constexpr (std::is_same_v<T, double>)
         return "a real number";
@@ -247,23 +257,24 @@ void Properties::Impl::get(const Properties& properties, const std::string& key,
     const Value* value = treeOf(properties).find(key);
     if (value == nullptr) [[unlikely]]
         raiseMissing(key, describeType<T>());
+    read(key, *value, result);
+}
+
+template <class T>
+void Properties::Impl::read(const std::string& key, const Value& value, T& result) {
     T converted{};
-    if (!convertTo(*value, converted)) [[unlikely]]
-        raiseMismatch(key, *value, describeType<T>());
+    if (!convertTo(value, converted)) [[unlikely]]
+        raiseMismatch(key, value, describeType<T>());
     result = std::move(converted);
 }
 
 template <class T>
-void Properties::Impl::get(const Properties& properties, const std::string& key, std::vector<T>& result) {
-    const std::string expected = "an array, each element " + describeType<T>();
-    const Value* value = treeOf(properties).find(key);
-    if (value == nullptr)
-        raiseMissing(key, expected);
-    if (value->getKind() != Kind::ARRAY)
-        raiseMismatch(key, *value, expected);
+void Properties::Impl::read(const std::string& key, const Value& value, std::vector<T>& result) {
+    if (value.getKind() != Kind::ARRAY)
+        raiseMismatch(key, value, describeType<std::vector<T>>());
     std::vector<T> converted;
-    converted.reserve(value->getElements().size());
-    for (const Value& element : value->getElements()) {
+    converted.reserve(value.getElements().size());
+    for (const Value& element : value.getElements()) {
         T item{};
         if (!convertTo(element, item))
             raiseMismatch(key + "[" + std::to_string(converted.size()) + "]", element, describeType<T>());
@@ -485,6 +496,41 @@ Properties Properties::getProperties(const std::string& key) const {
     Properties value{};
     Impl::get(*this, key, value);
     return value;
+}
+
+template <class T>
+T Properties::getOr(const std::string& key, T otherwise) const {
+    if (const Value* value = Impl::treeOf(*this).find(key))
+        Impl::read(key, *value, otherwise);
+    return otherwise;
+}
+
+std::string Properties::getOr(const std::string& key, const char* otherwise) const {
+    return getOr(key, std::string(otherwise));
+}
+
+template bool Properties::getOr(const std::string&, bool) const;
+template int Properties::getOr(const std::string&, int) const;
+template unsigned Properties::getOr(const std::string&, unsigned) const;
+template long long Properties::getOr(const std::string&, long long) const;
+template unsigned long long Properties::getOr(const std::string&, unsigned long long) const;
+template double Properties::getOr(const std::string&, double) const;
+template std::string Properties::getOr(const std::string&, std::string) const;
+template std::wstring Properties::getOr(const std::string&, std::wstring) const;
+template Properties Properties::getOr(const std::string&, Properties) const;
+template std::vector<bool> Properties::getOr(const std::string&, std::vector<bool>) const;
+template std::vector<int> Properties::getOr(const std::string&, std::vector<int>) const;
+template std::vector<unsigned> Properties::getOr(const std::string&, std::vector<unsigned>) const;
+template std::vector<long long> Properties::getOr(const std::string&, std::vector<long long>) const;
+template std::vector<double> Properties::getOr(const std::string&, std::vector<double>) const;
+template std::vector<std::string> Properties::getOr(const std::string&, std::vector<std::string>) const;
+template std::vector<std::wstring> Properties::getOr(const std::string&, std::vector<std::wstring>) const;
+template std::vector<Properties> Properties::getOr(const std::string&, std::vector<Properties>) const;
+
+void Properties::merge(const Properties& other, Mode mode) {
+    for (const Member& member : Impl::treeOf(other).getMembers())
+        Impl::put(*this, std::string(member.key), mode,
+                  [&](Arena& arena) { return arena.copy(member.value); });
 }
 
 bool Properties::hasName(const std::string& key) const {

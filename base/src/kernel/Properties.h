@@ -86,6 +86,12 @@ public:
     bool getBool(const std::string& key) const;
     Properties getProperties(const std::string& key) const;
 
+    /// The value under `key`, or `otherwise` when there is no such key. T is one of the types that get()
+    /// takes, or unsigned long long.
+    template <class T>
+    T getOr(const std::string& key, T otherwise) const;
+    std::string getOr(const std::string& key, const char* otherwise) const;
+
     void get(const std::string& key, bool& value) const;
     void get(const std::string& key, int& value) const;
     void get(const std::string& key, unsigned& value) const;
@@ -102,6 +108,9 @@ public:
     void get(const std::string& key, std::vector<std::string>& value) const;
     void get(const std::string& key, std::vector<std::wstring>& value) const;
     void get(const std::string& key, std::vector<Properties>& value) const;
+
+    /// Sets each key of `other`.
+    void merge(const Properties& other, Mode mode = Mode::REPLACE);
 
     bool hasName(const std::string& key) const;
     /// Removing a missing key has no effect.

@@ -431,7 +431,7 @@ public:
                    {}}) {}
     std::string getName() const override { return "ReportAffinity"; }
     void execute(const Properties& args, Properties&) override {
-        const auto get = [&](const char* key) { return args.hasName(key) && args.getBool(key); };
+        const auto get = [&](const char* key) { return args.getOr(key, false); };
         Machine::getHost().printProcessAffinitySummary(get("numa"), get("core"), get("text"), get("gather"));
     }
 };

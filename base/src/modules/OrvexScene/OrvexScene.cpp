@@ -22,8 +22,7 @@ public:
                            {}}) {}
     std::string getName() const override { return "CreateScene"; }
     void execute(const Properties& args) override {
-        const std::string title = args.hasName(TITLE_KEY) ? args.getString(TITLE_KEY) : std::string();
-        SceneRegistry::getSingleton().create(args.getString(NAME_KEY), title);
+        SceneRegistry::getSingleton().create(args.getString(NAME_KEY), args.getOr(TITLE_KEY, ""));
     }
 };
 

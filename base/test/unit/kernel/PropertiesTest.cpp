@@ -161,6 +161,8 @@ TEST(Properties, MessagesNameTheKeyWhatStandsThereAndWhatWasExpected) {
          "The key \"b\" holds a truth value (true), expected a text"},
         {[](const Properties& p) { p.getBool("i"); },
          "The key \"i\" holds an integer (3000000000), expected true or false"},
+        {[](const Properties& p) { p.getOr("t", 1.0); },
+         "The key \"t\" holds a text (\"word\"), expected a real number"},
         {[](const Properties& p) { p.getProperties("a"); },
          "The key \"a\" holds an array (3 elements), expected an object"},
         {[](const Properties& p) { p.getOrvexString("o"); },
@@ -183,6 +185,8 @@ TEST(Properties, MessagesNameTheKeyWhatStandsThereAndWhatWasExpected) {
     int untouched = 5;
     EXPECT_THROW(properties.get("t", untouched), InputError);
     EXPECT_EQ(untouched, 5);
+    EXPECT_EQ(properties.getOr("none", 7) + properties.getOr("r", 0.0), 8.5);
+    EXPECT_EQ(properties.getOr("t", "other") + properties.getOr("none", "other"), "wordother");
 }
 
 TEST(Properties, KeysKeepTheirOrderAndModesTheirWord) {
@@ -208,6 +212,9 @@ TEST(Properties, KeysKeepTheirOrderAndModesTheirWord) {
     properties.set("again", 1); // NOLINT: a moved-from object is empty and usable
     EXPECT_EQ(properties.toString(), "{\"again\":1}");
     EXPECT_EQ(copy, moved);
+    copy.merge(Properties("{\"n\":[{}],\"b\":3}"));
+    copy.merge(Properties("{\"b\":4}"), Mode::KEEP);
+    EXPECT_EQ(copy.toString(), "{\"b\":3,\"c\":4,\"a\":{\"b\":2,\"c\":4},\"n\":[{}]}");
     copy.clear();
     EXPECT_TRUE(copy.empty());
     EXPECT_EQ(moved.size(), 3u);
