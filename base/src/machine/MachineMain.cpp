@@ -85,6 +85,8 @@ void Machine::main(int argc, char** argv) {
     startUsageManager();
     startConsole();
     registerMachineCommands();
+    // Its observers bring each command to all ranks: they stand before the server takes the first one.
+    static_cast<void>(CommandController::getSingleton());
 
     runRole(argc, argv, *consumed);
     LastWords::endWork();

@@ -47,7 +47,7 @@ class Road(Case):
         for mpi in MPIS:
             with self.subTest(mpi=mpi):
                 job = self.ready("-nothreads", mpi=mpi, ranks=3)
-                self.assertEqual(job.run("GetNumberOfWorkers")["NumberOfWorkers"], 3)
+                self.assertEqual(job.run("GetHosts")["Number Processes"], 3)  # collective
                 self.stop(job)
 
     def test_versions(self):
