@@ -2,6 +2,7 @@
 
 #include "client/CtlPrompt.h"
 #include "client/ResponsePrinter.h"
+#include "kernel/Error.h"
 #include "kernel/Properties.h"
 #include "kernel/RpcMessage.h"
 #include "kernel/SessionLocator.h"
@@ -257,11 +258,17 @@ void Ctl::printError(const RpcClient::Reply& reply) const {
         return;
     }
     const Properties data{std::string_view(reply.data)};
+    const unsigned rank = data.getOr("Rank", 0u);
     std::cerr << "Error: " << reply.message;
     if (data.hasName("Rank"))
-        std::cerr << " (rank " << data.getUnsignedInt("Rank") << ")";
+        std::cerr << " (rank " << rank << ")";
     std::cerr << std::endl;
-    ResponsePrinter(std::cerr).print(reply.data, {"Command", "Error", "Rank", "Severity", "StackTrace"});
+    std::set<std::string> hidden{"Command", "Error", "Kind", "Rank", "Severity"};
+    if (data.getOr("Ranks", "") == std::to_string(rank))
+        hidden.insert("Ranks");
+    if (data.getOr("Kind", "") != Error::INTERNAL_KIND)
+        hidden.insert("StackTrace"); // people can do something about what they typed, not about the program
+    ResponsePrinter(std::cerr).print(reply.data, hidden);
 }
 
 int Ctl::listSessions() const {

@@ -5,7 +5,7 @@
 
 #include <utility>
 
-Command::Command(CommandHelp help) : _help(std::move(help)) {}
+Command::Command(CommandHelp help, Access access) : _help(std::move(help)), _access(access) {}
 
 Command::~Command() = default;
 

@@ -9,13 +9,21 @@ class Properties;
 
 /// One key of a command's arguments or results, for people who ask what a command wants.
 struct CommandKey {
+    /// As the name of an argument: the command takes any further keys.
+    static constexpr const char* ANY = "*";
+
     std::string name;
     std::string type; ///< "bool", "int", "unsigned", "long", "real", "text", "properties", "vector of ..."
     std::string meaning;
     bool required = true;
 };
 
-/// What `orvexctl list-commands` tells about a command. It lives beside the command, in its constructor.
+/// The summary, arguments and results of a command, as `orvexctl list-commands` tells them. It lives beside
+/// the command, in its constructor.
+///
+/// A request is checked against the arguments before any rank runs the command: a key that isn't among them,
+/// one that is missing and a value of another type are refused. Of a command without any help nothing is
+/// known: it takes any keys.
 struct CommandHelp {
     std::string summary;
     std::vector<CommandKey> arguments = {};
@@ -30,7 +38,13 @@ class ORVEX_KERNEL_EXPORT Command {
 public:
     static constexpr const char* COMMAND_TAG = "command";
 
-    explicit Command(CommandHelp help = {});
+    /// Who may ask for a command.
+    enum class Access {
+        CLIENTS,
+        SYSTEM ///< the system itself: clients hear that there is no such command, and no list names it
+    };
+
+    explicit Command(CommandHelp help = {}, Access access = Access::CLIENTS);
     Command(const Command&) = delete;
     Command& operator=(const Command&) = delete;
 
@@ -50,6 +64,8 @@ public:
     virtual void onError(const Properties& args, Properties& response);
 
     const CommandHelp& getHelp() const { return _help; }
+    /// Whether only the system itself may ask for the command.
+    bool isInternal() const { return _access == Access::SYSTEM; }
 
     /// Writes the name under COMMAND_TAG.
     void addSelfTo(Properties& properties) const;
@@ -58,6 +74,7 @@ public:
 
 private:
     CommandHelp _help;
+    Access _access;
 };
 
 /// A command that only asks: it changes no state.

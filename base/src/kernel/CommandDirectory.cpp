@@ -41,7 +41,8 @@ Properties CommandDirectory::describe(const Properties& params) {
     Properties result;
     if (params.hasName("name")) {
         const std::string name = params.getString("name");
-        if (const Command* command = controller.findCommand(name))
+        const Command* command = controller.findCommand(name);
+        if (command != nullptr && !command->isInternal())
             commands.push_back(describeCommand(*command));
         else
             result.set("nearest", controller.getNearestName(name));

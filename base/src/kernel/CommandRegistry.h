@@ -19,6 +19,7 @@ public:
 
     void add(std::unique_ptr<Command> command);
     Command* find(const std::string& name) const;
+    /// Those that clients may ask for, in the order of their registration.
     std::vector<const Command*> getAll() const;
     std::string getNearestName(const std::string& name) const;
 

@@ -14,7 +14,7 @@ CommandThread::CommandThread(Command& command, Controller::QueuedCommand request
 CommandThread::~CommandThread() = default;
 
 void CommandThread::run() {
-    _work(_command, _request.command, _response);
+    _outcome = _work(_command, _request.command);
     _finished.store(true, std::memory_order_release);
     _onFinished();
 }

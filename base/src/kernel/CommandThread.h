@@ -12,7 +12,7 @@ class Command;
 /// A queued command at work on a thread of its own. Private to the kernel.
 class CommandThread : public Runnable {
 public:
-    using Work = std::function<void(Command&, const Properties& args, Properties& response)>;
+    using Work = std::function<Controller::Outcome(Command&, const Properties& args)>;
 
     /// @param work      runs the command; throws nothing
     /// @param finished  called at the end, on the thread
@@ -27,7 +27,7 @@ public:
     const Controller::RunningCommand& getInfo() const { return _info; }
     /// The request, back from the thread; to be called once it has finished.
     Controller::QueuedCommand& getRequest() { return _request; }
-    const Properties& getResponse() const { return _response; }
+    const Controller::Outcome& getOutcome() const { return _outcome; }
 
     void run() override;
     /// A command runs to its end.
@@ -39,7 +39,7 @@ private:
     Work _work;
     std::function<void()> _onFinished;
     Controller::RunningCommand _info;
-    Properties _response;
+    Controller::Outcome _outcome;
     std::atomic<bool> _finished{false};
     Thread _thread; // last: its destructor waits for run()
 };

@@ -1,6 +1,7 @@
 #include "kernel/Controller.h"
 
 #include "kernel/Command.h"
+#include "kernel/CommandArguments.h"
 #include "kernel/CommandRegistry.h"
 #include "kernel/CommandThread.h"
 #include "kernel/Error.h"
@@ -14,6 +15,7 @@
 #include "platform/Log.h"
 #include "platform/Mutex.h"
 #include "platform/Process.h"
+#include "platform/StackTracer.h"
 #include "platform/StringHelper.h"
 #include "platform/Thread.h"
 
@@ -23,6 +25,10 @@
 #include <deque>
 #include <list>
 #include <mutex>
+#include <new>
+#include <stdexcept>
+#include <system_error>
+#include <typeinfo>
 #include <utility>
 
 namespace {
@@ -34,18 +40,56 @@ constexpr std::size_t MAX_SHOWN_NAME = 200;
 
 Controller* singleton = nullptr;
 
-/// Makes `response` the error that is being handled, as that of the command `name`. Within a catch block.
-void takeCaughtError(const std::string& name, Properties& response) {
+using Outcome = Controller::Outcome;
+
+/// What the exception tells, or else its type: what() may be empty or null.
+std::string textOf(const std::exception& error) {
+    const char* const text = error.what();
+    if (text != nullptr && *text != '\0')
+        return text;
+    return "An exception of type " + Platform::StackTracer::demangle(typeid(error).name()) +
+           " without a message";
+}
+
+/// An exception from outside the Error family as an error that leaves the server running.
+Properties describe(const std::exception& error, const char* kind) {
+    Properties properties;
+    properties.set(Error::KIND_TAG, kind);
+    return RecoverableError(textOf(error), Error::RECOVERABLE_SEVERITY, properties).toResponse();
+}
+
+/// The error that is being handled. Within a catch block.
+Properties describeCaughtError() {
     try {
         throw;
     } catch (const Error& error) {
-        response = error.getProperties();
+        return error.toResponse();
+    } catch (const std::bad_alloc& error) {
+        return describe(error, Error::SYSTEM_KIND);
+    } catch (const std::system_error& error) {
+        return describe(error, Error::SYSTEM_KIND);
+    } catch (const std::logic_error& error) {
+        return describe(error, Error::INTERNAL_KIND);
     } catch (const std::exception& error) {
-        response = RecoverableError(error.what()).getProperties();
+        return describe(error, Error::SOLVER_KIND);
     } catch (...) {
-        response = NonRecoverableError("An exception of an unknown type left the command").getProperties();
+        const std::type_info* const type = abi::__cxa_current_exception_type();
+        return NonRecoverableError(
+                   "An exception of " +
+                   (type ? "type " + Platform::StackTracer::demangle(type->name()) : "an unknown type") +
+                   " left the command")
+            .toResponse();
     }
-    response.set(NAME_TAG, name);
+}
+
+Outcome makeFailure(Outcome::Status status, const std::string& name, Properties error) {
+    error.set(NAME_TAG, name);
+    return {status, std::move(error)};
+}
+
+/// The failure of the command `name` by the error that is being handled. Within a catch block.
+Outcome makeCaughtFailure(const std::string& name) {
+    return makeFailure(Outcome::FAILED, name, describeCaughtError());
 }
 
 /// Ends a process that a command forked and that comes back out of the command: as a second server it would
@@ -60,62 +104,55 @@ void endForkedChild(int owner, const std::string& command) {
     std::_Exit(1);
 }
 
-/// Runs the command; what it throws stands in `response` afterwards.
-void runCommand(Command& command, const Properties& args, Properties& response) {
-    const std::string name = command.getName();
-    response.set(NAME_TAG, name);
-    const int owner = Platform::process().getPid();
-    try {
-        command.execute(args, response);
-        endForkedChild(owner, name);
-        return;
-    } catch (const abi::__forced_unwind&) {
-        throw; // the thread ends
-    } catch (...) {
-        endForkedChild(owner, name);
-        takeCaughtError(name, response);
-    }
+/// Lets the command add to the error that it ended with. What it takes away comes back.
+void tellError(Command& command, const Properties& args, Properties& response) {
+    const Properties error = response;
     try {
         command.onError(args, response);
     } catch (const abi::__forced_unwind&) {
         throw;
-    } catch (const std::exception& error) {
-        OS::Log::instance("Default").warning("Command::onError", "@0@: @1@", name, error.what());
+    } catch (const std::exception& fault) {
+        OS::Log::instance("Default").warning("Command::onError", "@0@: @1@", command.getName(),
+                                             textOf(fault));
     }
+    response.merge(error, Properties::Mode::KEEP);
+    Error::complete(response, Error::getMessage(error), Error::SOLVER_KIND);
 }
 
-/// Tells the observers of the end; what they throw becomes the error of a response that has none yet.
-void tellEnd(Subject& observable, const std::string& name, Properties& response) {
+Outcome runCommand(Command& command, const Properties& args) {
+    const std::string name = command.getName();
+    Outcome outcome;
+    outcome.response.set(NAME_TAG, name);
+    const int owner = Platform::process().getPid();
     try {
-        observable.notify(response);
+        command.execute(args, outcome.response);
+        endForkedChild(owner, name);
+        return outcome;
     } catch (const abi::__forced_unwind&) {
-        throw;
+        throw; // the thread ends
     } catch (...) {
-        if (!Error::isErrorIn(response))
-            takeCaughtError(name, response);
+        endForkedChild(owner, name);
+        outcome = makeCaughtFailure(name);
     }
-}
-
-void refuse(const std::string& name, const std::string& message, Properties& response) {
-    response = InputError(message).getProperties();
-    response.set(NAME_TAG, name);
+    tellError(command, args, outcome.response);
+    return outcome;
 }
 
 /// Gives a client its answer; the client's trouble isn't the Controller's.
-void answer(Controller::QueuedCommand& request, const Properties& response) {
+void answer(Controller::QueuedCommand& request, const Outcome& outcome) {
     if (!request.onDone)
         return;
     try {
-        request.onDone(response);
+        request.onDone(outcome);
     } catch (const std::exception& error) {
-        OS::Log::instance("Default").warning("Controller::answer", "A response was lost: @0@", error.what());
+        OS::Log::instance("Default").warning("Controller::answer", "A response was lost: @0@", textOf(error));
     }
 }
 
 void refuseStopped(Controller::QueuedCommand& request) {
-    Properties response = RecoverableError("The server stops and takes no more commands").getProperties();
-    response.set(NAME_TAG, Command::getCommandName(request.command));
-    answer(request, response);
+    const SystemError error("The server stops and takes no more commands");
+    answer(request,
+           makeFailure(Outcome::STOPPING, Command::getCommandName(request.command), error.toResponse()));
 }
 
 } // namespace
@@ -123,14 +160,18 @@ void refuseStopped(Controller::QueuedCommand& request) {
 unsigned Controller::_serialCriticalLockCount = 0;
 
 struct Controller::Impl {
-    bool execute(const Properties& command, Properties& response, const std::string& client, bool tell);
-    void runDistributed(Command& command, const std::string& name, const Properties& args,
-                        Properties& response);
-    void runLocally(Command& command, const Properties& args, Properties& response);
-    void refuseUnknown(const std::string& name, Properties& response) const;
+    /// By which a request comes.
+    enum class Road { CLIENT, INSIDE, SCATTERED };
+
+    Outcome execute(const Properties& command, Road road, bool tell);
+    Outcome run(Command& command, const Properties& args, const std::string& client, bool tell);
+    Outcome runDistributed(Command& command, const Properties& args);
+    Outcome runLocally(Command& command, const QueuedCommand& request);
+    void tellEnd(Subject& observable, const std::string& name, Outcome& outcome);
+    std::optional<Outcome> findRefusal(const Command* found, const Properties& command, Road road) const;
+    Outcome refuseUnknown(const std::string& name) const;
 
     void serve(QueuedCommand request);
-    Command* findThreaded(const QueuedCommand& request);
     bool startThread(Command& command, QueuedCommand& request);
     void finishThreads(bool wait);
     void refuseQueued();
@@ -148,6 +189,7 @@ struct Controller::Impl {
     // Main thread only.
     unsigned depth = 0;
     bool mayThread = true;
+    Outcome* told = nullptr; ///< whose end the observers are being told of
 
     // Shared with other threads.
     mutable std::mutex mutex;
@@ -216,24 +258,46 @@ private:
 
 } // namespace
 
-void Controller::Impl::refuseUnknown(const std::string& name, Properties& response) const {
-    if (name.empty()) {
-        refuse(name,
-               std::string("The request names no command: a text under the key \"") + Command::COMMAND_TAG +
-                   "\" was expected",
-               response);
-        return;
-    }
+Outcome Controller::Impl::refuseUnknown(const std::string& name) const {
     const std::string shown = StringHelper::toValidUtf8(std::string_view(name).substr(0, MAX_SHOWN_NAME));
     const std::string nearest = registry.getNearestName(name);
-    refuse(shown,
-           "Unknown command \"" + shown + "\"" +
-               (nearest.empty() ? "" : ", did you mean \"" + nearest + "\"?"),
-           response);
+    const InputError error(name.empty()
+                               ? std::string("The request names no command: a text under the key \"") +
+                                     Command::COMMAND_TAG + "\" was expected"
+                               : "Unknown command \"" + shown + "\"" +
+                                     (nearest.empty() ? "" : ", did you mean \"" + nearest + "\"?"));
+    return makeFailure(Outcome::UNKNOWN_COMMAND, shown, error.toResponse());
 }
 
-void Controller::Impl::runDistributed(Command& command, const std::string& name, const Properties& args,
-                                      Properties& response) {
+/// Why the request can't be run, if it can't: found here, before any other rank hears of it. What another
+/// rank has sent was checked there, and its observers may have added to it.
+std::optional<Outcome> Controller::Impl::findRefusal(const Command* found, const Properties& command,
+                                                     Road road) const {
+    if (found == nullptr || (found->isInternal() && road == Road::CLIENT))
+        return refuseUnknown(Command::getCommandName(command));
+    if (road == Road::SCATTERED)
+        return std::nullopt;
+    if (const std::optional<std::string> fault = CommandArguments::findFault(*found, command))
+        return makeFailure(Outcome::WRONG_ARGUMENTS, found->getName(), InputError(*fault).toResponse());
+    return std::nullopt;
+}
+
+/// Tells the observers of the end; what they throw becomes the error of an outcome that has none yet.
+void Controller::Impl::tellEnd(Subject& observable, const std::string& name, Outcome& outcome) {
+    Outcome* const before = std::exchange(told, &outcome);
+    try {
+        observable.notify(outcome.response);
+    } catch (const abi::__forced_unwind&) {
+        throw;
+    } catch (...) {
+        if (!outcome.hasFailed())
+            outcome = makeCaughtFailure(name);
+    }
+    told = before;
+}
+
+Outcome Controller::Impl::runDistributed(Command& command, const Properties& args) {
+    const std::string name = command.getName();
     Properties distributed = args;
     try {
         scatterObservable.notify(distributed);
@@ -241,71 +305,66 @@ void Controller::Impl::runDistributed(Command& command, const std::string& name,
         throw;
     } catch (...) {
         // The other ranks dropped the command as well, so they don't come to the gather either.
-        takeCaughtError(name, response);
-        return;
+        return makeCaughtFailure(name);
     }
-    runCommand(command, distributed, response);
-    tellEnd(gatherObservable, name, response);
-    tellEnd(floatingPointObservable, name, response);
+    Outcome outcome = runCommand(command, distributed);
+    tellEnd(gatherObservable, name, outcome);
+    tellEnd(floatingPointObservable, name, outcome);
+    return outcome;
 }
 
-void Controller::Impl::runLocally(Command& command, const Properties& args, Properties& response) {
+/// Runs a command that would rather have a thread of its own on the main thread: on this rank alone.
+Outcome Controller::Impl::runLocally(Command& command, const QueuedCommand& request) {
+    Outcome outcome;
     {
         const LocalScope local(_serialCriticalLockCount);
-        runCommand(command, args, response);
+        outcome = run(command, request.command, request.client, false);
     }
-    tellEnd(floatingPointObservable, command.getName(), response);
+    tellEnd(floatingPointObservable, command.getName(), outcome);
+    return outcome;
 }
 
-bool Controller::Impl::execute(const Properties& command, Properties& response, const std::string& client,
-                               bool tell) {
-    ORVEX_ASSERT_AS(Thread::isMain(), "Thread::isMain()", "Commands run on the main thread");
+Outcome Controller::Impl::run(Command& command, const Properties& args, const std::string& client,
+                              bool tell) {
     const Lock guard(lock);
-    response.clear();
-    const std::string name = Command::getCommandName(command);
-    Command* found = registry.find(name);
-    if (found == nullptr) {
-        refuseUnknown(name, response);
-        return false;
-    }
     const DepthScope nesting(depth);
-    const RunningScope shown(mutex, running, name, client);
-    if (tell)
-        runDistributed(*found, name, command, response);
-    else
-        runCommand(*found, command, response);
-    return !Error::isErrorIn(response);
+    const RunningScope shown(mutex, running, command.getName(), client);
+    return tell ? runDistributed(command, args) : runCommand(command, args);
+}
+
+Outcome Controller::Impl::execute(const Properties& command, Road road, bool tell) {
+    ORVEX_ASSERT_AS(Thread::isMain(), "Thread::isMain()", "Commands run on the main thread");
+    const std::string name = Command::getCommandName(command);
+    Command* const found = registry.find(name);
+    try {
+        if (std::optional<Outcome> refusal = findRefusal(found, command, road))
+            return *std::move(refusal);
+    } catch (const std::exception&) { // too large for the memory that is left
+        return makeCaughtFailure(name);
+    }
+    return run(*found, command, std::string(), tell);
 }
 
 void Controller::Impl::serve(QueuedCommand request) {
-    Properties response;
-    Command* threaded = nullptr;
+    const std::string name = Command::getCommandName(request.command);
+    Command* const command = registry.find(name);
+    bool mayRunBeside = false;
     try {
-        threaded = findThreaded(request);
+        if (const std::optional<Outcome> refusal = findRefusal(command, request.command, Road::CLIENT)) {
+            answer(request, *refusal);
+            return;
+        }
+        mayRunBeside = command->shouldThread(request.command);
     } catch (const abi::__forced_unwind&) {
         throw;
     } catch (...) {
-        takeCaughtError(Command::getCommandName(request.command), response);
-        answer(request, response);
+        answer(request, makeCaughtFailure(name));
         return;
     }
-    if (threaded == nullptr) {
-        execute(request.command, response, request.client, true);
-    } else {
-        if (mayThread && startThread(*threaded, request))
-            return;
-        const Lock guard(lock);
-        const DepthScope nesting(depth);
-        const RunningScope shown(mutex, running, threaded->getName(), request.client);
-        runLocally(*threaded, request.command, response);
-    }
-    answer(request, response);
-}
-
-/// The command of the request if it is to run beside the main thread, else null.
-Command* Controller::Impl::findThreaded(const QueuedCommand& request) {
-    Command* command = registry.find(Command::getCommandName(request.command));
-    return command != nullptr && command->shouldThread(request.command) ? command : nullptr;
+    if (!mayRunBeside)
+        answer(request, run(*command, request.command, request.client, true));
+    else if (!mayThread || !startThread(*command, request))
+        answer(request, runLocally(*command, request));
 }
 
 /// Takes the request over when it gives true.
@@ -356,7 +415,7 @@ void Controller::Impl::finishThreads(bool wait) {
     }
     for (CommandThread& thread : ended) {
         thread.join();
-        answer(thread.getRequest(), thread.getResponse());
+        answer(thread.getRequest(), thread.getOutcome());
     }
 }
 
@@ -419,13 +478,17 @@ std::string Controller::getNearestName(const std::string& name) const {
 }
 
 bool Controller::executeCommand(const Properties& command, Properties& response) {
-    return _impl->execute(command, response, std::string(), _impl->depth == 0);
+    Outcome outcome = _impl->execute(command, Impl::Road::INSIDE, _impl->depth == 0);
+    response = std::move(outcome.response);
+    return !outcome.hasFailed();
+}
+
+Controller::Outcome Controller::executeScattered(const Properties& command) {
+    return _impl->execute(command, Impl::Road::SCATTERED, _impl->depth == 0);
 }
 
 std::string Controller::execute(const Properties& command) {
-    Properties response;
-    _impl->execute(command, response, std::string(), true);
-    return response.toString();
+    return _impl->execute(command, Impl::Road::INSIDE, true).response.toString();
 }
 
 void Controller::setThreadedCommands(bool on) {
@@ -497,6 +560,12 @@ Subject& Controller::getMasterGatherResponseObservable() {
 
 Subject& Controller::getPostExecuteFloatingPointErrorObservable() {
     return _impl->floatingPointObservable;
+}
+
+Controller::Outcome& Controller::getToldOutcome() {
+    ORVEX_ASSERT_AS(_impl->told != nullptr, "_impl->told != nullptr",
+                    "No observer is being told of an outcome");
+    return *_impl->told;
 }
 
 Subject& Controller::getSignalRaisedObservable() {

@@ -26,18 +26,38 @@ public:
 
     /// Takes ownership. A second command of the same name is an InternalError. Main thread.
     void registerCommand(Command* command);
-    /// Null when there is no such command.
+    /// Null when there is no such command. Internal ones are found as well.
     const Command* findCommand(const std::string& name) const;
-    /// All commands, in the order of their registration.
+    /// The commands that clients may ask for, in the order of their registration.
     std::vector<const Command*> getCommands() const;
-    /// The registered name nearest to `name` (edit distance, ignoring case), empty when none is near.
+    /// The name nearest to `name` (edit distance, ignoring case) of those that clients may ask for, empty
+    /// when none is near.
     std::string getNearestName(const std::string& name) const;
 
+    /// How a command ended. `status` alone tells results from errors: a command may give its results any
+    /// keys, also those of an error.
+    struct Outcome {
+        enum Status {
+            DONE,
+            FAILED,          ///< it ran, and an error stands in the response
+            UNKNOWN_COMMAND, ///< it never ran, for one of the reasons that follow
+            WRONG_ARGUMENTS,
+            STOPPING
+        };
+        Status status = DONE;
+        Properties response; ///< the results, or else the error
+
+        bool hasFailed() const { return status != DONE; }
+    };
+
     /// Runs `command`; what it throws, and every fault of the request itself, ends as an error in `response`.
-    /// The observables are told around it, except from within another command, which runs on all ranks
-    /// already. Main thread; collective in the sense of the observers attached.
+    /// The request is checked against the command's help (see CommandHelp) before the observables are told of
+    /// it, as one of a client is. They are told around it, except from within another command, which runs on
+    /// all ranks already. Main thread; collective in the sense of the observers attached.
     /// @return false when `response` holds an error
     bool executeCommand(const Properties& command, Properties& response);
+    /// The same for a command that another rank has checked and sent. Main thread.
+    Outcome executeScattered(const Properties& command);
     /// The same for the loops that serve all ranks, answering with the text of the response: the observables
     /// are told also while a command runs, since such a loop may be served from within one.
     std::string execute(const Properties& command);
@@ -46,8 +66,8 @@ public:
     struct QueuedCommand {
         Properties command;
         std::string client; ///< on whose behalf, for people
-        /// Called on the main thread with the response, once, also when the request was never run.
-        std::function<void(const Properties& response)> onDone;
+        /// Called on the main thread, once, also when the request was never run.
+        std::function<void(const Outcome& outcome)> onDone;
     };
     /// The command at work, for those who ask.
     struct RunningCommand {
@@ -77,10 +97,15 @@ public:
 
     /// Told with the command before it runs.
     Subject& getMasterScatterCommandObservable();
-    /// Told with the response after it ran.
+    /// Told with the response after it ran. What an observer throws becomes the error of a command that had
+    /// none.
     Subject& getMasterGatherResponseObservable();
-    /// Told with the response after it ran.
+    /// The same, after the one above.
     Subject& getPostExecuteFloatingPointErrorObservable();
+    /// For observers of these two while they are told: the outcome whose response they were given. They may
+    /// change it. Main thread.
+    /// @throw InternalError when nobody is being told
+    Outcome& getToldOutcome();
     /// Told when a signal was raised, on the thread that caused it, before the error is thrown.
     Subject& getSignalRaisedObservable();
 

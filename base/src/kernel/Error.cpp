@@ -4,6 +4,7 @@
 #include "platform/StringHelper.h"
 
 #include <optional>
+#include <typeinfo>
 
 namespace {
 
@@ -63,6 +64,20 @@ int Error::getSeverity() const {
     return findSeverity(_properties).value_or(NON_RECOVERABLE_SEVERITY);
 }
 
+const char* Error::getKind() const {
+    return SOLVER_KIND;
+}
+
+Properties Error::toResponse() const {
+    Properties response = _properties;
+    complete(response,
+             _what.empty() ? "An error of type " + Platform::StackTracer::demangle(typeid(*this).name()) +
+                                 " without a message"
+                           : _what,
+             getKind());
+    return response;
+}
+
 bool Error::isErrorIn(const Properties& response) {
     return response.hasName(ERROR_TAG);
 }
@@ -71,13 +86,36 @@ std::string Error::getMessage(const Properties& response) {
     return isErrorIn(response) ? findText(response, MESSAGE_TAG).value_or(std::string()) : std::string();
 }
 
+void Error::complete(Properties& response, const std::string& message, const char* kind) {
+    if (!findText(response, ERROR_TAG))
+        response.set(ERROR_TAG, DEFAULT_ERROR_TYPE);
+    if (findText(response, MESSAGE_TAG).value_or(std::string()).empty())
+        response.set(MESSAGE_TAG, message);
+    if (!findSeverity(response))
+        response.set(SEVERITY_TAG, RECOVERABLE_SEVERITY);
+    if (!findText(response, KIND_TAG))
+        response.set(KIND_TAG, kind);
+}
+
 RecoverableError::RecoverableError(const std::string& message, int severity, const Properties& properties,
                                    const std::string& type, bool collective)
     : Error(message, severity, properties, type, collective) {}
 
+const char* InputError::getKind() const {
+    return INPUT_KIND;
+}
+
+const char* SystemError::getKind() const {
+    return SYSTEM_KIND;
+}
+
 NonRecoverableError::NonRecoverableError(const std::string& message, const Properties& properties,
                                          const std::string& type)
     : Error(message, NON_RECOVERABLE_SEVERITY, properties, type) {}
+
+const char* NonRecoverableError::getKind() const {
+    return INTERNAL_KIND;
+}
 
 bool NonRecoverableError::isNonRecoverableErrorIn(const Properties& response) {
     return isErrorIn(response) && findSeverity(response) == NON_RECOVERABLE_SEVERITY;

@@ -14,7 +14,7 @@ struct RpcFault {
         METHOD_NOT_FOUND = -32601,
         INVALID_PARAMS = -32602,
         INTERNAL_ERROR = -32603,
-        COMMAND_FAILED = -32000,   ///< the command's own error, with severity and rank in the data
+        COMMAND_FAILED = -32000,   ///< the command's own error, with kind, severity and ranks in the data
         VERSION_MISMATCH = -32001, ///< client and server speak different protocols
         NOT_AUTHENTICATED = -32002,
         BUSY = -32003, ///< another client is connected and the session serves one at a time

@@ -41,13 +41,29 @@ double secondsSince(std::chrono::system_clock::time_point time) {
     return std::chrono::duration<double>(std::chrono::system_clock::now() - time).count();
 }
 
-/// The answer to a command: its response, or its error with all else that stands in the response.
-std::string answerOf(const std::string& id, const Properties& response) {
-    if (!Error::isErrorIn(response))
-        return RpcMessage::answer(id, response.toString());
-    Properties data = response;
+RpcFault::Code codeOf(Controller::Outcome::Status status) {
+    switch (status) {
+    case Controller::Outcome::UNKNOWN_COMMAND:
+        return RpcFault::METHOD_NOT_FOUND;
+    case Controller::Outcome::WRONG_ARGUMENTS:
+        return RpcFault::INVALID_PARAMS;
+    case Controller::Outcome::STOPPING:
+        return RpcFault::STOPPING;
+    case Controller::Outcome::DONE:
+    case Controller::Outcome::FAILED:
+        break;
+    }
+    return RpcFault::COMMAND_FAILED;
+}
+
+/// The answer to a command: its results, or its error with all else that the error tells.
+std::string answerOf(const std::string& id, const Controller::Outcome& outcome) {
+    if (!outcome.hasFailed())
+        return RpcMessage::answer(id, outcome.response.toString());
+    Properties data = outcome.response;
     data.remove(Error::MESSAGE_TAG);
-    return RpcMessage::failure(id, {RpcFault::COMMAND_FAILED, Error::getMessage(response)}, data.toString());
+    return RpcMessage::failure(id, {codeOf(outcome.status), Error::getMessage(outcome.response)},
+                               data.toString());
 }
 
 } // namespace
@@ -384,22 +400,22 @@ void ServerService::runCommand(RpcConnection& connection, const RpcMessage& mess
     connection.beginRequest();
     ++_unanswered;
     const auto done = [self = shared_from_this(), to = connection.shared_from_this(), id = message.id](
-                          const Properties& response) { self->onCommandDone(*to, id, response); };
+                          const Controller::Outcome& outcome) { self->onCommandDone(*to, id, outcome); };
     try {
         Controller::getSingleton().enqueue({std::move(command), connection.getPeer().client, done});
     } catch (const std::exception& error) {
-        done(RecoverableError(error.what()).getProperties());
+        done({Controller::Outcome::FAILED, SystemError(error.what()).toResponse()});
     }
 }
 
 void ServerService::onCommandDone(RpcConnection& connection, const std::string& id,
-                                  const Properties& response) {
+                                  const Controller::Outcome& outcome) {
     std::string line;
     try {
         reviveConsole();
         drainConsole(); // what the command printed comes before its answer
         if (!id.empty())
-            line = answerOf(id, response);
+            line = answerOf(id, outcome);
     } catch (const std::exception& error) { // too large for the memory that is left
         line = RpcMessage::failure(
             id, {RpcFault::INTERNAL_ERROR, std::string("The response is lost: ") + error.what()});

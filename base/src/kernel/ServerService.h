@@ -1,6 +1,7 @@
 #pragma once
 
 #include "kernel/ConsoleRelay.h"
+#include "kernel/Controller.h"
 #include "kernel/RateLimitedLog.h"
 #include "kernel/RpcConnection.h"
 #include "kernel/Server.h"
@@ -85,7 +86,7 @@ private:
     void greet(RpcConnection& connection, const RpcMessage& message);
     void admit(RpcConnection& connection, const RpcMessage& message, const std::string& proof);
     void runCommand(RpcConnection& connection, const RpcMessage& message);
-    void onCommandDone(RpcConnection& connection, const std::string& id, const Properties& response);
+    void onCommandDone(RpcConnection& connection, const std::string& id, const Controller::Outcome& outcome);
     /// The server's own methods, answered at once whatever command runs.
     std::string callMethod(const std::string& method, const Properties& params,
                            const RpcConnection& connection);

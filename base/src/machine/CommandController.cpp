@@ -6,13 +6,14 @@
 #include "machine/Machine.h"
 
 #include "kernel/Command.h"
-#include "kernel/Controller.h"
 #include "kernel/EventTracker.h"
 #include "kernel/Properties.h"
 #include "kernel/Raise.h"
 #include "kernel/Server.h"
 
 #include <iostream>
+#include <optional>
+#include <set>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -23,14 +24,64 @@ bool isSerialOrMaster() {
     return Machine::isSerial() || Machine::isMaster();
 }
 
-/// Replaces the error that may stand in `response` by that of another rank.
-void takeError(const Properties& error, Properties& response) {
-    for (const char* tag : {Error::ERROR_TAG, Error::MESSAGE_TAG, Error::SEVERITY_TAG})
-        response.remove(tag);
-    response.set(Error::ERROR_TAG, error.getString(Error::ERROR_TAG));
-    response.set(Error::MESSAGE_TAG, error.getString(Error::MESSAGE_TAG));
-    if (error.hasName(Error::SEVERITY_TAG))
-        response.set(Error::SEVERITY_TAG, error.getInt(Error::SEVERITY_TAG));
+/// The name of the command that gave `response`: the command may have put something else in its place.
+std::string commandIn(const Properties& response) {
+    constexpr const char* UNKNOWN = "Unknown Command";
+    try {
+        return response.getOr(CommandController::COMMAND_KEY, UNKNOWN);
+    } catch (const InputError&) {
+        return UNKNOWN;
+    }
+}
+
+/// As in "1,3-7", of ranks that rise.
+std::string describeRanks(const std::vector<unsigned>& ranks) {
+    std::string text;
+    for (std::size_t first = 0; first < ranks.size();) {
+        std::size_t last = first;
+        while (last + 1 < ranks.size() && ranks[last + 1] == ranks[last] + 1)
+            ++last;
+        text += (text.empty() ? "" : ",") + std::to_string(ranks[first]);
+        if (last != first)
+            text += "-" + std::to_string(ranks[last]);
+        first = last + 1;
+    }
+    return text;
+}
+
+/// The error of the lowest rank that has one with a message, on every rank; nothing when there is none.
+/// Collective: one all-gather of the messages, and one broadcast more when there is an error.
+/// @param mine  this rank's error, null when it has none
+std::optional<Properties> gatherError(const Properties* mine) {
+    constexpr std::size_t MAX_COMPARED = 4096; // of each message: the winner's is sent whole
+    const std::string message = mine ? Error::getMessage(*mine).substr(0, MAX_COMPARED) : std::string();
+    Communicator& communicator = Machine::globalCommunicator();
+    std::string messages;
+    std::vector<unsigned> lengths;
+    communicator.allGatherVector(message, messages, lengths);
+    if (messages.empty())
+        return std::nullopt;
+
+    std::vector<unsigned> ranks;
+    std::set<std::string_view> different;
+    std::size_t begin = 0;
+    for (unsigned rank = 0; rank < lengths.size(); begin += lengths[rank++])
+        if (lengths[rank] != 0) {
+            ranks.push_back(rank);
+            different.insert(std::string_view(messages).substr(begin, lengths[rank]));
+        }
+    const unsigned winner = ranks.front();
+    std::string text = Machine::getPartitionId() == winner ? mine->toString() : std::string();
+    communicator.broadcast(text, winner);
+    Properties error(text);
+    for (const char* key : {CommandController::RANK_KEY, CommandController::MESSAGES_KEY})
+        error.remove(key); // of the ranks the job alone can tell
+    if (winner != 0)
+        error.set(CommandController::RANK_KEY, winner);
+    error.set(CommandController::RANKS_KEY, describeRanks(ranks));
+    if (different.size() > 1)
+        error.set(CommandController::MESSAGES_KEY, different.size());
+    return error;
 }
 
 void assertMayExecuteCommands() {
@@ -43,8 +94,7 @@ class ExitCommandLoop : public NoResultCommand {
 public:
     static constexpr const char* NAME = "ExitCommandLoop";
 
-    ExitCommandLoop()
-        : NoResultCommand({"Sends the workers out of their command loop; the master's own business"}) {}
+    ExitCommandLoop() : NoResultCommand({"Sends the workers out of their command loop."}, Access::SYSTEM) {}
     std::string getName() const override { return NAME; }
     using NoResultCommand::execute;
     void execute(const Properties&) override {}
@@ -76,11 +126,11 @@ private:
 class CommandController::GatherResponseObserver : public Observer {
 public:
     explicit GatherResponseObserver(CommandController* controller) : _controller(controller) {}
-    void update(Properties& response) override {
+    void update(Properties&) override {
         ORVEX_ASSERT(Machine::isMaster(),
                      "Only the master can observe the Scatter/Gather Command Observable");
         Machine::getSingleton().setState(Machine::GATHERING_RESPONSE);
-        _controller->gatherResponse(response);
+        _controller->gatherResponse(Controller::getSingleton().getToldOutcome());
         Machine::getSingleton().setState(Machine::AWAITING_COMMAND);
     }
 
@@ -91,10 +141,10 @@ private:
 class CommandController::PostExecuteFloatingPointErrorObserver : public Observer {
 public:
     explicit PostExecuteFloatingPointErrorObserver(CommandController* controller) : _controller(controller) {}
-    void update(Properties& response) override {
+    void update(Properties&) override {
         ORVEX_ASSERT(Machine::isSerial(),
                      "Only serial should update the PostExecuteFloatingPointErrorObservable");
-        _controller->postExecuteFloatingPointErrorCheck(response);
+        _controller->postExecuteFloatingPointErrorCheck(Controller::getSingleton().getToldOutcome());
     }
 
 private:
@@ -154,7 +204,6 @@ private:
     void serveOne() {
         Machine& machine = Machine::getSingleton();
         Properties command;
-        Properties response;
         machine.setState(Machine::AWAITING_COMMAND);
         try {
             _controller->scatterCommand(command);
@@ -163,10 +212,9 @@ private:
         }
         _exit = Command::getCommandName(command) == ExitCommandLoop::NAME;
         machine.setState(Machine::PROCESSING);
-        // A failure stands in the response, where the gathering finds it.
-        static_cast<void>(Controller::getSingleton().executeCommand(command, response));
+        Controller::Outcome outcome = Controller::getSingleton().executeScattered(command);
         machine.setState(Machine::GATHERING_RESPONSE);
-        _controller->gatherResponse(response);
+        _controller->gatherResponse(outcome);
         machine.setState(Machine::AWAITING_COMMAND);
     }
 
@@ -279,44 +327,32 @@ void CommandController::scatterCommand(Properties& command) const {
     command = Properties(text);
 }
 
-bool CommandController::gatherResponse(Properties& response) const {
+void CommandController::gatherResponse(Controller::Outcome& outcome) const {
     const EventTracker::Track track("CommandController", "gatherResponse");
-    postExecuteFloatingPointErrorCheck(response);
-    parseErrorProperties(response);
-    return true;
+    if (std::optional<Properties> error = gatherError(outcome.hasFailed() ? &outcome.response : nullptr))
+        outcome = {Controller::Outcome::FAILED, std::move(*error)};
+    postExecuteFloatingPointErrorCheck(outcome);
 }
 
-void CommandController::postExecuteFloatingPointErrorCheck(Properties& response) const {
+/// A fault counts when no rank's command has failed by then.
+void CommandController::postExecuteFloatingPointErrorCheck(Controller::Outcome& outcome) const {
     try {
         GlobalFloatingPointExceptionStatus::AssertNoException(AssertNoFpeAccessKey());
     } catch (const Error& error) {
-        if (Error::isErrorIn(response))
+        if (outcome.hasFailed())
             return;
-        const std::string name =
-            response.hasName(COMMAND_KEY) ? response.getString(COMMAND_KEY) : "Unknown Command";
-        response = error.getProperties();
-        response.set(COMMAND_KEY, name);
+        Properties response = error.toResponse();
+        response.set(COMMAND_KEY, commandIn(outcome.response));
+        outcome = {Controller::Outcome::FAILED, std::move(response)};
     }
 }
 
 void CommandController::parseErrorProperties(Properties& response) const {
-    const std::string mine = Error::isErrorIn(response) ? response.toString() : std::string();
-    std::string texts;
-    std::vector<unsigned> lengths;
-    Machine::globalCommunicator().allGatherVector(mine, texts, lengths);
-
-    std::string_view rest = texts;
-    for (unsigned rank = 0; rank < lengths.size() && !rest.empty(); ++rank) {
-        const std::string_view text = rest.substr(0, lengths[rank]);
-        rest.remove_prefix(lengths[rank]);
-        if (text.empty())
-            continue;
-        const Properties error(text);
-        if (Error::getMessage(error).empty())
-            continue;
-        takeError(error, response);
-        if (rank != 0)
-            response.set(RANK_KEY, rank);
+    const std::optional<Properties> error = gatherError(Error::isErrorIn(response) ? &response : nullptr);
+    if (!error)
         return;
-    }
+    for (const char* key :
+         {Error::ERROR_TAG, Error::MESSAGE_TAG, Error::SEVERITY_TAG, RANK_KEY, MESSAGES_KEY})
+        response.remove(key);
+    response.merge(*error);
 }

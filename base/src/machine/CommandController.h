@@ -1,5 +1,6 @@
 #pragma once
 
+#include "kernel/Controller.h"
 #include "kernel/Observer.h"
 #include "machine/MachineExport.h"
 
@@ -19,7 +20,10 @@ class Properties;
 class ORVEX_MACHINE_EXPORT CommandController {
 public:
     static constexpr const char* COMMAND_KEY = "Command"; ///< in a response: the name of the command
-    static constexpr const char* RANK_KEY = "Rank";       ///< in a response: the rank whose error it holds
+    static constexpr const char* RANK_KEY = "Rank";       ///< in an error: the rank whose error it is
+    static constexpr const char* RANKS_KEY = "Ranks"; ///< in an error: all ranks that failed, as in "1,3-7"
+    /// In an error: number of different messages on the ranks that failed, when there are several.
+    static constexpr const char* MESSAGES_KEY = "DifferentMessages";
 
     /// Made on first use; the role must be fixed by then.
     static CommandController& getSingleton();
@@ -45,8 +49,10 @@ public:
     /// @throw NonRecoverableError when the file can't be loaded, or no module knows how to
     void masterExecuteRestoreState(const std::wstring& filename);
 
-    /// Makes the errors of all ranks one: the error of the lowest failing rank stands in `response` on every
-    /// rank, with RANK_KEY when that isn't rank 0. Collective.
+    /// Makes the errors of all ranks one: the error of the lowest rank that has one with a message stands in
+    /// `response` on every rank, with all its keys, with RANK_KEY when that isn't rank 0, RANKS_KEY and
+    /// MESSAGES_KEY. Other keys of `response` stay. A response with Error::ERROR_TAG is taken for an error.
+    /// Collective.
     void parseErrorProperties(Properties& response) const;
 
     /// Sends the workers of a parallel job out of processCommands(), for a server that ran its commands
@@ -71,8 +77,8 @@ private:
     void setSpinWait(bool on) { _spinWait = on; }
 
     void scatterCommand(Properties& command) const;
-    bool gatherResponse(Properties& response) const;
-    void postExecuteFloatingPointErrorCheck(Properties& response) const;
+    void gatherResponse(Controller::Outcome& outcome) const;
+    void postExecuteFloatingPointErrorCheck(Controller::Outcome& outcome) const;
 
     static CommandController* _singleton;
 

@@ -90,13 +90,6 @@ backtrace_state* getState() {
     return state;
 }
 
-std::string demangle(const char* symbol) {
-    int status = 0;
-    const std::unique_ptr<char, void (*)(void*)> name(
-        ::abi::__cxa_demangle(symbol, nullptr, nullptr, &status), std::free);
-    return status == 0 && name ? name.get() : symbol;
-}
-
 struct Place {
     std::string function;
     std::string file;
@@ -107,7 +100,7 @@ struct Place {
 int takePlace(void* data, std::uintptr_t, const char* file, int line, const char* function) {
     auto& place = *static_cast<Place*>(data);
     if (function != nullptr)
-        place.function = demangle(function);
+        place.function = Platform::StackTracer::demangle(function);
     if (file != nullptr) {
         place.file = file;
         place.line = line;
@@ -121,7 +114,7 @@ void takeSymbol(void* data, std::uintptr_t, const char* symbol, std::uintptr_t, 
     auto& function = static_cast<Place*>(data)->function;
     if (symbol == nullptr)
         return;
-    const std::string whole = demangle(symbol);
+    const std::string whole = Platform::StackTracer::demangle(symbol);
     if (whole.find(function) != std::string::npos)
         function = whole;
 }
@@ -137,7 +130,7 @@ std::string describe(const void* frame) {
     Dl_info library{};
     const bool known = ::dladdr(static_cast<const char*>(frame) - 1, &library) != 0;
     if (place.function.empty() && known && library.dli_sname != nullptr)
-        place.function = demangle(library.dli_sname);
+        place.function = Platform::StackTracer::demangle(library.dli_sname);
 
     std::ostringstream text;
     if (place.function.empty())
@@ -191,6 +184,13 @@ void writeAddress(int descriptor, const void* frame) {
 }
 
 } // namespace
+
+std::string StackTracer::demangle(const char* symbol) {
+    int status = 0;
+    const std::unique_ptr<char, void (*)(void*)> name(
+        ::abi::__cxa_demangle(symbol, nullptr, nullptr, &status), std::free);
+    return status == 0 && name ? name.get() : symbol;
+}
 
 [[gnu::noinline]] std::size_t StackTracer::capture(const void** frames, std::size_t maxFrames,
                                                    std::size_t skip) const {

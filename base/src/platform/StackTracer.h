@@ -11,6 +11,9 @@ namespace Platform {
 /// Takes stack traces and turns them into text. Local, any thread.
 class ORVEX_PLATFORM_EXPORT StackTracer {
 public:
+    /// The name of a function or type in C++, for example of what std::type_info::name() gives; `symbol`
+    /// itself where it isn't one of the compiler's.
+    static std::string demangle(const char* symbol);
     /// Fills `frames` with return addresses, the caller's own frame first. Cheap, and allowed in the handler
     /// of a fault.
     /// @param skip  frames to leave out at the top

@@ -38,12 +38,15 @@ private:
 
 int timesCounted = 0;
 
-/// Fails on the ranks in "ranks", each with its own text.
-void fail(const Properties& args, Properties&) {
-    std::vector<unsigned> ranks;
-    args.get("ranks", ranks);
-    if (isAmong(ranks))
-        throw InputError("failed on rank " + std::to_string(Machine::getPartitionId()));
+/// Fails on the ranks in "ranks", each with its own text or with "text"; elsewhere the results look like an
+/// error.
+void fail(const Properties& args, Properties& response) {
+    response.merge(Properties(R"({"Error":0.5,"Message":"no error","Severity":[]})"));
+    const std::string rank = std::to_string(Machine::getPartitionId());
+    Properties more;
+    more.set(Error::STACK_TRACE_TAG, "trace " + rank);
+    if (isAmong(args.getOr("ranks", std::vector<unsigned>())))
+        throw InputError(args.getOr("text", "failed on rank " + rank), 2, more);
 }
 
 /// Answers whether all ranks got the same text, and how long it is.
@@ -113,9 +116,10 @@ protected:
         Properties command = args;
         command.set(Command::COMMAND_TAG, name);
         Properties response;
-        CommandController::getSingleton().masterExecuteCommand(command, response);
+        lastWasFine = CommandController::getSingleton().masterExecuteCommand(command, response);
         return response;
     }
+    static bool lastWasFine;
     static Properties run(const std::string& name, const std::vector<unsigned>& ranks) {
         Properties args;
         args.set("ranks", ranks);
@@ -123,16 +127,23 @@ protected:
     }
 };
 
+bool CommandControllerTest::lastWasFine = true;
+
 struct FailingRanks {
     std::vector<unsigned> ranks;
     unsigned winner;
+    std::string text;
 };
 
 /// Rows whose ranks this job doesn't have are played by those that it has.
 std::vector<FailingRanks> failingRanks() {
     const unsigned last = Machine::nProcesses() - 1;
     const auto inJob = [last](unsigned rank) { return std::min(rank, last); };
-    return {{{inJob(2), inJob(5)}, inJob(2)}, {{0, inJob(3)}, 0}, {{last}, last}, {{0}, 0}};
+    const std::string two = inJob(2) == inJob(5) ? std::to_string(last) : "2,5";
+    return {{{inJob(2), inJob(5)}, inJob(2), two},
+            {{0, inJob(1)}, 0, last == 0 ? "0" : "0-1"},
+            {{last}, last, std::to_string(last)},
+            {{0}, 0, "0"}};
 }
 
 } // namespace
@@ -148,8 +159,18 @@ TEST_F(CommandControllerTest, TheLowestFailingRankIsTheErrorOfAllAndTheWorkersSt
             if (row.winner != 0) {
                 EXPECT_EQ(response.getUnsignedInt(CommandController::RANK_KEY), row.winner);
             }
-            EXPECT_FALSE(Error::isErrorIn(run("TestFail", std::vector<unsigned>())));
+            EXPECT_EQ(response.getString(CommandController::RANKS_KEY), row.text);
+            EXPECT_EQ(response.getOr(CommandController::MESSAGES_KEY, 1), row.text.size() > 1 ? 2 : 1);
+            EXPECT_EQ(response.getString(Error::STACK_TRACE_TAG), "trace " + std::to_string(row.winner));
+            EXPECT_EQ(response.getString(Error::KIND_TAG), Error::INPUT_KIND);
+            EXPECT_EQ(run("TestFail").getReal(Error::ERROR_TAG), 0.5); // results, whatever their keys
+            EXPECT_TRUE(lastWasFine);
         }
+        // An error without a message is none the less one.
+        Properties args(R"({"text":""})");
+        args.set("ranks", std::vector<unsigned>{Machine::nProcesses() - 1});
+        EXPECT_EQ(Error::getMessage(run("TestFail", args)), "An error of type InputError without a message");
+        EXPECT_FALSE(lastWasFine);
     });
     EXPECT_EQ(Machine::getSingleton().getState(), Machine::AWAITING_COMMAND);
 }
@@ -220,7 +241,7 @@ TEST_F(CommandControllerTest, QueuedCommandsRunOnAllRanksInTheMiddleOfACommand) 
             command.set(Command::COMMAND_TAG, name);
             command.set("ranks", std::vector<unsigned>{Machine::nProcesses() - 1});
             Controller::getSingleton().enqueue(
-                {command, "a test", [&answers](const Properties&) { ++answers; }});
+                {command, "a test", [&answers](const Controller::Outcome&) { ++answers; }});
         };
         enqueue("TestCount");
         enqueue("TestFail");

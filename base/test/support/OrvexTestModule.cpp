@@ -33,24 +33,17 @@ CommandKey secondsKey(const char* meaning) {
 
 /// Whether this rank is one of "ranks".
 bool isChosen(const Properties& args) {
-    if (!args.hasName("ranks"))
-        return true;
-    std::vector<unsigned> ranks;
-    args.get("ranks", ranks);
+    const std::vector<unsigned> ranks = args.getOr("ranks", std::vector{Machine::getPartitionId()});
     return std::find(ranks.begin(), ranks.end(), Machine::getPartitionId()) != ranks.end();
-}
-
-std::string textOr(const Properties& args, const char* key, const std::string& otherwise) {
-    return args.hasName(key) ? args.getString(key) : otherwise;
-}
-
-double secondsOr(const Properties& args, double otherwise) {
-    return args.hasName("seconds") ? args.getReal("seconds") : otherwise;
 }
 
 [[noreturn]] void refuseKind(const std::string& kind) {
     raise(InputError("\"kind\" can't be \"" + kind + "\""));
 }
+
+struct Silent : std::exception {
+    const char* what() const noexcept override { return nullptr; }
+};
 
 class TestFail : public NoResultCommand {
 public:
@@ -61,15 +54,15 @@ public:
                {ranksKey(),
                 {"kind", "text",
                  "recoverable (the default), input, system, floatingPoint, nonRecoverable, internal, "
-                 "standard or unknown",
+                 "standard, unknown, empty (without a message) or null (of what())",
                  false},
                 {"message", "text", "its message, to which the rank is added", false}},
                {}}) {}
     std::string getName() const override { return "TestFail"; }
     void execute(const Properties& args) override {
-        const std::string kind = textOr(args, "kind", "recoverable");
-        const std::string message = textOr(args, "message", "A test failed") + " on rank " +
-                                    std::to_string(Machine::getPartitionId());
+        const std::string kind = args.getOr("kind", "recoverable");
+        const std::string message =
+            args.getOr("message", "A test failed") + " on rank " + std::to_string(Machine::getPartitionId());
         if (isChosen(args))
             fail(kind, message);
     }
@@ -92,6 +85,10 @@ private:
             throw std::runtime_error(message);
         if (kind == "unknown")
             throw 42;
+        if (kind == "empty")
+            raise(InputError(""));
+        if (kind == "null")
+            throw Silent();
         refuseKind(kind);
     }
 };
@@ -109,7 +106,7 @@ public:
                {}}) {}
     std::string getName() const override { return "TestCrash"; }
     void execute(const Properties& args) override {
-        const std::string kind = textOr(args, "kind", "segmentation");
+        const std::string kind = args.getOr("kind", "segmentation");
         if (isChosen(args))
             crash(kind);
     }
@@ -154,7 +151,7 @@ public:
     std::string getName() const override { return "TestWait"; }
     void execute(const Properties& args) override {
         if (isChosen(args))
-            Platform::time().sleep(secondsOr(args, 1.0));
+            Platform::time().sleep(args.getOr("seconds", 1.0));
     }
 };
 
@@ -173,9 +170,9 @@ public:
     void execute(const Properties& args) override {
         if (!isChosen(args))
             return;
-        const unsigned lines = args.hasName("lines") ? args.getUnsignedInt("lines") : 1;
-        const std::string text = textOr(args, "text", "line");
-        const double pause = lines > 1 ? secondsOr(args, 0.0) / (lines - 1) : 0.0;
+        const unsigned lines = args.getOr("lines", 1u);
+        const std::string text = args.getOr("text", "line");
+        const double pause = lines > 1 ? args.getOr("seconds", 0.0) / (lines - 1) : 0.0;
         for (unsigned line = 0; line < lines; ++line) {
             if (line > 0 && pause > 0.0)
                 Platform::time().sleep(pause);
@@ -215,18 +212,22 @@ public:
 
 private:
     static bool holdsThisRank(const Properties& args, const char* key) {
-        std::vector<unsigned> ranks;
-        if (args.hasName(key))
-            args.get(key, ranks);
+        const std::vector<unsigned> ranks = args.getOr(key, std::vector<unsigned>());
         return std::find(ranks.begin(), ranks.end(), Machine::getPartitionId()) != ranks.end();
     }
 };
 
 class TestEcho : public QueryCommand {
 public:
-    TestEcho() : QueryCommand({"Answers with its arguments.", {}, {}}) {}
+    TestEcho()
+        : QueryCommand({"Answers with its arguments.",
+                        {{CommandKey::ANY, "any", "what to answer", false}},
+                        {{CommandKey::ANY, "any", "the arguments"}}}) {}
     std::string getName() const override { return "TestEcho"; }
-    void execute(const Properties& args, Properties& response) override { response.set("arguments", args); }
+    void execute(const Properties& args, Properties& response) override {
+        response.merge(args);
+        response.remove(COMMAND_TAG);
+    }
 };
 
 /// Stands for the command of a solver module that reads a simulation file: a text file whose first line must

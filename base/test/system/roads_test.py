@@ -1,6 +1,7 @@
 """The road of a command: client, server, all ranks and back; for serial servers and jobs of several sizes."""
 import json
 import os
+import pathlib
 import subprocess
 import time
 
@@ -67,19 +68,37 @@ class Failing(Case):
     """An error on some ranks is one error for the client; the job goes on."""
 
     def test_ranks(self):
+        page = pathlib.Path(__file__).resolve().parents[3] / "docs/PROTOCOL.md"
+        errors = page.read_text().partition("## Errors")[2].partition("## ")[0]
         for mpi in MPIS:
             job = self.ready("-module", "OrvexTestModule", mpi=mpi, ranks=7)
-            for ranks, winner in (([2, 5], 2), ([0, 3], 0), ([6], 6), ([0, 1, 2, 3, 4, 5, 6], 0)):
+            for ranks, winner, told in (([2, 5], 2, "2,5"), ([0, 3], 0, "0,3"), ([6], 6, "6"), (range(7), 0, "0-6")):
                 with self.subTest(mpi=mpi, ranks=ranks):
-                    answer = job.ctl("--json", "TestFail", "ranks=" + json.dumps(ranks), check=False)
+                    answer = job.ctl("--json", "TestFail", "ranks=" + json.dumps([*ranks]), check=False)
                     self.assertNotEqual(answer.returncode, 0)
                     text = answer.stdout + answer.stderr
                     self.assertIn(f"rank {winner}", text.lower())
+                    self.assertEqual(json.loads(text)["error"]["data"]["Ranks"], told)
                     if winner:
                         self.assertRegex(text, rf'"Rank": ?{winner}\b')
                     else:
                         self.assertNotIn('"Rank"', text)
                     self.assertEqual(job.run("GetNumberOfWorkers")["NumberOfWorkers"], 7)
+            for words, code, text in ((("ExitCommandLoop",), -32601, 'Unknown command "ExitCommandLoop"'),
+                                      (("TestFail", "knd=null"), -32602, 'did you mean "kind"'),
+                                      (("ListDir",), -32602, 'needs the argument "path"'),
+                                      (("TestFail", "ranks=[6]", "kind=null"), -32000, "without a message"),
+                                      (("TestFail", "ranks=[6]", "kind=empty"), -32000, "InputError without a message"),
+                                      (("TestFail", "ranks=[5,6]", "kind=internal"), -32000, "on rank 5")):
+                with self.subTest(mpi=mpi, words=words):
+                    error = json.loads(job.ctl("--json", *words, check=False).stdout)["error"]
+                    self.assertEqual(error["code"], code)
+                    self.assertIn(text, error["message"])
+                    self.assertIn(str(code), errors)
+                    self.assertEqual([key for key in error["data"] if f"`{key}`" not in errors], [])
+            self.assertNotIn("ExitCommandLoop", job.ctl("list-commands").stdout)
+            self.assertEqual(job.run("TestEcho", "Error=0.5", "Message=fine"),
+                             {"Command": "TestEcho", "Error": 0.5, "Message": "fine"})
             self.stop(job)
 
 

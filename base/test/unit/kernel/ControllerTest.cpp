@@ -26,8 +26,10 @@ using Body = std::function<void(const Properties& args, Properties& response)>;
 /// A command that does what the test gives it.
 class TestCommand : public Command {
 public:
-    TestCommand(std::string name, Body body, bool threaded = false)
-        : _name(std::move(name)), _body(std::move(body)), _threaded(threaded) {}
+    TestCommand(std::string name, Body body, bool threaded = false, CommandHelp help = {},
+                Access access = Access::CLIENTS)
+        : Command(std::move(help), access), _name(std::move(name)), _body(std::move(body)),
+          _threaded(threaded) {}
     void execute(const Properties& args, Properties& response) override { _body(args, response); }
     std::string getName() const override { return _name; }
     bool isThreaded(const Properties& args) const override { return _threaded && !args.hasName("inline"); }
@@ -41,6 +43,13 @@ private:
     std::string _name;
     Body _body;
     bool _threaded;
+};
+
+/// An exception that has nothing to say.
+struct Silent : std::exception {
+    explicit Silent(const char* text) : _text(text) {}
+    const char* what() const noexcept override { return _text; }
+    const char* _text;
 };
 
 /// Writes its letter to a log, and throws on demand.
@@ -78,14 +87,17 @@ protected:
     }
     Properties run(const std::string& name) {
         Properties response;
-        const bool isFine = controller.executeCommand(request(name), response);
-        EXPECT_EQ(isFine, !Error::isErrorIn(response));
+        isFine = controller.executeCommand(request(name), response);
         return response;
     }
     /// Queues a request whose response lands in `responses`.
     void queue(const std::string& name, const std::string& client = "somebody") {
-        controller.enqueue({request(name), client, [this](const Properties& response) {
-                                responses.push_back(response);
+        queue(request(name), client);
+    }
+    void queue(const Properties& command, const std::string& client = "somebody") {
+        controller.enqueue({command, client, [this](const Controller::Outcome& outcome) {
+                                responses.push_back(outcome.response);
+                                lastStatus = outcome.status;
                                 answeredOnMain = answeredOnMain && Thread::isMain();
                             }});
     }
@@ -96,6 +108,8 @@ protected:
     LogObserver gather{log, "g"};
     LogObserver floating{log, "f"};
     std::vector<Properties> responses;
+    Controller::Outcome::Status lastStatus = Controller::Outcome::DONE; ///< of the last answer
+    bool isFine = true;                                             ///< what executeCommand() gave last
     bool answeredOnMain = true;
 };
 
@@ -136,12 +150,22 @@ TEST_F(ControllerTest, ErrorsOfEveryKindEndInTheResponse) {
         std::function<void()> fail;
         const char* message;
         int severity;
-    } rows[] = {{"Input", [] { raise(InputError("bad input")); }, "bad input", 2},
-                {"NonRecoverable", [] { raise(NonRecoverableError("gone")); }, "gone", 3},
-                {"Assertion", [] { ORVEX_ASSERT(1 == 2, "odd"); }, "odd", 3},
-                {"Standard", [] { throw std::out_of_range("beyond"); }, "beyond", 2},
-                {"Unknown", [] { throw 7; }, "An exception of an unknown type left the command", 3},
-                {"Twice", [] { raise(InputError("twice")); }, "twice", 2}};
+        const char* kind;
+    } rows[] = {
+        {"Input", [] { raise(InputError("bad input")); }, "bad input", 2, "input"},
+        {"System", [] { raise(SystemError("disk full")); }, "disk full", 2, "system"},
+        {"Solver", [] { raise(FloatingPointError("overflow")); }, "overflow", 2, "solver"},
+        {"Raiser", [] { raise(SystemError("mine", 2, Properties(R"({"Kind":"input"})"))); }, "mine", 2,
+         "input"},
+        {"NonRecoverable", [] { raise(NonRecoverableError("gone")); }, "gone", 3, "internal"},
+        {"Assertion", [] { ORVEX_ASSERT(1 == 2, "odd"); }, "odd", 3, "internal"},
+        {"Standard", [] { throw std::out_of_range("beyond"); }, "beyond", 2, "internal"},
+        {"Memory", [] { throw std::bad_alloc(); }, "std::bad_alloc", 2, "system"},
+        {"Unknown", [] { throw 7; }, "An exception of type int left the command", 3, "internal"},
+        {"Empty", [] { raise(InputError("")); }, "An error of type InputError without a message", 2, "input"},
+        {"Null", [] { throw Silent(nullptr); },
+         "An exception of type (anonymous namespace)::Silent without a message", 2, "solver"},
+        {"Twice", [] { raise(InputError("twice")); }, "twice", 2, "input"}};
     for (const auto& row : rows) {
         add(row.name, [&](const Properties&, Properties& response) {
             response.set("half", "done");
@@ -152,12 +176,84 @@ TEST_F(ControllerTest, ErrorsOfEveryKindEndInTheResponse) {
         EXPECT_EQ(log, "sgf");
         EXPECT_EQ(Error::getMessage(response), row.message);
         EXPECT_EQ(response.getInt(Error::SEVERITY_TAG), row.severity);
-        EXPECT_TRUE(response.hasName(Error::ERROR_TAG));
+        EXPECT_EQ(response.getString(Error::KIND_TAG), row.kind);
+        EXPECT_TRUE(response.hasName(Error::ERROR_TAG) && !isFine);
         EXPECT_EQ(response.getString("Command"), row.name);
         EXPECT_EQ(response.getString("seen"), row.message); // onError was called with the error in place
         EXPECT_FALSE(response.hasName("half"));
     }
     EXPECT_EQ(NonRecoverableError::isNonRecoverableErrorIn(run("Assertion")), true);
+}
+
+TEST_F(ControllerTest, ResultsHaveWhateverKeysTheyLike) {
+    const Properties results(
+        R"({"Command":7,"Error":0.5,"Message":"fine","Severity":"3","Rank":[1],"Kind":{}})");
+    add("Odd", [&](const Properties&, Properties& response) { response.merge(results); });
+    EXPECT_EQ(run("Odd"), results);
+    EXPECT_TRUE(isFine);
+    EXPECT_FALSE(controller.executeScattered(request("Odd")).hasFailed());
+    queue("Odd");
+    controller.processQueuedCommands();
+    EXPECT_EQ(responses.back(), results);
+    EXPECT_EQ(lastStatus, Controller::Outcome::DONE);
+    EXPECT_THROW(controller.getToldOutcome(), InternalError);
+    gather.work = [&](Properties&) { controller.getToldOutcome().status = Controller::Outcome::FAILED; };
+    run("Odd");
+    EXPECT_FALSE(isFine);
+}
+
+TEST_F(ControllerTest, ClientsDontReachInternalCommands) {
+    controller.registerCommand(new TestCommand(
+        "ExitLoop", [&](const Properties&, Properties&) { log += "x"; }, false, {"Ends the loop."},
+        Command::Access::SYSTEM));
+    queue("ExitLoop");
+    controller.processQueuedCommands();
+    EXPECT_EQ(Error::getMessage(responses[0]), "Unknown command \"ExitLoop\"");
+    EXPECT_EQ(lastStatus, Controller::Outcome::UNKNOWN_COMMAND);
+    EXPECT_TRUE(controller.getCommands().empty());
+    EXPECT_EQ(log, "");
+    controller.execute(request("ExitLoop"));
+    EXPECT_FALSE(controller.executeScattered(request("ExitLoop")).hasFailed());
+    EXPECT_EQ(log, "sxgfsxgf");
+}
+
+TEST_F(ControllerTest, ArgumentsAreCheckedBeforeAnythingElseHappens) {
+    const auto takeCall = [&](const Properties&, Properties&) { log += "x"; };
+    controller.registerCommand(new TestCommand("Solve", takeCall, false,
+                                               {"Solves.",
+                                                {{"nx", "unsigned", "points"},
+                                                 {"tolerance", "real", "to reach", false},
+                                                 {"weights", "vector of real", "of the points", false}}}));
+    controller.registerCommand(
+        new TestCommand("Any", takeCall, false, {"Any.", {{"*", "any", "all", false}}}));
+    const struct {
+        const char* args;
+        const char* fault; ///< none: it runs
+    } rows[] = {
+        {R"({"command":"Solve","nx":4,"tolerance":1,"weights":[1,0.5]})", nullptr},
+        {R"({"command":"Any","Any":4})", nullptr},
+        {R"({"command":"Solve","tolerence":1e-2})",
+         "The command \"Solve\" takes no argument \"tolerence\", did you mean \"tolerance\"?"},
+        {R"({"command":"Solve","nx":4,"NX":4})", "The command \"Solve\" takes no argument \"NX\", did you "
+                                                 "mean \"nx\"? Capital and small letters differ"},
+        {R"({"command":"Solve","nx":"4","q":4})", "The command \"Solve\" takes no argument \"q\""},
+        {R"({"command":"Solve","tolerance":"small"})",
+         "The command \"Solve\" needs the argument \"nx\" (unsigned): points"},
+        {R"({"command":"Solve","nx":-1})",
+         "The key \"nx\" holds an integer (-1), expected an integer from 0 to 4294967295"},
+        {R"({"command":"Solve","nx":1,"weights":[1,"x"]})",
+         "The key \"weights[1]\" holds a text (\"x\"), expected a real number"},
+    };
+    for (const auto& row : rows) {
+        log.clear();
+        queue(Properties(row.args));
+        controller.processQueuedCommands();
+        EXPECT_EQ(log, row.fault ? "" : "sxgf") << row.args;
+        EXPECT_EQ(Error::getMessage(responses.back()), row.fault ? row.fault : "");
+        EXPECT_EQ(lastStatus, row.fault ? Controller::Outcome::WRONG_ARGUMENTS : Controller::Outcome::DONE);
+        Properties response; // from inside the same counts
+        EXPECT_EQ(controller.executeCommand(Properties(row.args), response), row.fault == nullptr);
+    }
 }
 
 TEST_F(ControllerTest, FailingObservers) {
@@ -229,9 +325,9 @@ TEST_F(ControllerTest, TheQueueServesThreadsInTheirOrder) {
                 while (i - next[static_cast<std::size_t>(t)] > 100) // as a server bounds its clients
                     std::this_thread::yield();
                 controller.enqueue(
-                    {command, "client " + std::to_string(t), [&, t](const Properties& response) {
+                    {command, "client " + std::to_string(t), [&, t](const Controller::Outcome& outcome) {
                          std::atomic<int>& expected = next[static_cast<std::size_t>(t)];
-                         inOrder = inOrder && response.getInt("number") == expected;
+                         inOrder = inOrder && outcome.response.getInt("number") == expected;
                          ++expected;
                          if (++answered == THREADS * EACH)
                              controller.stopProcessing();
@@ -257,6 +353,7 @@ TEST_F(ControllerTest, StopEndsTheLoopAndAnswersTheRest) {
     queue("Work");
     queue("Work");
     controller.processCommands();
+    EXPECT_EQ(lastStatus, Controller::Outcome::STOPPING);
     EXPECT_EQ(log, "swgf");
     ASSERT_EQ(responses.size(), 3u); // the one queued after the stop was refused at once, so it comes first
     EXPECT_TRUE(Error::isErrorIn(responses[0]));

@@ -46,6 +46,9 @@ TEST(Error, OddResponsesAreNoTrap) {
     EXPECT_TRUE(Error::isErrorIn(odd));
     EXPECT_EQ(Error::getMessage(odd), "");
     EXPECT_FALSE(NonRecoverableError::isNonRecoverableErrorIn(odd));
+    Properties whole = odd;
+    Error::complete(whole, "text", Error::INPUT_KIND);
+    EXPECT_EQ(whole, Properties(R"({"Error":"Server::Error","Message":"text","Severity":2,"Kind":"input"})"));
 }
 
 TEST(Error, TheHookHearsOfNonRecoverableErrorsThatAreRaised) {

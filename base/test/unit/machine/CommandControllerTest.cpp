@@ -108,9 +108,10 @@ TEST_F(CommandControllerTest, TheQueueOfASerialProcessIsRunAndLeft) {
     command.set(Command::COMMAND_TAG, "TestFaulting");
     command.set("fail", true);
     for (int i = 0; i < 2; ++i)
-        Controller::getSingleton().enqueue({command, "a test", [&answers](const Properties& response) {
-                                                answers += Error::getMessage(response) == "its own error";
-                                            }});
+        Controller::getSingleton().enqueue(
+            {command, "a test", [&answers](const Controller::Outcome& outcome) {
+                 answers += Error::getMessage(outcome.response) == "its own error";
+             }});
     CommandController::getSingleton().processQueuedCommands();
     EXPECT_EQ(answers, 2);
     EXPECT_FALSE(Controller::getSingleton().hasQueuedCommands());

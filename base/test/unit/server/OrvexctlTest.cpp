@@ -53,7 +53,7 @@ TEST_F(OrvexctlTest, runsCommandsAndTellsHowTheyEnd) {
             {{"--session", "", "Echo"}, 2, "--session"},
             {{"--file", "/nowhere/script"}, 2, "/nowhere/script can't be read"},
             {{"list-commands"}, 0, "Echo   For tests: Echo\n"},
-            {{"list-commands", "Echo"}, 0, "text  text  anything  false"},
+            {{"list-commands", "Echo"}, 0, "text  text  anything       false"},
             {{"list-commands", "Ecko"}, 1, "did you mean \"Echo\""},
             {{"status"}, 0, "queued"},
             {{"cancel"}, 0, "cancelled  false"},

@@ -61,6 +61,8 @@ void answersCommands(const std::function<void(RpcClient&)>& connect) {
 
     const RpcClient::Reply unknown = client.call("Ecko", "{}");
     EXPECT_NE(unknown.message.find("did you mean \"Echo\""), std::string::npos) << unknown.message;
+    EXPECT_EQ(unknown.code, RpcFault::METHOD_NOT_FOUND);
+    EXPECT_EQ(client.call("Echo", R"({"text":5})").code, RpcFault::INVALID_PARAMS);
     EXPECT_EQ(client.call("Echo", R"({"command":"Fail"})").code, RpcFault::INVALID_PARAMS);
     EXPECT_EQ(client.call("server.nothing", "{}").code, RpcFault::METHOD_NOT_FOUND);
     EXPECT_FALSE(client.call("Echo", "{}").failed);

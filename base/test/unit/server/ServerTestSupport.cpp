@@ -28,8 +28,9 @@ class TestCommand : public Command {
 public:
     using Body = std::function<void(const Properties& args, Properties& response)>;
     TestCommand(std::string name, Body body)
-        : Command({"For tests: " + name, {{"text", "text", "anything", false}}, {}}), _name(std::move(name)),
-          _body(std::move(body)) {}
+        : Command({"For tests: " + name,
+                   {{"text", "text", "anything", false}, {CommandKey::ANY, "any", "anything else", false}}}),
+          _name(std::move(name)), _body(std::move(body)) {}
     std::string getName() const override { return _name; }
     void execute(const Properties& args, Properties& response) override { _body(args, response); }
 

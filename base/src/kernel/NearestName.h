@@ -1,0 +1,11 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+/// Finds the name that somebody meant who mistyped one. Private to the kernel.
+class NearestName {
+public:
+    /// The first of the nearest names, whatever the case of the letters; empty when none is near.
+    static std::string find(const std::string& typed, const std::vector<std::string>& names);
+};
