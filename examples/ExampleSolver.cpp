@@ -1,6 +1,8 @@
 // A solver module: its command integrates 4 / (1 + x^2) from 0 to 1 on all ranks, which gives pi.
 //
 //   orvexctl ComputePi intervals=1000000
+//
+// While it runs, orvexctl status tells how far it is, and orvexctl cancel ends it.
 
 #include "kernel/Command.h"
 #include "kernel/Controller.h"
@@ -8,12 +10,16 @@
 #include "kernel/Module.h"
 #include "kernel/Properties.h"
 #include "kernel/Raise.h"
+#include "kernel/Task.h"
 #include "machine/Communicator.h"
 #include "machine/Machine.h"
 
+#include <algorithm>
 #include <string>
 
 namespace {
+
+constexpr unsigned long BLOCK = 1000000; ///< intervals between two looks at the client's wishes
 
 class ComputePi : public QueryCommand {
 public:
@@ -29,10 +35,16 @@ public:
         if (intervals == 0)
             raise(InputError("\"intervals\" must be 1 or more"));
         const double width = 1.0 / intervals;
+        Task task(getName());
         double sum = 0.0;
-        for (unsigned i = Machine::getPartitionId(); i < intervals; i += Machine::nProcesses()) {
-            const double x = (i + 0.5) * width;
-            sum += width * 4.0 / (1.0 + x * x);
+        for (unsigned long begin = 0; begin < intervals; begin += BLOCK) {
+            // All ranks come here equally often. When the client cancels, all leave here by the same error.
+            task.advance(double(begin) / intervals);
+            const unsigned long end = std::min<unsigned long>(begin + BLOCK, intervals);
+            for (unsigned long i = begin + Machine::getPartitionId(); i < end; i += Machine::nProcesses()) {
+                const double x = (double(i) + 0.5) * width;
+                sum += width * 4.0 / (1.0 + x * x);
+            }
         }
         if (Machine::isParallel())
             Machine::globalCommunicator().allReduce(sum, Communicator::SUM);

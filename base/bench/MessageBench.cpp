@@ -1,6 +1,7 @@
 #include "harness/MachineBench.h"
 
 #include "kernel/Properties.h"
+#include "kernel/Task.h"
 #include "machine/Communicator.h"
 #include "machine/GlobalCondition.h"
 
@@ -84,6 +85,10 @@ private:
         _harness.addCase("invariant condition", [this](int n) {
             for (int i = 0; i < n; ++i)
                 _sink = GlobalCondition(_sink, GlobalCondition::ON_ALL_INVARIANT);
+        });
+        _harness.addCase("task that advances", [this](int n) {
+            for (int i = 0; i < n; ++i)
+                _task.advance(0.0);
         });
         _harness.addReference("barrier", "raw", _raw.barrier);
         _harness.addCase("synchronise", [this](int n) {
@@ -244,6 +249,7 @@ private:
     std::vector<std::string> _all;
     std::set<std::string> _union;
     std::vector<Properties> _trees;
+    Task _task{"MessageBench"};
     bool _sink = true;
 };
 

@@ -163,11 +163,13 @@ void Server::start(const std::wstring& name, unsigned port) {
     _impl->begin(name, port, false);
     Controller& controller = Controller::getSingleton();
     controller.setThreadedCommands(false);
+    Task::setServing([this] { _impl->service->serveMeanwhile(); });
     while (_impl->service->runSome()) {
         controller.processQueuedCommands();
         if (_impl->service->stopRequested())
             controller.processCommands(); // refuses what is queued
     }
+    Task::setServing({});
     if (_impl->serviceEndedCallback)
         _impl->serviceEndedCallback();
     _impl->end();

@@ -144,15 +144,26 @@ void ServerService::run() {
 }
 
 bool ServerService::runSome() {
-    try {
-        if (_context->run_one() > 0)
-            return true;
-    } catch (const std::exception& error) { // memory was short, say: what one client lost ends nobody else
-        _log.warn("ServerService::runSome", "An event couldn't be served", error.what());
+    if (serveOne(true))
         return true;
-    }
     _running = false;
     return false;
+}
+
+void ServerService::serveMeanwhile() {
+    constexpr int MAX_EVENTS = 64; // clients that never stop asking don't keep the command from its work
+    for (int i = 0; i < MAX_EVENTS && serveOne(false); ++i) {
+    }
+}
+
+/// @return false when there is nothing to do, with `wait`: and never will be
+bool ServerService::serveOne(bool wait) {
+    try {
+        return (wait ? _context->run_one() : _context->poll_one()) > 0;
+    } catch (const std::exception& error) { // memory was short, say: what one client lost ends nobody else
+        _log.warn("ServerService::serveOne", "An event couldn't be served", error.what());
+        return true;
+    }
 }
 
 void ServerService::stop() {

@@ -59,6 +59,8 @@ public:
     void run();
     /// Waits for something to do and does it. @return false at the end
     bool runSome();
+    /// Does what is to be done now, for a thread that runs a command and the service.
+    void serveMeanwhile();
 
     // Any thread.
     void stop();
@@ -79,6 +81,7 @@ private:
     void onClosed(RpcConnection& connection, const std::string& reason, bool regular) override;
     void onSupervisionNeeded() override;
 
+    bool serveOne(bool wait);
     void listen();
     void accept(std::unique_ptr<RpcSocket> socket);
     void supervise();

@@ -11,6 +11,7 @@
 #include "kernel/OrvexVersion.h"
 #include "kernel/Raise.h"
 #include "kernel/SessionLocator.h"
+#include "kernel/Task.h"
 #include "mpiwrapper/OxmMpi.h"
 #include "platform/DynamicLibrary.h"
 #include "platform/LauncherWatch.h"
@@ -141,6 +142,10 @@ void Machine::startMessageLayer(const std::string& module, int& argc, char*** ar
     _globalComm.reset(new Communicator);
     // A process that leaves by exit() must not take communicators down on its way.
     std::atexit([] { static_cast<void>(releaseCommunicators().release()); });
+    Task::setAgreement([](unsigned value) {
+        globalCommunicator().allReduce(value, Communicator::MIN);
+        return value;
+    });
     _np = _globalComm->size();
     _partition = _globalComm->myRank();
     _serialParallelMode = _partition == Communicator::masterRank() ? MASTER_MODE : WORKER_MODE;
@@ -177,6 +182,7 @@ void Machine::stopCommunicators() {
         _shmemComm[scope].reset();
         _sparseComm[scope].reset();
     }
+    Task::setAgreement({});
     _globalComm.reset();
     MpiCore::finalize();
     _launcherWatch.reset();

@@ -95,20 +95,18 @@ HeatConduction::Result HeatConduction::solve(double tolerance, unsigned maxItera
     Result result;
     double oldSquare = 0.0;
     double oldStep = 0.0;
-    bool goOn = true;
     while (true) {
         multiply(_residual, _residualProduct);
         const auto [localSquare, localProduct] = products(_residual, _residualProduct);
-        std::array<double, 3> sums{localSquare, localProduct, goOn ? 0.0 : 1.0};
+        std::array<double, 2> sums{localSquare, localProduct};
         addUp(sums);
-        const auto [square, product, stops] = sums;
+        const auto [square, product] = sums;
 
         const double residual = std::sqrt(square) / sourceNorm;
         result.converged = residual <= tolerance;
-        result.cancelled = stops > 0.0 && !result.converged;
-        if (result.converged || result.cancelled || result.iterations == maxIterations)
+        if (result.converged || result.iterations == maxIterations)
             break;
-        goOn = watcher(result.iterations, residual);
+        watcher(result.iterations, residual);
 
         const double conjugation = result.iterations == 0 ? 0.0 : square / oldSquare;
         const double step =

@@ -18,7 +18,6 @@ public:
     struct Result {
         unsigned iterations = 0;
         bool converged = false;
-        bool cancelled = false;
         double residual = 0.0; ///< norm of the true residual over that of the right-hand side
         double centre = 0.0;   ///< u in the middle of the plate
         double mean = 0.0;     ///< of u over the plate
@@ -28,8 +27,9 @@ public:
         double wallTime = 0.0; ///< [s] of the iterations, on the slowest rank
         double communicationTime = 0.0; ///< [s] of it in messages, on the rank with the most
     };
-    /// Told the iteration and the relative residual; the work ends when one rank answers false.
-    using Watcher = std::function<bool(unsigned iteration, double residual)>;
+    /// Told the iteration and the relative residual, on all ranks in the same iteration. It ends the work by
+    /// an error that it throws on all of them.
+    using Watcher = std::function<void(unsigned iteration, double residual)>;
 
     /// @param nx, ny        inner points along x and y
     /// @param communicator  the ranks of the grid; null for a process alone

@@ -76,23 +76,18 @@ private:
     }
 };
 
-/// Tells the user on the master, and those who watch the task, how far the work is.
+/// Tells the user on the master, and those who watch the task, how far the work is; ends it when they wish.
 class Progress {
 public:
     Progress(const Input& input) : _input(input), _task("SolveHeatConduction") {}
 
-    /// Whether to go on. Never throws for a cancelled task: the ranks must agree on it first.
-    bool tell(unsigned iteration, double residual) {
+    /// Collective, see Task::advance().
+    void tell(unsigned iteration, double residual) {
         if (_input.reportInterval != 0 && iteration % _input.reportInterval == 0)
             print(iteration, residual);
-        try {
-            // The residual rises now and then; what was told stays told.
-            _furthest = std::max(_furthest, std::log(residual) / std::log(_input.tolerance));
-            _task.setProgress(_furthest);
-        } catch (const RecoverableError&) {
-            return false;
-        }
-        return !_task.isCancelled();
+        // The residual rises now and then; what was told stays told.
+        _furthest = std::max(_furthest, std::log(residual) / std::log(_input.tolerance));
+        _task.advance(_furthest);
     }
 
 private:
@@ -173,10 +168,6 @@ void SolveHeatConduction::execute(const Properties& args, Properties& response) 
     Progress progress(input);
     const HeatConduction::Result result =
         plate->solve(input.tolerance, input.maxIterations,
-                     [&](unsigned iteration, double residual) { return progress.tell(iteration, residual); });
-    if (result.cancelled)
-        raise(RecoverableError("The heat conduction was cancelled after " +
-                                   std::to_string(result.iterations) + " iterations",
-                               Error::RECOVERABLE_SEVERITY, Properties(), Error::DEFAULT_ERROR_TYPE, true));
+                     [&](unsigned iteration, double residual) { progress.tell(iteration, residual); });
     answer(input, plate->getBlock(), result, response);
 }

@@ -26,6 +26,7 @@
 #include <cfenv>
 #include <cstdlib>
 #include <fstream>
+#include <limits>
 #include <sstream>
 #include <thread>
 
@@ -210,11 +211,15 @@ TEST(Task, TellsItsProgressAndCanBeCancelled) {
     EXPECT_THROW(
         {
             Task task("mesh");
-            std::thread([] { EXPECT_TRUE(Task::cancelCurrent()); }).join();
-            task.setProgress(0.5);
+            std::thread([] {
+                EXPECT_EQ(Task::getCurrent()->name, "mesh");
+                EXPECT_TRUE(Task::cancelCurrent());
+            }).join();
+            task.setProgress(std::numeric_limits<double>::quiet_NaN());
+            task.advance(0.5);
         },
         RecoverableError);
-    EXPECT_EQ(observer.log, "started 0;cancelled 0;");
+    EXPECT_EQ(observer.log, "started 0;running 50;cancelled 50;");
     observer.log.clear();
     try {
         Task task("mesh");
