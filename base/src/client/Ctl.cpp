@@ -11,6 +11,7 @@
 #include "platform/Process.h"
 #include "platform/Time.h"
 
+#include <cmath>
 #include <cstdio>
 #include <ctime>
 #include <fstream>
@@ -338,9 +339,17 @@ int Ctl::stop() {
         return print(reply);
     const Properties status{std::string_view(reply.result)};
     const bool commandRuns = status.hasName("running");
-    if (commandRuns)
-        std::cerr << "The server stops when " << status.getProperties("running").getString("command")
-                  << " has ended." << std::endl;
+    if (commandRuns) {
+        const Properties running = status.getProperties("running");
+        std::cerr << "The server stops when " << running.getString("command") << " of "
+                  << running.getString("client") << " has ended, which has run for "
+                  << duration(running.getReal("seconds"));
+        if (running.hasName("progress"))
+            std::cerr << " and is at " << std::lround(100.0 * running.getReal("progress")) << " %";
+        std::cerr << ".\nOther calls of orvexctl can end it earlier:"
+                  << (running.hasName("task") ? " \"cancel\" asks it to end," : "")
+                  << " \"abort\" takes the job down." << std::endl;
+    }
     return waitForEnd(commandRuns);
 }
 

@@ -13,7 +13,14 @@ CommandThread::CommandThread(Command& command, Controller::QueuedCommand request
 
 CommandThread::~CommandThread() = default;
 
+Controller::RunningCommand CommandThread::getInfo() const {
+    Controller::RunningCommand info = _info;
+    info.thread = _threadId.load();
+    return info;
+}
+
 void CommandThread::run() {
+    _threadId = std::this_thread::get_id();
     _outcome = _work(_command, _request.command);
     _finished.store(true, std::memory_order_release);
     _onFinished();

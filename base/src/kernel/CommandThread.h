@@ -24,7 +24,7 @@ public:
     void start() { _thread.start(); }
     void join() { _thread.join(); }
     bool hasFinished() const { return _finished.load(std::memory_order_acquire); }
-    const Controller::RunningCommand& getInfo() const { return _info; }
+    Controller::RunningCommand getInfo() const;
     /// The request, back from the thread; to be called once it has finished.
     Controller::QueuedCommand& getRequest() { return _request; }
     const Controller::Outcome& getOutcome() const { return _outcome; }
@@ -40,6 +40,7 @@ private:
     std::function<void()> _onFinished;
     Controller::RunningCommand _info;
     Controller::Outcome _outcome;
+    std::atomic<std::thread::id> _threadId;
     std::atomic<bool> _finished{false};
     Thread _thread; // last: its destructor waits for run()
 };

@@ -539,9 +539,9 @@ void Controller::processQueuedCommands() {
             _impl->serve(std::move(*request));
 }
 
-bool Controller::hasQueuedCommands() const {
+std::size_t Controller::getNumberQueuedCommands() const {
     const std::lock_guard guard(_impl->mutex);
-    return !_impl->queue.empty();
+    return _impl->queue.size();
 }
 
 void Controller::stopProcessing() {

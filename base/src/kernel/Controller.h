@@ -9,6 +9,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 class Command;
@@ -74,6 +75,8 @@ public:
         std::string name;
         std::string client;
         std::chrono::system_clock::time_point since;
+        std::chrono::steady_clock::time_point began = std::chrono::steady_clock::now();
+        std::thread::id thread = std::this_thread::get_id(); ///< that runs it
     };
 
     /// Whether queued commands may run on threads of their own: yes unless told otherwise. Without threads a
@@ -90,7 +93,9 @@ public:
     void processCommands();
     /// Runs what stands in the queue and returns. Main thread.
     void processQueuedCommands();
-    bool hasQueuedCommands() const;
+    bool hasQueuedCommands() const { return getNumberQueuedCommands() > 0; }
+    /// Requests that wait for the main thread. Any thread.
+    std::size_t getNumberQueuedCommands() const;
     /// Ends processCommands() after the command at work; requests still queued are answered with an error.
     /// Any thread, also before processCommands() was entered.
     void stopProcessing();

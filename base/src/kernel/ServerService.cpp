@@ -37,8 +37,20 @@ double secondsSinceEpoch(std::chrono::system_clock::time_point time) {
     return std::chrono::duration<double>(time.time_since_epoch()).count();
 }
 
-double secondsSince(std::chrono::system_clock::time_point time) {
-    return std::chrono::duration<double>(std::chrono::system_clock::now() - time).count();
+double secondsSince(std::chrono::steady_clock::time_point time) {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - time).count();
+}
+
+const char* nameOf(Server::ConnectionMode mode) {
+    return mode == Server::COLLABORATIVE ? "collaborative" : "single";
+}
+
+/// The methods that end the command at work before its time.
+std::vector<std::string> listWaysToEnd() {
+    std::vector<std::string> methods{"server.abort"};
+    if (Task::getCurrent())
+        methods.insert(methods.begin(), "server.cancel");
+    return methods;
 }
 
 RpcFault::Code codeOf(Controller::Outcome::Status status) {
@@ -184,10 +196,7 @@ void ServerService::expectNoAnswers() {
 void ServerService::beginStop() {
     if (_stopping)
         return;
-    _stopping = true;
-    if (_listener)
-        _listener->close();
-    _port = 0;
+    _stopping = true; // those who ask and steer are let in until the last answer
     if (!_abortTold)
         notify("server.stopping", Properties());
     endWhenAnswered();
@@ -347,7 +356,11 @@ void ServerService::greet(RpcConnection& connection, const RpcMessage& message) 
     }
     const bool control = admission.access == SessionHandshake::Access::CONTROL;
     const ServerClients::Connection other = _clients.getCommandClient();
-    if (_settings.mode == Server::SINGLE_CONNECTION && !control && other)
+    if (_stopping && !control)
+        refuse(connection, message.id,
+               {RpcFault::STOPPING, "The server stops and takes no more clients that run commands"},
+               getStatus().toString());
+    else if (_settings.mode == Server::SINGLE_CONNECTION && !control && other)
         refuse(connection, message.id,
                {RpcFault::BUSY,
                 other->getPeer().client + " is connected, and this session serves one client at a time"},
@@ -364,7 +377,7 @@ void ServerService::greet(RpcConnection& connection, const RpcMessage& message) 
         Properties result;
         result.set("proof", admission.proof);
         result.set("session", _settings.name);
-        result.set("mode", static_cast<int>(_settings.mode));
+        result.set("mode", nameOf(_settings.mode));
         connection.send(RpcMessage::answer(message.id, result.toString()));
     }
 }
@@ -454,6 +467,7 @@ std::string ServerService::callMethod(const std::string& method, const Propertie
         OS::Log::instance("Default").info("ServerService::callMethod", "@0@ asked the server to stop",
                                           client);
         Properties result = getStatus();
+        result.set("endedBy", result.hasName("running") ? listWaysToEnd() : std::vector<std::string>());
         // Last, so that the answer goes out before the news of the stop.
         asio::post(*_context, [this] { stop(); });
         return result.toString();
@@ -477,22 +491,33 @@ Properties ServerService::getStatus() const {
     status.set("pid", Platform::process().getPid());
     status.set("ranks", SessionLocator::getSingleton().getNumberProcesses());
     status.set("product", OrvexVersion::getVersionedProductName());
-    status.set("uptime", secondsSince(_since));
-    status.set("mode", _settings.mode == Server::COLLABORATIVE ? "collaborative" : "single");
+    status.set("uptime", secondsSince(_began));
+    status.set("mode", nameOf(_settings.mode));
     status.set("stopping", _stopRequested.load());
     status.set("clients", _clients.describe());
-    const std::size_t unanswered = _unanswered;
-    const auto running = Controller::getSingleton().getRunningCommand();
-    status.set("queued", unanswered > 0 && running ? unanswered - 1 : unanswered);
-    if (running) {
-        Properties command;
-        command.set("command", running->name);
-        command.set("client", running->client);
-        command.set("since", secondsSinceEpoch(running->since));
-        command.set("seconds", secondsSince(running->since));
-        status.set("running", command);
-    }
+    status.set("queued", Controller::getSingleton().getNumberQueuedCommands());
+    if (const Properties running = describeRunning(); running != Properties())
+        status.set("running", running);
     return status;
+}
+
+/// The command at work with what its task told last; empty when there is none.
+Properties ServerService::describeRunning() {
+    const auto running = Controller::getSingleton().getRunningCommand();
+    Properties command;
+    if (!running)
+        return command;
+    command.set("command", running->name);
+    command.set("client", running->client);
+    command.set("since", secondsSinceEpoch(running->since));
+    command.set("seconds", secondsSince(running->began));
+    const auto task = Task::getCurrent();
+    if (task && task->thread == running->thread) {
+        command.set("task", task->name);
+        command.set("progress", task->progress);
+        command.set("message", task->message);
+    }
+    return command;
 }
 
 // --- Notifications

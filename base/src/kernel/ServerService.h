@@ -94,6 +94,7 @@ private:
     std::string callMethod(const std::string& method, const Properties& params,
                            const RpcConnection& connection);
     Properties getStatus() const;
+    static Properties describeRunning();
     void abort(const std::string& reason);
     void refuse(RpcConnection& connection, const std::string& id, const RpcFault& fault,
                 std::string_view data = {});
@@ -110,7 +111,7 @@ private:
 
     const Settings _settings;
     const SessionKey _key = SessionKey::generate();
-    const std::chrono::system_clock::time_point _since = std::chrono::system_clock::now();
+    const std::chrono::steady_clock::time_point _began = std::chrono::steady_clock::now();
     struct Loop;
     std::shared_ptr<asio::io_context> _context;
     std::unique_ptr<Loop> _loop; ///< what serves to wait: timer and work guard

@@ -121,12 +121,14 @@ TEST_F(OrvexctlTest, seesTheEndOfTheServer) {
         ASSERT_TRUE(waitFor([&] { return executed == 1; }));
         // The process of this server goes on after the test, so its end isn't seen: the time runs out.
         auto stopping = std::async(std::launch::async, [&] { return run({"--timeout", "1", "stop"}); });
-        ASSERT_TRUE(waitFor([&] { return server().getPort() == 0; }));
+        ASSERT_TRUE(waitFor([&] { return refusal(target()).find("stops") != std::string::npos; }));
         release();
         EXPECT_EQ(waiting.get().code, 0);
         const Result stopped = stopping.get();
         EXPECT_EQ(stopped.code, 6);
-        EXPECT_TRUE(has(stopped, "stops when Wait has ended")) << stopped.output;
+        EXPECT_TRUE(has(stopped, "stops when Wait of ")) << stopped.output;
+        EXPECT_TRUE(has(stopped, "is at 25 %") && has(stopped, "\"cancel\" asks it to end"))
+            << stopped.output;
     });
     const Result result = run({"Echo"});
     EXPECT_EQ(result.code, 3) << result.output;

@@ -213,14 +213,24 @@ TEST_F(ServerFixture, stopsInOrder) {
             client.setNotificationCallback(
                 [&](const std::string& method, std::string_view) { told += method + " "; });
             std::jthread later([&] {
-                std::this_thread::sleep_for(100ms);
+                EXPECT_TRUE(waitFor([] { return Task::getCurrent().has_value(); }));
                 server().stop();
-                server().stop();
-                std::this_thread::sleep_for(100ms);
-                released = true;
+                RpcClient boss; // who steers is let in, who would run commands isn't
+                connect(boss, "boss", Access::CONTROL);
+                EXPECT_NE(refusal(target()).find("stops"), std::string::npos);
+                const Properties left = result(boss, "server.stop");
+                EXPECT_EQ(left.getInt("queued"), 1);
+                const Properties running = left.getProperties("running");
+                EXPECT_EQ(running.getString("command") + running.getString("task"), "Waitwaiting");
+                EXPECT_EQ(running.getReal("progress"), 0.25);
+                EXPECT_EQ(running.getString("message"), "a quarter");
+                std::vector<std::string> ways;
+                left.get("endedBy", ways);
+                EXPECT_EQ(ways, (std::vector<std::string>{"server.cancel", "server.abort"}));
+                EXPECT_TRUE(result(boss, "server.cancel").getBool("cancelled"));
             });
             unsigned long id = 0;
-            EXPECT_FALSE(client.receive(id, 5s).failed); // the command at work is answered
+            EXPECT_EQ(client.receive(id, 10s).message, "\"waiting\" was cancelled");
             EXPECT_EQ(id, atWork);
             const RpcClient::Reply refused = client.receive(id, 5s);
             EXPECT_EQ(id, queued);

@@ -1,6 +1,7 @@
 #include "ServerTestSupport.h"
 
 #include "kernel/Raise.h"
+#include "kernel/Task.h"
 #include "platform/FileSystem.h"
 #include "platform/StringHelper.h"
 
@@ -147,8 +148,11 @@ void ServerFixture::addCommands() {
     add("Fail", &fail);
     add("Print", &print);
     add("Wait", [](const Properties&, Properties&) {
-        for (int i = 0; i < 10000 && !released; ++i)
+        Task task("waiting");
+        for (int i = 0; i < 10000 && !released; ++i) {
+            task.advance(0.25, "a quarter");
             std::this_thread::sleep_for(1ms);
+        }
     });
     add("Big", [](const Properties& args, Properties& response) {
         response.set("text", std::string(args.getUnsignedInt("bytes"), 'x'));

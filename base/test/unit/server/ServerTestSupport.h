@@ -52,7 +52,7 @@ private:
 /// clients.
 ///
 /// Echo answers its arguments, Fail raises what it is told, Print prints `lines` lines, Wait waits for
-/// release(), Big answers `bytes` bytes.
+/// release() or a cancel, Big answers `bytes` bytes.
 class ServerFixture : public ::testing::Test {
 protected:
     void SetUp() override;
