@@ -5,11 +5,14 @@
 
 #include <asio/post.hpp>
 
+#include <algorithm>
 #include <utility>
 
 namespace {
 
 constexpr std::size_t KEPT_CAPACITY = std::size_t(256) << 10; ///< [bytes] of an idle send buffer
+constexpr std::size_t MAX_READ = std::size_t(256) << 10;      ///< [bytes] between two looks at the budget
+constexpr const char* LEFT = "the client closed the connection";
 
 std::string addressOf(const asio::ip::tcp::socket& socket) {
     asio::error_code failed;
@@ -21,9 +24,10 @@ std::string addressOf(const asio::ip::tcp::socket& socket) {
 
 } // namespace
 
-RpcConnection::RpcConnection(std::unique_ptr<RpcSocket> socket, const ServerLimits& limits, Owner& owner)
+RpcConnection::RpcConnection(std::unique_ptr<RpcSocket> socket, const ServerLimits& limits,
+                             std::shared_ptr<RequestBudget> budget, Owner& owner)
     : _limits(limits), _owner(owner), _socket(std::move(socket)), _address(addressOf(_socket->socket)),
-      _frames(limits.handshakeFrameSize) {}
+      _frames(limits.handshakeFrameSize), _budget(std::move(budget)) {}
 
 RpcConnection::~RpcConnection() = default;
 
@@ -37,31 +41,33 @@ void RpcConnection::read() {
     _reading = true;
     const std::span<char> room = _frames.prepare();
     _socket->socket.async_read_some(
-        asio::buffer(room.data(), room.size()),
+        asio::buffer(room.data(), std::min(room.size(), MAX_READ)),
         [self = shared_from_this()](const asio::error_code& failed, std::size_t size) {
-            const bool ended = failed == asio::error::eof;
+            self->_reading = false;
             try {
-                self->onRead(bool(failed), size, failed && !ended ? failed.message() : std::string());
+                if (!failed)
+                    self->onRead(size);
+                else if (failed == asio::error::eof && self->_state == State::SERVING)
+                    self->onInputEnded();
+                else
+                    self->onReadFailed(failed == asio::error::eof ? LEFT : failed.message());
             } catch (const std::exception& error) { // no memory for what it sends
                 self->close(error.what(), false);
             }
         });
 }
 
-void RpcConnection::onRead(bool failed, std::size_t size, const std::string& why) {
-    _reading = false;
+void RpcConnection::onReadFailed(const std::string& why) {
+    if (_received > 0 && _state == State::SERVING)
+        close(why + " in the middle of a request, after " + std::to_string(_received) + " bytes of it",
+              false);
+    else
+        close(why, true);
+}
+
+void RpcConnection::onRead(std::size_t size) {
     if (_state == State::CLOSED)
         return;
-    if (failed) {
-        const std::string text = why.empty() ? "the client closed the connection" : why;
-        const std::size_t rest = _frames.size();
-        if (rest > 0 && _state == State::SERVING)
-            close(text + " in the middle of a request, after " + std::to_string(rest) + " bytes of it",
-                  false);
-        else
-            close(text, true);
-        return;
-    }
     if (_state == State::LINGERING) { // what comes now is read only so that the peer gets our last line
         _lingerRead += size;
         if (_lingerRead < _frames.getLimit())
@@ -69,37 +75,107 @@ void RpcConnection::onRead(bool failed, std::size_t size, const std::string& why
         return;
     }
     _frames.commit(size);
+    _lastRead = Clock::now();
+    countReceived();
+    serveLines();
+}
+
+void RpcConnection::onInputEnded() {
+    std::size_t pending = 0;
+    {
+        const std::lock_guard lock(_mutex);
+        _inputEnded = true;
+        pending = _pending;
+    }
+    if (pending > 0) {
+        // A peer that has gone altogether looks the same, until something is sent to it.
+        send(RpcMessage::notification("server.requestsEnded",
+                                      "{\"unanswered\":" + std::to_string(pending) + "}"));
+        _socket->socket.async_wait(asio::ip::tcp::socket::wait_error,
+                                   [self = shared_from_this()](const asio::error_code&) {
+                                       self->close("the client is gone", true);
+                                   });
+    }
+    serveLines();
+}
+
+/// Ends the connection of a peer that sends no more.
+void RpcConnection::endWhenAnswered() {
+    bool open = false;
+    {
+        const std::lock_guard lock(_mutex);
+        open = _paused || _pending > 0 || _sent < _answersEnd;
+    }
+    if (!open && _state == State::SERVING)
+        onReadFailed(LEFT);
+}
+
+void RpcConnection::countReceived() {
+    _budget->moveReceived(_received, _frames.size());
+    _received = _frames.size();
+}
+
+bool RpcConnection::lacksRoom() const {
+    return _budget->isFull() && _received + _queued > _limits.requestAllowance && !_beyondBudget;
+}
+
+std::size_t RpcConnection::getHeldBack() const {
+    const std::lock_guard lock(_mutex);
+    return _paused && !isBlocked() && lacksRoom() ? _received : 0;
+}
+
+void RpcConnection::goOnBeyondBudget() {
+    _beyondBudget = true;
+    _lastRead = Clock::now();
     serveLines();
 }
 
 void RpcConnection::serveLines() {
+    bool paused = false;
     while (_state == State::SERVING) {
         {
             const std::lock_guard lock(_mutex);
-            _paused = isBlocked();
-            if (_paused)
-                return;
+            paused = _paused = isBlocked() || lacksRoom();
+            if (paused)
+                break;
         }
         const std::optional<std::string_view> line = _frames.next();
-        if (line)
+        if (line) {
+            _beyondBudget = false;
+            countReceived();
             _owner.onLine(*this, *line);
-        else if (_frames.isTooLong())
+        } else if (_frames.isTooLong())
             _owner.onTooLong(*this);
         else
             break;
     }
-    if (_state == State::LINGERING)
+    if (_state == State::LINGERING) {
         _frames.clear();
-    read();
+        countReceived();
+    }
+    if (_inputEnded && _state == State::SERVING)
+        endWhenAnswered();
+    else if (!paused)
+        read();
+    else if (lacksRoom()) // others make room: looked at from time to time
+        _owner.onSupervisionNeeded();
 }
 
 bool RpcConnection::isBlocked() const {
     return _pending >= _limits.pendingRequests || backlog() > _limits.answerBacklog;
 }
 
-void RpcConnection::beginRequest() {
-    const std::lock_guard lock(_mutex);
-    ++_pending;
+std::shared_ptr<void> RpcConnection::beginRequest(std::size_t size) {
+    {
+        const std::lock_guard lock(_mutex);
+        ++_pending;
+    }
+    _queued += size;
+    _budget->addQueued(size);
+    return {nullptr, [self = shared_from_this(), size](void*) {
+                self->_queued -= size;
+                self->_budget->removeQueued(size);
+            }};
 }
 
 void RpcConnection::finishRequest(std::string_view line) {
@@ -107,13 +183,18 @@ void RpcConnection::finishRequest(std::string_view line) {
     --_pending;
     if (!line.empty())
         append(line, true);
-    if (_paused && !isBlocked()) {
+    if ((_paused && !isBlocked()) || (_inputEnded && _pending == 0)) {
         _paused = false;
         asio::post(*_socket->loop, [weak = weak_from_this()] {
             if (const auto self = weak.lock())
                 self->serveLines();
         });
     }
+}
+
+std::size_t RpcConnection::getUnsent() const {
+    const std::lock_guard lock(_mutex);
+    return backlog();
 }
 
 void RpcConnection::send(std::string_view line) {
@@ -214,6 +295,8 @@ void RpcConnection::onWritable() {
         watchWritable();
     else if (_state == State::LINGERING)
         shutDownSending();
+    else if (_inputEnded)
+        resume = true;
     if (resume)
         serveLines();
 }
@@ -221,6 +304,8 @@ void RpcConnection::onWritable() {
 void RpcConnection::shutDownSending() {
     asio::error_code ignored; // a peer that is gone already needs no farewell
     _socket->socket.shutdown(asio::ip::tcp::socket::shutdown_send, ignored);
+    if (_inputEnded)
+        read(); // which tells the end again, and the connection is closed
 }
 
 void RpcConnection::endWith(std::string_view line, const std::string& reason) {
@@ -259,6 +344,7 @@ void RpcConnection::close(const std::string& reason, bool regular) {
         _socket->socket.close(ignored);
     }
     _frames.clear();
+    countReceived();
     _owner.onClosed(*this, _closeReason.empty() ? reason : _closeReason, regular || !_closeReason.empty());
 }
 
@@ -269,11 +355,20 @@ bool RpcConnection::supervise(Clock::time_point now) {
         close("its time for a last message is up", true);
         return false;
     }
+    _beyondBudget = _beyondBudget && _budget->isFull();
+    if (_beyondBudget && now - _lastRead > _limits.stallTime) {
+        close("a request that others wait for stands still, after " + std::to_string(_received) +
+                  " bytes of it",
+              false);
+        return false;
+    }
     bool stalled = false;
     bool waiting = false;
+    bool resume = false;
     {
         const std::lock_guard lock(_mutex);
-        waiting = backlog() > 0;
+        waiting = backlog() > 0 || _beyondBudget || (_paused && lacksRoom());
+        resume = _paused && !isBlocked() && !lacksRoom();
         stalled = _sent < _answersEnd && now - _lastProgress > _limits.stallTime;
     }
     if (stalled) {
@@ -281,6 +376,8 @@ bool RpcConnection::supervise(Clock::time_point now) {
               false);
         return false;
     }
+    if (resume)
+        serveLines();
     return waiting || _state == State::LINGERING;
 }
 

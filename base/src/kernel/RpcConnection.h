@@ -1,8 +1,10 @@
 #pragma once
 
 #include "kernel/FrameBuffer.h"
+#include "kernel/RequestBudget.h"
 #include "kernel/ServerLimits.h"
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <memory>
@@ -14,6 +16,8 @@ struct RpcSocket;
 
 /// One client's end of the line: cuts what it sends into lines and holds what it hasn't read yet, both
 /// bounded.
+///
+/// A peer that ends its sending gets the answers to what it has sent before the connection ends.
 ///
 /// Reading, timing and closing belong to the service thread. Lines are sent from any thread, straight to the
 /// socket while the peer keeps up, so an answer needs no hand-over to the service thread.
@@ -43,7 +47,9 @@ public:
         Clock::time_point connected = Clock::now();
     };
 
-    RpcConnection(std::unique_ptr<RpcSocket> socket, const ServerLimits& limits, Owner& owner);
+    /// @param budget  shared by all connections of the server
+    RpcConnection(std::unique_ptr<RpcSocket> socket, const ServerLimits& limits,
+                  std::shared_ptr<RequestBudget> budget, Owner& owner);
     RpcConnection(const RpcConnection&) = delete;
     RpcConnection& operator=(const RpcConnection&) = delete;
     ~RpcConnection();
@@ -55,9 +61,20 @@ public:
     /// Address and port of the client, for logs.
     const std::string& getAddress() const { return _address; }
     /// The proof is there: the limits of a client instead of a stranger's.
-    void liftHandshakeLimit() { _frames.setLimit(_limits.frameSize); }
+    void liftHandshakeLimit() {
+        _frames.setLimit(_peer.control ? _limits.controlFrameSize : _limits.frameSize);
+    }
+    /// The longest line that it may send now. [bytes]
+    std::size_t getLineLimit() const { return _frames.getLimit(); }
     /// A request is on its way to the commands; finishRequest() answers it.
-    void beginRequest();
+    /// @param size  [bytes] that count as queued
+    /// @return      lives as long as they do
+    std::shared_ptr<void> beginRequest(std::size_t size);
+    /// [bytes] of a request of which the rest isn't read, since all clients together hold too much; 0: none.
+    std::size_t getHeldBack() const;
+    /// Reads that rest in spite of it, which has to come without a long stop.
+    void goOnBeyondBudget();
+    bool isBeyondBudget() const { return _beyondBudget; }
     /// Sends a last line (or none), lets the peer read it, then closes.
     void endWith(std::string_view line, const std::string& reason);
     /// Closes at once.
@@ -74,6 +91,8 @@ public:
     void sendNotice(std::string_view notification, std::size_t lines);
     /// Answers a request that was begun; an empty line is no answer.
     void finishRequest(std::string_view line);
+    /// [bytes] not yet taken by the socket
+    std::size_t getUnsent() const;
     /// Hands unsent bytes to the socket. @return true when none are left
     bool flush();
     /// Whether the peer failed to keep up with the last flush that waited for it.
@@ -85,8 +104,13 @@ private:
 
     void close(const std::string& reason, bool regular);
     void read();
-    void onRead(bool failed, std::size_t size, const std::string& why);
+    void onRead(std::size_t size);
+    void onReadFailed(const std::string& why);
+    void onInputEnded();
+    void endWhenAnswered();
     void serveLines();
+    void countReceived();
+    bool lacksRoom() const;
     void shutDownSending();
     void onWritable();
     void watchWritable();
@@ -104,7 +128,12 @@ private:
     Peer _peer;
     FrameBuffer _frames;
     State _state = State::SERVING;
+    std::shared_ptr<RequestBudget> _budget;
+    std::size_t _received = 0;           ///< bytes in _frames, as the budget knows them
+    std::atomic<std::size_t> _queued{0}; ///< bytes of begun requests
     bool _reading = false;
+    bool _beyondBudget = false;
+    Clock::time_point _lastRead = Clock::now();
     Clock::time_point _lingerEnd;
     std::size_t _lingerRead = 0; ///< bytes read and dropped since the last line [bytes]
     std::string _closeReason;
@@ -117,7 +146,8 @@ private:
     std::uint64_t _answersEnd = 0; ///< where the last answer ends, counted like those two
     std::size_t _lostLines = 0;
     std::size_t _pending = 0; ///< requests begun and not answered
-    bool _paused = false;     ///< reading waits for the client to take its answers
+    bool _paused = false;     ///< reading waits for the client to take its answers, or for the budget
+    bool _inputEnded = false; ///< the peer sends no more
     bool _watching = false;   ///< the loop tells when the socket can be written
     bool _broken = false;     ///< nothing can be sent any more
     bool _slow = false;

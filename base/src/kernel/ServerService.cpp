@@ -90,7 +90,8 @@ struct ServerService::Loop {
 
 ServerService::ServerService(Settings settings)
     : _settings(std::move(settings)), _context(std::make_shared<asio::io_context>(1)),
-      _loop(std::make_unique<Loop>(*_context)) {}
+      _loop(std::make_unique<Loop>(*_context)),
+      _budget(std::make_shared<RequestBudget>(_settings.limits.requestBytes)) {}
 
 ServerService::~ServerService() = default;
 
@@ -242,7 +243,7 @@ void ServerService::abort(const std::string& reason) {
 // --- Connections
 
 void ServerService::accept(std::unique_ptr<RpcSocket> socket) {
-    auto connection = std::make_shared<RpcConnection>(std::move(socket), _settings.limits, *this);
+    auto connection = std::make_shared<RpcConnection>(std::move(socket), _settings.limits, _budget, *this);
     if (_clients.getNumberStrangers() >= _settings.limits.strangers) {
         const ServerClients::Connection oldest = _clients.getOldestStranger();
         const char* const reason =
@@ -272,11 +273,9 @@ void ServerService::onClosed(RpcConnection& connection, const std::string& reaso
 }
 
 void ServerService::onTooLong(RpcConnection& connection) {
-    const std::size_t limit =
-        connection.getPeer().authenticated ? _settings.limits.frameSize : _settings.limits.handshakeFrameSize;
     const RpcFault fault{
         RpcFault::INVALID_REQUEST,
-        "The line is too long, beyond " + std::to_string(limit) + " bytes" +
+        "The line is too long, beyond " + std::to_string(connection.getLineLimit()) + " bytes" +
             (connection.getPeer().authenticated ? "" : ", the limit before the session key is proved")};
     warn("ServerService::onTooLong", connection, "Request refused", fault.message);
     connection.endWith(RpcMessage::failure({}, fault), fault.message);
@@ -294,7 +293,8 @@ void ServerService::supervise() {
     _supervising = false;
     const RpcConnection::Clock::time_point now = RpcConnection::Clock::now();
     bool more = false;
-    for (const ServerClients::Connection& connection : _clients.getAll()) {
+    const std::vector<ServerClients::Connection> connections = _clients.getAll();
+    for (const ServerClients::Connection& connection : connections) {
         const RpcConnection::Peer& peer = connection->getPeer();
         const bool stranger = !peer.authenticated && connection->isOpen();
         if (stranger && now - peer.connected > _settings.limits.handshakeTime) {
@@ -306,8 +306,25 @@ void ServerService::supervise() {
         }
         more = connection->supervise(now) || stranger || more;
     }
+    letOneGoOn(connections);
     if (more)
         onSupervisionNeeded();
+}
+
+/// When the budget is full of requests that are only partly there, no answer makes room: then the one that is
+/// farthest is read to its end.
+void ServerService::letOneGoOn(const std::vector<ServerClients::Connection>& connections) {
+    if (!_budget->isFull() || _budget->hasQueued())
+        return;
+    ServerClients::Connection farthest;
+    for (const ServerClients::Connection& each : connections) {
+        if (each->isBeyondBudget())
+            return;
+        if (each->getHeldBack() > (farthest ? farthest->getHeldBack() : 0))
+            farthest = each;
+    }
+    if (farthest)
+        farthest->goOnBeyondBudget();
 }
 
 void ServerService::warn(const OS::Log::Context& context, const RpcConnection& connection,
@@ -421,10 +438,10 @@ void ServerService::runCommand(RpcConnection& connection, const RpcMessage& mess
         refuse(connection, message.id, fault);
         return;
     }
-    connection.beginRequest();
+    const auto held = connection.beginRequest(message.params.size());
     ++_unanswered;
-    const auto done = [self = shared_from_this(), to = connection.shared_from_this(), id = message.id](
-                          const Controller::Outcome& outcome) { self->onCommandDone(*to, id, outcome); };
+    const auto done = [self = shared_from_this(), to = connection.shared_from_this(), id = message.id,
+                       held](const Controller::Outcome& outcome) { self->onCommandDone(*to, id, outcome); };
     try {
         Controller::getSingleton().enqueue({std::move(command), connection.getPeer().client, done});
     } catch (const std::exception& error) {
@@ -439,7 +456,7 @@ void ServerService::onCommandDone(RpcConnection& connection, const std::string& 
         reviveConsole();
         drainConsole(); // what the command printed comes before its answer
         if (!id.empty())
-            line = answerOf(id, outcome);
+            line = boundedAnswer(connection, id, answerOf(id, outcome));
     } catch (const std::exception& error) { // too large for the memory that is left
         line = RpcMessage::failure(
             id, {RpcFault::INTERNAL_ERROR, std::string("The response is lost: ") + error.what()});
@@ -447,6 +464,20 @@ void ServerService::onCommandDone(RpcConnection& connection, const std::string& 
     connection.finishRequest(line);
     if (--_unanswered == 0 && _stopRequested)
         asio::post(*_context, [this] { endWhenAnswered(); });
+}
+
+/// The answer, or when the client has too much to read, an error in its place.
+std::string ServerService::boundedAnswer(const RpcConnection& connection, const std::string& id,
+                                         std::string line) const {
+    const std::size_t limit = _settings.limits.responseBytes;
+    const std::size_t unread = connection.getUnsent();
+    if (line.size() <= limit && unread <= limit - line.size())
+        return line;
+    return RpcMessage::failure(
+        id, {RpcFault::INTERNAL_ERROR,
+             "The response is lost: its " + std::to_string(line.size()) + " bytes" +
+                 (unread > 0 ? " and " + std::to_string(unread) + " of the answers before it, unread," : "") +
+                 " are more than the limit of " + std::to_string(limit)});
 }
 
 std::string ServerService::callMethod(const std::string& method, const Properties& params,

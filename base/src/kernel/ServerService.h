@@ -85,11 +85,13 @@ private:
     void listen();
     void accept(std::unique_ptr<RpcSocket> socket);
     void supervise();
+    void letOneGoOn(const std::vector<ServerClients::Connection>& connections);
     void serve(RpcConnection& connection, const RpcMessage& message);
     void greet(RpcConnection& connection, const RpcMessage& message);
     void admit(RpcConnection& connection, const RpcMessage& message, const std::string& proof);
     void runCommand(RpcConnection& connection, const RpcMessage& message);
     void onCommandDone(RpcConnection& connection, const std::string& id, const Controller::Outcome& outcome);
+    std::string boundedAnswer(const RpcConnection& connection, const std::string& id, std::string line) const;
     /// The server's own methods, answered at once whatever command runs.
     std::string callMethod(const std::string& method, const Properties& params,
                            const RpcConnection& connection);
@@ -116,6 +118,7 @@ private:
     std::shared_ptr<asio::io_context> _context;
     std::unique_ptr<Loop> _loop; ///< what serves to wait: timer and work guard
     std::unique_ptr<RpcListener> _listener;
+    const std::shared_ptr<RequestBudget> _budget;
     ServerClients _clients;
     RateLimitedLog _log;
     std::mutex _consoleMutex; ///< guards the pointer: the console is released while others may still drain it

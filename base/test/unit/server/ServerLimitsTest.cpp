@@ -135,12 +135,81 @@ TEST_F(ServerLimitsTest, silentConnections) {
     EXPECT_LT(log.lines(), 60u); // a stranger can't fill the disk
 }
 
-TEST_F(ServerLimitsTest, answersToNoQuestionAreRefused) {
+TEST_F(ServerLimitsTest, answersThatNobodyShallSend) {
+    ServerLimits limits;
+    limits.responseBytes = MIB;
+    server().setLimits(limits);
     serve([&] {
         RawConnection raw = authenticated(target());
         raw.send("\n" + RpcMessage::answer("1", "{}") + RpcMessage::request("9", "Echo", "{}"));
         EXPECT_NE(raw.readLine().find("\"error\""), std::string::npos);
         EXPECT_NE(raw.readLine().find("\"id\":9,\"result\""), std::string::npos);
+        raw.send(RpcMessage::request("10", "Big", "{\"bytes\":1048576}") +
+                 RpcMessage::request("11", "Echo", "{}"));
+        const std::string lost = raw.readLine();
+        EXPECT_TRUE(isFault(lost, RpcFault::INTERNAL_ERROR, "limit of 1048576")) << lost;
+        EXPECT_NE(raw.readLine().find("\"id\":11,\"result\""), std::string::npos);
+    });
+}
+
+TEST_F(ServerLimitsTest, requestsOfAllClientsTogether) {
+    ServerLimits limits;
+    limits.requestBytes = 4 * MIB;
+    limits.stallTime = 3s;
+    server().setLimits(limits);
+    serve([&] {
+        constexpr int REQUESTS = 16;
+        const auto ask = [](int id, std::size_t size) {
+            return RpcMessage::request(std::to_string(id), "Big",
+                                       R"({"bytes":1,"text":")" + std::string(size, 'x') + "\"}");
+        };
+        std::string small;
+        for (int i = 0; i < REQUESTS; ++i)
+            small += ask(i, MIB / 2);
+        std::list<RawConnection> clients;
+        for (int i = 0; i < 8; ++i)
+            clients.push_back(authenticated(target()));
+        RpcClient boss;
+        connect(boss, "boss", SessionHandshake::Access::CONTROL);
+        RpcClient first;
+        connect(first);
+        first.send("Wait", "{}");
+        EXPECT_TRUE(waitFor([] { return executed == 1; }));
+        // Behind a command, then of parts of requests alone: none is lost.
+        for (const std::string& text : {small, ask(REQUESTS, 3 * MIB)}) {
+            const std::size_t before = memory();
+            std::list<std::jthread> senders;
+            for (RawConnection& client : clients)
+                senders.emplace_back([&] { EXPECT_EQ(client.send(text, 60.0), text.size()); });
+            for (int i = 0; !released && i < 30; ++i, std::this_thread::sleep_for(10ms)) {
+                EXPECT_FALSE(boss.call("server.ping", "{}", 5s).failed);
+                EXPECT_LT(memory(), before + 24 * MIB);
+            }
+            release();
+        }
+        for (RawConnection& client : clients)
+            for (int i = 0; i <= REQUESTS; ++i)
+                EXPECT_NE(client.readAnswer(60.0).find("\"id\":" + std::to_string(i) + ",\"result"),
+                          std::string::npos);
+        clients.front().send(ask(0, 5 * MIB).substr(0, 5 * MIB));
+        EXPECT_TRUE(waitFor([&] { return log.has("a request that others wait for stands still"); }));
+    });
+}
+
+TEST_F(ServerLimitsTest, whoEndsItsSendingGetsItsAnswers) {
+    serve([&] {
+        RawConnection raw = authenticated(target());
+        raw.send(RpcMessage::request("1", "Wait", "{}") + RpcMessage::request("2", "Echo", "{}"));
+        EXPECT_TRUE(waitFor([] { return executed == 1; }));
+        raw.endSending();
+        std::string notice;
+        while (notice.find("requestsEnded") == std::string::npos)
+            ASSERT_FALSE((notice = raw.readLine()).empty());
+        EXPECT_NE(notice.find("{\"unanswered\":2}"), std::string::npos) << notice;
+        release();
+        EXPECT_NE(raw.readAnswer().find("\"id\":1,\"result\""), std::string::npos);
+        EXPECT_NE(raw.readAnswer().find("\"id\":2,\"result\""), std::string::npos);
+        EXPECT_TRUE(raw.ends());
     });
 }
 

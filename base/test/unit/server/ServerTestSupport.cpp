@@ -114,6 +114,17 @@ std::string RawConnection::readLine(double patience) {
     }
 }
 
+std::string RawConnection::readAnswer(double patience) {
+    std::string line = readLine(patience);
+    while (line.find("\"method\":\"server.") != std::string::npos)
+        line = readLine(patience);
+    return line;
+}
+
+void RawConnection::endSending() {
+    EXPECT_EQ(shutdown(_descriptor, SHUT_WR), 0);
+}
+
 bool RawConnection::ends(double patience) {
     const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(patience);
     char bytes[65536];

@@ -40,6 +40,9 @@ public:
     std::size_t send(std::string_view text, double patience = 5.0);
     /// The next line; empty at the end of the connection or after `patience` seconds.
     std::string readLine(double patience = 5.0);
+    /// The same without notifications.
+    std::string readAnswer(double patience = 5.0);
+    void endSending();
     /// Whether the peer ends the connection within `patience` seconds; what it sends before that is dropped.
     bool ends(double patience = 5.0);
 
