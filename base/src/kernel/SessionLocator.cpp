@@ -6,6 +6,7 @@
 
 #include "platform/FileSystem.h"
 #include "platform/Io.h"
+#include "platform/PrivateFile.h"
 #include "platform/Process.h"
 #include "platform/StringHelper.h"
 #include "platform/System.h"
@@ -20,6 +21,7 @@ namespace {
 
 constexpr wchar_t EXTENSION[] = L".session";
 constexpr std::size_t MAX_RECORDS = 10000; ///< of one directory that are looked at
+constexpr double WRITING_TIME = 3600.0;    ///< [s] after which a half-written record is a leftover
 
 SessionLocator* singleton = nullptr;
 
@@ -45,27 +47,54 @@ std::vector<std::wstring> standardDirectories() {
     return directories;
 }
 
-/// The host name as part of a file name.
+/// Unlike that of any other server whose records may lie in the same directory: hosts and containers that
+/// share it may bear one name, and their processes one number.
 std::wstring fileNameOf(const SessionRecord& record) {
-    std::string name = record.host;
+    std::string name = record.host + "-" + record.boot.substr(0, 8) + "-" +
+                       std::to_string(record.pidNamespace) + "-" + std::to_string(record.pid);
     for (char& c : name)
         if (c == '/' || static_cast<unsigned char>(c) < 0x21)
             c = '_';
-    return StringHelper::toWString(name) + L"-" + std::to_wstring(record.pid) + EXTENSION;
+    return StringHelper::toWString(name) + EXTENSION;
 }
 
 bool isRecordName(const std::wstring& name) {
     return name.ends_with(EXTENSION);
 }
 
-std::optional<SessionRecord> readPrivateRecord(const std::wstring& path) {
-    std::string text;
-    if (!Platform::filesystem().isPrivateFile(path) ||
-        !Platform::filesystem().readFile(path, text, SessionRecord::MAX_TEXT_SIZE))
-        return std::nullopt;
-    std::optional<SessionRecord> record = SessionRecord::fromText(text);
+/// A record is written under a longer name first, which stays when its writer dies at that moment.
+bool isLeftover(const std::wstring& directory, const std::wstring& name) {
+    const double written = Platform::filesystem().getModificationTime(directory + L"/" + name);
+    return name.find(EXTENSION + std::wstring(L".")) != std::wstring::npos && written > 0.0 &&
+           Platform::time().getSecondsSinceEpoch() - written > WRITING_TIME;
+}
+
+/// The names of the records in `directory`; leftovers are removed on the way.
+std::vector<std::wstring> listRecords(const std::wstring& directory) {
+    std::vector<std::wstring> directories;
+    std::vector<std::wstring> files;
+    // A directory that isn't there holds no sessions.
+    Platform::filesystem().listDirectory(directory, directories, files);
+    for (const std::wstring& name : files)
+        if (isLeftover(directory, name))
+            Platform::filesystem().deleteFile(directory + L"/" +
+                                              name); // another process may have been faster
+    std::erase_if(files, [](const std::wstring& name) { return !isRecordName(name); });
+    if (files.size() > MAX_RECORDS)
+        files.resize(MAX_RECORDS);
+    return files;
+}
+
+/// @param reason  gets why there is none, in words that begin with the path
+std::optional<SessionRecord> readPrivateRecord(const std::wstring& path, std::string& reason) {
+    std::optional<SessionRecord> record;
+    if (const auto text = Platform::PrivateFile::read(path, SessionRecord::MAX_TEXT_SIZE, reason)) {
+        record = SessionRecord::fromText(*text);
+        reason = "it holds no session record";
+    }
     if (record)
         record->path = path;
+    reason.insert(0, StringHelper::toString(path) + ": ");
     return record;
 }
 
@@ -127,13 +156,20 @@ void SessionLocator::publish(SessionRecord record) {
     record.ranks = _impl->numberProcesses;
     record.startTime = Platform::time().getSecondsSinceEpoch();
     record.user = Platform::system().getUserName();
-    std::wstring tried;
+    record.boot = Platform::system().getBootId();
+    record.pidNamespace = Platform::process().getPidNamespace();
+    std::string reasons;
     for (const std::wstring& directory : _impl->directories) {
-        tried += (tried.empty() ? L"" : L", ") + directory;
         record.path = directory + L"/" + fileNameOf(record);
-        if (!Platform::filesystem().makePrivateDirectory(directory) ||
-            !Platform::filesystem().writePrivateFile(record.path, record.toText()))
+        const bool made = Platform::filesystem().makePrivateDirectory(directory);
+        const std::string weakness = made ? Platform::PrivateFile::findWeakness(directory)
+                                          : "the folder can't be had for this user alone";
+        if (!weakness.empty() || !Platform::filesystem().writePrivateFile(record.path, record.toText())) {
+            reasons += "; " + StringHelper::toString(directory) + ": " +
+                       (weakness.empty() ? "the record can't be written" : weakness);
             continue;
+        }
+        listRecords(directory);
         const std::lock_guard lock(_impl->mutex);
         [[maybe_unused]] static const int registered = std::atexit(&SessionLocator::cleanup);
         recordOwner = record.pid;
@@ -142,10 +178,7 @@ void SessionLocator::publish(SessionRecord record) {
         _impl->withdrawn = false;
         return;
     }
-    raise(
-        SystemError("The session record can't be written: none of these directories can be had for this user "
-                    "alone: " +
-                    StringHelper::toString(tried)));
+    raise(SystemError("There is no place for the session record" + reasons));
 }
 
 void SessionLocator::withdraw() {
@@ -183,45 +216,35 @@ std::wstring SessionLocator::getRecordPath() const {
     return _impl->published ? _impl->published->path : std::wstring();
 }
 
-std::vector<SessionRecord> SessionLocator::findSessions() const {
-    std::vector<SessionRecord> here;
-    std::vector<SessionRecord> elsewhere;
+std::vector<SessionRecord> SessionLocator::findSessions(std::vector<std::string>* ignored) const {
+    std::vector<SessionRecord> sessions;
     for (const std::wstring& directory : _impl->directories) {
-        std::vector<std::wstring> directories;
-        std::vector<std::wstring> files;
-        // A directory that isn't there holds no sessions.
-        Platform::filesystem().listDirectory(directory, directories, files);
-        std::erase_if(files, [](const std::wstring& name) { return !isRecordName(name); });
-        if (files.size() > MAX_RECORDS)
-            files.resize(MAX_RECORDS);
-        for (const std::wstring& name : files) {
-            std::optional<SessionRecord> record = readPrivateRecord(directory + L"/" + name);
-            if (!record)
-                continue;
-            if (record->isOnThisHost() && !record->isAliveHere())
+        for (const std::wstring& name : listRecords(directory)) {
+            const std::wstring path = directory + L"/" + name;
+            std::string reason;
+            std::optional<SessionRecord> record = readPrivateRecord(path, reason);
+            if (!record) {
+                if (ignored && Platform::filesystem().exists(path)) // else its server has just ended
+                    ignored->push_back(reason);
+            } else if (record->isVisible() && !record->isAliveHere())
                 Platform::filesystem().deleteFile(record->path); // another client may have been faster
             else if (record->listed)
-                (record->isOnThisHost() ? here : elsewhere).push_back(std::move(*record));
+                sessions.push_back(std::move(*record));
         }
     }
-    const auto newer = [](const SessionRecord& a, const SessionRecord& b) {
+    std::stable_sort(sessions.begin(), sessions.end(), [](const SessionRecord& a, const SessionRecord& b) {
         return a.startTime > b.startTime;
-    };
-    std::stable_sort(here.begin(), here.end(), newer);
-    std::stable_sort(elsewhere.begin(), elsewhere.end(), newer);
-    here.insert(here.end(), elsewhere.begin(), elsewhere.end());
-    return here;
+    });
+    const auto elsewhere = std::stable_partition(sessions.begin(), sessions.end(),
+                                                 [](const auto& each) { return each.isOnThisHost(); });
+    std::stable_partition(sessions.begin(), elsewhere, [](const auto& each) { return each.isVisible(); });
+    return sessions;
 }
 
 SessionRecord SessionLocator::readRecord(const std::wstring& path) {
-    const std::string name = StringHelper::toString(path);
-    if (!Platform::filesystem().exists(path))
-        raise(InputError("There is no session record " + name));
-    if (!Platform::filesystem().isPrivateFile(path))
-        raise(InputError("The session record " + name +
-                         " isn't a file of this user that nobody else can read, so its key isn't trusted"));
-    std::optional<SessionRecord> record = readPrivateRecord(path);
+    std::string reason;
+    const std::optional<SessionRecord> record = readPrivateRecord(path, reason);
     if (!record)
-        raise(InputError("The file " + name + " holds no session record"));
+        raise(InputError("The session record can't be used: " + reason));
     return *record;
 }

@@ -13,8 +13,9 @@ class Properties;
 /// Tells clients of the same user what runs on this host, through the session records.
 ///
 /// A record lies in a directory that its user alone may enter, below the home directory or, for a user
-/// without one, below the temporary directory. A record whose process is gone is removed by whoever comes
-/// across it.
+/// without one, below the temporary directory. The next look at the records removes that of a process which
+/// is gone, but never the record of a server that can't be seen: one of another host, another boot of this
+/// host, or another container.
 class ORVEX_KERNEL_EXPORT SessionLocator {
 public:
     static SessionLocator& getSingleton();
@@ -46,10 +47,12 @@ public:
     /// The path of this process's record, empty when there is none.
     std::wstring getRecordPath() const;
 
-    /// The listed sessions of this user, newest first; stale records of this host are removed on the way.
-    /// Sessions of other hosts, which a shared home directory shows, can't be tested and come last.
-    std::vector<SessionRecord> findSessions() const;
-    /// The record in a file that this user alone can read.
+    /// The listed sessions of this user: first those that are seen to live, then those that bear this host's
+    /// name and can't be seen, then those of other hosts, which a shared home directory shows; the newest
+    /// first among each. Records of dead processes and half-written ones of long ago are removed on the way.
+    /// @param ignored  gets, for each record that isn't for its user alone or is none, why it was left out
+    std::vector<SessionRecord> findSessions(std::vector<std::string>* ignored = nullptr) const;
+    /// The record in a file that this user alone can read, in a folder that no other user can change.
     /// @throw InputError when it isn't such a file or holds no record
     static SessionRecord readRecord(const std::wstring& path);
 

@@ -6,6 +6,7 @@
 
 #include "platform/Io.h"
 #include "platform/Process.h"
+#include "platform/System.h"
 
 Properties SessionRecord::describe() const {
     Properties properties;
@@ -25,6 +26,8 @@ Properties SessionRecord::describe() const {
 std::string SessionRecord::toText() const {
     Properties properties = describe();
     properties.set("startStamp", startStamp);
+    properties.set("boot", boot);
+    properties.set("pidNamespace", pidNamespace);
     properties.set("listed", listed);
     properties.set("key", key);
     return properties.toPrettyString() + "\n";
@@ -40,6 +43,10 @@ std::optional<SessionRecord> SessionRecord::fromText(const std::string& text) {
         record.port = properties.getUnsignedInt("port");
         record.pid = properties.getInt("pid");
         record.startStamp = properties.getUnsignedLong("startStamp");
+        if (properties.hasName("boot"))
+            record.boot = properties.getString("boot");
+        if (properties.hasName("pidNamespace"))
+            record.pidNamespace = properties.getUnsignedLong("pidNamespace");
         record.ranks = properties.getUnsignedInt("ranks");
         record.startTime = properties.getReal("startTime");
         record.user = properties.getString("user");
@@ -55,11 +62,20 @@ std::optional<SessionRecord> SessionRecord::fromText(const std::string& text) {
     }
 }
 
-bool SessionRecord::isOnThisHost() const {
-    return host == Platform::io().getHostName();
+bool SessionRecord::isVisible() const {
+    return startStamp != 0 && !boot.empty() && boot == Platform::system().getBootId() && pidNamespace != 0 &&
+           pidNamespace == Platform::process().getPidNamespace();
 }
 
 bool SessionRecord::isAliveHere() const {
-    return isOnThisHost() && Platform::process().isAlive(pid) &&
+    return isVisible() && Platform::process().isAlive(pid) &&
            Platform::process().getStartStamp(pid) == startStamp;
+}
+
+bool SessionRecord::isOnThisHost() const {
+    return host == Platform::io().getHostName() || isVisible();
+}
+
+bool SessionRecord::isLoopback() const {
+    return address == "localhost" || address == "::1" || address.starts_with("127.");
 }

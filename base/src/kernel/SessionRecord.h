@@ -17,7 +17,9 @@ struct ORVEX_KERNEL_EXPORT SessionRecord {
     std::string address; ///< to connect to: a name or an address
     unsigned port = 0;   ///< 0: it takes no connections
     int pid = 0;
-    unsigned long long startStamp = 0; ///< of the process, tells it from a later one with the same pid
+    unsigned long long startStamp = 0;   ///< of the process, tells it from a later one with the same pid
+    std::string boot;                    ///< which start of the host, empty when the system doesn't tell
+    unsigned long long pidNamespace = 0; ///< which one `pid` belongs to, 0 when the system doesn't tell
     unsigned ranks = 1;
     double startTime = 0.0; ///< [s] since 1970
     std::string user;
@@ -34,7 +36,14 @@ struct ORVEX_KERNEL_EXPORT SessionRecord {
     /// What anybody may know: everything but the key.
     Properties describe() const;
 
-    /// Whether the process lives on this host; false when it died or runs elsewhere.
+    /// Whether this process can tell by `pid` if the server lives: both are on one boot of one host and in
+    /// one namespace of pids. Of a server that can't be seen nothing is known, also when the host's name is
+    /// ours.
+    bool isVisible() const;
+    /// Whether the server can be seen and lives.
     bool isAliveHere() const;
+    /// Whether the server can be seen, or its host has our host's name.
     bool isOnThisHost() const;
+    /// Whether it takes connections from its own host only.
+    bool isLoopback() const;
 };

@@ -236,7 +236,8 @@ std::vector<std::string> FileSystem::getRoots() const {
 bool FileSystem::makePrivateDirectory(const std::wstring& path) {
     const std::wstring whole = getAbsolutePath(path);
     const std::size_t last = whole.rfind(getSeparator());
-    if (last == std::wstring::npos || (last > 0 && !makeDirectories(whole.substr(0, last))))
+    const std::wstring parent = whole.substr(0, last);
+    if (last == std::wstring::npos || (last > 0 && !isDirectory(parent) && !makePrivateDirectory(parent)))
         return false;
     const std::string name = narrow(whole);
     if (::mkdir(name.c_str(), S_IRWXU) != 0 && errno != EEXIST)
@@ -260,12 +261,6 @@ bool FileSystem::writePrivateFile(const std::wstring& path, const std::string& c
         return true;
     ::unlink(temporary.c_str()); // best effort: the failure is told already
     return false;
-}
-
-bool FileSystem::isPrivateFile(const std::wstring& path) const {
-    struct stat status;
-    return ::lstat(narrow(path).c_str(), &status) == 0 && S_ISREG(status.st_mode) &&
-           status.st_uid == ::geteuid() && (status.st_mode & OTHERS) == 0;
 }
 
 bool FileSystem::readFile(const std::wstring& path, std::string& content, std::size_t maxBytes) const {

@@ -88,14 +88,13 @@ public:
     /// The tops of the file system: "/" alone on this system.
     std::vector<std::string> getRoots() const;
 
-    /// Makes a directory, with its parents, and sees that it belongs to this user and nobody else may enter.
+    /// Makes a directory and sees that it belongs to this user and nobody else may enter. The parents that
+    /// are missing are made for this user alone, whatever the mask of the process says.
     /// @return false when that can't be had: it is another user's, a link, or can't be made
     bool makePrivateDirectory(const std::wstring& path);
     /// Writes `content` to a file that this user alone may read, in one step: a reader finds the old file or
     /// the new one, never half of one. @return false when it can't be written
     bool writePrivateFile(const std::wstring& path, const std::string& content);
-    /// True when `path` is a regular file of this user, no link, that nobody else may read or write.
-    bool isPrivateFile(const std::wstring& path) const;
     /// Reads a regular file of at most `maxBytes` bytes. @return false when there is none or it is larger
     bool readFile(const std::wstring& path, std::string& content, std::size_t maxBytes) const;
 };

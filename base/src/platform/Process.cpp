@@ -240,6 +240,14 @@ unsigned long long Process::getStartStamp(int pid) const {
     return stat ? stat->startStamp : 0;
 }
 
+unsigned long long Process::getPidNamespace() const {
+    if (ProcFs::readLink("/proc/self") != std::to_string(::getpid()))
+        return 0;
+    const std::string name = ProcFs::readLink("/proc/self/ns/pid"); // "pid:[4026531836]"
+    const std::size_t number = name.find('[') + 1;                  // 0 when there is none
+    return number > 0 ? std::strtoull(name.c_str() + number, nullptr, 10) : 0;
+}
+
 bool Process::terminate(int pid) const {
     return pid > 0 && ::kill(pid, SIGTERM) == 0;
 }

@@ -48,6 +48,10 @@ public:
     /// A number that differs between two processes which bear the same pid one after the other; 0 when there
     /// is no such process.
     unsigned long long getStartStamp(int pid) const;
+    /// The number of the namespace that the pids here belong to, unlike that of any other on this boot of the
+    /// host; 0 when the system's process pages aren't those of this namespace or aren't there at all. Then
+    /// isAlive() and getStartStamp() can't be relied on.
+    unsigned long long getPidNamespace() const;
     /// Asks a process to end (SIGTERM). @return false when it isn't there or isn't ours to stop
     bool terminate(int pid) const;
     /// Ends a process at once (SIGKILL). @return false when it isn't there or isn't ours to stop

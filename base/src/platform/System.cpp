@@ -90,6 +90,10 @@ std::string System::getGlibc() const {
     return ::gnu_get_libc_version();
 }
 
+std::string System::getBootId() const {
+    return StringHelper::trim(ProcFs::readText("/proc/sys/kernel/random/boot_id").value_or(std::string()));
+}
+
 std::optional<std::string> System::getEnvironment(const std::string& name) const {
     const char* value = std::getenv(name.c_str());
     return value != nullptr ? std::optional<std::string>(value) : std::nullopt;

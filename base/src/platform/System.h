@@ -22,6 +22,9 @@ public:
     std::string getOs() const;
     /// Version of the C library, as in "2.36".
     std::string getGlibc() const;
+    /// A text that the system makes anew each time that the host starts; empty when it tells none. A
+    /// container has that of its host.
+    std::string getBootId() const;
     /// What the environment holds for `name`, nothing when it holds nothing.
     std::optional<std::string> getEnvironment(const std::string& name) const;
 };

@@ -18,6 +18,7 @@
 #include "platform/DynamicLibrary.h"
 #include "platform/FileSystem.h"
 #include "platform/Log.h"
+#include "platform/PrivateFile.h"
 #include "platform/Process.h"
 #include "platform/StringHelper.h"
 
@@ -173,14 +174,15 @@ TEST_F(UserFilesTest, UsageIsRecordedWithConsentOnlyAndBounded) {
     EXPECT_FALSE(_files.exists(manager->getPath())); // the two above wrote nothing
     for (int i = 0; i < 300; ++i)
         manager->logEvent(event);
-    std::string record;
-    ASSERT_TRUE(_files.readFile(manager->getPath(), record, Analytics::Manager::MAX_RECORD_SIZE));
-    EXPECT_GT(record.size(), Analytics::Manager::MAX_RECORD_SIZE / 4);
-    std::istringstream lines(record);
+    std::string reason;
+    const std::optional<std::string> record =
+        Platform::PrivateFile::read(manager->getPath(), Analytics::Manager::MAX_RECORD_SIZE, reason);
+    ASSERT_TRUE(record) << reason;
+    EXPECT_GT(record->size(), Analytics::Manager::MAX_RECORD_SIZE / 4);
+    std::istringstream lines(*record);
     for (std::string line; std::getline(lines, line);)
         EXPECT_EQ(Properties(line).getProperties("Attributes").getInt("np"), 4);
-    EXPECT_EQ(record.back(), '\n');
-    EXPECT_TRUE(_files.isPrivateFile(manager->getPath()));
+    EXPECT_EQ(record->back(), '\n');
 
     Analytics::Manager nowhere("KEY", "1.0", false, L"/proc/none/usage.jsonl");
     nowhere.logEvent(event);

@@ -1,6 +1,7 @@
 #include "platform/FileSystem.h"
 
 #include "TemporaryDirectory.h"
+#include "platform/PrivateFile.h"
 #include "platform/StringHelper.h"
 
 #include <gtest/gtest.h>
@@ -114,7 +115,10 @@ TEST_F(FileSystemTest, CurrentDirectoryAndPaths) {
 
 TEST_F(FileSystemTest, PrivateFilesAndDirectories) {
     const std::wstring folder = directory / L"deep/private";
+    const mode_t before = ::umask(0);
     ASSERT_TRUE(files.makePrivateDirectory(folder));
+    ::umask(before);
+    EXPECT_EQ(Platform::PrivateFile::findWeakness(folder), "");
     ::chmod(narrow(L"deep/private").c_str(), 0755);
     ASSERT_TRUE(files.makePrivateDirectory(folder));
     struct stat status;
@@ -130,7 +134,10 @@ TEST_F(FileSystemTest, PrivateFilesAndDirectories) {
     ASSERT_TRUE(files.writePrivateFile(record, "one"));
     ASSERT_TRUE(files.writePrivateFile(record, "two"));
     ::umask(mask);
-    EXPECT_TRUE(files.isPrivateFile(record));
+    std::string reason;
+    EXPECT_EQ(Platform::PrivateFile::read(record, 3, reason), "two");
+    EXPECT_FALSE(Platform::PrivateFile::read(record, 2, reason));
+    EXPECT_EQ(reason, "it is larger than 2 bytes");
     std::string content = "old";
     EXPECT_TRUE(files.readFile(record, content, 3));
     EXPECT_EQ(content, "two");
@@ -141,8 +148,6 @@ TEST_F(FileSystemTest, PrivateFilesAndDirectories) {
     Names names;
     ASSERT_TRUE(files.listDirectory(folder, dirs, names));
     EXPECT_EQ(names, Names{L"record"}); // no half-written file is left beside it
-    ::chmod(StringHelper::toString(record).c_str(), 0640);
-    EXPECT_FALSE(files.isPrivateFile(record));
 }
 
 TEST_F(FileSystemTest, APipeIsRefusedWithoutWaiting) {
