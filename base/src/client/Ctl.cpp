@@ -1,35 +1,37 @@
 #include "client/Ctl.h"
 
+#include "client/CtlInterrupt.h"
 #include "client/CtlPrompt.h"
+#include "client/OwnCommands.h"
 #include "client/ResponsePrinter.h"
 #include "kernel/Error.h"
 #include "kernel/Properties.h"
 #include "kernel/RpcMessage.h"
 #include "kernel/SessionLocator.h"
 
+#include "platform/FileSystem.h"
 #include "platform/Io.h"
 #include "platform/Process.h"
+#include "platform/Signals.h"
+#include "platform/StringHelper.h"
 #include "platform/Time.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <ctime>
 #include <fstream>
 #include <iostream>
 #include <set>
+#include <sstream>
 
 namespace {
 
 constexpr std::chrono::milliseconds ANSWER_TIME{10000}; ///< of the server's own methods
 constexpr std::chrono::milliseconds STOP_TIME{30000};
+constexpr const char* SUCCESS_KEY = "Success"; ///< of a response: false when the command didn't do its work
+constexpr const char* REASON_KEY = "Reason";   ///< beside it, for people
 constexpr std::size_t MAX_LINE = std::size_t(16) << 20; ///< of a script [bytes]
-
-const std::set<std::string> OWN_COMMANDS{"list-sessions", "list-commands", "status",
-                                         "cancel",        "stop",          "abort"};
-
-bool isOwn(const std::string& name) {
-    return OWN_COMMANDS.count(name) > 0;
-}
 
 int exitCodeOf(const RpcClientError& error) {
     switch (error.getTrouble()) {
@@ -41,6 +43,8 @@ int exitCodeOf(const RpcClientError& error) {
         return ExitCode::CONNECTION_LOST;
     case RpcClientError::TIMED_OUT:
         return ExitCode::TIMED_OUT;
+    case RpcClientError::GIVEN_UP:
+        return ExitCode::GIVEN_UP;
     }
     return ExitCode::CONNECTION_LOST;
 }
@@ -82,6 +86,12 @@ bool readLine(std::istream& stream, std::string& line) {
     return !line.empty();
 }
 
+std::string forPeople(const std::string& json, const std::set<std::string>& hidden = {}) {
+    std::ostringstream text;
+    ResponsePrinter(text).print(json, hidden);
+    return text.str();
+}
+
 /// A line of the keys that a command takes, "\nkey=type" each, in brackets when it may be left out.
 std::string usageOf(const Properties& command) {
     std::vector<Properties> arguments;
@@ -97,28 +107,41 @@ std::string usageOf(const Properties& command) {
 } // namespace
 
 int Ctl::run() {
+    int result = ExitCode::SUCCESS;
+    std::string failure;
     try {
-        return dispatch();
+        result = dispatch();
+        _console.flush();
     } catch (const UsageError& error) {
-        std::cerr << "orvexctl: " << error.what() << std::endl;
-        return ExitCode::USAGE_ERROR;
+        result = ExitCode::USAGE_ERROR;
+        failure = error.what();
     } catch (const RpcClientError& error) {
-        std::cerr << "orvexctl: " << error.what() << std::endl;
-        return exitCodeOf(error);
+        result = exitCodeOf(error);
+        failure = error.what();
+    } catch (const OutputError& error) {
+        result = result == ExitCode::SUCCESS ? ExitCode::OUTPUT_FAILED : result;
+        failure = error.what();
     } catch (const std::exception& error) { // an answer that isn't what the protocol says
-        std::cerr << "orvexctl: " << error.what() << std::endl;
-        return ExitCode::CONNECTION_LOST;
+        result = ExitCode::CONNECTION_LOST;
+        failure = error.what();
     }
+    if (!failure.empty())
+        _console.tell("orvexctl: " + failure);
+    _console.leave(result != ExitCode::GIVEN_UP);
+    return result;
 }
 
 int Ctl::dispatch() {
     const std::string first = _options.words.empty() ? std::string() : _options.words.front();
-    if (first == "list-sessions") {
-        if (_options.words.size() > 1)
-            throw UsageError("list-sessions takes no arguments");
-        return listSessions();
-    }
-    _session.connect(isOwn(first) ? SessionHandshake::Access::CONTROL : SessionHandshake::Access::COMMANDS);
+    const bool ownHelp =
+        first == "help" && (_options.words.size() != 2 || OwnCommands::isOne(_options.words[1]));
+    if (first == "list-sessions" || ownHelp) // asks no server
+        return runLine(toWords(_options.words));
+    if (!_options.script.empty() &&
+        Platform::filesystem().isDirectory(StringHelper::toWString(_options.script)))
+        throw UsageError("The script " + _options.script + " is a folder");
+    _session.connect(OwnCommands::isOne(first) ? SessionHandshake::Access::CONTROL
+                                               : SessionHandshake::Access::COMMANDS);
     if (!first.empty())
         return runLine(toWords(_options.words));
     if (_options.script.empty() && Platform::io().isTerminal(Platform::io().getDescriptor(stdin)))
@@ -141,20 +164,25 @@ int Ctl::runScript(std::istream& script, const std::string& name) {
             if (!words.empty())
                 code = runLine(words);
         } catch (const UsageError& error) {
-            std::cerr << name << ":" << number << ": " << error.what() << std::endl;
+            _console.tell(name + ":" + std::to_string(number) + ": " + error.what());
             code = ExitCode::USAGE_ERROR;
         }
         result = result == ExitCode::SUCCESS ? code : result;
         if (result != ExitCode::SUCCESS && !_options.keepGoing)
             break;
+        if (_interrupted)
+            return result == ExitCode::SUCCESS ? ExitCode::GIVEN_UP : result;
         if (!_session.getClient().isConnected())
             break;
     }
+    if (script.bad() || (&script == &std::cin && std::ferror(stdin) != 0))
+        throw UsageError("The script " + name + " can't be read to its end");
     return result;
 }
 
 int Ctl::runPrompt() {
-    CtlPrompt prompt(_session);
+    Platform::signals().ignore(Platform::Signals::INTERRUPT); // but for the time of a command
+    CtlPrompt prompt(_session, _console);
     int result = ExitCode::SUCCESS;
     while (const std::optional<std::string> line = prompt.readLine()) {
         try {
@@ -163,15 +191,12 @@ int Ctl::runPrompt() {
                 continue;
             if (words.front().text == "quit" || words.front().text == "exit")
                 break;
-            if (words.front().text == "help") {
-                result = listCommands({words.begin() + 1, words.end()});
-                continue;
-            }
             result = runLine(words);
         } catch (const UsageError& error) {
-            std::cerr << error.what() << std::endl;
+            _console.tell(error.what());
             result = ExitCode::USAGE_ERROR;
         }
+        _console.flush();
         if (!_session.getClient().isConnected())
             break;
     }
@@ -181,16 +206,51 @@ int Ctl::runPrompt() {
 int Ctl::runLine(const std::vector<CommandWords::Word>& words) {
     const std::string& name = words.front().text;
     const std::vector<CommandWords::Word> arguments(words.begin() + 1, words.end());
-    return isOwn(name) ? runOwn(name, arguments) : runCommand(name, arguments);
+    return OwnCommands::isOne(name) ? runOwn(name, arguments) : runCommand(name, arguments);
 }
 
 int Ctl::runCommand(const std::string& name, const std::vector<CommandWords::Word>& arguments) {
     const std::vector<CommandWords::KeyType> types =
         arguments.empty() ? std::vector<CommandWords::KeyType>() : _session.getHelp(name).arguments;
-    return print(_session.getClient().call(name, CommandWords::toParams(arguments, types), _options.timeout));
+    const std::string params = CommandWords::toParams(arguments, types);
+    const std::string goesOn =
+        "; " + name + " goes on in the server: \"orvexctl status\" tells of it, \"orvexctl cancel\" ends it";
+    CtlInterrupt interrupt(_session, _console, name);
+    bool answered = false;
+    try {
+        const RpcClient::Reply reply = _session.getClient().call(name, params, _options.timeout);
+        answered = true;
+        _interrupted = interrupt.happened();
+        const int result = print(reply);
+        return tellsFailure(name, reply) ? ExitCode::COMMAND_FAILED : result;
+    } catch (const RpcClientError& error) {
+        if (error.getTrouble() != RpcClientError::TIMED_OUT && error.getTrouble() != RpcClientError::GIVEN_UP)
+            throw;
+        throw RpcClientError(error.getTrouble(), error.what() + goesOn);
+    } catch (const OutputError& error) { // nobody reads what it prints
+        throw OutputError(answered ? error.what() : error.what() + goesOn);
+    }
+}
+
+bool Ctl::tellsFailure(const std::string& name, const RpcClient::Reply& reply) {
+    if (reply.failed || reply.result.find("\"" + std::string(SUCCESS_KEY) + "\":false") == std::string::npos)
+        return false;
+    const std::vector<CommandWords::KeyType>& results = _session.getHelp(name).results;
+    const bool promised = std::any_of(results.begin(), results.end(), [](const CommandWords::KeyType& each) {
+        return each.key == SUCCESS_KEY && each.type == "bool";
+    });
+    const Properties response{std::string_view(reply.result)};
+    // A key of a solver's result that happens to have that name, or of something deeper, says nothing of it.
+    if (!promised || !response.hasName(SUCCESS_KEY) || response.getBool(SUCCESS_KEY))
+        return false;
+    _console.tell("Error: " +
+                  (response.hasName(REASON_KEY) ? response.getString(REASON_KEY) : name + " failed"));
+    return true;
 }
 
 int Ctl::runOwn(const std::string& name, const std::vector<CommandWords::Word>& arguments) {
+    if (name == "help")
+        return help(arguments);
     if (name == "list-commands")
         return listCommands(arguments);
     if (name == "abort") {
@@ -237,46 +297,48 @@ int Ctl::showStatus() {
     return print(reply);
 }
 
-int Ctl::print(const RpcClient::Reply& reply) const {
-    if (reply.failed) {
+int Ctl::print(const RpcClient::Reply& reply) {
+    if (reply.failed)
         printError(reply);
-        return ExitCode::COMMAND_FAILED;
-    }
-    if (_options.json)
-        std::cout << reply.result << std::endl;
-    else {
-        ResponsePrinter(std::cout).print(reply.result, {"Command"});
-        std::cout.flush();
-    }
-    return ExitCode::SUCCESS;
+    else
+        printObject(reply.result);
+    return reply.failed ? ExitCode::COMMAND_FAILED : ExitCode::SUCCESS;
 }
 
-void Ctl::printError(const RpcClient::Reply& reply) const {
+void Ctl::printObject(const std::string& json) {
+    _console.print(_options.json ? json + "\n" : forPeople(json, {"Command"}));
+}
+
+void Ctl::printError(const RpcClient::Reply& reply) {
     if (_options.json) {
-        std::cout << "{\"error\":{\"code\":" << reply.code
-                  << ",\"message\":" << RpcMessage::quote(reply.message) << ",\"data\":" << reply.data << "}}"
-                  << std::endl;
+        _console.print("{\"error\":{\"code\":" + std::to_string(reply.code) + ",\"message\":" +
+                       RpcMessage::quote(reply.message) + ",\"data\":" + reply.data + "}}\n");
         return;
     }
     const Properties data{std::string_view(reply.data)};
     const unsigned rank = data.getOr("Rank", 0u);
-    std::cerr << "Error: " << reply.message;
-    if (data.hasName("Rank"))
-        std::cerr << " (rank " << rank << ")";
-    std::cerr << std::endl;
     std::set<std::string> hidden{"Command", "Error", "Kind", "Rank", "Severity"};
     if (data.getOr("Ranks", "") == std::to_string(rank))
         hidden.insert("Ranks");
     if (data.getOr("Kind", "") != Error::INTERNAL_KIND)
         hidden.insert("StackTrace"); // people can do something about what they typed, not about the program
-    ResponsePrinter(std::cerr).print(reply.data, hidden);
+    std::string text = "Error: " + reply.message;
+    if (data.hasName("Rank"))
+        text += " (rank " + std::to_string(rank) + ")";
+    text += "\n" + forPeople(reply.data, hidden);
+    text.pop_back();
+    _console.tell(text);
 }
 
-int Ctl::listSessions() const {
+int Ctl::listSessions() {
+    std::vector<std::string> ignored;
     std::vector<Properties> rows;
-    for (const SessionRecord& record : SessionLocator::getSingleton().findSessions()) {
+    for (const SessionRecord& record : SessionLocator::getSingleton().findSessions(&ignored)) {
+        const std::string state = record.isVisible() ? "runs" : "unseen";
         if (_options.json) {
-            std::cout << record.describe().toString() << std::endl;
+            Properties description = record.describe();
+            description.set("state", state);
+            printObject(description.toString());
             continue;
         }
         Properties row;
@@ -286,18 +348,34 @@ int Ctl::listSessions() const {
         row.set("process", record.pid);
         row.set("ranks", record.ranks);
         row.set("started", localTime(record.startTime));
+        row.set("state", state);
         rows.push_back(row);
     }
+    for (const std::string& reason : ignored)
+        _console.tell("Ignored: " + reason);
     if (_options.json)
         return ExitCode::SUCCESS;
-    if (rows.empty())
-        std::cout << "No session runs here." << std::endl;
-    else {
-        Properties table;
-        table.set("sessions", rows);
-        ResponsePrinter(std::cout).print(table.toString());
-    }
+    Properties table;
+    table.set("sessions", rows);
+    _console.print(rows.empty() ? "No session runs here.\n" : forPeople(table.toString()));
     return ExitCode::SUCCESS;
+}
+
+int Ctl::help(const std::vector<CommandWords::Word>& arguments) {
+    if (arguments.size() > 1)
+        throw UsageError("help takes the name of one command at most");
+    if (!arguments.empty() && OwnCommands::isOne(arguments.front().text)) {
+        _console.print(OwnCommands::describe(arguments.front().text));
+        return ExitCode::SUCCESS;
+    }
+    if (arguments.empty() && !_session.getClient().isConnected()) {
+        _console.print(_options.usage);
+        return ExitCode::SUCCESS;
+    }
+    if (arguments.empty() && !_options.json)
+        _console.print("Commands of orvexctl itself:\n" + OwnCommands::describe() +
+                       "\nCommands of the server:\n");
+    return listCommands(arguments);
 }
 
 int Ctl::listCommands(const std::vector<CommandWords::Word>& arguments) {
@@ -308,15 +386,11 @@ int Ctl::listCommands(const std::vector<CommandWords::Word>& arguments) {
         const std::string& name = arguments.front().text;
         const CtlSession::Help& help = _session.getHelp(name);
         if (!help.known) {
-            std::cerr << "Error: There is no command \"" << name << "\""
-                      << (help.nearest.empty() ? "" : ", did you mean \"" + help.nearest + "\"?")
-                      << std::endl;
+            _console.tell("Error: There is no command \"" + name + "\"" +
+                          (help.nearest.empty() ? "" : ", did you mean \"" + help.nearest + "\"?"));
             return ExitCode::COMMAND_FAILED;
         }
-        if (_options.json)
-            std::cout << help.json << std::endl;
-        else
-            ResponsePrinter(std::cout).print(help.json);
+        printObject(help.json);
         return ExitCode::SUCCESS;
     }
     const RpcClient::Reply reply =
@@ -328,7 +402,7 @@ int Ctl::listCommands(const std::vector<CommandWords::Word>& arguments) {
     Properties summaries;
     for (const Properties& command : commands)
         summaries.set(command.getString("name"), command.getString("summary") + usageOf(command));
-    ResponsePrinter(std::cout).print(summaries.toString());
+    _console.print(forPeople(summaries.toString()));
     return ExitCode::SUCCESS;
 }
 
@@ -341,14 +415,14 @@ int Ctl::stop() {
     const bool commandRuns = status.hasName("running");
     if (commandRuns) {
         const Properties running = status.getProperties("running");
-        std::cerr << "The server stops when " << running.getString("command") << " of "
-                  << running.getString("client") << " has ended, which has run for "
-                  << duration(running.getReal("seconds"));
+        std::string text = "The server stops when " + running.getString("command") + " of " +
+                           running.getString("client") + " has ended, which has run for " +
+                           duration(running.getReal("seconds"));
         if (running.hasName("progress"))
-            std::cerr << " and is at " << std::lround(100.0 * running.getReal("progress")) << " %";
-        std::cerr << ".\nOther calls of orvexctl can end it earlier:"
-                  << (running.hasName("task") ? " \"cancel\" asks it to end," : "")
-                  << " \"abort\" takes the job down." << std::endl;
+            text += " and is at " + std::to_string(std::lround(100.0 * running.getReal("progress"))) + " %";
+        text += ".\nOther calls of orvexctl can end it earlier:";
+        text += running.hasName("task") ? " \"cancel\" asks it to end," : "";
+        _console.tell(text + " \"abort\" takes the job down.");
     }
     return waitForEnd(commandRuns);
 }
@@ -360,14 +434,14 @@ int Ctl::waitForEnd(bool commandRuns) {
     while (!ended && commandRuns && !_options.timeout)
         ended = _session.getClient().waitForEnd(time);
     if (!ended) {
-        std::cerr << "orvexctl: the server still runs" << std::endl;
+        _console.tell("orvexctl: the server still runs");
         return ExitCode::TIMED_OUT;
     }
     const auto end = std::chrono::steady_clock::now() + time;
     while (_session.getRecord().isAliveHere()) {
         if (std::chrono::steady_clock::now() > end) {
-            std::cerr << "orvexctl: the server has closed its connections, but its process "
-                      << _session.getRecord().pid << " still runs" << std::endl;
+            _console.tell("orvexctl: the server has closed its connections, but its process " +
+                          std::to_string(_session.getRecord().pid) + " still runs");
             return ExitCode::TIMED_OUT;
         }
         Platform::time().sleepMilliseconds(10);

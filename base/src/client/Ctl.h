@@ -1,6 +1,7 @@
 #pragma once
 
 #include "client/CommandWords.h"
+#include "client/CtlConsole.h"
 #include "client/CtlOptions.h"
 #include "client/CtlSession.h"
 
@@ -11,7 +12,7 @@
 /// Does what the options ask for.
 class Ctl {
 public:
-    explicit Ctl(const CtlOptions& options) : _options(options), _session(options) {}
+    explicit Ctl(const CtlOptions& options) : _options(options), _session(options, _console) {}
 
     /// @return an ExitCode
     int run();
@@ -20,19 +21,26 @@ private:
     int dispatch();
     int runScript(std::istream& script, const std::string& name);
     int runPrompt();
+    int help(const std::vector<CommandWords::Word>& arguments);
     /// One line of a script or prompt.
     int runLine(const std::vector<CommandWords::Word>& words);
     int runCommand(const std::string& name, const std::vector<CommandWords::Word>& arguments);
     int runOwn(const std::string& name, const std::vector<CommandWords::Word>& arguments);
     int showStatus();
-    int listSessions() const;
+    int listSessions();
     int listCommands(const std::vector<CommandWords::Word>& arguments);
     int stop();
     int waitForEnd(bool commandRuns);
     int callServer(const std::string& method, const std::string& params);
-    int print(const RpcClient::Reply& reply) const;
-    void printError(const RpcClient::Reply& reply) const;
+    int print(const RpcClient::Reply& reply);
+    void printError(const RpcClient::Reply& reply);
+    /// Prints JSON text: as it is, or for people.
+    void printObject(const std::string& json);
+    /// Whether the command says by its response that it didn't do its work.
+    bool tellsFailure(const std::string& name, const RpcClient::Reply& reply);
 
     const CtlOptions& _options;
+    CtlConsole _console;
     CtlSession _session;
+    bool _interrupted = false; ///< Ctrl-C was pressed while a command ran: no further one follows
 };

@@ -1,8 +1,12 @@
 #include "client/CtlOptions.h"
 
+#include "client/OwnCommands.h"
+
 #include "kernel/OrvexVersion.h"
 
 #include <CLI/CLI.hpp>
+
+#include <iostream>
 
 namespace {
 
@@ -10,22 +14,16 @@ constexpr char DESCRIPTION[] =
     "Drives a running server: one command, a script of them, or an interactive prompt.";
 
 constexpr char FOOTER[] = R"(
-Commands of orvexctl itself:
-  list-sessions          the sessions of this user, newest first
-  list-commands [NAME]   what the server can do; with NAME, its arguments and results
-  status                 what runs, since when, on whose behalf
-  cancel                 ask the task at work to end early
-  stop                   end the server in order: the command at work finishes first
-  abort [reason=TEXT]    take the whole job down at once
-
 Arguments are key=value; the command's help decides the type of a value. Without it, true, false and
 numbers are what they look like, [...] and {...} are JSON, and the rest is text. key='"1"' is the text 1;
 key:=JSON is taken as it stands. A script holds a command a line; # begins a comment.
 
 Without a command: a prompt, or the script on standard input when that isn't a terminal.
 
+Ctrl-C asks the server to cancel the command at work, and waits; once more, it leaves the command running.
+
 Exit codes: 0 done, 1 the command failed, 2 wrong usage, 3 no server to connect to, 4 the server refuses this
-client, 5 the connection was lost, 6 time is up.
+client, 5 the connection was lost, 6 time is up, 7 the output can't be written, 130 left by Ctrl-C.
 
 Examples:
   orvexctl GetHosts
@@ -39,7 +37,7 @@ CtlOptions CtlOptions::parse(int argc, char** argv, std::optional<int>& exitCode
     CtlOptions options;
     double timeout = 0.0;
     CLI::App app(DESCRIPTION, "orvexctl");
-    app.footer(FOOTER);
+    app.footer("\nCommands of orvexctl itself:\n" + OwnCommands::describe() + FOOTER);
     app.set_version_flag("--version", OrvexVersion::getVersionedProductName());
     app.add_option("-s,--session", options.session,
                    "Session by name or process number; default: the newest here");
@@ -60,6 +58,7 @@ CtlOptions CtlOptions::parse(int argc, char** argv, std::optional<int>& exitCode
     app.add_flag("-q,--quiet", options.quiet, "Don't show what the server prints");
     app.add_flag("-k,--keep-going", options.keepGoing, "A script goes on after an error");
     app.add_option("command", options.words, "Command and its arguments, key=value");
+    options.usage = app.help();
     try {
         app.parse(argc, argv);
         if (timeout > 0.0)
@@ -67,7 +66,10 @@ CtlOptions CtlOptions::parse(int argc, char** argv, std::optional<int>& exitCode
         if (!options.script.empty() && !options.words.empty())
             throw CLI::ValidationError("--file", "a script and a command can't both be given");
     } catch (const CLI::ParseError& error) {
-        exitCode = app.exit(error) == 0 ? ExitCode::SUCCESS : ExitCode::USAGE_ERROR;
+        const bool wrong = app.exit(error) != 0;
+        exitCode = wrong               ? ExitCode::USAGE_ERROR
+                   : std::cout.flush() ? ExitCode::SUCCESS
+                                       : ExitCode::OUTPUT_FAILED;
     }
     return options;
 }

@@ -14,7 +14,9 @@ struct ExitCode {
         CANNOT_CONNECT = 3, ///< no session is there, or nobody answers
         REFUSED = 4,        ///< wrong key, other version, or another client is connected
         CONNECTION_LOST = 5,
-        TIMED_OUT = 6
+        TIMED_OUT = 6,
+        OUTPUT_FAILED = 7, ///< what was to be printed can't be written
+        GIVEN_UP = 130     ///< the user left a command alone, as shells tell an end by Ctrl-C
     };
 };
 
@@ -26,11 +28,11 @@ struct CtlOptions {
     std::string keyFile;
     std::string script; ///< path, "-" is standard input
     bool json = false;
-    bool quiet = false;     ///< no console output of the server
-    bool keepGoing = false; ///< a script goes on after an error
-    bool help = false;
+    bool quiet = false;                               ///< no console output of the server
+    bool keepGoing = false;                           ///< a script goes on after an error
     std::optional<std::chrono::milliseconds> timeout; ///< for an answer; none: as long as it takes
     std::vector<std::string> words;                   ///< the command and its arguments
+    std::string usage;                                ///< how orvexctl is called, for people
 
     /// Reads the command line; prints what it asks to print or what is wrong with it.
     /// @param exitCode  set when there is nothing more to do

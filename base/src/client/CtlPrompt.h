@@ -4,13 +4,15 @@
 #include <optional>
 #include <string>
 
+class CtlConsole;
 class CtlSession;
 
 /// The interactive prompt: editing, history, completion of commands and their arguments. While it waits for a
-/// key, what the server prints appears above it.
+/// key, what the server prints appears above it. Ctrl-C clears the line. Each line goes into the history's
+/// file before it runs.
 class CtlPrompt {
 public:
-    explicit CtlPrompt(CtlSession& session);
+    CtlPrompt(CtlSession& session, CtlConsole& console);
     CtlPrompt(const CtlPrompt&) = delete;
     CtlPrompt& operator=(const CtlPrompt&) = delete;
     ~CtlPrompt();

@@ -1,5 +1,7 @@
 #include "client/CtlSession.h"
 
+#include "client/CtlConsole.h"
+
 #include "kernel/Properties.h"
 #include "kernel/SessionLocator.h"
 
@@ -8,15 +10,16 @@
 #include "platform/Process.h"
 #include "platform/StringHelper.h"
 #include "platform/System.h"
+#include "platform/Time.h"
 
 #include <algorithm>
 #include <cmath>
-#include <iostream>
-#include <sstream>
 
 namespace {
 
 constexpr std::chrono::milliseconds CONNECT_TIME{10000};
+constexpr std::chrono::milliseconds CANCEL_TIME{3000};
+constexpr double RETRY_PAUSE = 0.2; ///< [s]
 
 /// A session is called by its full name, its file's name with or without extension, or its process number.
 bool isCalled(const SessionRecord& record, const std::string& name) {
@@ -30,12 +33,22 @@ std::string clientName() {
            std::to_string(Platform::process().getPid()) + ")";
 }
 
+std::vector<CommandWords::KeyType> keysOf(const Properties& command, const std::string& list) {
+    std::vector<Properties> descriptions;
+    command.get(list, descriptions);
+    std::vector<CommandWords::KeyType> keys;
+    for (const Properties& key : descriptions)
+        keys.push_back({key.getString("name"), key.getString("type")});
+    return keys;
+}
+
 } // namespace
 
 SessionRecord CtlSession::choose() const {
     if (!_options.keyFile.empty())
         return SessionLocator::readRecord(StringHelper::toWString(_options.keyFile));
-    std::vector<SessionRecord> sessions = SessionLocator::getSingleton().findSessions();
+    std::vector<std::string> ignored;
+    std::vector<SessionRecord> sessions = SessionLocator::getSingleton().findSessions(&ignored);
     std::string wanted;
     if (!_options.session.empty()) {
         std::erase_if(sessions, [&](const SessionRecord& each) { return !isCalled(each, _options.session); });
@@ -55,33 +68,93 @@ SessionRecord CtlSession::choose() const {
                       [](const SessionRecord& each) { return !each.isOnThisHost() || each.port == 0; });
         wanted = " on this host";
     }
-    if (sessions.empty())
+    if (sessions.empty()) {
+        for (const std::string& reason : ignored)
+            wanted += "\nIgnored: " + reason;
         throw RpcClientError(RpcClientError::CANNOT_CONNECT,
                              "There is no session of user " + Platform::system().getUserName() + wanted);
+    }
     return sessions.front();
 }
 
-void CtlSession::connect(SessionHandshake::Access access) {
+/// Behind the loopback address of another host's record nobody answers, or somebody else.
+void CtlSession::refuseForeignLoopback() const {
+    const bool toItsHost = _options.host.empty() || OS::Io::Host(_options.host) == OS::Io::Host(_record.host);
+    if (_record.isOnThisHost() || !_record.isLoopback() || !toItsHost)
+        return;
+    throw RpcClientError(RpcClientError::CANNOT_CONNECT,
+                         "The session " + _record.name + " takes connections from its own host " +
+                             _record.host + " only: run \"ssh " + _record.host +
+                             " orvexctl ...\", or start the server with \"-xclientaddr " +
+                             Platform::io().getHostName() + "\"");
+}
+
+/// Where the chosen session is reached.
+RpcClient::Target CtlSession::locate() const {
+    if (_record.port == 0 && _options.port == 0)
+        throw RpcClientError(RpcClientError::CANNOT_CONNECT,
+                             "The session " + _record.name + " takes no connections");
+    refuseForeignLoopback();
+    std::vector<std::string> addresses;
+    addresses.push_back(_options.host.empty() ? _record.address : _options.host);
+    if (_options.host.empty() && _record.isOnThisHost() && !_record.isLoopback())
+        addresses.push_back("127.0.0.1");
+    return {addresses, _options.port != 0 ? _options.port : _record.port,
+            SessionKey::fromHex(_record.key).value()};
+}
+
+void CtlSession::tryToConnect(SessionHandshake::Access access) {
     try {
         _record = choose();
     } catch (const InputError& error) {
         throw RpcClientError(RpcClientError::CANNOT_CONNECT, error.what());
     }
-    if (_record.port == 0 && _options.port == 0)
-        throw RpcClientError(RpcClientError::CANNOT_CONNECT,
-                             "The session " + _record.name + " takes no connections");
-    std::vector<std::string> addresses;
-    if (!_options.host.empty())
-        addresses.push_back(_options.host);
-    else
-        addresses.push_back(_record.address);
-    if (_options.host.empty() && _record.isOnThisHost() && _record.address != "127.0.0.1")
-        addresses.push_back("127.0.0.1");
-    const RpcClient::Target target{addresses, _options.port != 0 ? _options.port : _record.port,
-                                   SessionKey::fromHex(_record.key).value()};
+    const RpcClient::Target target = locate();
+    try {
+        _client.connect(target, access, clientName(), _options.timeout.value_or(CONNECT_TIME));
+    } catch (const RpcClientError& error) {
+        if (_record.isVisible() || error.getTrouble() != RpcClientError::CANNOT_CONNECT)
+            throw;
+        throw RpcClientError(error.getTrouble(),
+                             error.what() +
+                                 std::string("; whether this server still runs can't be seen from here, "
+                                             "its record is ") +
+                                 StringHelper::toString(_record.path));
+    }
+}
+
+void CtlSession::connect(SessionHandshake::Access access) {
     _client.setNotificationCallback(
         [this](const std::string& method, std::string_view params) { onNotification(method, params); });
-    _client.connect(target, access, clientName(), _options.timeout.value_or(CONNECT_TIME));
+    try {
+        tryToConnect(access);
+    } catch (const RpcClientError& error) {
+        if (error.getTrouble() == RpcClientError::TIMED_OUT)
+            throw;
+        Platform::time().sleep(RETRY_PAUSE);
+        tryToConnect(access);
+    }
+}
+
+std::string CtlSession::cancel(const std::string& command) const {
+    try {
+        RpcClient control;
+        control.connect(locate(), SessionHandshake::Access::CONTROL, clientName(), CANCEL_TIME);
+        const RpcClient::Reply reply = control.call("server.status", "{}", CANCEL_TIME);
+        const Properties status{std::string_view(reply.failed ? "{}" : reply.result)};
+        if (!status.hasName("running"))
+            return command + " isn't at work";
+        const Properties running = status.getProperties("running");
+        if (running.getString("client") != clientName())
+            return command + " waits for the end of " + running.getString("command") + " of " +
+                   running.getString("client");
+        const RpcClient::Reply answer = control.call("server.cancel", "{}", CANCEL_TIME);
+        const bool cancelled =
+            !answer.failed && Properties(std::string_view(answer.result)).getBool("cancelled");
+        return command + (cancelled ? " is asked to end early" : " can't be cancelled at this moment");
+    } catch (const Error& error) {
+        return std::string("The server can't be asked to cancel: ") + error.what();
+    }
 }
 
 const CtlSession::Help& CtlSession::getHelp(const std::string& command) {
@@ -103,10 +176,8 @@ const CtlSession::Help& CtlSession::getHelp(const std::string& command) {
         return help;
     help.known = true;
     help.json = commands.front().toString();
-    std::vector<Properties> arguments;
-    commands.front().get("arguments", arguments);
-    for (const Properties& argument : arguments)
-        help.arguments.push_back({argument.getString("name"), argument.getString("type")});
+    help.arguments = keysOf(commands.front(), "arguments");
+    help.results = keysOf(commands.front(), "results");
     return help;
 }
 
@@ -126,18 +197,8 @@ void CtlSession::forgetHelp() {
     _help.clear();
 }
 
-void CtlSession::show(const std::string& text) {
-    if (beforeText)
-        beforeText();
-    (_options.json ? std::cerr : std::cout) << text << std::flush;
-    if (afterText)
-        afterText();
-}
-
 /// For people who wait: a line when a task has come a tenth further.
 void CtlSession::showProgress(const Properties& progress) {
-    if (!Platform::io().isTerminal(Platform::io().getDescriptor(stderr)))
-        return;
     const std::string task = progress.getString("Task");
     const long percent = std::lround(100.0 * progress.getReal("Progress"));
     const std::string state = progress.getString("State");
@@ -147,31 +208,24 @@ void CtlSession::showProgress(const Properties& progress) {
     _shownState = state;
     _shownPercent = percent;
     const std::string message = progress.getString("Message");
-    std::ostringstream text;
-    text << "[" << task << ": " << percent << " % " << state << (message.empty() ? "" : ", ") << message
-         << "]\n";
-    show(text.str());
+    _console.showProgress("[" + task + ": " + std::to_string(percent) + " % " + state +
+                          (message.empty() ? "" : ", ") + message + "]");
 }
 
 void CtlSession::onNotification(const std::string& method, std::string_view params) {
     const Properties values(params);
-    if (method == "server.abort") {
-        std::cerr << "The job aborts: "
-                  << (values.hasName("Message") ? values.getString("Message") : "no reason given")
-                  << std::endl;
+    if (method == "server.abort")
+        _console.tell("The job aborts: " +
+                      (values.hasName("Message") ? values.getString("Message") : "no reason given"));
+    else if (_options.quiet)
         return;
-    }
-    if (_options.quiet)
-        return;
-    std::ostringstream text;
-    if (method == "server.console")
-        text << values.getString("text");
+    else if (method == "server.console")
+        _console.show(values.getString("text"), _options.json);
     else if (method == "server.consoleLost")
-        text << "[" << values.getLong("lines") << " lines of output were lost]\n";
-    else if (method == "server.progress") {
+        _console.show("[" + std::to_string(values.getLong("lines")) + " lines of output were lost]\n",
+                      _options.json);
+    else if (method == "server.progress")
         showProgress(values);
-        return;
-    } else if (method == "server.stopping")
-        text << "[the server stops]\n";
-    show(text.str());
+    else if (method == "server.stopping")
+        _console.show("[the server stops]\n", _options.json);
 }

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+class CtlConsole;
 class Properties;
 
 /// The session that the options choose, and the connection to it. Shows what the server tells unasked.
@@ -21,10 +22,13 @@ public:
         std::string nearest; ///< of an unknown command: what may have been meant
         std::string json;    ///< the description, JSON text
         std::vector<CommandWords::KeyType> arguments;
+        std::vector<CommandWords::KeyType> results;
     };
 
-    explicit CtlSession(const CtlOptions& options) : _options(options) {}
+    CtlSession(const CtlOptions& options, CtlConsole& console) : _options(options), _console(console) {}
 
+    /// One that is refused is tried once more, for a server that starts or a client that leaves at this
+    /// moment.
     /// @throw RpcClientError, UsageError
     void connect(SessionHandshake::Access access);
     RpcClient& getClient() { return _client; }
@@ -34,18 +38,20 @@ public:
     std::vector<std::string> getCommandNames();
     /// Forgets what is known of the commands: the server may have got new ones.
     void forgetHelp();
-
-    /// Called before and after text of the server is shown, so that a prompt can make room.
-    std::function<void()> beforeText;
-    std::function<void()> afterText;
+    /// Asks the server over a second connection to cancel `command`, unless another client's is at work.
+    /// @return in words what came of it
+    std::string cancel(const std::string& command) const;
 
 private:
     SessionRecord choose() const;
+    void refuseForeignLoopback() const;
+    RpcClient::Target locate() const;
+    void tryToConnect(SessionHandshake::Access access);
     void onNotification(const std::string& method, std::string_view params);
-    void show(const std::string& text);
     void showProgress(const Properties& progress);
 
     const CtlOptions& _options;
+    CtlConsole& _console;
     RpcClient _client;
     SessionRecord _record;
     std::map<std::string, Help> _help;

@@ -13,8 +13,10 @@
 #include <asio/connect.hpp>
 #include <asio/io_context.hpp>
 #include <asio/posix/stream_descriptor.hpp>
+#include <asio/post.hpp>
 #include <asio/write.hpp>
 
+#include <atomic>
 #include <charconv>
 
 namespace {
@@ -40,6 +42,7 @@ struct RpcClient::Impl {
     void startReading();
     std::optional<RpcMessage> nextMessage(const Deadline& deadline);
     void write(const std::string& text, const Deadline& deadline);
+    void abandon(const bool& done);
     bool connectTo(const std::string& address, unsigned port, const Deadline& deadline, std::string& reason);
     void shakeHands(const SessionKey& key, SessionHandshake::Access access, const std::string& client,
                     const Deadline& deadline);
@@ -49,12 +52,20 @@ struct RpcClient::Impl {
         if (callback)
             callback(message.method, message.params.empty() ? std::string_view("{}") : message.params);
     }
+    bool takeInterruption() {
+        if (!interruptCallback || interruptions == 0)
+            return false;
+        --interruptions;
+        return true;
+    }
     std::string lostText() const { return lost.empty() ? "The server closed the connection" : lost; }
 
     std::shared_ptr<asio::io_context> context = std::make_shared<asio::io_context>(1);
     std::unique_ptr<RpcSocket> socket;
     FrameBuffer frames{Properties::MAX_TEXT_SIZE};
     NotificationCallback callback;
+    InterruptCallback interruptCallback;
+    std::atomic<unsigned> interruptions{0}; ///< that wait for the callback
     std::string where;
     std::string lost; ///< why reading ended
     bool reading = false;
@@ -102,6 +113,9 @@ std::optional<RpcMessage> RpcClient::Impl::nextMessage(const Deadline& deadline)
         }
         if (ended)
             fail(RpcClientError::LOST, lostText());
+        while (takeInterruption())
+            if (!interruptCallback())
+                fail(RpcClientError::GIVEN_UP, "The answer wasn't waited for");
         startReading();
         if (!step(deadline))
             return std::nullopt;
@@ -115,6 +129,13 @@ RpcMessage RpcClient::Impl::expectMessage(const Deadline& deadline) {
     return *message;
 }
 
+/// Ends the connection, and with it the operation that sets `done`.
+void RpcClient::Impl::abandon(const bool& done) {
+    socket->socket.close();
+    ended = true;
+    waitUntil(done, std::nullopt);
+}
+
 void RpcClient::Impl::write(const std::string& text, const Deadline& deadline) {
     bool done = false;
     asio::error_code failed;
@@ -126,11 +147,13 @@ void RpcClient::Impl::write(const std::string& text, const Deadline& deadline) {
         startReading();
         if (!step(deadline))
             break;
+        if (!done && takeInterruption()) {
+            abandon(done);
+            fail(RpcClientError::GIVEN_UP, "The request wasn't sent");
+        }
     }
     if (!done) {
-        socket->socket.close();
-        ended = true;
-        waitUntil(done, std::nullopt);
+        abandon(done);
         fail(RpcClientError::TIMED_OUT, "A request couldn't be sent to " + where + " in time");
     }
     if (failed) {
@@ -223,6 +246,16 @@ RpcClient::~RpcClient() {
 
 void RpcClient::setNotificationCallback(NotificationCallback callback) {
     _impl->callback = std::move(callback);
+}
+
+void RpcClient::setInterruptCallback(InterruptCallback callback) {
+    _impl->interruptCallback = std::move(callback);
+    _impl->interruptions = 0;
+}
+
+void RpcClient::interrupt() {
+    ++_impl->interruptions;
+    asio::post(*_impl->context, [] {}); // ends a wait for the next event
 }
 
 void RpcClient::connect(const Target& target, SessionHandshake::Access access, const std::string& client,

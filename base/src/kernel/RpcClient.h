@@ -20,7 +20,8 @@ public:
         CANNOT_CONNECT, ///< nobody answers there
         REFUSED,        ///< somebody answers, but not to us: wrong key, other version, busy
         LOST,           ///< the connection ended
-        TIMED_OUT
+        TIMED_OUT,
+        GIVEN_UP ///< somebody here didn't want to wait any longer
     };
     RpcClientError(Trouble trouble, const std::string& message) : SystemError(message), _trouble(trouble) {}
     Trouble getTrouble() const { return _trouble; }
@@ -49,6 +50,8 @@ public:
     };
     /// `params` is JSON text.
     using NotificationCallback = std::function<void(const std::string& method, std::string_view params)>;
+    /// @return whether to wait on
+    using InterruptCallback = std::function<bool()>;
 
     RpcClient();
     RpcClient(const RpcClient&) = delete;
@@ -57,6 +60,11 @@ public:
 
     /// Called for what the server tells unasked, from within the other operations.
     void setNotificationCallback(NotificationCallback callback);
+    /// Called after interrupt() by the thread that waits for an answer; when it returns false, the wait ends
+    /// with GIVEN_UP, and the command goes on in the server. None: an interruption has no effect.
+    void setInterruptCallback(InterruptCallback callback);
+    /// Any thread, not in a signal handler.
+    void interrupt();
     /// Connects and proves the key both ways.
     /// @param client  what to call this client in the server's logs and to other clients
     void connect(const Target& target, SessionHandshake::Access access, const std::string& client,

@@ -1,11 +1,17 @@
 """The road of a command: client, server, all ranks and back; for serial servers and jobs of several sizes."""
+import contextlib
 import json
 import os
 import pathlib
+import pty
+import select
+import signal
+import socket
 import subprocess
+import termios
 import time
 
-from harness import BUILD, DRIVERS, MPIS, PATIENCE, Case, main, wait_until
+from harness import BUILD, CLIENT, DRIVERS, MPIS, PATIENCE, RECORDS, Case, main, wait_until
 
 
 class Road(Case):
@@ -105,16 +111,6 @@ class Failing(Case):
 class People(Case):
     """What a person at a terminal sees of orvexctl."""
 
-    def test_error_for_people(self):
-        job = self.ready("-module", "OrvexTestModule", mpi=MPIS[0], ranks=3)
-        answer = job.ctl("TestFail", "ranks=[2]", check=False)
-        self.assertNotEqual(answer.returncode, 0)
-        self.assertIn("rank 2", answer.stderr.lower())
-        answer = job.ctl("GetHosst", check=False)
-        self.assertNotEqual(answer.returncode, 0)
-        self.assertIn("GetHosts", answer.stderr)
-        self.stop(job)
-
     def test_console_reaches_the_client(self):
         """While the command runs, not at its end; and not with -cout."""
         for options, expected in (((), True), (("-cout",), False)):
@@ -130,39 +126,102 @@ class People(Case):
                 self.assertIn("line 2", job.out())
                 self.stop(job)
 
-    def test_client_goes_away(self):
-        """The command goes on; one that asks sees which runs, since when and for whom."""
-        job = self.ready("-collab", "-module", "OrvexTestModule", mpi=MPIS[-1], ranks=2)
-        client = job.ctl_started("TestWait", "seconds=3")
-        running = wait_until(lambda: (s := job.ctl("--json", "status").stdout) if "TestWait" in (
-            s := job.ctl("--json", "status").stdout) else None, 5 * PATIENCE, "the command runs")
-        self.assertRegex(running, r"\d{2}:\d{2}:\d{2}|since")
-        client.kill()
-        client.wait()
-        self.assertIn("TestWait", job.ctl("--json", "status").stdout)
-        self.assertEqual(job.run("GetNumberOfWorkers")["NumberOfWorkers"], 2)
-        self.stop(job)
 
-    def test_one_client_at_a_time(self):
-        """In the normal mode a second client is told at once who is connected."""
-        job = self.ready("-module", "OrvexTestModule")
-        client = job.ctl_started("TestWait", "seconds=2")
-        wait_until(lambda: "TestWait" in job.ctl("status").stdout, 5 * PATIENCE, "the command runs")
-        answer = job.ctl("GetUserName", check=False)
-        self.assertNotEqual(answer.returncode, 0)
-        self.assertRegex(answer.stderr, "(?i)client")
-        self.assertEqual(client.wait(timeout=10 * PATIENCE), 0)
-        self.stop(job)
+class Terminal(Case):
+    """orvexctl at a terminal of its own."""
 
-    def test_script(self):
-        """Commands from a file or a pipe, one a line; the first failure ends it with its exit value."""
-        job = self.ready("-collab")
-        good = self.room.work / "good.txt"
-        good.write_text("# two looks\nGetNumberOfWorkers\n\nGetUserName\n")
-        self.assertEqual(job.ctl("--json", "--file", "good.txt").stdout.count("{"), 2)
-        (self.room.work / "bad.txt").write_text("GetNowhere\nGetUserName\n")
-        self.assertNotEqual(job.ctl("--file", "bad.txt", check=False).returncode, 0)
-        self.stop(job)
+    def setUp(self):
+        super().setUp()
+        self.job = self.ready("-collab", "-module", "OrvexParallelSandbox", mpi=MPIS[-1], ranks=2)
+
+    def open(self, *words, output=None):
+        """Starts orvexctl, with its standard output in the file `output`."""
+        self.pid, self.terminal = pty.fork()
+        if self.pid == 0:
+            if output:
+                os.dup2(os.open(output, os.O_WRONLY | os.O_CREAT), 1)
+            command = self.job._client(words)
+            os.execve(command[0], command, self.room.environment(TERM="xterm"))
+        self.seen = ""
+        self.addCleanup(os.close, self.terminal)
+
+    def type(self, text):
+        os.write(self.terminal, text.encode())
+
+    def expect(self, part):
+        """Reads until `part` appears, and gives what came before it."""
+        def found():
+            if part not in self.seen and select.select([self.terminal], [], [], 0.1)[0]:
+                with contextlib.suppress(OSError):  # the other end is closed
+                    self.seen += os.read(self.terminal, 65536).decode(errors="replace")
+            return part in self.seen
+
+        wait_until(found, 20 * PATIENCE, lambda: f"{part!r} in {self.seen!r}")
+        before, _, self.seen = self.seen.partition(part)
+        return before
+
+    def prompt(self):
+        """Until orvexctl reads keys: the prompt is written a moment before."""
+        self.expect("orvex> ")
+        wait_until(lambda: not termios.tcgetattr(self.terminal)[3] & termios.ISIG, 5 * PATIENCE, "keys are read")
+
+    def exit_value(self):
+        return os.waitstatus_to_exitcode(os.waitpid(self.pid, 0)[1])
+
+    SOLVE = ("SolveHeatConduction", "nx=2000", "ny=2000", "reportInterval=0", "tolerance=1e-14")
+
+    def test_prompt(self):
+        """Ctrl-C clears the line and cancels a command; the history survives the end of the client."""
+        mark = self.room.mark
+        self.open()
+        self.prompt()
+        self.type(f"abort reason={mark}\x03")
+        self.expect("^C")
+        self.prompt()
+        self.type(f"GetFileExists path={mark}\n")
+        self.expect("false")
+        self.prompt()
+        self.type(" ".join(self.SOLVE) + "\n")
+        self.expect("% started")
+        self.type("\x03")
+        self.expect("was cancelled")
+        self.prompt()
+        os.kill(self.pid, signal.SIGKILL)
+        self.exit_value()
+        history = (RECORDS[0].parent / "history").read_text()
+        self.assertIn(f"GetFileExists\\040path={mark}", history)
+        self.assertNotIn(f"abort\\040reason={mark}", history)
+        self.stop(self.job)
+
+    def test_second_interrupt(self):
+        """The client ends and the command goes on; progress is on the terminal, not in the file."""
+        output = self.room.work / "answer"
+        self.open(*self.SOLVE, output=output)
+        self.expect("% started")
+        self.type("\x03")
+        self.expect("Ctrl-C again")
+        self.type("\x03")
+        self.expect("SolveHeatConduction goes on")
+        self.assertEqual((self.exit_value(), output.read_text()), (130, ""))
+        self.assertEqual(json.loads(self.job.ctl("--json", "status").stdout)["running"]["command"], self.SOLVE[0])
+        self.job.ctl("cancel")
+        self.assertEqual(self.job.run("GetNumberOfWorkers")["NumberOfWorkers"], 2)
+        self.stop(self.job)
+
+    def test_server_that_moves(self):
+        """A connection that is refused is tried once more, with what the record says by then."""
+        path = pathlib.Path(self.room.top / "moving.session")
+        record = self.job.record()
+        with contextlib.closing(socket.create_server(("127.0.0.1", 0))) as old:
+            path.touch(mode=0o600)
+            path.write_text(json.dumps({**record, "port": old.getsockname()[1]}))
+            client = subprocess.Popen([CLIENT, "--key-file", path, "GetDir"], stdout=subprocess.PIPE)
+            old.settimeout(20 * PATIENCE)
+            connection, _ = old.accept()
+            path.write_text(json.dumps(record))
+            connection.close()
+        self.assertIn(b"cwd", client.communicate(timeout=20 * PATIENCE)[0])
+        self.stop(self.job)
 
 
 if __name__ == "__main__":

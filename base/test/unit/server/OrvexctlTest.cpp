@@ -15,13 +15,15 @@ protected:
         int code;
         std::string output; ///< standard output and standard error
     };
-    Result run(std::vector<std::string> words) {
-        std::vector<std::wstring> command{StringHelper::toWString(ORVEXCTL)};
+    Result run(std::vector<std::string> words, bool throughShell = false) {
         // After the end the path is gone from the locator, and without one another session might be found.
         const std::wstring path = SessionLocator::getSingleton().getRecordPath();
         if (!path.empty())
             _keyFile = StringHelper::toString(path);
-        words.insert(words.begin(), {"--key-file", _keyFile});
+        words.insert(words.begin(), {ORVEXCTL, "--key-file", _keyFile});
+        if (throughShell)
+            words = {"sh", "-c", StringHelper::join(words, " ")};
+        std::vector<std::wstring> command;
         for (const std::string& word : words)
             command.push_back(StringHelper::toWString(word));
         const auto result = Platform::process().runCaptured(command, 30.0);
@@ -52,13 +54,21 @@ TEST_F(OrvexctlTest, runsCommandsAndTellsHowTheyEnd) {
             {{"--nonsense"}, 2, "--nonsense"},
             {{"--session", "", "Echo"}, 2, "--session"},
             {{"--file", "/nowhere/script"}, 2, "/nowhere/script can't be read"},
-            {{"list-commands"}, 0, "Echo   For tests: Echo\n"},
+            {{"--file", "/tmp"}, 2, "The script /tmp is a folder"},
+            {{"Undone"}, 1, "Error: no room\n"},
+            {{"Undone", "text=x"}, 0, "true"},
+            {{"Diverged"}, 0, "false"}, // a result of its own
+            {{"Echo", "Success:=false"}, 0, "false"},
+            {{"help"}, 0, "Usage: orvexctl"},
+            {{"help", "stop"}, 0, "end the server in order"},
+            {{"help", "Echo"}, 0, "text  text  anything       false"},
+            {{"list-commands"}, 0, "Echo      For tests: Echo\n"},
             {{"list-commands", "Echo"}, 0, "text  text  anything       false"},
             {{"list-commands", "Ecko"}, 1, "did you mean \"Echo\""},
             {{"status"}, 0, "queued"},
             {{"cancel"}, 0, "cancelled  false"},
             {{"abort"}, 1, "no way to abort"},
-            {{"--timeout", "0.3", "Wait"}, 6, "in time"},
+            {{"--timeout", "0.3", "Wait"}, 6, "in time; Wait goes on in the server"},
             {{"--host", "127.0.0.1", "--port", "1", "Echo"},
              3,
              "No server can be reached: 127.0.0.1:1: Connection refused"},
@@ -66,13 +76,16 @@ TEST_F(OrvexctlTest, runsCommandsAndTellsHowTheyEnd) {
             {{"--quiet", "Print", "lines=2", "text=x"}, 0, ""},
         };
         for (const auto& row : rows) {
-            released = false;
             const Result result = run(row.words);
             EXPECT_EQ(result.code, row.code) << row.words.front() << ": " << result.output;
             EXPECT_TRUE(has(result, row.part)) << result.output;
-            release(); // for those that wait after the time was up
+            if (row.words.back() == "Wait")
+                release();
         }
         EXPECT_FALSE(has(run({"-q", "Print", "lines=2", "text=x"}), "line"));
+        const Result full = run({"Echo", ">/dev/full"}, true);
+        EXPECT_EQ(full.code, 7);
+        EXPECT_TRUE(has(full, "can't be written: No space left on device")) << full.output;
     });
 }
 
@@ -103,15 +116,30 @@ TEST_F(OrvexctlTest, isToldWhyItIsRefused) {
             EXPECT_TRUE(has(result, "the first is connected")) << result.output;
             EXPECT_EQ(run({"status"}).code, 0);
         }
-        const std::wstring path = SessionLocator::getSingleton().getRecordPath();
-        std::string text;
-        ASSERT_TRUE(Platform::filesystem().readFile(path, text, 100000));
-        const std::size_t key = text.find("\"key\"");
-        text.replace(text.find(':', key) + 3, 4, "0000");
-        ASSERT_TRUE(Platform::filesystem().writePrivateFile(path, text));
-        const Result result = run({"Echo"});
-        EXPECT_EQ(result.code, 4);
-        EXPECT_TRUE(has(result, "The proof of the session key is wrong")) << result.output;
+        SessionRecord record = SessionLocator::readRecord(SessionLocator::getSingleton().getRecordPath());
+        const struct {
+            std::function<void(SessionRecord&)> change;
+            int code;
+            const char* part;
+        } rows[] = {
+            {[](SessionRecord& other) { other.key.replace(0, 4, "0000"); }, 4,
+             "The proof of the session key is wrong"},
+            {[](SessionRecord& other) { other.host = other.boot = "elsewhere"; }, 3,
+             "\"ssh elsewhere orvexctl"},
+            {[](SessionRecord& other) {
+                 other.port = 1;
+                 other.pidNamespace = 0;
+             },
+             3, "Connection refused; whether this server still runs can't be seen from here"},
+        };
+        for (const auto& row : rows) {
+            SessionRecord changed = record;
+            row.change(changed);
+            ASSERT_TRUE(Platform::filesystem().writePrivateFile(record.path, changed.toText()));
+            const Result result = run({"Echo"});
+            EXPECT_EQ(result.code, row.code);
+            EXPECT_TRUE(has(result, row.part)) << result.output;
+        }
     });
 }
 

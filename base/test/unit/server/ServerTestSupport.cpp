@@ -28,9 +28,10 @@ namespace {
 class TestCommand : public Command {
 public:
     using Body = std::function<void(const Properties& args, Properties& response)>;
-    TestCommand(std::string name, Body body)
+    TestCommand(std::string name, Body body, std::vector<CommandKey> results = {})
         : Command({"For tests: " + name,
-                   {{"text", "text", "anything", false}, {CommandKey::ANY, "any", "anything else", false}}}),
+                   {{"text", "text", "anything", false}, {CommandKey::ANY, "any", "anything else", false}},
+                   std::move(results)}),
           _name(std::move(name)), _body(std::move(body)) {}
     std::string getName() const override { return _name; }
     void execute(const Properties& args, Properties& response) override { _body(args, response); }
@@ -148,15 +149,24 @@ void ServerFixture::SetUp() {
 }
 
 void ServerFixture::addCommands() {
-    const auto add = [](const char* name, const TestCommand::Body& body) {
-        Controller::getSingleton().registerCommand(
-            new TestCommand(name, [body](const Properties& args, Properties& response) {
+    const auto add = [](const char* name, const TestCommand::Body& body,
+                        const std::vector<CommandKey>& results = {}) {
+        Controller::getSingleton().registerCommand(new TestCommand(
+            name,
+            [body](const Properties& args, Properties& response) {
                 ++executed;
                 body(args, response);
-            }));
+            },
+            results));
     };
     add("Echo", [](const Properties& args, Properties& response) { response.set("args", args); });
     add("Fail", &fail);
+    const auto undone = [](const Properties& args, Properties& response) {
+        response.set("Success", args.hasName("text"));
+        response.set("Reason", "no room");
+    };
+    add("Undone", undone, {{"Success", "bool", "false when it wasn't done"}});
+    add("Diverged", undone);
     add("Print", &print);
     add("Wait", [](const Properties&, Properties&) {
         Task task("waiting");

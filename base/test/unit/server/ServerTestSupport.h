@@ -54,8 +54,9 @@ private:
 /// A Server on loopback with commands of the test's own: the main thread runs them, another plays the
 /// clients.
 ///
-/// Echo answers its arguments, Fail raises what it is told, Print prints `lines` lines, Wait waits for
-/// release() or a cancel, Big answers `bytes` bytes.
+/// Echo answers its arguments, Fail raises what it is told, Undone answers "Success": false, as a result that
+/// its help tells, Diverged the same without help, Print prints `lines` lines, Wait waits for release() or a
+/// cancel, Big answers `bytes` bytes.
 class ServerFixture : public ::testing::Test {
 protected:
     void SetUp() override;

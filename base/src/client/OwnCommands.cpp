@@ -1,0 +1,49 @@
+#include "client/OwnCommands.h"
+
+#include <algorithm>
+#include <array>
+
+namespace {
+
+struct OwnCommand {
+    std::string_view name;
+    std::string_view arguments;
+    std::string_view summary;
+};
+
+constexpr std::array COMMANDS{
+    OwnCommand{"help", " [NAME]", "all commands; with NAME, what this one takes and gives"},
+    OwnCommand{"list-sessions", "", "the sessions of this user, newest first"},
+    OwnCommand{"list-commands", " [NAME]", "what the server can do; with NAME, its arguments and results"},
+    OwnCommand{"status", "", "what runs, since when, on whose behalf"},
+    OwnCommand{"cancel", "", "ask the task at work to end early"},
+    OwnCommand{"stop", "", "end the server in order: the command at work finishes first"},
+    OwnCommand{"abort", " [reason=TEXT]", "take the whole job down at once"},
+};
+
+constexpr std::size_t WIDTH = 23; ///< of name and arguments
+
+} // namespace
+
+bool OwnCommands::isOne(std::string_view name) {
+    return std::any_of(COMMANDS.begin(), COMMANDS.end(), [&](const auto& each) { return each.name == name; });
+}
+
+std::vector<std::string> OwnCommands::getNames() {
+    std::vector<std::string> names;
+    for (const OwnCommand& command : COMMANDS)
+        names.emplace_back(command.name);
+    return names;
+}
+
+std::string OwnCommands::describe(std::string_view name) {
+    std::string text;
+    for (const OwnCommand& command : COMMANDS) {
+        if (!name.empty() && name != command.name)
+            continue;
+        std::string head = std::string(command.name).append(command.arguments);
+        head.resize(std::max(WIDTH, head.size()), ' ');
+        text.append("  ").append(head).append(command.summary).append("\n");
+    }
+    return text;
+}
