@@ -2,6 +2,8 @@
 
 #include "kernel/Raise.h"
 
+#include <utility>
+
 NativeHandle::NativeHandle(int fortranHandle, std::string library)
     : _fortranHandle(fortranHandle), _library(std::move(library)) {}
 

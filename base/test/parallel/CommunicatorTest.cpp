@@ -782,18 +782,4 @@ TEST(CommunicatorOfAll, faultOnTheLastRankOnly) {
     EXPECT_EQ(sum, comm.size() * (comm.size() - 1) / 2);
 }
 
-TEST(CommunicatorOfAll, truncatedMessageIsAnError) {
-    ORVEX_NEEDS_RANKS(2);
-    Communicator comm;
-    const double values[4] = {1, 2, 3, 4};
-    double room[2] = {};
-    if (comm.myRank() == 0) {
-        comm.send(values, 4, 1, 3);
-    } else if (comm.myRank() == 1) {
-        const auto receive = [&] { comm.recv(room, 2, 0, 3); };
-        EXPECT_THROW(receive(), NonRecoverableError);
-    }
-    comm.synchronise();
-}
-
 } // namespace

@@ -3,12 +3,8 @@
 #include "machine/MachineHost.h"
 #include "machine/Communicator.h"
 #include "machine/MpiCore.h"
-#include "machine/StreamRedirector.h"
 
-#include "mpiwrapper/OxmMpi.h"
-#include "platform/FileSystem.h"
 #include "platform/Process.h"
-#include "platform/StringHelper.h"
 
 #include "parallel/MachineHostTestAccess.h"
 #include "unit/machine/Failures.h"
@@ -17,12 +13,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <fstream>
-#include <iostream>
-#include <map>
 #include <memory>
 #include <set>
-#include <sstream>
 
 namespace {
 
@@ -95,53 +87,6 @@ TEST_F(MachineHostOfJob, communicatorsFollowTheNames) {
     }
 }
 
-/// The wrapper calls that `operation` makes, as the driver tells them.
-template <class F>
-std::string tracedBy(F operation) {
-    const std::wstring path =
-        Platform::filesystem().join(Platform::filesystem().getDefaultTemporaryDirectory(),
-                                    L"orvex-trace-" + std::to_wstring(Platform::process().getPid()));
-    {
-        const StreamRedirector redirector(stderr, path);
-        MpiCore::handleError(OXM_MPI_Enable_trace());
-        operation();
-        MpiCore::handleError(OXM_MPI_Disable_trace());
-    }
-    std::ostringstream text;
-    text << std::ifstream(StringHelper::toString(path)).rdbuf();
-    Platform::filesystem().deleteFile(path);
-    return text.str();
-}
-
-TEST_F(MachineHostOfJob, isBuiltByAFixedNumberOfCollectives) {
-    const std::string trace = tracedBy([] { MachineHostTestAccess::claim("one"); });
-    std::map<std::string, int> collectives;
-    std::istringstream lines(trace);
-    for (std::string line; std::getline(lines, line);)
-        for (const char* name : {"Allgather", "Allgatherv", "Allreduce", "Barrier", "Bcast", "Comm_create",
-                                 "Comm_dup", "Comm_split", "Gather", "Gatherv", "Send", "Recv"})
-            if (line.find(std::string(": ") + name + "(") != std::string::npos)
-                ++collectives[name];
-    // Names with their lengths, process identifiers, the two communicators. The hardware with its length goes
-    // down a tree of the host's processes.
-    std::map<std::string, int> expected{{"Allgather", 2}, {"Allgatherv", 1}, {"Comm_create", 2}};
-    const int below = static_cast<int>(Machine::nProcesses()) -
-                      2 * static_cast<int>(Machine::globalCommunicator().myRank()) - 1;
-    if (below > 0)
-        expected["Send"] = 2 * std::min(below, 2);
-    EXPECT_EQ(collectives, expected) << trace;
-}
-
-/// What is written to std::cout meanwhile.
-template <class F>
-std::string printedBy(F operation) {
-    std::ostringstream text;
-    std::streambuf* const console = std::cout.rdbuf(text.rdbuf());
-    operation();
-    std::cout.rdbuf(console);
-    return text.str();
-}
-
 TEST_F(MachineHostOfJob, summaries) {
     const std::string distribution =
         "MPI Distribution : " + MpiCore::getDistribName() +
@@ -179,10 +124,10 @@ TEST_F(MachineHostOfJob, summaries) {
         const std::unique_ptr<MachineHost> host = MachineHostTestAccess::claim("here");
         MachineHostTestAccess::pretend(*host, row.hostOfRank);
         MachineTestAccess::playRole(mode, static_cast<unsigned>(row.hostOfRank.size()), me);
-        const std::string truncated = printedBy([&] { host->printProcessSummary(); });
-        const std::string complete = printedBy([&] { host->printCompleteProcessSummary(); });
+        const std::string truncated = printedOnRank([&] { host->printProcessSummary(); });
+        const std::string complete = printedOnRank([&] { host->printCompleteProcessSummary(); });
         MachineTestAccess::setPrintpids(true);
-        const std::string withPids = printedBy([&] { host->printTruncatedProcessSummary(); });
+        const std::string withPids = printedOnRank([&] { host->printTruncatedProcessSummary(); });
         MachineTestAccess::setPrintpids(false);
         MachineTestAccess::playRole(mode, ranks, me);
         if (!Machine::isMaster()) {

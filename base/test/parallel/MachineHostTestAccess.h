@@ -5,7 +5,9 @@
 #include "machine/CpuTopology.h"
 #include "machine/MachineHost.h"
 
+#include <iostream>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -36,3 +38,13 @@ public:
     static Communicator* interHostComm(const MachineHost& host) { return host._interHostComm.get(); }
     static Communicator& getInterHostComm(const MachineHost& host) { return host.getInterHostComm(); }
 };
+
+/// What this rank writes to std::cout meanwhile.
+template <class F>
+std::string printedOnRank(F operation) {
+    std::ostringstream text;
+    std::streambuf* const console = std::cout.rdbuf(text.rdbuf());
+    operation();
+    std::cout.rdbuf(console);
+    return text.str();
+}

@@ -23,9 +23,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <iostream>
 #include <sched.h>
-#include <sstream>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -55,16 +53,6 @@ protected:
     const unsigned _lpu = realTopology().getLpusFromMask(getAvailable(realTopology())).front();
     const AffinityMask _bound = realTopology().getLpuMask(_lpu);
 };
-
-/// What each rank writes to std::cout meanwhile.
-template <class F>
-std::string printedBy(F operation) {
-    std::ostringstream text;
-    std::streambuf* const console = std::cout.rdbuf(text.rdbuf());
-    operation();
-    std::cout.rdbuf(console);
-    return text.str();
-}
 
 /// The operating system's numbers of the processors that this thread may run on.
 std::vector<unsigned> numbersOfProcessors() {
@@ -114,7 +102,7 @@ TEST_F(Placement, isReportedInStages) {
         const auto host = MachineHostTestAccess::claim(isOneHost ? "one" : isOdd ? "odd" : "even");
         MachineHostTestAccess::equip(*host, isMixed && isOdd ? makeLarge() : makeSmall());
         const std::string told =
-            printedBy([&] { host->printProcessAffinitySummary(true, false, true, gather); });
+            printedOnRank([&] { host->printProcessAffinitySummary(true, false, true, gather); });
         EXPECT_TRUE(_me == 0 || told.empty()) << "only the master prints";
         return told;
     };

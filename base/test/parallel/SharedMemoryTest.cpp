@@ -17,7 +17,6 @@
 #include <algorithm>
 #include <iostream>
 #include <numeric>
-#include <sstream>
 
 namespace {
 
@@ -159,11 +158,7 @@ TEST_F(SharedMemory, overSubscribedHostsAreNamed) {
     const unsigned onEven = (_ranks + 1) / 2;
     const auto warn = [&](const char* evenMachine, const char* oddMachine) {
         enter(_me % 2 == 0 ? "even" : "odd", _me % 2 == 0 ? evenMachine : oddMachine);
-        std::ostringstream text;
-        std::streambuf* const console = std::cout.rdbuf(text.rdbuf());
-        MachineTestAccess::testOverSubscription();
-        std::cout.rdbuf(console);
-        return text.str();
+        return printedOnRank(&MachineTestAccess::testOverSubscription);
     };
     const std::string stars(84, '*');
     const char* const wide = "pack:1 [numa] core:64 pu:1";

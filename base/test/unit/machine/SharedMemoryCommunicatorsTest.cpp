@@ -14,6 +14,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -139,4 +140,34 @@ TEST(AffinityReport, TakesAConstantNumberOfMessages) {
         releaseCommunicators();
     }
     EXPECT_EQ(calls[0], calls[1]);
+}
+
+/// Names with their lengths, process identifiers, the two communicators. The hardware with its length goes
+/// down a tree of the processes, which sleep meanwhile.
+TEST(MachineHost_, IsBuiltByAFixedNumberOfMessages) {
+    for (const unsigned ranks : {1u, 9u}) {
+        ScriptedMpi& mpi = ScriptedMpi::start();
+        mpi.setWorld(0, static_cast<int>(ranks));
+        MachineTestAccess::playRole(Machine::MASTER_MODE, ranks, 0);
+        MachineTestAccess::globalCommunicator() = std::make_unique<Communicator>();
+        mpi.setAction("Allgather", [&](const ScriptedCall& call) { return receive(call, List(ranks, 3)); });
+        mpi.setAction("Allgatherv", [&](const ScriptedCall& call) {
+            for (unsigned rank = 0; rank < ranks; ++rank)
+                std::copy_n("one", 3, static_cast<char*>(call.addresses.at("recvBuffer")) + 3 * rank);
+            return OXM_MPI_SUCCESS;
+        });
+        mpi.clearCalls();
+        MachineHostTestAccess::claim("one");
+        std::map<std::string, int> calls;
+        for (const char* const name :
+             {"Allgather", "Allgatherv", "Allreduce", "Barrier", "Bcast", "Comm_create", "Comm_split_type",
+              "Gather", "Gatherv", "Isend", "Send", "Recv"})
+            if (const auto count = mpi.callsOf(name).size(); count > 0)
+                calls[name] = static_cast<int>(count);
+        std::map<std::string, int> expected{{"Allgather", 2}, {"Allgatherv", 1}, {"Comm_create", 2}};
+        if (ranks > 1)
+            expected["Send"] = 4; // to two children
+        EXPECT_EQ(calls, expected);
+        releaseCommunicators();
+    }
 }
