@@ -1,5 +1,9 @@
 #include "parallel/WrapperTestTools.h"
 
+#include <array>
+#include <complex>
+#include <cstddef>
+#include <cstdint>
 #include <numeric>
 
 using namespace WrapperTest;
@@ -80,6 +84,22 @@ void addDoubles(void* in, void* inout, int* length, int* datatype) {
     datatypeSeen = *datatype;
     for (int i = 0; i < 3 * *length; ++i)
         static_cast<double*>(inout)[i] += static_cast<const double*>(in)[i];
+}
+
+template <class... T>
+constexpr std::array SIZES_OF{sizeof(T)...};
+constexpr auto SIZES =
+    SIZES_OF<bool, std::byte, char, signed char, unsigned char, short, unsigned, int, float, double,
+             long double, std::int64_t, std::uint64_t, unsigned short, long, unsigned long, wchar_t,
+             std::complex<float>, std::complex<double>, std::complex<long double>>;
+
+TEST(WrapperTypes, haveTheSizesOfTheirLanguage) {
+    for (int type = OXM_MPI_BOOL; type <= OXM_MPI_LONG_DOUBLE_COMPLEX; ++type) {
+        OXM_MPI_Aint lowerBound = -1;
+        OXM_MPI_Aint extent = -1;
+        ORVEX_GOOD(OXM_MPI_Type_get_extent(type, &lowerBound, &extent));
+        EXPECT_EQ(static_cast<std::size_t>(extent), SIZES.at(static_cast<std::size_t>(type) - 1)) << type;
+    }
 }
 
 TEST(WrapperTypes, areUsableFromCommitToFree) {
