@@ -254,21 +254,6 @@ TEST_F(CommunicatorOfThree, makesTheseCalls) {
     EXPECT_TRUE(gotValues.empty()) << "resized to what was received";
 }
 
-TEST_F(CommunicatorOfThree, iProbeWithoutAMessageChangesNothing) {
-    Communicator comm;
-    unsigned source = 2, tag = 5, count = 77;
-    EXPECT_FALSE(comm.iProbe<int>(source, tag, count));
-    EXPECT_EQ((std::vector{source, tag, count}), (std::vector{2u, 5u, 0u}));
-    const int sent[3] = {};
-    mpi.deliver(0, 6, sent, sizeof sent);
-    source = MpiCore::ANY_SOURCE;
-    tag = MpiCore::ANY_TAG;
-    EXPECT_TRUE(comm.iProbe<int>(source, tag, count));
-    EXPECT_EQ((std::vector{source, tag, count}), (std::vector{0u, 6u, 3u}));
-    tag = 32767;
-    EXPECT_THROW(comm.probe<int>(source, tag, count), InternalError);
-}
-
 // Timer and statistics
 
 TEST_F(CommunicatorOfThree, timerAddsUpSuccesses) {

@@ -96,29 +96,12 @@ TEST_F(GlobalCheck, sendsWhatItsModeNeedsAndWithChecksTheLine) {
         }
 }
 
-TEST_F(GlobalCheck, assertionsTellWhatAndWhere) {
-    const auto invariant = [] { GlobalCondition(true, GlobalCondition::ON_ALL_INVARIANT); };
-    {
-        const Machine::SerialCritical lock;
-        expectAssertion(invariant,
-                        "Coding error: GlobalCondition attempted in a serial-critical code section",
-                        "! _serialCriticalLock", "GlobalCondition.cpp");
-        EXPECT_EQ(mpi.texts(), Texts());
-    }
-    if (!hasChecks)
-        return;
-    setTrueRanks(11);
-    expectAssertion(invariant, "Invalid use of ON_ALL_INVARIANT; conditions differ",
-                    "trueCount == 0 || trueCount == Machine::nProcesses()", "GlobalCondition.cpp");
-    setTrueRanks(12);
-    leadMasterAstray();
-    mpi.clearCalls();
-    expectAssertion([] { GlobalErrorCheck::holds(true, GlobalCondition::ON_ALL, HERE, 5); },
-                    "Mismatched contexts for global error check:\n   line: 5, file: " + std::string(HERE) +
-                        "\n   master line: 99, master file: far.cpp",
-                    "line == lineMaster", "here.cpp", 5);
-    EXPECT_EQ(mpi.texts(), (Texts{FOLD, LINE, FOLD, "Bcast(count=1, datatype=13, root=0, comm=1)",
-                                  "Bcast(count=7, datatype=3, root=0, comm=1)"}));
+TEST_F(GlobalCheck, isRefusedInSerialCriticalCode) {
+    const Machine::SerialCritical lock;
+    expectAssertion([] { GlobalCondition(true, GlobalCondition::ON_ALL_INVARIANT); },
+                    "Coding error: GlobalCondition attempted in a serial-critical code section",
+                    "! _serialCriticalLock", "GlobalCondition.cpp");
+    EXPECT_EQ(mpi.texts(), Texts());
 }
 
 TEST_F(GlobalCheck, failingMessageOfAnExemptCheckRestoresTheLock) {
