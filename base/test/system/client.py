@@ -3,7 +3,6 @@ import hashlib
 import hmac
 import json
 import os
-import select
 import socket
 import time
 
@@ -94,28 +93,6 @@ class Client:
             except OSError:
                 break
         return sent
-
-    def send_while_reading(self, data, take, count, limit):
-        """Sends what is left of `data` and reads until `count` answers were taken."""
-        end, taken, sent = time.monotonic() + limit, 0, 0
-        while taken < count:
-            assert time.monotonic() < end, f"{taken} of {count} answers"
-            readable, writable, _ = select.select([self.socket], [self.socket] if sent < len(data) else [], [], 1)
-            if writable:
-                self.socket.setblocking(False)
-                try:
-                    sent += self.socket.send(data[sent:sent + 65536])
-                except BlockingIOError:
-                    pass
-            if readable or b"\n" in self._received:
-                message = self.read()
-                while True:
-                    if "method" not in message:
-                        take(message)
-                        taken += 1
-                    if b"\n" not in self._received:
-                        break
-                    message = self.read()
 
     def close(self):
         self.socket.close()

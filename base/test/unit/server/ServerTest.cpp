@@ -82,6 +82,7 @@ TEST_F(ServerFixture, answersPipelinedCommandsInOrder) {
     serve([&] {
         constexpr unsigned long COUNT = 20000;
         RpcClient clients[2];
+        const std::size_t before = memory();
         std::vector<std::future<void>> players;
         for (RpcClient& client : clients)
             players.push_back(std::async(std::launch::async, [&] {
@@ -101,6 +102,7 @@ TEST_F(ServerFixture, answersPipelinedCommandsInOrder) {
         for (auto& player : players)
             player.get();
         EXPECT_EQ(executed, int(COUNT));
+        EXPECT_LT(memory(), before + (std::size_t(16) << 20));
     });
 }
 
