@@ -66,6 +66,10 @@ std::string duration(double seconds) {
     return (whole >= 86400 ? std::to_string(whole / 86400) + " d " : std::string()) + text;
 }
 
+std::string percent(double fraction) {
+    return std::to_string(std::lround(100.0 * fraction)) + " %";
+}
+
 std::vector<CommandWords::Word> toWords(const std::vector<std::string>& texts) {
     std::vector<CommandWords::Word> words;
     for (const std::string& text : texts)
@@ -291,6 +295,10 @@ int Ctl::showStatus() {
         running.set("since", localTime(running.getReal("since")));
         running.set("for", duration(running.getReal("seconds")));
         running.remove("seconds");
+        if (running.hasName("progress"))
+            running.set("progress", percent(running.getReal("progress")));
+        if (running.getOr("message", "").empty())
+            running.remove("message");
         status.set("running", running);
     }
     reply.result = status.toString();
@@ -419,7 +427,7 @@ int Ctl::stop() {
                            running.getString("client") + " has ended, which has run for " +
                            duration(running.getReal("seconds"));
         if (running.hasName("progress"))
-            text += " and is at " + std::to_string(std::lround(100.0 * running.getReal("progress"))) + " %";
+            text += " and is at " + percent(running.getReal("progress"));
         text += ".\nOther calls of orvexctl can end it earlier:";
         text += running.hasName("task") ? " \"cancel\" asks it to end," : "";
         _console.tell(text + " \"abort\" takes the job down.");
