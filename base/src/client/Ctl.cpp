@@ -225,8 +225,7 @@ int Ctl::runCommand(const std::string& name, const std::vector<CommandWords::Wor
         const RpcClient::Reply reply = _session.getClient().call(name, params, _options.timeout);
         answered = true;
         _interrupted = interrupt.happened();
-        const int result = print(reply);
-        return tellsFailure(name, reply) ? ExitCode::COMMAND_FAILED : result;
+        return reply.failed ? print(reply) : printResponse(name, reply.result);
     } catch (const RpcClientError& error) {
         if (error.getTrouble() != RpcClientError::TIMED_OUT && error.getTrouble() != RpcClientError::GIVEN_UP)
             throw;
@@ -236,20 +235,30 @@ int Ctl::runCommand(const std::string& name, const std::vector<CommandWords::Wor
     }
 }
 
-bool Ctl::tellsFailure(const std::string& name, const RpcClient::Reply& reply) {
-    if (reply.failed || reply.result.find("\"" + std::string(SUCCESS_KEY) + "\":false") == std::string::npos)
+/// Whether a key Success of the response tells if the command did its work. A key of that name that its help
+/// doesn't tell is a solver's own result.
+bool Ctl::tellsSuccess(const std::string& name, const std::string& response) {
+    if (response.find("\"" + std::string(SUCCESS_KEY) + "\":") == std::string::npos)
         return false;
     const std::vector<CommandWords::KeyType>& results = _session.getHelp(name).results;
-    const bool promised = std::any_of(results.begin(), results.end(), [](const CommandWords::KeyType& each) {
+    return std::any_of(results.begin(), results.end(), [](const CommandWords::KeyType& each) {
         return each.key == SUCCESS_KEY && each.type == "bool";
     });
-    const Properties response{std::string_view(reply.result)};
-    // A key of a solver's result that happens to have that name, or of something deeper, says nothing of it.
-    if (!promised || !response.hasName(SUCCESS_KEY) || response.getBool(SUCCESS_KEY))
-        return false;
-    _console.tell("Error: " +
-                  (response.hasName(REASON_KEY) ? response.getString(REASON_KEY) : name + " failed"));
-    return true;
+}
+
+int Ctl::printResponse(const std::string& name, const std::string& response) {
+    const bool toldSuccess = tellsSuccess(name, response);
+    const std::set<std::string> hidden = toldSuccess
+                                             ? std::set<std::string>{"Command", SUCCESS_KEY, REASON_KEY}
+                                             : std::set<std::string>{"Command"};
+    printObject(response, hidden);
+    if (!toldSuccess)
+        return ExitCode::SUCCESS;
+    const Properties values{std::string_view(response)};
+    if (values.getOr(SUCCESS_KEY, true))
+        return ExitCode::SUCCESS;
+    _console.tell("Error: " + values.getOr(REASON_KEY, name + " failed"));
+    return ExitCode::COMMAND_FAILED;
 }
 
 int Ctl::runOwn(const std::string& name, const std::vector<CommandWords::Word>& arguments) {
@@ -313,8 +322,8 @@ int Ctl::print(const RpcClient::Reply& reply) {
     return reply.failed ? ExitCode::COMMAND_FAILED : ExitCode::SUCCESS;
 }
 
-void Ctl::printObject(const std::string& json) {
-    _console.print(_options.json ? json + "\n" : forPeople(json, {"Command"}));
+void Ctl::printObject(const std::string& json, const std::set<std::string>& hidden) {
+    _console.print(_options.json ? json + "\n" : forPeople(json, hidden));
 }
 
 void Ctl::printError(const RpcClient::Reply& reply) {

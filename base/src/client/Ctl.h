@@ -6,6 +6,7 @@
 #include "client/CtlSession.h"
 
 #include <iosfwd>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -34,10 +35,10 @@ private:
     int callServer(const std::string& method, const std::string& params);
     int print(const RpcClient::Reply& reply);
     void printError(const RpcClient::Reply& reply);
-    /// Prints JSON text: as it is, or for people.
-    void printObject(const std::string& json);
-    /// Whether the command says by its response that it didn't do its work.
-    bool tellsFailure(const std::string& name, const RpcClient::Reply& reply);
+    bool tellsSuccess(const std::string& name, const std::string& response);
+    int printResponse(const std::string& name, const std::string& response);
+    /// Prints JSON text: as it is, or for people without the keys in `hidden`.
+    void printObject(const std::string& json, const std::set<std::string>& hidden = {"Command"});
 
     const CtlOptions& _options;
     CtlConsole _console;

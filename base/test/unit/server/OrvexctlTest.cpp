@@ -56,7 +56,7 @@ TEST_F(OrvexctlTest, runsCommandsAndTellsHowTheyEnd) {
             {{"--file", "/nowhere/script"}, 2, "/nowhere/script can't be read"},
             {{"--file", "/tmp"}, 2, "The script /tmp is a folder"},
             {{"Undone"}, 1, "Error: no room\n"},
-            {{"Undone", "text=x"}, 0, "true"},
+            {{"--json", "Undone", "text=x"}, 0, "\"Success\":true"},
             {{"Diverged"}, 0, "false"}, // a result of its own
             {{"Echo", "Success:=false"}, 0, "false"},
             {{"help"}, 0, "Usage: orvexctl"},
