@@ -20,8 +20,8 @@ constexpr const char* NUMBER_OF_COMPONENTS = "panfs_layout_total_num_comps";
 constexpr const char* PARITY_WIDTH = "panfs_layout_parity_stripe_width";
 constexpr const char* PARITY_DEPTH = "panfs_layout_parity_stripe_depth";
 
-/// A hint that no file system knows. An MPI that gives it back gives all hints back as they were set, and can't
-/// tell how the file lies.
+/// A hint that no file system knows. An MPI that gives it back gives all hints back as they were set, and
+/// can't tell how the file lies.
 constexpr const char* ECHO = "orvex_echo";
 
 struct Hint {
@@ -94,7 +94,7 @@ bool ParallelFile::open(Communicator& communicator, const std::wstring& path, in
     static_cast<void>(close()); // who wants its code closes the file before
     _communicator = &communicator;
     _name = Platform::filesystem().toSystem(path);
-    _openError = agree(fileOpen(communicator.handle(), _name, mode, &_file));
+    _openError = fileOpen(mode);
     // A rank that could open what another couldn't has to leave it open: to close is collective.
     if (_openError != OXM_MPI_SUCCESS)
         _file = 0;
@@ -250,18 +250,23 @@ std::string ParallelFile::getErrorStr(int code) {
     return result;
 }
 
-int ParallelFile::fileOpen(int communicator, const std::string& name, int mode, int* file) {
+int ParallelFile::fileOpen(int mode) {
     int info = 0;
     int code = OXM_MPI_Info_create(&info);
-    if (code != OXM_MPI_SUCCESS)
-        return code;
-    code = setPanfsHints(info);
+    const bool hasInfo = code == OXM_MPI_SUCCESS;
+    if (hasInfo)
+        code = setPanfsHints(info);
+    // One rank looks, for all: to open a pipe would wait for another process, and there is no file without a
+    // name.
+    Platform::FileSystem& files = Platform::filesystem();
+    if (_communicator->myRank() == 0 && (_name.empty() || !files.canBeRead(files.fromSystem(_name))))
+        code = OXM_MPI_ERR_BAD_FILE;
+    code = agree(code); // none opens alone
     if (code == OXM_MPI_SUCCESS)
-        code = OXM_MPI_File_open(communicator, name.c_str(), convertToMpiWrapperMode(mode), info, file);
-    const int freed = OXM_MPI_Info_free(&info);
-    // A file that is open though the hints couldn't be freed isn't closed here: to close is collective, and
-    // the other ranks know of no failure.
-    return code == OXM_MPI_SUCCESS ? freed : code;
+        code = OXM_MPI_File_open(_communicator->handle(), _name.c_str(), convertToMpiWrapperMode(mode), info,
+                                 &_file);
+    const int freed = hasInfo ? OXM_MPI_Info_free(&info) : OXM_MPI_SUCCESS;
+    return agree(code == OXM_MPI_SUCCESS ? freed : code);
 }
 
 int ParallelFile::fileClose(int* file) {

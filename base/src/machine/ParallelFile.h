@@ -34,8 +34,8 @@ public:
     ParallelFile(const ParallelFile&) = delete;
     ParallelFile& operator=(const ParallelFile&) = delete;
 
-    /// Opens `path`, with hints for striped file systems. A file open before is closed. Collective over
-    /// `communicator`, which is borrowed until close().
+    /// Opens `path`, with hints for striped file systems. A file open before is closed. A directory or a pipe
+    /// is refused with OXM_MPI_ERR_BAD_FILE. Collective over `communicator`, which is borrowed until close().
     /// @param mode  a sum of OXM_MPI_MODE_...; with OXM_MPI_MODE_TRUNCATE what the file held is gone, without
     /// it stays
     /// @return on all ranks, whether all could; getOpenError() tells why not
@@ -127,7 +127,8 @@ private:
     /// Keeps the first failure of a write for close().
     int noted(int code);
 
-    static int fileOpen(int communicator, const std::string& name, int mode, int* file);
+    /// The same code on all ranks. Collective.
+    int fileOpen(int mode);
     static int fileClose(int* file);
     static unsigned long long getFileSizeImp(int file);
     static long long fileTell(int file);

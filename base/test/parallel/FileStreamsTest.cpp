@@ -308,9 +308,6 @@ TEST_F(FileStreams, allRanksWriteOneFile) {
     communicator.synchronise();
     EXPECT_EQ(contentOf(path("log")), "abcde");
 
-    ParallelFile none(communicator, widePath("no/folder"), OXM_MPI_MODE_RDONLY);
-    EXPECT_FALSE(none.isOpen());
-    EXPECT_FALSE(none.open(communicator, widePath("missing"), OXM_MPI_MODE_RDONLY));
     ParallelFile readOnly(communicator, widePath("log"), OXM_MPI_MODE_RDONLY);
     ASSERT_TRUE(readOnly.isOpen());
     const int code = readOnly.writeAt(0, "x", 1);
@@ -325,11 +322,7 @@ TEST_F(FileStreams, allRanksHearOfAFailure) {
     const bool isLast = me + 1 == communicator.size();
     const std::size_t limit = communicator.getMaxBufferSize();
     communicator.setMaxBufferSize(64);
-    const std::string name = path("gr\xc3\xb6\xc3\x9f"
-                                  "e.bin");
-    write("gr\xc3\xb6\xc3\x9f"
-          "e.bin",
-          std::string(100000, '-'));
+    const std::string name = write("gr\u00f6\u00dfe.bin", std::string(100000, '-'));
     constexpr int MODE = OXM_MPI_MODE_CREATE | OXM_MPI_MODE_RDWR;
     {
         ParallelFile field(communicator, name, MODE);
@@ -349,23 +342,24 @@ TEST_F(FileStreams, allRanksHearOfAFailure) {
         EXPECT_EQ(field.readAtAll(offset, got.data(), got.size()), OXM_MPI_ERR_TRUNCATE);
         EXPECT_EQ(field.readAt(offset, got.data(), got.size()), isLast ? OXM_MPI_ERR_TRUNCATE : 0);
         EXPECT_EQ(field.close(), 0);
-        EXPECT_FALSE(field.open(communicator, std::wstring(L"a\0b", 3), MODE)) << "no path";
-        EXPECT_NE(field.getOpenError(), 0);
+        if (_isReader) {
+            ASSERT_EQ(mkfifo(path("pipe").c_str(), S_IRWXU), 0);
+        }
+        for (const std::wstring& none : {std::wstring(L"a\0b", 3), widePath("pipe"), widePath("missing")}) {
+            EXPECT_FALSE(field.open(communicator, none, OXM_MPI_MODE_RDONLY));
+            EXPECT_EQ(field.getOpenError(),
+                      none == widePath("missing") ? OXM_MPI_ERR_NO_SUCH_FILE : OXM_MPI_ERR_BAD_FILE);
+        }
     }
     communicator.setMaxBufferSize(limit);
     ASSERT_TRUE(Platform::filesystem().exists(StringHelper::toWString(name)));
-    if (!Platform::filesystem().exists(L"/dev/full"))
-        return;
     // Only the last rank has something to write, together with the others and alone.
     for (const bool together : {true, false}) {
-        ParallelFile full(communicator, L"/dev/full", OXM_MPI_MODE_WRONLY);
-        ASSERT_TRUE(full.isOpen());
+        ParallelFile full(communicator, "/dev/full", OXM_MPI_MODE_WRONLY);
         const std::size_t count = isLast ? 7 : 0;
         const int code = together ? full.writeAtAll(0, "no room", count) : full.writeAt(0, "no room", count);
         EXPECT_EQ(code, together || isLast ? OXM_MPI_ERR_NO_SPACE : 0);
-        const int closing = full.close();
-        EXPECT_EQ(closing, OXM_MPI_ERR_NO_SPACE);
-        EXPECT_TRUE(ParallelFile::getErrorStr(closing).ends_with(". Possibly out of disk space. "));
+        EXPECT_EQ(full.close(), OXM_MPI_ERR_NO_SPACE);
     }
 }
 
