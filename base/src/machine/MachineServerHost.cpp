@@ -125,8 +125,10 @@ void Machine::writeProcessFile() const {
     if (!(isSerial() || isMaster()) || _processFileName.empty())
         return;
 
-    std::ofstream file(_processFileName, std::ios::trunc);
-    if (!file) {
+    std::ofstream file;
+    if (Platform::filesystem().canBeWritten(Platform::filesystem().fromSystem(_processFileName)))
+        file.open(_processFileName, std::ios::trunc);
+    if (!file.is_open()) {
         const int error = errno;
         std::cout << "Warning : could not open process file : " << _processFileName << '\n'
                   << std::strerror(error) << " (error " << error << ")" << std::endl;
