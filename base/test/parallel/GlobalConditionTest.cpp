@@ -117,13 +117,15 @@ TEST_P(ParallelChecks, rankAtAnotherCheckIsTold) {
 
 TEST_P(ParallelChecks, reportAddsUpTheCells) {
     std::string told;
-    ObservableFromClient::setNotifier([&](const std::string&, const std::string& text) { told += text; });
-    const double value = 2.5;
+    ObservableFromClient::setNotifier(
+        [&](const std::string& kind, const std::string& text) { told += kind + '|' + text; });
+    const double value = 1234567.0;
     GlobalReport::limit("Pressure", "Fluid", 0, &value);
     GlobalReport::limit("Pressure", "Fluid", rank() == lastRank() ? 3000000000 : 0, &value);
     GlobalReport::limit("Density", "Air", 1, nullptr);
     ObservableFromClient::setNotifier({});
-    EXPECT_EQ(told, "Pressure limited to 2.5 in 3000000000 cells in region Fluid\nDensity limited in " +
+    EXPECT_EQ(told, "ConsoleMessage|Pressure limited to 1.23457e+06 in 3000000000 cells in region "
+                    "Fluid\nConsoleMessage|Density limited in " +
                         std::to_string(Machine::nProcesses()) + " cells in region Air\n");
 }
 

@@ -1,6 +1,7 @@
 """The machine's commands and modules as a client sees them: consoles of ranks, streams, hosts, the sandbox, scenes."""
 import json
 import math
+import os
 import pathlib
 import re
 import time
@@ -38,11 +39,11 @@ class Consoles(Case):
 
     def test_log_files(self):
         job = self.ready("-module", "OrvexTestModule", mpi=MPIS[0], ranks=2)
-        (self.room.work / "partition1.log").mkdir()
+        os.mkfifo(self.room.work / "partition1.log")
         answer = job.ctl("EnableProcessLogFile", "enableFlag=true", check=False)
-        self.assertIn(f"Rank 1 could not open its log file {self.room.work}/partition1.log: Is a directory",
+        self.assertIn(f"Rank 1 could not open its log file {self.room.work}/partition1.log: Invalid argument",
                       answer.stdout + answer.stderr)
-        (self.room.work / "partition1.log").rmdir()
+        (self.room.work / "partition1.log").unlink()
         job.run("EnableProcessLogFile", "enableFlag=true")
         job.run("TestPrint", "ranks=[1]")
         job.run("EnableProcessLogFile", "enableFlag=false")

@@ -3,12 +3,10 @@
 #include "machine/GlobalErrorCheck.h"
 #include "machine/GlobalFloatingPointError.h"
 #include "machine/GlobalFloatingPointExceptionStatus.h"
-#include "machine/GlobalReport.h"
 #include "machine/MachineLocks.h"
 
 #include "kernel/FpeAgnosticMode.h"
 #include "kernel/IsolatedFpuContext.h"
-#include "kernel/ObservableFromClient.h"
 #include "kernel/OrvexVersion.h"
 #include "kernel/SignalHandler.h"
 #include "kernel/ThreadParallelContext.h"
@@ -51,20 +49,6 @@ TEST_F(GlobalCondition_, serialCriticalCodeOffendsDevelopmentVersionsOnly) {
             ? "Coding error: GlobalCondition attempted in a serial-critical code section"
             : "";
     EXPECT_EQ(messageOf<InternalError>([] { GlobalCondition(true, GlobalCondition::ON_ALL); }), expected);
-}
-
-TEST_F(GlobalCondition_, reportOfLimitedCells) {
-    std::string told;
-    ObservableFromClient::setNotifier(
-        [&](const std::string& kind, const std::string& text) { told += kind + '|' + text; });
-    const double value = 1234567.0;
-    GlobalReport::limit("Pressure", "Fluid", 0, &value);
-    EXPECT_EQ(told, "");
-    GlobalReport::limit("Pressure", "Fluid", 3, &value);
-    GlobalReport::limit("Pressure", "Fluid", 4, nullptr);
-    EXPECT_EQ(told, "ConsoleMessage|Pressure limited to 1.23457e+06 in 3 cells in region Fluid\n"
-                    "ConsoleMessage|Pressure limited in 4 cells in region Fluid\n");
-    ObservableFromClient::setNotifier({});
 }
 
 std::string messageFor(const std::string& entry) {

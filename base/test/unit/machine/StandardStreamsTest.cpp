@@ -15,7 +15,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -251,16 +250,6 @@ TEST_F(ParallelConsoleBuf_, blocksPrefixesAndLogs) {
         EXPECT_EQ(content(log), row.log);
         static_cast<void>(Platform::filesystem().deleteFile(path(log)));
     }
-}
-
-TEST_F(ParallelConsoleBuf_, aLogThatCannotBeOpenedIsTold) {
-    MachineTestAccess::playRole(Machine::WORKER_MODE, 2, 1);
-    std::ostringstream stream;
-    ParallelConsoleBuf buffer(stream, StringHelper::toString(_directory), false, false, 255);
-    ASSERT_EQ(mkfifo(buffer.getLogPath(1).c_str(), S_IRWXU), 0);
-    EXPECT_EQ(buffer.enableLogFile(true), EINVAL) << "without waiting for a reader";
-    ASSERT_TRUE(Platform::filesystem().deleteFile(path(L"partition1.log")));
-    EXPECT_EQ(buffer.enableLogFile(true), 0) << "it wasn't on";
 }
 
 TEST_F(ParallelConsoleBuf_, threadsShareTheBufferWithoutLoss) {
