@@ -1,8 +1,15 @@
 #include "machine/CommandLine.h"
 
+#include "platform/Base64Encoder.h"
+
 #include <algorithm>
 #include <cstdlib>
 #include <limits>
+#include <stdexcept>
+
+unsigned CommandLineOption::countValues() const {
+    return values.empty() ? 0 : 1 + static_cast<unsigned>(std::count(values.begin(), values.end(), ' '));
+}
 
 CommandLine::CommandLine(int argc, const char* const* argv, Consumed& consumed)
     : _argc(argc), _argv(argv), _consumed(consumed) {}
@@ -26,9 +33,18 @@ std::string CommandLine::value(unsigned offset) const {
     return text ? text : "";
 }
 
-void CommandLine::consume(unsigned words) {
-    _consumed[_word] = words;
-    _index += static_cast<int>(words) - 1;
+std::wstring CommandLine::decodedValue(unsigned offset) const {
+    try {
+        return Base64Encoder::decode(value(offset));
+    } catch (const std::invalid_argument& error) {
+        throw std::invalid_argument("Invalid value of '" + _word + "': " + error.what());
+    }
+}
+
+void CommandLine::consume(const CommandLineOption& option) {
+    const unsigned values = option.countValues();
+    _consumed[_word] = 1 + values;
+    _index += static_cast<int>(values);
 }
 
 bool CommandLine::skipConsumed() {

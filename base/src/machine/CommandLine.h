@@ -4,6 +4,16 @@
 
 #include <map>
 #include <string>
+#include <string_view>
+
+/// An option as the row that parses it describes it.
+struct CommandLineOption {
+    std::string_view word;
+    std::string_view values;  ///< the names of its values, with a blank between two; empty without any
+    std::string_view meaning; ///< for people; empty for one that --help leaves out
+
+    unsigned countValues() const;
+};
 
 /// A walk over the words of the command line, from the left, that records which options used how many words.
 ///
@@ -25,9 +35,16 @@ public:
     bool hasValues(unsigned count) const;
     /// The word that stands `offset` behind the present one; 1 is the first value. Empty for a null word.
     std::string value(unsigned offset = 1) const;
+    /// The same word out of its Base64 form. @throw std::invalid_argument, which names the present word
+    std::wstring decodedValue(unsigned offset = 1) const;
 
-    /// Records that the present word is an option of `words` words, and passes over its values.
-    void consume(unsigned words);
+    /// Whether the present word is `option`.
+    bool isAt(const CommandLineOption& option) const { return _word == option.word; }
+    /// Whether all values of `option`, at which the walk stands, follow.
+    bool hasValues(const CommandLineOption& option) const { return hasValues(option.countValues()); }
+
+    /// Records that the present word is `option`, and passes over its values.
+    void consume(const CommandLineOption& option);
     /// Passes over the words of an option that an earlier pass recorded. False when none did.
     bool skipConsumed();
 

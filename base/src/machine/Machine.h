@@ -19,6 +19,7 @@ class Properties;
 class Serializable;
 class StandardStreamManager;
 class Timer;
+struct CommandLineOption;
 struct ServerHostOptions;
 
 namespace Analytics {
@@ -154,9 +155,11 @@ public:
     void abort(const ExitStatus& status);
     /// abort() with the status of a server error, for whoever can neither go on nor throw.
     static void abortFromAnywhere();
-    /// For the program, when main() has thrown: takes a job down with `status`, since other ranks may wait
-    /// for this one. Nothing in a process that isn't, or not yet, a rank of a job.
-    static void endFailedStart(const ExitStatus& status);
+    /// For the program, when main() has thrown: writes `line` on the standard error stream and takes a job
+    /// down with `status`, since other ranks may wait for this one; in a process that isn't, or not yet, a
+    /// rank of a job it only writes. All ranks fail alike as a rule, so a worker speaks only when the master
+    /// hasn't ended the job meanwhile.
+    static void endFailedStart(const ExitStatus& status, const std::string& line);
 
     /// The asctime text of the start, with its final newline.
     std::string getStartTime() const { return _startTime; }
@@ -227,6 +230,11 @@ private:
     static void handleFailedPerformanceCriticalTest(const char* message);
 
     // The steps of main(), in their order.
+    /// Prints the answer to --help or --version. @return whether one of them was asked
+    bool answerQuestion(int argc, const char* const* argv);
+    static std::string helpText();
+    static std::vector<CommandLineOption> listStartOptions();
+    static std::vector<CommandLineOption> listCommonOptions();
     static const char* driverModuleName(const std::string& driver);
     static std::string findDriverModule(int argc, const char* const* argv, ConsumedOptions& consumed);
     void optionallyPreloadMpi(const char* module, int argc, const char* const* const* argv,

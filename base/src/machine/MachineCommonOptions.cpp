@@ -12,7 +12,6 @@
 #include "kernel/OrvexVersion.h"
 #include "kernel/Raise.h"
 #include "kernel/SignalHandler.h"
-#include "platform/Base64Encoder.h"
 #include "platform/FileSystem.h"
 #include "platform/RendererConfig.h"
 #include "platform/StringHelper.h"
@@ -47,10 +46,11 @@ public:
         settleJobManager();
     }
 
+    static std::vector<CommandLineOption> list();
+
 private:
     struct Row {
-        const char* word;
-        unsigned words;
+        CommandLineOption option;
         void (CommonOptions::*apply)();
         const char* missingValue = nullptr; ///< null: "Missing <word> arg"
     };
@@ -97,48 +97,68 @@ private:
 };
 
 const Machine::CommonOptions::Row Machine::CommonOptions::ROWS[] = {
-    {"-deleteOnExit", 1, &CommonOptions::deleteOnExit},
-    {"-xnousage", 1, &CommonOptions::disableUsage},
-    {"-xdisable-fpe-register-checking", 1, &CommonOptions::disableFpeRegisterChecking},
-    {"-fpe", 1, &CommonOptions::enableFpeSignals},
-    {"-mpi", 2, &CommonOptions::ignore}, // the driver runs already
-    {"-mpidriver", 2, &CommonOptions::ignore, "Missing -mpi arg"},
-    {"-time", 1, &CommonOptions::ignore},
-    {"-nothreads", 1, &CommonOptions::disableThreads},
-    {"-module", 2, &CommonOptions::loadModule},
-    {"-xmpiversion", 2, &CommonOptions::setMpiVersion},
-    {"-xmpidriver", 2, &CommonOptions::setMpiDistribution},
-    {"-encoded-param", 3, &CommonOptions::addParameter, "Missing -encoded-param arg arg"},
-    {"-pio", 1, &CommonOptions::enableParallelIo},
-    {"-rsh", 2, &CommonOptions::setRemoteShell},
-    {"-tmpdir", 2, &CommonOptions::setTemporaryDirectory},
-    {"-iodebug", 2, &CommonOptions::setIoDebug},
-    {"-cpubind", 2, &CommonOptions::setCpuBinding},
-    {"-cpubindverbose", 1, &CommonOptions::ignore}, // main() looks for these two in the record
-    {"-cpubindextendedverbosity", 1, &CommonOptions::ignore},
-    {"-cpubindcontentiontest", 2, &CommonOptions::setContentionTest},
-    {"-xnodeverrors", 1, &CommonOptions::disableDevErrors},
-    {"-xthreadbindoff", 1, &CommonOptions::disableThreadBinding},
-    {"-xthreadbindverbose", 1, &CommonOptions::enableThreadBindingReport},
-    {"-printpids", 1, &CommonOptions::enablePidPrinting},
-    {"-jobmanagerurl", 2, &CommonOptions::setJobManagerUrl},
-    {"-taskid", 2, &CommonOptions::setTaskId},
-    {"-rrthreads", 2, &CommonOptions::setRenderThreads},
-    {"-rgraphics", 2, &CommonOptions::setGraphics},
+    {{"-module", "NAME", "loads a module on all ranks or on none: a path, or a name beside the program"},
+     &CommonOptions::loadModule},
+    {{"-nothreads", "", "no server thread: clients are served between commands"},
+     &CommonOptions::disableThreads},
+    {{"-cpubind", "WORD", "where processes run: bandwidth (the default), latency, leastload, disable"},
+     &CommonOptions::setCpuBinding},
+    {{"-cpubindverbose", "", "tells how it got out of the way of other servers, and where each rank runs"},
+     &CommonOptions::ignore}, // main() looks for these two in the record
+    {{"-cpubindextendedverbosity", "", "the same, and what it found on each host"}, &CommonOptions::ignore},
+    {{"-cpubindcontentiontest", "WORD", "enable or disable: whether it looks for other servers"},
+     &CommonOptions::setContentionTest},
+    {{"-xthreadbindoff", "", "threads aren't bound"}, &CommonOptions::disableThreadBinding},
+    {{"-xthreadbindverbose", "", "tells how threads are bound"}, &CommonOptions::enableThreadBindingReport},
+    {{"-printpids", "", "tells the process identifier of each rank at the start"},
+     &CommonOptions::enablePidPrinting},
+    {{"-tmpdir", "PATH", "folder for temporary files"}, &CommonOptions::setTemporaryDirectory},
+    {{"-pio", "", "files are read and written by all ranks together"}, &CommonOptions::enableParallelIo},
+    {{"-iodebug", "N", "how much is told about input and output"}, &CommonOptions::setIoDebug},
+    {{"-fpe", "", "floating-point faults raise at once"}, &CommonOptions::enableFpeSignals},
+    {{"-xdisable-fpe-register-checking", "", "a development version doesn't look for floating-point faults"},
+     &CommonOptions::disableFpeRegisterChecking},
+    {{"-xnodeverrors", "", "a development version leaves its checks across ranks out"},
+     &CommonOptions::disableDevErrors},
+    {{"-encoded-param", "NAME VALUE", "the initial value of a parameter, both in Base64"},
+     &CommonOptions::addParameter,
+     "Missing -encoded-param arg arg"},
+    {{"-rsh", "COMMAND", "the program that starts processes on other hosts"}, &CommonOptions::setRemoteShell},
+    {{"-jobmanagerurl", "URL", "with -taskid: the job manager that this job belongs to"},
+     &CommonOptions::setJobManagerUrl},
+    {{"-taskid", "N", "with -jobmanagerurl: the job's number there"}, &CommonOptions::setTaskId},
+    {{"-rrthreads", "N", "number of threads of the renderer"}, &CommonOptions::setRenderThreads},
+    {{"-rgraphics", "WORD", "the graphics of the renderer"}, &CommonOptions::setGraphics},
+    {{"-xmpiversion", "TEXT", "the version of the MPI library, for reports"}, &CommonOptions::setMpiVersion},
+    {{"-xmpidriver", "TEXT", "the name of the MPI library, for reports"}, &CommonOptions::setMpiDistribution},
+    {{"-xnousage", "", "keeps no record of usage (it is local, and sent nowhere)"},
+     &CommonOptions::disableUsage},
+    {{"-deleteOnExit", "", "frees everything at the end, for tools that look for leaks"},
+     &CommonOptions::deleteOnExit},
+    {{"-time", "", ""}, &CommonOptions::ignore},
+    {{"-mpi", "NAME", ""}, &CommonOptions::ignore}, // the driver runs already
+    {{"-mpidriver", "NAME", ""}, &CommonOptions::ignore, "Missing -mpi arg"},
 };
+
+std::vector<CommandLineOption> Machine::CommonOptions::list() {
+    std::vector<CommandLineOption> options;
+    for (const Row& row : ROWS)
+        options.push_back(row.option);
+    return options;
+}
 
 const Machine::CommonOptions::Row* Machine::CommonOptions::findRow() const {
     for (const Row& row : ROWS)
-        if (_line.word() == row.word)
+        if (_line.isAt(row.option))
             return &row;
     return nullptr;
 }
 
 void Machine::CommonOptions::take(const Row& row) {
-    if (!_line.hasValues(row.words - 1))
+    if (!_line.hasValues(row.option))
         throw std::invalid_argument(row.missingValue ? row.missingValue : "Missing " + _line.word() + " arg");
     (this->*row.apply)();
-    _line.consume(row.words);
+    _line.consume(row.option);
 }
 
 void Machine::CommonOptions::disableFpeRegisterChecking() {
@@ -175,10 +195,8 @@ void Machine::CommonOptions::setMpiDistribution() {
 }
 
 void Machine::CommonOptions::addParameter() {
-    const auto decoded = [this](unsigned offset) {
-        return StringHelper::toString(Base64Encoder::decode(_line.value(offset)));
-    };
-    ParameterInitialValues::getSingleton().addParameterArg(decoded(1), decoded(2));
+    ParameterInitialValues::getSingleton().addParameterArg(StringHelper::toString(_line.decodedValue(1)),
+                                                           StringHelper::toString(_line.decodedValue(2)));
 }
 
 void Machine::CommonOptions::setRemoteShell() {
@@ -225,6 +243,10 @@ void Machine::CommonOptions::settleJobManager() {
         _machine._jobManagerUrl = _jobManagerUrl;
         _machine._taskId = _taskId;
     }
+}
+
+std::vector<CommandLineOption> Machine::listCommonOptions() {
+    return CommonOptions::list();
 }
 
 void Machine::parseCommonArgvs(int argc, char** argv, ConsumedOptions& consumed) {

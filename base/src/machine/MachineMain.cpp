@@ -60,6 +60,8 @@ void terminateHandler() {
 void Machine::main(int argc, char** argv) {
     std::ios::sync_with_stdio(true);
     LastWords::prepare();
+    if (answerQuestion(argc, argv))
+        return;
     FpuHandling::resetEnvironment(FpuEnvironmentAccessKey());
     auto consumed = std::make_unique<ConsumedOptions>();
     startCommunicators(argc, &argv, *consumed);
@@ -240,7 +242,11 @@ void Machine::abortFromAnywhere() {
     getSingleton().abort(ExitStatus(ExitStatus::SERVER_ERROR));
 }
 
-void Machine::endFailedStart(const ExitStatus& status) {
+void Machine::endFailedStart(const ExitStatus& status, const std::string& line) {
+    constexpr double PATIENCE = 3.0; // [s] more than the master takes to end the job
+    if (isParallel() && !isMaster())
+        Platform::time().sleep(PATIENCE);
+    std::cerr << line + '\n'; // in one piece: other ranks may say theirs
     if (isParallel())
         getSingleton().abort(status);
 }

@@ -143,7 +143,7 @@ void Machine::writeProcessFile() const {
     std::string command = "dattach " + _executableName + ' ';
     for (const unsigned each : pids)
         command += std::to_string(each) + ' ';
-    std::cout << "Copy and paste into totalview command window : \n" << command << std::flush;
+    std::cout << "Copy and paste into totalview command window : \n" << command << std::endl;
 }
 
 void Machine::getHostsOnMaster(std::vector<std::string>& hosts) const {

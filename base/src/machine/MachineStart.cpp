@@ -2,6 +2,7 @@
 
 #include "machine/Machine.h"
 
+#include "machine/CommandLine.h"
 #include "machine/Communicator.h"
 #include "machine/LastWords.h"
 #include "machine/MachineHost.h"
@@ -19,6 +20,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <iostream>
+#include <iterator>
 #include <stdexcept>
 #include <string_view>
 
@@ -34,7 +36,39 @@ std::string_view wordAt(const char* const* argv, int index) {
     return argv[index] ? argv[index] : "";
 }
 
+enum class StartKind { SERIAL, PROXY_SERVER, PROXY_DAEMON, DRIVER, PRELOAD };
+
+struct StartRow {
+    CommandLineOption option;
+    StartKind kind;
+};
+
+/// The options that decide what the process is.
+constexpr StartRow START_ROWS[] = {
+    {{"-s", "", "a serial process"}, StartKind::SERIAL},
+    {{"-mpi", "NAME", "a job, with the driver openmpi4 or mpich2; started with that library's launcher"},
+     StartKind::DRIVER},
+    {{"-mpidriver", "NAME", "the same"}, StartKind::DRIVER},
+    {{"-xinternalmsmpidll", "PATH", ""}, StartKind::PRELOAD},
+    // Read, so that they are refused in words.
+    {{"-proxyserver", "", ""}, StartKind::PROXY_SERVER},
+    {{"-proxydaemon", "", ""}, StartKind::PROXY_DAEMON},
+};
+
+const StartRow* findStartRow(std::string_view word) {
+    const auto* const found = std::find_if(std::begin(START_ROWS), std::end(START_ROWS),
+                                           [word](const StartRow& row) { return row.option.word == word; });
+    return found == std::end(START_ROWS) ? nullptr : found;
+}
+
 } // namespace
+
+std::vector<CommandLineOption> Machine::listStartOptions() {
+    std::vector<CommandLineOption> options;
+    for (const StartRow& row : START_ROWS)
+        options.push_back(row.option);
+    return options;
+}
 
 const char* Machine::driverModuleName(const std::string& driver) {
     struct Row {
@@ -55,13 +89,13 @@ const char* Machine::driverModuleName(const std::string& driver) {
 void Machine::startCommunicators(int& argc, char*** argv, ConsumedOptions& consumed) {
     bool serial = false;
     for (int i = 0; i < argc; ++i) {
-        const std::string_view word = wordAt(*argv, i);
-        if (word != "-s" && word != "-proxyserver" && word != "-proxydaemon")
+        const StartRow* const row = findStartRow(wordAt(*argv, i));
+        if (!row || row->kind == StartKind::DRIVER || row->kind == StartKind::PRELOAD)
             continue;
         serial = true;
-        consumed[std::string(word)] = 1;
-        _isProxyServer = _isProxyServer || word == "-proxyserver";
-        _isProxySessionDaemon = _isProxySessionDaemon || word == "-proxydaemon";
+        consumed[std::string(row->option.word)] = 1;
+        _isProxyServer = _isProxyServer || row->kind == StartKind::PROXY_SERVER;
+        _isProxySessionDaemon = _isProxySessionDaemon || row->kind == StartKind::PROXY_DAEMON;
     }
     if (serial) {
         _serialParallelMode = SERIAL_MODE;
@@ -77,13 +111,13 @@ void Machine::startCommunicators(int& argc, char*** argv, ConsumedOptions& consu
 std::string Machine::findDriverModule(int argc, const char* const* argv, ConsumedOptions& consumed) {
     std::string module;
     for (int i = 0; i < argc; ++i) {
-        const std::string_view word = wordAt(argv, i);
-        if (word != "-mpidriver" && word != "-mpi")
+        const StartRow* const row = findStartRow(wordAt(argv, i));
+        if (!row || row->kind != StartKind::DRIVER)
             continue;
         if (i + 1 == argc)
             throw std::invalid_argument("Missing -mpidriver arg");
         module = driverModuleName(std::string(wordAt(argv, i + 1)));
-        consumed[std::string(word)] = 2;
+        consumed[std::string(row->option.word)] = 2;
     }
     if (module.empty())
         throw std::invalid_argument("The flag -mpidriver or -mpi must be specified");
@@ -94,15 +128,15 @@ void Machine::optionallyPreloadMpi(const char* module, int argc, const char* con
                                    ConsumedOptions& consumed) {
     if (std::string_view(module) != "OrvexMsMpi")
         return;
-    constexpr const char* OPTION = "-xinternalmsmpidll";
     const char* msMpiDll = nullptr;
     bool found = false;
     for (int i = 0; i < argc; ++i) {
-        if (wordAt(*argv, i) != OPTION)
+        const StartRow* const row = findStartRow(wordAt(*argv, i));
+        if (!row || row->kind != StartKind::PRELOAD)
             continue;
         if (i + 1 == argc)
             throw std::invalid_argument("Missing -xinternalmsmpidll arg");
-        consumed[OPTION] = 2;
+        consumed[std::string(row->option.word)] = 2;
         found = true;
         msMpiDll = wordAt(*argv, i + 1).empty() ? nullptr : (*argv)[i + 1];
     }

@@ -1,6 +1,5 @@
 #include "machine/ServerHostOptions.h"
 
-#include "platform/Base64Encoder.h"
 #include "platform/StringHelper.h"
 
 #include <locale>
@@ -20,10 +19,10 @@ struct Walk {
 
 std::wstring Walk::decodedValue() const {
     try {
-        return Base64Encoder::decode(line.value());
+        return line.decodedValue();
     } catch (const std::invalid_argument& error) {
         throw ServerHostOptions::Refusal(ServerHostOptions::Refusal::INVALID_ARGUMENT,
-                                         "\nInvalid value of '" + line.word() + "': " + error.what());
+                                         std::string("\n") + error.what());
     }
 }
 
@@ -37,43 +36,56 @@ int Walk::number(const std::string& what) const {
 }
 
 struct Row {
-    const char* word;
-    unsigned words;
+    CommandLineOption option;
     void (*apply)(Walk&);
     enum Role { ANY, SERIAL_ONLY, MASTER_ONLY } role = ANY;
 };
 
 const Row ROWS[] = {
-    {"-xclientaddr", 2, [](Walk& walk) { walk.options.clientAddress = walk.line.value(); }},
-    {"-collab", 1, [](Walk& walk) { walk.options.collaborate = true; }},
-    {"-noconnect", 1, [](Walk& walk) { walk.options.connect = false; }},
-    {"-cout", 1, [](Walk& walk) { walk.options.outputToClients = false; }},
-    {"-load", 1, [](Walk& walk) { walk.options.load = true; }},
-    {"-loc", 1, [](Walk& walk) { walk.options.sessionLocator = false; }},
-    {"-new", 1, [](Walk& walk) { walk.options.createNew = true; }},
-    {"-encoded-passtodesign", 2, [](Walk& walk) { walk.options.passToDesign = walk.decodedValue(); }},
-    {"-procfile", 2, [](Walk& walk) { walk.options.processFileName = walk.line.value(); }},
-    {"-proxy", 2, [](Walk& walk) { walk.options.proxyHost = walk.line.value(); }},
-    {"-encoded-proxycmd", 2,
-     [](Walk& walk) { walk.options.proxyCommand = StringHelper::toString(walk.decodedValue()); }},
-    {"-proxydebug", 1, [](Walk& walk) { walk.options.proxyDebug = true; }},
-    {"-port", 2, [](Walk& walk) { walk.options.port = static_cast<unsigned>(walk.number("port")); }},
-    {"-portrange", 2, [](Walk& walk) { walk.options.portRange = walk.number("port range"); }},
-    {"-s", 1, [](Walk&) {}, Row::SERIAL_ONLY},
-    {"-session", 2,
+    {{"-session", "NAME", "the session file, as a word of its own is; the extension .sim may be left out"},
      [](Walk& walk) { walk.options.sessionName = StringHelper::toWString(walk.line.value()); }},
-    {"-encoded-session", 2, [](Walk& walk) { walk.options.sessionName = walk.decodedValue(); }},
-    {"-totalview", 1, [](Walk& walk) { walk.options.attachDebugger = true; }, Row::MASTER_ONLY},
+    {{"-encoded-session", "BASE64", "the same, for names that a shell would change"},
+     [](Walk& walk) { walk.options.sessionName = walk.decodedValue(); }},
+    {{"-new", "", "the session file is created, and must not exist with content"},
+     [](Walk& walk) { walk.options.createNew = true; }},
+    {{"-load", "", "the session file is restored at start, by a solver module's command"},
+     [](Walk& walk) { walk.options.load = true; }},
+    {{"-port", "N", "listens on port N, 47827 unless given, or on any free one when that is taken"},
+     [](Walk& walk) { walk.options.port = static_cast<unsigned>(walk.number("port")); }},
+    {{"-portrange", "N", "tries N ports from the first on, and no other"},
+     [](Walk& walk) { walk.options.portRange = walk.number("port range"); }},
+    {{"-collab", "", "serves many clients at a time, not one"},
+     [](Walk& walk) { walk.options.collaborate = true; }},
+    {{"-noconnect", "", "serves no clients"}, [](Walk& walk) { walk.options.connect = false; }},
+    {{"-cout", "", "prints for itself, not for its clients"},
+     [](Walk& walk) { walk.options.outputToClients = false; }},
+    {{"-loc", "", "clients don't find the session by themselves"},
+     [](Walk& walk) { walk.options.sessionLocator = false; }},
+    {{"-xclientaddr", "HOST", "listens on the network, for clients of that host alone"},
+     [](Walk& walk) { walk.options.clientAddress = walk.line.value(); }},
+    {{"-procfile", "PATH", "writes a line host:pid for each rank, the master's last"},
+     [](Walk& walk) { walk.options.processFileName = walk.line.value(); }},
+    {{"-totalview", "", "with -procfile, prints the line by which a debugger attaches to all ranks"},
+     [](Walk& walk) { walk.options.attachDebugger = true; },
+     Row::MASTER_ONLY},
+    {{"-encoded-passtodesign", "BASE64", "a text that is kept for the design manager"},
+     [](Walk& walk) { walk.options.passToDesign = walk.decodedValue(); }},
     // What these two stand for was read by Machine::main() already.
-    {"-dmproject", 1, [](Walk&) {}},
-    {"-encoded-dmrunfile", 2, [](Walk&) {}},
-    {"-dmpost", 1, [](Walk& walk) { walk.postProcess = true; }},
+    {{"-dmproject", "", "the process manages a design study"}, [](Walk&) {}},
+    {{"-encoded-dmrunfile", "BASE64", "the process runs a part of a design study"}, [](Walk&) {}},
+    {{"-dmpost", "", "the process is for post-processing"}, [](Walk& walk) { walk.postProcess = true; }},
+    {{"-s", "", ""}, [](Walk&) {}, Row::SERIAL_ONLY},
+    // Read, so that they are refused in words.
+    {{"-proxy", "HOST", ""}, [](Walk& walk) { walk.options.proxyHost = walk.line.value(); }},
+    {{"-encoded-proxycmd", "BASE64", ""},
+     [](Walk& walk) { walk.options.proxyCommand = StringHelper::toString(walk.decodedValue()); }},
+    {{"-proxydebug", "", ""}, [](Walk& walk) { walk.options.proxyDebug = true; }},
 };
 
 /// An option whose value is missing isn't taken as itself.
 const Row* findRow(const Walk& walk) {
     for (const Row& row : ROWS)
-        if (walk.line.word() == row.word && walk.line.hasValues(row.words - 1) &&
+        if (walk.line.isAt(row.option) && walk.line.hasValues(row.option) &&
             (row.role == Row::ANY || (row.role == Row::MASTER_ONLY) == walk.parallel))
             return &row;
     return nullptr;
@@ -111,11 +123,18 @@ ServerHostOptions ServerHostOptions::parse(int argc, const char* const* argv, Co
     while (line.next()) {
         if (const Row* row = findRow(walk)) {
             row->apply(walk);
-            line.consume(row->words);
+            line.consume(row->option);
         } else {
             takeOtherWord(walk);
         }
     }
     check(walk, designManager);
     return walk.options;
+}
+
+std::vector<CommandLineOption> ServerHostOptions::list() {
+    std::vector<CommandLineOption> options;
+    for (const Row& row : ROWS)
+        options.push_back(row.option);
+    return options;
 }

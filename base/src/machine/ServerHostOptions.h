@@ -5,6 +5,7 @@
 
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 /// What the serial or master process reads from the command line for its server: the last of the passes.
 /// Workers never read these options.
@@ -48,4 +49,6 @@ struct ORVEX_MACHINE_EXPORT ServerHostOptions {
     /// @throw Refusal when the line holds what no pass knows, or what doesn't go together
     static ServerHostOptions parse(int argc, const char* const* argv, CommandLine::Consumed& consumed,
                                    bool parallel, bool designManager);
+    /// The options of this pass, in the order in which people read them.
+    static std::vector<CommandLineOption> list();
 };

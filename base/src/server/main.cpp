@@ -24,8 +24,7 @@ int refuseStart(const ExitStatus& status, const char* what, const std::string& r
     std::string line = std::string("orvexsim: ") + what + ": " + reason;
     std::replace(line.begin(), line.end(), '\n', ' ');
     std::cout.flush();
-    std::cerr << line + '\n'; // in one piece: all ranks say it
-    Machine::endFailedStart(status);
+    Machine::endFailedStart(status, line);
     return status;
 }
 

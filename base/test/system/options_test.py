@@ -1,6 +1,7 @@
 """The command line of the server: what each option does, and how each wrong one ends, in text and exit value."""
 import base64
 import os
+import pathlib
 import re
 import socket
 import subprocess
@@ -42,8 +43,8 @@ REFUSED_SERIAL = [
       for word in ("-port", "-portrange", "-session", "-encoded-session", "-xclientaddr", "-procfile", "-proxy",
                    "-encoded-proxycmd", "-encoded-passtodesign", "-encoded-dmrunfile", "-Collab", "--port", "-port=1",
                    "-totalview", "-")],
-    (["-encoded-param", "a", "*"], "Invalid Base64 text: ", INVALID),
-    (["-encoded-session", "*"], "Invalid Base64 text: ", INVALID),
+    (["-encoded-param", "a", "*"], "Invalid value of '-encoded-param': Invalid Base64 text: ", INVALID),
+    (["-encoded-session", "*"], "Invalid value of '-encoded-session': Invalid Base64 text: ", INVALID),
     (["-proxy", "h"], "A proxy server was requested but a command was not provided\n", INVALID),
     (["-dmproject", "-dmpost"], "-dmproject argument is not compatible with -dmpost argument\n", INVALID),
 ]
@@ -135,7 +136,7 @@ class Refused(Case):
     def test_in_a_job(self):
         """The same words under a launcher: each rank fails alike, or the master ends the job. Nothing hangs."""
         rows = [(["-cpubind", "fast"], "-cpubind argument must be", INVALID),
-                (["-taskid", "5"], "must both be specified", INVALID),
+                (["-encoded-param", "a", "*"], "Invalid value of '-encoded-param': ", INVALID),
                 (["-port", "x"], "\nInvalid server port number argument.\n", ERROR),
                 (["-nonsense"], "\nUnrecognized argument '-nonsense'\n", INVALID),
                 (["none.sim"], "\nExit error: ", FILE_ERROR),
@@ -147,7 +148,22 @@ class Refused(Case):
                     answer = self.run_server("-mpi", DRIVERS[mpi], *words, launcher=[*LAUNCHERS[mpi], "3"])
                     self.assertEqual(answer.returncode, status, answer)
                     self.assertIn(text, answer.stderr)
+                    if "-encoded-param" in words:
+                        self.assertEqual(answer.stderr.count(text), 1, answer.stderr)
                     wait_until(lambda: not self.room.processes(), 5 * PATIENCE, "all ranks are gone")
+
+    def test_questions(self):
+        """Answered without a launcher, and once under one; the README shows options as --help does."""
+        listed = {line.split("  ")[1] for line in self.run_server("--help").stdout.splitlines() if line.startswith("  -")}
+        readme = pathlib.Path(__file__).parents[3] / "README.md"
+        rows = re.findall(r"(?m)^\| (.*`--?[a-z].*`) \|", readme.read_text().partition("## Options")[2].partition("\n## ")[0])
+        shown = set(re.findall(r"`(-[^`]*)`", " ".join(rows).replace("disable`", "WORD`")))
+        self.assertGreater(len(shown), 20)
+        self.assertLessEqual(shown, listed)
+        for launcher in ([], *([*LAUNCHERS[mpi], "3"] for mpi in MPIS)):
+            answer = self.run_server("-session", "--help", "--version", launcher=launcher)
+            self.assertRegex(answer.stdout, r"\A\S+ \S+ \(.*/.*\)\n\Z")
+            self.assertEqual((answer.returncode, answer.stderr), (0, ""))
 
     def test_wrong_launcher(self):
         """A driver under the launcher of the other MPI would make jobs of one rank each."""
@@ -312,7 +328,7 @@ class Taken(Case):
                 lines = (self.room.work / f"pids-{mpi}").read_text().splitlines()
                 self.assertEqual([int(line.rpartition(":")[2]) for line in lines], [pids[1], pids[2], pids[0]])
                 self.assertIn("Copy and paste into totalview command window : \ndattach orvexsim "
-                              + "".join(f"{pid} " for pid in pids), job.out())
+                              + "".join(f"{pid} " for pid in pids) + "\n", job.out())
                 self.stop(job)
 
 

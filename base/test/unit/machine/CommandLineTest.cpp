@@ -67,7 +67,7 @@ TEST_F(CommandLineTest, WalkSkipsEmptyWordsAndRemembersWhatWasConsumed) {
     EXPECT_FALSE(line.hasValues(5));
     EXPECT_EQ(line.value(), "1");
     EXPECT_EQ(line.value(2), "");
-    line.consume(2);
+    line.consume({"-a", "VALUE", ""});
     ASSERT_TRUE(line.next());
     EXPECT_EQ(line.word(), "-b");
     EXPECT_FALSE(line.skipConsumed());

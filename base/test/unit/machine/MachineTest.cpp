@@ -167,7 +167,8 @@ TEST_F(MachineTest, EachEndHasItsExitValue) {
                 testing::ExitedWithCode(34), "");
     EXPECT_EXIT(Machine::abortFromAnywhere(), testing::ExitedWithCode(3), "");
     MachineTestAccess::startAfresh();
-    Machine::endFailedStart(ExitStatus(ExitStatus::SERVER_ERROR)); // returns: there is no job
+    Machine::endFailedStart(ExitStatus(ExitStatus::SERVER_ERROR),
+                            "a failed start"); // returns: there is no job
     EXPECT_EXIT(MachineTestAccess::runRole({"-proxy", "h", "-encoded-proxycmd", "YQ==", "-noconnect"}),
                 testing::ExitedWithCode(32), "^\nExit error: .*proxy");
 }
