@@ -5,6 +5,7 @@
 #include <hwloc.h>
 
 #include <initializer_list>
+#include <new>
 
 namespace {
 
@@ -72,6 +73,14 @@ AffinityMask Affinity::getProcessAffinity(const CpuTopology& topology, unsigned 
         return hwloc_get_proc_cpubind(topology.getHwlocTopology(), static_cast<hwloc_pid_t>(pid),
                                       mask.getHwlocMask(), flag);
     });
+    return mask;
+}
+
+AffinityMask Affinity::getMask(const std::vector<unsigned>& processors) {
+    AffinityMask mask;
+    for (const unsigned processor : processors)
+        if (hwloc_bitmap_set(mask.getHwlocMask(), processor) < 0)
+            throw std::bad_alloc();
     return mask;
 }
 

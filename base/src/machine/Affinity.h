@@ -3,6 +3,8 @@
 #include "machine/AffinityMask.h"
 #include "machine/MachineExport.h"
 
+#include <vector>
+
 class CpuTopology;
 
 /// Reads and changes on which processors the calling thread or process may run.
@@ -19,6 +21,8 @@ public:
     static AffinityMask getProcessAffinity(const CpuTopology& topology);
     /// The same of another process of this host; empty when it has ended or can't be read.
     static AffinityMask getProcessAffinity(const CpuTopology& topology, unsigned pid);
+    /// The mask of processors by the operating system's numbers.
+    static AffinityMask getMask(const std::vector<unsigned>& processors);
     /// Whether the binding lies within exactly one physical core.
     static bool isThreadBound(const CpuTopology& topology);
     static bool isProcessBound(const CpuTopology& topology);

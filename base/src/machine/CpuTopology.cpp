@@ -362,7 +362,15 @@ AffinityMask CpuTopology::restrictToAvailableResources(AffinityMask&& mask) cons
     AffinityMask result(std::move(mask));
     if (_impl->_topology)
         result &= AffinityMask(hwloc_topology_get_allowed_cpuset(_impl->_topology));
+    if (!_impl->_limit.empty())
+        result &= _impl->_limit;
     return result;
+}
+
+void CpuTopology::limitTo(const AffinityMask& mask) {
+    AffinityMask limit = restrictToAvailableResources(getTopologyMask()) & mask;
+    if (!limit.empty())
+        _impl->_limit = std::move(limit);
 }
 
 AffinityMask CpuTopology::getLpuMask(unsigned lpu) const {

@@ -19,8 +19,8 @@ struct hwloc_topology;
 /// level take any index. Checked all the same are getLpusForPhysicalCore, getPhysicalCoreForLpu, the masks,
 /// getSocketsForNumaNode and getNumaNodesForSocket; the last two refuse any index when there is no LPU.
 ///
-/// Constant after construction: every query is local and may come from any thread. Lists are ascending. An
-/// index out of range raises an InternalError.
+/// Constant after construction and limitTo(): every query is local and may come from any thread. Lists are
+/// ascending. An index out of range raises an InternalError.
 class ORVEX_MACHINE_EXPORT CpuTopology {
 public:
     /// How getLpuSubset() places what it takes.
@@ -95,9 +95,12 @@ public:
 
     /// All processors of the host; empty when nothing was detected.
     AffinityMask getTopologyMask() const;
-    /// `mask` without what the operating system or the batch system doesn't let this process use; `mask`
-    /// itself when nothing was detected.
+    /// `mask` without what the operating system or the batch system doesn't let this process use, or
+    /// limitTo() took away; `mask` itself when nothing was detected.
     AffinityMask restrictToAvailableResources(AffinityMask&& mask) const;
+    /// Takes all that isn't in `mask` away from what restrictToAvailableResources() leaves from now on. A
+    /// mask without any available processor changes nothing. Before other threads ask.
+    void limitTo(const AffinityMask& mask);
     AffinityMask getLpuMask(unsigned lpu) const;
     AffinityMask getPhysicalCoreMask(unsigned physicalCore) const;
     AffinityMask getNumaMask(unsigned numaNode) const;

@@ -36,6 +36,7 @@ public:
     unsigned getSlowness(unsigned lpu) const { return lpu < _lpuSlowness.size() ? _lpuSlowness[lpu] : 0; }
 
     hwloc_topology_t _topology = nullptr;
+    AffinityMask _limit; ///< empty: none
     bool _isSymmetric = true;
     bool _socketsEqualToNumaNodes = true;
     bool _numaNodesSubsetOfSockets = false;

@@ -241,7 +241,8 @@ private:
                               ConsumedOptions& consumed);
     void startMessageLayer(const std::string& module, int& argc, char*** argv);
     void startLauncherWatch();
-    void startHost();
+    /// @param processors  that this process was given at its start
+    void startHost(const std::vector<unsigned>& processors);
     void testOverSubscription() const;
     void parseCommonArgvs(int argc, char** argv, ConsumedOptions& consumed);
     void setTemporaryDirectory(const std::wstring& directory);

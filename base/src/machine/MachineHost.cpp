@@ -4,15 +4,20 @@
 #include "machine/Communicator.h"
 #include "machine/CpuBinder.h"
 #include "machine/CpuTopology.h"
+#include "machine/GlobalCondition.h"
 #include "machine/Machine.h"
 
 #include "kernel/Raise.h"
+#include "platform/BatchSystem.h"
 #include "platform/Io.h"
+#include "platform/Log.h"
 #include "platform/Process.h"
 
 #include <algorithm>
 
 namespace {
+
+constexpr unsigned MASK_LENGTH = 60; ///< of a printed mask's description
 
 std::string reportedHostName() {
     return Machine::isParallel() ? Machine::globalCommunicator().myName() : Platform::io().getHostName();
@@ -135,6 +140,23 @@ Communicator& MachineHost::getInterHostComm() const {
 
 unsigned MachineHost::getIntraHostRank() const {
     return Machine::isSerial() ? 0 : getIntraHostComm().myRank();
+}
+
+void MachineHost::keepToBatchJob(const std::vector<unsigned>& processors) {
+    const std::string job = Platform::findBatchJob();
+    // A launcher need not hand the variables on to each host.
+    if (!GlobalCondition(!job.empty(), GlobalCondition::ON_ANY))
+        return;
+    CpuTopology& topology = *_cpuTopology;
+    std::vector<unsigned> lpus = topology.getLpusFromMask(Affinity::getMask(processors));
+    if (Machine::isParallel()) {
+        const std::vector<unsigned> mine = lpus;
+        std::vector<unsigned> counts;
+        getIntraHostComm().allGatherVector(mine, lpus, counts);
+    }
+    topology.limitTo(topology.getLpuMask(lpus));
+    OS::Log::instance("Default").info("MachineHost::keepToBatchJob", "@0@ on @1@: @2@", job, _hostName,
+                                      topology.printAffinityMask(getAvailableMask(), MASK_LENGTH));
 }
 
 int MachineHost::isOverSubscribed() const {

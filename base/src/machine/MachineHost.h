@@ -65,6 +65,12 @@ public:
 
     // Placement. Main thread.
 
+    /// Under a batch system, makes the union of what it gave the job's processes on this host the limit of
+    /// all placement, also where it is an affinity alone; elsewhere nothing. Collective over the job. Once,
+    /// before anything is bound.
+    /// @param processors  on which this process could run at its start, by the system's numbers
+    void keepToBatchJob(const std::vector<unsigned>& processors);
+
     /// How many processes of the job on this host have no physical core of their own among those that this
     /// process may use; 0 when there are enough, or when nothing is known of the hardware. Local.
     int isOverSubscribed() const;

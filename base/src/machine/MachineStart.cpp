@@ -16,6 +16,7 @@
 #include "mpiwrapper/OxmMpi.h"
 #include "platform/DynamicLibrary.h"
 #include "platform/LauncherWatch.h"
+#include "platform/Process.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -87,6 +88,8 @@ const char* Machine::driverModuleName(const std::string& driver) {
 }
 
 void Machine::startCommunicators(int& argc, char*** argv, ConsumedOptions& consumed) {
+    // Now: message layers bind a process at their start.
+    const std::vector<unsigned> processors = Platform::process().getProcessors();
     bool serial = false;
     for (int i = 0; i < argc; ++i) {
         const StartRow* const row = findStartRow(wordAt(*argv, i));
@@ -104,7 +107,7 @@ void Machine::startCommunicators(int& argc, char*** argv, ConsumedOptions& consu
         optionallyPreloadMpi(module.c_str(), argc, argv, consumed);
         startMessageLayer(module, argc, argv);
     }
-    startHost();
+    startHost(processors);
     OrvexVersion::_machineConfig = isParallel() ? "Np=" + std::to_string(_np) : "Serial";
 }
 
@@ -197,9 +200,10 @@ void Machine::startLauncherWatch() {
     static_cast<void>(_launcherWatch->start());
 }
 
-void Machine::startHost() {
+void Machine::startHost(const std::vector<unsigned>& processors) {
     ORVEX_ASSERT_AS(!_host, "!_host", "Host already enabled");
     _host = new MachineHost;
+    _host->keepToBatchJob(processors);
     testOverSubscription();
 }
 

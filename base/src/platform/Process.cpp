@@ -16,6 +16,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <map>
+#include <sched.h>
 #include <spawn.h>
 #include <system_error>
 #include <unistd.h>
@@ -228,6 +229,23 @@ std::vector<int> Process::getPids(const std::string& executableName) const {
     }
     std::sort(pids.begin(), pids.end());
     return pids;
+}
+
+std::vector<unsigned> Process::getProcessors() const {
+    constexpr std::size_t MOST = std::size_t{1} << 20;
+    for (std::size_t count = CPU_SETSIZE; count <= MOST; count *= 2) { // too small a set is refused
+        const std::unique_ptr<cpu_set_t, void (*)(cpu_set_t*)> set(
+            CPU_ALLOC(count), [](cpu_set_t* memory) { CPU_FREE(memory); });
+        const std::size_t size = CPU_ALLOC_SIZE(count);
+        if (!set || ::sched_getaffinity(0, size, set.get()) != 0)
+            continue;
+        std::vector<unsigned> processors;
+        for (std::size_t number = 0; number < count; ++number)
+            if (CPU_ISSET_S(number, size, set.get()))
+                processors.push_back(static_cast<unsigned>(number));
+        return processors;
+    }
+    return {};
 }
 
 bool Process::isAlive(int pid) const {

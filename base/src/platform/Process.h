@@ -43,6 +43,9 @@ public:
     /// directory), ascending, this process included when it is one. A process of another user whose
     /// executable can't be read counts by the name that the system shows, of which it keeps 15 characters.
     std::vector<int> getPids(const std::string& executableName) const;
+    /// The processors, by the system's numbers, on which the calling thread may run; none when the system
+    /// doesn't tell.
+    std::vector<unsigned> getProcessors() const;
     /// Whether a process of this number runs (a zombie doesn't).
     bool isAlive(int pid) const;
     /// A number that differs between two processes which bear the same pid one after the other; 0 when there

@@ -149,8 +149,26 @@ class Placement(Case):
     @unittest.skipIf(PROCESSORS < 2, "needs a processor to do without")
     def test_a_cpuset(self):
         """What a container or a batch system keeps away is neither used nor counted."""
-        processor = ALLOWED[1]
-        prefix = ["sh", "-c", 'echo $$ > "$0" && exec "$@"', str(make_cpuset(self, processor))]
+        self.check_kept(["sh", "-c", 'echo $$ > "$0" && exec "$@"', str(make_cpuset(self, ALLOWED[1]))], ALLOWED[1])
+
+    @unittest.skipIf(PROCESSORS < 2, "needs a processor to do without")
+    def test_a_batch_system(self):
+        """What it gave by affinity alone is kept to as well, all ranks of a host together; a user's taskset isn't."""
+        batch = ["env", "SLURM_JOB_ID=17"]  # for the launcher there is no Slurm
+        second = ["taskset", "-c", str(ALLOWED[1])]
+        self.check_kept([*batch, *second], ALLOWED[1])
+        crossed = ["sh", "-c", 'cpu=$0; [ "${OMPI_COMM_WORLD_RANK-$PMI_RANK}" = 1 ] && cpu=$1; shift; exec taskset -c $cpu "$@"',
+                   str(ALLOWED[1]), str(ALLOWED[0])]
+        for mpi in MPIS:  # of what both ranks were given, each takes its own
+            with self.subTest(mpi=mpi):
+                job = self.ready(mpi=mpi, ranks=2, prefix=[*batch, *crossed])
+                self.assertEqual(self.bindings(job), [{number} for number in ALLOWED])
+                self.stop(job)
+        job = self.ready(prefix=second)
+        self.assertEqual(self.bindings(job), [FIRST])
+        self.stop(job)
+
+    def check_kept(self, prefix, processor):
         for mpi in (None, *MPIS):
             with self.subTest(mpi=mpi):
                 job = self.ready(mpi=mpi, ranks=2, prefix=prefix, environment={})
