@@ -22,6 +22,7 @@
 #include <mutex>
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -41,7 +42,7 @@ constinit thread_local FaultState faultState __attribute__((tls_model("initial-e
 bool installed = false;
 /// What it pointed to before stays alive: a fault may be about to call it.
 std::atomic<const std::function<void()>*> abortCallback{nullptr};
-std::atomic<const std::function<void(const std::string&)>*> lastWordsCallback{nullptr};
+std::atomic<const std::function<void(std::string_view)>*> lastWordsCallback{nullptr};
 std::atomic<int> reportDescriptor{2};
 std::atomic<bool> processEnds{false};
 std::terminate_handler terminateBefore = nullptr;
@@ -61,7 +62,7 @@ void print(const std::string& text) {
     static_cast<void>(Platform::io().write(reportDescriptor, text.data(), text.size()));
 }
 
-void sayLastWords(const std::string& reason) {
+void sayLastWords(std::string_view reason) {
     if (const auto* callback = lastWordsCallback.load())
         (*callback)(reason);
 }
@@ -85,6 +86,8 @@ void sayLastWords(const std::string& reason) {
     if (faultState == FaultState::ENDING)
         std::_Exit(128 + signal);
     faultState = FaultState::ENDING;
+    watchdog.arm(signal, SignalHandler::FAULT_TIME_LIMIT);
+    sayLastWords(Platform::Signals::getDescription(signal)); // without the heap, which may be at fault
     print("\nFault in the handling of a fault: " + Platform::Signals::getFaultText(signal, code) + "\n");
     Platform::error().writeStackTrace(reportDescriptor, MAX_TRACE_FRAMES);
     endProcess(signal, Platform::Signals::getFaultText(signal, code));
@@ -160,9 +163,9 @@ void speakBeforeDefault(int signal, int code, bool isSent) {
         sayLastWords(Platform::Signals::getFaultText(signal, code));
         return;
     }
+    sayLastWords("abort() was called");
     print("\nabort() was called:\n");
     Platform::error().writeStackTrace(reportDescriptor, MAX_TRACE_FRAMES);
-    sayLastWords("abort() was called");
 }
 
 [[noreturn]] void endAtStackEnd(int signal) {
@@ -239,9 +242,9 @@ void SignalHandler::setAbortCallback(std::function<void()> callback) {
     abortCallback.store(callback ? &all->emplace_back(std::move(callback)) : nullptr);
 }
 
-void SignalHandler::setLastWordsCallback(std::function<void(const std::string& reason)> callback) {
+void SignalHandler::setLastWordsCallback(std::function<void(std::string_view reason)> callback) {
     static std::mutex mutex;
-    static auto* const all = new std::deque<std::function<void(const std::string&)>>;
+    static auto* const all = new std::deque<std::function<void(std::string_view)>>;
     const std::lock_guard guard(mutex);
     lastWordsCallback.store(callback ? &all->emplace_back(std::move(callback)) : nullptr);
 }

@@ -4,6 +4,7 @@
 
 #include <functional>
 #include <string>
+#include <string_view>
 
 /// What becomes of signals.
 ///
@@ -42,8 +43,9 @@ public:
     /// core image where the system makes one. Any thread.
     static void setAbortCallback(std::function<void()> callback);
     /// Called with the reason before a fault, an abort() or a signal ends the process, whoever sent it; on
-    /// the thread at fault, in the handler. Any thread.
-    static void setLastWordsCallback(std::function<void(const std::string& reason)> callback);
+    /// the thread at fault, in the handler, before anything else: the heap may be what has failed. Any
+    /// thread.
+    static void setLastWordsCallback(std::function<void(std::string_view reason)> callback);
     /// Calls the last-words callback also for SIGQUIT, SIGXCPU, SIGUSR1 and SIGUSR2, as far as they would end
     /// the process, which they do afterwards. Main thread.
     static void announceEndSignals();

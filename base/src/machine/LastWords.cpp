@@ -13,13 +13,14 @@
 #include "platform/Process.h"
 #include "platform/Semaphore.h"
 #include "platform/Signals.h"
+#include "platform/StringHelper.h"
 #include "platform/Time.h"
 
 #include <atomic>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <memory>
-#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -35,55 +36,71 @@ std::atomic<bool> armed{false};
 std::atomic<int> newsOfMaster{-1};
 /// Not destroyed when the process exits in disorder: its thread may be at work.
 std::atomic<JobWatch*> jobWatch{nullptr};
+/// Why this process ends. Static, like all that saying it needs: the heap may be what has failed.
+char reasonText[1024];
 
 bool isForkedChild() {
     return owner != 0 && Platform::process().getPid() != owner;
 }
 
-std::string describeRank(std::size_t rank) {
-    return Machine::isParallel() ? "Rank " + std::to_string(rank) : "The server";
-}
-
-void write(const std::string& text) {
+void write(std::string_view text) {
     // Nobody is left to tell of a failure.
     static_cast<void>(Platform::io().write(originalError, text.data(), text.size()));
     if (!Platform::io().isSameFile(originalError, STANDARD_ERROR)) // moved to a file, say
         static_cast<void>(Platform::io().write(STANDARD_ERROR, text.data(), text.size()));
 }
 
+void writeReason() {
+    char line[sizeof reasonText + 100];
+    const int pid = Platform::process().getPid();
+    const int length =
+        Machine::isParallel()
+            ? std::snprintf(line, sizeof line, "\nRank %u (process %d) ends: %s\n", Machine::getPartitionId(),
+                            pid, reasonText)
+            : std::snprintf(line, sizeof line, "\nThe server (process %d) ends: %s\n", pid, reasonText);
+    write({line, static_cast<std::size_t>(length)}); // it has room for all of it
+}
+
 void notifyClients(const std::string& reason) {
     Properties properties;
-    properties.set(Error::MESSAGE_TAG, reason);
+    properties.set(Error::MESSAGE_TAG, StringHelper::toValidUtf8(reason)); // it may be anybody's
     Server::getSingleton().notifyAbort(properties);
 }
 
-/// On a thread of its own and for a limited time: the thread that dies may hold a lock of the server's.
-void tellClients(const std::string& reason) {
-    constexpr double PATIENCE = 1.0; // [s]
-    const auto told = std::make_shared<Semaphore>();
-    try {
-        std::thread([told, reason] {
-            notifyClients(reason);
-            told->post();
-        }).detach();
-    } catch (const std::system_error&) {
-        return; // no thread to be had: the standard error stream has the words
+/// Speaks to the clients for a thread that dies: that one may hold a lock of the server's, or have broken its
+/// part of the heap. Made before it is needed, and never destroyed.
+class Speaker {
+public:
+    /// @throw std::system_error when the system has no thread left
+    Speaker() {
+        std::thread([this] { run(); }).detach();
     }
-    static_cast<void>(told->wait(PATIENCE));
-}
+    /// Returns when it is said, or within a limited time. Once.
+    void speak() {
+        constexpr double PATIENCE = 1.0; // [s]
+        _asked.post();
+        static_cast<void>(_told.wait(PATIENCE));
+    }
 
-void pass(const std::string& reason) {
-    if (Machine::isSerial() || Machine::isMaster())
-        tellClients(reason);
-    else
-        JobWatch::tell(newsOfMaster, Machine::getPartitionId(), reason);
-}
+private:
+    void run() {
+        _asked.wait();
+        notifyClients(reasonText);
+        SessionLocator::cleanup();
+        _told.post();
+    }
+
+    Semaphore _asked;
+    Semaphore _told;
+};
+/// On the serial or master process.
+std::atomic<Speaker*> speaker{nullptr};
 
 /// Another process of the job ends. Its own words stand on its standard error stream already.
 void onEndOfRank(std::size_t rank, const std::string& reason) {
     constexpr double GRACE = 3.0; // [s] launchers end such a job by themselves, most of them
     const std::string text =
-        describeRank(rank) +
+        "Rank " + std::to_string(rank) +
         (reason.empty() ? " has ended without a word (killed, or out of memory)" : ": " + reason);
     if (!spoken.exchange(true)) {
         notifyClients(text); // first: some launchers kill at once
@@ -95,15 +112,29 @@ void onEndOfRank(std::size_t rank, const std::string& reason) {
     Machine::abortFromAnywhere();
 }
 
-/// The first of the exit functions: whatever stands behind it is for an end in order.
-void onExit(int status, void*) {
+/// The process leaves by a function of the C library in the midst of its work.
+void leaveUntimely(int status, const char* function) {
     if (isForkedChild())
         std::_Exit(status);
     if (!armed)
         return;
-    LastWords::say("exit(" + std::to_string(status) + ") was called");
+    LastWords::say(std::string(function) + " was called");
     if (Machine::isParallel())
         Machine::abortFromAnywhere();
+    if (status == 0) { // a server that was torn down hasn't succeeded
+        std::fflush(nullptr);
+        std::_Exit(FAILURE);
+    }
+}
+
+/// The first of the exit functions: whatever stands behind it is for an end in order.
+void onExit(int status, void*) {
+    leaveUntimely(status, ("exit(" + std::to_string(status) + ")").c_str());
+}
+
+/// The system doesn't tell the status.
+void onQuickExit() {
+    leaveUntimely(0, "quick_exit()");
 }
 
 } // namespace
@@ -120,19 +151,19 @@ void LastWords::prepare() {
 }
 
 void LastWords::install() {
-    SignalHandler::setLastWordsCallback([](const std::string& reason) {
-        if (isForkedChild())
-            return;
-        say(reason);
-        SessionLocator::cleanup();
+    SignalHandler::setLastWordsCallback([](std::string_view reason) {
+        if (!isForkedChild())
+            say(reason);
     });
     SignalHandler::announceEndSignals();
 }
 
 void LastWords::beginWork() {
-    static const int registered = ::on_exit(&onExit, nullptr);
-    static_cast<void>(
-        registered); // without room for it an exit() ends the job in silence, as it would anyway
+    // Without room for them such an end comes in silence, as it would anyway.
+    static const int registered = ::on_exit(&onExit, nullptr) + std::at_quick_exit(&onQuickExit);
+    static_cast<void>(registered);
+    if ((Machine::isSerial() || Machine::isMaster()) && speaker == nullptr)
+        speaker = new Speaker;
     if (Machine::isParallel()) {
         Communicator& ranks = Machine::globalCommunicator();
         auto watch = Machine::isMaster() ? std::make_unique<JobWatch>(&onEndOfRank) : nullptr;
@@ -160,15 +191,18 @@ void LastWords::disarm() {
     armed = false;
 }
 
-void LastWords::say(const std::string& reason) {
+void LastWords::say(std::string_view reason) {
     if (spoken.exchange(true))
         return;
-    write("\n" + describeRank(Machine::getPartitionId()) + " (process " +
-          std::to_string(Platform::process().getPid()) + ") ends: " + reason + "\n");
-    pass(reason);
+    reasonText[reason.copy(reasonText, sizeof reasonText - 1)] = '\0';
+    writeReason();
+    if (Speaker* const own = speaker)
+        own->speak();
+    else
+        JobWatch::tell(newsOfMaster, Machine::getPartitionId(), reasonText);
 }
 
-void LastWords::sayIfUntimely(const std::string& reason) {
+void LastWords::sayIfUntimely(std::string_view reason) {
     if (armed)
         say(reason);
 }
@@ -178,7 +212,10 @@ bool LastWords::isJobDying() {
     return spoken || (watch != nullptr && watch->hasLost());
 }
 
-void LastWords::endForkedChild() {
-    if (isForkedChild())
-        std::_Exit(FAILURE);
+void LastWords::endForkedChild(const std::string& reason) {
+    if (!isForkedChild())
+        return;
+    write("\nThe process " + std::to_string(Platform::process().getPid()) + ", forked from the server " +
+          std::to_string(owner) + ", ends: " + reason + "\n");
+    std::_Exit(FAILURE);
 }

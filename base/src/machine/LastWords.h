@@ -1,17 +1,20 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 /// Why this process ends, told to those who would otherwise see only that it has ended.
 ///
 /// The words go to the standard error stream that the process was started with, wherever its streams lead by
 /// then, with the rank. On the serial or master process they go to the clients as "server.abort"; a worker
-/// hands them to the master of its host. Only the first words count. The master also tells its clients when a
-/// process of the job on its host is gone without a word, and takes the job down when its launcher doesn't.
+/// hands them to the master of its host. Only the first words count; the session record goes with them. The
+/// master also tells its clients when a process of the job on its host is gone without a word, and takes the
+/// job down when its launcher doesn't.
 ///
 /// A launcher passes a user's SIGTERM on to all ranks, and sends the same signal when it ends a job in which
-/// a rank died. The master takes it for the latter when a process of its host has ended or said why it ends;
-/// the death of a rank on another host can't be told from a user's wish.
+/// a rank died. The master takes it for the latter when a process of its host has ended or said why it ends.
+/// Under Open MPI the launcher's signal is the end of the job in any case; under MPICH the death of a rank on
+/// another host can't be told from a user's wish.
 class LastWords {
 public:
     /// Keeps the standard error stream, and makes a write that fails an error and no signal. The first step
@@ -27,11 +30,12 @@ public:
     static void disarm();
 
     /// Tells why this process ends; returns within about a second. Any thread, also the handler of a fault.
-    static void say(const std::string& reason);
+    static void say(std::string_view reason);
     /// say() when the end is untimely and nothing was said yet.
-    static void sayIfUntimely(const std::string& reason);
+    static void sayIfUntimely(std::string_view reason);
     /// Whether the job is about to end, as far as this process can know. Any thread.
     static bool isJobDying();
-    /// Ends a process that was forked from this one: it must not speak for the server. Any thread.
-    static void endForkedChild();
+    /// Ends a process that was forked from this one, with a message: it must not speak for the server.
+    /// Nothing in the process itself. Any thread.
+    static void endForkedChild(const std::string& reason);
 };

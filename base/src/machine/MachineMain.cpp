@@ -41,7 +41,8 @@ std::string describeUncaught() {
         if (const std::exception_ptr uncaught = std::current_exception())
             std::rethrow_exception(uncaught);
     } catch (const std::exception& error) {
-        return std::string("Terminating: ") + error.what();
+        const char* const text = error.what(); // somebody's own class may give none
+        return std::string("Terminating: ") + (text ? text : "an error without a text");
     } catch (...) {
         return "Terminating: an error of unknown type";
     }
@@ -49,8 +50,9 @@ std::string describeUncaught() {
 }
 
 void terminateHandler() {
-    LastWords::endForkedChild();
-    LastWords::say(describeUncaught());
+    const std::string reason = describeUncaught();
+    LastWords::endForkedChild(reason);
+    LastWords::say(reason);
     Machine::abortFromAnywhere();
     std::_Exit(int(Machine::getSingleton().getExitStatus())); // a terminate handler must not return
 }
@@ -217,7 +219,7 @@ void Machine::uninstallTerminateHandler() {
 }
 
 void Machine::abort(const ExitStatus& status) {
-    LastWords::endForkedChild();
+    LastWords::endForkedChild("the abort of the job was asked for");
     uninstallTerminateHandler();
     _exitStatus += status;
     LastWords::sayIfUntimely("the abort of the job was asked for");

@@ -107,7 +107,7 @@ int JobWatch::openNews(const std::string& address) {
     return ::open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
 }
 
-void JobWatch::tell(int descriptor, std::size_t index, const std::string& reason) {
+void JobWatch::tell(int descriptor, std::size_t index, std::string_view reason) {
     News message;
     message.index = index;
     reason.copy(message.reason, sizeof message.reason);

@@ -5,6 +5,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 /// How the first process of a job learns why another one on its host ends: the dying one writes its reason
@@ -33,7 +34,7 @@ public:
     /// Opens the pipe of the first process. @return -1 when that isn't on this host, or can't be seen
     static int openNews(const std::string& address);
     /// Writes the reason of this end; one system call, no memory. @param descriptor  from openNews()
-    static void tell(int descriptor, std::size_t index, const std::string& reason);
+    static void tell(int descriptor, std::size_t index, std::string_view reason);
 
 private:
     struct Impl;

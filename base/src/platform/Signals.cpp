@@ -240,6 +240,11 @@ bool Signals::isStackOverflow() {
     return strikesStackEnd;
 }
 
+const char* Signals::getDescription(int signal) {
+    const char* const description = ::sigdescr_np(signal);
+    return description != nullptr ? description : "a signal";
+}
+
 std::string Signals::getName(int signal) {
     const char* name = ::sigabbrev_np(signal);
     return name != nullptr ? std::string("SIG") + name : "signal " + std::to_string(signal);

@@ -50,6 +50,8 @@ public:
     /// Ignores a signal (a broken pipe, say).
     void ignore(int signal);
 
+    /// "Segmentation fault"; from the system's memory, so allowed in the handler of a fault.
+    static const char* getDescription(int signal);
     /// "SIGSEGV"; "signal 99" for one without a name.
     static std::string getName(int signal);
     /// In words: "Segmentation fault: address not mapped", "Floating-point exception: division by zero".

@@ -14,6 +14,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <cstddef>
 #include <cstdlib>
 #include <iostream>
 #include <stdexcept>
@@ -97,13 +98,14 @@ class TestCrash : public NoResultCommand {
 public:
     using NoResultCommand::execute;
     TestCrash()
-        : NoResultCommand(
-              {"Crashes.",
-               {ranksKey(),
-                {"kind", "text",
-                 "segmentation (the default), raise, kill, abort, terminate, thread, overflow, leave or exit",
-                 false}},
-               {}}) {}
+        : NoResultCommand({"Crashes.",
+                           {ranksKey(),
+                            {"kind", "text",
+                             "segmentation (the default), raise, kill, abort, terminate, thread, overflow, "
+                             "heap, leave, "
+                             "quick, exit or linger (when the process exits)",
+                             false}},
+                           {}}) {}
     std::string getName() const override { return "TestCrash"; }
     void execute(const Properties& args) override {
         const std::string kind = args.getOr("kind", "segmentation");
@@ -116,6 +118,14 @@ private:
         volatile char frame[1000] = {};
         frame[static_cast<std::size_t>(depth) % sizeof frame] = 1;
         return depth < 0 ? 0 : recurse(depth + 1) + frame[0];
+    }
+    /// Writes over what the C library keeps around its blocks, and lets it look.
+    static void breakHeap() {
+        const volatile std::ptrdiff_t end = 4096;
+        volatile char* volatile block = new char[16];
+        for (std::ptrdiff_t i = -16; i < end; ++i)
+            block[i] = 7;
+        delete[] block;
     }
     static void crash(const std::string& kind) {
         if (kind == "segmentation") {
@@ -133,8 +143,14 @@ private:
             std::thread([] { throw std::runtime_error("lost in a thread"); }).join();
         } else if (kind == "overflow") {
             static_cast<void>(recurse(1));
+        } else if (kind == "heap") {
+            breakHeap();
         } else if (kind == "leave") {
             std::exit(0);
+        } else if (kind == "quick") {
+            std::quick_exit(0);
+        } else if (kind == "linger") {
+            std::atexit([] { Platform::time().sleep(1e6); });
         } else if (kind == "exit") {
             constexpr int STATUS = 5;
             std::_Exit(STATUS);
