@@ -6,20 +6,9 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#if defined(__has_feature)
-#define ORVEX_HAS_FEATURE(name) __has_feature(name)
-#else
-#define ORVEX_HAS_FEATURE(name) 0
-#endif
-
 namespace {
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || ORVEX_HAS_FEATURE(address_sanitizer) || \
-    ORVEX_HAS_FEATURE(thread_sanitizer)
-constexpr bool IS_USED = false;
-#else
-constexpr bool IS_USED = true;
-#endif
+constexpr bool IS_USED = !ORVEX_HAS_RUNTIME_STACKS;
 
 /// Room for traces with debug information and for the message layer's abort; only touched pages cost memory.
 constexpr std::size_t SIZE = std::size_t(1) << 20;

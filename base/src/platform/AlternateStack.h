@@ -2,11 +2,25 @@
 
 #include <cstddef>
 
+#if defined(__has_feature)
+#define ORVEX_HAS_FEATURE(name) __has_feature(name)
+#else
+#define ORVEX_HAS_FEATURE(name) 0
+#endif
+/// Whether the runtime of a sanitizer gives the threads alternate stacks of its own.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || ORVEX_HAS_FEATURE(address_sanitizer) || \
+    ORVEX_HAS_FEATURE(thread_sanitizer)
+#define ORVEX_HAS_RUNTIME_STACKS 1
+#else
+#define ORVEX_HAS_RUNTIME_STACKS 0
+#endif
+
 /// Gives the calling thread, for the lifetime of this object, a stack on which fault handlers run: a thread
 /// whose own stack is full has no other place to speak. Private to the platform layer.
 ///
-/// A build with sanitizers keeps the alternate stack of its runtime; where the system has no memory the
-/// thread does without. Made and destroyed on the same thread.
+/// Every thread of the process has one (ThreadStacks.cpp), but those of a build with sanitizers, which keeps
+/// the alternate stacks of its runtime, and those for which the system has no memory. Made and destroyed on
+/// the same thread.
 class AlternateStack {
 public:
     AlternateStack();

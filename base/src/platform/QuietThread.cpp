@@ -1,6 +1,5 @@
 #include "platform/QuietThread.h"
 
-#include "platform/AlternateStack.h"
 #include "platform/Threads.h"
 
 #include <csignal>
@@ -34,7 +33,6 @@ std::thread startQuietThread(const std::string& name, std::function<void()> body
     const SignalsBlocked blocked; // a new thread inherits the mask
     return std::thread([name, body = std::move(body)] {
         Platform::threads().setName(name);
-        const AlternateStack faultStack;
         body();
     });
 }

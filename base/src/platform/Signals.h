@@ -35,15 +35,13 @@ public:
 
     /// Calls `callback` on the faulting thread, within the handler, with the signal unblocked: it may throw,
     /// and the exception passes through code compiled for that; the thread's floating-point modes and traps
-    /// stay, its floating-point status is clear. The callback runs on a stack of its own where the thread has
-    /// one: the main thread and those of this layer.
-    /// When it returns, the fault takes the system's default
-    /// course. A fault within the callback comes to the callback again.
+    /// stay, its floating-point status is clear. The callback runs on a stack of its own.
+    /// When it returns, the fault takes the system's default course. A fault within the callback comes to the
+    /// callback again.
     /// @throw std::system_error when the system refuses
     void installFaultHandler(const std::vector<int>& signals, FaultCallback callback);
-    /// Whether the fault being handled is the end of the thread's stack, which no exception can leave. Known
-    /// on the main thread and on threads of this layer; on others such a fault ends the process without a
-    /// word. Within a fault callback.
+    /// Whether the fault being handled is the end of the thread's stack, which no exception can leave. Within
+    /// a fault callback.
     static bool isStackOverflow();
     /// The system's default course for these signals; with an empty list for all that were installed here.
     void restoreDefaults(const std::vector<int>& signals = {});

@@ -1,6 +1,5 @@
 #include "platform/Thread.h"
 
-#include "platform/AlternateStack.h"
 #include "platform/InterruptableRunnable.h"
 #include "platform/Runnable.h"
 #include "platform/Threads.h"
@@ -34,7 +33,6 @@ void Thread::start() {
         _impl->thread = std::thread([impl = _impl.get()] {
             if (!impl->name.empty())
                 Platform::threads().setName(impl->name);
-            const AlternateStack faultStack;
             impl->runnable.run();
             impl->running = false;
         });

@@ -102,7 +102,7 @@ public:
                            {ranksKey(),
                             {"kind", "text",
                              "segmentation (the default), raise, kill, abort, terminate, thread, overflow, "
-                             "heap, leave, "
+                             "deepThread, heap, leave, "
                              "quick, exit or linger (when the process exits)",
                              false}},
                            {}}) {}
@@ -141,6 +141,8 @@ private:
             std::terminate();
         } else if (kind == "thread") {
             std::thread([] { throw std::runtime_error("lost in a thread"); }).join();
+        } else if (kind == "deepThread") {
+            std::thread([] { static_cast<void>(recurse(1)); }).join();
         } else if (kind == "overflow") {
             static_cast<void>(recurse(1));
         } else if (kind == "heap") {

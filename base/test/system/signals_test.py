@@ -79,7 +79,7 @@ class Dying(Case):
             ("abort", "abort() was called"), ("leave", "exit(0) was called"), ("quick", "quick_exit() was called"),
             ("overflow", "Stack overflow"), ("kill", "has ended without a word"),
             # Sanitizers find these by themselves.
-            *([("heap", "abort() was called")] if PATIENCE == 1 else [])]
+            *([("deepThread", "Stack overflow"), ("heap", "abort() was called")] if PATIENCE == 1 else [])]
 
     def test_reasons(self):
         for mpi, ranks in ((None, 1), *((mpi, 3) for mpi in MPIS)):

@@ -1,0 +1,46 @@
+// A stack for fault handlers in every thread of the process, whoever starts it: a solver's own threads,
+// OpenMP's and TBB's can run out of stack like any other. The function of the C library is called through
+// this one.
+
+#include "platform/AlternateStack.h"
+#include "platform/PlatformExport.h"
+
+#include <cerrno>
+#include <dlfcn.h>
+#include <memory>
+#include <new>
+#include <pthread.h>
+
+#if !ORVEX_HAS_RUNTIME_STACKS
+
+namespace {
+
+using Body = void* (*)(void*);
+
+struct Start {
+    Body body;
+    void* argument;
+};
+
+void* run(void* data) {
+    const Start start = *std::unique_ptr<Start>(static_cast<Start*>(data));
+    const AlternateStack faultStack;
+    return start.body(start.argument);
+}
+
+} // namespace
+
+extern "C" ORVEX_PLATFORM_EXPORT int pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
+                                                    Body body, void* argument) noexcept {
+    using Create = int (*)(pthread_t*, const pthread_attr_t*, Body, void*);
+    static const auto create = reinterpret_cast<Create>(::dlsym(RTLD_NEXT, "pthread_create"));
+    std::unique_ptr<Start> start(new (std::nothrow) Start{body, argument});
+    if (create == nullptr || !start)
+        return EAGAIN;
+    const int error = create(thread, attributes, run, start.get());
+    if (error == 0)
+        static_cast<void>(start.release()); // the thread's
+    return error;
+}
+
+#endif
