@@ -9,6 +9,7 @@
 #include <dlfcn.h>
 #include <exception>
 #include <link.h>
+#include <stdexcept>
 #include <unistd.h>
 #include <utility>
 
@@ -86,11 +87,20 @@ private:
             } catch (...) { // is told as it stands
             }
             const std::string text =
-                "\nThe module " + *loadingFile +
-                " can't be loaded: an initialiser of its static objects threw: " + reason + "\n";
+                "The module " + *loadingFile +
+                " can't be loaded: an initialiser of its static objects threw: " + reason;
             constexpr int STANDARD_ERROR = 2;
-            static_cast<void>(io().write(STANDARD_ERROR, text.data(), text.size()));
+            const std::string line = "\n" + text + "\n";
+            static_cast<void>(io().write(STANDARD_ERROR, line.data(), line.size()));
+            try {
+                throw std::runtime_error(text); // for whoever tells why the process terminates
+            } catch (const std::runtime_error&) {
+                passOn();
+            }
         }
+        passOn();
+    }
+    [[noreturn]] static void passOn() {
         if (const std::terminate_handler next = terminateBefore)
             next();
         std::abort();
