@@ -9,7 +9,7 @@ CtlInterrupt::CtlInterrupt(CtlSession& session, CtlConsole& console, const std::
     : _session(session), _console(console), _command(command) {
     _session.getClient().setInterruptCallback([this] { return onInterrupt(); });
     Platform::signals().watch({Platform::Signals::INTERRUPT},
-                              [&client = _session.getClient()](int) { client.interrupt(); });
+                              [&client = _session.getClient()](int, int) { client.interrupt(); });
 }
 
 CtlInterrupt::~CtlInterrupt() {

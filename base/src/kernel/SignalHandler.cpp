@@ -256,7 +256,7 @@ void SignalHandler::announceEndSignals() {
         if (::sigaction(signal, nullptr, &now) == 0 && now.sa_handler == SIG_DFL)
             signals.push_back(signal);
     }
-    Platform::signals().watch(signals, [](int signal) {
+    Platform::signals().watch(signals, [](int signal, int) {
         sayLastWords(Platform::Signals::getFaultText(signal, SI_USER));
         Platform::signals().restoreDefaults({signal});
         ::kill(Platform::process().getPid(), signal); // to a thread that doesn't block it
@@ -271,18 +271,19 @@ int SignalHandler::getReportDescriptor() {
     return reportDescriptor;
 }
 
-void SignalHandler::setStopCallback(std::function<void(int signal)> callback) {
+void SignalHandler::setStopCallback(std::function<void(int signal, int sender)> callback) {
     if (!callback) {
         Platform::signals().unwatch();
         return;
     }
-    Platform::signals().watch({Platform::Signals::TERMINATE, Platform::Signals::INTERRUPT},
-                              [callback = std::move(callback)](int signal) {
-                                  try {
-                                      callback(signal);
-                                  } catch (const std::exception& error) {
-                                      OS::Log::instance("Default").error("SignalHandler::setStopCallback",
-                                                                         "@0@", error.what());
-                                  }
-                              });
+    std::vector<int> signals{Platform::Signals::TERMINATE, Platform::Signals::INTERRUPT};
+    if (!Platform::signals().isIgnored(Platform::Signals::HANG_UP))
+        signals.push_back(Platform::Signals::HANG_UP);
+    Platform::signals().watch(signals, [callback = std::move(callback)](int signal, int sender) {
+        try {
+            callback(signal, sender);
+        } catch (const std::exception& error) {
+            OS::Log::instance("Default").error("SignalHandler::setStopCallback", "@0@", error.what());
+        }
+    });
 }

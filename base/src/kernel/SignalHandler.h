@@ -20,8 +20,9 @@
 /// system's default course behind the last-words callback. A stack overflow is printed with its trace and
 /// ends the process through the abort callback.
 ///
-/// SIGTERM and SIGINT that others send go to the stop callback, on a thread of their own. A broken
-/// pipe and a file above the limit of its size are never signals: the write fails.
+/// SIGTERM, SIGINT and SIGHUP that others send go to the stop callback, on a thread of their own; a process
+/// that was started to ignore SIGHUP (nohup) goes on doing so. A broken pipe and a file above the limit of
+/// its size are never signals: the write fails.
 class ORVEX_KERNEL_EXPORT SignalHandler {
 public:
     static constexpr double FAULT_TIME_LIMIT = 10.0; ///< [s]
@@ -52,7 +53,7 @@ public:
     /// Where traces and messages of faults are written: the standard error stream by default. Any thread.
     static void setReportDescriptor(int descriptor);
     static int getReportDescriptor();
-    /// Called, with the signal's number, for each SIGTERM and SIGINT, on a thread of its own. An
-    /// empty function gives both back to the system. Main thread.
-    static void setStopCallback(std::function<void(int signal)> callback);
+    /// Called for each SIGTERM, SIGINT and SIGHUP with its number and the process that sent it (0: not
+    /// known), on a thread of its own. An empty function gives them back to the system. Main thread.
+    static void setStopCallback(std::function<void(int signal, int sender)> callback);
 };

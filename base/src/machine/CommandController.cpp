@@ -4,6 +4,7 @@
 #include "machine/GlobalCondition.h"
 #include "machine/GlobalFloatingPointExceptionStatus.h"
 #include "machine/Machine.h"
+#include "machine/StopLimit.h"
 
 #include "kernel/Command.h"
 #include "kernel/EventTracker.h"
@@ -274,6 +275,7 @@ void CommandController::processCommands() {
     }
     const SerialMasterCommandLoop loop(this);
     Controller::getSingleton().processCommands();
+    StopLimit::enter("the release of the workers");
 }
 
 void CommandController::processQueuedCommands() {

@@ -6,6 +6,7 @@
 #include "machine/MpiCore.h"
 #include "machine/ParameterInitialValues.h"
 #include "machine/RemoteShellFactory.h"
+#include "machine/StopLimit.h"
 #include "machine/SynchronizedDynamicLoader.h"
 
 #include "kernel/FpeAgnosticMode.h"
@@ -84,6 +85,7 @@ private:
     void enableThreadBindingReport() { _threadBindingAttributes |= THREAD_BINDING_VERBOSE; }
     void enablePidPrinting() { _printpids = true; }
     void setJobManagerUrl() { _jobManagerUrl = StringHelper::toWString(value()); }
+    void setStopLimit();
     void setTaskId() { _taskId = CommandLine::toInt(value()); }
     void setRenderThreads() {
         RendererConfig::getSingleton().setNumRenderThreads(CommandLine::toInt(value()));
@@ -135,6 +137,8 @@ const Machine::CommonOptions::Row Machine::CommonOptions::ROWS[] = {
      &CommonOptions::disableUsage},
     {{"-deleteOnExit", "", "frees everything at the end, for tools that look for leaks"},
      &CommonOptions::deleteOnExit},
+    {{"-stoplimit", "N", "seconds after which an end in order is cut short; 60 unless given, 0 for never"},
+     &CommonOptions::setStopLimit},
     {{"-time", "", ""}, &CommonOptions::ignore},
     {{"-mpi", "NAME", ""}, &CommonOptions::ignore}, // the driver runs already
     {{"-mpidriver", "NAME", ""}, &CommonOptions::ignore, "Missing -mpi arg"},
@@ -222,6 +226,13 @@ void Machine::CommonOptions::setContentionTest() {
     if (value() != "enable" && value() != "disable")
         throw std::invalid_argument("-cpubindcontentiontest argument must either be enabled/disable");
     _cpuBindingContentionTest = value() == "enable";
+}
+
+void Machine::CommonOptions::setStopLimit() {
+    const std::string text = value();
+    if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos)
+        throw std::invalid_argument("-stoplimit needs a number of seconds");
+    StopLimit::set(CommandLine::toInt(text));
 }
 
 void Machine::CommonOptions::setGraphics() {

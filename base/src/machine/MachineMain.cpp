@@ -8,6 +8,7 @@
 #include "machine/MachineCommands.h"
 #include "machine/ParallelConsoleBuf.h"
 #include "machine/StandardStreamManager.h"
+#include "machine/StopLimit.h"
 #include "machine/StopSignals.h"
 #include "machine/SynchronizedDynamicLoader.h"
 #include "machine/Timer.h"
@@ -97,12 +98,15 @@ void Machine::main(int argc, char** argv) {
 
     stopLogger();
     consumed.reset();
+    StopLimit::enter("the observers of the exit");
     _onExitObservable.notify();
     stopUsageManager();
     if (_deleteOnExit)
         deleteOnExit();
     stopTimer();
+    StopLimit::enter("the end of the message layer");
     stopCommunicators();
+    StopLimit::enter("the exit functions");
     stopConsole();
     StopSignals::uninstall();
 }
@@ -156,6 +160,7 @@ void Machine::runRole(int argc, char** argv, ConsumedOptions& consumed) {
             writeProcessFile();
             Controller::getSingleton().getSignalRaisedObservable().attach(_signalRaisedObserver);
             CommandController::getSingleton().processCommands();
+            StopLimit::enter("the end of the work");
         }
     } catch (Error& error) {
         abortRole("\nExit error: " + error.getProperties().toString(), error.what());
@@ -223,6 +228,7 @@ void Machine::abort(const ExitStatus& status) {
     uninstallTerminateHandler();
     _exitStatus += status;
     LastWords::sayIfUntimely("the abort of the job was asked for");
+    StopLimit::enterAbort();
     LastWords::disarm(); // what follows may end in exit()
     SessionLocator::cleanup();
     if (isParallel())

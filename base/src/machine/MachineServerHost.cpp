@@ -10,6 +10,7 @@
 #include "machine/ServerHostOptions.h"
 #include "machine/StandardStreamManager.h"
 #include "machine/StateFileUtilities.h"
+#include "machine/StopLimit.h"
 #include "machine/StopSignals.h"
 
 #include "kernel/AnalyticsEvent.h"
@@ -104,10 +105,14 @@ void Machine::serve(const ServerHostOptions& options) {
     } else {
         if (!options.proxyHost.empty())
             raise(NonRecoverableError("Proxy servers are not supported in non-threaded mode"));
-        server.setServiceEndedCallback([] { CommandController::getSingleton().releaseWorkers(); });
+        server.setServiceEndedCallback([] {
+            StopLimit::enter("the release of the workers");
+            CommandController::getSingleton().releaseWorkers();
+        });
         server.start(options.sessionName, options.port);
     }
     StopSignals::setServing(false);
+    StopLimit::enter("the last answers to the clients");
     server.join();
 }
 

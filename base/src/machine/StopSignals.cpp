@@ -5,6 +5,7 @@
 
 #include "kernel/Server.h"
 #include "kernel/SignalHandler.h"
+#include "platform/LauncherWatch.h"
 #include "platform/Signals.h"
 #include "platform/Time.h"
 
@@ -12,6 +13,7 @@
 #include <iostream>
 #include <mutex>
 #include <optional>
+#include <string>
 
 namespace {
 
@@ -45,17 +47,22 @@ void StopSignals::setServing(bool serving) {
         Server::getSingleton().stop();
 }
 
-void StopSignals::request(int signal) {
+void StopSignals::request(int signal, int sender) {
     if (LastWords::isJobDying())
         return; // the launcher ends a job that has lost a rank: nobody asks for a stop in order
+    const std::string launcher = LauncherWatch::getKillingLauncher(sender);
+    const bool isTeller = Machine::isSerial() || Machine::isMaster();
     const std::lock_guard lock(requestMutex);
     const double now = Platform::time().getTime();
-    if (requestTime && now - *requestTime > PATIENCE)
+    if (launcher.empty() && requestTime && now - *requestTime > PATIENCE)
         endAtOnce(signal);
+    if (!launcher.empty() && isTeller)
+        LastWords::sayIfUntimely(launcher + " (process " + std::to_string(sender) + ") ends the job, by " +
+                                 Platform::Signals::getName(signal));
     if (requestTime)
         return;
     requestTime = now;
-    if (Machine::isSerial() || Machine::isMaster())
+    if (launcher.empty() && isTeller)
         std::cerr << '\n' << Platform::Signals::getName(signal) << ": the server stops in order" << std::endl;
     if (isServing)
         Server::getSingleton().stop();

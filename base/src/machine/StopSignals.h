@@ -1,10 +1,14 @@
 #pragma once
 
-/// What this process does when a signal asks it to end (SIGTERM, SIGINT).
+/// What this process does when a signal asks it to end (SIGTERM, SIGINT, SIGHUP).
 ///
 /// Launchers pass such a signal on to all ranks of a job. The serial or master process stops its server in
 /// order, which releases the workers; a worker leaves that to the master. Who asks again after PATIENCE gets
 /// the process ended at once, and with it the job.
+///
+/// A launcher that kills the job within seconds (LauncherWatch::getKillingLauncher()) passes on no wish: its
+/// signal is told to the clients as the end of the job, the server gets as far as it can, and the launcher's
+/// second signal is no impatience.
 class StopSignals {
 public:
     static constexpr double PATIENCE =
@@ -19,5 +23,5 @@ public:
     static void setServing(bool serving);
 
 private:
-    static void request(int signal);
+    static void request(int signal, int sender);
 };

@@ -44,11 +44,25 @@ constexpr std::array<std::string_view, 25> LAUNCHERS = {"mpirun",
                                                         "flux-shell",
                                                         "yod"};
 
+/// Those of Open MPI, which are parents of ranks.
+constexpr std::array<std::string_view, 7> KILLING_LAUNCHERS = {"mpirun", "orterun", "orted",  "oshrun",
+                                                               "prte",   "prted",   "prterun"};
+
 constexpr std::size_t MOST_ANCESTORS = 64;
 constexpr int INIT = 1;
 
 std::string getFileName(const std::string& path) {
     return path.substr(path.rfind('/') + 1);
+}
+
+/// An ending tells the maker: mpirun.openmpi, mpiexec.hydra.
+std::string_view getStem(std::string_view name) {
+    return name.substr(0, name.find('.'));
+}
+
+template <class Names>
+bool contains(const Names& names, std::string_view name) {
+    return std::find(names.begin(), names.end(), getStem(name)) != names.end();
 }
 
 bool isLauncher(int pid, const std::string& name) {
@@ -189,7 +203,10 @@ const std::vector<LauncherWatch::Ancestor>& LauncherWatch::getAncestors() const 
 }
 
 bool LauncherWatch::isLauncherName(const std::string& name) {
-    // An ending tells the maker: mpirun.openmpi, mpiexec.hydra.
-    const std::string_view stem = std::string_view(name).substr(0, name.find('.'));
-    return std::find(LAUNCHERS.begin(), LAUNCHERS.end(), stem) != LAUNCHERS.end();
+    return contains(LAUNCHERS, name);
+}
+
+std::string LauncherWatch::getKillingLauncher(int pid) {
+    const auto stat = pid > INIT ? ProcFs::readStat(pid) : std::nullopt;
+    return stat && contains(KILLING_LAUNCHERS, stat->name) ? stat->name : std::string();
 }

@@ -44,6 +44,10 @@ public:
 
     /// Whether a process of this name starts the ranks of jobs.
     static bool isLauncherName(const std::string& name);
+    /// The name of the process `pid` when it is a launcher that passes no wish of the user on: its SIGTERM
+    /// says that it takes the job down, and SIGKILL follows within seconds whatever the process does (Open
+    /// MPI's). Else empty.
+    static std::string getKillingLauncher(int pid);
 
 private:
     struct Impl;

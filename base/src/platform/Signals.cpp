@@ -46,17 +46,23 @@ void setAction(int signal, const struct sigaction& action, struct sigaction* bef
         throw std::system_error(errno, std::generic_category(), "Signal " + Signals::getName(signal));
 }
 
+/// News for the watching thread.
+struct Notice {
+    int signal = 0; ///< 0: the watch ends
+    int sender = 0;
+};
+
 /// Hands the signal to the watching thread.
-void onWatched(int signal) {
+void onWatched(int signal, siginfo_t* info, void*) {
     const int error = errno;
     if (::getpid() != watchOwner.load()) { // forked: the pipe leads to its parent, which wasn't meant
         ::signal(signal, SIG_DFL);
         ::raise(signal);
         return; // and takes effect here
     }
-    const auto byte = static_cast<unsigned char>(signal);
-    // A full pipe holds the news already that something came.
-    if (::write(wakeDescriptor.load(), &byte, 1) < 0) {
+    const Notice notice{signal, info->si_code <= 0 ? info->si_pid : 0};
+    // A full pipe holds the news already that something came. So few bytes go in one piece.
+    if (::write(wakeDescriptor.load(), &notice, sizeof notice) < 0) {
     }
     errno = error;
 }
@@ -116,28 +122,25 @@ Setup& getSetup() {
     return *setup;
 }
 
-constexpr char END_OF_WATCH = 0;
-
 /// The body of the watching thread.
 void serve() {
     Setup& setup = getSetup();
     for (;;) {
-        char byte = END_OF_WATCH;
-        const int n = setup.pipe->read(&byte, 1, -1.0);
+        Notice notice;
+        const int n = setup.pipe->read(reinterpret_cast<char*>(&notice), sizeof notice, -1.0);
         if (n == 0)
             continue;
-        if (n < 0 || byte == END_OF_WATCH)
+        if (n < 0 || notice.signal == 0)
             return;
-        const int signal = static_cast<unsigned char>(byte);
         Signals::WatchCallback callback;
         {
             const std::lock_guard lock(setup.mutex);
-            const auto found = setup.callbacks.find(signal);
+            const auto found = setup.callbacks.find(notice.signal);
             if (found != setup.callbacks.end())
                 callback = found->second;
         }
         if (callback)
-            callback(signal);
+            callback(notice.signal, notice.sender);
     }
 }
 
@@ -164,8 +167,8 @@ void Signals::watch(const std::vector<int>& signals, const WatchCallback& callba
     startThread(setup);
     for (const int signal : signals) {
         struct sigaction action {};
-        action.sa_handler = onWatched;
-        action.sa_flags = SA_RESTART;
+        action.sa_sigaction = onWatched;
+        action.sa_flags = SA_RESTART | SA_SIGINFO;
         ::sigfillset(&action.sa_mask);
         struct sigaction before {};
         setup.callbacks[signal] = callback;
@@ -187,7 +190,8 @@ void Signals::unwatch() {
         if (!thread.joinable())
             return;
         // The pipe has room: nothing but the thread's end is to come, and the thread empties it.
-        while (!setup.pipe->write(&END_OF_WATCH, 1, 0.1)) {
+        const Notice end;
+        while (!setup.pipe->write(reinterpret_cast<const char*>(&end), sizeof end, 0.1)) {
         }
     }
     if (thread.get_id() == std::this_thread::get_id())
@@ -234,6 +238,11 @@ void Signals::restoreDefaults(const std::vector<int>& signals) {
 void Signals::ignore(int signal) {
     if (::signal(signal, SIG_IGN) == SIG_ERR)
         throw std::system_error(errno, std::generic_category(), "Signal " + getName(signal));
+}
+
+bool Signals::isIgnored(int signal) const {
+    struct sigaction now {};
+    return ::sigaction(signal, nullptr, &now) == 0 && now.sa_handler == SIG_IGN;
 }
 
 bool Signals::isStackOverflow() {

@@ -21,7 +21,9 @@ public:
     static const int ILLEGAL;        ///< SIGILL
     static const int ABORT;          ///< SIGABRT
 
-    using WatchCallback = std::function<void(int signal)>;
+    /// @param sender  the process that sent the signal; 0 for the system (a terminal) or when it can't be
+    /// seen
+    using WatchCallback = std::function<void(int signal, int sender)>;
     /// What a fault handler gets: the signal, its code (why, see getFaultText()) and the address concerned.
     using FaultCallback = void (*)(int signal, int code, void* address);
 
@@ -43,6 +45,8 @@ public:
     /// Whether the fault being handled is the end of the thread's stack, which no exception can leave. Within
     /// a fault callback.
     static bool isStackOverflow();
+    /// Whether this process was started, or told by ignore(), to ignore a signal.
+    bool isIgnored(int signal) const;
     /// The system's default course for these signals; with an empty list for all that were installed here.
     void restoreDefaults(const std::vector<int>& signals = {});
     /// Ignores a signal (a broken pipe, say).

@@ -21,7 +21,7 @@ def encoded(text):
 REFUSED_SERIAL = [
     *[([word], f"Missing {word} arg", INVALID)
       for word in ("-module", "-xmpiversion", "-xmpidriver", "-rsh", "-tmpdir", "-iodebug", "-cpubind",
-                   "-cpubindcontentiontest", "-jobmanagerurl", "-taskid", "-rrthreads", "-rgraphics")],
+                   "-cpubindcontentiontest", "-jobmanagerurl", "-taskid", "-rrthreads", "-rgraphics", "-stoplimit")],
     (["-mpi"], "Missing -mpi arg", INVALID),
     (["-mpidriver"], "Missing -mpi arg", INVALID),
     (["-encoded-param"], "Missing -encoded-param arg arg", INVALID),
@@ -45,6 +45,7 @@ REFUSED_SERIAL = [
                    "-totalview", "-")],
     (["-encoded-param", "a", "*"], "Invalid value of '-encoded-param': Invalid Base64 text: ", INVALID),
     (["-encoded-session", "*"], "Invalid value of '-encoded-session': Invalid Base64 text: ", INVALID),
+    (["-stoplimit", "soon"], "-stoplimit needs a number of seconds", INVALID),
     (["-proxy", "h"], "A proxy server was requested but a command was not provided\n", INVALID),
     (["-dmproject", "-dmpost"], "-dmproject argument is not compatible with -dmpost argument\n", INVALID),
 ]

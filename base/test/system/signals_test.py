@@ -8,21 +8,17 @@ import time
 from harness import MPIS, PATIENCE, Case, Process, main, record_of, wait_until
 
 GONE_LIMIT = 15 * PATIENCE
+signal.signal(signal.SIGHUP, signal.SIG_DFL)  # who was started to ignore it goes on doing so
 
 
 class Asked(Case):
-    """SIGTERM and Ctrl-C ask the server to stop in order."""
+    """SIGTERM, Ctrl-C and the end of a terminal ask the server to stop in order."""
 
     def test_serial(self):
-        for number in (signal.SIGTERM, signal.SIGINT):
+        for number in (signal.SIGTERM, signal.SIGINT, signal.SIGHUP):
             for options in ((), ("-nothreads",), ("-noconnect",)):
                 with self.subTest(signal=number.name, options=options):
-                    if "-noconnect" in options:
-                        job = self.start(*options)
-                        wait_until(lambda: job.out().endswith(")\n\n"), GONE_LIMIT, job.told)
-                        time.sleep(0.2)
-                    else:
-                        job = self.ready(*options)
+                    job = self.ready(*options)
                     job.process.send_signal(number)
                     self.assertEqual(job.wait(), 0, job.told())
                     self.nothing_left()
@@ -44,6 +40,35 @@ class Asked(Case):
                 os.killpg(job.process.pid, signal.SIGINT)
                 job.wait()
                 wait_until(lambda: not self.room.processes(), GONE_LIMIT, lambda: str(self.room.leftovers()))
+
+    def test_launcher(self):
+        """Open MPI's launcher kills, whatever happens: its signal is told as the end of the job."""
+        if "openmpi" not in MPIS:
+            self.skipTest("needs Open MPI")
+        job = self.ready("-module", "OrvexTestModule", mpi="openmpi", ranks=3)
+        client = job.ctl_started("TestWait", "seconds=60")
+        wait_until(lambda: "TestWait" in job.ctl("status").stdout, 5 * PATIENCE, "the command runs")
+        job.process.terminate()
+        self.assertNotEqual(job.wait(), 0)
+        client.wait(timeout=GONE_LIMIT)
+        self.assertRegex(client.said(), r"The job aborts: mpirun.* ends the job, by SIGTERM")
+        self.assertNotIn("stops", client.said() + job.err())
+        self.nothing_left()
+
+    def test_endless_end(self):
+        """A rank that hangs, or an exit function, doesn't keep a server that stops."""
+        for mpi, step in ((None, "the exit functions"), *((mpi, "the release of the workers") for mpi in MPIS)):
+            with self.subTest(mpi=mpi):
+                job = self.ready("-module", "OrvexTestModule", "-stoplimit", "2", mpi=mpi, ranks=3 if mpi else 1)
+                if mpi:
+                    job.members()[1].kill(signal.SIGSTOP)
+                else:
+                    job.run("TestCrash", "kind=linger")
+                job.ctl("stop")
+                self.assertNotEqual(job.wait(), 0)
+                self.assertIn(f" ends: its end came to no end: {step}\n", job.err())
+                wait_until(lambda: not self.room.processes(), GONE_LIMIT, lambda: str(self.room.leftovers()))
+                self.assertEqual(self.room.leftovers(), [])
 
     def test_while_a_command_runs(self):
         """The command at work finishes and is answered; then the server stops."""

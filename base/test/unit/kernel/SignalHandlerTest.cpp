@@ -171,13 +171,14 @@ TEST(SignalHandler, WhatCannotPassEndsTheProcess) {
 TEST(SignalHandler, StopSignalsComeOnAThread) {
     Semaphore told;
     std::atomic<int> last{0};
-    SignalHandler::setStopCallback([&](int signal) {
+    std::signal(SIGHUP, SIG_DFL); // whatever started the test
+    SignalHandler::setStopCallback([&](int signal, int) {
         last = signal;
         Controller::getSingleton().stopProcessing();
         told.post();
         throw std::runtime_error("which is logged");
     });
-    for (const int signal : {SIGTERM, SIGINT}) {
+    for (const int signal : {SIGTERM, SIGINT, SIGHUP}) {
         std::raise(signal);
         ASSERT_TRUE(told.wait(10.0));
         EXPECT_EQ(last, signal);

@@ -45,18 +45,21 @@ TEST(Signals, WatchedSignalsComeOnAThreadOfTheirOwn) {
     Semaphore told;
     std::thread::id thread;
     int last = 0;
-    const auto tell = [&](int signal) {
+    int lastSender = 0;
+    const auto tell = [&](int signal, int sender) {
         thread = std::this_thread::get_id();
         last = signal;
+        lastSender = sender;
         told.post();
     };
     for (int round = 0; round < 2; ++round) { // a watch may follow a watch that ended
-        signals.watch({SIGUSR1, SIGUSR2, Signals::TERMINATE}, [](int) { FAIL() << "replaced"; });
+        signals.watch({SIGUSR1, SIGUSR2, Signals::TERMINATE}, [](int, int) { FAIL() << "replaced"; });
         signals.watch({SIGUSR1, SIGUSR2, Signals::TERMINATE}, tell);
         for (const int signal : {SIGUSR1, SIGTERM, SIGUSR2}) {
             ASSERT_EQ(::raise(signal), 0);
             ASSERT_TRUE(told.wait(10.0));
             EXPECT_EQ(last, signal);
+            EXPECT_EQ(lastSender, getpid());
             EXPECT_NE(thread, std::this_thread::get_id());
         }
         signals.unwatch();
@@ -67,9 +70,9 @@ TEST(Signals, WatchedSignalsComeOnAThreadOfTheirOwn) {
         EXPECT_FALSE(told.wait(0.05));
     }
     // A callback may end the watch.
-    signals.watch({SIGUSR1}, [&](int signal) {
+    signals.watch({SIGUSR1}, [&](int signal, int sender) {
         signals.unwatch();
-        tell(signal);
+        tell(signal, sender);
     });
     ASSERT_EQ(::raise(SIGUSR1), 0);
     EXPECT_TRUE(told.wait(10.0));
