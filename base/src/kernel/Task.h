@@ -62,6 +62,7 @@ public:
     /// master serves them in these meetings, without running their commands.
     /// @param fraction  see setProgress(); may differ from rank to rank
     /// @throw RecoverableError on all ranks in the same call, when a cancel was asked for
+    /// @throw InternalError where message passing is locked, at the latest in the first call
     void advance(double fraction, const std::string& message = std::string());
 
     /// Tells how far the work is. Observers hear of it when the fraction grew by a hundredth or the message

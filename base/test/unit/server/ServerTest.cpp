@@ -170,7 +170,7 @@ TEST_F(ServerFixture, listsCommandsWhileOneRuns) {
         const unsigned long wait = client.send("Wait", "{}");
         std::vector<Properties> commands;
         result(client, "server.listCommands").get("commands", commands);
-        ASSERT_EQ(commands.size(), 5u);
+        ASSERT_EQ(commands.size(), 7u);
         EXPECT_EQ(commands[0].getString("name"), "Echo");
         EXPECT_EQ(commands[0].getString("summary"), "For tests: Echo");
         EXPECT_EQ(result(client, "server.listCommands", R"({"name":"Ecko"})").getString("nearest"), "Echo");
