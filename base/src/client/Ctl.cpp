@@ -262,6 +262,7 @@ int Ctl::printResponse(const std::string& name, const std::string& response) {
 }
 
 int Ctl::runOwn(const std::string& name, const std::vector<CommandWords::Word>& arguments) {
+    const CtlInterrupt interrupt(_session, _console);
     if (name == "help")
         return help(arguments);
     if (name == "list-commands")

@@ -18,7 +18,7 @@ CtlInterrupt::~CtlInterrupt() {
 }
 
 bool CtlInterrupt::onInterrupt() {
-    if (++_count > 1)
+    if (++_count > 1 || _command.empty())
         return false;
     _console.tell("[" + _session.cancel(_command) + ". Ctrl-C again ends orvexctl without waiting for it]");
     return true;

@@ -9,7 +9,8 @@ class CtlSession;
 /// makes the wait for its answer end with RpcClientError::GIVEN_UP. One at a time.
 class CtlInterrupt {
 public:
-    CtlInterrupt(CtlSession& session, CtlConsole& console, const std::string& command);
+    /// @param command  empty when none runs
+    CtlInterrupt(CtlSession& session, CtlConsole& console, const std::string& command = {});
     CtlInterrupt(const CtlInterrupt&) = delete;
     CtlInterrupt& operator=(const CtlInterrupt&) = delete;
     ~CtlInterrupt();
