@@ -108,7 +108,7 @@ class Refused(Case):
         module = self.room.work / "libOrvexHpeMpi.so"
         for library, text in (("libOrvexNoDriver.so", "isn't an MPI driver: it has no symbol \"orvexMpiDriver\""),
                               ("libOrvexOtherVersion.so",
-                               "is an MPI driver with interface version 77, but version 1 is needed")):
+                               "is an MPI driver with interface version 77, but version 2 is needed")):
             with self.subTest(library=library):
                 module.unlink(missing_ok=True)
                 module.symlink_to(BUILD / "lib" / library)
