@@ -196,10 +196,13 @@ void LastWords::say(std::string_view reason) {
         return;
     reasonText[reason.copy(reasonText, sizeof reasonText - 1)] = '\0';
     writeReason();
-    if (Speaker* const own = speaker)
+    if (Speaker* const own = speaker) {
         own->speak();
-    else
-        JobWatch::tell(newsOfMaster, Machine::getPartitionId(), reasonText);
+        return;
+    }
+    constexpr double GRACE = 0.3; // [s] some launchers kill the master as soon as this process is gone
+    JobWatch::tell(newsOfMaster, Machine::getPartitionId(), reasonText);
+    Platform::time().sleep(GRACE);
 }
 
 void LastWords::sayIfUntimely(std::string_view reason) {
