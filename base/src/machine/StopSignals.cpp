@@ -58,7 +58,8 @@ void StopSignals::request(int signal, int sender) {
         endAtOnce(signal);
     if (!launcher.empty() && isTeller)
         LastWords::sayIfUntimely(launcher + " (process " + std::to_string(sender) + ") ends the job, by " +
-                                 Platform::Signals::getName(signal));
+                                 Platform::Signals::getName(signal) +
+                                 ": it was asked to, or a rank on another host has died");
     if (requestTime)
         return;
     requestTime = now;
