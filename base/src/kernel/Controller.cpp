@@ -315,6 +315,7 @@ Outcome Controller::Impl::runDistributed(Command& command, const Properties& arg
 
 /// Runs a command that would rather have a thread of its own on the main thread: on this rank alone.
 Outcome Controller::Impl::runLocally(Command& command, const QueuedCommand& request) {
+    const Lock guard(lock);
     Outcome outcome;
     {
         const LocalScope local(_serialCriticalLockCount);

@@ -50,6 +50,18 @@ std::string describeRanks(const std::vector<unsigned>& ranks) {
     return text;
 }
 
+/// The text of an error. Of one that can't be written, for example since it is nested too deep, the message
+/// alone: the other ranks wait for it.
+std::string writeError(const Properties& error) {
+    try {
+        return error.toString();
+    } catch (const Error&) {
+        Properties rest;
+        Error::complete(rest, Error::getMessage(error), Error::SOLVER_KIND);
+        return rest.toString();
+    }
+}
+
 /// The error of the lowest rank that has one with a message, on every rank; nothing when there is none.
 /// Collective: one all-gather of the messages, and one broadcast more when there is an error.
 /// @param mine  this rank's error, null when it has none
@@ -72,7 +84,7 @@ std::optional<Properties> gatherError(const Properties* mine) {
             different.insert(std::string_view(messages).substr(begin, lengths[rank]));
         }
     const unsigned winner = ranks.front();
-    std::string text = Machine::getPartitionId() == winner ? mine->toString() : std::string();
+    std::string text = Machine::getPartitionId() == winner ? writeError(*mine) : std::string();
     communicator.broadcast(text, winner);
     Properties error(text);
     for (const char* key : {CommandController::RANK_KEY, CommandController::MESSAGES_KEY})

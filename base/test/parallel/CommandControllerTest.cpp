@@ -44,6 +44,8 @@ void fail(const Properties& args, Properties& response) {
     response.merge(Properties(R"({"Error":0.5,"Message":"no error","Severity":[]})"));
     const std::string rank = std::to_string(Machine::getPartitionId());
     Properties more;
+    for (unsigned depth = args.getOr("depth", 0u); depth != 0; --depth)
+        more.set("deeper", Properties(more));
     more.set(Error::STACK_TRACE_TAG, "trace " + rank);
     if (isAmong(args.getOr("ranks", std::vector<unsigned>())))
         throw InputError(args.getOr("text", "failed on rank " + rank), 2, more);
@@ -76,11 +78,12 @@ void computeAndServe(const Properties&, Properties& response) {
     response.set("counts", counts);
 }
 
+/// A fault on the ranks in "ranks", and an error on the last rank if it has a text.
 void fault(const Properties& args, Properties&) {
-    std::vector<unsigned> ranks;
-    args.get("ranks", ranks);
-    if (isAmong(ranks))
+    if (isAmong(args.getOr("ranks", std::vector<unsigned>())))
         FloatingPointErrorRecord::set("a fault");
+    if (args.hasName("text") && Machine::getPartitionId() == Machine::nProcesses() - 1)
+        throw InputError(args.getString("text"));
 }
 
 void registerTestCommands() {
@@ -139,7 +142,8 @@ struct FailingRanks {
 std::vector<FailingRanks> failingRanks() {
     const unsigned last = Machine::nProcesses() - 1;
     const auto inJob = [last](unsigned rank) { return std::min(rank, last); };
-    const std::string two = inJob(2) == inJob(5) ? std::to_string(last) : "2,5";
+    const std::string two =
+        last <= 2 ? std::to_string(last) : (last == 3 ? "2-" : "2,") + std::to_string(inJob(5));
     return {{{inJob(2), inJob(5)}, inJob(2), two},
             {{0, inJob(1)}, 0, last == 0 ? "0" : "0-1"},
             {{last}, last, std::to_string(last)},
@@ -156,9 +160,7 @@ TEST_F(CommandControllerTest, TheLowestFailingRankIsTheErrorOfAllAndTheWorkersSt
             EXPECT_EQ(response.getInt(Error::SEVERITY_TAG), 2);
             EXPECT_EQ(response.getString(CommandController::COMMAND_KEY), "TestFail");
             EXPECT_EQ(response.hasName(CommandController::RANK_KEY), row.winner != 0);
-            if (row.winner != 0) {
-                EXPECT_EQ(response.getUnsignedInt(CommandController::RANK_KEY), row.winner);
-            }
+            EXPECT_EQ(response.getOr(CommandController::RANK_KEY, 0u), row.winner);
             EXPECT_EQ(response.getString(CommandController::RANKS_KEY), row.text);
             EXPECT_EQ(response.getOr(CommandController::MESSAGES_KEY, 1), row.text.size() > 1 ? 2 : 1);
             EXPECT_EQ(response.getString(Error::STACK_TRACE_TAG), "trace " + std::to_string(row.winner));
@@ -171,33 +173,25 @@ TEST_F(CommandControllerTest, TheLowestFailingRankIsTheErrorOfAllAndTheWorkersSt
         args.set("ranks", std::vector<unsigned>{Machine::nProcesses() - 1});
         EXPECT_EQ(Error::getMessage(run("TestFail", args)), "An error of type InputError without a message");
         EXPECT_FALSE(lastWasFine);
+        args = Properties(R"({"text":"too deep to be sent","depth":70})"); // and the others don't wait for it
+        args.set("ranks", std::vector<unsigned>{Machine::nProcesses() - 1});
+        EXPECT_EQ(Error::getMessage(run("TestFail", args)), "too deep to be sent");
     });
     EXPECT_EQ(Machine::getSingleton().getState(), Machine::AWAITING_COMMAND);
 }
 
 TEST_F(CommandControllerTest, EveryRankEndsWithTheSameError) {
-    for (const FailingRanks& row : failingRanks()) {
-        Properties response;
-        response.set("kept", 1);
-        if (isAmong(row.ranks)) {
-            response =
-                InputError("failed on rank " + std::to_string(Machine::getPartitionId())).getProperties();
-            response.set("kept", 1);
-        }
-        CommandController::getSingleton().parseErrorProperties(response);
-        EXPECT_EQ(Error::getMessage(response), "failed on rank " + std::to_string(row.winner));
-        EXPECT_EQ(response.hasName(CommandController::RANK_KEY), row.winner != 0);
-        EXPECT_EQ(response.getInt("kept"), 1);
-    }
     // An error that says nothing doesn't win; without any error nothing changes.
     const unsigned last = Machine::nProcesses() - 1;
-    Properties silent;
+    Properties silent(R"({"kept":1,"Message":"none","Rank":9})");
     if (Machine::isMaster())
-        silent.set(Error::ERROR_TAG, "silent");
+        silent.merge(Properties(R"({"Error":7,"Message":""})"));
     if (Machine::getPartitionId() == last && last != 0)
-        silent = InputError("loud").getProperties();
+        silent.merge(InputError("loud").getProperties());
     CommandController::getSingleton().parseErrorProperties(silent);
     EXPECT_EQ(Error::getMessage(silent), last == 0 ? "" : "loud");
+    EXPECT_EQ(silent.getUnsignedInt(CommandController::RANK_KEY), last == 0 ? 9 : last);
+    EXPECT_EQ(silent.getInt("kept"), 1);
     Properties fine;
     fine.set("a", 1);
     const Properties before = fine;
@@ -230,6 +224,8 @@ TEST_F(CommandControllerTest, AFloatingPointFaultOfAnyRankFailsTheCommandWithout
         EXPECT_FALSE(response.hasName(CommandController::RANK_KEY));
         EXPECT_EQ(response.getString(CommandController::COMMAND_KEY), "TestFault");
         EXPECT_FALSE(Error::isErrorIn(run("TestFault", std::vector<unsigned>())));
+        const Properties args(R"({"text":"why it overflowed","ranks":[0]})");
+        EXPECT_EQ(Error::getMessage(run("TestFault", args)), "why it overflowed");
     });
 }
 
