@@ -154,9 +154,8 @@ public:
         if (!mayChangeFiles())
             return;
         if (!Platform::filesystem().createFile(path))
-            raise(RecoverableError("Could not open file: " + StringHelper::toString(path),
-                                   Error::RECOVERABLE_SEVERITY, Properties(), Error::DEFAULT_ERROR_TYPE,
-                                   true));
+            raise(SystemError("Could not open file: " + StringHelper::toString(path),
+                              Error::RECOVERABLE_SEVERITY, Properties(), Error::DEFAULT_ERROR_TYPE, true));
     }
 };
 

@@ -46,6 +46,13 @@ private:
     bool& _flag;
 };
 
+/// The surroundings are at fault: the network, another rank that is gone, the installation.
+[[noreturn]] void raiseMpiError(const std::string& text) {
+    Properties properties;
+    properties.set(Error::KIND_TAG, Error::SYSTEM_KIND);
+    raise(NonRecoverableError(text, properties));
+}
+
 } // namespace
 
 void MpiCore::handleError(const int& code, const std::vector<OXM_MPI_Status_struct>& statuses) {
@@ -54,7 +61,7 @@ void MpiCore::handleError(const int& code, const std::vector<OXM_MPI_Status_stru
 }
 
 void MpiCore::raiseError(int code) {
-    raise(NonRecoverableError("MPI Error : " + getErrorText(code)));
+    raiseMpiError("MPI Error : " + getErrorText(code));
 }
 
 void MpiCore::raiseError(int code, const OXM_MPI_Status_struct* statuses, std::size_t count) {
@@ -67,7 +74,7 @@ void MpiCore::raiseError(int code, const OXM_MPI_Status_struct* statuses, std::s
         text += getErrorText(code);
     }
     std::cerr << "MPI Error : " << text << std::endl;
-    raise(NonRecoverableError(text));
+    raiseMpiError(text);
 }
 
 std::string MpiCore::getDistribName() {

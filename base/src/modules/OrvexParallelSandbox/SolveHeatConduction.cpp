@@ -49,8 +49,7 @@ struct Input {
 private:
     template <class V>
     static void read(const Properties& args, const char* key, V& value) {
-        if (args.hasName(key))
-            args.get(key, value);
+        value = args.getOr(key, value);
     }
 
     template <class V>
