@@ -100,23 +100,6 @@ TEST_F(CommandControllerTest, WorkersMayNotExecuteCommandsThemselves) {
             "Machine::isSerial() || Machine::isMaster()", "CommandController.cpp");
 }
 
-TEST_F(CommandControllerTest, TheQueueOfASerialProcessIsRunAndLeft) {
-    registerFaultingCommand();
-    CommandController::getSingleton().processQueuedCommands();
-    int answers = 0;
-    Properties command;
-    command.set(Command::COMMAND_TAG, "TestFaulting");
-    command.set("fail", true);
-    for (int i = 0; i < 2; ++i)
-        Controller::getSingleton().enqueue(
-            {command, "a test", [&answers](const Controller::Outcome& outcome) {
-                 answers += Error::getMessage(outcome.response) == "its own error";
-             }});
-    CommandController::getSingleton().processQueuedCommands();
-    EXPECT_EQ(answers, 2);
-    EXPECT_FALSE(Controller::getSingleton().hasQueuedCommands());
-}
-
 TEST_F(CommandControllerTest, TheAutoLockHoldsTheControllerButNotOnAWorker) {
     EXPECT_TRUE(lockIsFree());
     {
