@@ -113,7 +113,8 @@ struct Setup {
     std::map<int, Signals::WatchCallback> callbacks;
     std::map<int, struct sigaction> watchedBefore;
     std::set<int> faults;
-    std::unique_ptr<Pipe> pipe; ///< made once and kept: a handler may be about to write to it
+    std::unique_ptr<AlternateStack> mainStack; ///< other threads have theirs from their start
+    std::unique_ptr<Pipe> pipe;                ///< made once and kept: a handler may be about to write to it
     std::thread thread;
 };
 
@@ -203,8 +204,8 @@ void Signals::unwatch() {
 void Signals::installFaultHandler(const std::vector<int>& signals, FaultCallback callback) {
     Setup& setup = getSetup();
     const std::lock_guard lock(setup.mutex);
-    static auto* const mainStack = Thread::isMain() ? new AlternateStack : nullptr; // until the end
-    static_cast<void>(mainStack);
+    if (Thread::isMain() && !setup.mainStack)
+        setup.mainStack = std::make_unique<AlternateStack>();
     for (const int signal : signals) {
         if (signal <= 0 || signal >= NUMBER_SIGNALS)
             throw std::system_error(EINVAL, std::generic_category(), "Signal " + getName(signal));
