@@ -1,11 +1,10 @@
 """How a job ends when somebody ends it from outside: in order when asked, and within seconds when killed."""
-import json
 import os
 import re
 import signal
 import time
 
-from harness import MPIS, PATIENCE, Case, Process, main, record_of, wait_until
+from harness import MPIS, PATIENCE, Case, Process, main, wait_until
 
 GONE_LIMIT = 15 * PATIENCE
 signal.signal(signal.SIGHUP, signal.SIG_DFL)  # who was started to ignore it goes on doing so
@@ -161,20 +160,6 @@ class Killed(Case):
                 job.ctl_started("TestWait", "seconds=60")
                 wait_until(lambda: "TestWait" in job.ctl("status").stdout, 5 * PATIENCE, "the command runs")
                 self.check_gone(job, what, self.victims(job)[what]())
-
-    def test_serial_record(self):
-        """A killed server leaves its session record; the next look tidies it, and a new server isn't hindered."""
-        job = self.ready()
-        pid = job.record()["pid"]
-        job.process.kill()
-        job.process.wait()
-        self.assertIsNotNone(record_of(Process(pid)))
-        again = self.ready()
-        listed = [json.loads(line)["pid"] for line in again.ctl("--json", "list-sessions").stdout.splitlines()]
-        self.assertNotIn(pid, listed)
-        self.assertIn(again.process.pid, listed)
-        self.assertIsNone(record_of(Process(pid)))
-        self.stop(again)
 
 
 if __name__ == "__main__":
