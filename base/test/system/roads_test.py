@@ -118,7 +118,8 @@ class Terminal(Case):
 
     def setUp(self):
         super().setUp()
-        self.job = self.ready("-collab", "-module", "OrvexParallelSandbox", mpi=MPIS[-1], ranks=2)
+        self.job = self.ready("-collab", "-module", "OrvexParallelSandbox", "-module", "OrvexTestModule",
+                              mpi=MPIS[-1], ranks=2)
 
     def open(self, *words, output=None):
         """Starts orvexctl, with its standard output in the file `output`."""
@@ -179,18 +180,28 @@ class Terminal(Case):
         self.assertNotIn(f"abort\\040reason={mark}", history)
         self.stop(self.job)
 
-    def test_second_interrupt(self):
-        """The client ends and the command goes on; progress is on the terminal, not in the file."""
+    def test_progress_and_answer(self):
+        """Progress is on the terminal and not in the file; a cancelled command is a failed one."""
         output = self.room.work / "answer"
         self.open(*self.SOLVE, output=output)
         self.expect("% started")
         self.type("\x03")
+        self.expect("was cancelled")
+        self.assertEqual((self.exit_value(), output.read_text()), (1, ""))
+        self.stop(self.job)
+
+    def test_second_interrupt(self):
+        """The client ends and the command goes on."""
+        def running():
+            return json.loads(self.job.ctl("--json", "status").stdout).get("running", {}).get("command")
+
+        self.open("TestWait", "seconds=8")
+        wait_until(running, 5 * PATIENCE, "the command runs")
+        self.type("\x03")
         self.expect("Ctrl-C again")
         self.type("\x03")
-        self.expect("SolveHeatConduction goes on")
-        self.assertEqual((self.exit_value(), output.read_text()), (130, ""))
-        self.assertEqual(json.loads(self.job.ctl("--json", "status").stdout)["running"]["command"], self.SOLVE[0])
-        self.job.ctl("cancel")
+        self.expect("TestWait goes on")
+        self.assertEqual((self.exit_value(), running()), (130, "TestWait"))
         self.assertEqual(self.job.run("GetNumberOfWorkers")["NumberOfWorkers"], 2)
         self.stop(self.job)
 
