@@ -9,7 +9,6 @@ import signal
 import socket
 import subprocess
 import termios
-import time
 
 from harness import CLIENT, MPIS, PATIENCE, RECORDS, Case, main, wait_until
 
@@ -44,8 +43,9 @@ class Road(Case):
     def test_serial(self):
         for options in ((), ("-nothreads",), ("-collab",), ("-cout",), ("-deleteOnExit",)):
             with self.subTest(options=options):
-                job = self.ready(*options)
-                self.assertEqual(job.run("GetHosts")["Number Processes"], 1)
+                job = self.ready("-module", "OrvexTestModule", *options)
+                self.assertEqual("line 0" in job.ctl("TestPrint").stdout, "-cout" not in options)
+                self.assertIn("line 0", job.out())
                 self.stop(job)
 
     def test_not_threaded_job(self):
@@ -92,25 +92,6 @@ class Failing(Case):
             self.assertEqual(job.run("TestEcho", "Error=0.5", "Message=fine"),
                              {"Command": "TestEcho", "Error": 0.5, "Message": "fine"})
             self.stop(job)
-
-
-class People(Case):
-    """What a person at a terminal sees of orvexctl."""
-
-    def test_console_reaches_the_client(self):
-        """While the command runs, not at its end; and not with -cout."""
-        for options, expected in (((), True), (("-cout",), False)):
-            with self.subTest(options=options):
-                job = self.ready("-collab", "-module", "OrvexTestModule", *options)
-                began = time.monotonic()
-                client = job.ctl_started("TestPrint", "lines=3", "seconds=2")
-                if expected:
-                    wait_until(lambda: "line 0" in client.said(), 1.5 * PATIENCE, "the first line")
-                    self.assertLess(time.monotonic() - began, 2 * PATIENCE)
-                self.assertEqual(client.wait(timeout=10 * PATIENCE), 0)
-                self.assertEqual("line 2" in client.said(), expected)
-                self.assertIn("line 2", job.out())
-                self.stop(job)
 
 
 class Terminal(Case):
@@ -191,17 +172,17 @@ class Terminal(Case):
         self.stop(self.job)
 
     def test_second_interrupt(self):
-        """The client ends and the command goes on."""
+        """The client shows the console at once; it ends, and the command goes on."""
         def running():
             return json.loads(self.job.ctl("--json", "status").stdout).get("running", {}).get("command")
 
-        self.open("TestWait", "seconds=8")
-        wait_until(running, 5 * PATIENCE, "the command runs")
+        self.open("TestPrint", "lines=2", "seconds=8")
+        self.expect("line 0")
         self.type("\x03")
         self.expect("Ctrl-C again")
         self.type("\x03")
-        self.expect("TestWait goes on")
-        self.assertEqual((self.exit_value(), running()), (130, "TestWait"))
+        self.expect("TestPrint goes on")
+        self.assertEqual((self.exit_value(), running()), (130, "TestPrint"))
         self.assertEqual(self.job.run("GetNumberOfWorkers")["NumberOfWorkers"], 2)
         self.stop(self.job)
 
