@@ -102,7 +102,7 @@ TEST_F(ServerFixture, answersPipelinedCommandsInOrder) {
         for (auto& player : players)
             player.get();
         EXPECT_EQ(executed, int(COUNT));
-        EXPECT_LT(memory(), before + (std::size_t(16) << 20));
+        EXPECT_LT(memory(), before + (std::size_t(48) << 20));
     });
 }
 
