@@ -587,15 +587,17 @@ TEST_F(Reduction, inRankOrder) {
     const auto compose = [](const Map& first, const Map& then) {
         return Map{first[0] * then[0], first[1] * then[0] + then[1]};
     };
+    // Maps with different fixed points, so that no two of them commute.
+    const auto mapOf = [](unsigned rank) { return Map{2 * rank + 3, rank + 2}; };
     for (const std::size_t count : {1u, 300u, 100'000u}) {
         Map total{1, 0};
         Map upToHere{};
         for (unsigned rank = 0; rank < ranks; ++rank) {
-            total = compose(total, Map{2 * rank + 3, rank + 1});
+            total = compose(total, mapOf(rank));
             if (rank == me)
                 upToHere = total;
         }
-        const std::vector<Map> mine(count, Map{2 * me + 3, me + 1});
+        const std::vector<Map> mine(count, mapOf(me));
         std::vector<Map> got = mine;
         comm.allReduce(got, Communicator::InRankOrder(compose));
         EXPECT_TRUE(got == std::vector<Map>(count, total)) << count;
