@@ -6,8 +6,8 @@
 #include <string>
 #include <string_view>
 
-/// Where orvexctl writes. On a terminal control characters are shown and not obeyed: the text may come from
-/// anybody. Into a file or a pipe it goes as it is.
+/// The output streams of orvexctl. On a terminal they show control characters and don't obey them: the text
+/// may come from anybody. Into a file or a pipe the text goes as it is.
 class CtlConsole {
 public:
     CtlConsole();

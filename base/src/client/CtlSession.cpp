@@ -89,7 +89,7 @@ void CtlSession::refuseForeignLoopback() const {
                              Platform::io().getHostName() + "\"");
 }
 
-/// Where the chosen session is reached.
+/// The address of the chosen session.
 RpcClient::Target CtlSession::locate() const {
     if (_record.port == 0 && _options.port == 0)
         throw RpcClientError(RpcClientError::CANNOT_CONNECT,

@@ -38,7 +38,7 @@ class ORVEX_KERNEL_EXPORT Command {
 public:
     static constexpr const char* COMMAND_TAG = "command";
 
-    /// Who may ask for a command.
+    /// Tells whose requests a command takes.
     enum class Access {
         CLIENTS,
         SYSTEM ///< the system itself: clients hear that there is no such command, and no list names it

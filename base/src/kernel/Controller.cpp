@@ -42,7 +42,7 @@ Controller* singleton = nullptr;
 
 using Outcome = Controller::Outcome;
 
-/// What the exception tells, or else its type: what() may be empty or null.
+/// The text of the exception, or else its type: what() may be empty or null.
 std::string textOf(const std::exception& error) {
     const char* const text = error.what();
     if (text != nullptr && *text != '\0')

@@ -39,7 +39,7 @@ struct Properties::Impl {
     static void put(Properties& properties, const std::string& key, Mode mode, const std::vector<T>& values);
     template <class T>
     static bool convertTo(const Value& value, T& result);
-    /// What stands under `key`, in `result`; an InputError when it is of another type.
+    /// Copies the value of `key` into `result`; an InputError when it is of another type.
     template <class T>
     static void read(const std::string& key, const Value& value, T& result);
     template <class T>

@@ -14,7 +14,7 @@ public:
     /// Whether any of it is on its way to the commands: then answers will make room.
     bool hasQueued() const { return _queued > 0; }
 
-    /// What one connection has received and not handed out changes from `before` to `now`. [bytes]
+    /// Notes that one connection holds `now` bytes that it hasn't handed out, no longer `before`.
     void moveReceived(std::size_t before, std::size_t now) { _received += now - before; }
     void addQueued(std::size_t size) { _queued += size; }
     void removeQueued(std::size_t size) { _queued -= size; }

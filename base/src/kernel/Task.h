@@ -75,7 +75,7 @@ public:
     /// Whether this rank knows of a cancel. When advance() has thrown for one, all ranks do. Any thread.
     bool isCancelled() const { return _cancelled.load(std::memory_order_relaxed); }
 
-    /// What a task told last.
+    /// The last words of a task.
     struct Report {
         std::string name;
         std::string message;

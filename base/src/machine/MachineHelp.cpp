@@ -1,4 +1,4 @@
-// What the program tells of itself: --help and --version.
+// The answers to --help and --version.
 
 #include "machine/Machine.h"
 

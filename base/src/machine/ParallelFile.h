@@ -94,7 +94,7 @@ public:
         return readAtAll(offset, Views::viewOf<unsigned>(values, count));
     }
 
-    /// What a code means. Any thread.
+    /// The meaning of a code in words. Any thread.
     static std::string getErrorStr(int code);
 
 private:
@@ -113,7 +113,7 @@ private:
         long long offset;
         View buffer;
     };
-    /// What single calls transfer, in the order of the file: one piece at least.
+    /// The pieces of a transfer, one for each call, in the order of the file: one piece at least.
     template <class View>
     void cut(long long offset, View buffer, std::vector<Piece<View>>& pieces) const;
     /// Each piece by `transfer(offset, piece)`, which gives a code. @return the first failure

@@ -1,6 +1,6 @@
 #pragma once
 
-/// What this process does when a signal asks it to end (SIGTERM, SIGINT, SIGHUP).
+/// Ends this process in order when a signal asks for it (SIGTERM, SIGINT, SIGHUP).
 ///
 /// Launchers pass such a signal on to all ranks of a job. The serial or master process stops its server in
 /// order, which releases the workers; a worker leaves that to the master. Who asks again after PATIENCE gets

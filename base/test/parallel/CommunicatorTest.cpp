@@ -626,7 +626,7 @@ TEST_F(Texts, membersThatDontTravelStayInAGatherThatIsCut) {
     std::vector<unsigned> counts;
     check([&] { comm.allGather(mine.data(), mine.size(), got.data()); });
     check([&] { comm.allGatherVector(mine, got, counts); });
-    // Who isn't the root passes no memory, so its own stays as it is.
+    // Ranks other than the root pass no memory, so theirs stays as it is.
     std::fill(got.begin(), got.end(), Labelled{0, 7});
     comm.gather(mine.data(), mine.size(), me == 0 ? got.data() : nullptr, 0);
     comm.gatherVector(mine, got, counts, ranks - 1);

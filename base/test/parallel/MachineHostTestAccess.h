@@ -39,7 +39,7 @@ public:
     static Communicator& getInterHostComm(const MachineHost& host) { return host.getInterHostComm(); }
 };
 
-/// What this rank writes to std::cout meanwhile.
+/// The text that this rank writes to std::cout while `operation` runs.
 template <class F>
 std::string printedOnRank(F operation) {
     std::ostringstream text;
