@@ -5,9 +5,9 @@
 //
 // Prints one JSON object: the median round trip of each turn's batches [us], and the ratio of the medians.
 
-#include "kernel/RpcMessage.h"
-#include "kernel/SessionHandshake.h"
-#include "kernel/SessionRecord.h"
+#include "kernel/server/RpcMessage.h"
+#include "kernel/server/SessionHandshake.h"
+#include "kernel/server/SessionRecord.h"
 
 #include <utility> // asio forgets it
 

@@ -1,6 +1,6 @@
 #include "client/CommandWords.h"
 
-#include "kernel/RpcMessage.h"
+#include "kernel/server/RpcMessage.h"
 
 #include <rapidjson/document.h>
 #include <rapidjson/error/en.h>

@@ -6,8 +6,8 @@
 #include "client/ResponsePrinter.h"
 #include "kernel/Error.h"
 #include "kernel/Properties.h"
-#include "kernel/RpcMessage.h"
-#include "kernel/SessionLocator.h"
+#include "kernel/server/RpcMessage.h"
+#include "kernel/server/SessionLocator.h"
 
 #include "platform/FileSystem.h"
 #include "platform/Io.h"

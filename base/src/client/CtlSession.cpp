@@ -3,7 +3,7 @@
 #include "client/CtlConsole.h"
 
 #include "kernel/Properties.h"
-#include "kernel/SessionLocator.h"
+#include "kernel/server/SessionLocator.h"
 
 #include "platform/Host.h"
 #include "platform/Io.h"

@@ -2,9 +2,9 @@
 
 #include "client/CommandWords.h"
 #include "client/CtlOptions.h"
-#include "kernel/RpcClient.h"
-#include "kernel/SessionHandshake.h"
-#include "kernel/SessionRecord.h"
+#include "kernel/server/RpcClient.h"
+#include "kernel/server/SessionHandshake.h"
+#include "kernel/server/SessionRecord.h"
 
 #include <map>
 #include <string>

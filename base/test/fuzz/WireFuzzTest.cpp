@@ -1,9 +1,9 @@
 #include "WireFuzzer.h"
 
 #include "kernel/Properties.h"
-#include "kernel/RpcMessage.h"
-#include "kernel/SessionHandshake.h"
-#include "kernel/SessionRecord.h"
+#include "kernel/server/RpcMessage.h"
+#include "kernel/server/SessionHandshake.h"
+#include "kernel/server/SessionRecord.h"
 
 #include <gtest/gtest.h>
 

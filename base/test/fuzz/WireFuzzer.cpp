@@ -1,11 +1,11 @@
 #include "WireFuzzer.h"
 
 #include "kernel/Error.h"
-#include "kernel/FrameBuffer.h"
 #include "kernel/Properties.h"
-#include "kernel/RpcMessage.h"
-#include "kernel/SessionHandshake.h"
-#include "kernel/SessionRecord.h"
+#include "kernel/server/FrameBuffer.h"
+#include "kernel/server/RpcMessage.h"
+#include "kernel/server/SessionHandshake.h"
+#include "kernel/server/SessionRecord.h"
 #include "platform/StringHelper.h"
 
 #include <algorithm>

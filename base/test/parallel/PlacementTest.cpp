@@ -16,9 +16,9 @@
 #include "platform/StringHelper.h"
 #include "platform/Time.h"
 #include "support/TestMachine.h"
-#include "unit/machine/CpuTopologyTestAccess.h"
 #include "unit/machine/Failures.h"
 #include "unit/machine/MachineTestAccess.h"
+#include "unit/machine/hardware/CpuTopologyTestAccess.h"
 
 #include <gtest/gtest.h>
 

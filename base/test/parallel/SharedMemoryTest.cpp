@@ -9,8 +9,8 @@
 
 #include "parallel/MachineHostTestAccess.h"
 #include "support/TestMachine.h"
-#include "unit/machine/CpuTopologyTestAccess.h"
 #include "unit/machine/MachineTestAccess.h"
+#include "unit/machine/hardware/CpuTopologyTestAccess.h"
 
 #include <gtest/gtest.h>
 

@@ -1,11 +1,11 @@
 #pragma once
 
-#include "machine/CommandLine.h"
 #include "machine/GlobalFloatingPointExceptionStatus.h"
 #include "machine/Machine.h"
 #include "machine/MachineHost.h"
 #include "machine/ParameterInitialValues.h"
-#include "machine/ServerHostOptions.h"
+#include "machine/ground/CommandLine.h"
+#include "machine/start/ServerHostOptions.h"
 
 #include "kernel/FpeAgnosticMode.h"
 #include "kernel/Properties.h"

@@ -1,5 +1,5 @@
-#include "kernel/RpcMessage.h"
-#include "kernel/FrameBuffer.h"
+#include "kernel/server/RpcMessage.h"
+#include "kernel/server/FrameBuffer.h"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
 #include "ServerTestSupport.h"
 
-#include "kernel/RpcMessage.h"
+#include "kernel/server/RpcMessage.h"
 #include "platform/Log.h"
 
 #include <chrono>

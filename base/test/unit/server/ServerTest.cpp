@@ -1,7 +1,7 @@
 #include "ServerTestSupport.h"
 
-#include "kernel/RpcMessage.h"
 #include "kernel/Task.h"
+#include "kernel/server/RpcMessage.h"
 #include "platform/FileSystem.h"
 #include "platform/StringHelper.h"
 

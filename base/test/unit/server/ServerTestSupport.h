@@ -3,10 +3,10 @@
 #include "kernel/Command.h"
 #include "kernel/Controller.h"
 #include "kernel/Properties.h"
-#include "kernel/RpcClient.h"
 #include "kernel/Server.h"
-#include "kernel/ServerLimits.h"
-#include "kernel/SessionLocator.h"
+#include "kernel/server/RpcClient.h"
+#include "kernel/server/ServerLimits.h"
+#include "kernel/server/SessionLocator.h"
 
 #include <gtest/gtest.h>
 

@@ -1,7 +1,7 @@
-#include "kernel/SessionHandshake.h"
+#include "kernel/server/SessionHandshake.h"
 #include "kernel/OrvexVersion.h"
 #include "kernel/Properties.h"
-#include "kernel/SessionRecord.h"
+#include "kernel/server/SessionRecord.h"
 
 #include <gtest/gtest.h>
 

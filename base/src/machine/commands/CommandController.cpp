@@ -1,0 +1,372 @@
+#include "machine/CommandController.h"
+
+#include "machine/Communicator.h"
+#include "machine/GlobalCondition.h"
+#include "machine/GlobalFloatingPointExceptionStatus.h"
+#include "machine/Machine.h"
+#include "machine/start/StopLimit.h"
+
+#include "kernel/Command.h"
+#include "kernel/EventTracker.h"
+#include "kernel/Properties.h"
+#include "kernel/Raise.h"
+#include "kernel/Server.h"
+
+#include <iostream>
+#include <optional>
+#include <set>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace {
+
+bool isSerialOrMaster() {
+    return Machine::isSerial() || Machine::isMaster();
+}
+
+/// The name of the command that gave `response`: the command may have put something else in its place.
+std::string commandIn(const Properties& response) {
+    constexpr const char* UNKNOWN = "Unknown Command";
+    try {
+        return response.getOr(CommandController::COMMAND_KEY, UNKNOWN);
+    } catch (const InputError&) {
+        return UNKNOWN;
+    }
+}
+
+/// As in "1,3-7", of ranks that rise.
+std::string describeRanks(const std::vector<unsigned>& ranks) {
+    std::string text;
+    for (std::size_t first = 0; first < ranks.size();) {
+        std::size_t last = first;
+        while (last + 1 < ranks.size() && ranks[last + 1] == ranks[last] + 1)
+            ++last;
+        text += (text.empty() ? "" : ",") + std::to_string(ranks[first]);
+        if (last != first)
+            text += "-" + std::to_string(ranks[last]);
+        first = last + 1;
+    }
+    return text;
+}
+
+/// The text of an error. Of one that can't be written, for example since it is nested too deep, the message
+/// alone: the other ranks wait for it.
+std::string writeError(const Properties& error) {
+    try {
+        return error.toString();
+    } catch (const Error&) {
+        Properties rest;
+        Error::complete(rest, Error::getMessage(error), Error::SOLVER_KIND);
+        return rest.toString();
+    }
+}
+
+/// The error of the lowest rank that has one with a message, on every rank; nothing when there is none.
+/// Collective: one all-gather of the messages, and one broadcast more when there is an error.
+/// @param mine  this rank's error, null when it has none
+std::optional<Properties> gatherError(const Properties* mine) {
+    constexpr std::size_t MAX_COMPARED = 4096; // of each message: the winner's is sent whole
+    const std::string message = mine ? Error::getMessage(*mine).substr(0, MAX_COMPARED) : std::string();
+    Communicator& communicator = Machine::globalCommunicator();
+    std::string messages;
+    std::vector<unsigned> lengths;
+    communicator.allGatherVector(message, messages, lengths);
+    if (messages.empty())
+        return std::nullopt;
+
+    std::vector<unsigned> ranks;
+    std::set<std::string_view> different;
+    std::size_t begin = 0;
+    for (unsigned rank = 0; rank < lengths.size(); begin += lengths[rank++])
+        if (lengths[rank] != 0) {
+            ranks.push_back(rank);
+            different.insert(std::string_view(messages).substr(begin, lengths[rank]));
+        }
+    const unsigned winner = ranks.front();
+    std::string text = Machine::getPartitionId() == winner ? writeError(*mine) : std::string();
+    communicator.broadcast(text, winner);
+    Properties error(text);
+    for (const char* key : {CommandController::RANK_KEY, CommandController::MESSAGES_KEY})
+        error.remove(key); // of the ranks the job alone can tell
+    if (winner != 0)
+        error.set(CommandController::RANK_KEY, winner);
+    error.set(CommandController::RANKS_KEY, describeRanks(ranks));
+    if (different.size() > 1)
+        error.set(CommandController::MESSAGES_KEY, different.size());
+    return error;
+}
+
+void assertMayExecuteCommands() {
+    ORVEX_ASSERT_AS(isSerialOrMaster(), "Machine::isSerial() || Machine::isMaster()",
+                    "Only Serial or Controller process can execute Commands outside of listen/execute loop");
+}
+
+/// The one way to end a worker's loop.
+class ExitCommandLoop : public NoResultCommand {
+public:
+    static constexpr const char* NAME = "ExitCommandLoop";
+
+    ExitCommandLoop() : NoResultCommand({"Sends the workers out of their command loop."}, Access::SYSTEM) {}
+    std::string getName() const override { return NAME; }
+    using NoResultCommand::execute;
+    void execute(const Properties&) override {}
+};
+
+[[maybe_unused]] const bool exitCommandLoopIsRegistered = [] {
+    Controller::getSingleton().registerCommand(new ExitCommandLoop);
+    return true;
+}();
+
+} // namespace
+
+CommandController* CommandController::_singleton = nullptr;
+
+class CommandController::ScatterCommandObserver : public Observer {
+public:
+    explicit ScatterCommandObserver(CommandController* controller) : _controller(controller) {}
+    void update(Properties& command) override {
+        ORVEX_ASSERT(Machine::isMaster(),
+                     "Only the master can observe the Scatter/Gather Command Observable");
+        _controller->scatterCommand(command);
+        Machine::getSingleton().setState(Machine::PROCESSING);
+    }
+
+private:
+    CommandController* _controller;
+};
+
+class CommandController::GatherResponseObserver : public Observer {
+public:
+    explicit GatherResponseObserver(CommandController* controller) : _controller(controller) {}
+    void update(Properties&) override {
+        ORVEX_ASSERT(Machine::isMaster(),
+                     "Only the master can observe the Scatter/Gather Command Observable");
+        Machine::getSingleton().setState(Machine::GATHERING_RESPONSE);
+        _controller->gatherResponse(Controller::getSingleton().getToldOutcome());
+        Machine::getSingleton().setState(Machine::AWAITING_COMMAND);
+    }
+
+private:
+    CommandController* _controller;
+};
+
+class CommandController::PostExecuteFloatingPointErrorObserver : public Observer {
+public:
+    explicit PostExecuteFloatingPointErrorObserver(CommandController* controller) : _controller(controller) {}
+    void update(Properties&) override {
+        ORVEX_ASSERT(Machine::isSerial(),
+                     "Only serial should update the PostExecuteFloatingPointErrorObservable");
+        _controller->postExecuteFloatingPointErrorCheck(Controller::getSingleton().getToldOutcome());
+    }
+
+private:
+    CommandController* _controller;
+};
+
+class CommandController::CommandLoop {
+public:
+    explicit CommandLoop(CommandController* controller) : _controller(controller) {}
+    virtual ~CommandLoop() = default;
+    CommandLoop(const CommandLoop&) = delete;
+    CommandLoop& operator=(const CommandLoop&) = delete;
+
+protected:
+    CommandController* _controller;
+};
+
+/// Ends the workers' loop when the master leaves its own, by return or by exception.
+class CommandController::SerialMasterCommandLoop : public CommandLoop {
+public:
+    using CommandLoop::CommandLoop;
+    ~SerialMasterCommandLoop() override {
+        try {
+            _controller->releaseWorkers();
+        } catch (const std::exception& error) {
+            // The workers stand in their loop for good, and a destructor has nobody to tell.
+            std::cerr << "\nCan't release the workers: " << error.what() << std::endl;
+            Machine::getSingleton().abort(ExitStatus(ExitStatus::NON_RECOVERABLE_SERVER_ERROR));
+        }
+    }
+};
+
+class CommandController::SerialMasterQueuedCommandLoop : public SerialMasterCommandLoop {
+public:
+    explicit SerialMasterQueuedCommandLoop(CommandController* controller)
+        : SerialMasterCommandLoop((assertRole(), controller)) {}
+
+private:
+    static void assertRole() {
+        ORVEX_ASSERT_AS(isSerialOrMaster(), "Machine::isSerial() || Machine::isMaster()",
+                        "Only Serial or Controller can enter SerialMasterCommandLoop");
+    }
+};
+
+class CommandController::SlaveCommandLoop : public CommandLoop {
+public:
+    using CommandLoop::CommandLoop;
+
+    void run() {
+        ORVEX_ASSERT_AS(!isSerialOrMaster(), "!(Machine::isSerial() || Machine::isMaster())",
+                        "Only Worker can enter WorkerCommandLoop");
+        while (!_exit)
+            serveOne();
+    }
+
+private:
+    void serveOne() {
+        Machine& machine = Machine::getSingleton();
+        Properties command;
+        machine.setState(Machine::AWAITING_COMMAND);
+        try {
+            _controller->scatterCommand(command);
+        } catch (const Error&) {
+            return; // nothing has come that could be run; the next one may
+        }
+        _exit = Command::getCommandName(command) == ExitCommandLoop::NAME;
+        machine.setState(Machine::PROCESSING);
+        Controller::Outcome outcome = Controller::getSingleton().executeScattered(command);
+        machine.setState(Machine::GATHERING_RESPONSE);
+        _controller->gatherResponse(outcome);
+        machine.setState(Machine::AWAITING_COMMAND);
+    }
+
+    bool _exit = false;
+};
+
+/// The ranks stand at a known point: the sleeping synchronisation isn't wanted while this lives.
+class CommandController::SpinWaitScope {
+public:
+    explicit SpinWaitScope(CommandController& controller)
+        : _controller(controller), _before(controller.getSpinWait()) {
+        _controller.setSpinWait(true);
+    }
+    ~SpinWaitScope() { _controller.setSpinWait(_before); }
+    SpinWaitScope(const SpinWaitScope&) = delete;
+    SpinWaitScope& operator=(const SpinWaitScope&) = delete;
+
+private:
+    CommandController& _controller;
+    bool _before;
+};
+
+CommandController& CommandController::getSingleton() {
+    if (!_singleton)
+        _singleton = new CommandController;
+    return *_singleton;
+}
+
+void CommandController::reset() {
+    delete std::exchange(_singleton, nullptr);
+}
+
+CommandController::CommandController()
+    : _scatterCommandObserver(std::make_unique<ScatterCommandObserver>(this)),
+      _gatherResponseObserver(std::make_unique<GatherResponseObserver>(this)),
+      _postExecuteObserver(std::make_unique<PostExecuteFloatingPointErrorObserver>(this)) {
+    Controller& controller = Controller::getSingleton();
+    if (Machine::isMaster()) {
+        controller.getMasterScatterCommandObservable().attach(*_scatterCommandObserver);
+        controller.getMasterGatherResponseObservable().attach(*_gatherResponseObserver);
+    } else if (Machine::isSerial()) {
+        controller.getPostExecuteFloatingPointErrorObservable().attach(*_postExecuteObserver);
+    }
+}
+
+CommandController::~CommandController() {
+    Controller& controller = Controller::getSingleton();
+    controller.getMasterScatterCommandObservable().detach(*_scatterCommandObserver);
+    controller.getMasterGatherResponseObservable().detach(*_gatherResponseObserver);
+    controller.getPostExecuteFloatingPointErrorObservable().detach(*_postExecuteObserver);
+}
+
+void CommandController::processCommands() {
+    if (!isSerialOrMaster()) {
+        SlaveCommandLoop(this).run();
+        return;
+    }
+    const SerialMasterCommandLoop loop(this);
+    Controller::getSingleton().processCommands();
+    StopLimit::enter("the release of the workers");
+}
+
+void CommandController::processQueuedCommands() {
+    const bool hasCommands = isSerialOrMaster() && Controller::getSingleton().hasQueuedCommands();
+    if (!GlobalCondition(hasCommands, GlobalCondition::ON_MASTER))
+        return;
+    GlobalFloatingPointExceptionStatus::AssertNoException(AssertNoFpeAccessKey());
+    const SpinWaitScope spinning(*this);
+    if (!isSerialOrMaster()) {
+        SlaveCommandLoop(this).run();
+        return;
+    }
+    {
+        const SerialMasterQueuedCommandLoop loop(this);
+        Controller::getSingleton().processQueuedCommands();
+    }
+    Server::getSingleton().flushNotifies();
+}
+
+bool CommandController::masterExecuteCommand(const Properties& command, Properties& response) {
+    assertMayExecuteCommands();
+    return Controller::getSingleton().executeCommand(command, response);
+}
+
+void CommandController::masterExecuteRestoreState(const std::wstring& filename) {
+    Properties command;
+    Properties response;
+    command.set(Command::COMMAND_TAG, "RestoreState");
+    command.set("filename", filename);
+    if (!masterExecuteCommand(command, response))
+        raise(NonRecoverableError("Simulation file could not be loaded: " + Error::getMessage(response)));
+}
+
+void CommandController::releaseWorkers() {
+    assertMayExecuteCommands();
+    if (!Machine::isMaster())
+        return;
+    Properties command;
+    command.set(Command::COMMAND_TAG, ExitCommandLoop::NAME);
+    // Nobody waits for the answer.
+    static_cast<void>(Controller::getSingleton().execute(command));
+}
+
+void CommandController::scatterCommand(Properties& command) const {
+    const EventTracker::Track track("CommandController", "scatterCommand");
+    Communicator& ranks = Machine::globalCommunicator();
+    std::string text = command.toString();
+    if (!_spinWait)
+        ranks.noSpinSynchronise(1.0);
+    ranks.broadcast(text, Communicator::masterRank());
+    command = Properties(text);
+}
+
+void CommandController::gatherResponse(Controller::Outcome& outcome) const {
+    const EventTracker::Track track("CommandController", "gatherResponse");
+    if (std::optional<Properties> error = gatherError(outcome.hasFailed() ? &outcome.response : nullptr))
+        outcome = {Controller::Outcome::FAILED, std::move(*error)};
+    postExecuteFloatingPointErrorCheck(outcome);
+}
+
+/// A fault counts when no rank's command has failed by then.
+void CommandController::postExecuteFloatingPointErrorCheck(Controller::Outcome& outcome) const {
+    try {
+        GlobalFloatingPointExceptionStatus::AssertNoException(AssertNoFpeAccessKey());
+    } catch (const Error& error) {
+        if (outcome.hasFailed())
+            return;
+        Properties response = error.toResponse();
+        response.set(COMMAND_KEY, commandIn(outcome.response));
+        outcome = {Controller::Outcome::FAILED, std::move(response)};
+    }
+}
+
+void CommandController::parseErrorProperties(Properties& response) const {
+    const std::optional<Properties> error = gatherError(Error::isErrorIn(response) ? &response : nullptr);
+    if (!error)
+        return;
+    for (const char* key :
+         {Error::ERROR_TAG, Error::MESSAGE_TAG, Error::SEVERITY_TAG, RANK_KEY, MESSAGES_KEY})
+        response.remove(key);
+    response.merge(*error);
+}

@@ -1,0 +1,158 @@
+#include "machine/Communicator.h"
+
+#include "machine/ExitStatus.h"
+#include "machine/FieldLoopState.h"
+#include "machine/Machine.h"
+#include "machine/messages/CommunicatorFrame.h"
+
+#include "kernel/Controller.h"
+#include "kernel/MessagingGate.h"
+#include "mpiwrapper/OxmMpi.h"
+#include "platform/Thread.h"
+
+#include <algorithm>
+#include <array>
+#include <limits>
+
+namespace {
+
+/// Communicators whose timer is on: the gate is shut for a fast pass while there is one.
+unsigned timedCommunicators = 0;
+
+/// A group that lives for one operation.
+class Group {
+public:
+    Group() = default;
+    ~Group() {
+        if (_handle != OXM_MPI_GROUP_NULL)
+            OXM_MPI_Group_free(&_handle); // on the way out of a failure, which is the one to report
+    }
+    Group(const Group&) = delete;
+    Group& operator=(const Group&) = delete;
+
+    int* address() { return &_handle; }
+    int get() const { return _handle; }
+    void free() { MpiCore::handleError(OXM_MPI_Group_free(&_handle)); }
+
+private:
+    int _handle = OXM_MPI_GROUP_NULL;
+};
+
+} // namespace
+
+void Communicator::Tag::raiseOutOfBounds() {
+    raiseInternalError("out_of_bounds Communicator Tag", "tag < upper_bound() || tag == MpiCore::ANY_TAG",
+                       __FILE__, __LINE__);
+}
+
+Communicator::Communicator() : Communicator(OXM_MPI_COMM_WORLD) {}
+
+Communicator::Communicator(const int& handle) : _handle(handle), _group(OXM_MPI_GROUP_NULL) {
+    try {
+        readIdentity();
+    } catch (...) {
+        release();
+        throw;
+    }
+}
+
+void Communicator::readIdentity() {
+    int size = 0;
+    int rank = -1;
+    // What these three leave behind tells as much as their codes do.
+    OXM_MPI_Comm_group(_handle, &_group);
+    OXM_MPI_Comm_size(_handle, &size);
+    OXM_MPI_Comm_rank(_handle, &rank);
+    ORVEX_ASSERT_AS(size > 0, "size > 0", "Zero or negative MPI comm size");
+    ORVEX_ASSERT_AS(rank >= 0, "rank >= 0", "Negative MPI rank");
+    _size = static_cast<unsigned>(size);
+    _myRank = static_cast<unsigned>(rank);
+    _maxBufferSize = OXM_MPI_Get_max_buffer_size();
+
+    std::array<char, OXM_MPI_MAX_PROCESSOR_NAME> name{};
+    int namelen = 0;
+    MpiCore::handleError(OXM_MPI_Get_processor_name(name.data(), &namelen));
+    ORVEX_ASSERT_AS(namelen + 1 < OXM_MPI_MAX_PROCESSOR_NAME, "namelen + 1 < OXM_MPI_MAX_PROCESSOR_NAME",
+                    "Overflow on processor name");
+    name[static_cast<std::size_t>(std::max(namelen, 0))] = '\0';
+    _myName = name.data();
+}
+
+Communicator::~Communicator() {
+    enableCommunicationTimer(false);
+    release();
+}
+
+void Communicator::release() noexcept {
+    // Nobody is left who could be told of a failure.
+    if (_handle != OXM_MPI_COMM_NULL && _handle != OXM_MPI_COMM_WORLD)
+        OXM_MPI_Comm_free(&_handle);
+    OXM_MPI_Group_free(&_group);
+}
+
+void Communicator::enableCommunicationTimer(bool on) {
+    if (on == _communicationTimerEnabled)
+        return;
+    _communicationTimerEnabled = on;
+    timedCommunicators += on ? 1u : -1u;
+    MessagingGate::set(MessagingGate::COMMUNICATION_TIMER, timedCommunicators != 0);
+}
+
+void Communicator::checkSerialCriticalLock() {
+    if (MessagingGate::has(MessagingGate::NOT_MAIN_THREAD) && Thread::isMain())
+        MessagingGate::noteMainThread();
+    Machine::assertNotSerialCritical("Parallel is explicitly locked");
+    Machine::assertNotParallelPerformanceCritical("Parallel locked out in performance critical section");
+    ORVEX_ASSERT_AS(!Controller::isSerialCritical(), "!Controller::isSerialCritical()",
+                    "Parallel has been explicitly locked whilst running a non-distributed command");
+    ORVEX_ASSERT_AS(!FieldLoopState::busy(), "!FieldLoopState::busy()",
+                    "Parallel is explicitly locked out of FieldLoops");
+    ORVEX_ASSERT_AS(Thread::isMain(), "Thread::isMain()",
+                    "Parallel messaging can only be called from the main thread");
+}
+
+std::unique_ptr<Communicator> Communicator::createCommunicator(const std::vector<unsigned>& ranks) const {
+    CommunicatorFrame::passGate();
+    const unsigned size = _size;
+    ORVEX_ASSERT_AS(ranks.size() <= size, "ranks.size() <= size", "Invalid number of ranks");
+    std::vector<int> members;
+    members.reserve(ranks.size());
+    for (const unsigned rank : ranks) {
+        ORVEX_ASSERT_AS(rank < size, "ranks[i] < size",
+                        "Rank exceeds old communicator in createCommunicator()");
+        ORVEX_ASSERT_AS(rank <= static_cast<unsigned>(std::numeric_limits<int>::max()),
+                        "ranks[i] <= static_cast<unsigned int>(std::numeric_limits<int>::max())",
+                        "Rank exceeds maximum integer range");
+        members.push_back(static_cast<int>(rank));
+    }
+
+    Group group;
+    int newHandle = OXM_MPI_COMM_NULL;
+    MpiCore::handleError(
+        OXM_MPI_Group_incl(_group, static_cast<int>(members.size()), members.data(), group.address()));
+    MpiCore::handleError(OXM_MPI_Comm_create(_handle, group.get(), &newHandle));
+    std::unique_ptr<Communicator> created;
+    if (std::find(ranks.begin(), ranks.end(), _myRank) != ranks.end())
+        created.reset(new Communicator(newHandle));
+    group.free();
+    return created;
+}
+
+std::unique_ptr<Communicator> Communicator::createSharedMemCommunicators() const {
+    CommunicatorFrame::passGate();
+    int newHandle = OXM_MPI_COMM_NULL;
+    MpiCore::handleError(
+        OXM_MPI_Comm_split_type(_handle, OXM_MPI_COMM_TYPE_SHARED, 0, OXM_MPI_INFO_NULL, &newHandle));
+    return std::unique_ptr<Communicator>(new Communicator(newHandle));
+}
+
+NativeHandle Communicator::nativeHandle() const {
+    int fortranHandle = 0;
+    std::array<char, OXM_MPI_MAX_LIBRARY_VERSION_STRING> library{};
+    MpiCore::handleError(OXM_MPI_Comm_native_handle(_handle, &fortranHandle, library.data()));
+    return NativeHandle(fortranHandle, library.data());
+}
+
+void Communicator::abort(const ExitStatus& status) {
+    OXM_MPI_Abort(_handle, status); // what could be done about a failure of the last resort?
+}

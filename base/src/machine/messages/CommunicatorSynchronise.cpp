@@ -1,0 +1,101 @@
+#include "machine/Communicator.h"
+
+#include "machine/Machine.h"
+#include "machine/RequestStack.h"
+#include "machine/Timer.h"
+#include "machine/messages/CommunicatorFrame.h"
+
+#include "mpiwrapper/OxmMpi.h"
+#include "platform/Time.h"
+
+#include <algorithm>
+#include <string>
+
+namespace {
+
+constexpr unsigned SYNCHRONISE_TAG = 1022;
+
+constexpr CommunicatorFrame::Operation SYNCHRONISE = CommunicatorFrame::global("Communicator::Synchronise");
+
+/// Sleeps that grow with the wait, so that a look comes at most an eighth of it too late.
+class ShortSleep {
+public:
+    void next() {
+        constexpr double shortest = 1e-4; // [s] many ranks that look more often take a processor for it
+        constexpr double longest = 1e-2;
+        const double waited = Platform::time().getTime() - _start;
+        Platform::time().sleep(std::clamp(waited / 8, shortest, longest));
+    }
+
+private:
+    double _start = Platform::time().getTime();
+};
+
+} // namespace
+
+unsigned Communicator::getSleep(unsigned ranks) {
+    // Many ranks need the shorter one, since the sleeps on the way from the leaves of the tree to its root
+    // add up.
+    constexpr unsigned manyRanks = 512;
+    return ranks > manyRanks ? 1 : 10;
+}
+
+void Communicator::synchronise() {
+    MpiCore::handleError(CommunicatorFrame::run<OXM_MPI_Barrier, SYNCHRONISE>(this, 0, 0, _handle));
+}
+
+void Communicator::noSpinSynchronise(double spinTime) {
+    static const unsigned sleep = getSleep(Machine::nProcesses());
+    const unsigned parent = (_myRank - 1) / 2; // of no use to rank 0
+    const unsigned first = 2 * _myRank + 1;
+    const unsigned end = std::min(first + 2, _size);
+    const BufferBase<int> nothingIn{nullptr, 0, OXM_MPI_UNSIGNED, sizeof(unsigned)};
+    const ConstBufferBase<int> nothingOut = nothingIn;
+    RequestStack receives;
+    RequestStack sends;
+    Timer timer;
+    const auto await = [&] {
+        if (!test(receives)) { // whom everybody waited for needs no clock
+            timer.resetWallTimer();
+            timer.startWallTimer();
+            while (!test(receives))
+                if (timer.getWallTime() > spinTime)
+                    Platform::time().sleepMilliseconds(sleep);
+        }
+        wait(receives);
+    };
+
+    for (unsigned child = first; child < end; ++child)
+        iRecv(nothingIn, child, receives, SYNCHRONISE_TAG);
+    await();
+    if (_myRank != _master) {
+        iSend(nothingOut, parent, sends, SYNCHRONISE_TAG);
+        iRecv(nothingIn, parent, receives, SYNCHRONISE_TAG);
+        await();
+        wait(sends);
+    }
+    for (unsigned child = first; child < end; ++child)
+        iSend(nothingOut, child, sends, SYNCHRONISE_TAG);
+    wait(sends);
+}
+
+void Communicator::noSpinBroadcast(std::string& text) {
+    unsigned long long length = text.size();
+    if (_myRank != _master) {
+        const unsigned parent = (_myRank - 1) / 2;
+        const auto await = [&](auto* data, std::size_t count) {
+            RequestStack receives;
+            iRecv(data, count, parent, receives, SYNCHRONISE_TAG);
+            for (ShortSleep sleep; !test(receives);)
+                sleep.next();
+        };
+        await(&length, 1);
+        text.resize(length);
+        await(text.data(), text.size());
+    }
+    const unsigned first = 2 * _myRank + 1;
+    for (unsigned child = first; child < std::min(first + 2, _size); ++child) {
+        send(&length, 1, child, SYNCHRONISE_TAG);
+        send(text.data(), text.size(), child, SYNCHRONISE_TAG);
+    }
+}

@@ -1,0 +1,281 @@
+// The options that every role reads: Machine::parseCommonArgvs.
+
+#include "machine/Machine.h"
+
+#include "machine/MpiCore.h"
+#include "machine/ParameterInitialValues.h"
+#include "machine/RemoteShellFactory.h"
+#include "machine/SynchronizedDynamicLoader.h"
+#include "machine/ground/CommandLine.h"
+#include "machine/start/StopLimit.h"
+
+#include "kernel/FpeAgnosticMode.h"
+#include "kernel/OrvexVersion.h"
+#include "kernel/Raise.h"
+#include "kernel/SignalHandler.h"
+#include "platform/FileSystem.h"
+#include "platform/RendererConfig.h"
+#include "platform/StringHelper.h"
+#include "platform/System.h"
+
+#include <iostream>
+#include <stdexcept>
+
+namespace {
+
+std::wstring wideDecoded(const std::string& text) {
+    return StringHelper::decode(StringHelper::fromBytes(text));
+}
+
+void sayOnce(const char* text) {
+    if (Machine::isSerial() || Machine::isMaster())
+        std::cout << text << std::endl;
+}
+
+} // namespace
+
+/// One walk over the line. What options do to each other, they do in the order of the line.
+class Machine::CommonOptions {
+public:
+    CommonOptions(Machine& machine, CommandLine line) : _machine(machine), _line(line) {}
+
+    void parse() {
+        while (_line.next())
+            if (const Row* row = findRow())
+                take(*row);
+        settleTemporaryDirectory();
+        settleJobManager();
+    }
+
+    static std::vector<CommandLineOption> list();
+
+private:
+    struct Row {
+        CommandLineOption option;
+        void (CommonOptions::*apply)();
+        const char* missingValue = nullptr; ///< null: "Missing <word> arg"
+    };
+    static const Row ROWS[];
+
+    const Row* findRow() const;
+    void take(const Row& row);
+    std::string value() const { return _line.value(); }
+
+    void settleTemporaryDirectory();
+    void settleJobManager();
+
+    void ignore() {}
+    void deleteOnExit() { _machine._deleteOnExit = true; }
+    void disableUsage() { _machine._usageDisabled = true; }
+    void disableFpeRegisterChecking();
+    void enableFpeSignals();
+    void disableThreads() { _threaded = false; }
+    void loadModule() { SynchronizedDynamicLoader::getSingleton().load(value()); }
+    void setMpiVersion();
+    void setMpiDistribution();
+    void addParameter();
+    void enableParallelIo() { _machine.setParallelIo(true); }
+    void setRemoteShell();
+    void setTemporaryDirectory() { _machine.setTemporaryDirectory(wideDecoded(value())); }
+    void setIoDebug() { setIOVerbosityLevel(CommandLine::toInt(value())); }
+    void setCpuBinding();
+    void setContentionTest();
+    void disableDevErrors() { _machine._devErrorChecking = false; }
+    void disableThreadBinding() { _threadBindingAttributes |= THREAD_BINDING_OFF; }
+    void enableThreadBindingReport() { _threadBindingAttributes |= THREAD_BINDING_VERBOSE; }
+    void enablePidPrinting() { _printpids = true; }
+    void setJobManagerUrl() { _jobManagerUrl = StringHelper::toWString(value()); }
+    void setStopLimit();
+    void setTaskId() { _taskId = CommandLine::toInt(value()); }
+    void setRenderThreads() {
+        RendererConfig::getSingleton().setNumRenderThreads(CommandLine::toInt(value()));
+    }
+    void setGraphics();
+
+    Machine& _machine;
+    CommandLine _line;
+    std::wstring _jobManagerUrl;
+    int _taskId = 0;
+};
+
+const Machine::CommonOptions::Row Machine::CommonOptions::ROWS[] = {
+    {{"-module", "NAME", "loads a module on all ranks or on none: a path, or a name beside the program"},
+     &CommonOptions::loadModule},
+    {{"-nothreads", "", "no server thread: clients are served between commands"},
+     &CommonOptions::disableThreads},
+    {{"-cpubind", "WORD", "where processes run: bandwidth (the default), latency, leastload, disable"},
+     &CommonOptions::setCpuBinding},
+    {{"-cpubindverbose", "", "tells how it got out of the way of other servers, and where each rank runs"},
+     &CommonOptions::ignore}, // main() looks for these two in the record
+    {{"-cpubindextendedverbosity", "", "the same, and what it found on each host"}, &CommonOptions::ignore},
+    {{"-cpubindcontentiontest", "WORD", "enable or disable: whether it looks for other servers"},
+     &CommonOptions::setContentionTest},
+    {{"-xthreadbindoff", "", "threads aren't bound"}, &CommonOptions::disableThreadBinding},
+    {{"-xthreadbindverbose", "", "tells how threads are bound"}, &CommonOptions::enableThreadBindingReport},
+    {{"-printpids", "", "tells the process identifier of each rank at the start"},
+     &CommonOptions::enablePidPrinting},
+    {{"-tmpdir", "PATH", "folder for temporary files"}, &CommonOptions::setTemporaryDirectory},
+    {{"-pio", "", "files are read and written by all ranks together"}, &CommonOptions::enableParallelIo},
+    {{"-iodebug", "N", "how much is told about input and output"}, &CommonOptions::setIoDebug},
+    {{"-fpe", "", "floating-point faults raise at once"}, &CommonOptions::enableFpeSignals},
+    {{"-xdisable-fpe-register-checking", "", "a development version doesn't look for floating-point faults"},
+     &CommonOptions::disableFpeRegisterChecking},
+    {{"-xnodeverrors", "", "a development version leaves its checks across ranks out"},
+     &CommonOptions::disableDevErrors},
+    {{"-encoded-param", "NAME VALUE", "the initial value of a parameter, both in Base64"},
+     &CommonOptions::addParameter,
+     "Missing -encoded-param arg arg"},
+    {{"-rsh", "COMMAND", "the program that starts processes on other hosts"}, &CommonOptions::setRemoteShell},
+    {{"-jobmanagerurl", "URL", "with -taskid: the job manager that this job belongs to"},
+     &CommonOptions::setJobManagerUrl},
+    {{"-taskid", "N", "with -jobmanagerurl: the job's number there"}, &CommonOptions::setTaskId},
+    {{"-rrthreads", "N", "number of threads of the renderer"}, &CommonOptions::setRenderThreads},
+    {{"-rgraphics", "WORD", "the graphics of the renderer"}, &CommonOptions::setGraphics},
+    {{"-xmpiversion", "TEXT", "the version of the MPI library, for reports"}, &CommonOptions::setMpiVersion},
+    {{"-xmpidriver", "TEXT", "the name of the MPI library, for reports"}, &CommonOptions::setMpiDistribution},
+    {{"-xnousage", "", "keeps no record of usage (it is local, and sent nowhere)"},
+     &CommonOptions::disableUsage},
+    {{"-deleteOnExit", "", "frees everything at the end, for tools that look for leaks"},
+     &CommonOptions::deleteOnExit},
+    {{"-stoplimit", "N", "seconds after which an end in order is cut short; 60 unless given, 0 for never"},
+     &CommonOptions::setStopLimit},
+    {{"-time", "", ""}, &CommonOptions::ignore},
+    {{"-mpi", "NAME", ""}, &CommonOptions::ignore}, // the driver runs already
+    {{"-mpidriver", "NAME", ""}, &CommonOptions::ignore, "Missing -mpi arg"},
+};
+
+std::vector<CommandLineOption> Machine::CommonOptions::list() {
+    std::vector<CommandLineOption> options;
+    for (const Row& row : ROWS)
+        options.push_back(row.option);
+    return options;
+}
+
+const Machine::CommonOptions::Row* Machine::CommonOptions::findRow() const {
+    for (const Row& row : ROWS)
+        if (_line.isAt(row.option))
+            return &row;
+    return nullptr;
+}
+
+void Machine::CommonOptions::take(const Row& row) {
+    if (!_line.hasValues(row.option))
+        throw std::invalid_argument(row.missingValue ? row.missingValue : "Missing " + _line.word() + " arg");
+    (this->*row.apply)();
+    _line.consume(row.option);
+}
+
+void Machine::CommonOptions::disableFpeRegisterChecking() {
+    if (!OrvexVersion::isDevelopmentVersion() || FpeAgnosticMode::isActive())
+        return;
+    sayOnce("****************************************\n"
+            "WARNING: FPE register checking disabled.\n"
+            "****************************************");
+    if (SignalHandler::_catchFpeSignals) {
+        sayOnce("NOTE: The '-xdisable-fpe-register-checking' flag is incompatible with '-fpe'.\n"
+                "      Disabling asynchronous floating point exceptions.");
+        SignalHandler::setCatchFpeSignals(false);
+    }
+    FpeAgnosticMode::activate();
+}
+
+void Machine::CommonOptions::enableFpeSignals() {
+    if (FpeAgnosticMode::isActive()) {
+        sayOnce("NOTE: The '-fpe' flag has no effect when '-xdisable-fpe-register-checking' is enabled.");
+        return;
+    }
+    std::cout << "Enabling asynchronous floating point exceptions." << std::endl;
+    SignalHandler::setCatchFpeSignals(true);
+}
+
+void Machine::CommonOptions::setMpiVersion() {
+    if (isParallel())
+        MpiCore::setMpiVersionName(value());
+}
+
+void Machine::CommonOptions::setMpiDistribution() {
+    if (isParallel())
+        MpiCore::setDistribName(value());
+}
+
+void Machine::CommonOptions::addParameter() {
+    ParameterInitialValues::getSingleton().addParameterArg(StringHelper::toString(_line.decodedValue(1)),
+                                                           StringHelper::toString(_line.decodedValue(2)));
+}
+
+void Machine::CommonOptions::setRemoteShell() {
+    RemoteShellFactory::getSingleton().setDefaultRemoteProcessLauncher(wideDecoded(value()));
+}
+
+void Machine::CommonOptions::setCpuBinding() {
+    if (value() == "bandwidth")
+        _cpuBindingPolicy = BANDWIDTH_BINDING;
+    else if (value() == "latency")
+        _cpuBindingPolicy = LATENCY_BINDING;
+    else if (value() == "leastload")
+        _cpuBindingPolicy = LEAST_LOAD_BINDING;
+    else if (value() == "disable")
+        _useInternalBinding = false;
+    else
+        throw std::invalid_argument(
+            "-cpubind argument must be latency/leastload/disable (don't specify anything "
+            "for bandwidth)");
+}
+
+void Machine::CommonOptions::setContentionTest() {
+    if (value() != "enable" && value() != "disable")
+        throw std::invalid_argument("-cpubindcontentiontest argument must either be enabled/disable");
+    _cpuBindingContentionTest = value() == "enable";
+}
+
+void Machine::CommonOptions::setStopLimit() {
+    const std::string text = value();
+    if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos)
+        throw std::invalid_argument("-stoplimit needs a number of seconds");
+    StopLimit::set(CommandLine::toInt(text));
+}
+
+void Machine::CommonOptions::setGraphics() {
+    const std::string error = RendererConfig::getSingleton().setGraphics(StringHelper::toWString(value()));
+    ORVEX_ASSERT(error.empty(), "RendererConfig error: " + error);
+}
+
+void Machine::CommonOptions::settleTemporaryDirectory() {
+    if (_machine._temporaryDirectory.empty())
+        _machine.setTemporaryDirectory(Platform::filesystem().getDefaultTemporaryDirectory());
+}
+
+void Machine::CommonOptions::settleJobManager() {
+    const bool hasUrl = !_jobManagerUrl.empty();
+    const bool hasTask = _taskId != 0;
+    if (hasUrl != hasTask)
+        throw std::invalid_argument("The options -jobmanagerurl and -taskid must both be specified");
+    if (hasUrl) {
+        _machine._jobManagerUrl = _jobManagerUrl;
+        _machine._taskId = _taskId;
+    }
+}
+
+std::vector<CommandLineOption> Machine::listCommonOptions() {
+    return CommonOptions::list();
+}
+
+void Machine::parseCommonArgvs(int argc, char** argv, ConsumedOptions& consumed) {
+    const std::wstring path = Platform::system().getExecutablePath();
+    const std::size_t separator = path.rfind(L'/');
+    _executablePath = separator == std::wstring::npos ? std::wstring() : path.substr(0, separator);
+    _executableName =
+        StringHelper::toString(path.substr(separator == std::wstring::npos ? 0 : separator + 1));
+    CommonOptions(*this, CommandLine(argc, argv, consumed)).parse();
+}
+
+void Machine::setTemporaryDirectory(const std::wstring& directory) {
+    auto& files = Platform::filesystem();
+    _temporaryDirectory.clear();
+    if (files.isDirectory(directory) || (!files.exists(directory) && files.makeDirectories(directory)))
+        _temporaryDirectory = directory;
+    if (_temporaryDirectory.empty())
+        _temporaryDirectory = files.getDefaultTemporaryDirectory();
+    if (_temporaryDirectory.empty())
+        _temporaryDirectory = files.getCurrentDirectory();
+}

@@ -1,0 +1,633 @@
+#include "machine/Communicator.h"
+#include "machine/CommunicatorStatistics.h"
+#include "machine/ExitStatus.h"
+#include "machine/FieldLoopState.h"
+#include "machine/MachineLocks.h"
+
+#include "kernel/Command.h"
+#include "kernel/Controller.h"
+#include "kernel/MessagingGate.h"
+#include "kernel/OrvexVersion.h"
+
+#include "unit/machine/Failures.h"
+#include "unit/machine/messages/CommunicatorOperations.h"
+#include "unit/machine/messages/CommunicatorTestAccess.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <optional>
+#include <thread>
+
+namespace {
+
+using Texts = std::vector<std::string>;
+using Handles = std::map<std::string, int>;
+
+class CommunicatorOfThree : public testing::Test {
+protected:
+    CommunicatorOfThree() { mpi.setWorld(1, 3); }
+    ~CommunicatorOfThree() override {
+        EXPECT_TRUE(MessagingGate::isOpen());
+        MpiCore::finalize(); // takes the lasting datatypes along
+    }
+
+    /// The wrapper calls that `operation` makes.
+    Texts callsOf(const std::function<void()>& operation) {
+        mpi.clearCalls();
+        operation();
+        return mpi.texts();
+    }
+
+    ScriptedMpi& mpi = ScriptedMpi::start();
+};
+
+// Construction and identity
+
+TEST_F(CommunicatorOfThree, knowsItself) {
+    mpi.setProcessorName("node7");
+    mpi.setMaxBufferSize(4096);
+    {
+        const Communicator comm;
+        EXPECT_EQ(mpi.names(), (Texts{"Comm_group", "Comm_size", "Comm_rank", "Get_processor_name"}));
+        EXPECT_EQ(comm.handle(), OXM_MPI_COMM_WORLD);
+        EXPECT_EQ(comm.size(), 3u);
+        EXPECT_EQ(comm.myRank(), 1u);
+        EXPECT_EQ(comm.myName(), "node7");
+        EXPECT_EQ(comm.getMaxBufferSize(), 4096u);
+        EXPECT_EQ(comm.nativeHandle().forLibrary("Scripted MPI"), 1001);
+        EXPECT_EQ(messageOf<InputError>([&] { comm.nativeHandle().forLibrary("MPICH"); }),
+                  "The module is built with MPICH, but the job runs with Scripted MPI");
+        EXPECT_EQ(comm.getCommunicationTime(), 0.0);
+        EXPECT_FALSE(comm.isCommunicationTimerEnabled());
+        EXPECT_TRUE(comm == Communicator());
+        mpi.clearCalls();
+    }
+    EXPECT_EQ(mpi.names(), Texts{"Group_free"}) << "the world itself is not freed";
+    EXPECT_EQ(mpi.liveHandles(), Handles());
+}
+
+TEST_F(CommunicatorOfThree, refusesWhatItCantUse) {
+    const auto giving = [](const char* argument, int value) {
+        return [=](const ScriptedCall& call) {
+            *static_cast<int*>(call.addresses.at(argument)) = value;
+            return OXM_MPI_SUCCESS;
+        };
+    };
+    struct Row {
+        const char* call;
+        ScriptedMpi::Action action;
+        const char* message;
+        const char* condition;
+    };
+    const Row rows[] = {
+        {"Comm_size", giving("size", 0), "Zero or negative MPI comm size", "size > 0"},
+        {"Comm_rank", giving("rank", -1), "Negative MPI rank", "rank >= 0"},
+        {"Get_processor_name", giving("length", 2047), "Overflow on processor name",
+         "namelen + 1 < OXM_MPI_MAX_PROCESSOR_NAME"},
+    };
+    for (const Row& row : rows) {
+        mpi.setAction(row.call, row.action);
+        expectAssertion([] { Communicator(); }, row.message, row.condition, "Communicator.cpp");
+        mpi.setAction(row.call, {});
+        EXPECT_EQ(mpi.liveHandles(), Handles()) << row.call;
+    }
+}
+
+TEST_F(CommunicatorOfThree, createsOthers) {
+    const Communicator comm;
+    const auto create = [&](const std::vector<unsigned>& ranks) { return comm.createCommunicator(ranks); };
+    {
+        mpi.clearCalls();
+        const std::unique_ptr<Communicator> some = create({2, 1});
+        ASSERT_TRUE(some);
+        EXPECT_EQ(some->size(), 2u);
+        EXPECT_EQ(some->myRank(), 1u);
+        EXPECT_EQ(mpi.callsOf("Group_incl")[0].arrays.at("ranks"), (std::vector<long long>{2, 1}));
+        EXPECT_EQ(mpi.liveHandles(), (Handles{{"comm", 1}, {"group", 2}}));
+        mpi.clearCalls();
+    }
+    EXPECT_EQ(mpi.names(), (Texts{"Comm_free", "Group_free"}));
+    for (const std::vector<unsigned>& ranks : {std::vector<unsigned>{}, {0, 2}}) {
+        EXPECT_FALSE(create(ranks));
+        EXPECT_EQ(mpi.liveHandles(), (Handles{{"group", 1}}));
+    }
+    expectAssertion(
+        [&] {
+            create({0, 1, 2, 0});
+        },
+        "Invalid number of ranks", "ranks.size() <= size", "Communicator.cpp");
+    expectAssertion(
+        [&] {
+            create({0, 3});
+        },
+        "Rank exceeds old communicator in createCommunicator()", "ranks[i] < size", "Communicator.cpp");
+    EXPECT_EQ(comm.createSharedMemCommunicators()->size(), 3u);
+    EXPECT_EQ(mpi.callsOf("Comm_split_type")[0].text(),
+              "Comm_split_type(comm=1, splitType=0, key=0, info=0)");
+    EXPECT_EQ(callsOf([&] { Communicator().abort(ExitStatus::NON_RECOVERABLE_SERVER_ERROR); })[4],
+              "Abort(comm=1, code=32)");
+}
+
+TEST(CommunicatorTag, isChecked) {
+    using Tag = Communicator::Tag;
+    for (const unsigned tag : {0u, 1u, 32766u, MpiCore::ANY_TAG})
+        EXPECT_EQ(Tag(tag).value(), static_cast<int>(tag));
+    for (const unsigned tag : {32767u, 32768u, MpiCore::ANY_TAG - 1, MpiCore::ANY_TAG + 1, 0xFFFFFFFFu})
+        expectAssertion([&] { (void)Tag(tag); }, "out_of_bounds Communicator Tag",
+                        "tag < upper_bound() || tag == MpiCore::ANY_TAG", "Communicator.cpp");
+    EXPECT_EQ(Communicator::_defaultTag.value(), 32767);
+}
+
+// The gate
+
+/// A command that isn't distributed to the ranks.
+class LocalCommand : public NoResultCommand {
+public:
+    explicit LocalCommand(std::function<void()> body) : _body(std::move(body)) {}
+    using NoResultCommand::execute;
+    void execute(const Properties&) override { _body(); }
+    std::string getName() const override { return "LocalCommand"; }
+    bool isThreaded(const Properties&) const override { return true; }
+
+private:
+    std::function<void()> _body;
+};
+
+void runAsLocalCommand(std::function<void()> body) {
+    Controller::reset();
+    Controller::getSingleton().setThreadedCommands(false);
+    auto* const command = new LocalCommand(std::move(body));
+    Controller::getSingleton().registerCommand(command);
+    Properties request;
+    command->addSelfTo(request);
+    Controller::getSingleton().enqueue({request, "test", {}});
+    Controller::getSingleton().processQueuedCommands();
+    Controller::reset();
+}
+
+TEST_F(CommunicatorOfThree, gateRefusesInItsOrder) {
+    Communicator comm;
+    const auto expectRefusal = [&](const char* message, const char* condition, const char* file) {
+        for (const CommunicatorOperation& operation : communicatorOperations()) {
+            SCOPED_TRACE(operation.name);
+            mpi.clearCalls();
+            if (operation.isUngated)
+                EXPECT_NO_THROW(operation.run(comm));
+            else
+                expectAssertion([&] { operation.run(comm); }, message, condition, file);
+            const bool mayCall = operation.isUngated || operation.name == "allReduce records";
+            EXPECT_TRUE(mayCall || mpi.calls().empty()) << mpi.calls()[0].text();
+        }
+        expectAssertion([&] { comm.send(1, 1); }, "Cannot send to self", "dest!=_myRank",
+                        "CommunicatorPointToPoint.cpp");
+    };
+    std::optional<Machine::SerialCritical> serial(std::in_place);
+    std::optional<Machine::ParallelPerformanceCritical> performance(std::in_place);
+    bool wasLocal = false;
+    FieldLoopState::setBusy();
+    testing::internal::CaptureStdout();
+    runAsLocalCommand([&] {
+        wasLocal = Controller::isSerialCritical();
+        expectRefusal("Parallel is explicitly locked", "! _serialCriticalLock", "MachineLocks.cpp");
+        serial.reset();
+        // A release version goes on to the next check.
+        if (OrvexVersion::isDevelopmentVersion())
+            expectRefusal("Parallel locked out in performance critical section", "!_performanceCriticalLock",
+                          "MachineLocks.cpp");
+        else
+            expectRefusal("Parallel has been explicitly locked whilst running a non-distributed command",
+                          "!Controller::isSerialCritical()", "Communicator.cpp");
+        performance.reset();
+        expectRefusal("Parallel has been explicitly locked whilst running a non-distributed command",
+                      "!Controller::isSerialCritical()", "Communicator.cpp");
+    });
+    testing::internal::GetCapturedStdout();
+    EXPECT_TRUE(wasLocal);
+    std::thread([&] {
+        expectRefusal("Parallel is explicitly locked out of FieldLoops", "!FieldLoopState::busy()",
+                      "Communicator.cpp");
+        FieldLoopState::setIdle();
+        expectRefusal("Parallel messaging can only be called from the main thread", "Thread::isMain()",
+                      "Communicator.cpp");
+    }).join();
+    MessagingGate::set(MessagingGate::FIELD_LOOP,
+                       false); // the other thread left the main thread's word alone
+    for (const CommunicatorOperation& operation : communicatorOperations())
+        EXPECT_NO_THROW(operation.run(comm)) << operation.name;
+}
+
+// Calls of which the data that arrives tells nothing
+
+TEST_F(CommunicatorOfThree, makesTheseCalls) {
+    Communicator comm;
+    std::vector<double> values(2);
+    std::vector<std::array<float, 3>> triples(2);
+    const std::string text = "abc";
+    std::string got;
+    std::vector<double> gotValues(2);
+    unsigned source = 0;
+    struct Row {
+        std::function<void()> run;
+        Texts calls;
+    };
+    const Row rows[] = {
+        {[&] { comm.send(2.5, 0); }, {"Send(count=1, datatype=10, dest=0, tag=32767, comm=1)"}},
+        {[&] { comm.send(values, 2, 4); },
+         {"Send(count=1, datatype=7, dest=2, tag=4, comm=1)",
+          "Send(count=2, datatype=10, dest=2, tag=4, comm=1)"}},
+        {[&] { comm.send(std::string(), 2, 4); }, {"Send(count=1, datatype=7, dest=2, tag=4, comm=1)"}},
+        {[&] { comm.syncSend(triples, 2, 4); },
+         {"Ssend(count=1, datatype=7, dest=2, tag=4, comm=1)",
+          "Ssend(count=6, datatype=9, dest=2, tag=4, comm=1)"}},
+        {[&] { comm.send(std::span(values), 0, 1); }, {"Send(count=2, datatype=10, dest=0, tag=1, comm=1)"}},
+        {[&] { comm.recvFromAny(gotValues, source, 3); },
+         {"Recv(count=1, datatype=7, source=2147483647, tag=3, comm=1)"}},
+        {[&] { comm.sendrecv(text, 0, got, 2); },
+         {"Sendrecv(sendCount=1, sendType=7, dest=0, sendTag=0, recvCount=1, recvType=7, source=2, "
+          "recvTag=0, comm=1)",
+          "Sendrecv(sendCount=3, sendType=3, dest=0, sendTag=0, recvCount=0, recvType=3, source=2, "
+          "recvTag=0, comm=1)"}},
+    };
+    for (const Row& row : rows)
+        EXPECT_EQ(callsOf(row.run), row.calls);
+    EXPECT_TRUE(gotValues.empty()) << "resized to what was received";
+}
+
+// Timer and statistics
+
+TEST_F(CommunicatorOfThree, timerAddsUpSuccesses) {
+    Communicator comm;
+    Communicator other;
+    mpi.setClock(0.0, 1.0);
+    for (const CommunicatorOperation& operation : communicatorOperations())
+        operation.run(comm);
+    EXPECT_EQ(mpi.clockReadings(), 0);
+    other.enableCommunicationTimer(true);
+    comm.enableCommunicationTimer(true);
+    EXPECT_FALSE(MessagingGate::isOpen());
+    other.enableCommunicationTimer(false);
+    double expected = 0.0;
+    for (const CommunicatorOperation& operation : communicatorOperations()) {
+        operation.run(comm);
+        expected += double(operation.events.size()) - (operation.name == "freeRequest");
+        EXPECT_EQ(comm.getCommunicationTime(), expected) << operation.name;
+    }
+    mpi.fail("Barrier", 1, OXM_MPI_ERR_OTHER);
+    EXPECT_THROW(comm.synchronise(), NonRecoverableError);
+    other.synchronise();
+    EXPECT_EQ(comm.getCommunicationTime(), expected);
+    EXPECT_EQ(other.getCommunicationTime(), 0.0);
+}
+
+class Recorder : public CommunicatorStatistics {
+public:
+    Recorder() { _before = install(this); }
+    ~Recorder() override { install(_before); }
+    void* open(Kind, const char* name, unsigned bytes) override {
+        ++isOpen;
+        _entry = std::string(name).substr(std::string("Communicator::").size()) + " " + std::to_string(bytes);
+        return this;
+    }
+    void close(Kind kind, void* event, unsigned partner) noexcept override {
+        EXPECT_EQ(event, this);
+        --isOpen;
+        events.push_back(_entry + (kind == POINT_TO_POINT ? " " + std::to_string(partner) : ""));
+    }
+
+    Texts events;
+    int isOpen = 0;
+
+private:
+    CommunicatorStatistics* _before;
+    std::string _entry;
+};
+
+TEST_F(CommunicatorOfThree, statisticsSeeEachOperation) {
+    Communicator comm;
+    Recorder recorder;
+    for (const CommunicatorOperation& operation : communicatorOperations()) {
+        recorder.events.clear();
+        operation.run(comm);
+        EXPECT_EQ(recorder.events, operation.events) << operation.name;
+        EXPECT_EQ(recorder.isOpen, 0);
+    }
+    recorder.events.clear();
+    mpi.fail("Send", 1, OXM_MPI_ERR_OTHER);
+    mpi.fail("Barrier", 1, OXM_MPI_ERR_OTHER);
+    EXPECT_THROW(comm.send(1, 2), NonRecoverableError);
+    EXPECT_THROW(comm.synchronise(), NonRecoverableError);
+    EXPECT_EQ(recorder.events, (Texts{"Send 4 0", "Synchronise 0"})) << "an exception closes with partner 0";
+    EXPECT_EQ(recorder.isOpen, 0);
+}
+
+// Failures
+
+/// Each wrapper call of each operation fails in turn: the error comes out, nothing stays behind, and the next
+/// use succeeds.
+TEST_F(CommunicatorOfThree, outlivesEachFailure) {
+    Communicator comm;
+    // What nobody frees a second time when its free fails.
+    const std::map<std::string, std::string> lost{
+        {"Type_free", "datatype"}, {"Op_free", "op"}, {"Comm_free", "comm"}, {"Group_free", "group"}};
+    const auto failEachCallOf = [&](const CommunicatorOperation& operation) {
+        const auto run = [&] { operation.run(comm); };
+        const auto forgetTypes = [] { MpiCore::getOnFinalizationObservable().notify(); };
+        const int calls = int(callsOf(run).size());
+        forgetTypes();
+        for (int nth = 1; nth <= calls; ++nth) {
+            Handles expected = mpi.liveHandles();
+            mpi.clearCalls();
+            mpi.failAny(nth, OXM_MPI_ERR_OTHER);
+            testing::internal::CaptureStderr();
+            const std::string message = messageOf<NonRecoverableError>(run);
+            testing::internal::GetCapturedStderr();
+            ASSERT_GE(int(mpi.calls().size()), nth);
+            const ScriptedCall failed = mpi.calls()[std::size_t(nth) - 1];
+            // The reduction tells of a type that couldn't be made, and a destructor tells nobody.
+            const bool isLast = nth == calls && (failed.name == "Type_free" || failed.name == "Group_free");
+            const bool isSilent = isLast || failed.name == "Comm_group" || failed.name == "Comm_free";
+            EXPECT_EQ(message.empty(), isSilent) << failed.text();
+            forgetTypes();
+            if (lost.contains(failed.name) && (isSilent || failed.name != "Group_free"))
+                ++expected[lost.at(failed.name)];
+            EXPECT_EQ(mpi.liveHandles(), expected) << failed.text();
+            EXPECT_NO_THROW(run()) << "after the failure of " << failed.text();
+            forgetTypes();
+        }
+    };
+    for (const std::size_t limit : {comm.getMaxBufferSize(), std::size_t(8)}) { // whole and cut
+        testing::internal::CaptureStdout();
+        comm.setMaxBufferSize(limit);
+        for (const CommunicatorOperation& operation : communicatorOperations()) {
+            SCOPED_TRACE(testing::Message() << operation.name << " with a limit of " << limit);
+            failEachCallOf(operation);
+        }
+        testing::internal::GetCapturedStdout();
+    }
+}
+
+// Assertions on the views
+
+TEST_F(CommunicatorOfThree, bufferLevelChecks) {
+    Communicator comm;
+    CommunicatorTestAccess access(comm);
+    using Access = CommunicatorTestAccess;
+    double data[4] = {};
+    const Access::In in{data, 1, OXM_MPI_DOUBLE, 8};
+    const Access::In fourIn{data, 4, OXM_MPI_INT, 4};
+    const Access::Out out{data, 1, OXM_MPI_INT, 4};
+    const Access::Out sameOut{data, 1, OXM_MPI_DOUBLE, 8};
+    const Access::LargeIn largeIn{data, 1, OXM_MPI_DOUBLE, 8};
+    const Access::LargeOut largeOut{data, 1, OXM_MPI_INT, 4};
+    const char* const types = "sendbuf.type == recvbuf.type";
+    const char* const collectives = "CommunicatorCollectives.cpp";
+    const char* const cutting = "CommunicatorCutting.cpp";
+    expectAssertion([&] { access.sendrecv(in, 1, out, 1); }, "Communicator::sendrecv", types,
+                    "CommunicatorPointToPoint.cpp");
+    for (const auto& [dest, source] : {std::pair(1u, 2u), std::pair(0u, 1u)})
+        expectAssertion([&, to = dest, from = source] { access.sendrecv(in, to, sameOut, from); },
+                        "Cannot sendrecv to/from self", "dest!=_myRank && source!=_myRank",
+                        "CommunicatorPointToPoint.cpp");
+    MpiCore::RequestStack requests;
+    MpiCore::PersistentRequestStack prepared;
+    const std::pair<bool, std::function<void()>> withSelf[] = {
+        {true, [&] { comm.syncSend(data[0], 1); }},
+        {true, [&] { comm.iSend(data[0], 1, requests); }},
+        {true, [&] { comm.iSyncSend(data[0], 1, requests); }},
+        {false, [&] { comm.recv(data[0], 1); }},
+        {false, [&] { comm.iRecv(data[0], 1, requests); }},
+        {false, [&] { comm.recvInit(data[0], 1, prepared); }},
+    };
+    for (const auto& [isSend, run] : withSelf)
+        expectAssertion(run, isSend ? "Cannot send to self" : "Cannot recv from self",
+                        isSend ? "dest!=_myRank" : "source!=_myRank", "CommunicatorPointToPoint.cpp");
+    EXPECT_TRUE(requests.empty() && prepared.empty());
+    expectAssertion([&] { access.gather(largeIn, largeOut); }, "Communicator::gather", types, collectives);
+    expectAssertion([&] { access.allGather(largeIn, largeOut); }, "Communicator::allGather", types,
+                    collectives);
+    expectAssertion([&] { access.scatter(largeIn, largeOut); }, "Communicator::scatter", types, collectives);
+    expectAssertion([&] { access.gatherVector(in, out); }, "Communicator::gatherVector", types, collectives);
+    expectAssertion([&] { access.gatherVector(largeIn, largeOut); }, "Communicator::gatherVector", types,
+                    cutting);
+    expectAssertion([&] { access.allGatherVector(largeIn, largeOut); }, "Communicator::allGatherVector",
+                    types, collectives);
+    expectAssertion([&] { access.scatterVector(in, out); }, "Communicator::scatterVector", types,
+                    collectives);
+    expectAssertion([&] { access.scatterVector(largeIn, largeOut); }, "Communicator::scatterVector", types,
+                    cutting);
+    expectAssertion([&] { access.allToAll(in, out); }, "Communicator::allToAll", types, collectives);
+    expectAssertion([&] { access.allToAllVector(in, out); }, "Communicator::allToAll", types, collectives);
+    expectAssertion([&] { access.reduceScatter(in, out); }, "Communicator::reduceScatter : mismatched types",
+                    types, "CommunicatorReductions.cpp");
+    expectAssertion([&] { access.reduceScatter(fourIn, out); },
+                    "Communicator::reduceScatter : mismatched counts",
+                    "sendbuf.size == SizeType(size())*recvbuf.size", "CommunicatorReductions.cpp");
+}
+
+TEST_F(CommunicatorOfThree, blocksMustBeThoseOfAllRanks) {
+    Communicator comm;
+    const std::vector<double> three(3);
+    const std::vector<double> four(4);
+    std::vector<double> got(2);
+    std::vector<unsigned> counts;
+    struct Row {
+        std::function<void()> run;
+        const char* message;
+        const char* condition;
+    };
+    const auto scatterVector = [&](const std::vector<unsigned>& lengths) {
+        return [&, lengths] { comm.scatterVector(three, lengths, got, 1); };
+    };
+    const auto allToAllVector = [&](const std::vector<unsigned>& lengths) {
+        return [&, lengths] { comm.allToAllVector(three, lengths, got, counts); };
+    };
+    const char* const scatter = "Communicator::scatter : mismatched counts";
+    const char* const equal = "send.size() == size()*recv.size()";
+    const char* const blocks = "Communicator : mismatched block counts";
+    const char* const all = "counts.size() == size() && send.size() == total";
+    const Row rows[] = {
+        {[&] { comm.scatter(four, got[0], 1); }, scatter, equal},
+        {[&] { comm.scatter(three, got, 1); }, scatter, equal},
+        {scatterVector({}), blocks, all},
+        {scatterVector({1, 2}), blocks, all},
+        {scatterVector({1, 1, 1, 0}), blocks, all},
+        {scatterVector({1, 1, 2}), blocks, all},
+        {allToAllVector({}), blocks, all},
+        {allToAllVector({1, 2}), blocks, all},
+        {allToAllVector({3, 1, 0}), blocks, all},
+        {[&] { comm.allToAll(four, got); }, "Communicator::allToAll : mismatched counts",
+         "send.size() % size() == 0"},
+    };
+    mpi.clearCalls();
+    for (const Row& row : rows)
+        expectAssertion(row.run, row.message, row.condition, "CommunicatorCounts.cpp");
+    EXPECT_TRUE(mpi.calls().empty());
+    EXPECT_EQ(got.size(), 2u);
+    // Who isn't the root hands out nothing.
+    EXPECT_NO_THROW(comm.scatter(four, got, 0));
+    EXPECT_NO_THROW(comm.scatterVector(three, {1}, got, 0));
+}
+
+/// A container as large as none in memory can be.
+struct Endless {
+    std::size_t size() const { return 4294967296u; }
+    char* data() { return nullptr; }
+    void resize(std::size_t) {}
+};
+
+TEST_F(CommunicatorOfThree, countsAreCastInOnePlace) {
+    using Access = CommunicatorTestAccess;
+    const auto messageFor = [](unsigned long long value, unsigned long long bound) {
+        return "Invalid integer cast.\nAn oversized message size or displacement has been detected.\n"
+               "Oversized messages may imply too few parallel processes are being used.\nActual value = " +
+               std::to_string(value) + "\nMax value = " + std::to_string(bound) + "\n";
+    };
+    EXPECT_EQ(Access::castCount<int>(2147483647ull), 2147483647);
+    EXPECT_EQ(Access::castCount<unsigned>(4294967295ull), 4294967295u);
+    for (const unsigned long long value : {2147483648ull, 4294967296ull})
+        expectAssertion([&] { Access::castCount<int>(value); }, messageFor(value, 2147483647), "false",
+                        "MessageBuffers.cpp");
+    expectAssertion([&] { Access::castCount<unsigned>(4294967296ull); },
+                    messageFor(4294967296ull, 4294967295ull), "false", "MessageBuffers.cpp");
+
+    Communicator comm;
+    mpi.clearCalls();
+    const double* const nothing = nullptr;
+    const std::array<double, 2>* const pairs = nullptr;
+    EXPECT_THROW(comm.send(nothing, 2147483648u, 2), InternalError);
+    EXPECT_THROW(comm.send(pairs, 1073741824u, 2), InternalError);
+    EXPECT_THROW(comm.broadcast(static_cast<char*>(nullptr), 4294967296ull, 0), InternalError);
+    // All ranks know the total, and refuse it alike.
+    double* const nowhere = nullptr;
+    for (const unsigned root : {1u, 2u}) {
+        EXPECT_THROW(comm.gather(nothing, 1431655766, nowhere, root), InternalError);
+        EXPECT_THROW(comm.scatter(nothing, nowhere, 1431655766, root), InternalError);
+    }
+    const char* const oversized = "An oversized communication message has been detected.";
+    const char* const sentCount = "s.size <= std::numeric_limits<mssg_count_t>::max()";
+    const char* const receivedCount = "r.size <= std::numeric_limits<mssg_count_t>::max()";
+    const std::string_view endlessText(nullptr, 4294967296u);
+    Endless endless;
+    std::string text;
+    unsigned source = 0;
+    const std::pair<const char*, std::function<void()>> containers[] = {
+        {sentCount, [&] { comm.send(endlessText, 2); }},
+        {sentCount, [&] { comm.sendrecv(endlessText, 2, text, 0); }},
+        {receivedCount, [&] { comm.recv(endless, 2); }},
+        {receivedCount, [&] { comm.recvFromAny(endless, source); }},
+    };
+    for (const auto& [condition, run] : containers)
+        expectAssertion(run, oversized, condition, "CommunicatorCounts.cpp");
+    // One that has a count, but is too long for one message, sends no count ahead of its refusal.
+    const std::string_view longText(nullptr, 2147483648u);
+    EXPECT_THROW(comm.send(longText, 2), InternalError);
+    EXPECT_THROW(comm.sendrecv(longText, 2, text, 0), InternalError);
+    mpi.setAction("Alltoall", [](const ScriptedCall& call) {
+        std::fill_n(static_cast<unsigned*>(call.addresses.at("recvBuffer")), 3, 1431655765u);
+        return OXM_MPI_SUCCESS;
+    });
+    std::vector<unsigned> received;
+    expectAssertion(
+        [&] {
+            comm.allToAllVector(text, {0, 0, 0}, text, received);
+        },
+        messageFor(4294967295ull, 2147483647), "false", "MessageBuffers.cpp");
+    EXPECT_TRUE(text.empty());
+    EXPECT_EQ(mpi.names(), Texts{"Alltoall"}) << "all else was refused before its first call";
+    mpi.setWorld(0, 3);
+    Communicator master;
+    CommunicatorTestAccess access(master);
+    std::vector<unsigned> counts;
+    expectAssertion([&] { access.gatherCounts(4294967296ull, counts); }, "Overflow in recv counts container",
+                    "s.size <= std::numeric_limits<typename PrimitiveArray::Array<C>::t>::max()",
+                    "CommunicatorCounts.cpp");
+    mpi.setAction("Gather", [](const ScriptedCall& call) {
+        std::fill_n(static_cast<unsigned*>(call.addresses.at("recvBuffer")), 3, 1431655766u);
+        return OXM_MPI_SUCCESS;
+    });
+    expectAssertion([&] { access.gatherCounts(1, counts); },
+                    std::string(oversized) + "\nMessage count = 4294967298\nMax count = 4294967295.\n" +
+                        Communicator::_oversizedMessageHint + "\n",
+                    "false", "CommunicatorCounts.cpp");
+}
+
+// The tests that it brings itself
+
+TEST_F(CommunicatorOfThree, testCommunicatorTellsWhatItReceives) {
+    mpi.setWorld(0, 3);
+    mpi.setProcessorName("here");
+    Communicator comm;
+    const auto run = [&](unsigned first, unsigned second) {
+        mpi.deliver(1, 0, &first, sizeof first);
+        mpi.deliver(2, 0, &second, sizeof second);
+        testing::internal::CaptureStdout();
+        try {
+            comm.testCommunicator();
+        } catch (const InternalError& error) {
+            std::cout << Error::getMessage(error.getProperties());
+        }
+        return testing::internal::GetCapturedStdout();
+    };
+    EXPECT_EQ(run(1001, 1002), "\nTesting communicator here\nComm here: received 1001 from 1\n"
+                               "Comm here: received 1002 from 2\n");
+    EXPECT_EQ(run(1001, 1003), "\nTesting communicator here\nComm here: received 1001 from 1\n"
+                               "Comm here: received 1003 from 2\nCommunicator failed recv check");
+    mpi.reset();
+    mpi.setWorld(2, 3);
+    Communicator worker;
+    testing::internal::CaptureStdout();
+    expectAssertion([&] { worker.testCommunicator(); }, "Communicator failed broadcast check",
+                    "check == _master", "CommunicatorSelfTest.cpp");
+    testing::internal::GetCapturedStdout();
+}
+
+TEST_F(CommunicatorOfThree, performanceTestCountsKibibytesASecond) {
+    mpi.setWorld(1, 3);
+    Communicator comm;
+    mpi.setClock(0.0, 0.5);
+    std::vector<double> sent;
+    mpi.setAction("Gather", [&](const ScriptedCall& call) {
+        const auto* const speeds = static_cast<const double*>(call.addresses.at("sendBuffer"));
+        sent.assign(speeds, speeds + call.get("sendCount"));
+        return OXM_MPI_SUCCESS;
+    });
+    std::vector<double> results{7.0};
+    mpi.clearCalls();
+    comm.performanceTest(results, 1025, 3);
+    EXPECT_EQ(sent, (std::vector<double>{6.0, 0.0, 6.0})); // 3075 bytes are 3 KiB, in half a second
+    EXPECT_EQ(results, std::vector<double>{7.0});
+    std::string pattern;
+    for (const ScriptedCall& call : mpi.calls())
+        pattern += call.name == "Ssend"  ? "s" + std::to_string(call.get("dest"))
+                   : call.name == "Recv" ? "r" + std::to_string(call.get("source"))
+                                         : call.name;
+    EXPECT_EQ(pattern, "r0r0r0r0s0s0s0s0s2s2s2s2r2r2r2r2Gather");
+    const Machine::SerialCritical lock;
+    EXPECT_THROW(comm.performanceTest(results, 8, 1), InternalError) << "the gather is gated";
+}
+
+TEST_F(CommunicatorOfThree, noSpinSynchroniseIsATree) {
+    mpi.setWorld(2, 7);
+    Communicator comm;
+    mpi.clearCalls();
+    comm.noSpinSynchronise(1.0);
+    Texts partners;
+    for (const ScriptedCall& call : mpi.calls())
+        if (call.name == "Irecv" || call.name == "Isend") {
+            EXPECT_EQ(call.get("count"), 0);
+            EXPECT_EQ(call.get("datatype"), 7);
+            EXPECT_EQ(call.get("tag"), 1022);
+            partners.push_back(call.name +
+                               std::to_string(call.get(call.name == "Irecv" ? "source" : "dest")));
+        }
+    EXPECT_EQ(partners, (Texts{"Irecv5", "Irecv6", "Isend0", "Irecv0", "Isend5", "Isend6"}));
+    EXPECT_EQ(mpi.liveHandles(), (Handles{{"group", 1}}));
+    mpi.setWorld(0, 1);
+    Communicator alone;
+    EXPECT_EQ(callsOf([&] { alone.noSpinSynchronise(0.0); }), Texts());
+    EXPECT_EQ(CommunicatorTestAccess::getSleep(512), 10u);
+    EXPECT_EQ(CommunicatorTestAccess::getSleep(513), 1u);
+}
+
+} // namespace
