@@ -7,10 +7,9 @@
 #include "kernel/Error.h"
 #include "kernel/MessagingGate.h"
 #include "kernel/Raise.h"
-#include "kernel/SignalHandler.h"
+#include "kernel/ReportStream.h"
 #include "kernel/SingletonCleaner.h"
 #include "kernel/Subject.h"
-#include "platform/Io.h"
 #include "platform/Lock.h"
 #include "platform/Log.h"
 #include "platform/Mutex.h"
@@ -100,7 +99,7 @@ void endForkedChild(int owner, const std::string& command) {
         return;
     const std::string text = "\nThe process " + std::to_string(self) + ", forked by the command " + command +
                              " of the server " + std::to_string(owner) + ", came back from it: it ends\n";
-    static_cast<void>(Platform::io().write(SignalHandler::getReportDescriptor(), text.data(), text.size()));
+    ReportStream::write(text);
     std::_Exit(1);
 }
 

@@ -4,9 +4,9 @@
 #include "kernel/Error.h"
 #include "kernel/FaultWatchdog.h"
 #include "kernel/Raise.h"
+#include "kernel/ReportStream.h"
 #include "kernel/Subject.h"
 #include "platform/FpuHandling.h"
-#include "platform/Io.h"
 #include "platform/Log.h"
 #include "platform/Process.h"
 #include "platform/Signals.h"
@@ -43,7 +43,6 @@ bool installed = false;
 /// What it pointed to before stays alive: a fault may be about to call it.
 std::atomic<const std::function<void()>*> abortCallback{nullptr};
 std::atomic<const std::function<void(std::string_view)>*> lastWordsCallback{nullptr};
-std::atomic<int> reportDescriptor{2};
 std::atomic<bool> processEnds{false};
 std::terminate_handler terminateBefore = nullptr;
 
@@ -55,11 +54,6 @@ const std::vector<int>& faultSignals() {
                                           Platform::Signals::ILLEGAL, Platform::Signals::FLOATING_POINT,
                                           Platform::Signals::ABORT};
     return signals;
-}
-
-void print(const std::string& text) {
-    // Nothing is left to do when even this fails.
-    static_cast<void>(Platform::io().write(reportDescriptor, text.data(), text.size()));
 }
 
 void sayLastWords(std::string_view reason) {
@@ -88,8 +82,9 @@ void sayLastWords(std::string_view reason) {
     faultState = FaultState::ENDING;
     watchdog.arm(signal, SignalHandler::FAULT_TIME_LIMIT);
     sayLastWords(Platform::Signals::getDescription(signal)); // without the heap, which may be at fault
-    print("\nFault in the handling of a fault: " + Platform::Signals::getFaultText(signal, code) + "\n");
-    Platform::error().writeStackTrace(reportDescriptor, MAX_TRACE_FRAMES);
+    ReportStream::write(
+        "\nFault in the handling of a fault: " + Platform::Signals::getFaultText(signal, code) + "\n");
+    Platform::error().writeStackTrace(ReportStream::getDescriptor(), MAX_TRACE_FRAMES);
     endProcess(signal, Platform::Signals::getFaultText(signal, code));
 }
 
@@ -105,7 +100,7 @@ void onTerminate() {
                 std::istringstream trace(properties.getString(Error::STACK_TRACE_TAG));
                 for (std::string line; std::getline(trace, line);)
                     text += "  " + line + "\n";
-                print(text);
+                ReportStream::write(text);
                 endProcess(properties.getInt(SIGNAL_NUMBER_TAG), error.what());
             }
         } catch (...) {
@@ -164,16 +159,16 @@ void speakBeforeDefault(int signal, int code, bool isSent) {
         return;
     }
     sayLastWords("abort() was called");
-    print("\nabort() was called:\n");
-    Platform::error().writeStackTrace(reportDescriptor, MAX_TRACE_FRAMES);
+    ReportStream::write("\nabort() was called:\n");
+    Platform::error().writeStackTrace(ReportStream::getDescriptor(), MAX_TRACE_FRAMES);
 }
 
 [[noreturn]] void endAtStackEnd(int signal) {
     constexpr const char* TEXT = "Stack overflow";
     faultState = FaultState::ENDING;
     watchdog.arm(signal, SignalHandler::FAULT_TIME_LIMIT);
-    print(std::string("\n") + TEXT + ":\n");
-    Platform::error().writeStackTrace(reportDescriptor, MAX_TRACE_FRAMES);
+    ReportStream::write(std::string("\n") + TEXT + ":\n");
+    Platform::error().writeStackTrace(ReportStream::getDescriptor(), MAX_TRACE_FRAMES);
     endProcess(signal, TEXT);
 }
 
@@ -261,14 +256,6 @@ void SignalHandler::announceEndSignals() {
         Platform::signals().restoreDefaults({signal});
         ::kill(Platform::process().getPid(), signal); // to a thread that doesn't block it
     });
-}
-
-void SignalHandler::setReportDescriptor(int descriptor) {
-    reportDescriptor = descriptor;
-}
-
-int SignalHandler::getReportDescriptor() {
-    return reportDescriptor;
 }
 
 void SignalHandler::setStopCallback(std::function<void(int signal, int sender)> callback) {

@@ -50,9 +50,6 @@ public:
     /// Calls the last-words callback also for SIGQUIT, SIGXCPU, SIGUSR1 and SIGUSR2, as far as they would end
     /// the process, which they do afterwards. Main thread.
     static void announceEndSignals();
-    /// Where traces and messages of faults are written: the standard error stream by default. Any thread.
-    static void setReportDescriptor(int descriptor);
-    static int getReportDescriptor();
     /// Called for each SIGTERM, SIGINT and SIGHUP with its number and the process that sent it (0: not
     /// known), on a thread of its own. An empty function gives them back to the system. Main thread.
     static void setStopCallback(std::function<void(int signal, int sender)> callback);

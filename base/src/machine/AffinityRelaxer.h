@@ -1,22 +1,22 @@
 #pragma once
 
-#include "machine/Machine.h"
 #include "machine/MachineExport.h"
+#include "machine/MachineGround.h"
 
 #include <memory>
 
 /// Lets every process of a shared-memory scope run on the processors of all of them while it lives.
 ///
 /// A process bound to one processor can't run a team of threads on the neighbouring ones. The constructor is
-/// collective over Machine::sharedMemCommunicator(scope); the destructor puts this process's binding back and
-/// sends no message. In a serial process neither touches the binding. No error leaves this class: a refusal
-/// is a line in the log, and the work goes on under the old binding. Main thread; relaxers nest.
+/// collective over MachineGround::sharedMemCommunicator(scope); the destructor puts this process's binding
+/// back and sends no message. In a serial process neither touches the binding. No error leaves this class: a
+/// refusal is a line in the log, and the work goes on under the old binding. Main thread; relaxers nest.
 class ORVEX_MACHINE_EXPORT AffinityRelaxer {
 public:
     /// Who may relax holds one.
     class Key {};
 
-    AffinityRelaxer(Machine::ShmemScope scope, const Key& key);
+    AffinityRelaxer(MachineGround::ShmemScope scope, const Key& key);
     ~AffinityRelaxer();
     AffinityRelaxer(const AffinityRelaxer&) = delete;
     AffinityRelaxer& operator=(const AffinityRelaxer&) = delete;

@@ -36,7 +36,7 @@ using mssg_count_t = unsigned int;
 ///
 /// All operations belong to the main thread, and those named collective must be called by all ranks of this
 /// communicator in the same order. They are refused, with an InternalError, while messaging is locked (see
-/// machine/MachineLocks.h) or from another thread. A failure of the message layer is a NonRecoverableError.
+/// machine/GroundLocks.h) or from another thread. A failure of the message layer is a NonRecoverableError.
 /// Both are raised on this rank only, and leave the communicator usable.
 ///
 /// Broadcasts, gathers and scatters cut a message that is larger than one call may carry; all others refuse
@@ -718,7 +718,6 @@ private:
     void readIdentity();
     void release() noexcept;
 
-    static void checkSerialCriticalLock();
     /// [ms] between two looks of a rank that sleeps in noSpinSynchronise() of a job of `ranks`.
     static unsigned getSleep(unsigned ranks);
     double getSendRecvSpeed(unsigned partner, bool sender, unsigned messageBytes, unsigned iterations);

@@ -4,7 +4,13 @@
 
 class AffinityMask;
 class CpuTopology;
-enum CpuBindingPolicy : int;
+
+/// How processes are placed on processors.
+enum CpuBindingPolicy : int {
+    BANDWIDTH_BINDING = 0, ///< spread over sockets and NUMA nodes, each on a core of its own
+    LATENCY_BINDING = 1,   ///< packed onto the lowest cores, each on one of its own
+    LEAST_LOAD_BINDING = 2 ///< each where the operating system has put it
+};
 
 /// Decides on which processor a process runs, and binds it there. Local, main thread.
 class ORVEX_MACHINE_EXPORT CpuBinder {

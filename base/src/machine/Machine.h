@@ -2,8 +2,10 @@
 
 #include "kernel/Observer.h"
 #include "kernel/Subject.h"
+#include "machine/CpuBinder.h"
 #include "machine/ExitStatus.h"
 #include "machine/MachineExport.h"
+#include "machine/MachineGround.h"
 
 #include <array>
 #include <map>
@@ -27,45 +29,19 @@ class Event;
 class Manager;
 } // namespace Analytics
 
-/// How processes are placed on processors.
-enum CpuBindingPolicy : int {
-    BANDWIDTH_BINDING = 0, ///< spread over sockets and NUMA nodes, each on a core of its own
-    LATENCY_BINDING = 1,   ///< packed onto the lowest cores, each on one of its own
-    LEAST_LOAD_BINDING = 2 ///< each where the operating system has put it
-};
-
-/// The process: what it is in the job, what it owns, how it starts and how it stops.
+/// The process: what it owns, how it starts and how it stops. Its role, rank, communicators and locks stand
+/// in MachineGround.
 ///
-/// One instance for each operating-system process. The static accessors tell the role, size and rank; they
-/// work before main() has run and then give a serial process of one rank. They may be called from any thread
-/// once main() has fixed the role.
-class ORVEX_MACHINE_EXPORT Machine {
+/// One instance for each operating-system process.
+class ORVEX_MACHINE_EXPORT Machine : public MachineGround {
 public:
-    enum SerialParallelMode : int { SERIAL_MODE = 0, MASTER_MODE = 1, WORKER_MODE = 2 };
-    enum NodeState : int {
-        UNKNOWN_STATE = -1,
-        AWAITING_COMMAND = 0,
-        GATHERING_RESPONSE = 1,
-        HANDLING_ERROR = 2,
-        PROCESSING = 3
-    };
     /// What kind of server the modules above make of this process; only stored here.
     enum ServerType : int { DEFAULT_SERVER_TYPE = 0 };
-    /// The groups of ranks that share memory; indexes the shared-memory and sparse communicators.
-    enum ShmemScope : int { NUMA_SCOPE = 0, SOCKET_SCOPE = 1, HOST_SCOPE = 2 };
-    static constexpr std::size_t NUMBER_SHMEM_SCOPES = 3;
-
-    /// Told once near the end of main().
-    class OnExitObserver : public Observer {};
     class ORVEX_MACHINE_EXPORT OnExitObservable : public Subject {
     public:
         void attach(OnExitObserver& observer);
         void detach(OnExitObserver& observer);
     };
-
-    // Guards that lock messaging out of a region: machine/MachineLocks.h
-    class SerialCritical;
-    class ParallelPerformanceCritical;
 
     /// Made on first use, without a lock: main() calls it before a second thread exists.
     static Machine& getSingleton();
@@ -80,32 +56,8 @@ public:
 
     OnExitObservable& getOnExitObservable() { return _onExitObservable; }
 
-    // Role and size.
-    static bool isSerial() { return _serialParallelMode == SERIAL_MODE; }
-    /// Rank 0 of a parallel job; false in a serial process.
-    static bool isMaster() { return _serialParallelMode == MASTER_MODE; }
-    static bool isParallel() { return _serialParallelMode > SERIAL_MODE; }
     static bool isProxyServer() { return _isProxyServer; }
     static bool isProxySessionDaemon() { return _isProxySessionDaemon; }
-    static unsigned nProcesses() { return _np; }
-    static unsigned getPartitionId() { return _partition; }
-
-    // Communicators and host. They stay the machine's.
-    /// All ranks. A parallel process has it from startCommunicators() until stopCommunicators() or abort();
-    /// nobody may ask for it before and after: there is nothing behind the reference then.
-    /// @throw InternalError in a serial process
-    static Communicator& globalCommunicator();
-    /// The ranks that share `scope` with this one. There is none before main() has bound the processes, nor
-    /// after stopCommunicators() or abort(), as above.
-    /// @throw InternalError in a serial process
-    static Communicator& sharedMemCommunicator(ShmemScope scope);
-    /// The ranks that are the first in their shared-memory communicator. Null on all others, and while there
-    /// are no shared-memory communicators. @throw InternalError in a serial process
-    static Communicator* hasSparseCommunicator(ShmemScope scope);
-    /// @throw InternalError before startCommunicators() and after stopCommunicators()
-    static const MachineHost& getHost();
-
-    static const std::string& getExecutableName() { return _executableName; }
     static const std::wstring& getExecutablePath() { return _executablePath; }
     static bool bindThreads() { return (_threadBindingAttributes & THREAD_BINDING_OFF) == 0; }
     static bool enableThreadBindingVerbosity() {
@@ -117,24 +69,11 @@ public:
     /// -cpubindcontentiontest sets it. The same on all ranks, before main() gets there.
     static bool isCpuBindingContentionTestEnabled() { return _cpuBindingContentionTest; }
     static void enableCpuBindingContentionTest(bool on) { _cpuBindingContentionTest = on; }
-    static bool getPrintpids() { return _printpids; }
     static ServerType getServerType();
     static void setServerType(ServerType type);
     static std::wstring getPassToDesign();
     static void setPassToDesign(std::wstring text);
 
-    // Locks, see machine/MachineLocks.h. Local.
-
-    /// @throw InternalError with the message while a SerialCritical lives, in every version and role
-    static void assertNotSerialCritical(const char* message);
-    /// In a development version with its checks on; another one goes on.
-    /// @throw InternalError while a ParallelPerformanceCritical lives, after an explanation on the console
-    static void assertNotParallelPerformanceCritical(const char* message);
-    static const unsigned& getPerformanceCriticalLock() { return _performanceCriticalLock; }
-
-    NodeState getState() const { return _state; }
-    void setState(NodeState state) { _state = state; }
-    std::string getStateString(NodeState state) const;
     const std::string& getProcessFileName() const { return _processFileName; }
     const std::wstring& getTemporaryDirectory() const { return _temporaryDirectory; }
     std::wstring getJobManagerURL() const { return _jobManagerUrl; }
@@ -144,10 +83,6 @@ public:
     void setParallelIo(bool on) { _parallelIo = on && isParallel(); }
     bool isDesignStudy() const { return _designStudy; }
     bool isDesignManager() const { return _designManager; }
-    /// Whether the collective checks of a development version run.
-    bool hasDevErrorChecking() const;
-    void setDevErrorChecking(bool on) { _devErrorChecking = on; }
-
     const ExitStatus& getExitStatus() const { return _exitStatus; }
     void updateExitStatus(const ExitStatus& status);
     /// Takes the whole job down with `status` added to the exit status. Any thread. Doesn't return in a
@@ -205,10 +140,6 @@ public:
     void stopCommunicators();
 
 private:
-    friend class Communicator;
-    friend class GlobalCondition;
-    friend class GlobalFloatingPointError;
-    friend class MachineHost;
     friend class MachineTestAccess;
 
     /// Option word to the number of command-line words that it uses, filled by the passes over the line.
@@ -226,8 +157,6 @@ private:
     };
 
     Machine();
-
-    static void handleFailedPerformanceCriticalTest(const char* message);
 
     // The steps of main(), in their order.
     /// Prints the answer to --help or --version. @return whether one of them was asked
@@ -256,7 +185,7 @@ private:
     /// @param indices  the sockets or NUMA nodes that this process is bound to
     void buildScopeCommunicator(ShmemScope scope, const std::vector<unsigned>& indices);
     /// One communicator of all ranks that are the first in theirs; null on the others.
-    static std::unique_ptr<Communicator> createSparseCompanion(const Communicator* communicator);
+    std::unique_ptr<Communicator> createSparseCompanion(const Communicator* communicator) const;
     void warnOfMixedVectorization() const;
     void startParallelErrorHandler();
     void startTimer();
@@ -285,46 +214,30 @@ private:
 
     void gatherOnMaster(double value, std::vector<double>& values) const;
     /// Gives up the communicators without destroying them: other ranks may be anywhere.
-    static std::unique_ptr<Communicator> releaseCommunicators();
+    /// @return that of all ranks, null when there is none
+    static Communicator* releaseCommunicators();
 
     static Machine* _singleton;
-    static SerialParallelMode _serialParallelMode;
-    static unsigned _np;
-    static unsigned _partition;
     static bool _threaded;
     static bool _useInternalBinding;
     static CpuBindingPolicy _cpuBindingPolicy;
     static bool _cpuBindingContentionTest;
     static unsigned _threadBindingAttributes;
-    static bool _printpids;
     static unsigned _iodebug;
     static bool _isProxyServer;
     static bool _isProxySessionDaemon;
-    static std::string _executableName;
     static std::wstring _executablePath;
-    static std::unique_ptr<Communicator> _globalComm;
-    static std::array<std::unique_ptr<Communicator>, NUMBER_SHMEM_SCOPES> _shmemComm;
-    static std::array<std::unique_ptr<Communicator>, NUMBER_SHMEM_SCOPES> _sparseComm;
-    static MachineHost* _host;
-    static unsigned _serialCriticalLock;
-    static unsigned _performanceCriticalLock;
 
     OnExitObservable _onExitObservable;
     std::string _processFileName;
-    NodeState _state = AWAITING_COMMAND;
     std::wstring _jobManagerUrl;
     int _taskId = -1;
     bool _parallelIo = false;
     bool _debuggerAttach = false;
-    bool _devErrorChecking = true;
-    Timer* _timer = nullptr;
     std::string _startTime;
     bool _deleteOnExit = false;
     std::wstring _temporaryDirectory;
     bool _usageDisabled = false;
-    Analytics::Manager* _usageManager = nullptr;
-    StandardStreamManager* _standardStreamManager = nullptr;
-    ParallelConsoleBuf* _parallelConsoleBuf = nullptr;
     SignalRaisedObserver _signalRaisedObserver;
     std::wstring _passToDesign;
     ServerType _serverType = DEFAULT_SERVER_TYPE;
@@ -332,5 +245,15 @@ private:
     Serializable* _defaultRootObject = nullptr;
     bool _designStudy = false;
     bool _designManager = false;
+
+    // Its own, each from a start step to a stop step. The last goes first.
     std::unique_ptr<LauncherWatch> _launcherWatch; ///< in a parallel process
+    std::unique_ptr<Communicator> _globalComm;
+    std::array<std::unique_ptr<Communicator>, NUMBER_SHMEM_SCOPES> _shmemComm;
+    std::array<std::unique_ptr<Communicator>, NUMBER_SHMEM_SCOPES> _sparseComm;
+    std::unique_ptr<MachineHost> _host;
+    std::unique_ptr<Timer> _timer;
+    std::unique_ptr<Analytics::Manager> _usageManager;
+    std::unique_ptr<ParallelConsoleBuf> _parallelConsoleBuf;
+    std::unique_ptr<StandardStreamManager> _standardStreamManager;
 };

@@ -12,6 +12,7 @@
 class AffinityMask;
 class Communicator;
 class CpuTopology;
+enum CpuBindingPolicy : int;
 class Properties;
 
 /// This process's view of how the job lies on the machines: which ranks share a host, what its hardware is,
@@ -74,11 +75,10 @@ public:
     /// How many processes of the job on this host have no physical core of their own among those that this
     /// process may use; 0 when there are enough, or when nothing is known of the hardware. Local.
     int isOverSubscribed() const;
-    /// Binds each process of the job on this host by the binding policy of Machine. Collective over the
-    /// processes of the host.
+    /// Binds each process of the job on this host by `policy`. Collective over the processes of the host.
     /// @return whether all of them are bound; false at once, with nothing done, on an over-subscribed host
     /// @throw InternalError for a policy that there isn't
-    bool bindProcesses() const;
+    bool bindProcesses(CpuBindingPolicy policy) const;
     /// The union of the bindings of the job's processes on this host. Collective over them.
     AffinityMask getHostAffinity() const;
 
@@ -92,7 +92,7 @@ public:
     /// retries after random pauses, up to 9 s in all. Collective over the processes of the host.
     /// @return whether it found a place
     /// @throw InternalError for a binding policy that there isn't
-    bool resolveCpuContention(bool verbose) const;
+    bool resolveCpuContention(CpuBindingPolicy policy, bool verbose) const;
 
     // Reports. Where one is collective: over the global communicator, on the main thread.
 
@@ -154,7 +154,7 @@ private:
     void writeOnMaster(const std::string& text) const;
     /// Collective over the host: whether all its processes see others on the same cores.
     bool isSeenByAll(const AffinityMask& others) const;
-    MoveResult moveAway(const std::vector<unsigned>& currentPids) const;
+    MoveResult moveAway(CpuBindingPolicy policy, const std::vector<unsigned>& currentPids) const;
     void pauseBeforeNextAttempt(bool verbose) const;
 
     // Reports.

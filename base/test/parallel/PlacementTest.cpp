@@ -233,7 +233,7 @@ TEST_F(Placement, getsOutOfTheWayOfOtherServers) {
     if (freeCores == 0)
         return;
     EXPECT_TRUE(host.hasCpuContention(false));
-    EXPECT_EQ(host.resolveCpuContention(false), _ranks <= freeCores);
+    EXPECT_EQ(host.resolveCpuContention(BANDWIDTH_BINDING, false), _ranks <= freeCores);
     EXPECT_EQ(Affinity::getProcessAffinity(realTopology()) == _bound, _ranks > freeCores)
         << "no room, no move";
     // A rank that is late at its place isn't seen at the old one.
@@ -250,7 +250,7 @@ TEST_F(Placement, followsTheCoresThatAreFree) {
     const MachineHost& host = Machine::getHost();
     const std::size_t cores = realTopology().getPhysicalCoresFromMask(getAvailable(realTopology())).size();
     EXPECT_EQ(host.isOverSubscribed(), _ranks > cores ? static_cast<int>(_ranks - cores) : 0);
-    EXPECT_EQ(host.bindProcesses(), _ranks <= cores);
+    EXPECT_EQ(host.bindProcesses(BANDWIDTH_BINDING), _ranks <= cores);
     if (_ranks <= cores) {
         EXPECT_TRUE(Affinity::isProcessBound(realTopology()));
         // All on different cores, so together on as many as there are processes.
@@ -328,14 +328,14 @@ TEST_F(Placement, keepsToWhatIsAllowedAndKnown) {
         MachineHostTestAccess::pretend(*host, std::vector<std::string>(row.processes, "here"));
         EXPECT_EQ(host->isOverSubscribed(), row.tooMany) << row.allow << row.processes;
         if (row.tooMany > 0) {
-            EXPECT_FALSE(host->bindProcesses());
+            EXPECT_FALSE(host->bindProcesses(BANDWIDTH_BINDING));
             EXPECT_EQ(Affinity::getProcessAffinity(realTopology()), _bound) << "nothing happens";
         }
     }
     // Nothing is known of the hardware: nobody is too many, and nothing can be chosen.
     MachineHostTestAccess::equip(*host, CpuTopology(std::string("no XML at all\0", 14)));
     EXPECT_EQ(host->isOverSubscribed(), 0);
-    EXPECT_FALSE(host->bindProcesses());
+    EXPECT_FALSE(host->bindProcesses(BANDWIDTH_BINDING));
     EXPECT_EQ(occupied({own}), List{});
 }
 

@@ -30,29 +30,22 @@ protected:
     void TearDown() override {
         if (Machine::isSerial())
             return;
-        destroyCommunicators();
+        MachineTestAccess::dropSharedMemCommunicators();
         MachineTestAccess::swapHost(_realHost);
         AffinityTestAccess::clearProcess(_realHost->getCpuTopology());
     }
     /// Until the end of the test the job is on hosts of these names, with this hardware.
     void enter(const std::string& hostName, const std::string& machine) {
-        destroyCommunicators();
+        MachineTestAccess::dropSharedMemCommunicators();
         MachineTestAccess::swapHost(nullptr);
         _host = MachineHostTestAccess::claim(hostName);
         MachineHostTestAccess::equip(*_host, CpuTopology(makeTestMachine("machine " + machine)));
         MachineTestAccess::swapHost(_host.get());
     }
 
-    static void destroyCommunicators() {
-        for (std::size_t scope = 0; scope < Machine::NUMBER_SHMEM_SCOPES; ++scope) {
-            MachineTestAccess::sharedMemCommunicators()[scope].reset();
-            MachineTestAccess::sparseCommunicators()[scope].reset();
-        }
-    }
-
     const unsigned _ranks = Machine::nProcesses();
     const unsigned _me = Machine::getPartitionId();
-    MachineHost* _realHost = nullptr;
+    const MachineHost* _realHost = nullptr;
     std::unique_ptr<MachineHost> _host;
 };
 

@@ -1,8 +1,8 @@
 #include "machine/GlobalCondition.h"
 
 #include "machine/Communicator.h"
-#include "machine/Machine.h"
-#include "machine/MachineLocks.h"
+#include "machine/GroundLocks.h"
+#include "machine/MachineGround.h"
 
 #include "kernel/MessagingGate.h"
 #include "kernel/OrvexVersion.h"
@@ -13,18 +13,19 @@ namespace {
 /// Collective: the number of ranks on which the condition holds.
 unsigned countTrue(bool condition) {
     unsigned trueCount = condition ? 1u : 0u;
-    Machine::globalCommunicator().allReduce(trueCount, Communicator::SUM);
+    MachineGround::globalCommunicator().allReduce(trueCount, Communicator::SUM);
     return trueCount;
 }
 
 bool checkInvariant(bool condition) {
-    if (!Machine::getSingleton().hasDevErrorChecking() ||
-        Machine::nProcesses() > GlobalCondition::MAX_CHECKED_PROCESSES)
+    if (!MachineGround::hasDevErrorChecking() ||
+        MachineGround::nProcesses() > GlobalCondition::MAX_CHECKED_PROCESSES)
         return condition;
-    const Machine::ParallelPerformanceCritical::Exemption exemption;
+    const MachineGround::ParallelPerformanceCritical::Exemption exemption;
     const unsigned trueCount = countTrue(condition);
-    ORVEX_ASSERT(trueCount == 0 || trueCount == Machine::nProcesses(),
-                 "Invalid use of ON_ALL_INVARIANT; conditions differ");
+    ORVEX_ASSERT_AS(trueCount == 0 || trueCount == MachineGround::nProcesses(),
+                    "trueCount == 0 || trueCount == Machine::nProcesses()",
+                    "Invalid use of ON_ALL_INVARIANT; conditions differ");
     return condition;
 }
 
@@ -37,19 +38,19 @@ GlobalCondition::~GlobalCondition() = default;
 
 bool GlobalCondition::computeCollectiveCondition(bool condition, ModeEnum mode) {
     // An open gate says that nothing is locked.
-    if (!MessagingGate::isOpen() && (Machine::isParallel() || OrvexVersion::isDevelopmentVersion()))
-        ORVEX_ASSERT_AS(Machine::_serialCriticalLock == 0, "! _serialCriticalLock",
+    if (!MessagingGate::isOpen() && (MachineGround::isParallel() || OrvexVersion::isDevelopmentVersion()))
+        ORVEX_ASSERT_AS(!MachineGround::isSerialCritical(), "! _serialCriticalLock",
                         "Coding error: GlobalCondition attempted in a serial-critical code section");
-    if (Machine::isSerial())
+    if (MachineGround::isSerial())
         return condition;
 
     switch (mode) {
     case ON_ALL:
-        return countTrue(condition) == Machine::nProcesses();
+        return countTrue(condition) == MachineGround::nProcesses();
     case ON_ANY:
         return countTrue(condition) > 0;
     case ON_MASTER:
-        Machine::globalCommunicator().broadcast(condition, Communicator::masterRank());
+        MachineGround::globalCommunicator().broadcast(condition, Communicator::masterRank());
         return condition;
     case ON_ALL_INVARIANT:
         return checkInvariant(condition);

@@ -1,21 +1,21 @@
 #include "machine/GlobalErrorCheck.h"
 
 #include "machine/Communicator.h"
-#include "machine/Machine.h"
-#include "machine/MachineLocks.h"
+#include "machine/GroundLocks.h"
+#include "machine/MachineGround.h"
 
 bool GlobalErrorCheck::holds(bool condition, GlobalCondition::ModeEnum mode, const char* file, int line) {
     const GlobalCondition ok(condition, mode);
-    if (Machine::isParallel() && Machine::getSingleton().hasDevErrorChecking() &&
+    if (MachineGround::isParallel() && MachineGround::hasDevErrorChecking() &&
         (mode != GlobalCondition::ON_ALL_INVARIANT ||
-         Machine::nProcesses() <= GlobalCondition::MAX_CHECKED_PROCESSES))
+         MachineGround::nProcesses() <= GlobalCondition::MAX_CHECKED_PROCESSES))
         assertSameContext(file, line);
     return ok;
 }
 
 void GlobalErrorCheck::assertSameContext(const std::string& file, int line) {
-    const Machine::ParallelPerformanceCritical::Exemption exemption;
-    Communicator& communicator = Machine::globalCommunicator();
+    const MachineGround::ParallelPerformanceCritical::Exemption exemption;
+    Communicator& communicator = MachineGround::globalCommunicator();
     int lineMaster = line;
     communicator.broadcast(lineMaster, Communicator::masterRank());
     if (!GlobalCondition(line != lineMaster, GlobalCondition::ON_ANY))

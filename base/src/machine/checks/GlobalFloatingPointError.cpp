@@ -3,7 +3,7 @@
 #include "machine/Communicator.h"
 #include "machine/GlobalCondition.h"
 #include "machine/GlobalFloatingPointExceptionStatus.h"
-#include "machine/Machine.h"
+#include "machine/MachineGround.h"
 
 #include "kernel/OrvexVersion.h"
 #include "kernel/Raise.h"
@@ -37,7 +37,7 @@ std::string describe(const std::set<std::string>& errors) {
 
 void GlobalFloatingPointError::assertNoError() {
     ORVEX_ASSERT_AS(
-        Machine::_serialCriticalLock == 0, "! _serialCriticalLock",
+        !MachineGround::isSerialCritical(), "! _serialCriticalLock",
         "Cannot check global floating point error status in serial critical code. The status check must "
         "be called collectively on all processes.");
     ORVEX_ASSERT_AS(
@@ -56,8 +56,8 @@ void GlobalFloatingPointError::assertNoError() {
     FloatingPointErrorRecord::clear();
 
     std::set<std::string> errors;
-    if (Machine::isParallel())
-        Machine::globalCommunicator().allGather(localErrors, errors);
+    if (MachineGround::isParallel())
+        MachineGround::globalCommunicator().allGather(localErrors, errors);
     else
         errors = localErrors;
     raise(FloatingPointError(describe(errors)));

@@ -1,7 +1,7 @@
 #include "machine/GlobalReport.h"
 
 #include "machine/Communicator.h"
-#include "machine/Machine.h"
+#include "machine/MachineGround.h"
 
 #include "kernel/ObservableFromClient.h"
 
@@ -9,8 +9,8 @@
 
 void GlobalReport::limit(const std::string& quantity, const std::string& region, long long cells,
                          const double* value) {
-    if (Machine::isParallel())
-        Machine::globalCommunicator().allReduce(cells, Communicator::SUM);
+    if (MachineGround::isParallel())
+        MachineGround::globalCommunicator().allReduce(cells, Communicator::SUM);
     if (cells <= 0)
         return;
     std::ostringstream text;

@@ -1,12 +1,12 @@
 #include "machine/CommandAutoLock.h"
 
-#include "machine/Machine.h"
+#include "machine/MachineGround.h"
 
 #include "kernel/Controller.h"
 #include "platform/Mutex.h"
 
 CommandAutoLock::CommandAutoLock() {
-    if (!Machine::isSerial() && !Machine::isMaster())
+    if (!MachineGround::isSerialOrMaster())
         return;
     _lock = &Controller::getSingleton().getLock();
     _lock->lock();

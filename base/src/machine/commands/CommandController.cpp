@@ -21,10 +21,6 @@
 
 namespace {
 
-bool isSerialOrMaster() {
-    return Machine::isSerial() || Machine::isMaster();
-}
-
 /// The name of the command that gave `response`: the command may have put something else in its place.
 std::string commandIn(const Properties& response) {
     constexpr const char* UNKNOWN = "Unknown Command";
@@ -98,7 +94,7 @@ std::optional<Properties> gatherError(const Properties* mine) {
 }
 
 void assertMayExecuteCommands() {
-    ORVEX_ASSERT_AS(isSerialOrMaster(), "Machine::isSerial() || Machine::isMaster()",
+    ORVEX_ASSERT_AS(Machine::isSerialOrMaster(), "Machine::isSerial() || Machine::isMaster()",
                     "Only Serial or Controller process can execute Commands outside of listen/execute loop");
 }
 
@@ -197,7 +193,7 @@ public:
 
 private:
     static void assertRole() {
-        ORVEX_ASSERT_AS(isSerialOrMaster(), "Machine::isSerial() || Machine::isMaster()",
+        ORVEX_ASSERT_AS(Machine::isSerialOrMaster(), "Machine::isSerial() || Machine::isMaster()",
                         "Only Serial or Controller can enter SerialMasterCommandLoop");
     }
 };
@@ -207,7 +203,7 @@ public:
     using CommandLoop::CommandLoop;
 
     void run() {
-        ORVEX_ASSERT_AS(!isSerialOrMaster(), "!(Machine::isSerial() || Machine::isMaster())",
+        ORVEX_ASSERT_AS(!Machine::isSerialOrMaster(), "!(Machine::isSerial() || Machine::isMaster())",
                         "Only Worker can enter WorkerCommandLoop");
         while (!_exit)
             serveOne();
@@ -281,7 +277,7 @@ CommandController::~CommandController() {
 }
 
 void CommandController::processCommands() {
-    if (!isSerialOrMaster()) {
+    if (!Machine::isSerialOrMaster()) {
         SlaveCommandLoop(this).run();
         return;
     }
@@ -291,12 +287,12 @@ void CommandController::processCommands() {
 }
 
 void CommandController::processQueuedCommands() {
-    const bool hasCommands = isSerialOrMaster() && Controller::getSingleton().hasQueuedCommands();
+    const bool hasCommands = Machine::isSerialOrMaster() && Controller::getSingleton().hasQueuedCommands();
     if (!GlobalCondition(hasCommands, GlobalCondition::ON_MASTER))
         return;
     GlobalFloatingPointExceptionStatus::AssertNoException(AssertNoFpeAccessKey());
     const SpinWaitScope spinning(*this);
-    if (!isSerialOrMaster()) {
+    if (!Machine::isSerialOrMaster()) {
         SlaveCommandLoop(this).run();
         return;
     }

@@ -1,6 +1,6 @@
 #include "machine/commands/FileSystemCommands.h"
 
-#include "machine/Machine.h"
+#include "machine/MachineGround.h"
 
 #include "kernel/Command.h"
 #include "kernel/Controller.h"
@@ -61,7 +61,7 @@ void tell(Properties& response, int error, const std::wstring& paths) {
 
 /// The ranks of a job may share their files: one process changes them.
 bool mayChangeFiles() {
-    return Machine::isSerial() || Machine::isMaster();
+    return MachineGround::isSerialOrMaster();
 }
 
 class GetDir : public QueryCommand {

@@ -185,7 +185,7 @@ public:
     void execute(const Properties&, Properties& response) override {
         std::vector<std::string> hosts;
         Machine::getSingleton().getHostsOnMaster(hosts);
-        if (!Machine::isSerial() && !Machine::isMaster())
+        if (!Machine::isSerialOrMaster())
             return;
         response.set("Number Processes", hosts.size());
         for (std::size_t rank = 0; rank < hosts.size(); ++rank)

@@ -4,7 +4,7 @@
 #include "machine/AffinityRelaxer.h"
 #include "machine/CpuTopology.h"
 #include "machine/GlobalCondition.h"
-#include "machine/Machine.h"
+#include "machine/MachineGround.h"
 #include "machine/MachineHost.h"
 
 #include "kernel/Command.h"
@@ -35,12 +35,12 @@ public:
 
 private:
     static const char* findFailure() {
-        const CpuTopology& topology = Machine::getHost().getCpuTopology();
+        const CpuTopology& topology = MachineGround::getHost().getCpuTopology();
         const AffinityMask original = Affinity::getProcessAffinity(topology);
         // To relax is collective: when one rank has nothing to begin with, none begins.
         if (GlobalCondition(original.empty(), GlobalCondition::ON_ANY))
             return "Unable to get process affinity before applying relaxation.";
-        auto relaxer = std::make_unique<AffinityRelaxer>(Machine::HOST_SCOPE, AffinityRelaxer::Key());
+        auto relaxer = std::make_unique<AffinityRelaxer>(MachineGround::HOST_SCOPE, AffinityRelaxer::Key());
         const AffinityMask relaxed = Affinity::getProcessAffinity(topology);
         if (relaxed.empty())
             return "Unable to get relaxed process affinity.";

@@ -1,7 +1,7 @@
 #include "machine/InputFileStream.h"
 
 #include "machine/Communicator.h"
-#include "machine/Machine.h"
+#include "machine/MachineGround.h"
 
 #include "kernel/Raise.h"
 #include "platform/FileSystem.h"
@@ -10,8 +10,7 @@
 #include <utility>
 
 InputFileStream::InputFileStream(std::shared_ptr<std::ifstream> stream)
-    : IStreamWrapper(*stream), _stream(std::move(stream)),
-      _isReader(Machine::isSerial() || Machine::isMaster()) {}
+    : IStreamWrapper(*stream), _stream(std::move(stream)), _isReader(MachineGround::isSerialOrMaster()) {}
 
 InputFileStream::InputFileStream() : InputFileStream(std::make_shared<std::ifstream>()) {}
 
@@ -48,24 +47,24 @@ void InputFileStream::close() {
 
 bool InputFileStream::is_open() const {
     bool isOpen = _isReader ? _stream->is_open() : true;
-    if (Machine::isParallel())
-        Machine::globalCommunicator().broadcast(isOpen, Communicator::_master);
+    if (MachineGround::isParallel())
+        MachineGround::globalCommunicator().broadcast(isOpen, Communicator::_master);
     return isOpen;
 }
 
 void InputFileStream::setBroadcastFlag(const bool& on) {
-    _broadcast = Machine::isParallel() && on;
+    _broadcast = MachineGround::isParallel() && on;
 }
 
 template <class T>
 void InputFileStream::share(T& value) const {
     if (_broadcast)
-        Machine::globalCommunicator().broadcast(value, Communicator::_master);
+        MachineGround::globalCommunicator().broadcast(value, Communicator::_master);
 }
 
 void InputFileStream::share(char* characters, std::streamsize count) const {
     if (_broadcast)
-        Machine::globalCommunicator().broadcast(
+        MachineGround::globalCommunicator().broadcast(
             characters, static_cast<std::size_t>(std::max<std::streamsize>(count, 0)), Communicator::_master);
 }
 

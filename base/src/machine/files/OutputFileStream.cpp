@@ -1,7 +1,7 @@
 #include "machine/OutputFileStream.h"
 
 #include "machine/Communicator.h"
-#include "machine/Machine.h"
+#include "machine/MachineGround.h"
 
 #include "platform/FileSystem.h"
 
@@ -32,7 +32,7 @@ void OutputFileStream::openHere(const char* path, std::ios_base::openmode mode) 
 
 bool OutputFileStream::share(bool value) const {
     if (_broadcast)
-        Machine::globalCommunicator().broadcast(value, Communicator::_master);
+        MachineGround::globalCommunicator().broadcast(value, Communicator::_master);
     return value;
 }
 
@@ -53,7 +53,7 @@ bool OutputFileStream::eof() const {
 }
 
 void OutputFileStream::setBroadcastFlag(const bool& on) {
-    _broadcast = Machine::isParallel() && on;
+    _broadcast = MachineGround::isParallel() && on;
 }
 
 bool OutputFileStream::open(const char* path, int mode) {
@@ -73,7 +73,7 @@ void OutputFileStream::close() {
 
 bool OutputFileStream::is_open() const {
     bool isOpen = holdsCondition() ? _stream->is_open() : true;
-    if (Machine::isParallel())
-        Machine::globalCommunicator().broadcast(isOpen, Communicator::_master);
+    if (MachineGround::isParallel())
+        MachineGround::globalCommunicator().broadcast(isOpen, Communicator::_master);
     return isOpen;
 }

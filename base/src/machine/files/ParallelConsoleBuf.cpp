@@ -1,7 +1,7 @@
 #include "machine/ParallelConsoleBuf.h"
 
 #include "machine/AtExitRegister.h"
-#include "machine/Machine.h"
+#include "machine/MachineGround.h"
 
 #include "kernel/server/ConsoleTee.h"
 #include "platform/FileSystem.h"
@@ -25,7 +25,8 @@ Mutex& _consoleMutex = *new Mutex;
 /// "Proc[<rank>] : ", in columns for up to 99 ranks.
 std::string rankPrefix() {
     std::ostringstream prefix;
-    prefix << "Proc[" << std::setw(Machine::nProcesses() > 9 ? 2 : 1) << Machine::getPartitionId() << "] : ";
+    prefix << "Proc[" << std::setw(MachineGround::nProcesses() > 9 ? 2 : 1) << MachineGround::getPartitionId()
+           << "] : ";
     return prefix.str();
 }
 
@@ -63,7 +64,7 @@ int ParallelConsoleBuf::enableLogFile(bool on) {
 }
 
 int ParallelConsoleBuf::openLogLocked() {
-    const std::string path = getLogPath(Machine::getPartitionId());
+    const std::string path = getLogPath(MachineGround::getPartitionId());
     errno = 0;
     // The file first, without waiting for somebody to read what may be a pipe.
     if (Platform::filesystem().createFile(Platform::filesystem().fromSystem(path)))
@@ -76,7 +77,7 @@ int ParallelConsoleBuf::openLogLocked() {
 void ParallelConsoleBuf::enableConsole(bool on) {
     const Lock lock(_consoleMutex);
     flushLocked();
-    _consoleOn = on || Machine::isMaster();
+    _consoleOn = on || MachineGround::isMaster();
     _prefix = on ? rankPrefix() : std::string();
 }
 

@@ -1,9 +1,9 @@
 #include "machine/SlaveOmittedOutputStream.h"
 
-#include "machine/Machine.h"
+#include "machine/MachineGround.h"
 
 bool FirstPartitionConditional::holds() {
-    return Machine::getPartitionId() == 0;
+    return MachineGround::getPartitionId() == 0;
 }
 
 SlaveOmittedOutputStream::SlaveOmittedOutputStream(std::ostream& stream)

@@ -1,6 +1,6 @@
 #include "machine/StandardStreamManager.h"
 
-#include "machine/Machine.h"
+#include "machine/MachineGround.h"
 #include "machine/StreamRedirector.h"
 
 #include "kernel/Raise.h"
@@ -69,7 +69,7 @@ private:
 std::unique_ptr<StandardStreamManager::StreamManager>
 StandardStreamManager::createStreamManager(FILE* stream, const std::wstring& directory,
                                            const std::wstring& name) {
-    const std::string& executable = Machine::getExecutableName();
+    const std::string& executable = MachineGround::getExecutableName();
     const std::wstring fileName = StringHelper::toWString(executable.substr(0, executable.rfind('.'))) +
                                   std::to_wstring(Platform::process().getPid()) + L"-" + name + L".txt";
     return std::make_unique<StreamManager>(stream, Platform::filesystem().join(directory, fileName));

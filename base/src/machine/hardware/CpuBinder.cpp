@@ -2,7 +2,6 @@
 
 #include "machine/Affinity.h"
 #include "machine/CpuTopology.h"
-#include "machine/Machine.h"
 
 #include "kernel/Raise.h"
 

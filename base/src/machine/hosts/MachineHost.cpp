@@ -5,7 +5,7 @@
 #include "machine/CpuBinder.h"
 #include "machine/CpuTopology.h"
 #include "machine/GlobalCondition.h"
-#include "machine/Machine.h"
+#include "machine/MachineGround.h"
 
 #include "kernel/Raise.h"
 #include "platform/BatchSystem.h"
@@ -20,7 +20,8 @@ namespace {
 constexpr unsigned MASK_LENGTH = 60; ///< of a printed mask's description
 
 std::string reportedHostName() {
-    return Machine::isParallel() ? Machine::globalCommunicator().myName() : Platform::io().getHostName();
+    return MachineGround::isParallel() ? MachineGround::globalCommunicator().myName()
+                                       : Platform::io().getHostName();
 }
 
 } // namespace
@@ -30,7 +31,7 @@ MachineHost::MachineHost() : MachineHost(reportedHostName()) {}
 MachineHost::MachineHost(const std::string& hostName)
     : _hostName(hostName), _pid(static_cast<unsigned>(Platform::process().getPid())) {
     gatherProcesses();
-    if (Machine::isParallel())
+    if (MachineGround::isParallel())
         buildCommunicators();
     buildTopology();
 }
@@ -40,9 +41,9 @@ MachineHost::~MachineHost() = default;
 void MachineHost::gatherProcesses() {
     const std::vector<std::string> names = gatherHostNames();
     std::vector<unsigned> pids{_pid};
-    if (Machine::isParallel())
-        Machine::globalCommunicator().allGather(_pid, pids);
-    for (unsigned rank = 0; rank < Machine::nProcesses(); ++rank)
+    if (MachineGround::isParallel())
+        MachineGround::globalCommunicator().allGather(_pid, pids);
+    for (unsigned rank = 0; rank < MachineGround::nProcesses(); ++rank)
         _hostPidMap.emplace(names[rank], std::make_pair(pids[rank], rank));
 
     std::vector<std::string> hosts;
@@ -52,13 +53,13 @@ void MachineHost::gatherProcesses() {
 
 std::vector<std::string> MachineHost::gatherHostNames() const {
     std::vector<std::string> names{_hostName};
-    if (Machine::isParallel())
-        Machine::globalCommunicator().allGather(_hostName, names);
+    if (MachineGround::isParallel())
+        MachineGround::globalCommunicator().allGather(_hostName, names);
     return names;
 }
 
 void MachineHost::buildCommunicators() {
-    Communicator& global = Machine::globalCommunicator();
+    Communicator& global = MachineGround::globalCommunicator();
     std::vector<unsigned> ranks;
     getMpiRanks(ranks);
     // Told by the rank: processes of two hosts may have the same identifier.
@@ -73,7 +74,8 @@ void MachineHost::buildCommunicators() {
 }
 
 void MachineHost::buildTopology() {
-    _cpuTopology = Machine::isSerial() ? std::make_unique<CpuTopology>() : shareTopology(getIntraHostComm());
+    _cpuTopology =
+        MachineGround::isSerial() ? std::make_unique<CpuTopology>() : shareTopology(getIntraHostComm());
 }
 
 std::unique_ptr<CpuTopology> MachineHost::shareTopology(Communicator& processes) {
@@ -139,7 +141,7 @@ Communicator& MachineHost::getInterHostComm() const {
 }
 
 unsigned MachineHost::getIntraHostRank() const {
-    return Machine::isSerial() ? 0 : getIntraHostComm().myRank();
+    return MachineGround::isSerial() ? 0 : getIntraHostComm().myRank();
 }
 
 void MachineHost::keepToBatchJob(const std::vector<unsigned>& processors) {
@@ -149,7 +151,7 @@ void MachineHost::keepToBatchJob(const std::vector<unsigned>& processors) {
         return;
     CpuTopology& topology = *_cpuTopology;
     std::vector<unsigned> lpus = topology.getLpusFromMask(Affinity::getMask(processors));
-    if (Machine::isParallel()) {
+    if (MachineGround::isParallel()) {
         const std::vector<unsigned> mine = lpus;
         std::vector<unsigned> counts;
         getIntraHostComm().allGatherVector(mine, lpus, counts);
@@ -170,19 +172,19 @@ AffinityMask MachineHost::getAvailableMask() const {
     return getCpuTopology().restrictToAvailableResources(getCpuTopology().getTopologyMask());
 }
 
-bool MachineHost::bindProcesses() const {
+bool MachineHost::bindProcesses(CpuBindingPolicy policy) const {
     if (isOverSubscribed() != 0)
         return false;
     bool bound = CpuBinder::bindProcess(getIntraHostRank(), getNumberProcesses(), getCpuTopology(),
-                                        getAvailableMask(), Machine::_cpuBindingPolicy);
-    if (Machine::isParallel())
+                                        getAvailableMask(), policy);
+    if (MachineGround::isParallel())
         getIntraHostComm().allReduce(bound, Communicator::LOGICAL_AND);
     return bound;
 }
 
 AffinityMask MachineHost::getHostAffinity() const {
     AffinityMask mask = Affinity::getProcessAffinity(getCpuTopology());
-    if (Machine::isSerial())
+    if (MachineGround::isSerial())
         return mask;
     std::vector<unsigned> all;
     std::vector<unsigned> counts;

@@ -6,7 +6,7 @@
 #include "machine/Communicator.h"
 #include "machine/CpuBinder.h"
 #include "machine/CpuTopology.h"
-#include "machine/Machine.h"
+#include "machine/MachineGround.h"
 
 #include "platform/Process.h"
 #include "platform/Time.h"
@@ -25,7 +25,7 @@ constexpr unsigned SHORTEST_PAUSE = 100;
 constexpr unsigned LONGEST_PAUSE = 1000;
 
 std::vector<unsigned> getPidsOfExecutable() {
-    const std::vector<int> found = Platform::process().getPids(Machine::getExecutableName());
+    const std::vector<int> found = Platform::process().getPids(MachineGround::getExecutableName());
     std::vector<unsigned> pids(found.begin(), found.end());
     std::sort(pids.begin(), pids.end());
     return pids;
@@ -47,7 +47,7 @@ unsigned drawPause() {
 } // namespace
 
 bool MachineHost::isWriter() const {
-    return Machine::isSerial() || firstProcessOnHost();
+    return MachineGround::isSerial() || firstProcessOnHost();
 }
 
 std::vector<unsigned> MachineHost::getOtherServerPids(const std::vector<unsigned>& currentPids,
@@ -88,7 +88,7 @@ bool MachineHost::hasMultipleServersRunning() const {
 }
 
 bool MachineHost::hasCpuContention(bool verbose) const {
-    if (Machine::isParallel())
+    if (MachineGround::isParallel())
         getIntraHostComm().synchronise(); // each process bound itself; the writer looks at all of them
     bool contention = false;
     if (isWriter()) {
@@ -97,7 +97,7 @@ bool MachineHost::hasCpuContention(bool verbose) const {
         if (verbose)
             writeOnMaster(os.str());
     }
-    if (Machine::isParallel())
+    if (MachineGround::isParallel())
         getIntraHostComm().broadcast(contention, 0);
     return contention;
 }
@@ -146,7 +146,7 @@ void MachineHost::writeAccounting(std::ostream& os, const AffinityMask& current,
 }
 
 void MachineHost::writeOnMaster(const std::string& text) const {
-    if (Machine::isSerial()) {
+    if (MachineGround::isSerial()) {
         std::cout << text << std::flush;
         return;
     }
@@ -161,7 +161,7 @@ void MachineHost::writeOnMaster(const std::string& text) const {
 }
 
 bool MachineHost::isSeenByAll(const AffinityMask& others) const {
-    if (Machine::isSerial())
+    if (MachineGround::isSerial())
         return true;
     Communicator& processes = getIntraHostComm();
     const std::vector<unsigned> lpus = getCpuTopology().getLpusFromMask(others);
@@ -178,13 +178,13 @@ bool MachineHost::isSeenByAll(const AffinityMask& others) const {
     return !differ;
 }
 
-bool MachineHost::resolveCpuContention(bool verbose) const {
+bool MachineHost::resolveCpuContention(CpuBindingPolicy policy, bool verbose) const {
     std::vector<unsigned> currentPids;
     getPids(currentPids);
     for (unsigned attempt = 0; attempt < MAX_ATTEMPTS; ++attempt) {
         if (attempt > 0)
             pauseBeforeNextAttempt(verbose);
-        switch (moveAway(currentPids)) {
+        switch (moveAway(policy, currentPids)) {
         case MoveResult::RESOLVED:
             return true;
         case MoveResult::NO_ROOM:
@@ -196,7 +196,8 @@ bool MachineHost::resolveCpuContention(bool verbose) const {
     return false;
 }
 
-MachineHost::MoveResult MachineHost::moveAway(const std::vector<unsigned>& currentPids) const {
+MachineHost::MoveResult MachineHost::moveAway(CpuBindingPolicy policy,
+                                              const std::vector<unsigned>& currentPids) const {
     const CpuTopology& topology = getCpuTopology();
     AffinityMask others = getOccupiedCores(topology, getOtherServerPids(currentPids, nullptr), nullptr);
     // Each process looked by itself, and all have to choose from the same.
@@ -205,22 +206,22 @@ MachineHost::MoveResult MachineHost::moveAway(const std::vector<unsigned>& curre
     const AffinityMask available = topology.restrictToAvailableResources(others ^ topology.getTopologyMask());
     if (getNumberProcesses() > topology.getPhysicalCoresFromMask(available).size())
         return MoveResult::NO_ROOM;
-    const bool bound = CpuBinder::bindProcess(getIntraHostRank(), getNumberProcesses(), topology, available,
-                                              Machine::_cpuBindingPolicy);
-    if (Machine::isParallel())
+    const bool bound =
+        CpuBinder::bindProcess(getIntraHostRank(), getNumberProcesses(), topology, available, policy);
+    if (MachineGround::isParallel())
         getIntraHostComm().synchronise(); // a neighbour that is still at its old place would seem a conflict
     // A server that moved at the same moment shows in a second look.
     others = getOccupiedCores(topology, getOtherServerPids(currentPids, nullptr), nullptr);
     const AffinityMask current = getOccupiedCores(topology, currentPids, nullptr);
     bool conflict = !(current & others).empty() || !bound;
-    if (Machine::isParallel())
+    if (MachineGround::isParallel())
         getIntraHostComm().allReduce(conflict, Communicator::LOGICAL_OR);
     return conflict ? MoveResult::CONFLICT : MoveResult::RESOLVED;
 }
 
 void MachineHost::pauseBeforeNextAttempt(bool verbose) const {
     const unsigned pause = drawPause();
-    if (verbose && (Machine::isSerial() || Machine::isMaster()))
+    if (verbose && MachineGround::isSerialOrMaster())
         std::cout << "Resolving CPU contention failed. Waiting for " << pause << " milliseconds before "
                   << "trying again." << std::endl;
     Platform::time().sleepMilliseconds(pause);

@@ -5,7 +5,7 @@
 #include "machine/Affinity.h"
 #include "machine/Communicator.h"
 #include "machine/CpuTopology.h"
-#include "machine/Machine.h"
+#include "machine/MachineGround.h"
 #include "machine/MpiCore.h"
 
 #include "kernel/Properties.h"
@@ -149,7 +149,7 @@ Properties tellHardware(const CpuTopology& topology) {
 } // namespace
 
 void MachineHost::printTruncatedProcessSummary() const {
-    if (!Machine::isMaster())
+    if (!MachineGround::isMaster())
         return;
     std::size_t nameWidth = 0;
     for (const auto& entry : _hostPidMap)
@@ -167,22 +167,22 @@ void MachineHost::printTruncatedProcessSummary() const {
         getPids(host, pids);
         std::cout << "Host " << std::setw(indexWidth) << index << " -- " << host
                   << std::string(nameWidth - host.size(), ' ') << " -- Ranks " << formatRuns(ranks) << '\n';
-        if (Machine::getPrintpids())
+        if (MachineGround::getPrintpids())
             for (std::size_t k = 0; k < ranks.size(); ++k)
                 processIdentifiers << "Host ID " << index << " Rank " << ranks[k] << " on " << host
                                    << " with process ID " << pids[k] << '\n';
         ++index;
     }
     std::cout << "Process rank 0 " << hosts.begin()->second << ' ' << _pid << '\n'
-              << "Total number of processes : " << Machine::nProcesses() << std::endl;
-    if (Machine::getPrintpids())
+              << "Total number of processes : " << MachineGround::nProcesses() << std::endl;
+    if (MachineGround::getPrintpids())
         std::cout << '\n' << processIdentifiers.str() << std::flush;
 }
 
 void MachineHost::printCompleteProcessSummary() const {
-    if (!Machine::isMaster())
+    if (!MachineGround::isMaster())
         return;
-    std::vector<std::pair<std::string, unsigned>> processes(Machine::nProcesses());
+    std::vector<std::pair<std::string, unsigned>> processes(MachineGround::nProcesses());
     for (const auto& [host, process] : _hostPidMap)
         processes[process.second] = {host, process.first};
     printMpiDistribution(std::cout);
@@ -201,7 +201,7 @@ void MachineHost::printProcessAffinitySummary(bool numaNodes, bool physicalCores
     const CpuTopology& topology = getCpuTopology();
     const AffinityMask mask = Affinity::getProcessAffinity(topology);
     const std::string topologyText = topology.print(true, numaNodes, physicalCores, summary, 4, 28);
-    if (Machine::isSerial()) {
+    if (MachineGround::isSerial()) {
         std::cout << "CPU Affinity Report (" << _hostName << ") :\n"
                   << topologyText
                   << "    Rank - 0, Affinity = " << topology.printAffinityMask(mask, MASK_LENGTH)
@@ -331,14 +331,14 @@ void MachineHost::getAffinityProperties(Properties& out) const {
     const unsigned lpus = topology.getNumberLpus();
     std::vector<unsigned> ranks{0};
     const std::vector<bool> mine =
-        flagsOf(topology, Machine::isParallel() ? Affinity::getProcessAffinity(topology)
-                                                : Affinity::getThreadAffinity(topology));
+        flagsOf(topology, MachineGround::isParallel() ? Affinity::getProcessAffinity(topology)
+                                                      : Affinity::getThreadAffinity(topology));
     std::vector<unsigned char> flags(mine.begin(), mine.end());
-    if (Machine::isParallel()) {
+    if (MachineGround::isParallel()) {
         std::vector<unsigned char> all;
         getIntraHostComm().allGather(flags, all);
         flags.swap(all);
-        getIntraHostComm().allGather(Machine::getPartitionId(), ranks);
+        getIntraHostComm().allGather(MachineGround::getPartitionId(), ranks);
     }
     std::vector<Properties> masks;
     for (std::size_t i = 0; i < ranks.size(); ++i) {
@@ -355,7 +355,7 @@ void MachineHost::gatherAffinityPropertiesToMaster(Properties& out) const {
     Properties mine;
     getAffinityProperties(mine);
     std::vector<Properties> hosts;
-    if (Machine::isSerial())
+    if (MachineGround::isSerial())
         hosts.push_back(mine);
     else if (hasInterHostComm())
         getInterHostComm().gather(mine, hosts);

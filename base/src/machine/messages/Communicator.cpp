@@ -1,14 +1,11 @@
 #include "machine/Communicator.h"
 
 #include "machine/ExitStatus.h"
-#include "machine/FieldLoopState.h"
-#include "machine/Machine.h"
 #include "machine/messages/CommunicatorFrame.h"
+#include "machine/messages/MessageGate.h"
 
-#include "kernel/Controller.h"
 #include "kernel/MessagingGate.h"
 #include "mpiwrapper/OxmMpi.h"
-#include "platform/Thread.h"
 
 #include <algorithm>
 #include <array>
@@ -98,21 +95,8 @@ void Communicator::enableCommunicationTimer(bool on) {
     MessagingGate::set(MessagingGate::COMMUNICATION_TIMER, timedCommunicators != 0);
 }
 
-void Communicator::checkSerialCriticalLock() {
-    if (MessagingGate::has(MessagingGate::NOT_MAIN_THREAD) && Thread::isMain())
-        MessagingGate::noteMainThread();
-    Machine::assertNotSerialCritical("Parallel is explicitly locked");
-    Machine::assertNotParallelPerformanceCritical("Parallel locked out in performance critical section");
-    ORVEX_ASSERT_AS(!Controller::isSerialCritical(), "!Controller::isSerialCritical()",
-                    "Parallel has been explicitly locked whilst running a non-distributed command");
-    ORVEX_ASSERT_AS(!FieldLoopState::busy(), "!FieldLoopState::busy()",
-                    "Parallel is explicitly locked out of FieldLoops");
-    ORVEX_ASSERT_AS(Thread::isMain(), "Thread::isMain()",
-                    "Parallel messaging can only be called from the main thread");
-}
-
 std::unique_ptr<Communicator> Communicator::createCommunicator(const std::vector<unsigned>& ranks) const {
-    CommunicatorFrame::passGate();
+    MessageGate::pass();
     const unsigned size = _size;
     ORVEX_ASSERT_AS(ranks.size() <= size, "ranks.size() <= size", "Invalid number of ranks");
     std::vector<int> members;
@@ -139,7 +123,7 @@ std::unique_ptr<Communicator> Communicator::createCommunicator(const std::vector
 }
 
 std::unique_ptr<Communicator> Communicator::createSharedMemCommunicators() const {
-    CommunicatorFrame::passGate();
+    MessageGate::pass();
     int newHandle = OXM_MPI_COMM_NULL;
     MpiCore::handleError(
         OXM_MPI_Comm_split_type(_handle, OXM_MPI_COMM_TYPE_SHARED, 0, OXM_MPI_INFO_NULL, &newHandle));

@@ -1,6 +1,7 @@
 #include "machine/Communicator.h"
 
 #include "machine/messages/CommunicatorFrame.h"
+#include "machine/messages/MessageGate.h"
 
 #include "mpiwrapper/OxmMpi.h"
 
@@ -44,7 +45,7 @@ void Communicator::broadcastStepwise(BufferBase<unsigned> buf, unsigned root) {
     }
     if (buf.size == 0)
         return;
-    Frame::passGate();
+    MessageGate::pass();
     checkOversize(buf.size, buf.typeSize);
     MpiCore::handleError(Frame::run<OXM_MPI_Bcast, BROADCAST>(this, bytesOf(buf), 0, buf.data,
                                                               static_cast<int>(buf.size), buf.type,
@@ -60,7 +61,7 @@ void Communicator::gather(ConstBufferBase<unsigned> sendbuf, BufferBase<unsigned
     }
     if (sendbuf.size == 0)
         return;
-    Frame::passGate();
+    MessageGate::pass();
     if (!exceeds)
         checkOversize(recvbuf.size, recvbuf.typeSize);
     checkOversize(sendbuf.size, sendbuf.typeSize);
@@ -80,7 +81,7 @@ void Communicator::allGather(ConstBufferBase<unsigned> sendbuf, BufferBase<unsig
     }
     if (sendbuf.size == 0)
         return;
-    Frame::passGate();
+    MessageGate::pass();
     checkOversize(exceeds ? sendbuf.size : recvbuf.size, recvbuf.typeSize);
     const auto count = static_cast<int>(sendbuf.size);
     MpiCore::handleError(Frame::run<OXM_MPI_Allgather, ALL_GATHER>(this, bytesOf(sendbuf), 0, sendbuf.data,
@@ -97,7 +98,7 @@ void Communicator::scatter(ConstBufferBase<unsigned> sendbuf, BufferBase<unsigne
     }
     if (recvbuf.size == 0)
         return;
-    Frame::passGate();
+    MessageGate::pass();
     checkOversize(recvbuf.size, recvbuf.typeSize);
     const auto count = static_cast<int>(recvbuf.size);
     MpiCore::handleError(Frame::run<OXM_MPI_Scatter, SCATTER>(

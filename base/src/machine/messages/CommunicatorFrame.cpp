@@ -1,11 +1,13 @@
 #include "machine/messages/CommunicatorFrame.h"
 
+#include "machine/messages/MessageGate.h"
+
 #include "mpiwrapper/OxmMpi.h"
 
 #include <utility>
 
 void CommunicatorFrame::open(Communicator& communicator, const Operation& operation, unsigned bytes) {
-    Communicator::checkSerialCriticalLock();
+    MessageGate::checkSerialCriticalLock();
     _communicator = &communicator;
     _operation = &operation;
     _isTimed = operation.isTimed && communicator._communicationTimerEnabled;

@@ -38,12 +38,6 @@ public:
             close(partner);
     }
 
-    /// The gate alone, for operations that check more between it and the wrapper call.
-    static void passGate() {
-        if (!MessagingGate::isOpen()) [[unlikely]]
-            Communicator::checkSerialCriticalLock();
-    }
-
     /// Runs `call` inside a frame. All arguments go by value, so the open gate leads to a plain jump.
     /// @return its code, to be handled by the caller
     template <auto call, const Operation& operation, class... Args>

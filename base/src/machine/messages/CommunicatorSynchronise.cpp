@@ -1,8 +1,7 @@
 #include "machine/Communicator.h"
 
-#include "machine/Machine.h"
+#include "machine/MachineGround.h"
 #include "machine/RequestStack.h"
-#include "machine/Timer.h"
 #include "machine/messages/CommunicatorFrame.h"
 
 #include "mpiwrapper/OxmMpi.h"
@@ -45,7 +44,7 @@ void Communicator::synchronise() {
 }
 
 void Communicator::noSpinSynchronise(double spinTime) {
-    static const unsigned sleep = getSleep(Machine::nProcesses());
+    static const unsigned sleep = getSleep(MachineGround::nProcesses());
     const unsigned parent = (_myRank - 1) / 2; // of no use to rank 0
     const unsigned first = 2 * _myRank + 1;
     const unsigned end = std::min(first + 2, _size);
@@ -53,13 +52,11 @@ void Communicator::noSpinSynchronise(double spinTime) {
     const ConstBufferBase<int> nothingOut = nothingIn;
     RequestStack receives;
     RequestStack sends;
-    Timer timer;
     const auto await = [&] {
         if (!test(receives)) { // whom everybody waited for needs no clock
-            timer.resetWallTimer();
-            timer.startWallTimer();
+            const double start = Platform::time().getTime();
             while (!test(receives))
-                if (timer.getWallTime() > spinTime)
+                if (Platform::time().getTime() - start > spinTime)
                     Platform::time().sleepMilliseconds(sleep);
         }
         wait(receives);

@@ -1,6 +1,6 @@
 #include "machine/DerivedDatatype.h"
 
-#include "machine/messages/CommunicatorFrame.h"
+#include "machine/messages/MessageGate.h"
 
 #include "mpiwrapper/OxmMpi.h"
 
@@ -71,7 +71,7 @@ void MpiCore::DerivedDatatype::freeMpiType(int& type) {
 int MpiCore::DerivedDatatype::makeLastingStructType(std::size_t size, int count, const int* blockLengths,
                                                     const long long* displacements, const int* types) {
     // It is made on the way to a message, so a message that is refused makes none.
-    CommunicatorFrame::passGate();
+    MessageGate::pass();
     int type = defineMpiStructType(count, blockLengths, displacements, types);
     try {
         commitMpiType(size, type);

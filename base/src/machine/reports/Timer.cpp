@@ -1,7 +1,7 @@
 #include "machine/Timer.h"
 
 #include "machine/Communicator.h"
-#include "machine/Machine.h"
+#include "machine/MachineGround.h"
 #include "machine/MpiWallTimer.h"
 
 #include "kernel/Raise.h"
@@ -15,9 +15,9 @@
 namespace {
 
 Communicator* chooseCommunicator(Communicator* communicator) {
-    if (!Machine::isParallel())
+    if (!MachineGround::isParallel())
         return nullptr;
-    return communicator ? communicator : &Machine::globalCommunicator();
+    return communicator ? communicator : &MachineGround::globalCommunicator();
 }
 
 } // namespace
@@ -48,7 +48,7 @@ Timer::~Timer() = default;
 std::unique_ptr<WallTimer> Timer::createWallTimer(WallTimerType type) {
     switch (type) {
     case DEFAULT_WALL_TIMER:
-        if (Machine::isParallel())
+        if (MachineGround::isParallel())
             return std::make_unique<MpiCore::MpiWallTimer>();
         return Platform::time().createWallTimer();
     case SYSTEM_WALL_TIMER:
@@ -169,29 +169,29 @@ Communicator& Timer::checkCommunicator() const {
 }
 
 double Timer::getMaximum(double value) const {
-    if (Machine::isParallel())
+    if (MachineGround::isParallel())
         checkCommunicator().allReduce(value, Communicator::MAX);
     return value;
 }
 
 double Timer::getMinimum(double value) const {
-    if (Machine::isParallel())
+    if (MachineGround::isParallel())
         checkCommunicator().allReduce(value, Communicator::MIN);
     return value;
 }
 
 double Timer::getSum(double value) const {
-    if (Machine::isParallel())
+    if (MachineGround::isParallel())
         checkCommunicator().allReduce(value, Communicator::SUM);
     return value;
 }
 
 double Timer::getAverage(double value) const {
-    return Machine::isParallel() ? getSum(value) / Machine::nProcesses() : value;
+    return MachineGround::isParallel() ? getSum(value) / MachineGround::nProcesses() : value;
 }
 
 double Timer::getStandardDeviation(double value) const {
-    if (!Machine::isParallel())
+    if (!MachineGround::isParallel())
         return 0.0;
     Communicator& communicator = checkCommunicator();
     std::vector<double> values;

@@ -5,6 +5,7 @@
 
 #include "kernel/Error.h"
 #include "kernel/Properties.h"
+#include "kernel/ReportStream.h"
 #include "kernel/Server.h"
 #include "kernel/SignalHandler.h"
 #include "kernel/server/SessionLocator.h"
@@ -147,7 +148,7 @@ void LastWords::prepare() {
     if (duplicate < 0)
         return; // the stream itself serves as long as it leads there
     originalError = duplicate;
-    SignalHandler::setReportDescriptor(duplicate);
+    ReportStream::setDescriptor(duplicate);
 }
 
 void LastWords::install() {
@@ -162,7 +163,7 @@ void LastWords::beginWork() {
     // Without room for them such an end comes in silence, as it would anyway.
     static const int registered = ::on_exit(&onExit, nullptr) + std::at_quick_exit(&onQuickExit);
     static_cast<void>(registered);
-    if ((Machine::isSerial() || Machine::isMaster()) && speaker == nullptr)
+    if (Machine::isSerialOrMaster() && speaker == nullptr)
         speaker = new Speaker;
     if (Machine::isParallel()) {
         Communicator& ranks = Machine::globalCommunicator();

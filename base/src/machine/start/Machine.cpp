@@ -1,44 +1,33 @@
 #include "machine/Machine.h"
 
 #include "machine/Communicator.h"
+#include "machine/GroundLocks.h"
 #include "machine/MachineHost.h"
-#include "machine/MachineLocks.h"
 #include "machine/ParallelConsoleBuf.h"
 #include "machine/StandardStreamManager.h"
 #include "machine/Timer.h"
 
 #include "kernel/AnalyticsEvent.h"
 #include "kernel/AnalyticsManager.h"
-#include "kernel/OrvexVersion.h"
 #include "kernel/Raise.h"
 #include "mpiwrapper/OxmMpi.h"
 #include "platform/LauncherWatch.h"
+#include "platform/Thread.h"
 #include "platform/Time.h"
 
 #include <iostream>
 #include <utility>
 
 Machine* Machine::_singleton = nullptr;
-Machine::SerialParallelMode Machine::_serialParallelMode = Machine::SERIAL_MODE;
-unsigned Machine::_np = 1;
-unsigned Machine::_partition = 0;
 bool Machine::_threaded = true;
 bool Machine::_useInternalBinding = true;
 CpuBindingPolicy Machine::_cpuBindingPolicy = BANDWIDTH_BINDING;
 bool Machine::_cpuBindingContentionTest = true;
 unsigned Machine::_threadBindingAttributes = 0;
-bool Machine::_printpids = false;
 unsigned Machine::_iodebug = 0;
 bool Machine::_isProxyServer = false;
 bool Machine::_isProxySessionDaemon = false;
-std::string Machine::_executableName;
 std::wstring Machine::_executablePath;
-std::unique_ptr<Communicator> Machine::_globalComm;
-std::array<std::unique_ptr<Communicator>, Machine::NUMBER_SHMEM_SCOPES> Machine::_shmemComm;
-std::array<std::unique_ptr<Communicator>, Machine::NUMBER_SHMEM_SCOPES> Machine::_sparseComm;
-MachineHost* Machine::_host = nullptr;
-unsigned Machine::_serialCriticalLock = 0;
-unsigned Machine::_performanceCriticalLock = 0;
 
 void Machine::OnExitObservable::attach(OnExitObserver& observer) {
     Subject::attach(observer);
@@ -61,32 +50,12 @@ Machine::Machine() {
 }
 
 Machine::~Machine() {
+    // Destroying a communicator is collective: the stop steps alone do that.
+    static_cast<void>(releaseCommunicators());
+    if (_ground.host == _host.get())
+        _ground.host = nullptr;
     if (_singleton == this)
         _singleton = nullptr;
-    delete _timer;
-    delete _usageManager;
-    delete _standardStreamManager;
-    delete _parallelConsoleBuf;
-}
-
-Communicator& Machine::globalCommunicator() {
-    ORVEX_ASSERT_AS(isParallel(), "isParallel()", "Attempt to access GlobalCommunicator in serial");
-    return *_globalComm;
-}
-
-Communicator& Machine::sharedMemCommunicator(ShmemScope scope) {
-    ORVEX_ASSERT_AS(isParallel(), "isParallel()", "Attempt to access sharedMemCommunicator in serial");
-    return *_shmemComm.at(static_cast<std::size_t>(scope));
-}
-
-Communicator* Machine::hasSparseCommunicator(ShmemScope scope) {
-    ORVEX_ASSERT_AS(isParallel(), "isParallel()", "Attempt to access interNodeCommunicator in serial");
-    return _sparseComm.at(static_cast<std::size_t>(scope)).get();
-}
-
-const MachineHost& Machine::getHost() {
-    ORVEX_ASSERT_AS(_host, "_host", "Host is not enabled");
-    return *_host;
 }
 
 Machine::ServerType Machine::getServerType() {
@@ -103,26 +72,6 @@ std::wstring Machine::getPassToDesign() {
 
 void Machine::setPassToDesign(std::wstring text) {
     getSingleton()._passToDesign = std::move(text);
-}
-
-std::string Machine::getStateString(NodeState state) const {
-    switch (state) {
-    case UNKNOWN_STATE:
-        break;
-    case AWAITING_COMMAND:
-        return "Awaiting command";
-    case GATHERING_RESPONSE:
-        return "Gathering response";
-    case HANDLING_ERROR:
-        return "Handling error";
-    case PROCESSING:
-        return "Processing";
-    }
-    return "Unknown";
-}
-
-bool Machine::hasDevErrorChecking() const {
-    return _devErrorChecking && OrvexVersion::isDevelopmentVersion();
 }
 
 std::string Machine::getTime() const {
@@ -187,4 +136,9 @@ void Machine::gatherOnMaster(double value, std::vector<double>& values) const {
         values.assign(1, value);
     else
         globalCommunicator().gather(value, values, Communicator::masterRank());
+}
+
+void Machine::SignalRaisedObserver::update(Properties&) {
+    if (Thread::isMain())
+        liftLocks();
 }

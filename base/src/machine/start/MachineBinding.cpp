@@ -36,7 +36,7 @@ void Machine::testOverSubscription() const {
     std::vector<int> excess{mine};
     if (isParallel())
         globalCommunicator().gather(mine, excess, Communicator::masterRank());
-    if (!isSerial() && !isMaster())
+    if (!isSerialOrMaster())
         return;
     std::cout << STARS << '\n';
     std::vector<std::string> hosts;
@@ -55,7 +55,7 @@ void Machine::testOverSubscription() const {
 void Machine::bindProcesses() {
     if (!_useInternalBinding)
         conformProcessAffinityToMainThreadAffinity();
-    else if (!getHost().bindProcesses())
+    else if (!getHost().bindProcesses(_cpuBindingPolicy))
         // What else it means that the host is over-subscribed, startHost() told; a refusal ends no run.
         static_cast<void>(Affinity::clearProcessAffinity(getHost().getCpuTopology()));
 }
@@ -86,7 +86,7 @@ void Machine::testForCpuBindingCollisions(int verbosity) const {
     if (!_cpuBindingContentionTest)
         return;
     const bool verbose = verbosity > 0;
-    const bool isTeller = isSerial() || isMaster();
+    const bool isTeller = isSerialOrMaster();
     const bool contention = getHost().hasCpuContention(verbosity >= 2);
     if (!GlobalCondition(contention, GlobalCondition::ON_ANY))
         return;
@@ -97,7 +97,7 @@ void Machine::testForCpuBindingCollisions(int verbosity) const {
                   << " Attempting to resolve CPU contention on " << (hosts < 2 ? "that " : "those ") << "host"
                   << end << std::endl;
     }
-    const bool unresolved = contention && !getHost().resolveCpuContention(verbose);
+    const bool unresolved = contention && !getHost().resolveCpuContention(_cpuBindingPolicy, verbose);
     if (!GlobalCondition(unresolved, GlobalCondition::ON_ANY)) {
         if (verbose && isTeller)
             std::cout << "CPU contention on all processes has been resolved." << std::endl;

@@ -28,7 +28,7 @@ std::wstring wideDecoded(const std::string& text) {
 }
 
 void sayOnce(const char* text) {
-    if (Machine::isSerial() || Machine::isMaster())
+    if (Machine::isSerialOrMaster())
         std::cout << text << std::endl;
 }
 
@@ -80,10 +80,10 @@ private:
     void setIoDebug() { setIOVerbosityLevel(CommandLine::toInt(value())); }
     void setCpuBinding();
     void setContentionTest();
-    void disableDevErrors() { _machine._devErrorChecking = false; }
+    void disableDevErrors() { setDevErrorChecking(false); }
     void disableThreadBinding() { _threadBindingAttributes |= THREAD_BINDING_OFF; }
     void enableThreadBindingReport() { _threadBindingAttributes |= THREAD_BINDING_VERBOSE; }
-    void enablePidPrinting() { _printpids = true; }
+    void enablePidPrinting() { _ground.printsPids = true; }
     void setJobManagerUrl() { _jobManagerUrl = StringHelper::toWString(value()); }
     void setStopLimit();
     void setTaskId() { _taskId = CommandLine::toInt(value()); }
@@ -264,7 +264,7 @@ void Machine::parseCommonArgvs(int argc, char** argv, ConsumedOptions& consumed)
     const std::wstring path = Platform::system().getExecutablePath();
     const std::size_t separator = path.rfind(L'/');
     _executablePath = separator == std::wstring::npos ? std::wstring() : path.substr(0, separator);
-    _executableName =
+    _ground.executableName =
         StringHelper::toString(path.substr(separator == std::wstring::npos ? 0 : separator + 1));
     CommonOptions(*this, CommandLine(argc, argv, consumed)).parse();
 }

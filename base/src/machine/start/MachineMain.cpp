@@ -129,14 +129,14 @@ void Machine::warnOfMixedVectorization() const {
 void Machine::startParallelErrorHandler() {
     if (!isParallel())
         return;
-    _state = HANDLING_ERROR;
+    _ground.nodeState = HANDLING_ERROR;
     if (!_threaded)
         std::cout << "All internal errors will be treated as fatal" << std::endl;
-    _state = AWAITING_COMMAND;
+    _ground.nodeState = AWAITING_COMMAND;
 }
 
 void Machine::startTimer() {
-    _timer = new Timer;
+    _timer = std::make_unique<Timer>();
     _timer->start();
     _startTime = Platform::time().getAscTime();
 }
@@ -154,7 +154,7 @@ void Machine::scanForDesignFlags(int argc, const char* const* argv) {
 void Machine::runRole(int argc, char** argv, ConsumedOptions& consumed) {
     try {
         LastWords::beginWork();
-        if (isSerial() || isMaster()) {
+        if (isSerialOrMaster()) {
             startServerHost(argc, argv, consumed);
         } else {
             writeProcessFile();
@@ -187,15 +187,14 @@ void Machine::stopLogger() {
 }
 
 void Machine::stopUsageManager() {
-    delete _usageManager;
-    _usageManager = nullptr;
+    _usageManager.reset();
 }
 
 void Machine::deleteOnExit() {
     if (_defaultRootObject)
         CoreObject::destroy(_defaultRootObject);
     _defaultRootObject = nullptr;
-    std::string().swap(_executableName);
+    std::string().swap(_ground.executableName);
     SingletonCleaner::reset();
 }
 
@@ -205,10 +204,8 @@ void Machine::stopTimer() {
 
 void Machine::stopConsole() {
     std::cout.flush();
-    delete _standardStreamManager;
-    _standardStreamManager = nullptr;
-    delete _parallelConsoleBuf;
-    _parallelConsoleBuf = nullptr;
+    _standardStreamManager.reset();
+    _parallelConsoleBuf.reset();
 }
 
 void Machine::updateExitStatus(const ExitStatus& status) {
@@ -242,7 +239,7 @@ void Machine::abortRanks(const ExitStatus& status) {
     // other ranks fail alike, each with its line to write.
     constexpr double GRACE = 0.3; // [s]
     Platform::time().sleep(GRACE);
-    if (Communicator* const ranks = releaseCommunicators().release())
+    if (Communicator* const ranks = releaseCommunicators())
         ranks->abort(status);
 }
 

@@ -14,6 +14,7 @@
 #include "machine/start/StopSignals.h"
 
 #include "kernel/AnalyticsEvent.h"
+#include "kernel/AnalyticsManager.h"
 #include "kernel/Controller.h"
 #include "kernel/OrvexVersion.h"
 #include "kernel/Properties.h"
@@ -57,7 +58,7 @@ void Machine::startServerHost(int argc, char** argv, ConsumedOptions& consumed) 
     if (!name.empty())
         settleSessionFile(name, options.createNew);
     SessionLocator::getSingleton().setAbortCallback(&Machine::abortFromAnywhere);
-    SessionLocator::getSingleton().setNumberProcesses(_np);
+    SessionLocator::getSingleton().setNumberProcesses(_ground.size);
     if (options.load)
         CommandController::getSingleton().masterExecuteRestoreState(name);
     serve(options);
@@ -127,7 +128,7 @@ void Machine::writeProcessFile() const {
         pids.push_back(pid);
     }
     getHostsOnMaster(hosts);
-    if (!(isSerial() || isMaster()) || _processFileName.empty())
+    if (!isSerialOrMaster() || _processFileName.empty())
         return;
 
     std::ofstream file;
@@ -145,7 +146,7 @@ void Machine::writeProcessFile() const {
     }
     if (!_debuggerAttach)
         return;
-    std::string command = "dattach " + _executableName + ' ';
+    std::string command = "dattach " + _ground.executableName + ' ';
     for (const unsigned each : pids)
         command += std::to_string(each) + ' ';
     std::cout << "Copy and paste into totalview command window : \n" << command << std::endl;
@@ -182,12 +183,12 @@ void Machine::startConsole() {
         getHost().printProcessSummary();
         std::string directory = Platform::filesystem().toSystem(Platform::filesystem().getCurrentDirectory());
         globalCommunicator().broadcast(directory, Communicator::masterRank());
-        _parallelConsoleBuf = new ParallelConsoleBuf(std::cout, directory, false, false, 255);
+        _parallelConsoleBuf = std::make_unique<ParallelConsoleBuf>(std::cout, directory, false, false, 255);
     } else {
         std::cout << "Serial process " << Platform::process().getPid() << std::endl;
     }
-    _standardStreamManager = new StandardStreamManager(_temporaryDirectory, false);
-    if (!isSerial() && !isMaster()) {
+    _standardStreamManager = std::make_unique<StandardStreamManager>(_temporaryDirectory, false);
+    if (!isSerialOrMaster()) {
         _standardStreamManager->redirectToNullDevice();
         return;
     }
@@ -198,11 +199,11 @@ void Machine::startConsole() {
 }
 
 void Machine::startUsageManager() {
-    const bool active = !_usageDisabled && (isSerial() || isMaster());
+    const bool active = !_usageDisabled && isSerialOrMaster();
     const int consent = SiteSettings::getSingleton().getInt("UsageImprovementProgram", 0);
-    _usageManager = UsageAgent::createAnalyticsManager(
+    _usageManager.reset(UsageAgent::createAnalyticsManager(
         _designManager ? "ORVEXSIM.DESIGNMANAGER" : "ORVEXSIM.SERVER", OrvexVersion::_releaseNumber, active,
-        consent, OrvexVersion::isDevelopmentVersion());
+        consent, OrvexVersion::isDevelopmentVersion()));
 
     Analytics::Event event("COMMAND_LINE_PARAMETERS");
     event.addAttribute("Machine Configuration", OrvexVersion::_machineConfig);
@@ -210,7 +211,7 @@ void Machine::startUsageManager() {
     if (!_designManager) {
         event.addAttribute(
             "MPI", isParallel() ? MpiCore::getDistribName() + ' ' + MpiCore::getMpiVersionName() : "");
-        event.addAttribute("np", _np);
+        event.addAttribute("np", _ground.size);
         event.addAttribute("mode", _designStudy ? "Design Study" : "");
     }
     logUsageEvent(event);

@@ -52,21 +52,24 @@ AffinityMask uniteBindings(Communicator& ranks, const CpuTopology& topology) {
 } // namespace
 
 void Machine::buildShmemCommunicators() {
-    ORVEX_ASSERT_AS(_host, "_host", "host not built yet");
+    ORVEX_ASSERT_AS(_ground.host, "_host", "host not built yet");
     if (MpiCore::hasMpiSharedMemory()) {
-        _shmemComm[HOST_SCOPE] = _globalComm->createSharedMemCommunicators();
+        _shmemComm[HOST_SCOPE] = globalCommunicator().createSharedMemCommunicators();
     } else {
         std::vector<unsigned> ranks;
-        _host->getMpiRanks(ranks);
+        getHost().getMpiRanks(ranks);
         std::sort(ranks.begin(), ranks.end());
-        _shmemComm[HOST_SCOPE] = _globalComm->createCommunicator(ranks);
+        _shmemComm[HOST_SCOPE] = globalCommunicator().createCommunicator(ranks);
     }
-    const CpuTopology& topology = _host->getCpuTopology();
+    _ground.shmem[HOST_SCOPE] = _shmemComm[HOST_SCOPE].get();
+    const CpuTopology& topology = getHost().getCpuTopology();
     const AffinityMask mask = Affinity::getProcessAffinity(topology);
     buildScopeCommunicator(SOCKET_SCOPE, topology.getSocketsFromMask(mask));
     buildScopeCommunicator(NUMA_SCOPE, topology.getNumaNodesFromMask(mask));
-    for (std::size_t scope = 0; scope < NUMBER_SHMEM_SCOPES; ++scope)
+    for (std::size_t scope = 0; scope < NUMBER_SHMEM_SCOPES; ++scope) {
         _sparseComm[scope] = createSparseCompanion(_shmemComm[scope].get());
+        _ground.sparse[scope] = _sparseComm[scope].get();
+    }
 }
 
 void Machine::buildScopeCommunicator(ShmemScope scope, const std::vector<unsigned>& indices) {
@@ -85,7 +88,7 @@ void Machine::buildScopeCommunicator(ShmemScope scope, const std::vector<unsigne
         group = findRanksAlike(indicesOfAll, host.myRank());
     } else {
         // Among the ranks that share memory: those that give one host name may be others.
-        const CpuTopology& topology = _host->getCpuTopology();
+        const CpuTopology& topology = getHost().getCpuTopology();
         const AffinityMask mask = uniteBindings(host, topology);
         unsigned groups = static_cast<unsigned>(
             (isSocket ? topology.getSocketsFromMask(mask) : topology.getNumaNodesFromMask(mask)).size());
@@ -94,18 +97,20 @@ void Machine::buildScopeCommunicator(ShmemScope scope, const std::vector<unsigne
         host.broadcast(groups, 0); // two models of one host may count differently
         group = findRun(host.size(), std::max(1u, groups), host.myRank());
     }
-    _shmemComm[static_cast<std::size_t>(scope)] = host.createCommunicator(group);
+    const auto index = static_cast<std::size_t>(scope);
+    _shmemComm[index] = host.createCommunicator(group);
+    _ground.shmem[index] = _shmemComm[index].get();
 }
 
-std::unique_ptr<Communicator> Machine::createSparseCompanion(const Communicator* communicator) {
+std::unique_ptr<Communicator> Machine::createSparseCompanion(const Communicator* communicator) const {
     if (!communicator)
         return nullptr;
-    std::vector<int> isFirst(_np, 0);
-    isFirst[_partition] = communicator->myRank() == 0 ? 1 : 0;
-    _globalComm->allReduce(isFirst, Communicator::SUM);
+    std::vector<int> isFirst(_ground.size, 0);
+    isFirst[_ground.rank] = communicator->myRank() == 0 ? 1 : 0;
+    globalCommunicator().allReduce(isFirst, Communicator::SUM);
     std::vector<unsigned> firstRanks;
-    for (unsigned rank = 0; rank < _np; ++rank)
+    for (unsigned rank = 0; rank < _ground.size; ++rank)
         if (isFirst[rank] != 0)
             firstRanks.push_back(rank);
-    return _globalComm->createCommunicator(firstRanks);
+    return globalCommunicator().createCommunicator(firstRanks);
 }

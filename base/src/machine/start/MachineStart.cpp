@@ -101,14 +101,14 @@ void Machine::startCommunicators(int& argc, char*** argv, ConsumedOptions& consu
         _isProxySessionDaemon = _isProxySessionDaemon || row->kind == StartKind::PROXY_DAEMON;
     }
     if (serial) {
-        _serialParallelMode = SERIAL_MODE;
+        _ground.mode = SERIAL_MODE;
     } else {
         const std::string module = findDriverModule(argc, *argv, consumed);
         optionallyPreloadMpi(module.c_str(), argc, argv, consumed);
         startMessageLayer(module, argc, argv);
     }
     startHost(processors);
-    OrvexVersion::_machineConfig = isParallel() ? "Np=" + std::to_string(_np) : "Serial";
+    OrvexVersion::_machineConfig = isParallel() ? "Np=" + std::to_string(_ground.size) : "Serial";
 }
 
 std::string Machine::findDriverModule(int argc, const char* const* argv, ConsumedOptions& consumed) {
@@ -177,15 +177,14 @@ void Machine::startMessageLayer(const std::string& module, int& argc, char*** ar
         raise(NonRecoverableError("MPI failed to initialize"));
     }
     _globalComm.reset(new Communicator);
-    // A process that leaves by exit() must not take communicators down on its way.
-    std::atexit([] { static_cast<void>(releaseCommunicators().release()); });
     Task::setAgreement([](unsigned value) {
         globalCommunicator().allReduce(value, Communicator::MIN);
         return value;
     });
-    _np = _globalComm->size();
-    _partition = _globalComm->myRank();
-    _serialParallelMode = _partition == Communicator::masterRank() ? MASTER_MODE : WORKER_MODE;
+    _ground.global = _globalComm.get();
+    _ground.size = _globalComm->size();
+    _ground.rank = _globalComm->myRank();
+    _ground.mode = _ground.rank == Communicator::masterRank() ? MASTER_MODE : WORKER_MODE;
 }
 
 void Machine::startLauncherWatch() {
@@ -201,35 +200,46 @@ void Machine::startLauncherWatch() {
 }
 
 void Machine::startHost(const std::vector<unsigned>& processors) {
-    ORVEX_ASSERT_AS(!_host, "!_host", "Host already enabled");
-    _host = new MachineHost;
+    ORVEX_ASSERT_AS(!_ground.host, "!_host", "Host already enabled");
+    _host = std::make_unique<MachineHost>();
+    _ground.host = _host.get();
     _host->keepToBatchJob(processors);
     testOverSubscription();
 }
 
 void Machine::stopHost() {
-    delete _host;
-    _host = nullptr;
+    _ground.host = nullptr;
+    _host.reset();
 }
 
 void Machine::stopCommunicators() {
     stopHost();
     if (!isParallel())
         return;
+    _ground.shmem.fill(nullptr);
+    _ground.sparse.fill(nullptr);
     for (std::size_t scope = 0; scope < NUMBER_SHMEM_SCOPES; ++scope) {
         _shmemComm[scope].reset();
         _sparseComm[scope].reset();
     }
     Task::setAgreement({});
+    _ground.global = nullptr;
     _globalComm.reset();
     MpiCore::finalize();
     _launcherWatch.reset();
 }
 
-std::unique_ptr<Communicator> Machine::releaseCommunicators() {
+Communicator* Machine::releaseCommunicators() {
+    Communicator* const global = _ground.global;
+    _ground.global = nullptr;
+    _ground.shmem.fill(nullptr);
+    _ground.sparse.fill(nullptr);
+    if (_singleton == nullptr)
+        return global;
+    static_cast<void>(_singleton->_globalComm.release());
     for (std::size_t scope = 0; scope < NUMBER_SHMEM_SCOPES; ++scope) {
-        static_cast<void>(_shmemComm[scope].release());
-        static_cast<void>(_sparseComm[scope].release());
+        static_cast<void>(_singleton->_shmemComm[scope].release());
+        static_cast<void>(_singleton->_sparseComm[scope].release());
     }
-    return std::move(_globalComm);
+    return global;
 }

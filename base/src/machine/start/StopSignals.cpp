@@ -24,7 +24,7 @@ std::optional<double> requestTime; // [s]
 
 [[noreturn]] void endAtOnce(int signal) {
     LastWords::say(Platform::Signals::getName(signal) + " again: the process ends at once");
-    if (Machine::isSerial() || Machine::isMaster())
+    if (Machine::isSerialOrMaster())
         Machine::abortFromAnywhere();
     constexpr int EXIT_VALUE_OF_SIGNAL = 128;
     std::_Exit(EXIT_VALUE_OF_SIGNAL + signal);
@@ -51,7 +51,7 @@ void StopSignals::request(int signal, int sender) {
     if (LastWords::isJobDying())
         return; // the launcher ends a job that has lost a rank: nobody asks for a stop in order
     const std::string launcher = LauncherWatch::getKillingLauncher(sender);
-    const bool isTeller = Machine::isSerial() || Machine::isMaster();
+    const bool isTeller = Machine::isSerialOrMaster();
     const std::lock_guard lock(requestMutex);
     const double now = Platform::time().getTime();
     if (launcher.empty() && requestTime && now - *requestTime > PATIENCE)

@@ -91,7 +91,7 @@ public:
 
 private:
     static void print(unsigned iteration, double residual) {
-        if (Machine::isSerial() || Machine::isMaster())
+        if (Machine::isSerialOrMaster())
             std::cout << "SolveHeatConduction: iteration " << iteration << ", residual " << residual
                       << std::endl;
     }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "machine/Communicator.h"
 #include "machine/GlobalFloatingPointExceptionStatus.h"
 #include "machine/Machine.h"
 #include "machine/MachineHost.h"
@@ -20,15 +21,13 @@ class MachineTestAccess {
 public:
     /// A process that hasn't entered Machine::main() yet.
     static void startAfresh() {
-        Machine::_host = (delete Machine::_host, nullptr);
         delete Machine::_singleton;
-        playRole(Machine::SERIAL_MODE, 1, 0);
+        Machine::_ground = {};
         Machine::_threaded = true;
         Machine::_useInternalBinding = true;
         Machine::_cpuBindingPolicy = BANDWIDTH_BINDING;
         Machine::_cpuBindingContentionTest = true;
         Machine::_threadBindingAttributes = 0;
-        Machine::_printpids = false;
         Machine::_iodebug = 0;
         Machine::_isProxyServer = false;
         Machine::_isProxySessionDaemon = false;
@@ -38,14 +37,14 @@ public:
     }
 
     static void playRole(Machine::SerialParallelMode mode, unsigned nProcesses, unsigned rank) {
-        Machine::_serialParallelMode = mode;
-        Machine::_np = nProcesses;
-        Machine::_partition = rank;
+        Machine::_ground.mode = mode;
+        Machine::_ground.size = nProcesses;
+        Machine::_ground.rank = rank;
     }
 
-    static unsigned getSerialCriticalLock() { return Machine::_serialCriticalLock; }
-    static void setPrintpids(bool on) { Machine::_printpids = on; }
-    static void setExecutableName(const std::string& name) { Machine::_executableName = name; }
+    static unsigned getSerialCriticalLock() { return Machine::_ground.serialCriticalLock; }
+    static void setPrintpids(bool on) { Machine::_ground.printsPids = on; }
+    static void setExecutableName(const std::string& name) { Machine::_ground.executableName = name; }
     /// As the Controller does it when a signal interrupts the code.
     static void tellSignalRaised() {
         Properties signal;
@@ -58,7 +57,7 @@ public:
     static CpuBindingPolicy getCpuBindingPolicy() { return Machine::_cpuBindingPolicy; }
     static bool deletesOnExit() { return Machine::getSingleton()._deleteOnExit; }
     static bool isUsageDisabled() { return Machine::getSingleton()._usageDisabled; }
-    static bool getDevErrorChecking() { return Machine::getSingleton()._devErrorChecking; }
+    static bool getDevErrorChecking() { return Machine::_ground.devErrorChecking; }
     static const char* driverModuleName(const std::string& driver) {
         return Machine::driverModuleName(driver);
     }
@@ -96,11 +95,30 @@ public:
     static void buildScopeCommunicator(Machine::ShmemScope scope, const std::vector<unsigned>& indices) {
         Machine::getSingleton().buildScopeCommunicator(scope, indices);
     }
-    static auto& globalCommunicator() { return Machine::_globalComm; }
-    static auto& sharedMemCommunicators() { return Machine::_shmemComm; }
-    static auto& sparseCommunicators() { return Machine::_sparseComm; }
+    static void makeGlobalCommunicator() {
+        Machine::getSingleton()._globalComm = std::make_unique<Communicator>();
+        Machine::_ground.global = Machine::getSingleton()._globalComm.get();
+    }
+    static void dropGlobalCommunicator() {
+        Machine::_ground.global = nullptr;
+        Machine::getSingleton()._globalComm.reset();
+    }
+    /// The communicator stays the caller's.
+    static void setSharedMemCommunicator(Machine::ShmemScope scope, Communicator* ranks) {
+        Machine::_ground.shmem[scope] = ranks;
+    }
+    static void dropSharedMemCommunicators() {
+        Machine::_ground.shmem.fill(nullptr);
+        Machine::_ground.sparse.fill(nullptr);
+        for (std::size_t scope = 0; scope < Machine::NUMBER_SHMEM_SCOPES; ++scope) {
+            Machine::getSingleton()._shmemComm[scope].reset();
+            Machine::getSingleton()._sparseComm[scope].reset();
+        }
+    }
     /// The machine on `host`, which stays the caller's. @return the host that it was on
-    static MachineHost* swapHost(MachineHost* host) { return std::exchange(Machine::_host, host); }
+    static const MachineHost* swapHost(const MachineHost* host) {
+        return std::exchange(Machine::_ground.host, host);
+    }
     static void startParallelErrorHandler() { Machine::getSingleton().startParallelErrorHandler(); }
 
 private:

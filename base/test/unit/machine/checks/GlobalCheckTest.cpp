@@ -32,13 +32,13 @@ protected:
         mpi.setWorld(1, 12);
         MachineTestAccess::startAfresh();
         play(12);
-        MachineTestAccess::globalCommunicator() = std::make_unique<Communicator>();
+        MachineTestAccess::makeGlobalCommunicator();
         Machine::getSingleton().setDevErrorChecking(true);
         setTrueRanks(12);
         mpi.clearCalls();
     }
     ~GlobalCheck() override {
-        MachineTestAccess::globalCommunicator().reset();
+        MachineTestAccess::dropGlobalCommunicator();
         MachineTestAccess::startAfresh();
     }
 

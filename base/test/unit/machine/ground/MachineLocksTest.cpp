@@ -56,7 +56,7 @@ TEST_F(MachineLocks, nestedSerialCriticalLiftsWithTheLast) {
             EXPECT_EQ(MachineTestAccess::getSerialCriticalLock(), 2u);
         }
         EXPECT_TRUE(MessagingGate::has(MessagingGate::SERIAL_CRITICAL));
-        expectAssertion(assertion, "not here", "! _serialCriticalLock", "MachineLocks.cpp");
+        expectAssertion(assertion, "not here", "! _serialCriticalLock", "GroundLocks.cpp");
     }
     assertion();
 }
@@ -130,7 +130,7 @@ TEST_F(MachineLocks, forbiddenCallStopsADevelopmentVersionWithItsChecksOn) {
             continue;
         }
         const std::string printed = printedBy([&] {
-            expectAssertion(assertion, "too slow here", "!_performanceCriticalLock", "MachineLocks.cpp");
+            expectAssertion(assertion, "too slow here", "!_performanceCriticalLock", "GroundLocks.cpp");
         });
         const std::string explanation = "PerformanceCriticalLock detected:\n"
                                         "  This message is generated when communication is invoked\n"
@@ -169,7 +169,7 @@ TEST_F(MachineLocks, temporaryExemptionWantsTheNumberOfAProblem) {
             expectAssertion(
                 exempt,
                 "Badly constructed JIRA ID passed to ParallelPerformanceCritical::TemporaryExemption!",
-                "isJiraId(_jiraId)", "MachineLocks.cpp");
+                "isJiraId(_jiraId)", "GroundLocks.cpp");
         }
         EXPECT_EQ(Machine::getPerformanceCriticalLock(), 1u);
     }

@@ -59,15 +59,15 @@ protected:
     RelaxerOfARank() {
         ScriptedMpi::start();
         MachineTestAccess::playRole(Machine::MASTER_MODE, 1, 0);
-        shared() = std::make_unique<Communicator>();
+        _shared = std::make_unique<Communicator>();
+        MachineTestAccess::setSharedMemCommunicator(Machine::HOST_SCOPE, _shared.get());
     }
     ~RelaxerOfARank() override {
-        shared().reset();
+        MachineTestAccess::setSharedMemCommunicator(Machine::HOST_SCOPE, nullptr);
+        _shared.reset();
         MachineTestAccess::playRole(Machine::SERIAL_MODE, 1, 0);
     }
-    static std::unique_ptr<Communicator>& shared() {
-        return MachineTestAccess::sharedMemCommunicators()[Machine::HOST_SCOPE];
-    }
+    std::unique_ptr<Communicator> _shared;
     void loseHardware() { MachineHostTestAccess::equip(host, CpuTopology(std::string("no XML"))); }
 };
 

@@ -30,11 +30,8 @@ int receive(const ScriptedCall& call, const List& values) {
 }
 
 void releaseCommunicators() {
-    for (auto& communicator : MachineTestAccess::sharedMemCommunicators())
-        communicator.reset();
-    for (auto& communicator : MachineTestAccess::sparseCommunicators())
-        communicator.reset();
-    MachineTestAccess::globalCommunicator().reset();
+    MachineTestAccess::dropSharedMemCommunicators();
+    MachineTestAccess::dropGlobalCommunicator();
     MachineTestAccess::playRole(Machine::SERIAL_MODE, 1, 0);
 }
 
@@ -50,8 +47,8 @@ TEST(SharedMemoryCommunicators, FollowTheHardware) {
     mpi.setSharedMemorySupport(false);
     mpi.setWorld(2, 5);
     MachineTestAccess::playRole(Machine::WORKER_MODE, 5, 2);
-    MachineTestAccess::globalCommunicator() = std::make_unique<Communicator>();
-    MachineHost* const before = MachineTestAccess::swapHost(host.get());
+    MachineTestAccess::makeGlobalCommunicator();
+    const MachineHost* const before = MachineTestAccess::swapHost(host.get());
     mpi.clearCalls();
     MachineTestAccess::buildShmemCommunicators();
     EXPECT_EQ(mpi.callsOf("Group_incl").front().arrays.at("ranks"), (std::vector<long long>{0, 2, 3, 4}));
@@ -99,7 +96,7 @@ TEST(SharedMemoryCommunicators, MixedVectorizationIsToldOnce) {
             ScriptedMpi& mpi = ScriptedMpi::start();
             mpi.setWorld(static_cast<int>(rank), 3);
             MachineTestAccess::playRole(rank == 0 ? Machine::MASTER_MODE : Machine::WORKER_MODE, 3, rank);
-            MachineTestAccess::globalCommunicator() = std::make_unique<Communicator>();
+            MachineTestAccess::makeGlobalCommunicator();
             mpi.setAction("Gather", [&](const ScriptedCall& call) {
                 return rank == 0 ? receive(call, {4, 4, isMixed ? 3u : 4u}) : OXM_MPI_SUCCESS;
             });
@@ -126,7 +123,7 @@ TEST(AffinityReport, TakesAConstantNumberOfMessages) {
          {"machine pack:1 [numa] core:1 pu:1", "machine pack:4 [numa] core:8 pu:2"}) {
         ScriptedMpi& mpi = ScriptedMpi::start();
         MachineTestAccess::playRole(Machine::MASTER_MODE, 1, 0);
-        MachineTestAccess::globalCommunicator() = std::make_unique<Communicator>();
+        MachineTestAccess::makeGlobalCommunicator();
         {
             const auto host = MachineHostTestAccess::claim("here");
             MachineHostTestAccess::equip(*host, CpuTopology(makeTestMachine(machine)));
@@ -149,7 +146,7 @@ TEST(MachineHost_, IsBuiltByAFixedNumberOfMessages) {
         ScriptedMpi& mpi = ScriptedMpi::start();
         mpi.setWorld(0, static_cast<int>(ranks));
         MachineTestAccess::playRole(Machine::MASTER_MODE, ranks, 0);
-        MachineTestAccess::globalCommunicator() = std::make_unique<Communicator>();
+        MachineTestAccess::makeGlobalCommunicator();
         mpi.setAction("Allgather", [&](const ScriptedCall& call) { return receive(call, List(ranks, 3)); });
         mpi.setAction("Allgatherv", [&](const ScriptedCall& call) {
             for (unsigned rank = 0; rank < ranks; ++rank)

@@ -189,27 +189,27 @@ TEST_F(CommunicatorOfThree, gateRefusesInItsOrder) {
     testing::internal::CaptureStdout();
     runAsLocalCommand([&] {
         wasLocal = Controller::isSerialCritical();
-        expectRefusal("Parallel is explicitly locked", "! _serialCriticalLock", "MachineLocks.cpp");
+        expectRefusal("Parallel is explicitly locked", "! _serialCriticalLock", "GroundLocks.cpp");
         serial.reset();
         // A release version goes on to the next check.
         if (OrvexVersion::isDevelopmentVersion())
             expectRefusal("Parallel locked out in performance critical section", "!_performanceCriticalLock",
-                          "MachineLocks.cpp");
+                          "GroundLocks.cpp");
         else
             expectRefusal("Parallel has been explicitly locked whilst running a non-distributed command",
-                          "!Controller::isSerialCritical()", "Communicator.cpp");
+                          "!Controller::isSerialCritical()", "MessageGate.cpp");
         performance.reset();
         expectRefusal("Parallel has been explicitly locked whilst running a non-distributed command",
-                      "!Controller::isSerialCritical()", "Communicator.cpp");
+                      "!Controller::isSerialCritical()", "MessageGate.cpp");
     });
     testing::internal::GetCapturedStdout();
     EXPECT_TRUE(wasLocal);
     std::thread([&] {
         expectRefusal("Parallel is explicitly locked out of FieldLoops", "!FieldLoopState::busy()",
-                      "Communicator.cpp");
+                      "MessageGate.cpp");
         FieldLoopState::setIdle();
         expectRefusal("Parallel messaging can only be called from the main thread", "Thread::isMain()",
-                      "Communicator.cpp");
+                      "MessageGate.cpp");
     }).join();
     MessagingGate::set(MessagingGate::FIELD_LOOP,
                        false); // the other thread left the main thread's word alone

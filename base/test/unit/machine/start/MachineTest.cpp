@@ -64,8 +64,9 @@ TEST_F(MachineTest, BeforeMainTheProcessIsSerial) {
 }
 
 TEST_F(MachineTest, WhatDoesNotExistYetIsAnInternalError) {
-    const auto expect = [](void (*access)(), const char* message, const char* condition) {
-        expectAssertion(access, message, condition, "Machine.cpp");
+    const auto expect = [](void (*access)(), const char* message, const char* condition,
+                           const char* file = "MachineGround.cpp") {
+        expectAssertion(access, message, condition, file);
     };
     expect([] { Machine::globalCommunicator(); }, "Attempt to access GlobalCommunicator in serial",
            "isParallel()");
@@ -75,7 +76,7 @@ TEST_F(MachineTest, WhatDoesNotExistYetIsAnInternalError) {
            "Attempt to access interNodeCommunicator in serial", "isParallel()");
     expect([] { Machine::getHost(); }, "Host is not enabled", "_host");
     expect([] { Machine::getSingleton().getStandardStreamManager(); }, "StandardStreamManager is NULL",
-           "_standardStreamManager");
+           "_standardStreamManager", "Machine.cpp");
 }
 
 TEST_F(MachineTest, StatesHaveTheirWords) {

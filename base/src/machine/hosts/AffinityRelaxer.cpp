@@ -18,14 +18,14 @@ OS::Log& getLog() {
 }
 
 const CpuTopology& getTopology() {
-    return Machine::getHost().getCpuTopology();
+    return MachineGround::getHost().getCpuTopology();
 }
 
 } // namespace
 
 class AffinityRelaxer::Impl {
 public:
-    explicit Impl(Machine::ShmemScope scope);
+    explicit Impl(MachineGround::ShmemScope scope);
     ~Impl();
     Impl(const Impl&) = delete;
     Impl& operator=(const Impl&) = delete;
@@ -34,8 +34,8 @@ private:
     AffinityMask _saved; ///< the binding that was found; empty in serial
 };
 
-AffinityRelaxer::Impl::Impl(Machine::ShmemScope scope) {
-    if (Machine::isSerial()) {
+AffinityRelaxer::Impl::Impl(MachineGround::ShmemScope scope) {
+    if (MachineGround::isSerial()) {
         getLog().info(CONSTRUCTOR, "Affinity relaxer is disabled in serial mode.");
         return;
     }
@@ -45,7 +45,8 @@ AffinityRelaxer::Impl::Impl(Machine::ShmemScope scope) {
                    topology.printAffinityMask(_saved, MASK_LENGTH));
     std::vector<unsigned> all;
     std::vector<unsigned> counts;
-    Machine::sharedMemCommunicator(scope).allGatherVector(topology.getLpusFromMask(_saved), all, counts);
+    MachineGround::sharedMemCommunicator(scope).allGatherVector(topology.getLpusFromMask(_saved), all,
+                                                                counts);
     const AffinityMask relaxed = topology.getLpuMask(all);
     getLog().debug(CONSTRUCTOR, "Relaxed affinity mask = @0@",
                    topology.printAffinityMask(relaxed, MASK_LENGTH));
@@ -56,7 +57,7 @@ AffinityRelaxer::Impl::Impl(Machine::ShmemScope scope) {
 }
 
 AffinityRelaxer::Impl::~Impl() {
-    if (Machine::isSerial()) {
+    if (MachineGround::isSerial()) {
         getLog().info(DESTRUCTOR,
                       "Affinity relaxer is disabled in serial mode, hence no affinity to restore.");
         return;
@@ -73,6 +74,6 @@ AffinityRelaxer::Impl::~Impl() {
         getLog().error(DESTRUCTOR, "Failed to restore original affinity mask @0@.", text);
 }
 
-AffinityRelaxer::AffinityRelaxer(Machine::ShmemScope scope, const Key&)
+AffinityRelaxer::AffinityRelaxer(MachineGround::ShmemScope scope, const Key&)
     : _impl(std::make_unique<Impl>(scope)) {}
 AffinityRelaxer::~AffinityRelaxer() = default;

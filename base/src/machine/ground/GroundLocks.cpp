@@ -1,4 +1,4 @@
-#include "machine/MachineLocks.h"
+#include "machine/GroundLocks.h"
 
 #include "machine/FieldLoopState.h"
 
@@ -31,62 +31,62 @@ void printCallers() {
 
 } // namespace
 
-using PerformanceCritical = Machine::ParallelPerformanceCritical;
+using PerformanceCritical = MachineGround::ParallelPerformanceCritical;
 
 unsigned PerformanceCritical::TemporaryExemption::_nExemptions = 0;
 bool PerformanceCritical::TemporaryExemption::_verbose = false;
 PerformanceCritical::TemporaryExemption::OnExit PerformanceCritical::TemporaryExemption::_onExitObserver;
 
-Machine::SerialCritical::SerialCritical() {
+MachineGround::SerialCritical::SerialCritical() {
     if (Thread::isMain())
-        setDepth(_serialCriticalLock + 1);
+        setDepth(_ground.serialCriticalLock + 1);
 }
 
-Machine::SerialCritical::~SerialCritical() {
+MachineGround::SerialCritical::~SerialCritical() {
     if (!Thread::isMain())
         return;
     // The counter was cleared when a signal interrupted the region.
-    if (_serialCriticalLock == 0)
+    if (_ground.serialCriticalLock == 0)
         std::cout << "Warning : SerialCritical lock out of synch.." << std::endl;
     else
-        setDepth(_serialCriticalLock - 1);
+        setDepth(_ground.serialCriticalLock - 1);
 }
 
-void Machine::SerialCritical::setDepth(unsigned depth) {
-    _serialCriticalLock = depth;
+void MachineGround::SerialCritical::setDepth(unsigned depth) {
+    _ground.serialCriticalLock = depth;
     MessagingGate::set(MessagingGate::SERIAL_CRITICAL, depth != 0);
 }
 
-Machine::ParallelPerformanceCritical::ParallelPerformanceCritical() {
+MachineGround::ParallelPerformanceCritical::ParallelPerformanceCritical() {
     if (Thread::isMain())
-        setDepth(_performanceCriticalLock + 1);
+        setDepth(_ground.performanceCriticalLock + 1);
 }
 
-Machine::ParallelPerformanceCritical::~ParallelPerformanceCritical() {
+MachineGround::ParallelPerformanceCritical::~ParallelPerformanceCritical() {
     if (!Thread::isMain())
         return;
-    if (_performanceCriticalLock == 0)
+    if (_ground.performanceCriticalLock == 0)
         std::cout << "Warning : PerformanceCritical lock out of synch.." << std::endl;
     else
-        setDepth(_performanceCriticalLock - 1);
+        setDepth(_ground.performanceCriticalLock - 1);
 }
 
-void Machine::ParallelPerformanceCritical::setDepth(unsigned depth) {
-    _performanceCriticalLock = depth;
+void MachineGround::ParallelPerformanceCritical::setDepth(unsigned depth) {
+    _ground.performanceCriticalLock = depth;
     MessagingGate::set(MessagingGate::PERFORMANCE_CRITICAL, depth != 0);
 }
 
-Machine::ParallelPerformanceCritical::Exemption::Exemption() : _lock(_performanceCriticalLock) {
+MachineGround::ParallelPerformanceCritical::Exemption::Exemption() : _lock(_ground.performanceCriticalLock) {
     if (Thread::isMain())
-        setDepth(_performanceCriticalLock - _lock);
+        setDepth(_ground.performanceCriticalLock - _lock);
 }
 
-Machine::ParallelPerformanceCritical::Exemption::~Exemption() {
+MachineGround::ParallelPerformanceCritical::Exemption::~Exemption() {
     if (Thread::isMain())
-        setDepth(_performanceCriticalLock + _lock);
+        setDepth(_ground.performanceCriticalLock + _lock);
 }
 
-Machine::ParallelPerformanceCritical::TemporaryExemption::TemporaryExemption(std::string jiraId)
+MachineGround::ParallelPerformanceCritical::TemporaryExemption::TemporaryExemption(std::string jiraId)
     : _jiraId(std::move(jiraId)) {
     if (OrvexVersion::isDevelopmentVersion())
         ORVEX_ASSERT(isJiraId(_jiraId),
@@ -98,13 +98,13 @@ Machine::ParallelPerformanceCritical::TemporaryExemption::TemporaryExemption(std
     addExemption(*this);
 }
 
-void Machine::ParallelPerformanceCritical::TemporaryExemption::printExemptions() {
+void MachineGround::ParallelPerformanceCritical::TemporaryExemption::printExemptions() {
     std::cout << "A Total of " << _nExemptions
               << " temporary exemptions to the parallel performance critical lock have been granted."
               << std::endl;
 }
 
-bool Machine::ParallelPerformanceCritical::TemporaryExemption::isJiraId(const std::string& id) {
+bool MachineGround::ParallelPerformanceCritical::TemporaryExemption::isJiraId(const std::string& id) {
     constexpr std::size_t PREFIX_LENGTH = 4;
     if (id.empty() || id.compare(0, PREFIX_LENGTH, "OXMP") != 0)
         return false;
@@ -114,21 +114,21 @@ bool Machine::ParallelPerformanceCritical::TemporaryExemption::isJiraId(const st
                        [](unsigned char character) { return std::isdigit(character) != 0; });
 }
 
-void Machine::ParallelPerformanceCritical::TemporaryExemption::OnExit::update(Properties&) {
+void MachineGround::ParallelPerformanceCritical::TemporaryExemption::OnExit::update(Properties&) {
     printExemptions();
 }
 
-void Machine::assertNotSerialCritical(const char* message) {
-    ORVEX_ASSERT_AS(_serialCriticalLock == 0, "! _serialCriticalLock", message);
+void MachineGround::assertNotSerialCritical(const char* message) {
+    ORVEX_ASSERT_AS(_ground.serialCriticalLock == 0, "! _serialCriticalLock", message);
 }
 
-void Machine::assertNotParallelPerformanceCritical(const char* message) {
-    if (_performanceCriticalLock != 0)
+void MachineGround::assertNotParallelPerformanceCritical(const char* message) {
+    if (_ground.performanceCriticalLock != 0)
         handleFailedPerformanceCriticalTest(message);
 }
 
-void Machine::handleFailedPerformanceCriticalTest(const char* const message) {
-    if (!getSingleton().hasDevErrorChecking() || _performanceCriticalLock == 0)
+void MachineGround::handleFailedPerformanceCriticalTest(const char* const message) {
+    if (!hasDevErrorChecking() || _ground.performanceCriticalLock == 0)
         return;
     std::cout << "PerformanceCriticalLock detected:\n"
                  "  This message is generated when communication is invoked\n"
@@ -138,12 +138,10 @@ void Machine::handleFailedPerformanceCriticalTest(const char* const message) {
                  "  using existing patterns such as a two-pass Term."
               << std::endl;
     printCallers();
-    ORVEX_ASSERT_AS(_performanceCriticalLock == 0, "!_performanceCriticalLock", message);
+    ORVEX_ASSERT_AS(_ground.performanceCriticalLock == 0, "!_performanceCriticalLock", message);
 }
 
-void Machine::SignalRaisedObserver::update(Properties&) {
-    if (!Thread::isMain())
-        return;
+void MachineGround::liftLocks() {
     SerialCritical::setDepth(0);
     ParallelPerformanceCritical::setDepth(0);
     FieldLoopState::setIdle();
