@@ -3,6 +3,7 @@
 #include "client/CtlConsole.h"
 #include "client/CtlSession.h"
 #include "client/OwnCommands.h"
+#include "kernel/Command.h"
 
 #include "platform/FileSystem.h"
 #include "platform/Io.h"
@@ -121,7 +122,8 @@ std::vector<std::string> CtlPrompt::Impl::candidates(const std::string& before, 
             words.emplace_back("quit");
     } else {
         for (const CommandWords::KeyType& argument : session.getHelp(first).arguments)
-            words.push_back(argument.key + "=");
+            if (argument.key != CommandKey::ANY)
+                words.push_back(argument.key + "=");
     }
     std::erase_if(words, [&](const std::string& word) { return !word.starts_with(begun); });
     std::sort(words.begin(), words.end());
