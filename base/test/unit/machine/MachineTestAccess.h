@@ -105,7 +105,7 @@ public:
     }
     /// The communicator stays the caller's.
     static void setSharedMemCommunicator(Machine::ShmemScope scope, Communicator* ranks) {
-        Machine::_ground.shmem[scope] = ranks;
+        Machine::_ground.shmem[static_cast<std::size_t>(scope)] = ranks;
     }
     static void dropSharedMemCommunicators() {
         Machine::_ground.shmem.fill(nullptr);
