@@ -72,6 +72,7 @@ std::string percent(double fraction) {
 
 std::vector<CommandWords::Word> toWords(const std::vector<std::string>& texts) {
     std::vector<CommandWords::Word> words;
+    words.reserve(texts.size());
     for (const std::string& text : texts)
         words.push_back({text});
     return words;

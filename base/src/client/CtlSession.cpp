@@ -37,6 +37,7 @@ std::vector<CommandWords::KeyType> keysOf(const Properties& command, const std::
     std::vector<Properties> descriptions;
     command.get(list, descriptions);
     std::vector<CommandWords::KeyType> keys;
+    keys.reserve(descriptions.size());
     for (const Properties& key : descriptions)
         keys.push_back({key.getString("name"), key.getString("type")});
     return keys;

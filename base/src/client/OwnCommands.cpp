@@ -31,6 +31,7 @@ bool OwnCommands::isOne(std::string_view name) {
 
 std::vector<std::string> OwnCommands::getNames() {
     std::vector<std::string> names;
+    names.reserve(std::size(COMMANDS));
     for (const OwnCommand& command : COMMANDS)
         names.emplace_back(command.name);
     return names;

@@ -80,7 +80,9 @@ std::optional<Properties> gatherError(const Properties* mine) {
             different.insert(std::string_view(messages).substr(begin, lengths[rank]));
         }
     const unsigned winner = ranks.front();
-    std::string text = Machine::getPartitionId() == winner ? writeError(*mine) : std::string();
+    std::string text;
+    if (mine != nullptr && Machine::getPartitionId() == winner)
+        text = writeError(*mine);
     communicator.broadcast(text, winner);
     Properties error(text);
     for (const char* key : {CommandController::RANK_KEY, CommandController::MESSAGES_KEY})

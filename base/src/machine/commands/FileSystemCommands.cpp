@@ -45,7 +45,7 @@ CommandKey reasonKey() {
 
 /// The path under `key`. No system call can take one with a zero: it is an error for all ranks.
 std::wstring pathIn(const Properties& args, const char* key = PATH_KEY) {
-    const std::wstring path = args.getOrvexString(key);
+    std::wstring path = args.getOrvexString(key);
     if (path.find(L'\0') != std::wstring::npos)
         raise(InputError(std::string("The argument ") + key + " holds a zero character, as no path can."));
     return path;

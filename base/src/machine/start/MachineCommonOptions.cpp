@@ -20,6 +20,7 @@
 
 #include <iostream>
 #include <stdexcept>
+#include <utility>
 
 namespace {
 
@@ -37,7 +38,7 @@ void sayOnce(const char* text) {
 /// One walk over the line. What options do to each other, they do in the order of the line.
 class Machine::CommonOptions {
 public:
-    CommonOptions(Machine& machine, CommandLine line) : _machine(machine), _line(line) {}
+    CommonOptions(Machine& machine, CommandLine line) : _machine(machine), _line(std::move(line)) {}
 
     void parse() {
         while (_line.next())
