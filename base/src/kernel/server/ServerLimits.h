@@ -3,7 +3,7 @@
 #include <chrono>
 #include <cstddef>
 
-/// What clients may cost the server. The defaults suit a job of any size; tests set smaller ones.
+/// Limits on what clients may cost the server. The defaults suit a job of any size; tests set smaller ones.
 struct ServerLimits {
     std::size_t frameSize = std::size_t(16) << 20; ///< longest request line [bytes]
     std::size_t handshakeFrameSize = 4096;         ///< the same before the client has proved its key [bytes]
