@@ -1,7 +1,7 @@
 """The open port against those who don't belong there, and against clients that misbehave.
 
 Each attack is refused or bounded with a message that says why; meanwhile a proper client is served and the
-server's memory stays where it was. The limits one by one: base/test/unit/server/ServerLimitsTest.cpp.
+server's memory stays where it was. The limits one by one: base/test/unit/kernel/server/ServerLimitsTest.cpp.
 """
 import json
 import re

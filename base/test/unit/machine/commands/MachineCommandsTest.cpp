@@ -13,7 +13,7 @@
 #include "platform/Process.h"
 #include "platform/System.h"
 
-#include "parallel/MachineHostTestAccess.h"
+#include "parallel/machine/hosts/MachineHostTestAccess.h"
 #include "unit/machine/Failures.h"
 #include "unit/machine/MachineTestAccess.h"
 

@@ -5,7 +5,7 @@
 #include "machine/Communicator.h"
 #include "machine/MachineHost.h"
 
-#include "parallel/MachineHostTestAccess.h"
+#include "parallel/machine/hosts/MachineHostTestAccess.h"
 #include "support/ScriptedMpi.h"
 #include "unit/machine/LogLines.h"
 #include "unit/machine/MachineTestAccess.h"

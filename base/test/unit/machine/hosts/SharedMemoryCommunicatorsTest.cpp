@@ -5,7 +5,7 @@
 #include "machine/Machine.h"
 #include "machine/MachineHost.h"
 
-#include "parallel/MachineHostTestAccess.h"
+#include "parallel/machine/hosts/MachineHostTestAccess.h"
 #include "support/ScriptedMpi.h"
 #include "support/TestMachine.h"
 #include "unit/machine/Failures.h"

@@ -7,7 +7,7 @@
 #include "machine/Machine.h"
 #include "machine/MachineHost.h"
 
-#include "parallel/MachineHostTestAccess.h"
+#include "parallel/machine/hosts/MachineHostTestAccess.h"
 #include "support/TestMachine.h"
 #include "unit/machine/MachineTestAccess.h"
 #include "unit/machine/hardware/CpuTopologyTestAccess.h"

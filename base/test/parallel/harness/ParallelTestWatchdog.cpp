@@ -1,4 +1,4 @@
-#include "parallel/ParallelTestWatchdog.h"
+#include "parallel/harness/ParallelTestWatchdog.h"
 
 #include <cstdio>
 #include <cstdlib>

@@ -4,7 +4,7 @@
 #include "machine/Communicator.h"
 #include "machine/Machine.h"
 
-#include "parallel/ParallelTest.h"
+#include "parallel/harness/ParallelTest.h"
 
 #include <gtest/gtest.h>
 

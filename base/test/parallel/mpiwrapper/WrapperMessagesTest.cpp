@@ -1,4 +1,4 @@
-#include "parallel/WrapperTestTools.h"
+#include "parallel/mpiwrapper/WrapperTestTools.h"
 
 #include <algorithm>
 #include <functional>

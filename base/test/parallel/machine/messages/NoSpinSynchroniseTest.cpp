@@ -1,6 +1,6 @@
 // The sleeping barrier and the sleeping broadcast.
 
-#include "parallel/ParallelTest.h"
+#include "parallel/harness/ParallelTest.h"
 
 #include "machine/Communicator.h"
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "parallel/ParallelTest.h"
+#include "parallel/harness/ParallelTest.h"
 
 #include "mpiwrapper/OxmMpi.h"
 

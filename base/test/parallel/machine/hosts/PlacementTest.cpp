@@ -9,7 +9,7 @@
 #include "machine/MachineHost.h"
 
 #include "kernel/Properties.h"
-#include "parallel/MachineHostTestAccess.h"
+#include "parallel/machine/hosts/MachineHostTestAccess.h"
 #include "platform/FileSystem.h"
 #include "platform/Process.h"
 #include "platform/ProcessHandle.h"

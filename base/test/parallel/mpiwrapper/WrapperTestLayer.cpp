@@ -1,4 +1,4 @@
-#include "parallel/ParallelTest.h"
+#include "parallel/harness/ParallelTest.h"
 
 #include "mpiwrapper/OxmMpi.h"
 

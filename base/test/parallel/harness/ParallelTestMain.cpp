@@ -1,5 +1,5 @@
-#include "parallel/ParallelTest.h"
-#include "parallel/ParallelTestWatchdog.h"
+#include "parallel/harness/ParallelTest.h"
+#include "parallel/harness/ParallelTestWatchdog.h"
 
 #include "mpiwrapper/OxmMpi.h"
 

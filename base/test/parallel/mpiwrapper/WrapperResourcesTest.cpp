@@ -1,4 +1,4 @@
-#include "parallel/WrapperTestTools.h"
+#include "parallel/mpiwrapper/WrapperTestTools.h"
 
 #include <cstdint>
 #include <filesystem>

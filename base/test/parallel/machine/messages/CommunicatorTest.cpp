@@ -1,6 +1,6 @@
 // Every operation of the communicator with every kind of value, among ranks of any number.
 
-#include "parallel/ParallelTest.h"
+#include "parallel/harness/ParallelTest.h"
 #include "support/Values.h"
 
 #include "machine/Communicator.h"
