@@ -3,9 +3,9 @@
 #include "machine/Communicator.h"
 #include "machine/ConditionalOutputStreamWrapper.h"
 #include "machine/InputFileStream.h"
-#include "machine/ParallelConsoleBuf.h"
 #include "machine/ParallelFile.h"
-#include "machine/StreamRedirector.h"
+#include "machine/files/ParallelConsoleBuf.h"
+#include "machine/files/StreamRedirector.h"
 
 #include "mpiwrapper/OxmMpi.h"
 #include "platform/FileSystem.h"

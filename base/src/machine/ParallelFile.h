@@ -98,8 +98,6 @@ public:
     static std::string getErrorStr(int code);
 
 private:
-    friend class ParallelFileTestAccess;
-
     struct Views : MessageBuffers {
         using MessageBuffers::viewOf;
     };
@@ -140,7 +138,6 @@ private:
     static int fileReadAtAll(int file, long long offset, Buffer buffer);
     static void fileGetInfo(int file, std::map<std::string, std::string>& info);
     static int handleError(int code);
-    static int codeOfRead(int code, const OXM_MPI_Status_struct& status, Buffer buffer);
     static int setPanfsHints(int info);
     static void translatePanfsInfo(int info, std::map<std::string, std::string>& result);
     static int convertToMpiWrapperMode(int mode);

@@ -1,4 +1,4 @@
-#include "machine/ParallelConsoleBuf.h"
+#include "machine/files/ParallelConsoleBuf.h"
 
 #include "machine/AtExitRegister.h"
 #include "machine/MachineGround.h"

@@ -9,6 +9,7 @@
 #include <array>
 #include <charconv>
 #include <limits>
+#include <type_traits>
 
 namespace {
 
@@ -67,6 +68,22 @@ View part(View buffer, unsigned begin, unsigned count) {
     buffer.data = static_cast<Byte*>(buffer.data) + std::size_t(begin) * buffer.typeSize;
     buffer.size = count;
     return buffer;
+}
+
+/// One call of the message layer on one piece; `place` is the file, and the offset where there is one. A read
+/// that the end of the file cuts short is an error here, though it is none to MPI.
+template <class Call, class View, class... Place>
+int callWith(Call call, const View& buffer, Place... place) {
+    OXM_MPI_Status_struct status{};
+    const int code = call(place..., buffer.data, static_cast<int>(buffer.size), buffer.type, &status);
+    if constexpr (std::is_same_v<View, ParallelFile::Buffer>) {
+        int count = 0;
+        const int told = code == OXM_MPI_SUCCESS ? OXM_MPI_Get_count(&status, buffer.type, &count) : code;
+        if (told == OXM_MPI_SUCCESS && count != static_cast<int>(buffer.size))
+            return OXM_MPI_ERR_TRUNCATE;
+        return told;
+    }
+    return code;
 }
 
 } // namespace
@@ -287,51 +304,28 @@ long long ParallelFile::fileTell(int file) {
     return bytes;
 }
 
-int ParallelFile::codeOfRead(int code, const OXM_MPI_Status_struct& status, Buffer buffer) {
-    int count = 0;
-    if (code == OXM_MPI_SUCCESS)
-        code = OXM_MPI_Get_count(&status, buffer.type, &count);
-    if (code == OXM_MPI_SUCCESS && count != static_cast<int>(buffer.size))
-        code = OXM_MPI_ERR_TRUNCATE; // the file ends here, which is no error to MPI
-    return code;
-}
-
 int ParallelFile::fileWrite(int file, ConstBuffer buffer) {
-    OXM_MPI_Status_struct status{};
-    return OXM_MPI_File_write(file, buffer.data, static_cast<int>(buffer.size), buffer.type, &status);
+    return callWith(OXM_MPI_File_write, buffer, file);
 }
 
 int ParallelFile::fileRead(int file, Buffer buffer) {
-    OXM_MPI_Status_struct status{};
-    return codeOfRead(
-        OXM_MPI_File_read(file, buffer.data, static_cast<int>(buffer.size), buffer.type, &status), status,
-        buffer);
+    return callWith(OXM_MPI_File_read, buffer, file);
 }
 
 int ParallelFile::fileWriteAt(int file, long long offset, ConstBuffer buffer) {
-    OXM_MPI_Status_struct status{};
-    return OXM_MPI_File_write_at(file, offset, buffer.data, static_cast<int>(buffer.size), buffer.type,
-                                 &status);
+    return callWith(OXM_MPI_File_write_at, buffer, file, offset);
 }
 
 int ParallelFile::fileReadAt(int file, long long offset, Buffer buffer) {
-    OXM_MPI_Status_struct status{};
-    return codeOfRead(
-        OXM_MPI_File_read_at(file, offset, buffer.data, static_cast<int>(buffer.size), buffer.type, &status),
-        status, buffer);
+    return callWith(OXM_MPI_File_read_at, buffer, file, offset);
 }
 
 int ParallelFile::fileWriteAtAll(int file, long long offset, ConstBuffer buffer) {
-    OXM_MPI_Status_struct status{};
-    return OXM_MPI_File_write_at_all(file, offset, buffer.data, static_cast<int>(buffer.size), buffer.type,
-                                     &status);
+    return callWith(OXM_MPI_File_write_at_all, buffer, file, offset);
 }
 
 int ParallelFile::fileReadAtAll(int file, long long offset, Buffer buffer) {
-    OXM_MPI_Status_struct status{};
-    return codeOfRead(OXM_MPI_File_read_at_all(file, offset, buffer.data, static_cast<int>(buffer.size),
-                                               buffer.type, &status),
-                      status, buffer);
+    return callWith(OXM_MPI_File_read_at_all, buffer, file, offset);
 }
 
 void ParallelFile::fileGetInfo(int file, std::map<std::string, std::string>& info) {

@@ -1,4 +1,4 @@
-#include "machine/StateFileUtilities.h"
+#include "machine/files/StateFileUtilities.h"
 
 #include "platform/FileSystem.h"
 #include "platform/StringHelper.h"

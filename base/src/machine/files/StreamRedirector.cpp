@@ -1,4 +1,4 @@
-#include "machine/StreamRedirector.h"
+#include "machine/files/StreamRedirector.h"
 
 #include "kernel/Raise.h"
 #include "platform/FileSystem.h"

@@ -3,9 +3,9 @@
 #include "machine/Communicator.h"
 #include "machine/GroundLocks.h"
 #include "machine/MachineHost.h"
-#include "machine/ParallelConsoleBuf.h"
 #include "machine/StandardStreamManager.h"
 #include "machine/Timer.h"
+#include "machine/files/ParallelConsoleBuf.h"
 
 #include "kernel/AnalyticsEvent.h"
 #include "kernel/AnalyticsManager.h"

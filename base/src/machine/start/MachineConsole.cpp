@@ -4,8 +4,8 @@
 
 #include "machine/Communicator.h"
 #include "machine/GlobalErrorCheck.h"
-#include "machine/ParallelConsoleBuf.h"
 #include "machine/StandardStreamManager.h"
+#include "machine/files/ParallelConsoleBuf.h"
 
 #include "kernel/Raise.h"
 #include "platform/StringHelper.h"

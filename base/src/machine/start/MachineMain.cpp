@@ -4,11 +4,11 @@
 
 #include "machine/CommandController.h"
 #include "machine/Communicator.h"
-#include "machine/ParallelConsoleBuf.h"
 #include "machine/StandardStreamManager.h"
 #include "machine/SynchronizedDynamicLoader.h"
 #include "machine/Timer.h"
 #include "machine/commands/MachineCommands.h"
+#include "machine/files/ParallelConsoleBuf.h"
 #include "machine/start/LastWords.h"
 #include "machine/start/StopLimit.h"
 #include "machine/start/StopSignals.h"

@@ -1,9 +1,9 @@
 // Where a process's output goes: redirection of descriptors, the two standard streams, the console of a rank.
 
 #include "machine/AtExitRegister.h"
-#include "machine/ParallelConsoleBuf.h"
 #include "machine/StandardStreamManager.h"
-#include "machine/StreamRedirector.h"
+#include "machine/files/ParallelConsoleBuf.h"
+#include "machine/files/StreamRedirector.h"
 
 #include "kernel/Raise.h"
 #include "platform/FileSystem.h"

@@ -4,7 +4,7 @@
 #include "machine/Machine.h"
 #include "machine/Communicator.h"
 #include "machine/MachineHost.h"
-#include "machine/StateFileUtilities.h"
+#include "machine/files/StateFileUtilities.h"
 
 #include "kernel/Properties.h"
 #include "kernel/Raise.h"
