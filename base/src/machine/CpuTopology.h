@@ -140,7 +140,6 @@ public:
 
 private:
     friend class Affinity;
-    friend class CpuTopologyTestAccess;
 
     class Impl;
 

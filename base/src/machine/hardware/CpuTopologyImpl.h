@@ -62,11 +62,9 @@ public:
     int _socketWidth = 2;
 
 private:
-    friend class CpuTopologyTestAccess;
-
     bool load(const std::string& text);
     void extractTopology();
-    /// The groups of LPUs and of cores of one level, as far as both can be had; `words` are the warnings.
+    /// The warnings about one level.
     struct LevelWords {
         const char* noPartition;
         const char* wrongOrder;
@@ -75,6 +73,7 @@ private:
         const char* invalidCoreMap;
     };
     void extractPhysicalCores(const std::vector<HwlocObj>& cores);
+    /// The groups of LPUs and of cores of one level, as far as both can be had; `words` are the warnings.
     void extractLevel(const std::vector<HwlocObj>& parents, const std::vector<HwlocObj>& cores,
                       const LevelWords& words, std::vector<NestedHwlocObjs>& levelLpus,
                       std::vector<unsigned>& lpuLevel, std::vector<NestedHwlocObjs>& levelPhysicalCores,

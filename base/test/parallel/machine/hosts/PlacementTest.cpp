@@ -18,7 +18,7 @@
 #include "support/TestMachine.h"
 #include "unit/machine/Failures.h"
 #include "unit/machine/MachineTestAccess.h"
-#include "unit/machine/hardware/CpuTopologyTestAccess.h"
+#include "unit/machine/hardware/AffinityTestAccess.h"
 
 #include <gtest/gtest.h>
 

@@ -10,7 +10,7 @@
 #include "parallel/machine/hosts/MachineHostTestAccess.h"
 #include "support/TestMachine.h"
 #include "unit/machine/MachineTestAccess.h"
-#include "unit/machine/hardware/CpuTopologyTestAccess.h"
+#include "unit/machine/hardware/AffinityTestAccess.h"
 
 #include <gtest/gtest.h>
 

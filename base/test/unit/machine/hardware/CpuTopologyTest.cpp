@@ -6,9 +6,8 @@
 
 #include "kernel/Error.h"
 #include "support/TestMachine.h"
-#include "unit/machine/Failures.h"
 #include "unit/machine/LogLines.h"
-#include "unit/machine/hardware/CpuTopologyTestAccess.h"
+#include "unit/machine/hardware/AffinityTestAccess.h"
 
 #include <gtest/gtest.h>
 #include <hwloc.h>
@@ -17,6 +16,7 @@
 
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -95,9 +95,20 @@ List processorsOf(const AffinityMask& mask) {
     return processors;
 }
 
+/// How an index behind the last is refused: " [condition]"; a missing level takes any.
+std::string tellRefusal(const std::function<void()>& query) {
+    try {
+        query();
+    } catch (const InternalError& error) {
+        EXPECT_EQ(Error::getMessage(error.getProperties()), "Index out of range.");
+        return " [" + error.getProperties().getString("Condition") + "]";
+    }
+    return " [any]";
+}
+
 /// Every query of the model in words: "of" a group stands what it says of its members, "by" group what each
 /// member says of its group.
-std::string tellModel(const CpuTopology& t) {
+std::string tellModel(const CpuTopology& t, bool pastTheEnd = false) {
     using T = CpuTopology;
     std::ostringstream out;
     const unsigned lpus = t.getNumberLpus();
@@ -108,7 +119,8 @@ std::string tellModel(const CpuTopology& t) {
         std::vector<List> lists;
         for (unsigned i = 0; i < count; ++i)
             lists.push_back({std::invoke(ask, t, i)});
-        return printLists(lists);
+        return printLists(lists) +
+               (pastTheEnd ? tellRefusal([&] { std::invoke(ask, t, count); }) : std::string());
     };
     const auto of = [&](const char* groups, unsigned count, auto getMembers, auto getNumber) {
         out << groups << each(count, getMembers) << " (" << each(count, getNumber) << ")";
@@ -118,6 +130,8 @@ std::string tellModel(const CpuTopology& t) {
         for (unsigned member = 0; member < members; ++member)
             lists.at(std::invoke(getGroup, t, member)).push_back(member);
         out << group << printLists(lists);
+        if (pastTheEnd)
+            out << tellRefusal([&] { std::invoke(getGroup, t, members); });
     };
     const auto processors = [&](const char* groups, unsigned count,
                                 AffinityMask (T::*getMask)(unsigned) const) {
@@ -140,10 +154,11 @@ std::string tellModel(const CpuTopology& t) {
     by(", socket ", sockets, lpus, &T::getSocketForLpu);
     by("\ncores by node ", nodes, cores, &T::getNumaNodeForPhysicalCore);
     by(", socket ", sockets, cores, &T::getSocketForPhysicalCore);
-    if (t.reliableLpuInformationAvailable()) {
-        of("\nsockets of nodes ", nodes, &T::getSocketsForNumaNode, &T::getNumberSocketsForNumaNode);
-        of(", nodes of sockets ", sockets, &T::getNumaNodesForSocket, &T::getNumberNumaNodesForSocket);
-    }
+    const bool isKnown = t.reliableLpuInformationAvailable(); // else these refuse every index
+    of("\nsockets of nodes ", isKnown ? nodes : 0, &T::getSocketsForNumaNode,
+       &T::getNumberSocketsForNumaNode);
+    of(", nodes of sockets ", isKnown ? sockets : 0, &T::getNumaNodesForSocket,
+       &T::getNumberNumaNodesForSocket);
     out << '\n';
     return out.str();
 }
@@ -181,13 +196,24 @@ std::string tellSubset(const CpuTopology& t, const std::string& words) {
            "\n";
 }
 
+/// "print SNC 4 28": the levels that are wanted, the indent, and the length of the longest list.
+std::string tellPrint(const CpuTopology& t, const std::string& words) {
+    std::istringstream in(words);
+    std::string levels;
+    unsigned indent = 0;
+    unsigned length = 0;
+    in >> levels >> indent >> length;
+    const auto has = [&](char level) { return levels.find(level) != std::string::npos; };
+    return "\n" + t.print(has('S'), has('N'), has('C'), false, indent, length);
+}
+
 const std::filesystem::path MACHINES = ORVEX_TEST_DATA "/machines";
 
 class Machines : public testing::TestWithParam<std::string> {};
 
 /// A file holds the description and the questions, then "---" and the answers. With ORVEX_WRITE_EXPECTED in
 /// the environment the answers are written anew, for an author to read them.
-TEST_P(Machines, areToldAsExpected) {
+TEST_P(Machines, AreToldAsExpected) {
     const std::filesystem::path path = MACHINES / GetParam();
     std::stringstream file;
     file << std::ifstream(path).rdbuf();
@@ -200,14 +226,14 @@ TEST_P(Machines, areToldAsExpected) {
         const LogLines log(OS::Log::INFO_LEVEL);
         const CpuTopology topology(makeTestMachine(description));
         const auto tell = [&](const CpuTopology& t) {
-            std::string answers = tellModel(t);
+            std::string answers = tellModel(t, description.find("\npast the end\n") != std::string::npos);
             std::istringstream lines(description);
-            for (std::string line; std::getline(lines, line);) {
-                if (line.compare(0, 5, "mask ") == 0)
-                    answers += line + ": " + tellMask(t, line.substr(5));
-                if (line.compare(0, 7, "subset ") == 0)
-                    answers += line + ": " + tellSubset(t, line.substr(7));
-            }
+            for (std::string line; std::getline(lines, line);)
+                for (const auto& [word, answer] :
+                     {std::pair("mask ", &tellMask), std::pair("subset ", &tellSubset),
+                      std::pair("print ", &tellPrint)})
+                    if (line.starts_with(word))
+                        answers += line + ": " + answer(t, line.substr(std::strlen(word)));
             return answers;
         };
         const std::string answers = tell(topology);
@@ -242,133 +268,12 @@ std::string nameOf(const testing::TestParamInfo<std::string>& file) {
 
 INSTANTIATE_TEST_SUITE_P(Data, Machines, testing::ValuesIn(listMachines()), nameOf);
 
-CpuTopology makeTopology(const std::string& synthetic) {
-    return CpuTopology(makeTestMachine("machine " + synthetic));
-}
-
 CpuTopology makeEmptyTopology() {
     return CpuTopology(std::string("no XML at all\0", 14));
 }
 
-TEST(CpuTopology_, abbreviatesLongLists) {
-    const CpuTopology four = makeTopology("pack:1 [numa] core:4 pu:1");
-    EXPECT_EQ(four.print(true, false, false, false, 2, 0), "  S00 : [00 ... 03]\n");
-    EXPECT_EQ(four.print(true, false, false, false, 0, 3), "S00 : [00 ... 03]\n");
-    EXPECT_EQ(four.print(true, false, false, false, 0, 4), "S00 : [00 01 02 03]\n");
-    const CpuTopology eight = makeTopology("pack:1 [numa] core:8 pu:2");
-    EXPECT_EQ(eight.print(true, false, false, false, 0, 9), "S00 : [00+01 02+03 ... 12+13 14+15]\n");
-    EXPECT_EQ(eight.print(false, true, false, false, 0, 7), "N00 : [00+01 ... 14+15]\n");
-    const CpuTopology wide = makeTopology("pack:1 [numa] core:101 pu:1");
-    EXPECT_EQ(wide.print(true, true, true, false, 0, 4), "S00 = N00 : [000 001 ... 099 100]\n");
-}
-
-/// Nothing fits: of equally short texts the one of the wider level is taken.
-TEST(CpuTopology_, prefersWiderLevelsInTheTextOfAMask) {
-    EXPECT_EQ(makeTopology("pack:2 [numa] core:1 pu:2").printAffinityMask(maskOf("0x1"), 0),
-              "{S00[10] : 0x1}");
-    EXPECT_EQ(makeTopology("pack:2 die:2 [numa] core:1 pu:2").printAffinityMask(maskOf("0x1"), 0),
-              "{N00[10] : 0x01}");
-}
-
-struct RangeCase {
-    const char* condition;
-    void (*query)(const CpuTopology&);
-};
-#define QUERY(...) [](const CpuTopology& t) { t.__VA_ARGS__; }
-
-/// Each query one past the end.
-TEST(CpuTopology_, refusesIndicesOutOfRange) {
-    const CpuTopology full = makeTopology("pack:2 [numa] core:2 pu:2");
-    const RangeCase ofFull[]{
-        {"physicalCore < _physicalCores.size()", QUERY(getNumberLpus(4))},
-        {"physicalCore < _physicalCores.size()", QUERY(getLpusForPhysicalCore(4))},
-        {"numaNode < _numaNodeLpus.size()", QUERY(getLpusForNumaNode(2))},
-        {"numaNode < _numaNodeLpus.size()", QUERY(getNumberLpusForNumaNode(2))},
-        {"numaNode < _numaNodePhysicalCores.size()", QUERY(getPhysicalCoresForNumaNode(2))},
-        {"socket < _socketLpus.size()", QUERY(getLpusForSocket(2))},
-        {"socket < _socketPhysicalCores.size()", QUERY(getNumberPhysicalCoresForSocket(2))},
-        {"numaNode < _numaNodeSockets.size()", QUERY(getSocketsForNumaNode(2))},
-        {"socket < _socketNumaNodes.size()", QUERY(getNumberNumaNodesForSocket(2))},
-        {"lpu < _lpuPhysicalCore.size()", QUERY(getPhysicalCoreForLpu(8))},
-        {"lpu < _lpuNumaNode.size()", QUERY(getNumaNodeForLpu(8))},
-        {"lpu < _lpuSocket.size()", QUERY(getSocketForLpu(8))},
-        {"physicalCore < _physicalCoreNumaNode.size()", QUERY(getNumaNodeForPhysicalCore(4))},
-        {"physicalCore < _physicalCoreSocket.size()", QUERY(getSocketForPhysicalCore(4))},
-        {"lpu < _lpus.size()", QUERY(getLpuMask(8))},
-        {"index < list.size()", QUERY(getPhysicalCoreMask({0, 4}))},
-        {"index < list.size()", QUERY(getNumaMask(2))},
-        {"index < list.size()", QUERY(getSocketMask(std::vector<unsigned>{2}))},
-    };
-    const RangeCase ofEmpty[]{
-        {"physicalCore < getNumberPhysicalCores()", QUERY(getLpusForPhysicalCore(1))},
-        {"lpu < getNumberLpus()", QUERY(getPhysicalCoreForLpu(1))},
-        {"lpu == 0u", QUERY(getLpuMask(1))},
-        {"lpu == 0u", QUERY(getPhysicalCoreMask(1))},
-        {"numaNode == 0u", QUERY(getNumaMask(1))},
-        {"socket == 0u", QUERY(getSocketMask(1))},
-        {"numaNode < _numaNodeSockets.size()", QUERY(getSocketsForNumaNode(0))},
-    };
-    for (const RangeCase& one : ofFull)
-        expectAssertion([&] { one.query(full); }, "Index out of range.", one.condition, "CpuTopology.cpp");
-
-    const CpuTopology empty = makeEmptyTopology();
-    for (const RangeCase& one : ofEmpty)
-        expectAssertion([&] { one.query(empty); }, "Index out of range.", one.condition, "CpuTopology.cpp");
-    // A missing level has one answer for every index.
-    EXPECT_EQ(empty.getLpusForSocket(7), std::vector<unsigned>{0});
-    EXPECT_EQ(empty.getNumberLpus(7), 1u);
-    EXPECT_EQ(empty.getNumaNodeForLpu(7), 0u);
-}
-#undef QUERY
-
-TEST(CpuTopology_, noticesWhatItsOwnListsCantHold) {
-    using Access = CpuTopologyTestAccess;
-    CpuTopology topology = makeTopology("pack:2 [numa] core:2 pu:1");
-    CpuTopology empty = makeEmptyTopology();
-    auto& impl = Access::impl(topology);
-    const struct {
-        const char* message;
-        const char* condition;
-        std::function<void()> operation;
-        const char* file = "CpuTopologyImpl.cpp";
-    } rows[]{
-        {"Unexpected logical index while iterating object list.", "obj.index < size",
-         [&] { Access::invertNesting(impl._socketLpus, 1); }},
-        {"Unexpected, empty list", "!allTypeObjs.empty()",
-         [&] { Access::getObjectsBelow(impl._socketLpus[0], {}); }},
-        {"Unexpected, empty list", "!allTypeObjs.empty()", [&] { Access::getNestedObjects({}, {}); }},
-        {"All objects in 'allTypeObjs' must be of the same type.",
-         "std::all_of(allTypeObjs.begin(), allTypeObjs.end(), [&allTypeObjs](HwlocObj const &obj){ return "
-         "obj.obj->type == allTypeObjs.front().obj->type; })",
-         [&] {
-             Access::getObjectsBelow(impl._socketLpus[0], {impl._lpus[0], impl._socketLpus[0]});
-         }},
-        {"Unexpected empty list of objects.", "!list.empty()", [] { Access::isConsecutiveList({}); },
-         "hardware/CpuTopologyImpl.h"},
-        {"Unexpected uninitialized topology.", "_topology != nullptr",
-         [&] { Access::getLpus(Access::impl(empty)); }},
-        {"Unexpected uninitialized topology.", "_topology != nullptr",
-         [&] { Access::getAllUniqueNumaNodes(Access::impl(empty)); }},
-        {"Unexpected empty list of nested objects.", "!_socketLpus[socket].objs.empty()",
-         [&] {
-             impl._socketLpus[1].objs.clear();
-             topology.getLpusForSocket(1);
-         },
-         "CpuTopology.cpp"},
-    };
-    for (const auto& row : rows)
-        expectAssertion(row.operation, row.message, row.condition, row.file);
-    const LogLines log; // an object that the list doesn't know, and none at all
-    EXPECT_EQ(Access::getObjectsBelow(impl._socketLpus[0], {impl._lpus[1]}).size(), 1u);
-    EXPECT_TRUE(Access::getObjectsBelow({nullptr, 0}, impl._lpus).empty());
-    EXPECT_EQ(log.text(), "warning CpuTopology::Impl::getObjectsBelow: "
-                          "Unexpected, not yet seen object found while parsing hwloc topology.\n"
-                          "warning CpuTopology::Impl::getObjectsBelow: "
-                          "Unexpected uninitialized object while parsing hwloc topology.\n");
-}
-
 /// No message, and a model without anything.
-TEST(CpuTopology_, isEmptyForATextThatIsNone) {
+TEST(CpuTopology, IsEmptyForATextThatIsNone) {
     const std::string good = makeTestMachine("machine pack:2 [numa] core:2 pu:1");
     const std::string expected = tellModel(makeEmptyTopology());
     const LogLines log;
@@ -380,7 +285,7 @@ TEST(CpuTopology_, isEmptyForATextThatIsNone) {
     EXPECT_EQ(log.text(), "");
 }
 
-TEST(CpuTopology_, movesAndDetects) {
+TEST(CpuTopology, MovesAndDetectsThisHost) {
     CpuTopology topology; // of this host, whatever it is
     EXPECT_TRUE(topology.reliableLpuInformationAvailable());
     const std::string report = tellModel(topology);
@@ -392,30 +297,23 @@ TEST(CpuTopology_, movesAndDetects) {
 
 // ---- Masks.
 
-TEST(AffinityMask_, printsItsBits) {
+TEST(AffinityMask, PrintsItsBits) {
     const struct {
         const char* mask;
         unsigned width;
-        const char* binary;
-        const char* hexadecimal;
-    } rows[]{{"0x0", 0, "0b0", "0x0"},
-             {"0x0", 3, "0b000", "0x000"},
-             {"0x1", 2, "0b01", "0x01"},
-             {"0x9", 1, "0b1001", "0x9"},
-             {"0x100", 1, "0b100000000", "0x100"},
-             {"0x100", 4, "0b100000000", "0x0100"},
-             {"0xdeadbeef", 0, "0b11011110101011011011111011101111", "0xdeadbeef"},
-             {"0x8000000000000000", 1, nullptr, "0x8000000000000000"},
-             {"0x10000000000000000", 1, nullptr, "0x10000000000000000"}};
-    for (const auto& row : rows) {
-        if (row.binary) {
-            EXPECT_EQ(maskOf(row.mask).toBinaryString(row.width), row.binary);
-        }
-        EXPECT_EQ(maskOf(row.mask).toHexString(row.width), row.hexadecimal);
-    }
+        const char* text;
+    } rows[]{{"0x0", 0, "0b0 0x0"},
+             {"0x0", 3, "0b000 0x000"},
+             {"0x1", 2, "0b01 0x01"},
+             {"0x100", 4, "0b100000000 0x0100"},
+             {"0xdeadbeef", 0, "0b11011110101011011011111011101111 0xdeadbeef"}};
+    for (const auto& [mask, width, text] : rows)
+        EXPECT_EQ(maskOf(mask).toBinaryString(width) + ' ' + maskOf(mask).toHexString(width), text);
+    for (const char* const wide : {"0x8000000000000000", "0x10000000000000000"})
+        EXPECT_EQ(maskOf(wide).toHexString(1), wide);
 }
 
-TEST(AffinityMask_, isAValue) {
+TEST(AffinityMask, IsAValue) {
     // Around the borders of a word.
     for (const char* const low : {"0x4000000000000000", "0x8000000000000000", "0x10000000000000000"}) {
         const AffinityMask a = maskOf(low) | maskOf("0x1");
@@ -458,7 +356,7 @@ protected:
     const unsigned lpu = topology.getLpusFromMask(available).back();
 };
 
-TEST_F(Binding, ofProcessesIsSetReadAndCleared) {
+TEST_F(Binding, OfProcessesIsSetReadAndCleared) {
     EXPECT_TRUE(AffinityTestAccess::setProcess(topology, topology.getLpuMask(lpu)));
     EXPECT_EQ(Affinity::getProcessAffinity(topology), topology.getLpuMask(lpu));
     EXPECT_EQ(Affinity::getProcessAffinity(topology, static_cast<unsigned>(getpid())),
@@ -474,7 +372,7 @@ TEST_F(Binding, ofProcessesIsSetReadAndCleared) {
     EXPECT_TRUE(Affinity::isProcessBound(topology));
 }
 
-TEST_F(Binding, ofThreadsIsTheirOwn) {
+TEST_F(Binding, OfThreadsIsTheirOwn) {
     std::thread([&] {
         EXPECT_TRUE(AffinityTestAccess::setThread(topology, topology.getLpuMask(lpu)));
         EXPECT_TRUE(Affinity::isThreadBound(topology));
@@ -486,7 +384,7 @@ TEST_F(Binding, ofThreadsIsTheirOwn) {
     EXPECT_EQ(Affinity::getThreadAffinity(topology), available);
 }
 
-TEST_F(Binding, ofAnotherProcessIsRead) {
+TEST_F(Binding, OfAnotherProcessIsRead) {
     const pid_t child = fork();
     ASSERT_GE(child, 0);
     if (child == 0) {
@@ -503,7 +401,7 @@ TEST_F(Binding, ofAnotherProcessIsRead) {
 }
 
 /// Where hwloc tells nothing, nothing is done.
-TEST(BindingWithoutTopology, doesNothing) {
+TEST_F(Binding, IsLeftAloneWhereNothingIsKnown) {
     const CpuTopology empty = makeEmptyTopology();
     EXPECT_FALSE(AffinityTestAccess::setThread(empty, maskOf("0x1")));
     EXPECT_FALSE(AffinityTestAccess::setProcessHere(empty));

@@ -9,7 +9,7 @@
 #include "support/ScriptedMpi.h"
 #include "unit/machine/LogLines.h"
 #include "unit/machine/MachineTestAccess.h"
-#include "unit/machine/hardware/CpuTopologyTestAccess.h"
+#include "unit/machine/hardware/AffinityTestAccess.h"
 
 #include <gtest/gtest.h>
 
