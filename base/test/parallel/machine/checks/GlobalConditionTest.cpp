@@ -7,7 +7,6 @@
 #include "machine/Machine.h"
 
 #include "kernel/ObservableFromClient.h"
-#include "kernel/OrvexVersion.h"
 #include "platform/FloatingPointErrorRecord.h"
 
 #include "unit/machine/Failures.h"
@@ -40,56 +39,45 @@ protected:
 INSTANTIATE_TEST_SUITE_P(Checks, ParallelChecks, testing::Values(true, false),
                          [](const auto& row) { return row.param ? "on" : "off"; });
 
-TEST_P(ParallelChecks, modesFoldTheLocalConditions) {
+/// Conditions and errors alike.
+TEST_P(ParallelChecks, ModesFoldTheLocalConditions) {
     using Mode = GlobalCondition::ModeEnum;
-    struct Row {
-        const char* trueOn;
-        bool local;
-        bool onAll;
-        bool onAny;
-        bool onMaster;
+    const auto expect = [](bool local, Mode mode, bool result) {
+        EXPECT_EQ(GlobalCondition(local, mode), result);
+        int evaluations = 0;
+        EXPECT_EQ(messageOf<InputError>([&] {
+                      ORVEX_GLOBAL_CHECK((++evaluations, local), mode, InputError("bad, ", 2, Properties()));
+                  }),
+                  result ? "" : "bad, ");
+        EXPECT_EQ(evaluations, 1);
     };
     const bool alone = Machine::nProcesses() == 1;
-    const Row rows[] = {
+    const struct {
+        const char* trueOn;
+        bool local, onAll, onAny, onMaster;
+    } rows[] = {
         {"all", true, true, true, true},
         {"none", false, false, false, false},
         {"the master", rank() == 0, alone, true, true},
         {"the last", rank() == lastRank(), alone, true, alone},
         {"all but the last", rank() != lastRank(), false, !alone, !alone},
     };
-    for (const Row& row : rows) {
-        EXPECT_EQ(GlobalCondition(row.local, Mode::ON_ALL), row.onAll) << row.trueOn;
-        EXPECT_EQ(GlobalCondition(row.local, Mode::ON_ANY), row.onAny) << row.trueOn;
-        EXPECT_EQ(GlobalCondition(row.local, Mode::ON_MASTER), row.onMaster) << row.trueOn;
-        EXPECT_EQ(GlobalCondition(row.local, static_cast<Mode>(4)), row.local) << row.trueOn;
-        const auto invariant = [&] {
-            EXPECT_EQ(GlobalCondition(row.local, Mode::ON_ALL_INVARIANT), row.local);
-        };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.trueOn);
+        expect(row.local, Mode::ON_ALL, row.onAll);
+        expect(row.local, Mode::ON_ANY, row.onAny);
+        expect(row.local, Mode::ON_MASTER, row.onMaster);
+        expect(row.local, static_cast<Mode>(4), row.local);
         if (checks() && row.onAny && !row.onAll)
-            expectAssertion(invariant, "Invalid use of ON_ALL_INVARIANT; conditions differ",
+            expectAssertion([&] { GlobalCondition(row.local, Mode::ON_ALL_INVARIANT); },
+                            "Invalid use of ON_ALL_INVARIANT; conditions differ",
                             "trueCount == 0 || trueCount == Machine::nProcesses()", "GlobalCondition.cpp");
-        else
-            invariant();
+        else if (row.onAny == row.onAll)
+            expect(row.local, Mode::ON_ALL_INVARIANT, row.local);
     }
 }
 
-TEST_P(ParallelChecks, errorIsRaisedOnAllRanks) {
-    const auto check = [](bool condition, GlobalCondition::ModeEnum mode) {
-        int evaluations = 0;
-        const auto message = messageOf<InputError>([&] {
-            ORVEX_GLOBAL_CHECK((++evaluations, condition), mode, InputError("bad, ", 2, Properties()));
-        });
-        EXPECT_EQ(evaluations, 1);
-        return message;
-    };
-    EXPECT_EQ(check(rank() != lastRank(), GlobalCondition::ON_ALL), "bad, ");
-    EXPECT_EQ(check(rank() == lastRank(), GlobalCondition::ON_ANY), "");
-    EXPECT_EQ(check(rank() != 0, GlobalCondition::ON_MASTER), "bad, ");
-    EXPECT_EQ(check(false, GlobalCondition::ON_ALL_INVARIANT), "bad, ");
-    EXPECT_EQ(check(true, GlobalCondition::ON_ALL), "");
-}
-
-TEST_P(ParallelChecks, rankAtAnotherCheckIsTold) {
+TEST_P(ParallelChecks, ARankAtAnotherCheckIsTold) {
     const bool astray = rank() == lastRank() && Machine::nProcesses() > 1;
     const std::string file = astray ? "base/src/machine/elsewhere.cpp" : "base/src/machine/here.cpp";
     const int line = astray ? 7 : 5;
@@ -115,7 +103,7 @@ TEST_P(ParallelChecks, rankAtAnotherCheckIsTold) {
     EXPECT_EQ(sum, Machine::nProcesses());
 }
 
-TEST_P(ParallelChecks, reportAddsUpTheCells) {
+TEST_P(ParallelChecks, TheReportAddsUpTheCells) {
     std::string told;
     ObservableFromClient::setNotifier(
         [&](const std::string& kind, const std::string& text) { told += kind + '|' + text; });
@@ -129,28 +117,26 @@ TEST_P(ParallelChecks, reportAddsUpTheCells) {
                         std::to_string(Machine::nProcesses()) + " cells in region Air\n");
 }
 
-TEST_P(ParallelChecks, floatingPointRecordsOfAllRanksBecomeOneError) {
+TEST_P(ParallelChecks, FloatingPointRecordsOfAllRanksBecomeOneError) {
     const auto messageFor = [](const std::string& entries, bool several) {
         return "A floating point error has occurred. The following " +
                std::string(several ? "errors have" : "error has") + " been logged:" + entries +
                "\nPlease check your usage and inputs.";
-    };
-    struct Row {
-        const char* name;
-        std::string record;
-        std::string message;
     };
     const unsigned ranks = Machine::nProcesses();
     const char* const texts[] = {"flux", "area", "mass"};
     const std::string distinct = ranks == 1   ? "\n  flux"
                                  : ranks == 2 ? "\n1. area\n2. flux"
                                               : "\n1. area\n2. flux\n3. mass";
-    const Row rows[] = {
+    const struct {
+        const char* name;
+        std::string record, message;
+    } rows[] = {
         {"the last rank only", rank() == lastRank() ? "flux" : "", messageFor("\n  flux", false)},
         {"the same on all", "flux", messageFor("\n  flux", false)},
         {"distinct", texts[rank() % 3], messageFor(distinct, ranks > 1)},
     };
-    for (const Row& row : rows) {
+    for (const auto& row : rows) {
         if (!row.record.empty())
             FloatingPointErrorRecord::set(row.record);
         EXPECT_EQ(messageOf<FloatingPointError>(&GlobalFloatingPointError::assertNoError), row.message)

@@ -30,7 +30,7 @@ std::string failureOf(const std::string& module, Load load = &SynchronizedDynami
     return {};
 }
 
-TEST(SynchronizedDynamicLoader, loadsOnAllRanksOrFailsOnAll) {
+TEST(SynchronizedDynamicLoader, LoadsOnAllRanksOrFailsOnAll) {
     SynchronizedDynamicLoader& loader = SynchronizedDynamicLoader::getSingleton();
     const std::string tail = ".\nPlease check that program is installed correctly and that installation is "
                              "visible on all machines";

@@ -17,7 +17,6 @@
 #include <fstream>
 #include <numeric>
 #include <sstream>
-#include <tuple>
 
 #include <sys/stat.h>
 
@@ -49,9 +48,12 @@ protected:
         Machine::globalCommunicator().synchronise();
         return path(name);
     }
+    /// After all ranks have done their part; nobody goes on before all have read it.
     static std::string contentOf(const std::string& name) {
+        Machine::globalCommunicator().synchronise();
         std::ostringstream text;
         text << std::ifstream(name, std::ios::binary).rdbuf();
+        Machine::globalCommunicator().synchronise();
         return text.str();
     }
 
@@ -59,111 +61,74 @@ protected:
     std::string _folder;
 };
 
-TEST_F(FileStreams, whatTheReaderGetsReachesAll) {
-    InputFileStream file;
-    ASSERT_TRUE(
-        file.open(write("table", "1 -2 3.5 -4.25 5e300 7 -8 9 10 1 word xy\nline one\nab\n").c_str()));
-    EXPECT_TRUE(file.is_open());
-    file.setBroadcastFlag(true);
-    EXPECT_TRUE(file.getBroadcastFlag());
-    unsigned short us = 99;
-    short s = 99;
-    float f = 99;
-    double d = 99;
-    long double ld = 99;
-    unsigned int u = 99;
-    int i = 99;
-    unsigned long long ull = 99;
-    long ll = 99;
-    bool b = false;
-    std::string word = "something longer than the word";
-    file >> us >> s >> f >> d >> ld >> u >> i >> ull >> ll >> b >> word;
-    EXPECT_EQ(std::tie(us, s, f, d, ld, u, i, ull, ll, b, word),
-              std::tuple(1, -2, 3.5f, -4.25, 5e300L, 7u, -8, 9ull, 10L, true, std::string("word")));
-    char c = 0;
-    unsigned char uc = 0;
-    file >> c >> uc;
-    EXPECT_EQ(std::string({c, static_cast<char>(uc)}), "xy");
-    EXPECT_EQ(file.peek(), '\n');
-    EXPECT_EQ(file.get(), '\n');
+/// "geofb" without what isn't so.
+std::string stateOf(const InputFileStream& file) {
+    return std::string(file.good() ? "g" : "-") + (file.eof() ? "e" : "-") + (file.fail() ? "f" : "-") +
+           (file.bad() ? "b" : "-");
+}
+
+/// Reads the table in every way up to its end and tells what came.
+std::string readAll(InputFileStream& file, char filling) {
+    std::ostringstream told;
+    const auto extract = [&](auto... values) { ((file >> values, told << values << ' '), ...); };
+    extract((unsigned short)(99), short(99), 99.0f, 99.0, 99.0L, 99u, 99, 99ull, 99ll, false,
+            std::string("something longer"), 'p', (unsigned char)('q'));
+    told << file.peek() << ' ' << file.get() << ' ';
     const std::streampos position = file.tellg();
-    EXPECT_EQ(std::streamoff(position), 41);
     char line[16] = "before";
-    EXPECT_TRUE(file.getline(line, sizeof line));
-    EXPECT_STREQ(line, "line one");
-    EXPECT_EQ(file.gcount(), 9);
+    char c = '-';
+    told << std::streamoff(position) << ' ' << file.getline(line, sizeof line) << line << file.gcount();
     file.seekg(position);
-    EXPECT_TRUE(file.get(line, 5));
-    EXPECT_STREQ(line, "line");
-    EXPECT_TRUE(file.get(c));
-    EXPECT_EQ(c, ' ');
-    EXPECT_TRUE(file.good());
-    EXPECT_FALSE(file.eof());
+    told << ' ' << file.get(line, 5) << line << file.get(c) << c << stateOf(file) << '\n';
     // Past the end: what the file doesn't fill goes out as well, and all see the same state.
-    std::string block(12, _isReader ? '#' : '?');
+    std::string block(12, filling);
     file.read(block.data(), 12);
-    EXPECT_EQ(block, "one\nab\n#####");
-    EXPECT_EQ(file.gcount(), 7);
-    EXPECT_TRUE(file.eof());
-    EXPECT_TRUE(file.fail());
-    EXPECT_FALSE(file.bad());
-    EXPECT_FALSE(file.good());
-    EXPECT_EQ(std::streamoff(file.tellg()), -1);
-    EXPECT_EQ(file.get(), -1);
-    EXPECT_FALSE(file.get(c));
-    EXPECT_FALSE(file.getline(line, sizeof line));
-    // What couldn't be read leaves the master's value, which is everybody's.
-    file.clear();
-    i = _isReader ? 4711 : 1;
-    word = _isReader ? "" : "old";
-    file >> word;
-    EXPECT_EQ(word, "");
-    file.close();
-    EXPECT_FALSE(file.is_open());
+    told << block << file.gcount() << stateOf(file) << ' ' << std::streamoff(file.tellg()) << file.get()
+         << file.get(c) << file.getline(line, sizeof line);
+    return told.str();
 }
 
-TEST_F(FileStreams, withoutBroadcastOnlyTheReaderReads) {
-    InputFileStream file(write("table", "12 34 word").c_str());
-    EXPECT_TRUE(file.is_open()) << "told to all in any case";
-    int i = 7;
-    file >> i;
-    EXPECT_EQ(i, _isReader ? 12 : 7);
-    EXPECT_TRUE(file.good());
-    EXPECT_EQ(file.eof(), !_isReader);
-    EXPECT_FALSE(file.bad());
-    EXPECT_FALSE(file.fail());
-    EXPECT_EQ(std::streamoff(file.tellg()), _isReader ? 2 : 0);
-    EXPECT_EQ(file.get(), _isReader ? ' ' : -1);
-    EXPECT_EQ(file.gcount(), _isReader ? 1 : 0);
-    EXPECT_EQ(file.peek(), _isReader ? '3' : -1);
-    char text[8] = "before";
-    char c = 'x';
-    EXPECT_TRUE(file.get(c));
-    EXPECT_EQ(c, _isReader ? '3' : 'x');
-    EXPECT_TRUE(file.get(text, 2));
-    EXPECT_STREQ(text, _isReader ? "4" : "before");
-    // A copy shares the stream: what one takes the other doesn't see, and it stays open for the last of them.
-    {
-        InputFileStream copy(file);
-        std::string word = "old";
-        copy >> word;
-        EXPECT_EQ(word, _isReader ? "word" : "old");
+TEST_F(FileStreams, TheReaderReadsForAllOrForItself) {
+    const std::string name = write("table", "1 -2 3.5 -4.25 5e300 7 -8 9 10 1 word xy\nline one\nab\n");
+    const std::string ofReader =
+        "1 -2 3.5 -4.25 5e+300 7 -8 9 10 1 word x y 10 10 41 1line one9 1line1 g---\n"
+        "one\nab\n#####7-ef- -1-100";
+    const std::string ofOthers = "99 99 99 99 99 99 99 99 99 0 something longer p q -1 -1 0 1before0 "
+                                 "1before1-ge--\n????????????0ge-- 0-111";
+    for (const bool broadcast : {true, false}) {
+        InputFileStream file(name.c_str());
+        EXPECT_TRUE(file.is_open()) << "told to all in any case";
+        file.setBroadcastFlag(broadcast);
+        EXPECT_EQ(file.getBroadcastFlag(), broadcast);
+        EXPECT_EQ(readAll(file, _isReader ? '#' : '?'), broadcast || _isReader ? ofReader : ofOthers);
+        // The value of the reader is everybody's, also where nothing came. Where a word ends it alone knows.
+        file.clear();
+        std::string word = _isReader ? "" : "old";
+        file >> word;
+        EXPECT_EQ(word, broadcast || _isReader ? "" : "old");
+        file.clear();
+        file.seekg(0, std::ios::beg);
+        char text[8] = "before";
+        unsigned char bytes[8] = "";
+        if (broadcast) {
+            expectAssertion([&] { file >> text; }, "Not implemented yet", "false", "InputFileStream.cpp");
+            expectAssertion([&] { file >> bytes; }, "Not implemented yet", "false", "InputFileStream.cpp");
+        } else {
+            file >> text >> bytes;
+        }
+        EXPECT_STREQ(text, _isReader ? "1" : "before");
+        EXPECT_EQ(bytes[0], _isReader ? '-' : 0);
+        // A copy shares the stream, which stays open for the last of them.
+        double next = 7.0;
+        InputFileStream(file) >> next;
+        EXPECT_EQ(next, broadcast || _isReader ? 3.5 : 7.0);
+        EXPECT_TRUE(file.is_open());
+        file.close();
+        EXPECT_FALSE(file.is_open());
     }
-    EXPECT_TRUE(file.is_open());
-    file.clear();
-    file.seekg(0, std::ios::beg);
-    file >> text;
-    EXPECT_STREQ(text, _isReader ? "12" : "before");
-    file.setBroadcastFlag(true);
-    expectAssertion([&] { file >> text; }, "Not implemented yet", "false", "InputFileStream.cpp");
-    EXPECT_STREQ(text, _isReader ? "34" : "before") << "the reader has taken it";
-    unsigned char bytes[8] = "";
-    expectAssertion([&] { file >> bytes; }, "Not implemented yet", "false", "InputFileStream.cpp");
-    file.setBroadcastFlag(false);
-    EXPECT_FALSE(file.getBroadcastFlag());
 }
 
-TEST_F(FileStreams, whatCannotBeReadIsClosedForAll) {
+TEST_F(FileStreams, AFileThatCannotBeReadIsClosedForAll) {
     if (_isReader) {
         ASSERT_EQ(mkfifo(path("pipe").c_str(), S_IRWXU), 0);
     }
@@ -193,7 +158,7 @@ TEST_F(FileStreams, whatCannotBeReadIsClosedForAll) {
     EXPECT_TRUE(file.eof());
 }
 
-TEST_F(FileStreams, onlyTheFirstRankWrites) {
+TEST_F(FileStreams, TheFirstRankWritesAlone) {
     const std::string name = path("report");
     OutputFileStream file;
     ASSERT_TRUE(file.open(name.c_str()));
@@ -210,25 +175,20 @@ TEST_F(FileStreams, onlyTheFirstRankWrites) {
     EXPECT_FALSE(file.eof());
     file.close();
     EXPECT_FALSE(file.is_open());
-    Machine::globalCommunicator().synchronise();
     EXPECT_EQ(contentOf(name), "$1 1.500000e+00 2.500000e+00 3.500000e+00\n"
                                "ffff2fffffffd4fffffffffffffffb6fffffffffffffff98cde f text buffer !writt");
     if (!_isReader) {
         EXPECT_EQ(source.str(), "buffer ") << "nobody else has taken anything";
     }
     // Appended to, with the caller's mode; then cut off.
-    Machine::globalCommunicator().synchronise();
     ASSERT_TRUE(file.open(name.c_str(), std::ios::out | std::ios::app));
     OutputFileStream copy(file);
     copy << "more";
     copy.close();
     EXPECT_FALSE(file.is_open()) << "the same stream";
-    Machine::globalCommunicator().synchronise();
     EXPECT_TRUE(contentOf(name).ends_with("!writtmore"));
-    Machine::globalCommunicator().synchronise();
     EXPECT_TRUE(file.open(name.c_str()));
     file.close();
-    Machine::globalCommunicator().synchronise();
     EXPECT_EQ(contentOf(name), "");
     // A failure is the same everywhere, when asked for everywhere; the file that was open is closed.
     ASSERT_TRUE(file.open(name.c_str()));
@@ -249,7 +209,7 @@ TEST_F(FileStreams, onlyTheFirstRankWrites) {
     }
 }
 
-TEST_F(FileStreams, allRanksWriteOneFile) {
+TEST_F(FileStreams, AllRanksWriteOneFile) {
     Communicator& communicator = Machine::globalCommunicator();
     const unsigned me = communicator.myRank();
     const unsigned ranks = communicator.size();
@@ -261,34 +221,35 @@ TEST_F(FileStreams, allRanksWriteOneFile) {
                 continue; // each piece is a collective call, which takes its time with many ranks
             SCOPED_TRACE(std::to_string(count) + " values, " + std::to_string(bytes) + " bytes");
             communicator.setMaxBufferSize(bytes);
-            std::vector<double> mine(count);
-            std::iota(mine.begin(), mine.end(), me * 1000.0);
-            const long long offset = static_cast<long long>(me * count * sizeof(double));
-            const std::wstring name = widePath("field" + std::to_string(++file));
-            ParallelFile field(communicator, name, OXM_MPI_MODE_CREATE | OXM_MPI_MODE_RDWR);
+            const auto of = [&](unsigned rank) {
+                std::vector<double> values(count);
+                std::iota(values.begin(), values.end(), rank * 1000.0);
+                return values;
+            };
+            const auto placeOf = [&](unsigned rank) {
+                return static_cast<long long>(rank * count * sizeof(double));
+            };
+            ParallelFile field(communicator, widePath("field" + std::to_string(++file)),
+                               OXM_MPI_MODE_CREATE | OXM_MPI_MODE_RDWR);
             ASSERT_TRUE(field.isOpen());
-            EXPECT_EQ(field.writeAtAll(offset, mine.data(), count), 0);
+            EXPECT_EQ(field.writeAtAll(placeOf(me), of(me).data(), count), 0);
             communicator.synchronise();
             EXPECT_EQ(field.getFileSize(), ranks * count * sizeof(double));
-            // What the neighbour wrote, collectively and alone.
+            // The block of the neighbour, collectively and alone.
             const unsigned next = (me + 1) % ranks;
-            const long long nextOffset = static_cast<long long>(next * count * sizeof(double));
-            std::vector<double> expected(count);
-            std::iota(expected.begin(), expected.end(), next * 1000.0);
             std::vector<double> got(count);
-            EXPECT_EQ(field.readAtAll(nextOffset, got.data(), count), 0);
-            EXPECT_EQ(got, expected);
+            EXPECT_EQ(field.readAtAll(placeOf(next), got.data(), count), 0);
+            EXPECT_EQ(got, of(next));
             std::fill(got.begin(), got.end(), 0.0);
-            EXPECT_EQ(field.readAt(nextOffset, got.data(), count), 0);
-            EXPECT_EQ(got, expected);
+            EXPECT_EQ(field.readAt(placeOf(next), got.data(), count), 0);
+            EXPECT_EQ(got, of(next));
             communicator.synchronise();
-            EXPECT_EQ(field.writeAt(offset, expected.data(), count), 0);
+            EXPECT_EQ(field.writeAt(placeOf(me), of(next).data(), count), 0);
             communicator.synchronise();
             // The file pointer of each rank begins at the start of the file, where rank 0 wrote its
             // neighbour's.
-            field.read(got.data(), count);
-            std::iota(expected.begin(), expected.end(), (1 % ranks) * 1000.0);
-            EXPECT_EQ(got, expected);
+            EXPECT_EQ(field.read(got.data(), count), 0);
+            EXPECT_EQ(got, of(1 % ranks));
             std::map<std::string, std::string> info;
             field.getInfo(info);
             EXPECT_EQ(info, (std::map<std::string, std::string>{{"alignment_size", "2097152"}}))
@@ -305,7 +266,6 @@ TEST_F(FileStreams, allRanksWriteOneFile) {
         log.write("de", 2);
     }
     log.close();
-    communicator.synchronise();
     EXPECT_EQ(contentOf(path("log")), "abcde");
 
     ParallelFile readOnly(communicator, widePath("log"), OXM_MPI_MODE_RDONLY);
@@ -316,7 +276,7 @@ TEST_F(FileStreams, allRanksWriteOneFile) {
     EXPECT_EQ(readOnly.close(), code) << "told to nobody before";
 }
 
-TEST_F(FileStreams, allRanksHearOfAFailure) {
+TEST_F(FileStreams, AllRanksHearOfAFailure) {
     Communicator& communicator = Machine::globalCommunicator();
     const unsigned me = communicator.myRank();
     const bool isLast = me + 1 == communicator.size();

@@ -8,8 +8,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <memory>
+#include <numeric>
 #include <vector>
 
 namespace {
@@ -21,41 +23,35 @@ double cpuTimeOf(unsigned rank) {
     return 10.0 - rank;
 }
 
-/// What a communicator of these ranks of the job must be told.
-struct Expected {
-    Expected(const std::vector<unsigned>& ranks, double (*timeOf)(unsigned)) {
-        maximum = minimum = timeOf(ranks.front());
-        for (const unsigned rank : ranks) {
-            maximum = std::max(maximum, timeOf(rank));
-            minimum = std::min(minimum, timeOf(rank));
-            sum += timeOf(rank);
-        }
-        const double mean = sum / double(ranks.size());
-        double squares = 0.0;
-        for (const unsigned rank : ranks)
-            squares += (timeOf(rank) - mean) * (timeOf(rank) - mean);
-        deviation = std::sqrt(squares / double(ranks.size()));
-    }
-    double maximum, minimum, sum = 0.0, deviation;
-};
+using Reading = double (Timer::*)() const;
 
-void check(const Timer& timer, const std::vector<unsigned>& ranks, bool isMaster) {
+/// The readings of one kind of time over a communicator of these ranks of the job.
+void check(const Timer& timer, const std::vector<unsigned>& ranks, bool isMaster, double (*timeOf)(unsigned),
+           Reading getMaximum, Reading getMinimum, Reading getAverage, Reading getDeviation) {
     constexpr double near = 1e-9;
-    const Expected wall(ranks, wallTimeOf);
-    const Expected cpu(ranks, cpuTimeOf);
-    EXPECT_EQ(timer.getMaximumWallTime(), wall.maximum);
-    EXPECT_EQ(timer.getMinimumWallTime(), wall.minimum);
-    EXPECT_EQ(timer.getMaximumCpuTime(), cpu.maximum);
-    EXPECT_EQ(timer.getMinimumCpuTime(), cpu.minimum);
-    EXPECT_NEAR(timer.getAccumulatedCpuTime(), cpu.sum, near);
+    std::vector<double> times;
+    for (const unsigned rank : ranks)
+        times.push_back(timeOf(rank));
+    const double sum = std::accumulate(times.begin(), times.end(), 0.0);
+    double squares = 0.0;
+    for (const double time : times)
+        squares += std::pow(time - sum / double(times.size()), 2);
+    EXPECT_EQ((timer.*getMaximum)(), *std::max_element(times.begin(), times.end()));
+    EXPECT_EQ((timer.*getMinimum)(), *std::min_element(times.begin(), times.end()));
     // The average is over the processes of the whole job, whatever the communicator.
-    EXPECT_NEAR(timer.getAverageWallTime(), wall.sum / Machine::nProcesses(), near);
-    EXPECT_NEAR(timer.getAverageCpuTime(), cpu.sum / Machine::nProcesses(), near);
-    EXPECT_NEAR(timer.getStandardDeviationWallTime(), isMaster ? wall.deviation : 0.0, near);
-    EXPECT_NEAR(timer.getStandardDeviationCpuTime(), isMaster ? cpu.deviation : 0.0, near);
+    EXPECT_NEAR((timer.*getAverage)(), sum / Machine::nProcesses(), near);
+    EXPECT_NEAR((timer.*getDeviation)(), isMaster ? std::sqrt(squares / double(times.size())) : 0.0, near);
 }
 
-TEST(TimerOfJob, foldsTheTimesOfTheRanks) {
+void check(const Timer& timer, const std::vector<unsigned>& ranks, bool isMaster) {
+    check(timer, ranks, isMaster, wallTimeOf, &Timer::getMaximumWallTime, &Timer::getMinimumWallTime,
+          &Timer::getAverageWallTime, &Timer::getStandardDeviationWallTime);
+    check(timer, ranks, isMaster, cpuTimeOf, &Timer::getMaximumCpuTime, &Timer::getMinimumCpuTime,
+          &Timer::getAverageCpuTime, &Timer::getStandardDeviationCpuTime);
+    EXPECT_NEAR(timer.getAccumulatedCpuTime(), timer.getAverageCpuTime() * Machine::nProcesses(), 1e-9);
+}
+
+TEST(TimerOfJob, FoldsTheTimesOfTheRanks) {
     const unsigned me = Machine::getPartitionId();
     std::vector<unsigned> all;
     std::vector<unsigned> odd;

@@ -68,21 +68,19 @@ protected:
     const bool hasChecks = OrvexVersion::isDevelopmentVersion();
 };
 
-TEST_F(GlobalCheck, sendsWhatItsModeNeedsAndWithChecksTheLine) {
-    struct Row {
+TEST_F(GlobalCheck, SendsWhatItsModeNeedsAndWithChecksTheLine) {
+    const struct {
         GlobalCondition::ModeEnum mode;
         unsigned ranks;
-        Texts always;
-        Texts withChecks;
-    };
-    const Row rows[] = {
+        Texts always, withChecks;
+    } rows[] = {
         {GlobalCondition::ON_ALL, 13, {FOLD}, {LINE, FOLD}},
         {GlobalCondition::ON_ANY, 13, {FOLD}, {LINE, FOLD}},
         {GlobalCondition::ON_MASTER, 13, {MASTER_VALUE}, {LINE, FOLD}},
         {GlobalCondition::ON_ALL_INVARIANT, 12, {}, {FOLD, LINE, FOLD}},
         {GlobalCondition::ON_ALL_INVARIANT, 13, {}, {}},
     };
-    for (const Row& row : rows)
+    for (const auto& row : rows)
         for (const bool checks : {true, false}) {
             play(row.ranks);
             setTrueRanks(row.ranks);
@@ -96,7 +94,7 @@ TEST_F(GlobalCheck, sendsWhatItsModeNeedsAndWithChecksTheLine) {
         }
 }
 
-TEST_F(GlobalCheck, isRefusedInSerialCriticalCode) {
+TEST_F(GlobalCheck, IsRefusedInSerialCriticalCode) {
     const Machine::SerialCritical lock;
     expectAssertion([] { GlobalCondition(true, GlobalCondition::ON_ALL_INVARIANT); },
                     "Coding error: GlobalCondition attempted in a serial-critical code section",
@@ -104,7 +102,7 @@ TEST_F(GlobalCheck, isRefusedInSerialCriticalCode) {
     EXPECT_EQ(mpi.texts(), Texts());
 }
 
-TEST_F(GlobalCheck, failingMessageOfAnExemptCheckRestoresTheLock) {
+TEST_F(GlobalCheck, AFailingMessageOfAnExemptCheckRestoresTheLock) {
     if (!hasChecks)
         return;
     const Machine::ParallelPerformanceCritical lock;

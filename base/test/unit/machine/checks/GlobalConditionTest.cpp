@@ -18,6 +18,7 @@
 #include <gtest/gtest.h>
 
 #include <cfenv>
+#include <tuple>
 
 namespace {
 
@@ -30,10 +31,7 @@ protected:
     void TearDown() override { std::feclearexcept(FE_ALL_EXCEPT); }
 };
 
-using GlobalCondition_ = SerialChecks;
-using GlobalFloatingPointError_ = SerialChecks;
-
-TEST_F(GlobalCondition_, isTheLocalOneInEveryMode) {
+TEST_F(SerialChecks, ConditionIsTheLocalOneInEveryMode) {
     for (int mode = 0; mode <= 4; ++mode)
         for (const bool condition : {true, false}) {
             const auto each = static_cast<GlobalCondition::ModeEnum>(mode);
@@ -42,7 +40,7 @@ TEST_F(GlobalCondition_, isTheLocalOneInEveryMode) {
         }
 }
 
-TEST_F(GlobalCondition_, serialCriticalCodeOffendsDevelopmentVersionsOnly) {
+TEST_F(SerialChecks, SerialCriticalCodeOffendsDevelopmentVersionsOnly) {
     const Machine::SerialCritical lock;
     const std::string expected =
         OrvexVersion::isDevelopmentVersion()
@@ -59,49 +57,38 @@ std::string messageFor(const std::string& entry) {
 /// What the flags alone tell, in both kinds of version.
 const std::string FLAG_TEXT = "Floating-point exception: division by zero";
 
-TEST_F(GlobalFloatingPointError_, pendingFaultBecomesOneErrorAndIsGone) {
+TEST_F(SerialChecks, APendingFaultBecomesOneErrorAndIsGone) {
+    using namespace GlobalFloatingPointExceptionStatus;
     const std::string development =
         ", context: Unexpected FPE. If you see this message, please find the root cause that led to the FPE, "
-        "assign to "
-        "the appropriate group for mitigation, and add the HPC group as watchers for consultation.";
+        "assign to the appropriate group for mitigation, and add the HPC group as watchers for consultation.";
     const std::string release = ", the specific cause cannot be identified";
-    struct Row {
-        const char* name;
-        std::function<void()> record;
-        std::string entry;
-    };
-    const std::vector<Row> rows = {
+    const std::tuple<const char*, std::function<void()>, std::string> rows[] = {
         {"nothing saved", [] {}, FLAG_TEXT + (OrvexVersion::isDevelopmentVersion() ? development : release)},
-        {"context", [] { GlobalFloatingPointExceptionStatus::TestAndSaveLocalContext("flux"); },
-         FLAG_TEXT + ", context: flux"},
-        {"empty context", [] { GlobalFloatingPointExceptionStatus::TestAndSaveLocalContext(std::string()); },
-         FLAG_TEXT + ", context: "},
-        {"no context", [] { GlobalFloatingPointExceptionStatus::TestAndSaveLocalContext(nullptr); },
-         FLAG_TEXT + release},
+        {"context", [] { TestAndSaveLocalContext("flux"); }, FLAG_TEXT + ", context: flux"},
+        {"empty context", [] { TestAndSaveLocalContext(std::string()); }, FLAG_TEXT + ", context: "},
+        {"no context", [] { TestAndSaveLocalContext(nullptr); }, FLAG_TEXT + release},
         {"the later record counts",
          [] {
-             GlobalFloatingPointExceptionStatus::TestAndSaveLocalContext("first");
+             TestAndSaveLocalContext("first");
              FloatingPointErrorRecord::set("second");
          },
          "second"},
     };
-    for (const Row& row : rows) {
+    for (const auto& [name, record, entry] : rows) {
+        SCOPED_TRACE(name);
         std::feraiseexcept(FE_DIVBYZERO);
-        row.record();
-        EXPECT_EQ(messageOf<FloatingPointError>(&GlobalFloatingPointError::assertNoError),
-                  messageFor(row.entry))
-            << row.name;
-        EXPECT_EQ(std::fetestexcept(FE_DIVBYZERO), 0) << row.name;
-        EXPECT_EQ(messageOf<Error>(&GlobalFloatingPointError::assertNoError), "") << row.name;
+        record();
+        EXPECT_EQ(messageOf<FloatingPointError>(&GlobalFloatingPointError::assertNoError), messageFor(entry));
+        EXPECT_EQ(std::fetestexcept(FE_DIVBYZERO), 0);
+        EXPECT_EQ(messageOf<Error>(&GlobalFloatingPointError::assertNoError), "");
     }
     std::feraiseexcept(FE_DIVBYZERO);
-    EXPECT_EQ(messageOf<FloatingPointError>([] {
-                  GlobalFloatingPointExceptionStatus::AssertNoException(MachineTestAccess::assertNoFpeKey());
-              }),
+    EXPECT_EQ(messageOf<FloatingPointError>([] { AssertNoException(MachineTestAccess::assertNoFpeKey()); }),
               messageFor(FLAG_TEXT + release));
 }
 
-TEST_F(GlobalFloatingPointError_, flagsStayWhereNobodyMayLook) {
+TEST_F(SerialChecks, FlagsStayWhereNobodyMayLook) {
     const auto test = [] {
         std::feraiseexcept(FE_DIVBYZERO);
         EXPECT_EQ(messageOf<Error>(&GlobalFloatingPointError::assertNoError), "");
@@ -120,7 +107,7 @@ TEST_F(GlobalFloatingPointError_, flagsStayWhereNobodyMayLook) {
     SignalHandler::_catchFpeSignals = false;
 }
 
-TEST_F(GlobalFloatingPointError_, placesWhereTheCheckIsRefused) {
+TEST_F(SerialChecks, TheCheckIsRefusedWhereItCannotBeCollective) {
     {
         const Machine::SerialCritical lock;
         EXPECT_EQ(messageOf<InternalError>(&GlobalFloatingPointError::assertNoError),

@@ -29,7 +29,7 @@ std::string path(const std::string& what) {
     return "The path name " + what + "\n\n";
 }
 
-TEST(LegalFileHelper, objectsToAllThatIsWrong) {
+TEST(LegalFileHelper, ObjectsToAllThatIsWrong) {
     const struct {
         std::wstring name;
         std::string objections;
@@ -76,7 +76,7 @@ TEST(LegalFileHelper, objectsToAllThatIsWrong) {
     }
 }
 
-TEST(LegalFileHelper, takesNamesOfCommands) {
+TEST(LegalFileHelper, TakesNamesOfCommands) {
     Properties properties;
     EXPECT_EQ(LegalFileHelper::getLegalFileNameFromProperties(properties, "file"), L"");
     properties.set("file", L"/data//\u00e4.sim");

@@ -47,7 +47,7 @@ protected:
     MachineHost host;
 };
 
-TEST_F(Relaxer, leavesAProcessAloneAsItIs) {
+TEST_F(Relaxer, LeavesAProcessAloneAsItIs) {
     EXPECT_EQ(linesAround([this] { EXPECT_EQ(Affinity::getProcessAffinity(topology), bound); }),
               "info AffinityRelaxer::Impl::Impl: Affinity relaxer is disabled in serial mode.\n"
               "info AffinityRelaxer::Impl::~Impl: Affinity relaxer is disabled in serial mode, hence no "
@@ -71,7 +71,7 @@ protected:
     void loseHardware() { MachineHostTestAccess::equip(host, CpuTopology(std::string("no XML"))); }
 };
 
-TEST_F(RelaxerOfARank, tellsWhatItDoes) {
+TEST_F(RelaxerOfARank, TellsItsSteps) {
     const std::string mask = topology.printAffinityMask(bound, 60);
     const std::string relaxing =
         "debug AffinityRelaxer::Impl::Impl: #LPUs = " + std::to_string(topology.getNumberLpus()) +
@@ -88,7 +88,7 @@ TEST_F(RelaxerOfARank, tellsWhatItDoes) {
                   bound.toHexString(1) + "}.\n");
 }
 
-TEST_F(RelaxerOfARank, appliesNoEmptyMask) {
+TEST_F(RelaxerOfARank, AppliesNoEmptyMask) {
     loseHardware();
     EXPECT_EQ(linesAround([] {}),
               "debug AffinityRelaxer::Impl::Impl: #LPUs = 1, Process affinity mask = {- : 0x0}\n"
