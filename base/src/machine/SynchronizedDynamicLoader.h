@@ -32,7 +32,7 @@ private:
 
     /// @throw InternalError when there is one already
     SynchronizedDynamicLoader();
-    ~SynchronizedDynamicLoader();
+    ~SynchronizedDynamicLoader() = default;
 
     static SynchronizedDynamicLoader* _singleton;
 };

@@ -38,8 +38,6 @@ SynchronizedDynamicLoader::SynchronizedDynamicLoader() {
     SingletonCleaner::registerReset(&SynchronizedDynamicLoader::reset);
 }
 
-SynchronizedDynamicLoader::~SynchronizedDynamicLoader() = default;
-
 bool SynchronizedDynamicLoader::isLoaded(const std::string& module) {
     return DynamicLoader::getSingleton().isLoaded(module);
 }

@@ -9,6 +9,8 @@
 #include "platform/Process.h"
 #include "platform/StringHelper.h"
 
+#include <utility>
+
 /// One of the two streams. Untouched: no redirector, no log file. Silent: a redirector. Moved: a log file,
 /// with or without a redirector.
 class StandardStreamManager::StreamManager {
@@ -31,7 +33,7 @@ public:
 
     bool hasLogFile() const { return _logFile != nullptr; }
     bool hasRedirector() const { return _redirector != nullptr; }
-    void setOutputPrefix(const std::string& prefix) { _outputPrefix = prefix; }
+    void setOutputPrefix(std::string prefix) { _outputPrefix = std::move(prefix); }
 
     /// The path, empty when the file can't be opened.
     std::wstring redirectOriginalStreamToFile() {
@@ -111,5 +113,5 @@ bool StandardStreamManager::hasNullRedirection() const {
 
 void StandardStreamManager::prependOutput(std::string prefix) {
     _standardOutputManager->setOutputPrefix(prefix);
-    _standardErrorManager->setOutputPrefix(prefix);
+    _standardErrorManager->setOutputPrefix(std::move(prefix));
 }

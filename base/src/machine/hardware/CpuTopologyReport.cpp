@@ -127,12 +127,12 @@ std::string describeMask(const CpuTopology& topology, const Lpus& lpus, std::siz
         return "-";
     const MaskText mask(topology, lpus);
     for (const Level* level : {&socket, &numaNode})
-        if (const std::string whole = mask.printWhole(*level); !whole.empty())
+        if (std::string whole = mask.printWhole(*level); !whole.empty())
             return whole;
-    const std::string sockets = mask.printDetails(socket);
+    std::string sockets = mask.printDetails(socket);
     if (sockets.size() <= maxLength)
         return sockets;
-    const std::string numaNodes = mask.printDetails(numaNode);
+    std::string numaNodes = mask.printDetails(numaNode);
     if (numaNodes.size() <= maxLength)
         return numaNodes;
     std::string cores = mask.printWhole(physicalCore);

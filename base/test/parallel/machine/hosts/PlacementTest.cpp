@@ -23,9 +23,11 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <map>
 #include <sched.h>
 #include <sys/wait.h>
 #include <thread>
+#include <tuple>
 #include <unistd.h>
 
 namespace {
@@ -66,19 +68,16 @@ std::vector<unsigned> numbersOfProcessors() {
 }
 
 /// A machine whose first processors are those that this thread may run on; there are no others here.
-CpuTopology makeMachine(const std::string& kind, unsigned processors, const std::string& more = "") {
+CpuTopology makeMachine(const std::string& kind, unsigned processors) {
     std::vector<unsigned> numbers = numbersOfProcessors();
     std::string indices;
     for (unsigned i = 0; i < processors; ++i)
         indices += (i == 0 ? "" : ",") + std::to_string(i < numbers.size() ? numbers[i] : 9000 + i);
-    return CpuTopology(makeTestMachine("machine " + kind + "(indexes=" + indices + ")" + more));
+    return CpuTopology(makeTestMachine("machine " + kind + "(indexes=" + indices + ")"));
 }
 
-CpuTopology makeSmall() {
-    return makeMachine("pack:1 [numa] core:3 pu:2", 6);
-}
-CpuTopology makeLarge() {
-    return makeMachine("pack:2 [numa] core:3 pu:2", 12);
+CpuTopology makeHardware(unsigned sockets = 1) {
+    return makeMachine("pack:" + std::to_string(sockets) + " [numa] core:3 pu:2", 6 * sockets);
 }
 
 /// The lines of the ranks of a host of `count` processes.
@@ -90,26 +89,21 @@ std::string rankLines(const CpuTopology& topology, const AffinityMask& mask, uns
     return lines;
 }
 
-TEST_F(Placement, isReportedInStages) {
+TEST_F(Placement, IsReportedInStages) {
     const unsigned onEven = (_ranks + 1) / 2;
     const unsigned onOdd = _ranks / 2;
-    const CpuTopology small = makeSmall();
-    const CpuTopology large = makeLarge();
+    const CpuTopology small = makeHardware();
+    const CpuTopology large = makeHardware(2);
     const std::string smallText = small.print(true, true, false, true, 4, 28);
     const std::string largeText = large.print(true, true, false, true, 4, 28);
     const auto report = [&](bool isOneHost, bool isMixed, bool gather) {
         const bool isOdd = _me % 2 == 1;
         const auto host = MachineHostTestAccess::claim(isOneHost ? "one" : isOdd ? "odd" : "even");
-        MachineHostTestAccess::equip(*host, isMixed && isOdd ? makeLarge() : makeSmall());
-        const std::string told =
-            printedOnRank([&] { host->printProcessAffinitySummary(true, false, true, gather); });
-        EXPECT_TRUE(_me == 0 || told.empty()) << "only the master prints";
-        return told;
+        MachineHostTestAccess::equip(*host, makeHardware(isMixed && isOdd ? 2 : 1));
+        return printedOnRank([&] { host->printProcessAffinitySummary(true, false, true, gather); });
     };
     const auto expect = [&](const std::string& told, const std::string& expected) {
-        if (_me == 0) {
-            EXPECT_EQ(told, expected);
-        }
+        EXPECT_EQ(told, _me == 0 ? expected : "") << "only the master prints";
     };
     expect(report(true, false, true),
            "CPU Affinity Report (one) :\n" + smallText + rankLines(small, _bound, _ranks));
@@ -136,31 +130,30 @@ TEST_F(Placement, isReportedInStages) {
     }
 }
 
-TEST_F(Placement, isGatheredForTheClient) {
+TEST_F(Placement, IsGatheredForTheClient) {
     const auto host = MachineHostTestAccess::claim(_me % 2 == 1 ? "odd" : "even");
+    std::vector<bool> mine(realTopology().getNumberLpus(), false);
+    mine[_lpu] = true;
     Properties gathered;
     host->gatherAffinityPropertiesToMaster(gathered);
     std::vector<Properties> hosts;
     gathered.get("hosts", hosts);
-    if (_me != 0) {
-        EXPECT_TRUE(hosts.empty());
-    } else {
-        ASSERT_EQ(hosts.size(), _ranks > 1 ? 2u : 1u);
-        for (std::size_t i = 0; i < hosts.size(); ++i) {
-            EXPECT_EQ(hosts[i].getString("hostname"), i == 0 ? "even" : "odd");
-            std::vector<Properties> masks;
-            hosts[i].get("masks", masks);
-            ASSERT_EQ(masks.size(), i == 0 ? (_ranks + 1) / 2 : _ranks / 2);
-            for (std::size_t k = 0; k < masks.size(); ++k) {
-                EXPECT_EQ(masks[k].getUnsignedInt("rank"), 2 * k + i);
-                std::vector<bool> expected(realTopology().getNumberLpus(), false);
-                expected[_lpu] = true;
-                std::vector<bool> mask;
-                masks[k].get("mask", mask);
-                EXPECT_EQ(mask, expected);
-            }
+    std::map<unsigned, std::string> hostOfRank;
+    for (const Properties& each : hosts) {
+        std::vector<Properties> masks;
+        each.get("masks", masks);
+        for (const Properties& one : masks) {
+            hostOfRank[one.getUnsignedInt("rank")] = each.getString("hostname");
+            std::vector<bool> mask;
+            one.get("mask", mask);
+            EXPECT_EQ(mask, mine);
         }
     }
+    std::map<unsigned, std::string> expected;
+    for (unsigned rank = 0; _me == 0 && rank < _ranks; ++rank)
+        expected[rank] = rank % 2 == 1 ? "odd" : "even";
+    EXPECT_EQ(hostOfRank, expected);
+    EXPECT_EQ(hosts.size(), _me > 0 ? 0u : std::min(_ranks, 2u));
     Properties information;
     information.set("untouched", true);
     host->getSystemInformation(information);
@@ -169,11 +162,9 @@ TEST_F(Placement, isGatheredForTheClient) {
         std::vector<Properties> processes;
         information.get("processes", processes);
         ASSERT_EQ(processes.size(), host->getNumberProcesses());
-        for (const Properties& process : processes) {
-            std::vector<bool> mask;
-            process.get("affinitymask", mask);
-            EXPECT_TRUE(mask[_lpu]);
-        }
+        std::vector<bool> mask;
+        processes.back().get("affinitymask", mask);
+        EXPECT_TRUE(mask[_lpu]); // the only one, until that process goes on to the next test
         const Properties hardware = information.getProperties("hardware");
         EXPECT_EQ(hardware.hasName("ht"), realTopology().usesSMT());
         EXPECT_EQ(hardware.getProperties("topology").getUnsignedInt("NumberSockets"),
@@ -214,7 +205,7 @@ private:
     std::vector<std::unique_ptr<OS::Process::ProcessHandle>> _servers;
 };
 
-TEST_F(Placement, getsOutOfTheWayOfOtherServers) {
+TEST_F(Placement, GetsOutOfTheWayOfOtherServers) {
     const MachineHost& host = Machine::getHost();
     Communicator& ranks = Machine::globalCommunicator();
     OtherServers others;
@@ -233,7 +224,9 @@ TEST_F(Placement, getsOutOfTheWayOfOtherServers) {
     if (freeCores == 0)
         return;
     EXPECT_TRUE(host.hasCpuContention(false));
-    EXPECT_EQ(host.resolveCpuContention(BANDWIDTH_BINDING, false), _ranks <= freeCores);
+    const std::string told = printedOnRank(
+        [&] { EXPECT_EQ(host.resolveCpuContention(BANDWIDTH_BINDING, true), _ranks <= freeCores); });
+    EXPECT_EQ(told, "") << "no pause before the first attempt";
     EXPECT_EQ(Affinity::getProcessAffinity(realTopology()) == _bound, _ranks > freeCores)
         << "no room, no move";
     // A rank that is late at its place isn't seen at the old one.
@@ -246,7 +239,7 @@ TEST_F(Placement, getsOutOfTheWayOfOtherServers) {
     EXPECT_FALSE(host.hasCpuContention(false));
 }
 
-TEST_F(Placement, followsTheCoresThatAreFree) {
+TEST_F(Placement, FollowsTheCoresThatAreFree) {
     const MachineHost& host = Machine::getHost();
     const std::size_t cores = realTopology().getPhysicalCoresFromMask(getAvailable(realTopology())).size();
     EXPECT_EQ(host.isOverSubscribed(), _ranks > cores ? static_cast<int>(_ranks - cores) : 0);
@@ -266,7 +259,7 @@ TEST_F(Placement, followsTheCoresThatAreFree) {
         "Invalid CpuBindingPolicy specified", "false", "CpuBinder.cpp");
 }
 
-TEST_F(Placement, moreProcessesThanElementsGoRound) {
+TEST_F(Placement, MoreProcessesThanElementsGoRound) {
     AffinityTestAccess::clearProcess(realTopology());
     const std::vector<unsigned> numbers = numbersOfProcessors();
     const CpuTopology four = makeMachine("pack:1 [numa] core:4 pu:1", 4);
@@ -279,7 +272,7 @@ TEST_F(Placement, moreProcessesThanElementsGoRound) {
         }
 }
 
-TEST_F(Placement, underTheLeastLoadIsWhereTheProcessRuns) {
+TEST_F(Placement, UnderTheLeastLoadIsWhereTheProcessRuns) {
     AffinityTestAccess::clearProcess(realTopology());
     // A process of one thread runs in one place.
     const pid_t child = ::fork();
@@ -293,7 +286,7 @@ TEST_F(Placement, underTheLeastLoadIsWhereTheProcessRuns) {
     EXPECT_EQ(status, 0);
 }
 
-TEST_F(Placement, withoutBindingTheProcessIsWhereItsMainThreadIs) {
+TEST_F(Placement, WithoutBindingTheProcessIsWhereItsMainThreadIs) {
     AffinityTestAccess::clearProcess(realTopology());
     ASSERT_TRUE(AffinityTestAccess::setThread(realTopology(), _bound));
     const AffinityMask before = Affinity::getProcessAffinity(realTopology());
@@ -303,11 +296,11 @@ TEST_F(Placement, withoutBindingTheProcessIsWhereItsMainThreadIs) {
     EXPECT_EQ(Affinity::getProcessAffinity(realTopology()), _bound);
 }
 
-TEST_F(Placement, keepsToWhatIsAllowedAndKnown) {
+TEST_F(Placement, KeepsToTheProcessorsThatAreAllowedAndKnown) {
     const auto host = MachineHostTestAccess::claim("here");
     const auto own = static_cast<unsigned>(::getpid());
     constexpr unsigned NOBODY = 1u << 30;
-    MachineHostTestAccess::equip(*host, makeSmall());
+    MachineHostTestAccess::equip(*host, makeHardware());
     using List = std::vector<unsigned>;
     const auto occupied = [&](const List& pids) {
         return host->getCpuTopology().getLpusFromMask(MachineHostTestAccess::getOccupiedCores(*host, pids));
@@ -315,19 +308,14 @@ TEST_F(Placement, keepsToWhatIsAllowedAndKnown) {
     EXPECT_EQ(occupied({NOBODY}), List{}) << "whose binding can't be read is in nobody's way";
     EXPECT_EQ(occupied({NOBODY, own}), (List{0, 1})) << "a whole core for one of its processors";
 
-    struct Row {
-        const char* allow;
-        unsigned processes;
-        int tooMany;
-    };
-    for (const Row& row :
-         {Row{"", 4, 0}, Row{"", 6, 2}, Row{"\nallow 0x5", 2, 0}, Row{"\nallow 0x5", 3, 1}}) {
+    for (const auto& [allow, processes, tooMany] :
+         {std::tuple("", 4u, 0), std::tuple("", 6u, 2), std::tuple("\nallow 0x5", 2u, 0),
+          std::tuple("\nallow 0x5", 3u, 1)}) {
         MachineHostTestAccess::equip(
-            *host,
-            CpuTopology(makeTestMachine(std::string("machine pack:1 [numa] core:4 pu:1") + row.allow)));
-        MachineHostTestAccess::pretend(*host, std::vector<std::string>(row.processes, "here"));
-        EXPECT_EQ(host->isOverSubscribed(), row.tooMany) << row.allow << row.processes;
-        if (row.tooMany > 0) {
+            *host, CpuTopology(makeTestMachine(std::string("machine pack:1 [numa] core:4 pu:1") + allow)));
+        MachineHostTestAccess::pretend(*host, std::vector<std::string>(processes, "here"));
+        EXPECT_EQ(host->isOverSubscribed(), tooMany) << allow << processes;
+        if (tooMany > 0) {
             EXPECT_FALSE(host->bindProcesses(BANDWIDTH_BINDING));
             EXPECT_EQ(Affinity::getProcessAffinity(realTopology()), _bound) << "nothing happens";
         }
