@@ -115,7 +115,7 @@ class Hosts(Case):
         """One for the ranks of each host, and one of the first ranks of all."""
         for mpi in MPIS:
             with self.subTest(mpi=mpi):
-                words = [BUILD / "bin/ParallelMachine", "--gtest_filter=SharedMemory.followsTheHostsOfTheJob",
+                words = [BUILD / "bin/ParallelMachine", "--gtest_filter=SharedMemory.FollowsTheHostsOfTheJob",
                          "-mpi", DRIVERS[mpi]]
                 answer = subprocess.run(self.cluster.job(mpi, [3, 2, 2], *words), capture_output=True, text=True,
                                         timeout=START_LIMIT * 2, env=self.room.environment(), stdin=subprocess.DEVNULL)

@@ -8,7 +8,6 @@ import re
 import shutil
 import signal
 import subprocess
-import time
 import unittest
 
 from harness import MPIS, PATIENCE, SERVER, START_LIMIT, STOP_LIMIT, Case, Process, Room, main, wait_until
@@ -244,39 +243,6 @@ class Placement(Case):
             quiet = self.ready(*options)
             self.assertEqual(self.bindings(quiet), [binding])
             self.assertNotIn("contention", quiet.out())
-
-    @unittest.skipIf(PROCESSORS < 2, "needs a processor to move to")
-    def test_another_that_follows(self):
-        """Who gets in the way again right after a move: the server waits a while and tries again."""
-        self.room = Room()
-        self.addCleanup(self.room.leave)
-        impostor = self.room.top / "orvexsim"
-        shutil.copy(shutil.which("sleep"), impostor)
-        other = subprocess.Popen(["another server", "100"], executable=impostor, env=self.room.environment())
-        self.addCleanup(other.wait)
-        retry = re.compile(r"Resolving CPU contention failed. Waiting for (\d+) milliseconds before trying again.\n")
-        for _ in range(10):  # the other one isn't always fast enough
-            os.sched_setaffinity(other.pid, FIRST)
-            job = self.start("-cpubindverbose", environment=HARDWARE)
-            end = time.monotonic() + START_LIMIT
-            while not retry.search(job.out()) and "has been resolved" not in job.out():
-                self.assertIsNone(job.process.poll(), job.told())
-                self.assertLess(time.monotonic(), end, job.told())
-                for _ in range(1000):
-                    taken = os.sched_getaffinity(job.process.pid)
-                    if len(taken) == 1:
-                        os.sched_setaffinity(other.pid, taken)
-            job.wait_ready()
-            if retry.search(job.out()):
-                break
-            job.stop()
-        pauses = [int(pause) for pause in retry.findall(job.out())]
-        self.assertTrue(pauses, job.told())
-        self.assertTrue(all(100 <= pause <= 1000 for pause in pauses), pauses)
-        self.assertIn("CPU contention on all processes has been resolved.\n", job.out())
-        self.assertNotEqual(os.sched_getaffinity(job.process.pid), os.sched_getaffinity(other.pid))
-        other.kill()
-        self.stop(job)
 
 
 if __name__ == "__main__":

@@ -22,7 +22,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <sched.h>
 #include <sys/wait.h>
@@ -237,6 +239,35 @@ TEST_F(Placement, GetsOutOfTheWayOfOtherServers) {
         AffinityTestAccess::setProcess(realTopology(), free);
     }
     EXPECT_FALSE(host.hasCpuContention(false));
+}
+
+/// The processors exist from the first pause on.
+TEST_F(Placement, TriesToMoveAgainAfterAPause) {
+    const auto host = MachineHostTestAccess::claim("host" + std::to_string(_me));
+    MachineHostTestAccess::equip(
+        *host, CpuTopology(makeTestMachine("machine pack:1 [numa] core:1 pu:1(indexes=9000)")));
+    class Pause : public std::stringbuf {
+    public:
+        std::function<void()> meanwhile;
+        int sync() override {
+            meanwhile();
+            return 0;
+        }
+    } pause;
+    pause.meanwhile = [&] { MachineHostTestAccess::equip(*host, makeHardware()); };
+    if (_me != 0) // a host of its own, whose pauses nobody is told of
+        return;
+    std::streambuf* const console = std::cout.rdbuf(&pause);
+    EXPECT_TRUE(host->resolveCpuContention(BANDWIDTH_BINDING, true));
+    std::cout.rdbuf(console);
+    unsigned length = 0;
+    EXPECT_EQ(std::sscanf(pause.str().c_str(),
+                          "Resolving CPU contention failed. Waiting for %u milliseconds before trying again.",
+                          &length),
+              1)
+        << pause.str();
+    EXPECT_TRUE(length >= 100 && length <= 1000) << length;
+    EXPECT_EQ(Affinity::getProcessAffinity(realTopology()), _bound);
 }
 
 TEST_F(Placement, FollowsTheCoresThatAreFree) {

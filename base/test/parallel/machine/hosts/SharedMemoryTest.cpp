@@ -9,6 +9,7 @@
 
 #include "parallel/machine/hosts/MachineHostTestAccess.h"
 #include "support/TestMachine.h"
+#include "unit/machine/LogLines.h"
 #include "unit/machine/MachineTestAccess.h"
 #include "unit/machine/hardware/AffinityTestAccess.h"
 
@@ -68,7 +69,7 @@ std::string strangeMachine(unsigned sockets) {
     return "pack:" + std::to_string(sockets) + " [numa] core:1 pu:1(indexes=" + indices + ")";
 }
 
-TEST_F(SharedMemory, withoutKnownBindingsTheRanksAreDealtOut) {
+TEST_F(SharedMemory, WithoutKnownBindingsTheRanksAreDealtOut) {
     for (const unsigned groups : {1u, 2u, 3u, 4u, 9u}) {
         SCOPED_TRACE(groups);
         enter("one", strangeMachine(groups));
@@ -104,7 +105,7 @@ TEST_F(SharedMemory, withoutKnownBindingsTheRanksAreDealtOut) {
     }
 }
 
-TEST_F(SharedMemory, countsTheRanksThatShareMemory) {
+TEST_F(SharedMemory, CountsTheRanksThatShareMemory) {
     // Whatever names they give, and whatever each takes for the hardware.
     enter("host" + std::to_string(_me), strangeMachine(_me == 0 ? 2 : 1));
     MachineTestAccess::buildShmemCommunicators();
@@ -114,7 +115,7 @@ TEST_F(SharedMemory, countsTheRanksThatShareMemory) {
     EXPECT_EQ(ranksOf(Machine::SOCKET_SCOPE), expected);
 }
 
-TEST_F(SharedMemory, followsTheHostsOfTheJob) {
+TEST_F(SharedMemory, FollowsTheHostsOfTheJob) {
     MachineTestAccess::swapHost(_realHost);
     MachineTestAccess::buildShmemCommunicators();
     std::vector<unsigned> mine;
@@ -147,7 +148,7 @@ TEST_F(SharedMemory, followsTheHostsOfTheJob) {
     }
 }
 
-TEST_F(SharedMemory, overSubscribedHostsAreNamed) {
+TEST_F(SharedMemory, OverSubscribedHostsAreNamed) {
     const unsigned onEven = (_ranks + 1) / 2;
     const auto warn = [&](const char* evenMachine, const char* oddMachine) {
         enter(_me % 2 == 0 ? "even" : "odd", _me % 2 == 0 ? evenMachine : oddMachine);
@@ -168,8 +169,10 @@ TEST_F(SharedMemory, overSubscribedHostsAreNamed) {
                   stars + "\n");
 }
 
-TEST_F(SharedMemory, aRelaxedProcessMayRunWhereItsNeighboursMay) {
-    MachineTestAccess::swapHost(_realHost);
+/// A relaxed process may run where its neighbours may, and tells it in the log.
+TEST_F(SharedMemory, BindingsAreRelaxedForAWhile) {
+    const auto host = MachineHostTestAccess::claim("one");
+    MachineTestAccess::swapHost(host.get());
     MachineTestAccess::buildShmemCommunicators();
     const CpuTopology& topology = _realHost->getCpuTopology();
     const std::vector<unsigned> lpus =
@@ -179,6 +182,18 @@ TEST_F(SharedMemory, aRelaxedProcessMayRunWhereItsNeighboursMay) {
     for (unsigned rank = 0; rank < _ranks; ++rank)
         all |= topology.getLpuMask(lpus[rank % lpus.size()]);
     ASSERT_TRUE(AffinityTestAccess::setProcess(topology, mine));
+    const auto relaxing = [&](const AffinityMask& found) {
+        const std::string constructor = "AffinityRelaxer::Impl::Impl: ";
+        return "debug " + constructor + "#LPUs = " + std::to_string(topology.getNumberLpus()) +
+               ", Process affinity mask = " + topology.printAffinityMask(found, 60) + "\ndebug " +
+               constructor + "Relaxed affinity mask = " + topology.printAffinityMask(all, 60) + "\ninfo " +
+               constructor + "Relaxed affinity mask applied successfully.\n";
+    };
+    const auto restored = [&](const AffinityMask& found) {
+        return "info AffinityRelaxer::Impl::~Impl: Successfully applied original affinity mask " +
+               topology.printAffinityMask(found, 60) + ".\n";
+    };
+    const LogLines log(OS::Log::DEBUG_LEVEL);
     {
         const AffinityRelaxer relaxer(Machine::HOST_SCOPE, AffinityRelaxer::Key());
         EXPECT_EQ(Affinity::getProcessAffinity(topology), all);
@@ -189,6 +204,24 @@ TEST_F(SharedMemory, aRelaxedProcessMayRunWhereItsNeighboursMay) {
         EXPECT_EQ(Affinity::getProcessAffinity(topology), all) << "the inner one restores the outer one's";
     }
     EXPECT_EQ(Affinity::getProcessAffinity(topology), mine);
+    std::string expected = relaxing(mine) + relaxing(all) + restored(all) + restored(mine);
+    EXPECT_EQ(log.text(), expected);
+    // The hardware is lost meanwhile, and for the next one from the start: no empty mask is applied.
+    const std::string lost = "{- : " + mine.toHexString(1) + "}";
+    for (const char* const reason :
+         {"error AffinityRelaxer::Impl::~Impl: Failed to restore original affinity mask ",
+          "warning AffinityRelaxer::Impl::~Impl: The original process affinity mask is empty."}) {
+        const bool isFirst = reason[0] == 'e';
+        expected +=
+            (isFirst ? relaxing(mine)
+                     : "debug AffinityRelaxer::Impl::Impl: #LPUs = 1, Process affinity mask = {- : 0x0}\n"
+                       "debug AffinityRelaxer::Impl::Impl: Relaxed affinity mask = {- : 0x0}\n"
+                       "error AffinityRelaxer::Impl::Impl: Failed to apply relaxed affinity mask.\n") +
+            reason + (isFirst ? lost + ".\n" : "\n");
+        const AffinityRelaxer relaxer(Machine::HOST_SCOPE, AffinityRelaxer::Key());
+        MachineHostTestAccess::equip(*host, CpuTopology(std::string("no XML")));
+    }
+    EXPECT_EQ(log.text(), expected);
 }
 
 } // namespace

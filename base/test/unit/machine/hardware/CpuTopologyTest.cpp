@@ -64,25 +64,10 @@ std::string printList(const List& list) {
     return text.empty() ? "none" : text;
 }
 
-/// "0-1 2-3 ... 14-15": more than four that go on evenly are abbreviated.
 std::string printLists(const std::vector<List>& lists) {
-    const auto goesOn = [&](std::size_t i, std::size_t first) {
-        const List &from = lists[i], &to = lists[i + 1];
-        return !from.empty() &&
-               std::equal(from.begin(), from.end(), to.begin(), to.end(),
-                          [&](auto a, auto b) { return b - a == lists[first + 1][0] - lists[first][0]; });
-    };
     std::string text;
-    for (std::size_t first = 0; first < lists.size(); ++first) {
-        std::size_t last = first;
-        while (last + 1 < lists.size() && goesOn(last, first))
-            ++last;
-        text += (first > 0 ? " " : "") + printList(lists[first]);
-        if (last - first >= 4) {
-            text += " " + printList(lists[first + 1]) + " ... " + printList(lists[last]);
-            first = last;
-        }
-    }
+    for (const List& list : lists)
+        text += (text.empty() ? "" : " ") + printList(list);
     return text;
 }
 

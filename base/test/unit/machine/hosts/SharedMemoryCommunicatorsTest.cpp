@@ -1,6 +1,7 @@
 // How the ranks that share memory are found, by the driver where it can, else by their hosts' names, and what
 // else a rank is told of the others' hardware.
 
+#include "machine/AffinityRelaxer.h"
 #include "machine/Communicator.h"
 #include "machine/Machine.h"
 #include "machine/MachineHost.h"
@@ -9,6 +10,7 @@
 #include "support/ScriptedMpi.h"
 #include "support/TestMachine.h"
 #include "unit/machine/Failures.h"
+#include "unit/machine/LogLines.h"
 #include "unit/machine/MachineTestAccess.h"
 
 #include <gtest/gtest.h>
@@ -155,4 +157,13 @@ TEST(MachineHost, IsBuiltAndReportedByAFixedNumberOfMessages) {
         host.reset();
         releaseCommunicators();
     }
+}
+
+TEST(AffinityRelaxer, LeavesASerialProcessAsItIs) {
+    MachineTestAccess::startAfresh();
+    const LogLines log(OS::Log::DEBUG_LEVEL);
+    { const AffinityRelaxer relaxer(Machine::HOST_SCOPE, AffinityRelaxer::Key()); }
+    EXPECT_EQ(log.text(), "info AffinityRelaxer::Impl::Impl: Affinity relaxer is disabled in serial mode.\n"
+                          "info AffinityRelaxer::Impl::~Impl: Affinity relaxer is disabled in serial mode, "
+                          "hence no affinity to restore.\n");
 }
