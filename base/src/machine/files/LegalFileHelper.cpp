@@ -114,7 +114,7 @@ std::string LegalFileHelper::checkFileNameIsLegal(const std::wstring& name) {
 
 std::wstring LegalFileHelper::getLegalFileNameFromProperties(const Properties& properties,
                                                              const std::string& key) {
-    const std::wstring name = properties.hasName(key) ? properties.getOrvexString(key) : std::wstring();
+    std::wstring name = properties.hasName(key) ? properties.getOrvexString(key) : std::wstring();
     if (name.empty())
         return name;
     const std::string message = checkFileNameIsLegal(name);

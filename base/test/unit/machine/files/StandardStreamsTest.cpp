@@ -55,11 +55,9 @@ protected:
     std::wstring _directory;
 };
 
-using StreamRedirector_ = StandardStreams;
-using StandardStreamManager_ = StandardStreams;
-using ParallelConsoleBuf_ = StandardStreams;
+using ParallelConsole = StandardStreams;
 
-TEST_F(StreamRedirector_, sendsAStreamElsewhereWhileItLives) {
+TEST_F(StandardStreams, RedirectorSendsAStreamElsewhereWhileItLives) {
     FILE* const stream = std::fopen(StringHelper::toString(path(L"stream")).c_str(), "w");
     FILE* const other = std::fopen(StringHelper::toString(path(L"other")).c_str(), "w");
     ASSERT_TRUE(stream && other);
@@ -81,38 +79,28 @@ TEST_F(StreamRedirector_, sendsAStreamElsewhereWhileItLives) {
         EXPECT_THROW(mover.setRestoreDescriptor(-1), SystemError);
     }
     std::fputs("moved", stream);
+    EXPECT_THROW(StreamRedirector(stream, path(L"missing/file")), SystemError);
+    EXPECT_THROW(StreamRedirector(stream, -1), SystemError);
+    std::fputs(" for good", stream);
     std::fclose(stream);
     std::fclose(other);
     EXPECT_EQ(content(L"stream"), "before after ");
     EXPECT_EQ(content(L"file"), "file file again ");
-    EXPECT_EQ(content(L"other"), "descriptor moved");
+    EXPECT_EQ(content(L"other"), "descriptor moved for good");
     EXPECT_EQ(content(L"lost"), "");
-}
-
-TEST_F(StreamRedirector_, failureLeavesTheStream) {
-    FILE* const stream = std::fopen(StringHelper::toString(path(L"stream")).c_str(), "w");
-    ASSERT_TRUE(stream);
-    EXPECT_THROW(StreamRedirector(stream, path(L"missing/file")), SystemError);
-    EXPECT_THROW(StreamRedirector(stream, -1), SystemError);
-    std::fputs("still here", stream);
-    std::fclose(stream);
-    EXPECT_EQ(content(L"stream"), "still here");
 }
 
 /// A row's steps: w writes the number of the step to both streams, n silences, r restores, f moves to the
 /// files, d destroys the manager, o opens one whose directory ends in a separator.
-TEST_F(StandardStreamManager_, statesOfTheStreams) {
-    struct Row {
-        const char* steps;
-        const char* console;
-        const char* log;
-    };
-    constexpr Row ROWS[] = {
+TEST_F(StandardStreams, AreSilencedRestoredAndMoved) {
+    constexpr struct {
+        const char *steps, *console, *log;
+    } ROWS[] = {
         {"w", "1", ""},     {"wnwrw", "15", ""},  {"nnwrw", "5", ""},   {"rw", "2", ""},
         {"wfw", "1", "3"},  {"wffw", "1", "4"},   {"wnfwrw", "1", "6"}, {"fnwrw", "", "5"},
         {"fwrw", "", "24"}, {"nfrnwrw", "", "7"},
     };
-    for (const Row& row : ROWS) {
+    for (const auto& row : ROWS) {
         SCOPED_TRACE(row.steps);
         std::wstring logs[2];
         {
@@ -153,25 +141,18 @@ TEST_F(StandardStreamManager_, statesOfTheStreams) {
     }
 }
 
-TEST_F(StandardStreamManager_, namesOfTheFiles) {
-    struct Row {
-        const char* program;
-        const wchar_t* suffix;
-        const wchar_t* stem;
-    };
-    constexpr Row ROWS[] = {{"server.exe", L"", L"server"},
-                            {"orvexsim", L"", L"orvexsim"},
-                            {"a.b.c", L"", L"a.b"},
-                            {"x", L"/", L"x"}};
-    for (const Row& row : ROWS) {
-        MachineTestAccess::setExecutableName(row.program);
+TEST_F(StandardStreams, MoveIntoNewFilesOfTheirUser) {
+    for (const auto& [program, suffix, stem] :
+         {std::tuple("orvexsim", L"", L"orvexsim"), std::tuple("a.b.c", L"", L"a.b"),
+          std::tuple("x", L"/", L"x")}) {
+        MachineTestAccess::setExecutableName(program);
         const StreamRedirector out(stdout, path(L"out"));
         const StreamRedirector error(stderr, path(L"error"));
-        StandardStreamManager manager(_directory + row.suffix, false);
+        StandardStreamManager manager(_directory + suffix, false);
         EXPECT_TRUE(manager.hasNullRedirection());
         // A link that somebody laid where the file is to come is replaced, not followed.
         const std::string log =
-            StringHelper::toString(path(row.stem + std::to_wstring(getpid()) + L"-stderr.txt"));
+            StringHelper::toString(path(stem + std::to_wstring(getpid()) + L"-stderr.txt"));
         ASSERT_EQ(symlink("elsewhere", log.c_str()), 0);
         EXPECT_EQ(StringHelper::toString(manager.redirectOriginalStreamsToFile().second), log);
         struct stat status {};
@@ -188,19 +169,15 @@ TEST_F(StandardStreamManager_, namesOfTheFiles) {
 
 /// A row's steps: C and c switch the console on and off, L and l the log; a point flushes, E ends the line, a
 /// bar ends a write; the rest is text.
-TEST_F(ParallelConsoleBuf_, blocksPrefixesAndLogs) {
-    struct Row {
-        const char* name;
-        Machine::SerialParallelMode mode;
-        unsigned ranks;
-        unsigned rank;
-        const char* steps;
-        const char* console;
-        const char* log;
-    };
+TEST_F(ParallelConsole, WritesBlocksWithPrefixesAndLogs) {
     constexpr auto MASTER = Machine::MASTER_MODE;
     constexpr auto WORKER = Machine::WORKER_MODE;
-    constexpr Row ROWS[] = {
+    constexpr struct {
+        const char* name;
+        Machine::SerialParallelMode mode;
+        unsigned ranks, rank;
+        const char *steps, *console, *log;
+    } ROWS[] = {
         {"the master prints without a prefix", MASTER, 2, 0, "a 1E", "a 1\n", "no file"},
         {"a worker is silent", WORKER, 2, 1, "a 1E", "", "no file"},
         {"one digit", WORKER, 9, 3, "LCbE", "Proc[3] : b\n", "Proc[3] : b\n"},
@@ -214,7 +191,7 @@ TEST_F(ParallelConsoleBuf_, blocksPrefixesAndLogs) {
         {"a log that is opened anew is emptied", WORKER, 2, 1, "L1.L2.lL3.", "", "3"},
     };
     constexpr int BUFFER_SIZE = 8;
-    for (const Row& row : ROWS) {
+    for (const auto& row : ROWS) {
         SCOPED_TRACE(row.name);
         MachineTestAccess::playRole(row.mode, row.ranks, row.rank);
         const std::wstring log = L"partition" + std::to_wstring(row.rank) + L".log";
@@ -252,7 +229,7 @@ TEST_F(ParallelConsoleBuf_, blocksPrefixesAndLogs) {
     }
 }
 
-TEST_F(ParallelConsoleBuf_, threadsShareTheBufferWithoutLoss) {
+TEST_F(ParallelConsole, IsSharedByThreadsWithoutLoss) {
     constexpr int THREADS = 4;
     constexpr int LINES = 500;
     MachineTestAccess::playRole(Machine::MASTER_MODE, 2, 0);
@@ -279,7 +256,7 @@ TEST_F(ParallelConsoleBuf_, threadsShareTheBufferWithoutLoss) {
         EXPECT_EQ(std::count(text.begin(), text.end(), 'a' + thread), LINES);
 }
 
-TEST_F(ParallelConsoleBuf_, nothingComesOutOnceTheProcessIsExiting) {
+TEST_F(ParallelConsole, IsSilentOnceTheProcessIsExiting) {
     MachineTestAccess::playRole(Machine::MASTER_MODE, 2, 0);
     const auto printWhileExiting = [this] {
         dup2(STDERR_FILENO, STDOUT_FILENO);
