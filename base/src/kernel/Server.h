@@ -42,6 +42,7 @@ public:
     /// come any more: the place to release the other ranks. startInThread() doesn't call it; there
     /// Controller::processCommands() returns.
     void setServiceEndedCallback(std::function<void()> callback);
+    /// Replaces the defaults of kernel/server/ServerLimits.h. Before the start.
     void setLimits(const ServerLimits& limits);
 
     /// Serves on the calling thread, running each command there; returns when the server has stopped.
