@@ -4,8 +4,8 @@
 
 class Mutex;
 
-/// Keeps the Controller of a serial or master process from working while it lives: for other threads than the
-/// main one. On a worker, which has no such threads, it does nothing. Doesn't nest.
+/// Holds the Controller's lock for a scope, so that no command runs. For threads other than the main thread
+/// of a serial or master process. On a worker, which has no such threads, it does nothing. Doesn't nest.
 class ORVEX_MACHINE_EXPORT CommandAutoLock {
 public:
     CommandAutoLock();

@@ -18,6 +18,7 @@ CommandAutoLock::~CommandAutoLock() {
 }
 
 CommandAutoLock& CommandAutoLock::operator=(const CommandAutoLock& other) {
-    _lock = other._lock;
+    if (this != &other)
+        _lock = other._lock;
     return *this;
 }
