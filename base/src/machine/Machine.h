@@ -2,7 +2,6 @@
 
 #include "kernel/Observer.h"
 #include "kernel/Subject.h"
-#include "machine/CpuBinder.h"
 #include "machine/ExitStatus.h"
 #include "machine/MachineExport.h"
 #include "machine/MachineGround.h"
@@ -29,14 +28,23 @@ class Event;
 class Manager;
 } // namespace Analytics
 
-/// The process: what it owns, how it starts and how it stops. Its role, rank, communicators and locks stand
-/// in MachineGround.
+/// The process of a serial run, or one rank of a job: what a solver asks of it beyond MachineGround, which
+/// tells role, rank, size, communicators, host and locks.
 ///
-/// One instance for each operating-system process.
+/// One instance for each operating-system process. A solver is a module that the server loads; its commands
+/// run on all ranks at the same time:
+///
+///     double sum = computeOnThisRank();
+///     if (Machine::isParallel())
+///         Machine::globalCommunicator().allReduce(sum, Communicator::SUM);
+///     if (Machine::isSerialOrMaster())
+///         std::cout << "total " << sum << " on " << Machine::nProcesses() << " ranks" << std::endl;
 class ORVEX_MACHINE_EXPORT Machine : public MachineGround {
 public:
-    /// What kind of server the modules above make of this process; only stored here.
+    /// Kind of server that the modules above make of this process; only stored here.
     enum ServerType : int { DEFAULT_SERVER_TYPE = 0 };
+    /// Notifies its observers near the end of main(), on the main thread of each rank. The communicators
+    /// still exist then.
     class ORVEX_MACHINE_EXPORT OnExitObservable : public Subject {
     public:
         void attach(OnExitObserver& observer);
@@ -49,52 +57,20 @@ public:
     Machine(const Machine&) = delete;
     Machine& operator=(const Machine&) = delete;
 
-    /// The whole life of the process. Collective over all processes of the job. Main thread.
-    /// @throw std::invalid_argument for what the user typed wrong in the options that all roles share
-    /// @throw InternalError, NonRecoverableError when the message layer can't be started
-    void main(int argc, char** argv);
+    // The end of the process.
 
     OnExitObservable& getOnExitObservable() { return _onExitObservable; }
-
-    static bool isProxyServer() { return _isProxyServer; }
-    static bool isProxySessionDaemon() { return _isProxySessionDaemon; }
-    static const std::wstring& getExecutablePath() { return _executablePath; }
-    static bool bindThreads() { return (_threadBindingAttributes & THREAD_BINDING_OFF) == 0; }
-    static bool enableThreadBindingVerbosity() {
-        return (_threadBindingAttributes & THREAD_BINDING_VERBOSE) != 0;
-    }
-    static int getIOVerbosityLevel() { return static_cast<int>(_iodebug); }
-    static void setIOVerbosityLevel(int level) { _iodebug = static_cast<unsigned>(level); }
-    /// Whether main() looks for other servers on the same cores, and moves away from them. On at first;
-    /// -cpubindcontentiontest sets it. The same on all ranks, before main() gets there.
-    static bool isCpuBindingContentionTestEnabled() { return _cpuBindingContentionTest; }
-    static void enableCpuBindingContentionTest(bool on) { _cpuBindingContentionTest = on; }
-    static ServerType getServerType();
-    static void setServerType(ServerType type);
-    static std::wstring getPassToDesign();
-    static void setPassToDesign(std::wstring text);
-
-    const std::string& getProcessFileName() const { return _processFileName; }
-    const std::wstring& getTemporaryDirectory() const { return _temporaryDirectory; }
-    std::wstring getJobManagerURL() const { return _jobManagerUrl; }
-    int getTaskId() const { return _taskId; }
-    bool isParallelIo() const { return _parallelIo; }
-    /// Stays false in a serial process.
-    void setParallelIo(bool on) { _parallelIo = on && isParallel(); }
-    bool isDesignStudy() const { return _designStudy; }
-    bool isDesignManager() const { return _designManager; }
     const ExitStatus& getExitStatus() const { return _exitStatus; }
+    /// Adds `status` to the exit status of this process. Local.
     void updateExitStatus(const ExitStatus& status);
     /// Takes the whole job down with `status` added to the exit status. Any thread. Doesn't return in a
     /// serial process.
     void abort(const ExitStatus& status);
-    /// abort() with the status of a server error, for whoever can neither go on nor throw.
+    /// abort() with the status of a server error, for code that can neither continue nor throw.
     static void abortFromAnywhere();
-    /// For the program, when main() has thrown: writes `line` on the standard error stream and takes a job
-    /// down with `status`, since other ranks may wait for this one; in a process that isn't, or not yet, a
-    /// rank of a job it only writes. All ranks fail alike as a rule, so a worker speaks only when the master
-    /// hasn't ended the job meanwhile.
-    static void endFailedStart(const ExitStatus& status, const std::string& line);
+
+    // Times. Where ranks are gathered: collective over the global communicator, main thread. `times` gets one
+    // element for each rank [s] on the serial or master process; other ranks leave it alone.
 
     /// The asctime text of the start, with its final newline.
     std::string getStartTime() const { return _startTime; }
@@ -102,33 +78,89 @@ public:
     std::string getTime() const;
     /// [s] since an arbitrary moment: the message layer's clock in a parallel process, else the wall clock.
     double wallTime() const;
-    void registerDefaultRootObject(Serializable* root) { _defaultRootObject = root; }
+    /// Of the run, since the timer was started in main(). Collective.
+    void getElapsedTimes(std::vector<double>& times) const;
+    /// The same in processor time. Collective.
+    void getCpuTimes(std::vector<double>& times) const;
+    /// Switches the timer of the global communicator, and says so on the standard output; nothing in a serial
+    /// process. Local.
+    void enableCommunicationTimer(bool on);
+    bool communicationTimerEnabled() const;
+    /// [s] that this rank has spent in communication while the timer was on; 0 in a serial process.
+    double getTotalCommunicationTime() const;
+    /// The same of all ranks. Collective.
+    void getCommunicationTimes(std::vector<double>& times) const;
 
+    // Standard streams.
+
+    /// @throw InternalError before main() has made it
     StandardStreamManager& getStandardStreamManager();
-    bool isUsageManagerInitialized() const;
-    void logUsageEvent(Analytics::Event& event);
-
-    // The road of the console and the times; collective over the global communicator where a gather is meant.
     /// Lets the workers' standard output reach the console, or silences it again; nothing in a serial
     /// process. Collective when `on`. @throw InputError on all ranks once the master's streams were moved to
     /// files
     void enableSlaveCout(bool on);
     bool slaveCoutEnabled() const;
-    /// Whether each rank keeps what it prints in "partition<rank>.log"; nothing in a serial process.
+    /// Whether each rank keeps its output in "partition<rank>.log"; nothing in a serial process.
     /// Collective. @throw SystemError on all ranks, with no log left on, when one can't open its file
     void enableSlaveCoutLogFile(bool on);
-    void enableCommunicationTimer(bool on);
-    bool communicationTimerEnabled() const;
-    double getTotalCommunicationTime() const;
-    void getCommunicationTimes(std::vector<double>& times) const;
-    void getElapsedTimes(std::vector<double>& times) const;
-    void getCpuTimes(std::vector<double>& times) const;
+
+    // The job.
+
     /// One name for each rank, on the serial or master process; others leave `hosts` alone. Collective.
     void getHostsOnMaster(std::vector<std::string>& hosts) const;
     /// The hosts of the job with their processes, hardware and software, on the serial or master process;
     /// others get the numbers only. Collective.
     void getSystemInformationOnMaster(Properties& result) const;
+    /// Borrowed; main() destroys it under -deleteOnExit.
+    void registerDefaultRootObject(Serializable* root) { _defaultRootObject = root; }
+    bool isUsageManagerInitialized() const;
+    void logUsageEvent(Analytics::Event& event);
 
+    // Options of the command line. Local.
+
+    /// The folder of the program.
+    static const std::wstring& getExecutablePath() { return _ground.executableDirectory; }
+    static bool isProxyServer();
+    static bool isProxySessionDaemon();
+    /// Whether threads are bound: not with -xthreadbindoff.
+    static bool bindThreads();
+    static bool enableThreadBindingVerbosity();
+    /// How much the file operations tell of their work: 0 nothing.
+    static int getIOVerbosityLevel();
+    static void setIOVerbosityLevel(int level);
+    /// Whether main() looks for other servers on the same cores, and moves away from them. On at first;
+    /// -cpubindcontentiontest sets it. The same on all ranks, before main() gets there.
+    static bool isCpuBindingContentionTestEnabled();
+    static void enableCpuBindingContentionTest(bool on);
+    static ServerType getServerType();
+    static void setServerType(ServerType type);
+    static std::wstring getPassToDesign();
+    static void setPassToDesign(std::wstring text);
+    /// Empty when the job writes none, and on workers.
+    const std::string& getProcessFileName() const;
+    /// Set on all ranks once main() has read the options.
+    const std::wstring& getTemporaryDirectory() const;
+    /// Empty without a job manager.
+    std::wstring getJobManagerURL() const;
+    /// -1 without a job manager.
+    int getTaskId() const;
+    bool isParallelIo() const;
+    /// Stays false in a serial process.
+    void setParallelIo(bool on);
+    bool isDesignStudy() const;
+    bool isDesignManager() const;
+
+    // For programs.
+
+    /// The whole life of the process. Collective over all processes of the job. Main thread.
+    /// @throw std::invalid_argument for what the user typed wrong in the options that all roles share
+    /// @throw InternalError, NonRecoverableError when the message layer can't be started
+    void main(int argc, char** argv);
+    /// For the program, when main() has thrown: writes `line` on the standard error stream and takes a job
+    /// down with `status`, since other ranks may wait for this one; in a process that isn't, or not yet, a
+    /// rank of a job it only writes. All ranks fail alike as a rule, so a worker speaks only when the master
+    /// hasn't ended the job meanwhile.
+    static void endFailedStart(const ExitStatus& status, const std::string& line);
     /// Fixes the role and starts the message layer. Collective. Part of main(), public for programs that are
     /// not a server: they call it first and stopCommunicators() last.
     /// @throw std::invalid_argument for a driver that is missing or unknown, or an option without its value
@@ -145,11 +177,6 @@ private:
     /// Option word to the number of command-line words that it uses, filled by the passes over the line.
     using ConsumedOptions = std::map<std::string, unsigned>;
 
-    class CommonOptions;
-
-    static constexpr unsigned THREAD_BINDING_OFF = 1u << 0;
-    static constexpr unsigned THREAD_BINDING_VERBOSE = 1u << 1;
-
     /// Lifts all messaging locks when a signal interrupts the code that holds them.
     class SignalRaisedObserver : public Observer {
     public:
@@ -159,28 +186,24 @@ private:
     Machine();
 
     // The steps of main(), in their order.
+
     /// Prints the answer to --help or --version. @return whether one of them was asked
     bool answerQuestion(int argc, const char* const* argv);
     static std::string helpText();
     static std::vector<CommandLineOption> listStartOptions();
     static std::vector<CommandLineOption> listCommonOptions();
-    static const char* driverModuleName(const std::string& driver);
-    static std::string findDriverModule(int argc, const char* const* argv, ConsumedOptions& consumed);
-    void optionallyPreloadMpi(const char* module, int argc, const char* const* const* argv,
-                              ConsumedOptions& consumed);
     void startMessageLayer(const std::string& module, int& argc, char*** argv);
     void startLauncherWatch();
     /// @param processors  that this process was given at its start
     void startHost(const std::vector<unsigned>& processors);
     void testOverSubscription() const;
-    void parseCommonArgvs(int argc, char** argv, ConsumedOptions& consumed);
-    void setTemporaryDirectory(const std::wstring& directory);
+    static void parseCommonArgvs(int argc, char** argv, ConsumedOptions& consumed);
     void installTerminateHandler();
     void uninstallTerminateHandler();
     void bindProcesses();
     void conformProcessAffinityToMainThreadAffinity();
-    void resolveCpuContention(const ConsumedOptions& consumed) const;
-    void testForCpuBindingCollisions(int verbosity) const;
+    void resolveCpuContention() const;
+    void testForCpuBindingCollisions(unsigned verbosity) const;
     void buildShmemCommunicators();
     /// @param indices  the sockets or NUMA nodes that this process is bound to
     void buildScopeCommunicator(ShmemScope scope, const std::vector<unsigned>& indices);
@@ -189,7 +212,7 @@ private:
     void warnOfMixedVectorization() const;
     void startParallelErrorHandler();
     void startTimer();
-    void scanForDesignFlags(int argc, const char* const* argv);
+    static void scanForDesignFlags(int argc, const char* const* argv);
     void startUsageManager();
     void startConsole();
     void runRole(int argc, char** argv, ConsumedOptions& consumed);
@@ -218,33 +241,13 @@ private:
     static Communicator* releaseCommunicators();
 
     static Machine* _singleton;
-    static bool _threaded;
-    static bool _useInternalBinding;
-    static CpuBindingPolicy _cpuBindingPolicy;
-    static bool _cpuBindingContentionTest;
-    static unsigned _threadBindingAttributes;
-    static unsigned _iodebug;
-    static bool _isProxyServer;
-    static bool _isProxySessionDaemon;
-    static std::wstring _executablePath;
 
     OnExitObservable _onExitObservable;
-    std::string _processFileName;
-    std::wstring _jobManagerUrl;
-    int _taskId = -1;
-    bool _parallelIo = false;
-    bool _debuggerAttach = false;
     std::string _startTime;
-    bool _deleteOnExit = false;
-    std::wstring _temporaryDirectory;
-    bool _usageDisabled = false;
     SignalRaisedObserver _signalRaisedObserver;
-    std::wstring _passToDesign;
     ServerType _serverType = DEFAULT_SERVER_TYPE;
     ExitStatus _exitStatus;
     Serializable* _defaultRootObject = nullptr;
-    bool _designStudy = false;
-    bool _designManager = false;
 
     // Its own, each from a start step to a stop step. The last goes first.
     std::unique_ptr<LauncherWatch> _launcherWatch; ///< in a parallel process

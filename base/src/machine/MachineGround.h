@@ -9,6 +9,7 @@
 
 class Communicator;
 class MachineHost;
+struct MachineOptions;
 
 /// Tells what this process is in its job: its role, rank and size, its communicators and host, and the locks
 /// on message passing. Everything in OrvexMachine stands on it; Machine, on top, derives from it and sets it.
@@ -63,7 +64,9 @@ public:
 
     static const std::string& getExecutableName() { return _ground.executableName; }
     /// Whether the process summary tells the process identifier of each rank.
-    static bool getPrintpids() { return _ground.printsPids; }
+    static bool getPrintpids();
+    /// The options of this process. Their struct isn't installed: Machine's readers tell them to solvers.
+    static const MachineOptions& getOptions() { return _options; }
 
     // Locks, see machine/GroundLocks.h. Local.
 
@@ -94,7 +97,7 @@ protected:
         std::array<Communicator*, NUMBER_SHMEM_SCOPES> sparse{};
         const MachineHost* host = nullptr;
         std::string executableName = {};
-        bool printsPids = false;
+        std::wstring executableDirectory = {};
         bool devErrorChecking = true;
         NodeState nodeState = AWAITING_COMMAND;
         unsigned serialCriticalLock = 0;
@@ -105,6 +108,7 @@ protected:
     static void liftLocks();
 
     static State _ground;
+    static MachineOptions _options;
 
 private:
     static void handleFailedPerformanceCriticalTest(const char* message);

@@ -77,8 +77,10 @@ public:
     int isOverSubscribed() const;
     /// Binds each process of the job on this host by `policy`. Collective over the processes of the host.
     /// @return whether all of them are bound; false at once, with nothing done, on an over-subscribed host
-    /// @throw InternalError for a policy that there isn't
+    /// @throw InternalError for a policy that doesn't exist
     bool bindProcesses(CpuBindingPolicy policy) const;
+    /// The same by the policy of the job: that of the option -cpubind, BANDWIDTH_BINDING without it.
+    bool bindProcesses() const;
     /// The union of the bindings of the job's processes on this host. Collective over them.
     AffinityMask getHostAffinity() const;
 
@@ -91,8 +93,10 @@ public:
     /// Moves the server on this host to cores that no other server holds; looks again after each move and
     /// retries after random pauses, up to 9 s in all. Collective over the processes of the host.
     /// @return whether it found a place
-    /// @throw InternalError for a binding policy that there isn't
+    /// @throw InternalError for a binding policy that doesn't exist
     bool resolveCpuContention(CpuBindingPolicy policy, bool verbose) const;
+    /// The same by the policy of the job: that of the option -cpubind, BANDWIDTH_BINDING without it.
+    bool resolveCpuContention(bool verbose) const;
 
     // Reports. Where one is collective: over the global communicator, on the main thread.
 

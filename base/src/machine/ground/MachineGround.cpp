@@ -1,9 +1,12 @@
 #include "machine/MachineGround.h"
 
+#include "machine/ground/MachineOptions.h"
+
 #include "kernel/OrvexVersion.h"
 #include "kernel/Raise.h"
 
 MachineGround::State MachineGround::_ground;
+MachineOptions MachineGround::_options;
 
 Communicator& MachineGround::globalCommunicator() {
     ORVEX_ASSERT_AS(isParallel(), "isParallel()", "Attempt to access GlobalCommunicator in serial");
@@ -23,6 +26,10 @@ Communicator* MachineGround::hasSparseCommunicator(ShmemScope scope) {
 const MachineHost& MachineGround::getHost() {
     ORVEX_ASSERT_AS(_ground.host, "_host", "Host is not enabled");
     return *_ground.host;
+}
+
+bool MachineGround::getPrintpids() {
+    return _options.printPids;
 }
 
 bool MachineGround::hasDevErrorChecking() {

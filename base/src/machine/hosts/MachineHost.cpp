@@ -6,6 +6,7 @@
 #include "machine/CpuTopology.h"
 #include "machine/GlobalCondition.h"
 #include "machine/MachineGround.h"
+#include "machine/ground/MachineOptions.h"
 
 #include "kernel/Raise.h"
 #include "platform/BatchSystem.h"
@@ -180,6 +181,10 @@ bool MachineHost::bindProcesses(CpuBindingPolicy policy) const {
     if (MachineGround::isParallel())
         getIntraHostComm().allReduce(bound, Communicator::LOGICAL_AND);
     return bound;
+}
+
+bool MachineHost::bindProcesses() const {
+    return bindProcesses(MachineGround::getOptions().bindingPolicy);
 }
 
 AffinityMask MachineHost::getHostAffinity() const {

@@ -7,6 +7,7 @@
 #include "machine/CpuBinder.h"
 #include "machine/CpuTopology.h"
 #include "machine/MachineGround.h"
+#include "machine/ground/MachineOptions.h"
 
 #include "platform/Process.h"
 #include "platform/Time.h"
@@ -194,6 +195,10 @@ bool MachineHost::resolveCpuContention(CpuBindingPolicy policy, bool verbose) co
         }
     }
     return false;
+}
+
+bool MachineHost::resolveCpuContention(bool verbose) const {
+    return resolveCpuContention(MachineGround::getOptions().bindingPolicy, verbose);
 }
 
 MachineHost::MoveResult MachineHost::moveAway(CpuBindingPolicy policy,

@@ -6,6 +6,7 @@
 #include "machine/StandardStreamManager.h"
 #include "machine/Timer.h"
 #include "machine/files/ParallelConsoleBuf.h"
+#include "machine/ground/MachineOptions.h"
 
 #include "kernel/AnalyticsEvent.h"
 #include "kernel/AnalyticsManager.h"
@@ -19,15 +20,6 @@
 #include <utility>
 
 Machine* Machine::_singleton = nullptr;
-bool Machine::_threaded = true;
-bool Machine::_useInternalBinding = true;
-CpuBindingPolicy Machine::_cpuBindingPolicy = BANDWIDTH_BINDING;
-bool Machine::_cpuBindingContentionTest = true;
-unsigned Machine::_threadBindingAttributes = 0;
-unsigned Machine::_iodebug = 0;
-bool Machine::_isProxyServer = false;
-bool Machine::_isProxySessionDaemon = false;
-std::wstring Machine::_executablePath;
 
 void Machine::OnExitObservable::attach(OnExitObserver& observer) {
     Subject::attach(observer);
@@ -67,11 +59,75 @@ void Machine::setServerType(ServerType type) {
 }
 
 std::wstring Machine::getPassToDesign() {
-    return getSingleton()._passToDesign;
+    return _options.passToDesign;
 }
 
 void Machine::setPassToDesign(std::wstring text) {
-    getSingleton()._passToDesign = std::move(text);
+    _options.passToDesign = std::move(text);
+}
+
+bool Machine::isProxyServer() {
+    return _options.proxyServer;
+}
+
+bool Machine::isProxySessionDaemon() {
+    return _options.proxySessionDaemon;
+}
+
+bool Machine::bindThreads() {
+    return _options.threadBinding;
+}
+
+bool Machine::enableThreadBindingVerbosity() {
+    return _options.threadBindingVerbose;
+}
+
+int Machine::getIOVerbosityLevel() {
+    return _options.ioVerbosity;
+}
+
+void Machine::setIOVerbosityLevel(int level) {
+    _options.ioVerbosity = level;
+}
+
+bool Machine::isCpuBindingContentionTestEnabled() {
+    return _options.bindingContentionTest;
+}
+
+void Machine::enableCpuBindingContentionTest(bool on) {
+    _options.bindingContentionTest = on;
+}
+
+const std::string& Machine::getProcessFileName() const {
+    return _options.processFileName;
+}
+
+const std::wstring& Machine::getTemporaryDirectory() const {
+    return _options.temporaryDirectory;
+}
+
+std::wstring Machine::getJobManagerURL() const {
+    return _options.jobManagerUrl;
+}
+
+int Machine::getTaskId() const {
+    return _options.taskId;
+}
+
+bool Machine::isParallelIo() const {
+    return _options.parallelIo;
+}
+
+void Machine::setParallelIo(bool on) {
+    _options.parallelIo = on && isParallel();
+}
+
+bool Machine::isDesignStudy() const {
+    return _options.designStudy;
+}
+
+bool Machine::isDesignManager() const {
+    return _options.designManager;
 }
 
 std::string Machine::getTime() const {

@@ -9,6 +9,7 @@
 #include "machine/GlobalCondition.h"
 #include "machine/MachineHost.h"
 #include "machine/MpiCore.h"
+#include "machine/ground/MachineOptions.h"
 
 #include "platform/Thread.h"
 
@@ -53,10 +54,10 @@ void Machine::testOverSubscription() const {
 }
 
 void Machine::bindProcesses() {
-    if (!_useInternalBinding)
+    if (!_options.internalBinding)
         conformProcessAffinityToMainThreadAffinity();
-    else if (!getHost().bindProcesses(_cpuBindingPolicy))
-        // What else it means that the host is over-subscribed, startHost() told; a refusal ends no run.
+    else if (!getHost().bindProcesses())
+        // startHost() has told of an over-subscribed host; a refusal ends no run.
         static_cast<void>(Affinity::clearProcessAffinity(getHost().getCpuTopology()));
 }
 
@@ -70,20 +71,16 @@ void Machine::conformProcessAffinityToMainThreadAffinity() {
         std::cerr << "Unable to apply the main thread affinity to the owning process." << std::endl;
 }
 
-void Machine::resolveCpuContention(const ConsumedOptions& consumed) const {
-    const bool isExtended = consumed.contains("-cpubindextendedverbosity");
-    if (!isExtended && !consumed.contains("-cpubindverbose")) {
-        testForCpuBindingCollisions(0);
-        return;
-    }
-    testForCpuBindingCollisions(isExtended ? 2 : 1);
-    getHost().printProcessAffinitySummary(true, false, false, true);
+void Machine::resolveCpuContention() const {
+    testForCpuBindingCollisions(_options.bindingVerbosity);
+    if (_options.bindingVerbosity > 0)
+        getHost().printProcessAffinitySummary(true, false, false, true);
 }
 
-void Machine::testForCpuBindingCollisions(int verbosity) const {
+void Machine::testForCpuBindingCollisions(unsigned verbosity) const {
     if (isParallel() && MpiCore::disableCpuBindingCollisionTest())
         return;
-    if (!_cpuBindingContentionTest)
+    if (!_options.bindingContentionTest)
         return;
     const bool verbose = verbosity > 0;
     const bool isTeller = isSerialOrMaster();
@@ -97,7 +94,7 @@ void Machine::testForCpuBindingCollisions(int verbosity) const {
                   << " Attempting to resolve CPU contention on " << (hosts < 2 ? "that " : "those ") << "host"
                   << end << std::endl;
     }
-    const bool unresolved = contention && !getHost().resolveCpuContention(_cpuBindingPolicy, verbose);
+    const bool unresolved = contention && !getHost().resolveCpuContention(verbose);
     if (!GlobalCondition(unresolved, GlobalCondition::ON_ANY)) {
         if (verbose && isTeller)
             std::cout << "CPU contention on all processes has been resolved." << std::endl;

@@ -2,11 +2,13 @@
 
 #include "machine/Machine.h"
 
+#include "machine/CpuBinder.h"
 #include "machine/MpiCore.h"
 #include "machine/ParameterInitialValues.h"
 #include "machine/RemoteShellFactory.h"
 #include "machine/SynchronizedDynamicLoader.h"
 #include "machine/ground/CommandLine.h"
+#include "machine/ground/MachineOptions.h"
 #include "machine/start/StopLimit.h"
 
 #include "kernel/FpeAgnosticMode.h"
@@ -18,6 +20,7 @@
 #include "platform/StringHelper.h"
 #include "platform/System.h"
 
+#include <algorithm>
 #include <iostream>
 #include <stdexcept>
 #include <utility>
@@ -33,12 +36,11 @@ void sayOnce(const char* text) {
         std::cout << text << std::endl;
 }
 
-} // namespace
-
-/// One walk over the line. What options do to each other, they do in the order of the line.
-class Machine::CommonOptions {
+/// One walk over the line, which fills `options`. An option that changes another one does so in the order of
+/// the line.
+class CommonOptions {
 public:
-    CommonOptions(Machine& machine, CommandLine line) : _machine(machine), _line(std::move(line)) {}
+    CommonOptions(MachineOptions& options, CommandLine line) : _options(options), _line(std::move(line)) {}
 
     void parse() {
         while (_line.next())
@@ -66,25 +68,28 @@ private:
     void settleJobManager();
 
     void ignore() {}
-    void deleteOnExit() { _machine._deleteOnExit = true; }
-    void disableUsage() { _machine._usageDisabled = true; }
+    void deleteOnExit() { _options.deleteOnExit = true; }
+    void disableUsage() { _options.usageDisabled = true; }
     void disableFpeRegisterChecking();
     void enableFpeSignals();
-    void disableThreads() { _threaded = false; }
+    void disableThreads() { _options.threaded = false; }
     void loadModule() { SynchronizedDynamicLoader::getSingleton().load(value()); }
     void setMpiVersion();
     void setMpiDistribution();
     void addParameter();
-    void enableParallelIo() { _machine.setParallelIo(true); }
+    void enableParallelIo() { _options.parallelIo = Machine::isParallel(); }
     void setRemoteShell();
-    void setTemporaryDirectory() { _machine.setTemporaryDirectory(wideDecoded(value())); }
-    void setIoDebug() { setIOVerbosityLevel(CommandLine::toInt(value())); }
+    void takeTemporaryDirectory() { setTemporaryDirectory(wideDecoded(value())); }
+    void setTemporaryDirectory(const std::wstring& directory);
+    void setIoDebug() { _options.ioVerbosity = CommandLine::toInt(value()); }
     void setCpuBinding();
+    void reportBinding() { _options.bindingVerbosity = std::max(_options.bindingVerbosity, 1u); }
+    void reportContention() { _options.bindingVerbosity = 2; }
     void setContentionTest();
-    void disableDevErrors() { setDevErrorChecking(false); }
-    void disableThreadBinding() { _threadBindingAttributes |= THREAD_BINDING_OFF; }
-    void enableThreadBindingReport() { _threadBindingAttributes |= THREAD_BINDING_VERBOSE; }
-    void enablePidPrinting() { _ground.printsPids = true; }
+    void disableDevErrors() { Machine::setDevErrorChecking(false); }
+    void disableThreadBinding() { _options.threadBinding = false; }
+    void enableThreadBindingReport() { _options.threadBindingVerbose = true; }
+    void enablePidPrinting() { _options.printPids = true; }
     void setJobManagerUrl() { _jobManagerUrl = StringHelper::toWString(value()); }
     void setStopLimit();
     void setTaskId() { _taskId = CommandLine::toInt(value()); }
@@ -93,13 +98,13 @@ private:
     }
     void setGraphics();
 
-    Machine& _machine;
+    MachineOptions& _options;
     CommandLine _line;
     std::wstring _jobManagerUrl;
     int _taskId = 0;
 };
 
-const Machine::CommonOptions::Row Machine::CommonOptions::ROWS[] = {
+const CommonOptions::Row CommonOptions::ROWS[] = {
     {{"-module", "NAME", "loads a module on all ranks or on none: a path, or a name beside the program"},
      &CommonOptions::loadModule},
     {{"-nothreads", "", "no server thread: clients are served between commands"},
@@ -107,15 +112,16 @@ const Machine::CommonOptions::Row Machine::CommonOptions::ROWS[] = {
     {{"-cpubind", "WORD", "where processes run: bandwidth (the default), latency, leastload, disable"},
      &CommonOptions::setCpuBinding},
     {{"-cpubindverbose", "", "tells how it got out of the way of other servers, and where each rank runs"},
-     &CommonOptions::ignore}, // main() looks for these two in the record
-    {{"-cpubindextendedverbosity", "", "the same, and what it found on each host"}, &CommonOptions::ignore},
+     &CommonOptions::reportBinding},
+    {{"-cpubindextendedverbosity", "", "the same, and what it found on each host"},
+     &CommonOptions::reportContention},
     {{"-cpubindcontentiontest", "WORD", "enable or disable: whether it looks for other servers"},
      &CommonOptions::setContentionTest},
     {{"-xthreadbindoff", "", "threads aren't bound"}, &CommonOptions::disableThreadBinding},
     {{"-xthreadbindverbose", "", "tells how threads are bound"}, &CommonOptions::enableThreadBindingReport},
     {{"-printpids", "", "tells the process identifier of each rank at the start"},
      &CommonOptions::enablePidPrinting},
-    {{"-tmpdir", "PATH", "folder for temporary files"}, &CommonOptions::setTemporaryDirectory},
+    {{"-tmpdir", "PATH", "folder for temporary files"}, &CommonOptions::takeTemporaryDirectory},
     {{"-pio", "", "files are read and written by all ranks together"}, &CommonOptions::enableParallelIo},
     {{"-iodebug", "N", "how much is told about input and output"}, &CommonOptions::setIoDebug},
     {{"-fpe", "", "floating-point faults raise at once"}, &CommonOptions::enableFpeSignals},
@@ -145,28 +151,28 @@ const Machine::CommonOptions::Row Machine::CommonOptions::ROWS[] = {
     {{"-mpidriver", "NAME", ""}, &CommonOptions::ignore, "Missing -mpi arg"},
 };
 
-std::vector<CommandLineOption> Machine::CommonOptions::list() {
+std::vector<CommandLineOption> CommonOptions::list() {
     std::vector<CommandLineOption> options;
     for (const Row& row : ROWS)
         options.push_back(row.option);
     return options;
 }
 
-const Machine::CommonOptions::Row* Machine::CommonOptions::findRow() const {
+const CommonOptions::Row* CommonOptions::findRow() const {
     for (const Row& row : ROWS)
         if (_line.isAt(row.option))
             return &row;
     return nullptr;
 }
 
-void Machine::CommonOptions::take(const Row& row) {
+void CommonOptions::take(const Row& row) {
     if (!_line.hasValues(row.option))
         throw std::invalid_argument(row.missingValue ? row.missingValue : "Missing " + _line.word() + " arg");
     (this->*row.apply)();
     _line.consume(row.option);
 }
 
-void Machine::CommonOptions::disableFpeRegisterChecking() {
+void CommonOptions::disableFpeRegisterChecking() {
     if (!OrvexVersion::isDevelopmentVersion() || FpeAgnosticMode::isActive())
         return;
     sayOnce("****************************************\n"
@@ -180,7 +186,7 @@ void Machine::CommonOptions::disableFpeRegisterChecking() {
     FpeAgnosticMode::activate();
 }
 
-void Machine::CommonOptions::enableFpeSignals() {
+void CommonOptions::enableFpeSignals() {
     if (FpeAgnosticMode::isActive()) {
         sayOnce("NOTE: The '-fpe' flag has no effect when '-xdisable-fpe-register-checking' is enabled.");
         return;
@@ -189,73 +195,87 @@ void Machine::CommonOptions::enableFpeSignals() {
     SignalHandler::setCatchFpeSignals(true);
 }
 
-void Machine::CommonOptions::setMpiVersion() {
-    if (isParallel())
+void CommonOptions::setMpiVersion() {
+    if (Machine::isParallel())
         MpiCore::setMpiVersionName(value());
 }
 
-void Machine::CommonOptions::setMpiDistribution() {
-    if (isParallel())
+void CommonOptions::setMpiDistribution() {
+    if (Machine::isParallel())
         MpiCore::setDistribName(value());
 }
 
-void Machine::CommonOptions::addParameter() {
+void CommonOptions::addParameter() {
     ParameterInitialValues::getSingleton().addParameterArg(StringHelper::toString(_line.decodedValue(1)),
                                                            StringHelper::toString(_line.decodedValue(2)));
 }
 
-void Machine::CommonOptions::setRemoteShell() {
+void CommonOptions::setRemoteShell() {
     RemoteShellFactory::getSingleton().setDefaultRemoteProcessLauncher(wideDecoded(value()));
 }
 
-void Machine::CommonOptions::setCpuBinding() {
+void CommonOptions::setCpuBinding() {
     if (value() == "bandwidth")
-        _cpuBindingPolicy = BANDWIDTH_BINDING;
+        _options.bindingPolicy = BANDWIDTH_BINDING;
     else if (value() == "latency")
-        _cpuBindingPolicy = LATENCY_BINDING;
+        _options.bindingPolicy = LATENCY_BINDING;
     else if (value() == "leastload")
-        _cpuBindingPolicy = LEAST_LOAD_BINDING;
+        _options.bindingPolicy = LEAST_LOAD_BINDING;
     else if (value() == "disable")
-        _useInternalBinding = false;
+        _options.internalBinding = false;
     else
         throw std::invalid_argument(
             "-cpubind argument must be latency/leastload/disable (don't specify anything "
             "for bandwidth)");
 }
 
-void Machine::CommonOptions::setContentionTest() {
+void CommonOptions::setContentionTest() {
     if (value() != "enable" && value() != "disable")
         throw std::invalid_argument("-cpubindcontentiontest argument must either be enabled/disable");
-    _cpuBindingContentionTest = value() == "enable";
+    _options.bindingContentionTest = value() == "enable";
 }
 
-void Machine::CommonOptions::setStopLimit() {
+void CommonOptions::setStopLimit() {
     const std::string text = value();
     if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos)
         throw std::invalid_argument("-stoplimit needs a number of seconds");
     StopLimit::set(CommandLine::toInt(text));
 }
 
-void Machine::CommonOptions::setGraphics() {
+void CommonOptions::setGraphics() {
     const std::string error = RendererConfig::getSingleton().setGraphics(StringHelper::toWString(value()));
     ORVEX_ASSERT(error.empty(), "RendererConfig error: " + error);
 }
 
-void Machine::CommonOptions::settleTemporaryDirectory() {
-    if (_machine._temporaryDirectory.empty())
-        _machine.setTemporaryDirectory(Platform::filesystem().getDefaultTemporaryDirectory());
+void CommonOptions::settleTemporaryDirectory() {
+    if (_options.temporaryDirectory.empty())
+        setTemporaryDirectory(Platform::filesystem().getDefaultTemporaryDirectory());
 }
 
-void Machine::CommonOptions::settleJobManager() {
+void CommonOptions::settleJobManager() {
     const bool hasUrl = !_jobManagerUrl.empty();
     const bool hasTask = _taskId != 0;
     if (hasUrl != hasTask)
         throw std::invalid_argument("The options -jobmanagerurl and -taskid must both be specified");
     if (hasUrl) {
-        _machine._jobManagerUrl = _jobManagerUrl;
-        _machine._taskId = _taskId;
+        _options.jobManagerUrl = _jobManagerUrl;
+        _options.taskId = _taskId;
     }
 }
+
+void CommonOptions::setTemporaryDirectory(const std::wstring& directory) {
+    auto& files = Platform::filesystem();
+    std::wstring& chosen = _options.temporaryDirectory;
+    chosen.clear();
+    if (files.isDirectory(directory) || (!files.exists(directory) && files.makeDirectories(directory)))
+        chosen = directory;
+    if (chosen.empty())
+        chosen = files.getDefaultTemporaryDirectory();
+    if (chosen.empty())
+        chosen = files.getCurrentDirectory();
+}
+
+} // namespace
 
 std::vector<CommandLineOption> Machine::listCommonOptions() {
     return CommonOptions::list();
@@ -264,19 +284,9 @@ std::vector<CommandLineOption> Machine::listCommonOptions() {
 void Machine::parseCommonArgvs(int argc, char** argv, ConsumedOptions& consumed) {
     const std::wstring path = Platform::system().getExecutablePath();
     const std::size_t separator = path.rfind(L'/');
-    _executablePath = separator == std::wstring::npos ? std::wstring() : path.substr(0, separator);
+    _ground.executableDirectory =
+        separator == std::wstring::npos ? std::wstring() : path.substr(0, separator);
     _ground.executableName =
         StringHelper::toString(path.substr(separator == std::wstring::npos ? 0 : separator + 1));
-    CommonOptions(*this, CommandLine(argc, argv, consumed)).parse();
-}
-
-void Machine::setTemporaryDirectory(const std::wstring& directory) {
-    auto& files = Platform::filesystem();
-    _temporaryDirectory.clear();
-    if (files.isDirectory(directory) || (!files.exists(directory) && files.makeDirectories(directory)))
-        _temporaryDirectory = directory;
-    if (_temporaryDirectory.empty())
-        _temporaryDirectory = files.getDefaultTemporaryDirectory();
-    if (_temporaryDirectory.empty())
-        _temporaryDirectory = files.getCurrentDirectory();
+    CommonOptions(_options, CommandLine(argc, argv, consumed)).parse();
 }

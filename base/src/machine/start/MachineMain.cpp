@@ -9,6 +9,7 @@
 #include "machine/Timer.h"
 #include "machine/commands/MachineCommands.h"
 #include "machine/files/ParallelConsoleBuf.h"
+#include "machine/ground/MachineOptions.h"
 #include "machine/start/LastWords.h"
 #include "machine/start/StopLimit.h"
 #include "machine/start/StopSignals.h"
@@ -69,7 +70,7 @@ void Machine::main(int argc, char** argv) {
     auto consumed = std::make_unique<ConsumedOptions>();
     startCommunicators(argc, &argv, *consumed);
     parseCommonArgvs(argc, argv, *consumed);
-    if (_isProxyServer || _isProxySessionDaemon)
+    if (_options.proxyServer || _options.proxySessionDaemon)
         throw std::invalid_argument(
             "This version can't run as a proxy: -proxyserver and -proxydaemon are unknown");
     installTerminateHandler();
@@ -78,7 +79,7 @@ void Machine::main(int argc, char** argv) {
     LastWords::install();
     StopSignals::install();
     bindProcesses();
-    resolveCpuContention(*consumed);
+    resolveCpuContention();
     if (isParallel()) {
         buildShmemCommunicators();
         warnOfMixedVectorization();
@@ -101,7 +102,7 @@ void Machine::main(int argc, char** argv) {
     StopLimit::enter("the observers of the exit");
     _onExitObservable.notify();
     stopUsageManager();
-    if (_deleteOnExit)
+    if (_options.deleteOnExit)
         deleteOnExit();
     stopTimer();
     StopLimit::enter("the end of the message layer");
@@ -127,12 +128,8 @@ void Machine::warnOfMixedVectorization() const {
 }
 
 void Machine::startParallelErrorHandler() {
-    if (!isParallel())
-        return;
-    _ground.nodeState = HANDLING_ERROR;
-    if (!_threaded)
+    if (isParallel() && !_options.threaded)
         std::cout << "All internal errors will be treated as fatal" << std::endl;
-    _ground.nodeState = AWAITING_COMMAND;
 }
 
 void Machine::startTimer() {
@@ -144,9 +141,9 @@ void Machine::startTimer() {
 void Machine::scanForDesignFlags(int argc, const char* const* argv) {
     for (int i = 1; i < argc; ++i) {
         const std::string_view word = argv[i] ? argv[i] : "";
-        _designManager = word == "-dmproject";
-        _designStudy = word == "-encoded-dmrunfile";
-        if (_designManager || _designStudy)
+        _options.designManager = word == "-dmproject";
+        _options.designStudy = word == "-encoded-dmrunfile";
+        if (_options.designManager || _options.designStudy)
             return; // the first one decides
     }
 }

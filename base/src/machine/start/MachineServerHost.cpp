@@ -9,6 +9,7 @@
 #include "machine/StandardStreamManager.h"
 #include "machine/files/ParallelConsoleBuf.h"
 #include "machine/files/StateFileUtilities.h"
+#include "machine/ground/MachineOptions.h"
 #include "machine/start/ServerHostOptions.h"
 #include "machine/start/StopLimit.h"
 #include "machine/start/StopSignals.h"
@@ -37,7 +38,7 @@
 void Machine::startServerHost(int argc, char** argv, ConsumedOptions& consumed) {
     ServerHostOptions options;
     try {
-        options = ServerHostOptions::parse(argc, argv, consumed, isParallel(), _designManager);
+        options = ServerHostOptions::parse(argc, argv, consumed, isParallel(), _options.designManager);
     } catch (const ServerHostOptions::Refusal& refusal) {
         std::cerr << refusal.what() << std::endl;
         if (refusal.getKind() == ServerHostOptions::Refusal::INVALID_NUMBER)
@@ -45,9 +46,9 @@ void Machine::startServerHost(int argc, char** argv, ConsumedOptions& consumed) 
         updateExitStatus(ExitStatus(ExitStatus::INVALID_SERVER_ARGUMENT));
         leave(_exitStatus);
     }
-    _processFileName = options.processFileName;
-    _debuggerAttach = options.attachDebugger;
-    _passToDesign = options.passToDesign;
+    _options.processFileName = options.processFileName;
+    _options.attachDebugger = options.attachDebugger;
+    _options.passToDesign = options.passToDesign;
 
     std::wstring& name = options.sessionName;
     auto& files = Platform::filesystem();
@@ -91,14 +92,14 @@ void Machine::serve(const ServerHostOptions& options) {
                              : options.collaborate ? Server::COLLABORATIVE
                                                    : Server::SINGLE_CONNECTION);
     server.enableOutputToClients(options.outputToClients);
-    server.enableSessionLocator(options.sessionLocator && _threaded);
+    server.enableSessionLocator(options.sessionLocator && _options.threaded);
     server.setAbortCallback(&Machine::abortFromAnywhere);
     server.setClientAddress(options.clientAddress);
     if (options.portRange != ServerHostOptions::NO_PORT_RANGE)
         server.setPortRange(options.portRange);
 
     StopSignals::setServing(true);
-    if (_threaded) {
+    if (_options.threaded) {
         if (!options.proxyHost.empty())
             raise(NonRecoverableError("This version can't start a proxy server on " + options.proxyHost));
         server.startInThread(options.sessionName, options.port);
@@ -122,21 +123,21 @@ void Machine::writeProcessFile() const {
     std::vector<unsigned> pids;
     const auto pid = static_cast<unsigned>(Platform::process().getPid());
     if (isParallel()) {
-        globalCommunicator().broadcast(_threaded, Communicator::masterRank());
+        globalCommunicator().broadcast(_options.threaded, Communicator::masterRank());
         globalCommunicator().gather(pid, pids, Communicator::masterRank());
     } else {
         pids.push_back(pid);
     }
     getHostsOnMaster(hosts);
-    if (!isSerialOrMaster() || _processFileName.empty())
+    if (!isSerialOrMaster() || _options.processFileName.empty())
         return;
 
     std::ofstream file;
-    if (Platform::filesystem().canBeWritten(Platform::filesystem().fromSystem(_processFileName)))
-        file.open(_processFileName, std::ios::trunc);
+    if (Platform::filesystem().canBeWritten(Platform::filesystem().fromSystem(_options.processFileName)))
+        file.open(_options.processFileName, std::ios::trunc);
     if (!file.is_open()) {
         const int error = errno;
-        std::cout << "Warning : could not open process file : " << _processFileName << '\n'
+        std::cout << "Warning : could not open process file : " << _options.processFileName << '\n'
                   << std::strerror(error) << " (error " << error << ")" << std::endl;
         return;
     }
@@ -144,7 +145,7 @@ void Machine::writeProcessFile() const {
         const std::size_t rank = i % hosts.size(); // the master comes last
         file << hosts[rank] << ':' << pids[rank] << '\n';
     }
-    if (!_debuggerAttach)
+    if (!_options.attachDebugger)
         return;
     std::string command = "dattach " + _ground.executableName + ' ';
     for (const unsigned each : pids)
@@ -187,7 +188,7 @@ void Machine::startConsole() {
     } else {
         std::cout << "Serial process " << Platform::process().getPid() << std::endl;
     }
-    _standardStreamManager = std::make_unique<StandardStreamManager>(_temporaryDirectory, false);
+    _standardStreamManager = std::make_unique<StandardStreamManager>(_options.temporaryDirectory, false);
     if (!isSerialOrMaster()) {
         _standardStreamManager->redirectToNullDevice();
         return;
@@ -199,20 +200,20 @@ void Machine::startConsole() {
 }
 
 void Machine::startUsageManager() {
-    const bool active = !_usageDisabled && isSerialOrMaster();
+    const bool active = !_options.usageDisabled && isSerialOrMaster();
     const int consent = SiteSettings::getSingleton().getInt("UsageImprovementProgram", 0);
     _usageManager.reset(UsageAgent::createAnalyticsManager(
-        _designManager ? "ORVEXSIM.DESIGNMANAGER" : "ORVEXSIM.SERVER", OrvexVersion::_releaseNumber, active,
-        consent, OrvexVersion::isDevelopmentVersion()));
+        _options.designManager ? "ORVEXSIM.DESIGNMANAGER" : "ORVEXSIM.SERVER", OrvexVersion::_releaseNumber,
+        active, consent, OrvexVersion::isDevelopmentVersion()));
 
     Analytics::Event event("COMMAND_LINE_PARAMETERS");
     event.addAttribute("Machine Configuration", OrvexVersion::_machineConfig);
     event.addAttribute("Chip", Platform::chip().getDescription());
-    if (!_designManager) {
+    if (!_options.designManager) {
         event.addAttribute(
             "MPI", isParallel() ? MpiCore::getDistribName() + ' ' + MpiCore::getMpiVersionName() : "");
         event.addAttribute("np", _ground.size);
-        event.addAttribute("mode", _designStudy ? "Design Study" : "");
+        event.addAttribute("mode", _options.designStudy ? "Design Study" : "");
     }
     logUsageEvent(event);
 }

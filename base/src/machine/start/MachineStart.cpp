@@ -6,6 +6,7 @@
 #include "machine/MachineHost.h"
 #include "machine/MpiCore.h"
 #include "machine/ground/CommandLine.h"
+#include "machine/ground/MachineOptions.h"
 #include "machine/start/LastWords.h"
 
 #include "kernel/IsolatedFpuContext.h"
@@ -62,16 +63,7 @@ const StartRow* findStartRow(std::string_view word) {
     return found == std::end(START_ROWS) ? nullptr : found;
 }
 
-} // namespace
-
-std::vector<CommandLineOption> Machine::listStartOptions() {
-    std::vector<CommandLineOption> options;
-    for (const StartRow& row : START_ROWS)
-        options.push_back(row.option);
-    return options;
-}
-
-const char* Machine::driverModuleName(const std::string& driver) {
+const char* driverModuleName(const std::string& driver) {
     struct Row {
         const char* driver;
         const char* module;
@@ -87,31 +79,7 @@ const char* Machine::driverModuleName(const std::string& driver) {
     throw std::invalid_argument("Unknown MPI driver: " + driver);
 }
 
-void Machine::startCommunicators(int& argc, char*** argv, ConsumedOptions& consumed) {
-    // Now: message layers bind a process at their start.
-    const std::vector<unsigned> processors = Platform::process().getProcessors();
-    bool serial = false;
-    for (int i = 0; i < argc; ++i) {
-        const StartRow* const row = findStartRow(wordAt(*argv, i));
-        if (!row || row->kind == StartKind::DRIVER || row->kind == StartKind::PRELOAD)
-            continue;
-        serial = true;
-        consumed[std::string(row->option.word)] = 1;
-        _isProxyServer = _isProxyServer || row->kind == StartKind::PROXY_SERVER;
-        _isProxySessionDaemon = _isProxySessionDaemon || row->kind == StartKind::PROXY_DAEMON;
-    }
-    if (serial) {
-        _ground.mode = SERIAL_MODE;
-    } else {
-        const std::string module = findDriverModule(argc, *argv, consumed);
-        optionallyPreloadMpi(module.c_str(), argc, argv, consumed);
-        startMessageLayer(module, argc, argv);
-    }
-    startHost(processors);
-    OrvexVersion::_machineConfig = isParallel() ? "Np=" + std::to_string(_ground.size) : "Serial";
-}
-
-std::string Machine::findDriverModule(int argc, const char* const* argv, ConsumedOptions& consumed) {
+std::string findDriverModule(int argc, const char* const* argv, CommandLine::Consumed& consumed) {
     std::string module;
     for (int i = 0; i < argc; ++i) {
         const StartRow* const row = findStartRow(wordAt(argv, i));
@@ -127,8 +95,8 @@ std::string Machine::findDriverModule(int argc, const char* const* argv, Consume
     return module;
 }
 
-void Machine::optionallyPreloadMpi(const char* module, int argc, const char* const* const* argv,
-                                   ConsumedOptions& consumed) {
+void preloadMpi(const char* module, int argc, const char* const* const* argv,
+                CommandLine::Consumed& consumed) {
     if (std::string_view(module) != "OrvexMsMpi")
         return;
     const char* msMpiDll = nullptr;
@@ -153,6 +121,39 @@ void Machine::optionallyPreloadMpi(const char* module, int argc, const char* con
     if (!loaded.handle)
         std::cerr << "Warning: Could not load internal msmpi.dll, simulation might abort (msmpi.dll: "
                   << msMpiDll << ", error: " << loaded.error << ")." << std::endl;
+}
+
+} // namespace
+
+std::vector<CommandLineOption> Machine::listStartOptions() {
+    std::vector<CommandLineOption> options;
+    for (const StartRow& row : START_ROWS)
+        options.push_back(row.option);
+    return options;
+}
+
+void Machine::startCommunicators(int& argc, char*** argv, ConsumedOptions& consumed) {
+    // Now: message layers bind a process at their start.
+    const std::vector<unsigned> processors = Platform::process().getProcessors();
+    bool serial = false;
+    for (int i = 0; i < argc; ++i) {
+        const StartRow* const row = findStartRow(wordAt(*argv, i));
+        if (!row || row->kind == StartKind::DRIVER || row->kind == StartKind::PRELOAD)
+            continue;
+        serial = true;
+        consumed[std::string(row->option.word)] = 1;
+        _options.proxyServer = _options.proxyServer || row->kind == StartKind::PROXY_SERVER;
+        _options.proxySessionDaemon = _options.proxySessionDaemon || row->kind == StartKind::PROXY_DAEMON;
+    }
+    if (serial) {
+        _ground.mode = SERIAL_MODE;
+    } else {
+        const std::string module = findDriverModule(argc, *argv, consumed);
+        preloadMpi(module.c_str(), argc, argv, consumed);
+        startMessageLayer(module, argc, argv);
+    }
+    startHost(processors);
+    OrvexVersion::_machineConfig = isParallel() ? "Np=" + std::to_string(_ground.size) : "Serial";
 }
 
 void Machine::startMessageLayer(const std::string& module, int& argc, char*** argv) {

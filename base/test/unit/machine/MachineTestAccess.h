@@ -6,6 +6,7 @@
 #include "machine/MachineHost.h"
 #include "machine/ParameterInitialValues.h"
 #include "machine/ground/CommandLine.h"
+#include "machine/ground/MachineOptions.h"
 #include "machine/start/ServerHostOptions.h"
 
 #include "kernel/FpeAgnosticMode.h"
@@ -23,14 +24,7 @@ public:
     static void startAfresh() {
         delete Machine::_singleton;
         Machine::_ground = {};
-        Machine::_threaded = true;
-        Machine::_useInternalBinding = true;
-        Machine::_cpuBindingPolicy = BANDWIDTH_BINDING;
-        Machine::_cpuBindingContentionTest = true;
-        Machine::_threadBindingAttributes = 0;
-        Machine::_iodebug = 0;
-        Machine::_isProxyServer = false;
-        Machine::_isProxySessionDaemon = false;
+        Machine::_options = {};
         ParameterInitialValues::reset();
         FpeAgnosticMode::deactivate();
         SignalHandler::setCatchFpeSignals(false);
@@ -42,8 +36,7 @@ public:
         Machine::_ground.rank = rank;
     }
 
-    static unsigned getSerialCriticalLock() { return Machine::_ground.serialCriticalLock; }
-    static void setPrintpids(bool on) { Machine::_ground.printsPids = on; }
+    static MachineOptions& options() { return Machine::_options; }
     static void setExecutableName(const std::string& name) { Machine::_ground.executableName = name; }
     /// As the Controller does it when a signal interrupts the code.
     static void tellSignalRaised() {
@@ -52,18 +45,7 @@ public:
     }
     static AssertNoFpeAccessKey assertNoFpeKey() { return {}; }
 
-    static bool isThreaded() { return Machine::_threaded; }
-    static bool usesInternalBinding() { return Machine::_useInternalBinding; }
-    static CpuBindingPolicy getCpuBindingPolicy() { return Machine::_cpuBindingPolicy; }
-    static bool deletesOnExit() { return Machine::getSingleton()._deleteOnExit; }
-    static bool isUsageDisabled() { return Machine::getSingleton()._usageDisabled; }
     static bool getDevErrorChecking() { return Machine::_ground.devErrorChecking; }
-    static const char* driverModuleName(const std::string& driver) {
-        return Machine::driverModuleName(driver);
-    }
-    static void setProcessFileName(const std::string& name) {
-        Machine::getSingleton()._processFileName = name;
-    }
 
     /// The steps of main(). The words stand behind the program's name.
     static void startCommunicators(std::vector<std::string> words, CommandLine::Consumed& consumed) {
@@ -72,11 +54,11 @@ public:
     }
     static void parseCommonArgvs(std::vector<std::string> words, CommandLine::Consumed& consumed) {
         Line line(words);
-        Machine::getSingleton().parseCommonArgvs(line.argc, line.argv, consumed);
+        Machine::parseCommonArgvs(line.argc, line.argv, consumed);
     }
     static void scanForDesignFlags(std::vector<std::string> words) {
         Line line(words);
-        Machine::getSingleton().scanForDesignFlags(line.argc, line.argv);
+        Machine::scanForDesignFlags(line.argc, line.argv);
     }
     static void runRole(std::vector<std::string> words) {
         Line line(words);
@@ -119,7 +101,6 @@ public:
     static const MachineHost* swapHost(const MachineHost* host) {
         return std::exchange(Machine::_ground.host, host);
     }
-    static void startParallelErrorHandler() { Machine::getSingleton().startParallelErrorHandler(); }
 
 private:
     /// The words as a program gets them: the name first, null behind the last.

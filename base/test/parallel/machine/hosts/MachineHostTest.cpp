@@ -120,9 +120,9 @@ TEST_F(MachineHostOfJob, IsToldInSummaries) {
             host->printProcessSummary();
             host->printCompleteProcessSummary();
         });
-        MachineTestAccess::setPrintpids(true);
+        MachineTestAccess::options().printPids = true;
         told += printedOnRank([&] { host->printTruncatedProcessSummary(); });
-        MachineTestAccess::setPrintpids(false);
+        MachineTestAccess::options().printPids = false;
         MachineTestAccess::playRole(mode, ranks, me);
         std::string complete = distribution;
         std::string withPids = distribution + truncated + "\n";

@@ -47,7 +47,7 @@ protected:
 };
 
 TEST_F(MachineCommands, answersAndOutput) {
-    MachineTestAccess::setProcessFileName("pids.txt");
+    MachineTestAccess::options().processFileName = "pids.txt";
     Properties hosts;
     hosts.set("Number Processes", 1u);
     hosts.set("Rank[0]", Platform::io().getHostName());

@@ -87,18 +87,6 @@ TEST_F(MachineTest, StatesHaveTheirWords) {
         EXPECT_EQ(Machine::getSingleton().getStateString(static_cast<Machine::NodeState>(state)), words);
 }
 
-TEST_F(MachineTest, TheErrorHandlerOfAnUnthreadedJobSaysThatErrorsAreFatal) {
-    testing::internal::CaptureStdout();
-    MachineTestAccess::startParallelErrorHandler();
-    MachineTestAccess::playRole(Machine::WORKER_MODE, 2, 1);
-    MachineTestAccess::startParallelErrorHandler();
-    CommandLine::Consumed consumed;
-    MachineTestAccess::parseCommonArgvs({"-nothreads"}, consumed);
-    MachineTestAccess::startParallelErrorHandler();
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "All internal errors will be treated as fatal\n");
-    EXPECT_EQ(Machine::getSingleton().getState(), Machine::AWAITING_COMMAND);
-}
-
 TEST_F(MachineTest, ExitObserversAreToldThroughTheirOwnInterface) {
     struct Counter : Machine::OnExitObserver {
         void update(Properties&) override { ++count; }
