@@ -1,87 +1,31 @@
 """The command line of the server: what each option does, and how each wrong one ends, in text and exit value."""
 import base64
+import json
 import os
 import pathlib
 import re
+import shlex
 import socket
 import subprocess
 import unittest
 
 from harness import (BUILD, DRIVERS, LAUNCHERS, MPIS, PATIENCE, SERVER, Case, Process, free_port, main, wait_until)
 
+DATA = pathlib.Path(__file__).resolve().parents[1] / "data/options/refused.txt"
 INVALID = 2
-ERROR = 1
 
 
 def encoded(text):
     return base64.b64encode(text.encode()).decode()
 
 
-# Words after "-s", what stands on the standard error stream, exit value.
-REFUSED_SERIAL = [
-    *[([word], f"Missing {word} arg", INVALID)
-      for word in ("-module", "-xmpiversion", "-xmpidriver", "-rsh", "-tmpdir", "-iodebug", "-cpubind",
-                   "-cpubindcontentiontest", "-jobmanagerurl", "-taskid", "-rrthreads", "-rgraphics", "-stoplimit")],
-    (["-mpi"], "Missing -mpi arg", INVALID),
-    (["-mpidriver"], "Missing -mpi arg", INVALID),
-    (["-encoded-param"], "Missing -encoded-param arg arg", INVALID),
-    (["-encoded-param", encoded("a")], "Missing -encoded-param arg arg", INVALID),
-    (["-cpubind", "fast"],
-     "-cpubind argument must be latency/leastload/disable (don't specify anything for bandwidth)", INVALID),
-    (["-cpubindcontentiontest", "enabled"], "-cpubindcontentiontest argument must either be enabled/disable", INVALID),
-    (["-taskid", "5"], "The options -jobmanagerurl and -taskid must both be specified", INVALID),
-    (["-jobmanagerurl", "x://y"], "The options -jobmanagerurl and -taskid must both be specified", INVALID),
-    (["-jobmanagerurl", "x://y", "-taskid", "0"], "The options -jobmanagerurl and -taskid must both be specified",
-     INVALID),
-    (["-rgraphics", "no-such-graphics"], "RendererConfig error: ", ERROR),
-    (["-module", "OrvexNowhere"], "DynamicLoader: couldn't load OrvexNowhere.", ERROR),
-    (["-port", "x"], "\nInvalid server port number argument.\n", ERROR),
-    (["-portrange", "x1"], "\nInvalid server port range number argument.\n", ERROR),
-    (["-port", ""], "\nInvalid server port number argument.\n", ERROR),
-    (["-port", "-5"], "\nInvalid server port number argument.\n", ERROR),
-    *[([word], f"\nUnrecognized argument '{word}'\n", INVALID)
-      for word in ("-port", "-portrange", "-session", "-encoded-session", "-xclientaddr", "-procfile", "-proxy",
-                   "-encoded-proxycmd", "-encoded-passtodesign", "-encoded-dmrunfile", "-Collab", "--port", "-port=1",
-                   "-totalview", "-")],
-    (["-encoded-param", "a", "*"], "Invalid value of '-encoded-param': Invalid Base64 text: ", INVALID),
-    (["-encoded-session", "*"], "Invalid value of '-encoded-session': Invalid Base64 text: ", INVALID),
-    (["-stoplimit", "soon"], "-stoplimit needs a number of seconds", INVALID),
-    (["-proxy", "h"], "A proxy server was requested but a command was not provided\n", INVALID),
-    (["-dmproject", "-dmpost"], "-dmproject argument is not compatible with -dmpost argument\n", INVALID),
-]
-
-# Words without "-s": these processes look for a message layer.
-REFUSED_START = [
-    *[(words, "The flag -mpidriver or -mpi must be specified", INVALID) for words in ([], ["-S"], ["-mpi=openmpi4"])],
-    (["-mpi"], "Missing -mpidriver arg", INVALID),
-    (["-mpidriver"], "Missing -mpidriver arg", INVALID),
-    (["-mpi", "foo"], "Unknown MPI driver: foo", INVALID),
-    (["-mpi", ""], "Unknown MPI driver: ", INVALID),
-    (["-mpi", "Intel"], "Unknown MPI driver: Intel", INVALID),
-    (["-mpi", "foo", "-mpi", "openmpi4"], "Unknown MPI driver: foo", INVALID),
-    (["-mpi", "intel", "-mpidriver", "foo"], "Unknown MPI driver: foo", INVALID),
-    (["-mpi", "msmpi", "-xinternalmsmpidll"], "Missing -xinternalmsmpidll arg", INVALID),
-    (["-mpi", "hpe"], "Failed to initialize MPI wrapper: ", ERROR),
-    (["-mpi", "hpe"], "libOrvexHpeMpi", ERROR),
-]
-
-# Files in the working folder: "full.sim" has content, "empty.sim" has none, "folder" is one.
-FILE_ERROR = 36
-REFUSED_SESSION = [
-    (["-new", "full.sim"], "Unable to create a new file full.sim.  The file already exists.", FILE_ERROR),
-    (["-new", "full"], "Unable to create a new file full.sim.  The file already exists.", FILE_ERROR),
-    (["none.sim"], "Cannot open file: none.sim (specify -new to create the file)\nServer working directory: '",
-     FILE_ERROR),
-    (["folder"], "Cannot open file: folder.  File is a directory.\n", FILE_ERROR),
-]
-
-NON_RECOVERABLE = 32
-REFUSED_WORK = [
-    (["-load"], "Simulation file could not be loaded: "),
-    (["-load", "full.sim"], "Simulation file could not be loaded: "),
-    (["-nothreads", "-proxy", "h", "-encoded-proxycmd", encoded("c")],
-     "Proxy servers are not supported in non-threaded mode"),
-]
+def refused():
+    """The rows of the data: whether it is for jobs too, exit value, stream, words, text."""
+    for line in DATA.read_text().splitlines():
+        if not line.startswith("#"):
+            command, _, text = line.partition(" => ")
+            status, stream, *words = shlex.split(command)
+            yield status.startswith("*"), int(status.strip("*")), stream, words, text.replace("\\n", "\n")
 
 
 class Refused(Case):
@@ -96,12 +40,12 @@ class Refused(Case):
         (self.room.work / "folder").mkdir()
 
     def test_wrong_words(self):
-        rows = [(["-s", *words], text, status) for words, text, status in REFUSED_SERIAL] + REFUSED_START
-        for words, text, status in rows:
+        for _, status, stream, words, text in refused():
             with self.subTest(words=words):
                 answer = self.run_server(*words)
                 self.assertEqual(answer.returncode, status, answer)
-                self.assertIn(text, answer.stderr)
+                self.assertIn(text, answer.stdout if stream == "out" else answer.stderr)
+        self.assertEqual((self.room.work / "full.sim").read_text(), "content")
         self.nothing_left()
 
     def test_library_that_is_no_driver(self):
@@ -113,45 +57,19 @@ class Refused(Case):
                 module.unlink(missing_ok=True)
                 module.symlink_to(BUILD / "lib" / library)
                 answer = self.run_server("-mpi", "hpe", LD_LIBRARY_PATH=str(self.room.work))
-                self.assertEqual(answer.returncode, ERROR, answer)
+                self.assertEqual(answer.returncode, 1, answer)
                 self.assertIn(f"Failed to initialize MPI wrapper: {module} {text}", answer.stderr)
-
-    def test_session_files(self):
-        for words, text, status in REFUSED_SESSION:
-            with self.subTest(words=words):
-                answer = self.run_server("-s", *words)
-                self.assertEqual(answer.returncode, status, answer)
-                self.assertIn("\nError: " + text, answer.stdout)
-                self.assertIn("\nExit error: ", answer.stderr)
-        self.assertEqual((self.room.work / "full.sim").read_text(), "content")
-        self.nothing_left()
-
-    def test_work_that_cannot_start(self):
-        for words, text in REFUSED_WORK:
-            with self.subTest(words=words):
-                answer = self.run_server("-s", *words)
-                self.assertEqual(answer.returncode, NON_RECOVERABLE, answer)
-                self.assertRegex(answer.stderr, "\nExit error: .*" + re.escape(text))
-        self.nothing_left()
 
     def test_in_a_job(self):
         """The same words under a launcher: each rank fails alike, or the master ends the job. Nothing hangs."""
-        rows = [(["-cpubind", "fast"], "-cpubind argument must be", INVALID),
-                (["-encoded-param", "a", "*"], "Invalid value of '-encoded-param': ", INVALID),
-                (["-port", "x"], "\nInvalid server port number argument.\n", ERROR),
-                (["-nonsense"], "\nUnrecognized argument '-nonsense'\n", INVALID),
-                (["none.sim"], "\nExit error: ", FILE_ERROR),
-                (["-module", "OrvexNowhere"], "DynamicLoader: couldn't load OrvexNowhere.", ERROR),
-                (["-load"], "Simulation file could not be loaded: ", NON_RECOVERABLE)]
         for mpi in MPIS:
-            for words, text, status in rows:
-                with self.subTest(mpi=mpi, words=words):
-                    answer = self.run_server("-mpi", DRIVERS[mpi], *words, launcher=[*LAUNCHERS[mpi], "3"])
-                    self.assertEqual(answer.returncode, status, answer)
-                    self.assertIn(text, answer.stderr)
-                    if "-encoded-param" in words:
-                        self.assertEqual(answer.stderr.count(text), 1, answer.stderr)
-                    wait_until(lambda: not self.room.processes(), 5 * PATIENCE, "all ranks are gone")
+            for in_jobs, status, _, words, text in refused():
+                if in_jobs:
+                    with self.subTest(mpi=mpi, words=words):
+                        answer = self.run_server("-mpi", DRIVERS[mpi], *words[1:], launcher=[*LAUNCHERS[mpi], "3"])
+                        self.assertEqual(answer.returncode, status, answer)
+                        self.assertIn(answer.stderr.count(text), (1, 2), answer.stderr)
+                        wait_until(lambda: not self.room.processes(), 5 * PATIENCE, "all ranks are gone")
 
     def test_questions(self):
         """Answered without a launcher, and once under one; the README shows options as --help does."""
@@ -198,68 +116,61 @@ class Refused(Case):
 
 
 class Taken(Case):
-    def session_name(self, job):
-        return job.record()["name"]
+    def setUp(self):
+        super().setUp()
+        (self.room.work / "plain").touch()
 
-    def test_session_choice(self):
-        """The first plain word wins; a later -session overwrites it; the extension is found."""
-        for name in ("a.sim", "b.sim", "ext.sim"):
-            (self.room.work / name).touch()
-        for words, expected in [
-            (["-session", "a.sim", "b.sim"], "a.sim"),
-            (["b.sim", "-session", "a.sim"], "a.sim"),
-            (["b.sim", "a.sim"], "b.sim"),
-            (["-encoded-session", encoded("a.sim")], "a.sim"),
-            (["ext"], "ext.sim"),
-            (["-new", "a.sim"], "a.sim"),
-        ]:
-            with self.subTest(words=words):
-                job = self.ready(*words)
-                self.assertEqual(os.path.basename(self.session_name(job)), expected)
-                self.stop(job)
-
-    def test_words_of_all_roles(self):
-        """Options that the road only takes along: accepted together, and the server serves."""
-        job = self.ready("-xnousage", "-time", "-deleteOnExit", "-cpubind", "bandwidth", "-cpubindverbose",
+    def test_words_of_a_server(self):
+        """One server with what its road only takes along, as it prints and answers."""
+        (self.room.work / "ext.sim").touch()
+        job = self.ready("ext", "-xnousage", "-time", "-deleteOnExit", "-cpubind", "bandwidth", "-cpubindverbose",
                          "-cpubindcontentiontest", "disable", "-iodebug", "2", "-pio", "-printpids", "-xnodeverrors",
                          "-xthreadbindoff", "-xthreadbindverbose", "-taskid", "0", "-rrthreads", "2", "-xmpidriver", "x",
                          "-xmpiversion", "y", "-rsh", "ssh", "-mpi", "intel", "-jobmanagerurl", "u://v", "-taskid", "7",
-                         "-encoded-param", encoded("k"), encoded("v"), "-encoded-passtodesign", encoded("p"))
-        self.assertEqual(job.run("GetNumberOfWorkers")["NumberOfWorkers"], 1)
-        self.assertIn(f"Serial process {job.process.pid}\n", job.out())
-        self.assertRegex(job.out(), r"\n\S.* \(.+/.+\)\n\n")
+                         "-encoded-param", encoded("k"), encoded("v"), "-encoded-passtodesign", encoded("p"),
+                         "-procfile", "nowhere/pids", "-tmpdir", "plain", environment=self.consent())
+        self.assertEqual(os.path.basename(job.record()["name"]), "ext.sim")
+        self.assertRegex(job.out(), rf"(?s)Serial process {job.process.pid}\n.*\n\S.* \(.+/.+\)\n\n")
+        self.assertIn("Warning : could not open process file : nowhere/pids\nNo such file or directory (error 2)\n",
+                      job.out())
         self.stop(job)
+        self.assertEqual(list(self.room.top.rglob("usage.jsonl")), [])
 
-    def test_floating_point_pair(self):
-        job = self.ready("-fpe")
-        self.assertIn("Enabling asynchronous floating point exceptions.", job.out())
-        self.stop(job)
+    def consent(self):
+        """The environment of a site that keeps a record of usage."""
+        (self.room.top / "home/orvex").mkdir()
+        (self.room.top / "home/orvex/settings.json").write_text('{"UsageImprovementProgram": 1}')
+        return {name: str(self.room.top / "home") for name in ("XDG_CONFIG_HOME", "XDG_STATE_HOME")}
 
-    def test_ports(self):
+    def test_places(self):
+        """Port, files and folders; clients don't see the session, but who has the key gets in, on loopback alone."""
         port = free_port()
-        with self.subTest("port"):
-            job = self.ready("-port", port)
-            with socket.create_connection(("127.0.0.1", port), timeout=5):
-                pass
-            self.assertEqual(job.record()["port"], port)
-            second = self.start("-port", port, "-portrange", "1")
-            self.assertEqual(second.wait(), NON_RECOVERABLE, second.told())
-            self.assertIn(str(port), second.err())
-            self.stop(job)
-        with self.subTest("noconnect"):
-            job = self.start("-noconnect", "-port", port)
-            wait_until(lambda: job.out().endswith(")\n\n"), 10 * PATIENCE, job.told)
-            with self.assertRaises(OSError):
-                socket.create_connection(("127.0.0.1", port), timeout=1)
-            job.process.terminate()
-            self.assertEqual(job.wait(), 0, job.told())
-            self.nothing_left()
-
-    def test_loopback_only(self):
-        """Without a client address nothing listens on the network."""
-        job = self.ready()
+        (self.room.work / "pids").write_text("something older that is longer than the line which takes its place\n\n")
+        job = self.ready("-port", port, "-loc", "-procfile", "pids", "-tmpdir", self.room.work / "made", "-new", "new.sim",
+                         environment=self.consent())
+        self.assertEqual(job.record()["port"], port)
         self.assertLessEqual(self.listening(job), {"0100007F", "00000000000000000000000001000000"})
+        self.assertNotIn(str(job.process.pid), job.ctl("list-sessions").stdout)
+        self.assertEqual(job.run("GetProcessFileName")["filename"], "pids")
+        self.assertRegex((self.room.work / "pids").read_text(), rf"^[^:\s]+:{job.process.pid}\n$")
+        self.assertTrue((self.room.work / "made").is_dir())
+        self.assertEqual((self.room.work / "new.sim").read_text(), "")
+        second = self.start("-port", port, "-portrange", "1")
+        self.assertEqual(second.wait(), 32, second.told())
+        self.assertIn(str(port), second.err())
+        usage = [json.loads(line) for path in self.room.top.rglob("usage.jsonl") for line in open(path, encoding="utf-8")]
+        self.assertEqual([(line["Event"], line["Attributes"]["np"]) for line in usage], [("COMMAND_LINE_PARAMETERS", 1)])
         self.stop(job)
+
+    def test_no_clients(self):
+        port = free_port()
+        job = self.start("-noconnect", "-port", port)
+        wait_until(lambda: job.out().endswith(")\n\n"), 10 * PATIENCE, job.told)
+        with self.assertRaises(OSError):
+            socket.create_connection(("127.0.0.1", port), timeout=1)
+        job.process.terminate()
+        self.assertEqual(job.wait(), 0, job.told())
+        self.nothing_left()
 
     def listening(self, job):
         """The addresses, as the kernel writes them, at which the server's port is open."""
@@ -274,7 +185,6 @@ class Taken(Case):
         """The network is served, but that client alone; any other is told so, before it says a word."""
         job = self.ready("-xclientaddr", "127.0.0.1")
         self.assertLessEqual(self.listening(job), {"00000000", "0" * 32})
-        self.assertEqual(job.run("GetNumberOfWorkers")["NumberOfWorkers"], 1)
         with socket.create_connection(("127.0.0.1", job.record()["port"]), 5, source_address=("127.0.0.2", 0)) as other:
             told = b"".join(iter(lambda: other.recv(4096), b"")).decode()
         self.assertIn("127.0.0.2 isn't the client 127.0.0.1", told + job.err() + job.out())
@@ -282,13 +192,6 @@ class Taken(Case):
         refused = self.start("-xclientaddr", "no.such.host.invalid")
         self.assertNotEqual(refused.wait(), 0, refused.told())
         self.assertIn("no.such.host.invalid", refused.err())
-
-    def test_unlisted(self):
-        """Who has the key still gets in."""
-        job = self.ready("-loc")
-        self.assertNotIn(str(job.process.pid), job.ctl("list-sessions").stdout)
-        self.assertEqual(job.run("GetNumberOfWorkers")["NumberOfWorkers"], 1)
-        self.stop(job)
 
     def test_floating_point_registers_left_alone(self):
         """A development version can be told so; a release version checks whatever it is told."""
@@ -298,26 +201,6 @@ class Taken(Case):
             self.assertIn("inf", answer.stdout)
         else:
             self.assertIn("A floating point error has occurred.", answer.stderr)
-        self.stop(job)
-
-    def test_temporary_folder(self):
-        """A missing folder is made; a file in its place leaves the default one."""
-        (self.room.work / "plain").write_text("x")
-        for words, expected in [(["-tmpdir", str(self.room.work / "made")], 0), (["-tmpdir", "plain"], 0)]:
-            job = self.ready(*words)
-            self.stop(job, expected)
-        self.assertTrue((self.room.work / "made").is_dir())
-        self.assertEqual((self.room.work / "plain").read_text(), "x")
-
-    def test_process_file_serial(self):
-        (self.room.work / "pids").write_text("something older that is longer than the line which takes its place\n\n")
-        job = self.ready("-procfile", "pids")
-        self.assertRegex((self.room.work / "pids").read_text(), rf"^[^:\s]+:{job.process.pid}\n$")
-        self.assertEqual(job.run("GetProcessFileName")["filename"], "pids")
-        self.stop(job)
-        job = self.ready("-procfile", "nowhere/pids")
-        self.assertIn("Warning : could not open process file : nowhere/pids\nNo such file or directory (error 2)\n",
-                      job.out())
         self.stop(job)
 
     def test_process_file_of_a_job(self):
