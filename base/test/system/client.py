@@ -40,12 +40,8 @@ class Client:
                      "nonce": self.nonce, "proof": self.proof(f"orvex client {access}"), **changes}
         return self.request("server.authenticate", self.said)
 
-    def send_raw(self, data, tolerant=False):
-        try:
-            self.socket.sendall(data)
-        except OSError:
-            if not tolerant:
-                raise
+    def send_raw(self, data):
+        self.socket.sendall(data)
 
     def send(self, message):
         self.send_raw(json.dumps(message).encode() + b"\n")

@@ -97,11 +97,6 @@ class Process:
         """Resident memory [bytes]."""
         return int(self.read("statm").split()[1]) * os.sysconf("SC_PAGE_SIZE")
 
-    def cpu_time(self):
-        """Processor time of all threads [s]."""
-        fields = self.read("stat").decode().rpartition(")")[2].split()
-        return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
-
     def shared_files(self):
         return {line.split()[-1] for line in self.read("maps").decode(errors="replace").splitlines()
                 if " /dev/shm/" in line}
@@ -174,14 +169,13 @@ class Job:
     """A serial server (mpi None) or a job of `ranks` processes under a launcher, over hosts of a cluster with slots.
     `prefix`: the words of a program that becomes the server."""
 
-    def __init__(self, room, *options, mpi=None, ranks=1, driver=None, launcher_options=(), environment=None, cwd=None,
-                 cluster=None, slots=None, prefix=()):
+    def __init__(self, room, *options, mpi=None, ranks=1, environment=None, cluster=None, slots=None,
+                 prefix=()):
         self.room, self.mpi, self.ranks, self.cluster = room, mpi, sum(slots) if slots else ranks, cluster
         if slots:
             command = cluster.job(mpi, slots, *prefix, SERVER, "-mpi", DRIVERS[mpi], *options)
         elif mpi:
-            command = [*LAUNCHERS[mpi], str(ranks), *launcher_options, *prefix, str(SERVER),
-                       "-mpi", driver or DRIVERS[mpi], *map(str, options)]
+            command = [*LAUNCHERS[mpi], str(ranks), *prefix, str(SERVER), "-mpi", DRIVERS[mpi], *map(str, options)]
         else:
             command = [*prefix, str(SERVER), "-s", *map(str, options)]
         if cluster and not slots:
@@ -190,7 +184,7 @@ class Job:
         self._out = open(room.top / f"out-{self.number}", "w+b")
         self._err = open(room.top / f"err-{self.number}", "w+b")
         self.process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=self._out, stderr=self._err,
-                                        cwd=cwd or room.work, env=room.environment(**(environment or {})),
+                                        cwd=room.work, env=room.environment(**(environment or {})),
                                         start_new_session=True)
 
     def out(self):
@@ -278,12 +272,11 @@ class Job:
 
 
 class Case(unittest.TestCase):
-    """A test case with a room; asks at the end that nothing was left, unless the test killed something."""
+    """A test case with a room; stop() asks that nothing was left in it."""
     maxDiff = None
 
     def setUp(self):
         self.room = Room()
-        self.killed_something = False
         self.addCleanup(self.room.leave)
 
     @contextlib.contextmanager

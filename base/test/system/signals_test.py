@@ -10,26 +10,30 @@ GONE_LIMIT = 15 * PATIENCE
 signal.signal(signal.SIGHUP, signal.SIG_DFL)  # who was started to ignore it goes on doing so
 
 
-class Asked(Case):
+class Ends(Case):
+    def all_gone(self):
+        wait_until(lambda: not self.room.processes(), GONE_LIMIT, lambda: str(self.room.leftovers()))
+
+    def at_work(self, seconds, **more):
+        """A job whose ranks are inside a command, and the client that waits for it."""
+        job = self.ready("-module", "OrvexTestModule", **more)
+        client = job.ctl_started("TestWait", f"seconds={seconds}")
+        wait_until(lambda: "TestWait" in job.ctl("status").stdout, 5 * PATIENCE, "the command runs")
+        return job, client
+
+
+class Asked(Ends):
     """SIGTERM, Ctrl-C and the end of a terminal ask the server to stop in order."""
 
-    def test_serial(self):
-        for number in (signal.SIGTERM, signal.SIGINT, signal.SIGHUP):
-            for options in ((), ("-nothreads",), ("-noconnect",)):
-                with self.subTest(signal=number.name, options=options):
-                    job = self.ready(*options)
-                    job.process.send_signal(number)
-                    self.assertEqual(job.wait(), 0, job.told())
-                    self.nothing_left()
-
-    def test_job(self):
-        for mpi in MPIS:
-            for number in (signal.SIGTERM, signal.SIGINT):
-                with self.subTest(mpi=mpi, signal=number.name):
-                    job = self.ready(mpi=mpi, ranks=3)
-                    job.members()[0].kill(number)
-                    self.assertEqual(job.wait(), 0, job.told())
-                    self.nothing_left()
+    def test_in_order(self):
+        for mpi, number, options in ((None, signal.SIGTERM, ()), (None, signal.SIGINT, ("-nothreads",)),
+                                     (None, signal.SIGHUP, ("-noconnect",)),
+                                     *((mpi, number, ()) for mpi in MPIS for number in (signal.SIGTERM, signal.SIGINT))):
+            with self.subTest(mpi=mpi, signal=number.name, options=options):
+                job = self.ready(*options, mpi=mpi, ranks=3)
+                job.members()[0].kill(number)
+                self.assertEqual(job.wait(), 0, job.told())
+                self.nothing_left()
 
     def test_terminal(self):
         """Ctrl-C at the terminal reaches the launcher and its ranks at once."""
@@ -38,15 +42,13 @@ class Asked(Case):
                 job = self.ready(mpi=mpi, ranks=2)
                 os.killpg(job.process.pid, signal.SIGINT)
                 job.wait()
-                wait_until(lambda: not self.room.processes(), GONE_LIMIT, lambda: str(self.room.leftovers()))
+                self.all_gone()
 
     def test_launcher(self):
         """Open MPI's launcher kills, whatever happens: its signal is told as the end of the job."""
         if "openmpi" not in MPIS:
             self.skipTest("needs Open MPI")
-        job = self.ready("-module", "OrvexTestModule", mpi="openmpi", ranks=3)
-        client = job.ctl_started("TestWait", "seconds=60")
-        wait_until(lambda: "TestWait" in job.ctl("status").stdout, 5 * PATIENCE, "the command runs")
+        job, client = self.at_work(60, mpi="openmpi", ranks=3)
         job.process.terminate()
         self.assertNotEqual(job.wait(), 0)
         client.wait(timeout=GONE_LIMIT)
@@ -58,7 +60,7 @@ class Asked(Case):
         """A rank that hangs, or an exit function, doesn't keep a server that stops."""
         for mpi, step in ((None, "the exit functions"), *((mpi, "the release of the workers") for mpi in MPIS)):
             with self.subTest(mpi=mpi):
-                job = self.ready("-module", "OrvexTestModule", "-stoplimit", "2", mpi=mpi, ranks=3 if mpi else 1)
+                job = self.ready("-module", "OrvexTestModule", "-stoplimit", "1", mpi=mpi, ranks=3 if mpi else 1)
                 if mpi:
                     job.members()[1].kill(signal.SIGSTOP)
                 else:
@@ -66,100 +68,77 @@ class Asked(Case):
                 job.ctl("stop")
                 self.assertNotEqual(job.wait(), 0)
                 self.assertIn(f" ends: its end came to no end: {step}\n", job.err())
-                wait_until(lambda: not self.room.processes(), GONE_LIMIT, lambda: str(self.room.leftovers()))
+                self.all_gone()
                 self.assertEqual(self.room.leftovers(), [])
 
     def test_while_a_command_runs(self):
         """The command at work finishes and is answered; then the server stops."""
-        job = self.ready("-module", "OrvexTestModule", mpi=MPIS[0], ranks=2)
-        waiting = job.ctl_started("TestWait", "seconds=1.5")
-        wait_until(lambda: "TestWait" in job.ctl("status").stdout, 5 * PATIENCE, "the command runs")
+        job, waiting = self.at_work(1.5, mpi=MPIS[0], ranks=2)
         job.members()[0].kill(signal.SIGTERM)
         self.assertEqual(waiting.wait(timeout=GONE_LIMIT), 0)
         self.assertEqual(job.wait(), 0, job.told())
         self.nothing_left()
 
-
     def test_twice(self):
         """Who asks again after a moment doesn't want to wait for the command at work."""
         for mpi, ranks in ((None, 1), *((mpi, 3) for mpi in MPIS)):
             with self.subTest(mpi=mpi):
-                job = self.ready("-module", "OrvexTestModule", mpi=mpi, ranks=ranks)
-                job.ctl_started("TestWait", "seconds=60")
-                wait_until(lambda: "TestWait" in job.ctl("status").stdout, 5 * PATIENCE, "the command runs")
+                job, _ = self.at_work(60, mpi=mpi, ranks=ranks)
                 master = job.members()[0]
-                for _ in range(2):
-                    master.kill(signal.SIGTERM)
-                    time.sleep(2.5)
+                master.kill(signal.SIGTERM)
+                time.sleep(2.2)
+                master.kill(signal.SIGTERM)
                 self.assertNotEqual(job.wait(), 0, job.told())
                 self.assertIn("SIGTERM again: the process ends at once", job.err())
                 wait_until(lambda: not self.room.servers(), GONE_LIMIT, lambda: str(self.room.leftovers()))
 
 
-class Dying(Case):
-    """Whoever waits for a job that dies is told why."""
+class Dying(Ends):
+    """A client that waits for a job that dies is told why."""
     # How a rank dies, and what the standard error stream and the client of the job show then.
-    ENDS = [("thread", "lost in a thread"), ("terminate", "std::terminate was called without an error"),
-            ("abort", "abort() was called"), ("leave", "exit(0) was called"), ("quick", "quick_exit() was called"),
-            ("overflow", "Stack overflow"), ("kill", "has ended without a word"),
-            # Sanitizers find these by themselves.
-            *([("deepThread", "Stack overflow"), ("heap", "abort() was called")] if PATIENCE == 1 else [])]
+    REASONS = {"thread": "lost in a thread", "terminate": "std::terminate was called without an error",
+               "abort": "abort() was called", "leave": "exit(0) was called", "quick": "quick_exit() was called",
+               "overflow": "Stack overflow", "kill": "has ended without a word", "deepThread": "Stack overflow",
+               "heap": "abort() was called"}
+    # Each way in a serial server; a worker and a master by a few. Sanitizers find two by themselves. MPICH's launcher
+    # kills all ranks at once when one is killed.
+    ENDS = [*((None, 0, kind) for kind in REASONS if kind != "kill" and (PATIENCE == 1 or kind not in ("deepThread", "heap"))),
+            *((mpi, rank, kind) for mpi in MPIS for rank, kind in ((0, "thread"), (0, "leave"), (1, "overflow"), (1, "quick"),
+                                                                   *([(1, "kill")] if mpi == "openmpi" else [])))]
 
     def test_reasons(self):
-        for mpi, ranks in ((None, 1), *((mpi, 3) for mpi in MPIS)):
-            for kind, reason in self.ENDS:
-                # Nobody speaks for a serial server that is killed; MPICH's launcher kills all ranks at once then.
-                if kind == "kill" and mpi != "openmpi":
-                    continue
-                for rank in range(0 if kind != "kill" else 1, min(ranks, 2)):
-                    with self.subTest(mpi=mpi, kind=kind, rank=rank):
-                        job = self.ready("-module", "OrvexTestModule", mpi=mpi, ranks=ranks)
-                        client = job.ctl_started("TestCrash", f"kind={kind}", f"ranks=[{rank}]")
-                        self.assertNotEqual(job.wait(), 0)
-                        client.wait(timeout=GONE_LIMIT)
-                        self.assertRegex(client.said(), "The job aborts: .*" + re.escape(reason))
-                        self.assertNotIn("stops", client.said())
-                        who = f"Rank {rank}" if mpi else "The server"
-                        self.assertRegex(job.err(), rf"\n{who} .*" + re.escape(reason))
-                        wait_until(lambda: not self.room.processes(), GONE_LIMIT, lambda: str(self.room.leftovers()))
+        for mpi, rank, kind in self.ENDS:
+            with self.subTest(mpi=mpi, kind=kind, rank=rank):
+                job = self.ready("-module", "OrvexTestModule", mpi=mpi, ranks=3)
+                client = job.ctl_started("TestCrash", f"kind={kind}", f"ranks=[{rank}]")
+                self.assertNotEqual(job.wait(), 0)
+                client.wait(timeout=GONE_LIMIT)
+                reason = re.escape(self.REASONS[kind])
+                self.assertRegex(client.said(), "The job aborts: .*" + reason)
+                self.assertNotIn("stops", client.said())
+                who = f"Rank {rank}" if mpi else "The server"
+                self.assertRegex(job.err(), rf"\n{who} .*" + reason)
+                self.all_gone()
 
 
-class Killed(Case):
+class Killed(Ends):
     """kill -9 somewhere: the whole job is gone within seconds, no rank spins as an orphan."""
 
-    def victims(self, job):
-        result = {"worker": lambda: job.members()[1], "master": lambda: job.members()[0],
-                  "launcher": lambda: Process(job.process.pid)}
-        if job.mpi == "mpich":
-            result["proxy"] = lambda: Process(job.members()[0].parent())
-        return result
-
-    def check_gone(self, job, what, victim):
-        with self.subTest(mpi=job.mpi, victim=what):
-            self.assertTrue(victim.alive())
-            victim.kill()
-            began = time.monotonic()
-            wait_until(lambda: not self.room.servers(), GONE_LIMIT,
-                       lambda: f"the ranks are gone: {self.room.leftovers()} {job.told()}")
-            # The launcher notices its ranks' end by itself.
-            self.assertNotEqual(job.wait(), 0)
-            wait_until(lambda: not self.room.processes(), GONE_LIMIT, lambda: str(self.room.leftovers()))
-            return time.monotonic() - began
-
-    def test_idle(self):
+    def test_killed(self):
+        """Idle, and while all ranks are inside a command, away from the loop that listens."""
         for mpi in MPIS:
-            for what in ("worker", "master", "launcher", *(["proxy"] if mpi == "mpich" else [])):
-                job = self.ready(mpi=mpi, ranks=3)
-                self.check_gone(job, what, self.victims(job)[what]())
-
-    def test_busy(self):
-        """The same while all ranks are inside a command, away from the loop that listens."""
-        for mpi in MPIS:
-            for what in ("worker", "launcher"):
-                job = self.ready("-module", "OrvexTestModule", mpi=mpi, ranks=3)
-                job.ctl_started("TestWait", "seconds=60")
-                wait_until(lambda: "TestWait" in job.ctl("status").stdout, 5 * PATIENCE, "the command runs")
-                self.check_gone(job, what, self.victims(job)[what]())
+            for what, busy in (("worker", False), ("master", False), ("launcher", False), ("worker", True), ("launcher", True),
+                               *([("proxy", False)] if mpi == "mpich" else [])):
+                with self.subTest(mpi=mpi, victim=what, busy=busy):
+                    job = self.at_work(60, mpi=mpi, ranks=3)[0] if busy else self.ready(mpi=mpi, ranks=3)
+                    master, worker = job.members()[0], job.members()[1]
+                    Process({"worker": worker.pid, "master": master.pid, "launcher": job.process.pid,
+                             "proxy": master.parent()}[what]).kill()
+                    wait_until(lambda: not self.room.servers(), GONE_LIMIT,
+                               lambda: f"the ranks are gone: {self.room.leftovers()} {job.told()}")
+                    # The launcher notices its ranks' end by itself.
+                    self.assertNotEqual(job.wait(), 0)
+                    self.all_gone()
 
 
 if __name__ == "__main__":
