@@ -68,7 +68,7 @@ protected:
 
 using Names = std::vector<std::wstring>;
 
-TEST_F(FileSystemCommands, readersAnswerOnEveryRank) {
+TEST_F(FileSystemCommands, ReadOnEveryRank) {
     for (const auto mode : {Machine::SERIAL_MODE, Machine::MASTER_MODE, Machine::WORKER_MODE}) {
         MachineTestAccess::playRole(mode, mode == Machine::SERIAL_MODE ? 1 : 2,
                                     mode == Machine::WORKER_MODE ? 1 : 0);
@@ -97,7 +97,7 @@ TEST_F(FileSystemCommands, readersAnswerOnEveryRank) {
     EXPECT_EQ(listIn<std::wstring>(missing, "files"), Names());
 }
 
-TEST_F(FileSystemCommands, changesAreMadeByTheSerialOrMasterProcess) {
+TEST_F(FileSystemCommands, ChangeFilesOnTheSerialOrMasterProcess) {
     for (const auto mode : {Machine::SERIAL_MODE, Machine::MASTER_MODE}) {
         MachineTestAccess::playRole(mode, 2, 0);
         run("CreateFile", L"new");
@@ -124,7 +124,7 @@ TEST_F(FileSystemCommands, changesAreMadeByTheSerialOrMasterProcess) {
     EXPECT_EQ(refused.getString(Error::ERROR_TAG), Error::DEFAULT_ERROR_TYPE);
 }
 
-TEST_F(FileSystemCommands, workersLeaveTheDiskAlone) {
+TEST_F(FileSystemCommands, LeaveTheDiskAloneOnAWorker) {
     MachineTestAccess::playRole(Machine::WORKER_MODE, 2, 1);
     for (const wchar_t* const target : {L"file", L"missing/new"})
         EXPECT_FALSE(Error::isErrorIn(run("CreateFile", target)));

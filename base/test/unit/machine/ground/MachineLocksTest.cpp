@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include <regex>
 #include <thread>
 #include <utility>
 
@@ -39,14 +40,14 @@ class MachineLocks : public testing::Test {
 protected:
     void SetUp() override { MachineTestAccess::startAfresh(); }
     void TearDown() override {
-        EXPECT_EQ(Machine::isSerialCritical(), false);
+        EXPECT_FALSE(Machine::isSerialCritical());
         EXPECT_EQ(Machine::getPerformanceCriticalLock(), 0u);
         EXPECT_FALSE(FieldLoopState::busy());
         EXPECT_TRUE(MessagingGate::isOpen());
     }
 };
 
-TEST_F(MachineLocks, nestedSerialCriticalLiftsWithTheLast) {
+TEST_F(MachineLocks, LiftsANestedSerialCriticalWithTheLast) {
     const auto assertion = [] { Machine::assertNotSerialCritical("not here"); };
     {
         SerialCritical outer;
@@ -58,7 +59,7 @@ TEST_F(MachineLocks, nestedSerialCriticalLiftsWithTheLast) {
     assertion();
 }
 
-TEST_F(MachineLocks, exemptionRestoresTheDepthThatItTook) {
+TEST_F(MachineLocks, RestoresTheDepthThatAnExemptionTook) {
     const PerformanceCritical locks[3];
     {
         const PerformanceCritical::Exemption exemption;
@@ -74,7 +75,7 @@ TEST_F(MachineLocks, exemptionRestoresTheDepthThatItTook) {
     EXPECT_TRUE(MessagingGate::has(MessagingGate::PERFORMANCE_CRITICAL));
 }
 
-TEST_F(MachineLocks, otherThreadsChangeNothing) {
+TEST_F(MachineLocks, LeavesLocksToTheMainThread) {
     const PerformanceCritical lock;
     const std::string granted = printedBy(&TemporaryExemption::printExemptions);
     MachineLocksTestAccess::setVerbose(true);
@@ -84,7 +85,7 @@ TEST_F(MachineLocks, otherThreadsChangeNothing) {
             const PerformanceCritical performance;
             const PerformanceCritical::Exemption exemption;
             const TemporaryExemption temporary("OXMP-1");
-            EXPECT_EQ(Machine::isSerialCritical(), false);
+            EXPECT_FALSE(Machine::isSerialCritical());
             EXPECT_EQ(Machine::getPerformanceCriticalLock(), 1u);
             MachineTestAccess::tellSignalRaised();
             EXPECT_EQ(Machine::getPerformanceCriticalLock(), 1u);
@@ -97,16 +98,12 @@ TEST_F(MachineLocks, otherThreadsChangeNothing) {
     MachineLocksTestAccess::setVerbose(false);
 }
 
-TEST_F(MachineLocks, signalLiftsAllAndTheGuardsWarn) {
-    FieldLoopState::setBusy(); // no counter
-    FieldLoopState::setBusy();
-    EXPECT_TRUE(FieldLoopState::busy());
-    FieldLoopState::setIdle();
-    EXPECT_TRUE(MessagingGate::isOpen());
+TEST_F(MachineLocks, LiftsAllAfterASignalAndTheGuardsWarn) {
     const std::string printed = printedBy([] {
         const SerialCritical serial;
         const PerformanceCritical performance;
         FieldLoopState::setBusy();
+        EXPECT_TRUE(FieldLoopState::busy());
         EXPECT_TRUE(MessagingGate::has(MessagingGate::FIELD_LOOP));
         MachineTestAccess::tellSignalRaised();
         EXPECT_TRUE(MessagingGate::isOpen());
@@ -116,7 +113,7 @@ TEST_F(MachineLocks, signalLiftsAllAndTheGuardsWarn) {
                        "Warning : SerialCritical lock out of synch..\n");
 }
 
-TEST_F(MachineLocks, forbiddenCallStopsADevelopmentVersionWithItsChecksOn) {
+TEST_F(MachineLocks, StopsAForbiddenCallInADevelopmentVersionWithItsChecksOn) {
     const auto assertion = [] { Machine::assertNotParallelPerformanceCritical("too slow here"); };
     for (const bool checks : {true, false}) {
         Machine::getSingleton().setDevErrorChecking(checks);
@@ -129,24 +126,21 @@ TEST_F(MachineLocks, forbiddenCallStopsADevelopmentVersionWithItsChecksOn) {
         const std::string printed = printedBy([&] {
             expectAssertion(assertion, "too slow here", "!_performanceCriticalLock", "GroundLocks.cpp");
         });
-        const std::string explanation = "PerformanceCriticalLock detected:\n"
-                                        "  This message is generated when communication is invoked\n"
-                                        "  in a performance critical section of code. Critical sections\n"
-                                        "  include Term::eval(FvBoundary&), Term::eval(FvRegion&).\n"
-                                        "  Communication should be moved outside the critical section\n"
-                                        "  using existing patterns such as a two-pass Term.\n"
-                                        "Back trace : ";
-        EXPECT_EQ(printed.substr(0, explanation.size()), explanation);
-        EXPECT_EQ(printed.find('\n', explanation.size()), printed.size() - 1)
-            << "one line of frames: " << printed;
-        EXPECT_GT(printed.size(), explanation.size() + 1);
+        const std::regex explanation("PerformanceCriticalLock detected:\n"
+                                     "  This message is generated when communication is invoked\n"
+                                     "  in a performance critical section of code. Critical sections\n"
+                                     "  include Term::eval\\(FvBoundary&\\), Term::eval\\(FvRegion&\\).\n"
+                                     "  Communication should be moved outside the critical section\n"
+                                     "  using existing patterns such as a two-pass Term.\n"
+                                     "Back trace : [^\n]+\n");
+        EXPECT_TRUE(std::regex_match(printed, explanation)) << printed;
     }
 }
 
-TEST_F(MachineLocks, temporaryExemptionWantsTheNumberOfAProblem) {
+TEST_F(MachineLocks, WantsTheNumberOfAProblemForATemporaryExemption) {
     constexpr std::pair<const char*, bool> ROWS[] = {
-        {"OXMP-1234", true}, {"OXMP_7", true},    {"OXMP-", true},     {"", false},        {"OXMP", false},
-        {"oxmp-1", false},   {"OXMP1234", false}, {"OXMP-12a", false}, {"OXMP--1", false}, {"XOXMP-1", false},
+        {"OXMP-1234", true}, {"OXMP_7", true},    {"", false},         {"OXMP", false},
+        {"oxmp-1", false},   {"OXMP1234", false}, {"OXMP-12a", false},
     };
     const auto countIn = [](const std::string& text) {
         return std::stoul(text.substr(text.find_first_of("0123456789")));
