@@ -29,7 +29,7 @@ public:
                         {{"pi", "real", "the integral"}, {"ranks", "unsigned", "how many computed it"}}}) {}
     std::string getName() const override { return "ComputePi"; }
 
-    /// Runs on every rank at the same time; what the master puts into its response reaches the client.
+    /// Runs on every rank at the same time; the response of the master reaches the client.
     void execute(const Properties& arguments, Properties& response) override {
         const unsigned intervals = arguments.getUnsignedInt("intervals");
         if (intervals == 0)

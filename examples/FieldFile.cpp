@@ -25,7 +25,7 @@ struct Table {
     std::vector<double> positions, values;
 };
 
-/// What the master reads reaches all ranks, the end of the file too: all come out of the loop together.
+/// All that the master reads reaches all ranks, the end of the file too: all leave the loop together.
 Table readTable(const char* path) {
     InputFileStream file;
     if (!file.open(path))

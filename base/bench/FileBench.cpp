@@ -22,8 +22,8 @@
 #include <string>
 #include <vector>
 
-// What the files of a job cost over what a solver developer would write by hand. With few rounds the files
-// are small: such a run only shows that the benchmark works.
+// The cost of the files of a job over code that a solver developer would write by hand. With few rounds the
+// files are small: such a run only shows that the benchmark works.
 
 namespace {
 
@@ -126,7 +126,7 @@ private:
         });
     }
 
-    /// What the documentation of InputFileStream recommends for many values.
+    /// As the documentation of InputFileStream recommends it for many values.
     void readInBlocks() {
         std::vector<double> values;
         InputFileStream file(path("numbers").c_str());

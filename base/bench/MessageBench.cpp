@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-// What the typed messages cost: over the raw calls that a solver developer would write by hand, and against a
-// peer that takes the same containers.
+// The cost of the typed messages: over the raw calls that a solver developer would write by hand, and against
+// a peer that takes the same containers.
 
 namespace {
 
@@ -148,7 +148,7 @@ private:
         _harness.addCase("cut at 1 MiB", [this](int n) { broadcastAll(_cut, n); });
     }
 
-    /// What is written by hand there sends the same messages as the typed case: no layer above them can be
+    /// The code by hand there sends the same messages as the typed case: no layer above them can be
     /// faster.
     void addPeer() {
         for (const auto& [label, size] : {std::pair{"64 B", 64 * std::size_t{1}}, std::pair{"1 MiB", MIB}}) {

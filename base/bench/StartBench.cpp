@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-// What the start of a job costs: how the ranks of a host learn their hardware, each by itself or one for all,
-// and what the whole view of the hosts takes.
+// The cost of the start of a job: the ranks of a host learn their hardware, each by itself or one for all,
+// and build the whole view of the hosts.
 
 class StartBench {
 public:

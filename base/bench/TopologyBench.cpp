@@ -15,7 +15,7 @@
 #include <numeric>
 #include <string>
 
-// What masks cost over hwloc's bitmaps, and the choice of processors on a large machine.
+// The cost of masks over hwloc's bitmaps, and of the choice of processors on a large machine.
 //
 //     TopologyBench [--rounds N] [--json FILE]
 

@@ -16,7 +16,7 @@
 #include <string_view>
 #include <vector>
 
-// What a rank costs while it waits in noSpinSynchronise, and how late it wakes up.
+// The cost of a rank that waits in noSpinSynchronise, and how late it wakes up.
 //
 //     WaitBench -mpi DRIVER [--rounds N] [--seconds S] [--json FILE]
 

@@ -8,7 +8,7 @@
 #include <stdexcept>
 #include <vector>
 
-// What the dispatch of the wrapper and the translations of a driver cost over the raw calls.
+// The cost of the wrapper's dispatch and of a driver's translations over the raw calls.
 
 namespace {
 

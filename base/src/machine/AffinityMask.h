@@ -64,8 +64,8 @@ private:
 
     using Combine = int (*)(hwloc_bitmap_s* result, const hwloc_bitmap_s* a, const hwloc_bitmap_s* b);
     using Compare = int (*)(const hwloc_bitmap_s* a, const hwloc_bitmap_s* b);
-    /// hwloc's own operations. Called by pointer from here they cost what they cost there, and who includes
-    /// this header needn't link hwloc.
+    /// hwloc's own operations. A call by pointer costs no more than a call inside hwloc, and a program that
+    /// includes this header needn't link hwloc.
     struct Hwloc {
         Combine intersect, unite, differ;
         Compare isEqual, intersects, isIncluded;
@@ -78,7 +78,7 @@ private:
     explicit AffinityMask(const hwloc_bitmap_s* bitmap);
     explicit AffinityMask(std::unique_ptr<hwloc_bitmap_s, Free> bitmap);
 
-    /// `result` becomes what `combine` makes of this set and `rhs`.
+    /// Stores the result of `combine` for this set and `rhs` in `result`.
     AffinityMask& combineInto(AffinityMask& result, Combine combine, const AffinityMask& rhs) const {
         if (combine(result._bitmap.get(), _bitmap.get(), rhs._bitmap.get()) < 0) [[unlikely]]
             throw std::bad_alloc();

@@ -13,7 +13,7 @@
 /// refusal is a line in the log, and the work goes on under the old binding. Main thread; relaxers nest.
 class ORVEX_MACHINE_EXPORT AffinityRelaxer {
 public:
-    /// Who may relax holds one.
+    /// The right to relax: classes that may do it make one.
     class Key {};
 
     AffinityRelaxer(MachineGround::ShmemScope scope, const Key& key);

@@ -23,7 +23,7 @@ struct hwloc_topology;
 /// ascending. An index out of range raises an InternalError.
 class ORVEX_MACHINE_EXPORT CpuTopology {
 public:
-    /// How getLpuSubset() places what it takes.
+    /// Where getLpuSubset() takes LPUs.
     enum LpuSelectionMode : int {
         Spread = 0, ///< over sockets and NUMA nodes
         Compact = 1 ///< from the lowest index on
@@ -40,7 +40,7 @@ public:
     /// The text form, with its last zero byte; empty when nothing was detected.
     std::string toString() const;
 
-    // ---- What can be relied on, and the shape.
+    // ---- Available information, and the shape.
 
     bool reliableLpuInformationAvailable() const;
     bool reliablePhysicalCoreInformationAvailable() const;
@@ -95,11 +95,11 @@ public:
 
     /// All processors of the host; empty when nothing was detected.
     AffinityMask getTopologyMask() const;
-    /// `mask` without what the operating system or the batch system doesn't let this process use, or
-    /// limitTo() took away; `mask` itself when nothing was detected.
+    /// The processors of `mask` that this process may use: the operating system, the batch system and
+    /// limitTo() may take some away. `mask` itself when nothing was detected.
     AffinityMask restrictToAvailableResources(AffinityMask&& mask) const;
-    /// Takes all that isn't in `mask` away from what restrictToAvailableResources() leaves from now on. A
-    /// mask without any available processor changes nothing. Before other threads ask.
+    /// From now on restrictToAvailableResources() takes every processor away that isn't in `mask`. A mask
+    /// without any available processor changes nothing. To be called before other threads ask.
     void limitTo(const AffinityMask& mask);
     AffinityMask getLpuMask(unsigned lpu) const;
     AffinityMask getPhysicalCoreMask(unsigned physicalCore) const;

@@ -12,7 +12,7 @@ public:
     enum ModeEnum : int {
         ON_ALL = 0,          ///< true on every rank
         ON_ANY = 1,          ///< true on one rank at least
-        ON_MASTER = 2,       ///< what the master found
+        ON_MASTER = 2,       ///< the value of the master
         ON_ALL_INVARIANT = 3 ///< the local value: the caller knows that all ranks agree, at no cost
     };
 

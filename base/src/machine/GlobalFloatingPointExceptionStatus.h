@@ -19,7 +19,7 @@ namespace GlobalFloatingPointExceptionStatus {
 
 /// Records a pending fault under `context`, and clears it; a later record replaces an earlier one. Local.
 /// Main thread.
-/// @param context  what was computed; null when that isn't known
+/// @param context  names the computation; null when that isn't known
 ORVEX_MACHINE_EXPORT void TestAndSaveLocalContext(const char* context);
 ORVEX_MACHINE_EXPORT void TestAndSaveLocalContext(const std::string& context);
 

@@ -9,14 +9,14 @@
 
 /// A file that one process reads for all: the serial process, or the master of a job.
 ///
-/// With the broadcast flag set, what the reader gets reaches every rank, and so does the state of the stream:
-/// all ranks take the same branch. With the flag clear an operation is local; a rank that isn't the reader
+/// With the broadcast flag set, every value and the state of the stream reach every rank: all ranks take the
+/// same branch. With the flag clear an operation is local; a rank that isn't the reader
 /// then sees good() and eof() true, bad() and fail() false, and its targets are left alone.
 ///
 /// open() and is_open() are collective over the global communicator in a job. With the flag set so is every
-/// other operation, on the main thread, but for what always stays local: manipulators, ignore(), putback(),
-/// seekg(), clear(), the format, and the extractions into pointers. All ranks make the same calls in the same
-/// order with the same flag. Nothing here throws, but what a broadcast raises.
+/// other operation, on the main thread, except those that always stay local: manipulators, ignore(),
+/// putback(), seekg(), clear(), the format, and the extractions into pointers. All ranks make the same calls
+/// in the same order with the same flag. Nothing here throws except a broadcast that fails.
 ///
 /// Each extraction with the flag set costs a broadcast: 0.1 to 0.5 microseconds with two ranks and more with
 /// many, beside the 0.2 that it takes to read a number. Where many values follow one another, read() takes
@@ -63,14 +63,14 @@ public:
     IStreamWrapper& operator>>(short& value) override;
     IStreamWrapper& operator>>(bool& value) override;
     IStreamWrapper& operator>>(std::string& word) override;
-    /// Where the word ends only the reader knows. @throw InternalError on all ranks with the broadcast flag
-    /// set, when the reader has taken the word
+    /// Only the reader knows where the word ends. @throw InternalError on all ranks with the broadcast flag
+    /// set, after the reader has taken the word
     IStreamWrapper& operator>>(unsigned char* word) override;
     IStreamWrapper& operator>>(char* word) override;
     IStreamWrapper& operator>>(unsigned char& value) override;
     IStreamWrapper& operator>>(char& value) override;
-    /// Reads a block. All `count` characters are broadcast, also those that the file didn't fill: gcount()
-    /// tells.
+    /// Reads a block. All `count` characters are broadcast, also those that the file didn't fill: see
+    /// gcount().
     IStreamWrapper& read(char* target, std::streamsize count) override;
     bool get(char* target, std::streamsize count) override;
     bool get(char& character) override;

@@ -15,8 +15,8 @@ class CpuTopology;
 enum CpuBindingPolicy : int;
 class Properties;
 
-/// This process's view of how the job lies on the machines: which ranks share a host, what its hardware is,
-/// and the communicators within a host and among the first ranks of all hosts.
+/// The hosts of the job as this process sees them: the ranks that share a host, its hardware, and the
+/// communicators within a host and among the first ranks of all hosts.
 ///
 /// Two ranks are on the same host exactly when they report the same host name. Built once by Machine and then
 /// constant; the readers are local and may be called from any thread.
@@ -27,14 +27,14 @@ public:
     using HostPidMap = std::multimap<std::string, std::pair<unsigned, unsigned>>;
 
     /// Collective over the global communicator in a parallel job. Main thread.
-    /// @throw InternalError, or what the message layer makes of a failure, when a message fails; hardware
-    /// that can't be read is no failure
+    /// @throw InternalError, or the error of the message layer, when a message fails; hardware that can't be
+    /// read is no failure
     MachineHost();
     ~MachineHost();
     MachineHost(const MachineHost&) = delete;
     MachineHost& operator=(const MachineHost&) = delete;
 
-    /// What the message layer calls this host, in a serial process the operating system.
+    /// The name that the message layer gives this host, in a serial process the operating system.
     const std::string& getHostName() const { return _hostName; }
     /// Of the whole job.
     unsigned getNumberHosts() const { return _numberHosts; }
@@ -64,10 +64,10 @@ public:
     unsigned getIntraHostRank() const;
     bool firstProcessOnHost() const { return getIntraHostRank() == 0; }
 
-    // Placement. Main thread.
+    // ---- Placement. Main thread.
 
-    /// Under a batch system, makes the union of what it gave the job's processes on this host the limit of
-    /// all placement, also where it is an affinity alone; elsewhere nothing. Collective over the job. Once,
+    /// Under a batch system, limits all placement to the processors that it gave the job's processes on this
+    /// host, also where it gave them by affinity alone; elsewhere nothing. Collective over the job. Once,
     /// before anything is bound.
     /// @param processors  on which this process could run at its start, by the system's numbers
     void keepToBatchJob(const std::vector<unsigned>& processors);
@@ -88,7 +88,7 @@ public:
     bool hasMultipleServersRunning() const;
     /// Whether this server and others are bound to the same cores of this host. Collective over the processes
     /// of the host, and with `verbose`, which has to be equal everywhere, over the job.
-    /// @param verbose  writes what was found on the master's standard output
+    /// @param verbose  writes the findings to the master's standard output
     bool hasCpuContention(bool verbose) const;
     /// Moves the server on this host to cores that no other server holds; looks again after each move and
     /// retries after random pauses, up to 9 s in all. Collective over the processes of the host.
@@ -98,7 +98,7 @@ public:
     /// The same by the policy of the job: that of the option -cpubind, BANDWIDTH_BINDING without it.
     bool resolveCpuContention(bool verbose) const;
 
-    // Reports. Where one is collective: over the global communicator, on the main thread.
+    // ---- Reports. Where one is collective: over the global communicator, on the main thread.
 
     /// The summary that a server prints at its start: printTruncatedProcessSummary().
     void printProcessSummary() const { printTruncatedProcessSummary(); }
@@ -137,8 +137,9 @@ private:
     void gatherProcesses();
     void buildCommunicators();
     void buildTopology();
-    /// The hardware as the first of these processes sees it, for all of them. Where it sees none each looks
-    /// for itself, and what not all have seen none of them knows. Collective over the processes of one host.
+    /// The hardware as the first of these processes reads it, for all of them. When it finds none, each reads
+    /// by itself; unless all find some, the hardware is unknown to all. Collective over the processes of one
+    /// host.
     static std::unique_ptr<CpuTopology> shareTopology(Communicator& processes);
     std::vector<std::string> gatherHostNames() const;
     /// Lowest global rank on a host to the host's name.
@@ -146,7 +147,7 @@ private:
     /// All processors of this host that this process may use.
     AffinityMask getAvailableMask() const;
 
-    // Contention. A stream takes a report on the writer: a serial process or the first of the host.
+    // ---- Contention. A stream takes a report on the writer: a serial process or the first of the host.
     bool isWriter() const;
     std::vector<unsigned> getOtherServerPids(const std::vector<unsigned>& currentPids,
                                              std::ostream* stream) const;
@@ -161,7 +162,7 @@ private:
     MoveResult moveAway(CpuBindingPolicy policy, const std::vector<unsigned>& currentPids) const;
     void pauseBeforeNextAttempt(bool verbose) const;
 
-    // Reports.
+    // ---- Parts of reports.
     bool agreeOnHost(bool value) const;
     bool haveAllSameTopology() const;
     bool haveAllSameNumberOfProcesses() const;

@@ -11,9 +11,9 @@
 ///
 /// open() and is_open() are collective over the global communicator in a job; with the broadcast flag set so
 /// are good(), bad(), fail() and eof(), on the main thread. All else is local. With the flag clear a rank
-/// that doesn't write sees a healthy stream: who must stop all ranks on a failed write sets the flag first,
-/// on all of them. tellp() means something on the writer only. Nothing here throws, but what a broadcast
-/// raises.
+/// that doesn't write sees a healthy stream: a solver that must stop all ranks on a failed write sets the
+/// flag first, on all of them. tellp() is of use on the writer only. Nothing here throws except a broadcast
+/// that fails.
 class ORVEX_MACHINE_EXPORT OutputFileStream : public SlaveOmittedOutputStream {
 public:
     OutputFileStream();
@@ -33,7 +33,7 @@ public:
     /// closed in any case. A pipe that nobody reads is refused. Collective.
     /// @return on all ranks, whether the writer could
     virtual bool open(const char* path, int mode);
-    /// The same for binary output; what the file held is gone.
+    /// The same for binary output; the old content of the file is gone.
     virtual bool open(const char* path);
     /// A failure sets the writer's state. Local.
     virtual void close();

@@ -29,15 +29,15 @@ public:
     /// open(); isOpen() tells whether that worked.
     ParallelFile(Communicator& communicator, const std::wstring& path, int mode);
     ParallelFile(Communicator& communicator, const std::string& path, int mode);
-    /// close(), whose code nobody hears.
+    /// close(), without its code.
     virtual ~ParallelFile();
     ParallelFile(const ParallelFile&) = delete;
     ParallelFile& operator=(const ParallelFile&) = delete;
 
     /// Opens `path`, with hints for striped file systems. A file open before is closed. A directory or a pipe
     /// is refused with OXM_MPI_ERR_BAD_FILE. Collective over `communicator`, which is borrowed until close().
-    /// @param mode  a sum of OXM_MPI_MODE_...; with OXM_MPI_MODE_TRUNCATE what the file held is gone, without
-    /// it stays
+    /// @param mode  a sum of OXM_MPI_MODE_...; OXM_MPI_MODE_TRUNCATE empties the file, without it the content
+    /// stays
     /// @return on all ranks, whether all could; getOpenError() tells why not
     bool open(Communicator& communicator, const std::wstring& path, int mode);
     bool open(Communicator& communicator, const std::string& path, int mode);
@@ -57,18 +57,19 @@ public:
     unsigned long long getFileSize() const;
     Communicator& communicator() const { return *_communicator; }
 
-    // At this rank's file pointer, which moves on. Local. @return this rank's code
+    // ---- Transfers at this rank's file pointer, which moves on. Local. @return this rank's code
     int write(ConstBuffer buffer);
     int read(Buffer buffer);
-    // At `offset` [bytes]. Local. @return this rank's code; writeAt() writes nothing more after a failure
+    // ---- Transfers at `offset` [bytes]. Local. @return this rank's code; writeAt() writes nothing more
+    // after a failure
     int writeAt(long long offset, ConstBuffer buffer);
     int readAt(long long offset, Buffer buffer);
-    // The same, collective over the communicator. @return on all ranks, the smallest code of a rank that
+    // ---- The same, collective over the communicator. @return on all ranks, the smallest code of a rank that
     // failed
     int writeAtAll(long long offset, ConstBuffer buffer);
     int readAtAll(long long offset, Buffer buffer);
 
-    // The same with `count` values of a type that Communicator takes.
+    // ---- The same with `count` values of a type that Communicator takes.
     template <class T>
     int write(const T* values, std::size_t count) {
         return write(Views::viewOf<unsigned>(values, count));

@@ -8,8 +8,8 @@ struct ORVEX_MACHINE_EXPORT FirstPartitionConditional {
     static bool holds();
 };
 
-/// An output stream that writes on the serial process and on rank 0 of a job; the others drop what they are
-/// given. Local.
+/// An output stream that writes on the serial process and on rank 0 of a job; the other ranks drop the
+/// output. Local.
 class ORVEX_MACHINE_EXPORT SlaveOmittedOutputStream
     : public ConditionalOutputStreamWrapper<FirstPartitionConditional> {
 public:

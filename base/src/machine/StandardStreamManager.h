@@ -31,7 +31,7 @@ public:
 
     /// Silences both streams.
     void redirectToNullDevice();
-    /// Ends the silence: each stream is what it was before, or its text file if it was moved meanwhile.
+    /// Ends the silence: each stream is back at its old place, or in its text file if it was moved meanwhile.
     void restore();
     /// Whether at least one of the streams isn't silenced.
     bool hasNullRedirection() const;

@@ -9,7 +9,7 @@ class ORVEX_MACHINE_EXPORT SynchronizedDynamicLoader {
 public:
     /// Made on first use. Main thread.
     static SynchronizedDynamicLoader& getSingleton();
-    /// Deletes it; what is loaded stays loaded. The next use makes a new one. Main thread.
+    /// Deletes it; loaded modules stay loaded. The next use makes a new one. Main thread.
     static void reset();
     SynchronizedDynamicLoader(const SynchronizedDynamicLoader&) = delete;
     SynchronizedDynamicLoader& operator=(const SynchronizedDynamicLoader&) = delete;

@@ -14,30 +14,30 @@ enum WallTimerType : int {
 };
 
 /// A stopwatch for one activity: wall-clock and processor time side by side, each running or not by itself,
-/// which it can also fold over the ranks of a communicator.
+/// and statistics of both over the ranks of a communicator.
 ///
 /// Times are in seconds: those of the intervals that are over, and that of the running one. Starting a clock
 /// that runs begins its interval anew. A value type; belongs to one thread. The collective readers are for
 /// the main thread of every rank of the communicator; in a serial process they give the local value.
 class ORVEX_MACHINE_EXPORT Timer {
 public:
-    /// @param communicator  whom the collective readers ask; null: all processes. Borrowed: it must outlive
-    /// the timer and its copies. A serial process doesn't look at it
+    /// @param communicator  the ranks of the collective readers; null: all processes. Borrowed: it must
+    /// outlive the timer and its copies. A serial process doesn't use it
     explicit Timer(Communicator* communicator = nullptr);
     explicit Timer(WallTimerType type, Communicator* communicator = nullptr);
     Timer(const Timer& other);
     Timer& operator=(const Timer& other);
     ~Timer();
 
-    /// A stopped clock. An unknown type gives the system's, and says so on the standard output.
+    /// A stopped clock. An unknown type gives the system's, with a line on the standard output.
     static std::unique_ptr<WallTimer> createWallTimer(WallTimerType type);
 
     void start();
     void startWallTimer();
     void startCpuTimer();
     /// Stopping a stopped clock has no effect.
-    /// @throw InternalError "WallTimer error" when the running clock refuses the elapsed time: what was
-    /// accumulated and the clock are unchanged then, but stop() has stopped the processor's
+    /// @throw InternalError "WallTimer error" when the running clock refuses the elapsed time: the
+    /// accumulated times and the clock are unchanged then, but stop() has stopped the processor's
     void stop();
     void stopWallTimer();
     void stopCpuTimer();
@@ -45,20 +45,20 @@ public:
     void reset();
     void resetWallTimer();
     void resetCpuTimer();
-    /// Overwrites what was accumulated; running intervals go on.
+    /// Overwrites the accumulated times; running intervals go on.
     void setTimes(double cpuTime, double wallTime);
 
     bool running() const { return cpuTimerRunning() && wallTimerRunning(); }
     bool wallTimerRunning() const;
     bool cpuTimerRunning() const { return _cpuRunning; }
 
-    // Local readings; they stop nothing.
+    // ---- Readings. Local; they stop nothing.
 
     /// @throw InternalError "WallTimer error" as stop() does
     double getWallTime() const;
     double getCpuTime() const;
 
-    // Collective readings. @throw InternalError also when a parallel process has no communicator
+    // ---- Readings. Collective. @throw InternalError also when a parallel process has no communicator
 
     double getMaximumWallTime() const;
     double getMaximumCpuTime() const;

@@ -15,8 +15,7 @@ InputFileStream::InputFileStream(std::shared_ptr<std::ifstream> stream)
 InputFileStream::InputFileStream() : InputFileStream(std::make_shared<std::ifstream>()) {}
 
 InputFileStream::InputFileStream(const char* path) : InputFileStream() {
-    // A file that a rank never reads it needn't touch: thousands at once would be a burden to the file
-    // system.
+    // Only the reader touches the file: thousands of ranks at once would be a burden to the file system.
     if (_isReader)
         openHere(path);
 }
@@ -27,7 +26,7 @@ void InputFileStream::openHere(const char* path) {
     // The standard stream keeps the file that it has when it can't open another.
     if (_stream->is_open())
         _stream->close();
-    // It also opens a directory, to fail at the first read only, and waits for somebody to write to a pipe.
+    // It would also open a directory, which fails at the first read only, or wait for the writer of a pipe.
     if (Platform::filesystem().canBeRead(Platform::filesystem().fromSystem(path)))
         _stream->open(path, std::ios_base::in | std::ios_base::binary);
     else

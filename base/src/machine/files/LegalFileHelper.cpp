@@ -21,12 +21,12 @@ constexpr std::wstring_view RESERVED[] = {
     L"LPT1", L"LPT2", L"LPT3", L"LPT4", L"LPT5", L"LPT6", L"LPT7", L"LPT8", L"LPT9", L"NUL",  L"PRN",
 };
 
-/// What stands before the first ".", in upper case.
+/// The part before the first ".", in upper case.
 std::wstring stemOf(std::wstring_view name) {
     return StringHelper::toUpper(name.substr(0, name.find(L'.')));
 }
 
-/// What the two parts of a name are called in the objections.
+/// The words for the two parts of a name in the objections.
 constexpr const char* FILE_PART = "The file name ";
 constexpr const char* PATH_PART = "The path name ";
 

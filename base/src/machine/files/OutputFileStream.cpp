@@ -13,15 +13,14 @@ OutputFileStream::OutputFileStream(std::shared_ptr<std::ofstream> stream)
 OutputFileStream::OutputFileStream() : OutputFileStream(std::make_shared<std::ofstream>()) {}
 
 OutputFileStream::OutputFileStream(const char* path) : OutputFileStream() {
-    if (holdsCondition()) // a second process would cut off what the first one writes
+    if (holdsCondition()) // a second process would cut off the output of the first
         openHere(path, std::ios_base::out);
 }
 
 OutputFileStream::~OutputFileStream() = default;
 
 void OutputFileStream::openHere(const char* path, std::ios_base::openmode mode) {
-    // The standard stream keeps the file that it has when it can't open another, and waits for somebody to
-    // read a pipe.
+    // The standard stream would keep its file when it can't open another, or wait for the reader of a pipe.
     if (_stream->is_open())
         _stream->close();
     if (Platform::filesystem().canBeWritten(Platform::filesystem().fromSystem(path)))

@@ -16,7 +16,7 @@
 
 namespace {
 
-constexpr int STANDARD_OUTPUT = 1; ///< the descriptor, whatever it stands for
+constexpr int STANDARD_OUTPUT = 1; ///< the descriptor, also when it was redirected
 
 /// Guards all console buffers of the process and what goes out through them. Never destroyed: whatever is
 /// destroyed at the end of the process may still print.
@@ -66,7 +66,7 @@ int ParallelConsoleBuf::enableLogFile(bool on) {
 int ParallelConsoleBuf::openLogLocked() {
     const std::string path = getLogPath(MachineGround::getPartitionId());
     errno = 0;
-    // The file first, without waiting for somebody to read what may be a pipe.
+    // The file first: the console may be a pipe that is read slowly.
     if (Platform::filesystem().createFile(Platform::filesystem().fromSystem(path)))
         _logStream.open(path);
     if (_logStream.is_open())
@@ -131,7 +131,7 @@ void ParallelConsoleBuf::flushLocked() {
         _logStream << block << std::flush;
     if (!_consoleOn)
         return;
-    // A full disk or a closed pipe costs what comes meanwhile, and no more than that.
+    // A full disk or a closed pipe loses the output of that time only.
     const std::string text = (_lostBytes > 0 ? describeLostOutput(_lostBytes) : std::string()) + block;
     _lostBytes =
         Platform::io().write(STANDARD_OUTPUT, text.data(), text.size()) ? 0 : _lostBytes + block.size();

@@ -10,9 +10,9 @@
 /// Stands under a stream of each process of a parallel job: one lock, a prefix with the rank and a log file
 /// where wanted, and one write for each block, so that lines of different threads and ranks don't tear.
 ///
-/// Any thread may write. A block is what was written between two flushes, or a full buffer; each gets the
-/// prefix. Output is never a reason to fail: what can't be written is lost, and so is all output once the
-/// process is exiting.
+/// Any thread may write. A block is the text between two flushes, or a full buffer; each gets the
+/// prefix. Output is never a reason to fail: text that can't be written is lost, and so is all output once
+/// the process is exiting.
 class ORVEX_MACHINE_EXPORT ParallelConsoleBuf : public std::basic_streambuf<char> {
 public:
     /// Puts itself under `target`, which must outlive it.
@@ -28,7 +28,7 @@ public:
     ParallelConsoleBuf(const ParallelConsoleBuf&) = delete;
     ParallelConsoleBuf& operator=(const ParallelConsoleBuf&) = delete;
 
-    // What was written before a switch goes where it was to go before.
+    // A switch is for the text that follows it. Text from before goes where it was to go.
     /// Opens (and empties) or closes the log file.
     /// @return 0, or the system's error number: the file couldn't be opened, and the log is off
     int enableLogFile(bool on);

@@ -103,16 +103,16 @@ ParallelFile::~ParallelFile() {
         // With the agreement of close(): other ranks may call that.
         static_cast<void>(close());
     } catch (const std::exception&) {
-        // The job is ending: nobody is left to be told.
+        // A destructor can't tell of a failure.
     }
 }
 
 bool ParallelFile::open(Communicator& communicator, const std::wstring& path, int mode) {
-    static_cast<void>(close()); // who wants its code closes the file before
+    static_cast<void>(close()); // a caller that wants the code calls close() before
     _communicator = &communicator;
     _name = Platform::filesystem().toSystem(path);
     _openError = fileOpen(mode);
-    // A rank that could open what another couldn't has to leave it open: to close is collective.
+    // A rank that opened a file that another rank couldn't open leaves it open: closing is collective.
     if (_openError != OXM_MPI_SUCCESS)
         _file = 0;
     return isOpen();
@@ -127,7 +127,7 @@ int ParallelFile::close() {
     if (isOpen()) {
         const int closed = fileClose(&_file);
         _file = 0;
-        // Without a message layer nobody is left to agree with.
+        // Without a message layer the ranks can't agree.
         code = closed == OXM_MPI_ERR_NOT_RUNNING
                    ? closed
                    : agree(_writeError != OXM_MPI_SUCCESS ? _writeError : closed);
@@ -383,7 +383,7 @@ void ParallelFile::translatePanfsInfo(int info, std::map<std::string, std::strin
         break;
     }
     default:
-        break; // a layout that nobody here knows
+        break; // an unknown layout
     }
 }
 

@@ -60,7 +60,7 @@ void StreamRedirector::redirectToFile(const std::wstring& path) {
 }
 
 void StreamRedirector::redirect(int descriptor) {
-    // What was written so far belongs where the stream stood; a stream that can't take it has lost it anyway.
+    // Text so far belongs to the old place of the stream. A stream that can't take it has lost it anyway.
     std::fflush(_stream);
     _restoreDescriptor = Platform::io().duplicate(_fileDescriptor);
     // A stream that was closed is closed again in the end; everything else is a failure.
@@ -75,7 +75,7 @@ void StreamRedirector::redirect(int descriptor) {
 }
 
 void StreamRedirector::restore() {
-    // In a destructor nobody can be told that a step failed, and there is no other way to take.
+    // A destructor can't tell of a failure, and there is no other way.
     std::fflush(_stream);
     if (_restoreDescriptor == NO_DESCRIPTOR) {
         static_cast<void>(Platform::io().close(_fileDescriptor));

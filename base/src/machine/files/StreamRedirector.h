@@ -18,10 +18,10 @@ public:
     StreamRedirector(const StreamRedirector&) = delete;
     StreamRedirector& operator=(const StreamRedirector&) = delete;
 
-    /// Has the destructor put the stream on what `descriptor` stands for instead. @throw SystemError when it
-    /// isn't open
+    /// The destructor then moves the stream to `descriptor` instead of its old place. @throw SystemError when
+    /// it isn't open
     void setRestoreDescriptor(int descriptor);
-    /// The descriptor of what the stream was before, -1 when it was closed.
+    /// The descriptor of the stream's old place, -1 when the stream was closed.
     int getOriginalFileStream() const { return _restoreDescriptor; }
 
 private:

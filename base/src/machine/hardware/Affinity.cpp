@@ -9,7 +9,7 @@
 
 namespace {
 
-// What is tried in turn: some systems can't bind strictly, some don't tell a process from its threads.
+// Flags that are tried in turn: some systems can't bind strictly, some don't tell a process from its threads.
 using Flags = std::initializer_list<int>;
 constexpr Flags BIND_THREAD{HWLOC_CPUBIND_THREAD | HWLOC_CPUBIND_STRICT, HWLOC_CPUBIND_THREAD};
 constexpr Flags BIND_PROCESS{HWLOC_CPUBIND_PROCESS | HWLOC_CPUBIND_STRICT, HWLOC_CPUBIND_PROCESS, 0};

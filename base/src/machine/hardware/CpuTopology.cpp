@@ -156,7 +156,7 @@ hwloc_topology* CpuTopology::getHwlocTopology() const {
     return _impl->_topology;
 }
 
-// ---- What can be relied on, and the shape.
+// ---- Available information, and the shape.
 
 bool CpuTopology::reliableLpuInformationAvailable() const {
     return !_impl->_lpus.empty();

@@ -59,7 +59,8 @@ bool CpuTopology::Impl::load(const std::string& text) {
         _topology = nullptr;
         return false;
     }
-    // What this process may not use is wanted too: other servers run there. A failure shows at the loading.
+    // Processors that this process may not use are read too: other servers run there. The loading fails when
+    // this does.
     constexpr unsigned long wholeSystem = HWLOC_TOPOLOGY_FLAG_INCLUDE_DISALLOWED;
     bool isGood = hwloc_topology_set_flags(_topology, wholeSystem) == 0;
     if (isGood && !text.empty())
@@ -278,7 +279,8 @@ CpuTopology::Impl::getObjectsBelow(const HwlocObj& parent, const std::vector<Hwl
         "All objects in 'allTypeObjs' must be of the same type.");
     constexpr const char* operation = "CpuTopology::Impl::getObjectsBelow";
     std::vector<HwlocObj> found;
-    // The list is in tree order, and so is the walk: what comes next in one is mostly next in the other.
+    // The list and the walk are both in tree order, so the next object of one is mostly the next of the
+    // other.
     std::size_t next = 0;
     walk(parent.obj, operation, [&](hwloc_obj_t obj) {
         if (obj->type != allTypeObjs.front().obj->type)

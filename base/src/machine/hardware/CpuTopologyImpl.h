@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-/// What hwloc told, as far as it can be trusted.
+/// The hardware as hwloc tells it, without the levels that can't be trusted.
 ///
 /// Each level is tested for the shape that the queries assume; one that fails is dropped with a warning. An
 /// empty list means that its level is missing. A list of groups that isn't empty is a partition of its
@@ -21,7 +21,7 @@ public:
         hwloc_obj_t obj;
         unsigned index;
     };
-    /// A group: what stands above, and what lies below, ascending by index.
+    /// A group: the object above, and the objects below it in ascending order of their indices.
     struct NestedHwlocObjs : HwlocObj {
         std::vector<HwlocObj> objs;
     };

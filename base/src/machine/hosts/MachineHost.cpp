@@ -87,12 +87,12 @@ std::unique_ptr<CpuTopology> MachineHost::shareTopology(Communicator& processes)
         topology = std::make_unique<CpuTopology>();
         text = topology->toString();
     }
-    // With more processes than processors, who waits in a spin takes the time of the one that looks.
+    // With more processes than processors, a process that spins takes time from the one that reads.
     processes.noSpinBroadcast(text);
     if (!topology || text.empty())
         topology = std::make_unique<CpuTopology>(text);
     if (text.empty()) {
-        // Each has looked for itself, and what follows is decided from it by all of them alike.
+        // Each process has read the hardware by itself. All must come to the same decisions from it.
         bool allKnow = topology->reliableLpuInformationAvailable();
         processes.allReduce(allKnow, Communicator::LOGICAL_AND);
         if (!allKnow)
@@ -164,7 +164,7 @@ void MachineHost::keepToBatchJob(const std::vector<unsigned>& processors) {
 
 int MachineHost::isOverSubscribed() const {
     if (!getCpuTopology().reliableLpuInformationAvailable())
-        return 0; // nobody knows how many cores there are
+        return 0; // the number of cores is unknown
     const std::size_t cores = getCpuTopology().getPhysicalCoresFromMask(getAvailableMask()).size();
     return std::max(0, static_cast<int>(getNumberProcesses()) - static_cast<int>(cores));
 }

@@ -1,4 +1,4 @@
-// Other servers on this host: seen by the operating system's process list, and got out of the way of.
+// Other servers on this host: this one finds them in the list of processes and moves to free cores.
 
 #include "machine/MachineHost.h"
 
@@ -40,7 +40,7 @@ void writePids(std::ostream& out, const char* label, const std::vector<unsigned>
 }
 
 unsigned drawPause() {
-    // A generator of its own for each pause and process: two servers shall not wait in step.
+    // Each pause of each process has its own generator, so that two servers don't wait in step.
     std::mt19937_64 generator(std::random_device{}());
     return std::uniform_int_distribution<unsigned>(SHORTEST_PAUSE, LONGEST_PAUSE)(generator);
 }
@@ -80,7 +80,7 @@ AffinityMask MachineHost::getOccupiedCores(const CpuTopology& topology, const st
         if (mask != available) // else it isn't bound to anything in particular
             occupied |= mask;
     }
-    // Whole cores: who runs on one logical processing unit slows the others of its core down.
+    // Whole cores: a process on one logical processing unit slows the others of the core down.
     return topology.getPhysicalCoreMask(topology.getPhysicalCoresFromMask(occupied));
 }
 

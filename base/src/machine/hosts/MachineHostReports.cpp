@@ -1,4 +1,4 @@
-// What a host tells the user and the client: who runs where, bound to what, on which hardware.
+// Reports of a host for the user and the client: its processes, their bindings and the hardware.
 
 #include "machine/MachineHost.h"
 

@@ -71,7 +71,7 @@ double centreWeight(unsigned index, unsigned count) {
 
 } // namespace
 
-/// What the result is made of, summed over the points of a rank and then over the ranks.
+/// Sums for the result, over the points of a rank and then over the ranks.
 struct HeatConduction::Totals {
     double residualSquare = 0.0;
     double centre = 0.0;

@@ -75,7 +75,7 @@ private:
     }
 };
 
-/// Tells the user on the master, and those who watch the task, how far the work is; ends it when they wish.
+/// Shows the progress on the master's console and to the clients that watch the task; ends when they cancel.
 class Progress {
 public:
     Progress(const Input& input) : _input(input), _task("SolveHeatConduction") {}
@@ -84,7 +84,7 @@ public:
     void tell(unsigned iteration, double residual) {
         if (_input.reportInterval != 0 && iteration % _input.reportInterval == 0)
             print(iteration, residual);
-        // The residual rises now and then; what was told stays told.
+        // The residual rises now and then; the progress that was told doesn't fall.
         _furthest = std::max(_furthest, std::log(residual) / std::log(_input.tolerance));
         _task.advance(_furthest);
     }
