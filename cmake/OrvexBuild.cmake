@@ -1,4 +1,4 @@
-# What every target of the build shares: language level, warnings, sanitizers, output folders.
+# Settings of all targets: language level, warnings, sanitizers, output folders.
 
 set(CMAKE_CXX_STANDARD 20)
 set(CMAKE_CXX_STANDARD_REQUIRED ON)
@@ -12,8 +12,8 @@ if(NOT CMAKE_BUILD_TYPE)
   set(CMAKE_BUILD_TYPE Release)
 endif()
 
-# Programs, libraries and modules lie side by side as they do when installed,
-# so a module is found beside the program in both places.
+# Programs, libraries and modules are side by side as in an installation. So a module is found beside the program in
+# both places.
 set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
 set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
 set(CMAKE_ARCHIVE_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
@@ -26,25 +26,25 @@ if(ORVEX_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
   set(CMAKE_CXX_COMPILER_LAUNCHER ${ORVEX_CCACHE})
 endif()
 
-# A fault inside a command becomes an exception on the thread that caused it, hence the first two.
-# Messages and stack traces name sources relative to the repository, hence the prefix maps; the second
-# is for a ccache that hands the compiler paths relative to the build folder (its `base_dir`).
+# The first two options let a fault inside a command become an exception on the thread that caused it.
+# The prefix maps let messages and stack traces name sources relative to the repository. The second map is for a
+# ccache that gives the compiler paths relative to the build folder (its `base_dir`).
 file(RELATIVE_PATH way_to_sources ${CMAKE_BINARY_DIR} ${CMAKE_SOURCE_DIR}) # ends with a slash
 add_compile_options(-fnon-call-exceptions -fasynchronous-unwind-tables
                     -ffile-prefix-map=${CMAKE_SOURCE_DIR}/= -ffile-prefix-map=${way_to_sources}=)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
-  # clang 14 has no -fnon-call-exceptions for its own code generation; builds with it are for checks.
+  # clang 14 has no -fnon-call-exceptions. Builds with clang serve for checks only.
   add_compile_options(-Qunused-arguments -Wno-ignored-optimization-argument)
 endif()
 
-# Line tables in every kind of build: a stack trace names file and line.
+# Every kind of build has line tables, so that a stack trace names file and line.
 string(APPEND CMAKE_CXX_FLAGS_RELEASE " -g1")
 string(APPEND CMAKE_C_FLAGS_RELEASE " -g1")
 
 add_library(orvex_warnings INTERFACE)
 target_compile_options(orvex_warnings INTERFACE -Wall -Wextra -Wconversion -Wshadow -Werror)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
-  # At -O3 it sees overlaps inside the standard library's `"text" + string`, which aren't there.
+  # At -O3 this warning reports overlaps inside the standard library's `"text" + string` that don't exist.
   target_compile_options(orvex_warnings INTERFACE $<$<COMPILE_LANGUAGE:CXX>:-Wno-restrict>)
 endif()
 
@@ -54,7 +54,7 @@ if(ORVEX_SANITIZER)
 endif()
 
 # orvex_add_library(<target> ALIAS <Orvex::Name> FOLDER <folder under base/src> SOURCES ... HEADERS ...)
-# One floor of the house: a shared library whose public face is HEADERS, installed under include/orvex/<folder>.
+# Adds a shared library for one floor. Its HEADERS are public and are installed under include/orvex/<folder>.
 function(orvex_add_library target)
   cmake_parse_arguments(ARG "" "ALIAS;FOLDER" "SOURCES;HEADERS" ${ARGN})
   add_library(${target} SHARED ${ARG_SOURCES})
@@ -72,7 +72,7 @@ function(orvex_add_library target)
 endfunction()
 
 # orvex_add_module(<target> SOURCES ... LIBRARIES ...)
-# A module that the server loads at run time by the target's name.
+# Adds a module that the server loads at run time by the name of the target.
 function(orvex_add_module target)
   cmake_parse_arguments(ARG "TEST_ONLY" "" "SOURCES;LIBRARIES" ${ARGN})
   add_library(${target} MODULE ${ARG_SOURCES})

@@ -1,4 +1,4 @@
-# What `cmake --install` adds so that find_package(Orvex) works for those who build solver modules.
+# Lets `cmake --install` add the files by which find_package(Orvex) works for projects of solver modules.
 
 if(NOT TARGET OrvexKernel)
   return()
@@ -7,7 +7,7 @@ endif()
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/Orvex)
 configure_package_config_file(${CMAKE_SOURCE_DIR}/cmake/OrvexConfig.cmake.in OrvexConfig.cmake
   INSTALL_DESTINATION ${package_dir} PATH_VARS CMAKE_INSTALL_LIBDIR)
-# Until 1.0 a minor version may change the classes: a module is built against the version that it loads into.
+# Until 1.0 a minor version may change the classes. So a module must be built against the version that loads it.
 write_basic_package_version_file(OrvexConfigVersion.cmake COMPATIBILITY SameMinorVersion)
 install(EXPORT OrvexTargets NAMESPACE Orvex:: DESTINATION ${package_dir})
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/OrvexConfig.cmake ${CMAKE_CURRENT_BINARY_DIR}/OrvexConfigVersion.cmake

@@ -4,7 +4,7 @@ find_package(Python3 REQUIRED COMPONENTS Interpreter)
 find_program(ORVEX_OPENMPI_LAUNCHER NAMES mpirun.openmpi)
 find_program(ORVEX_MPICH_LAUNCHER NAMES mpiexec.mpich mpiexec.hydra)
 
-# The MPIs that can be tested: their driver is built and their launcher is there.
+# The MPIs that can be tested: the driver is built and the launcher is installed.
 set(ORVEX_TESTED_MPIS "")
 if(TARGET OrvexOpenMpi4 AND ORVEX_OPENMPI_LAUNCHER)
   list(APPEND ORVEX_TESTED_MPIS openmpi4)
@@ -17,7 +17,7 @@ if(TARGET OrvexMpich2Ch3 AND ORVEX_MPICH_LAUNCHER)
   set(ORVEX_DRIVER_mpich2 OrvexMpich2Ch3)
 endif()
 
-# Sanitizers take their time.
+# Sanitizers slow the programs down.
 set(ORVEX_TEST_PATIENCE 1)
 if(ORVEX_SANITIZER)
   set(ORVEX_TEST_PATIENCE 4)
@@ -28,9 +28,9 @@ set(ORVEX_RUN_RANKS ${CMAKE_CURRENT_LIST_DIR}/../support/run-ranks.py)
 # orvex_add_parallel_run(<name> COMMAND <program> <argument>... RANKS <count>...
 #                        [SECONDS <for one launch>] [EXPECT <regular expression>...] [MPI <launcher's driver>...]
 #                        [EXIT_VALUE <number>] [DRIVER <driver's name>])
-# One test for each MPI, "parallel.<name>.<mpi>": the program is launched once with each rank count, with
-# "-mpi <mpi>" behind its arguments. With EXPECT each launch has to fail, with these words in its output; with
-# EXIT_VALUE the launcher has to end with that.
+# Adds one test for each MPI, "parallel.<name>.<mpi>". The program is launched once with each rank count, with
+# "-mpi <mpi>" behind its arguments. With EXPECT each launch must fail, with these words in its output. With
+# EXIT_VALUE the launcher must end with that value.
 function(orvex_add_parallel_run name)
   cmake_parse_arguments(ARG "" "SECONDS;DRIVER;EXIT_VALUE" "COMMAND;RANKS;EXPECT;MPI" ${ARGN})
   if(NOT ARG_SECONDS)
@@ -60,14 +60,14 @@ function(orvex_add_parallel_run name)
     add_test(NAME parallel.${name}.${mpi}
       COMMAND ${Python3_EXECUTABLE} -B ${ORVEX_RUN_RANKS} --mpi ${mpi} --launcher ${ORVEX_LAUNCHER_${mpi}}
               ${options} -- ${ARG_COMMAND})
-    # Each job fills the machine; a second one beside it would only cost both their time limits.
+    # Each job fills the machine. Two jobs at a time could both exceed their time limits.
     set_tests_properties(parallel.${name}.${mpi} PROPERTIES
       LABELS parallel TIMEOUT ${timeout} PROCESSORS 2)
   endforeach()
 endfunction()
 
 # orvex_add_parallel_test(<name> SOURCES <test source>... LIBRARIES <target>... RANKS <count>... [SECONDS <for one launch>])
-# A program Parallel<name> of GoogleTest tests (see ParallelTest.h), and its runs under each MPI. One of the sources
+# Adds a program Parallel<name> of GoogleTest tests (see ParallelTest.h), and its runs under each MPI. One of the sources
 # defines startMessageLayer() and stopMessageLayer(); the library OrvexWrapperTestLayer does that for the wrapper.
 function(orvex_add_parallel_test name)
   cmake_parse_arguments(ARG "" "SECONDS" "SOURCES;LIBRARIES;RANKS" ${ARGN})
