@@ -2,7 +2,7 @@
 //
 //   orvexctl ComputePi intervals=1000000
 //
-// While it runs, orvexctl status tells how far it is, and orvexctl cancel ends it.
+// While the command runs, "orvexctl status" shows its progress, and "orvexctl cancel" ends it.
 
 #include "kernel/Command.h"
 #include "kernel/Controller.h"
@@ -19,7 +19,7 @@
 
 namespace {
 
-constexpr unsigned long BLOCK = 1000000; ///< intervals between two looks at the client's wishes
+constexpr unsigned long BLOCK = 1000000; ///< intervals between two calls of Task::advance()
 
 class ComputePi : public QueryCommand {
 public:
@@ -29,7 +29,7 @@ public:
                         {{"pi", "real", "the integral"}, {"ranks", "unsigned", "how many computed it"}}}) {}
     std::string getName() const override { return "ComputePi"; }
 
-    /// Runs on every rank at the same time; the response of the master reaches the client.
+    /// Runs on every rank at the same time. The client receives the response of the master.
     void execute(const Properties& arguments, Properties& response) override {
         const unsigned intervals = arguments.getUnsignedInt("intervals");
         if (intervals == 0)
@@ -38,7 +38,7 @@ public:
         Task task(getName());
         double sum = 0.0;
         for (unsigned long begin = 0; begin < intervals; begin += BLOCK) {
-            // All ranks come here equally often. When the client cancels, all leave here by the same error.
+            // All ranks come here equally often. After a cancel all of them leave here by the same error.
             task.advance(double(begin) / intervals);
             const unsigned long end = std::min<unsigned long>(begin + BLOCK, intervals);
             for (unsigned long i = begin + Machine::getPartitionId(); i < end; i += Machine::nProcesses()) {

@@ -2,8 +2,8 @@
 //
 //   mpirun -np 4 field_file table.txt field.bin -mpi openmpi4
 //
-// The table holds the number of points, then a position and a value for each of its rows. The file holds a
-// double for each point of [0, 1], between the rows on a straight line.
+// The table holds the number of points, then rows of a position and a value. The file holds a double for each
+// point of [0, 1]. Between two rows the value is interpolated linearly.
 
 #include "machine/Communicator.h"
 #include "machine/InputFileStream.h"
@@ -25,7 +25,7 @@ struct Table {
     std::vector<double> positions, values;
 };
 
-/// All that the master reads reaches all ranks, the end of the file too: all leave the loop together.
+/// All ranks get the values that the master reads, and the end of the file. So all leave the loop together.
 Table readTable(const char* path) {
     InputFileStream file;
     if (!file.open(path))
@@ -53,7 +53,7 @@ double interpolate(const Table& table, double x) {
     return table.values[row - 1] + share * (table.values[row] - table.values[row - 1]);
 }
 
-/// Each rank computes and writes its own part. A full disk, for example, is told to all ranks alike.
+/// Each rank computes and writes its own part. All ranks get the same error, for example that of a full disk.
 void writeField(const Table& table, const std::string& path) {
     Communicator& ranks = Machine::globalCommunicator();
     const std::size_t begin = table.points * std::size_t(ranks.myRank()) / ranks.size();
@@ -66,7 +66,7 @@ void writeField(const Table& table, const std::string& path) {
         throw std::runtime_error("can't create " + path + ": " +
                                  ParallelFile::getErrorStr(file.getOpenError()));
     file.writeAtAll(static_cast<long long>(begin * sizeof(double)), part.data(), part.size());
-    // close() also tells of the writes before. After several of them it is enough to look here.
+    // close() also reports failures of the writes before it. After several writes one check here is enough.
     const int code = file.close();
     if (code != OXM_MPI_SUCCESS)
         throw std::runtime_error("can't write " + path + ": " + ParallelFile::getErrorStr(code));

@@ -18,7 +18,7 @@ namespace {
 constexpr unsigned POINTS_PER_RANK = 8;
 constexpr double LEFT = 0.0, RIGHT = 1.0; // the temperatures at the ends
 
-/// Fills the points at both ends of a piece with the neighbours' values.
+/// Fills the points at both ends of a piece with the values of the neighbours.
 void exchange(std::vector<double>& piece, Communicator& ranks) {
     const unsigned rank = ranks.myRank();
     const std::size_t last = piece.size() - 2;
@@ -28,7 +28,7 @@ void exchange(std::vector<double>& piece, Communicator& ranks) {
         ranks.sendrecv(&piece[1], 1, rank - 1, &piece[0], 1, rank - 1);
 }
 
-/// Relaxes until no point changes by more than `tolerance`; the number of sweeps.
+/// Relaxes until no point changes by `tolerance` or more. @return the number of sweeps
 unsigned solve(std::vector<double>& piece, double tolerance) {
     std::vector<double> next = piece;
     for (unsigned sweep = 1;; ++sweep) {
@@ -48,7 +48,7 @@ unsigned solve(std::vector<double>& piece, double tolerance) {
     }
 }
 
-/// The steady temperature is a straight line: how far a rank is off it.
+/// Returns the largest distance of any rank's values from the steady temperature, which is a straight line.
 double largestError(const std::vector<double>& piece) {
     const unsigned first = Machine::getPartitionId() * POINTS_PER_RANK;
     const double step = (RIGHT - LEFT) / (Machine::nProcesses() * POINTS_PER_RANK + 1);

@@ -1,10 +1,10 @@
-// A module with a library that wants the MPI communicator itself: all ranks write one field into an HDF5
-// file, each its own part, and each reads back the part of the next rank.
+// A module with a library that needs the MPI communicator itself. All ranks write one field into an HDF5
+// file, each its own part. Then each rank reads back the part of the next rank.
 //
 //   orvexctl StoreInHdf5 path=field.h5 points=1000000
 //
-// It is built once for each MPI library whose parallel HDF5 is found; a server that runs with the other
-// library refuses the command.
+// The module is built once for each MPI library whose parallel HDF5 is found. A server that runs with the
+// other library refuses the command.
 
 #include "kernel/Command.h"
 #include "kernel/Controller.h"
@@ -54,7 +54,7 @@ private:
     herr_t (*_close)(hid_t);
 };
 
-/// The points of one rank: they follow those of the rank before.
+/// The points of one rank. They follow those of the previous rank.
 struct Part {
     hsize_t begin, count;
 

@@ -4,9 +4,9 @@
         subprocess.run(cluster.job("openmpi", [3, 2, 2], "program", "argument"))
         subprocess.run(cluster.on(0, "program", "argument"))
 
-A host is one process that stands where a login server would: it starts programs on request (see remote.py). What ran
-on the hosts ends with them. They share the processors and the file system, and all see each other's processes unless
-asked otherwise. Needs root.
+A host is one process that works like a login server: it starts programs on request (see remote.py). When a host ends, all
+its programs end. The hosts share the processors and the file system. By default each host sees the processes of the
+others. Needs root.
 """
 import os
 import pathlib
@@ -17,7 +17,7 @@ import sys
 import tempfile
 import time
 
-MARK = "ORVEX_TEST_CLUSTER"  # in the environment of what runs on the hosts
+MARK = "ORVEX_TEST_CLUSTER"  # in the environment of each process on the hosts
 REMOTE = pathlib.Path(__file__).with_name("remote.py")
 LAUNCHERS = {"openmpi": "mpirun.openmpi", "mpich": "mpiexec.mpich"}
 NETWORK = "10.213.7"
@@ -40,8 +40,9 @@ def is_possible():
 
 
 class Cluster:
-    """`own_processes`: no host sees what runs on another. Open MPI alone works so; MPICH takes all hosts of a machine
-    for one and hands memory across, and by the network alone even a bare program hangs at its end now and then."""
+    """With `own_processes` no host sees the processes of another. Only Open MPI works in this way. MPICH takes all hosts
+    of a machine for one host and shares memory between them. When it is limited to the network, even a bare program
+    sometimes hangs at its end."""
 
     def __init__(self, hosts, own_processes=False):
         self.names = [name_of(host) for host in range(hosts)]
@@ -56,11 +57,11 @@ class Cluster:
         try:
             lines = [f"{NETWORK}.{host + 1} {name}" for host, name in enumerate(self.names)]
             (self._folder / "hosts").write_text("\n".join(["127.0.0.1 localhost", *lines, ""]))
-            # The launchers call this where they would call a remote shell.
+            # The launchers call this program instead of a remote shell.
             agent = self._folder / "agent"
             agent.write_text(f'#!/bin/sh\nexec "{sys.executable}" -B "{REMOTE}" --shell "{self._folder}" "$@"\n')
             agent.chmod(0o700)
-            # One more, nameless: the switch that the cables run to.
+            # One more host without a name: the switch, to which the cables run.
             for name in ["switch", *self.names]:
                 self._start(name)
             self._connect()
@@ -71,14 +72,14 @@ class Cluster:
 
     def __exit__(self, *_):
         for process in self._processes:
-            process.kill()  # the first process of the host goes with it
+            process.kill()  # the first process of the host ends with it
         mark = f"{MARK}={self._folder}".encode()
         for entry in pathlib.Path("/proc").iterdir():
             try:
                 if entry.name.isdigit() and mark in (entry / "environ").read_bytes().split(b"\0"):
                     os.kill(int(entry.name), signal.SIGKILL)
             except OSError:
-                pass  # ended meanwhile
+                pass  # it has ended meanwhile
         for process in self._processes:
             process.wait()
         shutil.rmtree(self._folder, ignore_errors=True)
@@ -93,11 +94,11 @@ class Cluster:
             time.sleep(0.01)
 
     def _connect(self):
-        """A cable from each host to the switch."""
+        """Makes a cable from each host to the switch."""
         def ip(host, *words):
             subprocess.run(self.on(host, "ip", *words), check=True, timeout=PATIENCE)
 
-        # The process that unshare started, as this side of the namespaces sees it.
+        # The process that unshare started, by its identifier outside the namespaces.
         children = [int(pathlib.Path(f"/proc/{p.pid}/task/{p.pid}/children").read_text()) for p in self._processes]
         ip("switch", "link", "add", "hub", "type", "bridge")
         ip("switch", "link", "set", "hub", "up")
@@ -110,12 +111,12 @@ class Cluster:
             ip(host, "link", "set", "eth0", "up")
 
     def on(self, host, *command):
-        """The words of a command that runs `command` on a host, with its streams, its folder and environment."""
+        """Returns the words that run `command` on a host, with the streams, folder and environment of this process."""
         name = host if isinstance(host, str) else self.names[host]
         return [sys.executable, "-B", str(REMOTE), "--on", str(self._folder), name, *map(str, command)]
 
     def job(self, mpi, slots, *program):
-        """The same for a job: `slots[i]` ranks on host i, in that order. The launcher runs on the first host."""
+        """Returns the same for a job: `slots[i]` ranks on host i, in that order. The launcher runs on the first host."""
         agent = str(self._folder / "agent")
         hosts = ",".join(f"{name}:{count}" for name, count in zip(self.names, slots) if count)
         if mpi == "openmpi":

@@ -1,8 +1,8 @@
-"""The login server of a host made of namespaces, and what calls it.
+"""The login server of a host made of namespaces, and the program that calls it.
 
-    remote.py --serve FOLDER HOST         the host's first process: starts what is asked for, buries who dies
+    remote.py --serve FOLDER HOST         the host's first process: starts programs on request, collects ended ones
     remote.py --on FOLDER HOST WORD...    runs a program there, with this process's streams, folder and environment
-    remote.py --shell FOLDER [-x]... HOST WORD...   the same as a remote shell: the words are one line for sh
+    remote.py --shell FOLDER [-x]... HOST WORD...   the same in the form of a remote shell: the words are one line for sh
 """
 import array
 import json
@@ -17,7 +17,7 @@ LIMIT = 1 << 20  # [bytes] of a request
 
 
 def receive_request(connection):
-    """What to run, and the standard streams for it."""
+    """Returns the request and the standard streams for its program."""
     descriptors = array.array("i")
     data, ancillary, _, _ = connection.recvmsg(LIMIT, socket.CMSG_SPACE(3 * descriptors.itemsize))
     for level, kind, content in ancillary:
@@ -32,13 +32,13 @@ def receive_request(connection):
 
 
 def attend(connection):
-    """One login, in a process of its own: the program lives as long as its caller, and tells its exit value."""
+    """Serves one login, in a process of its own: ends the program when its caller ends, and sends the exit value."""
     request, streams = receive_request(connection)
     program = subprocess.Popen(request["words"], cwd=request["folder"], env=request["environment"], stdin=streams[0],
                                stdout=streams[1], stderr=streams[2], start_new_session=True)
     for stream in streams:
         os.close(stream)
-    if os.fork() == 0:  # watches the caller
+    if os.fork() == 0:  # this child watches the caller
         if not connection.recv(1):
             try:
                 os.killpg(program.pid, signal.SIGTERM)
@@ -93,7 +93,7 @@ def main():
     if task == "--serve":
         serve(folder, words[0])
     if task == "--shell":
-        while words[0].startswith("-"):  # of a remote shell, without a meaning here
+        while words[0].startswith("-"):  # options of a remote shell, which have no meaning here
             words.pop(0)
         host, *line = words
         return call(folder, host, ["/bin/sh", "-c", " ".join(line)])
