@@ -53,7 +53,7 @@ public:
     /// Whether the driver says that a test for processes bound to the same processor is meaningless.
     static bool disableCpuBindingCollisionTest();
 
-    /// Told just before the message layer closes: whoever holds resources of it lets go of them.
+    /// Told just before the message layer closes, so that the owners of its resources let go of them.
     static TypedSubject<>& getOnFinalizationObservable() { return _onFinalizationObservable; }
     /// Tells the observers, then closes the message layer, also when one of them raises; what it raised comes
     /// out afterwards. Called from within one of these observers, it closes at once. Collective over the job.

@@ -182,7 +182,7 @@ concept Receiver = (FixedSize<V> && !std::is_const_v<V>) || (Contiguous<V> && re
                        requires !std::is_const_v<std::remove_pointer_t<decltype(container.data())>>;
                    });
 
-/// What an operation takes whole; a pointer needs a count beside it.
+/// An object that an operation takes whole; a pointer needs a count beside it.
 template <class V>
 concept Object = !std::is_pointer_v<std::remove_cvref_t<V>> && !std::is_array_v<std::remove_cvref_t<V>>;
 

@@ -4,8 +4,8 @@
 
 #include <atomic>
 
-/// What the exported functions jump to. Always complete: what can't be served now is a refusal.
-/// Rewritten by MpiDispatch, and read and written by MpiFunctionTable alone.
+/// The functions to which the exported ones jump. Always complete: a function that can't be served now
+/// refuses. Rewritten by MpiDispatch, and read and written by MpiFunctionTable alone.
 extern __attribute__((visibility("hidden"))) MpiDriverFunctions activeMpiFunctions;
 
 /// Owns the way of a driver from its module to the active functions and back.
@@ -30,7 +30,7 @@ public:
     }
 
 private:
-    /// What the loaded driver can be asked for.
+    /// How far the wrapper has come: decides which functions answer.
     enum class Phase { NO_DRIVER, LOADED, RUNNING, CLOSED };
     using Text = char[OXM_MPI_MAX_LIBRARY_VERSION_STRING];
 
@@ -42,7 +42,7 @@ private:
     static int store(Text& text, const char* value, int length);
     static int fetch(const Text& text, char* buffer, int* length, int capacity);
 
-    // Plain arrays: whoever calls while the process ends still finds them.
+    // Plain arrays: a thread that calls while the process ends still finds them.
     std::atomic<const MpiDriver*> _driver = nullptr;
     std::atomic<Phase> _phase = Phase::NO_DRIVER;
     bool _hasFiles = false;

@@ -5,8 +5,8 @@
 #include <cstddef>
 #include <cstdint>
 
-// What a driver module and the wrapper agree upon. A driver defines one object of type MpiDriver with the
-// name ORVEX_MPI_DRIVER_SYMBOL; nothing else of it is looked at.
+// The agreement between a driver module and the wrapper. A driver defines one object of type MpiDriver with
+// the name ORVEX_MPI_DRIVER_SYMBOL; nothing else of it is looked at.
 
 /// The functions of a driver, by their names without the prefix. Null: its MPI hasn't got that function.
 struct MpiDriverFunctions {

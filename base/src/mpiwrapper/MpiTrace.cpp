@@ -53,7 +53,7 @@ private:
     std::string_view _rest;
 };
 
-/// What goes into a call, and what comes out of it, as text.
+/// Input and output of a call as text.
 class ArgumentWriter {
 public:
     ArgumentWriter(TraceLine& line, const char* names) : _line(line), _inputs(names), _outputs(names) {}
@@ -94,7 +94,7 @@ private:
             _line.add("=%d", *value);
         }
     }
-    // What the call sets is told after it.
+    // The values that the call sets are told after it.
     void writeInput(std::string_view, OXM_MPI_Aint*) {}
     void writeInput(std::string_view, OXM_MPI_Status_struct*) {}
     void writeInput(std::string_view, char*) {}

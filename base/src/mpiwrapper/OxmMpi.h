@@ -4,15 +4,16 @@
 /// Each function OXM_MPI_<Name> has the meaning and the argument order of the MPI function of that name, with
 /// 32-bit handles, ranks, tags and counts, and returns OXM_MPI_SUCCESS or an error code whose text
 /// OXM_MPI_Error_string gives. No function crashes for want of a driver: before OXM_MPI_Initialize, between
-/// that and OXM_MPI_Init, and after OXM_MPI_Finalize, what needs a running MPI answers with an error code.
+/// that and OXM_MPI_Init, and after OXM_MPI_Finalize, a function that needs a running MPI answers with an
+/// error code.
 ///
-/// What a call leaves behind: one that makes an object sets its handle to 0 when the driver fails or refuses
-/// it. A flag of 0 leaves the status untouched. A failed call tells its code in the status, too. A call that
+/// State after a call: a function that makes an object sets its handle to 0 when the driver fails or refuses.
+/// A flag of 0 leaves the status untouched. A failed call tells its code in the status, too. A call that
 /// the wrapper itself refuses, for want of a driver, of a running MPI or of a function, touches no argument.
 ///
 /// Threads: all calls belong to the thread that called OXM_MPI_Init, except OXM_MPI_Wtime, OXM_MPI_Wtick,
 /// OXM_MPI_Error_string and OXM_MPI_Abort, which any thread may call at any time: while that thread starts or
-/// ends MPI or switches tracing, they do what was right before or what is right afterwards. Collective or
+/// ends MPI or switches tracing, they do what was right before, or what is right afterwards. Collective or
 /// local is as in MPI.
 ///
 /// Usable from C and C++.
@@ -187,8 +188,8 @@ extern "C" {
 typedef long long OXM_MPI_Aint;
 typedef long long OXM_MPI_Offset;
 
-/// What a receive, probe, wait, test or file operation tells. The error field holds the call's return code,
-/// or in the statuses of a failed Waitall or Testall that request's own.
+/// The answer of a receive, probe, wait, test or file operation. The error field holds the call's return
+/// code, or in the statuses of a failed Waitall or Testall that request's own.
 typedef struct OXM_MPI_Status_struct {
     int32_t source;
     int32_t tag;

@@ -56,12 +56,12 @@ Communicator::Communicator(const int& handle) : _handle(handle), _group(OXM_MPI_
 void Communicator::readIdentity() {
     int size = 0;
     int rank = -1;
-    // What these three leave behind tells as much as their codes do.
+    // The values that these three set tell as much as their codes do.
     OXM_MPI_Comm_group(_handle, &_group);
     OXM_MPI_Comm_size(_handle, &size);
     OXM_MPI_Comm_rank(_handle, &rank);
-    ORVEX_ASSERT_AS(size > 0, "size > 0", "Zero or negative MPI comm size");
-    ORVEX_ASSERT_AS(rank >= 0, "rank >= 0", "Negative MPI rank");
+    ORVEX_ASSERT(size > 0, "Zero or negative MPI comm size");
+    ORVEX_ASSERT(rank >= 0, "Negative MPI rank");
     _size = static_cast<unsigned>(size);
     _myRank = static_cast<unsigned>(rank);
     _maxBufferSize = OXM_MPI_Get_max_buffer_size();
@@ -69,8 +69,7 @@ void Communicator::readIdentity() {
     std::array<char, OXM_MPI_MAX_PROCESSOR_NAME> name{};
     int namelen = 0;
     MpiCore::handleError(OXM_MPI_Get_processor_name(name.data(), &namelen));
-    ORVEX_ASSERT_AS(namelen + 1 < OXM_MPI_MAX_PROCESSOR_NAME, "namelen + 1 < OXM_MPI_MAX_PROCESSOR_NAME",
-                    "Overflow on processor name");
+    ORVEX_ASSERT(namelen + 1 < OXM_MPI_MAX_PROCESSOR_NAME, "Overflow on processor name");
     name[static_cast<std::size_t>(std::max(namelen, 0))] = '\0';
     _myName = name.data();
 }
@@ -98,7 +97,7 @@ void Communicator::enableCommunicationTimer(bool on) {
 std::unique_ptr<Communicator> Communicator::createCommunicator(const std::vector<unsigned>& ranks) const {
     MessageGate::pass();
     const unsigned size = _size;
-    ORVEX_ASSERT_AS(ranks.size() <= size, "ranks.size() <= size", "Invalid number of ranks");
+    ORVEX_ASSERT(ranks.size() <= size, "Invalid number of ranks");
     std::vector<int> members;
     members.reserve(ranks.size());
     for (const unsigned rank : ranks) {
@@ -138,5 +137,5 @@ NativeHandle Communicator::nativeHandle() const {
 }
 
 void Communicator::abort(const ExitStatus& status) {
-    OXM_MPI_Abort(_handle, status); // what could be done about a failure of the last resort?
+    OXM_MPI_Abort(_handle, status); // nothing is left to try after a failure
 }

@@ -28,7 +28,7 @@ const int* Communicator::toWrapper(const unsigned* values) const {
 
 // Each of the cutting family cuts only where a smaller piece exists: one element of each rank goes as it is.
 
-void Communicator::broadcast(BufferBase<unsigned> buf, unsigned root) {
+void Communicator::_broadcast(BufferBase<unsigned> buf, unsigned root) {
     if (MessagingGate::isOpen() && buf.size != 0 && !exceedsSizeLimits(buf.size, buf.typeSize)) [[likely]]
         MpiCore::handleError(
             OXM_MPI_Bcast(buf.data, static_cast<int>(buf.size), buf.type, static_cast<int>(root), _handle));
@@ -39,8 +39,8 @@ void Communicator::broadcast(BufferBase<unsigned> buf, unsigned root) {
 void Communicator::broadcastStepwise(BufferBase<unsigned> buf, unsigned root) {
     if (exceedsSizeLimits(buf.size, buf.typeSize) && buf.size > 1) [[unlikely]] {
         const unsigned lower = buf.size / 2;
-        broadcast(partOf(buf, 0u, lower), root);
-        broadcast(partOf(buf, lower, buf.size - lower), root);
+        _broadcast(partOf(buf, 0u, lower), root);
+        _broadcast(partOf(buf, lower, buf.size - lower), root);
         return;
     }
     if (buf.size == 0)
@@ -52,8 +52,8 @@ void Communicator::broadcastStepwise(BufferBase<unsigned> buf, unsigned root) {
                                                               static_cast<int>(root), _handle));
 }
 
-void Communicator::gather(ConstBufferBase<unsigned> sendbuf, BufferBase<unsigned> recvbuf, unsigned root) {
-    ORVEX_ASSERT_AS(sendbuf.type == recvbuf.type, "sendbuf.type == recvbuf.type", "Communicator::gather");
+void Communicator::_gather(ConstBufferBase<unsigned> sendbuf, BufferBase<unsigned> recvbuf, unsigned root) {
+    ORVEX_ASSERT(sendbuf.type == recvbuf.type, "Communicator::gather");
     const bool exceeds = exceedsSizeLimits(static_cast<std::size_t>(sendbuf.size) * _size, sendbuf.typeSize);
     if (exceeds && sendbuf.size > 1) [[unlikely]] {
         cutGather(sendbuf, recvbuf, root);
@@ -65,15 +65,15 @@ void Communicator::gather(ConstBufferBase<unsigned> sendbuf, BufferBase<unsigned
     if (!exceeds)
         checkOversize(recvbuf.size, recvbuf.typeSize);
     checkOversize(sendbuf.size, sendbuf.typeSize);
-    ORVEX_ASSERT_AS(sendbuf.type == recvbuf.type, "sendbuf.type == recvbuf.type", "Mismatch in gather types");
+    ORVEX_ASSERT(sendbuf.type == recvbuf.type, "Mismatch in gather types");
     const auto count = static_cast<int>(sendbuf.size);
     MpiCore::handleError(Frame::run<OXM_MPI_Gather, GATHER>(this, bytesOf(sendbuf), 0, sendbuf.data, count,
                                                             sendbuf.type, recvbuf.data, count, recvbuf.type,
                                                             static_cast<int>(root), _handle));
 }
 
-void Communicator::allGather(ConstBufferBase<unsigned> sendbuf, BufferBase<unsigned> recvbuf) {
-    ORVEX_ASSERT_AS(sendbuf.type == recvbuf.type, "sendbuf.type == recvbuf.type", "Communicator::allGather");
+void Communicator::_allGather(ConstBufferBase<unsigned> sendbuf, BufferBase<unsigned> recvbuf) {
+    ORVEX_ASSERT(sendbuf.type == recvbuf.type, "Communicator::allGather");
     const bool exceeds = exceedsSizeLimits(static_cast<std::size_t>(sendbuf.size) * _size, sendbuf.typeSize);
     if (exceeds && sendbuf.size > 1) [[unlikely]] {
         cutAllGather(sendbuf, recvbuf);
@@ -89,8 +89,8 @@ void Communicator::allGather(ConstBufferBase<unsigned> sendbuf, BufferBase<unsig
                                                                    recvbuf.type, _handle));
 }
 
-void Communicator::scatter(ConstBufferBase<unsigned> sendbuf, BufferBase<unsigned> recvbuf, unsigned root) {
-    ORVEX_ASSERT_AS(sendbuf.type == recvbuf.type, "sendbuf.type == recvbuf.type", "Communicator::scatter");
+void Communicator::_scatter(ConstBufferBase<unsigned> sendbuf, BufferBase<unsigned> recvbuf, unsigned root) {
+    ORVEX_ASSERT(sendbuf.type == recvbuf.type, "Communicator::scatter");
     const bool exceeds = exceedsSizeLimits(static_cast<std::size_t>(recvbuf.size) * _size, recvbuf.typeSize);
     if (exceeds && recvbuf.size > 1) [[unlikely]] {
         cutScatter(sendbuf, recvbuf, root);
@@ -106,10 +106,9 @@ void Communicator::scatter(ConstBufferBase<unsigned> sendbuf, BufferBase<unsigne
         recvbuf.type, static_cast<int>(root), _handle));
 }
 
-void Communicator::gatherVector(ConstBufferBase<int> sendbuf, BufferBase<int> recvbuf,
-                                const unsigned* recvCounts, const unsigned* displacements, unsigned root) {
-    ORVEX_ASSERT_AS(sendbuf.type == recvbuf.type, "sendbuf.type == recvbuf.type",
-                    "Communicator::gatherVector");
+void Communicator::_gatherVector(ConstBufferBase<int> sendbuf, BufferBase<int> recvbuf,
+                                 const unsigned* recvCounts, const unsigned* displacements, unsigned root) {
+    ORVEX_ASSERT(sendbuf.type == recvbuf.type, "Communicator::gatherVector");
     CommunicatorFrame frame(*this, GATHER_VECTOR, bytesOf(sendbuf));
     const bool here = _myRank == root;
     const int* const counts = here ? toWrapper(recvCounts) : nullptr;
@@ -119,10 +118,9 @@ void Communicator::gatherVector(ConstBufferBase<int> sendbuf, BufferBase<int> re
     frame.finish();
 }
 
-void Communicator::scatterVector(ConstBufferBase<int> sendbuf, const unsigned* sendCounts,
-                                 const unsigned* displacements, BufferBase<int> recvbuf, unsigned root) {
-    ORVEX_ASSERT_AS(sendbuf.type == recvbuf.type, "sendbuf.type == recvbuf.type",
-                    "Communicator::scatterVector");
+void Communicator::_scatterVector(ConstBufferBase<int> sendbuf, const unsigned* sendCounts,
+                                  const unsigned* displacements, BufferBase<int> recvbuf, unsigned root) {
+    ORVEX_ASSERT(sendbuf.type == recvbuf.type, "Communicator::scatterVector");
     CommunicatorFrame frame(*this, SCATTER_VECTOR, bytesOf(recvbuf));
     const bool here = _myRank == root;
     const int* const counts = here ? toWrapper(sendCounts) : nullptr;
@@ -132,10 +130,9 @@ void Communicator::scatterVector(ConstBufferBase<int> sendbuf, const unsigned* s
     frame.finish();
 }
 
-void Communicator::allGatherVector(ConstBufferBase<unsigned> sendbuf, BufferBase<unsigned> recvbuf,
-                                   const unsigned* recvCounts, const unsigned* displacements) {
-    ORVEX_ASSERT_AS(sendbuf.type == recvbuf.type, "sendbuf.type == recvbuf.type",
-                    "Communicator::allGatherVector");
+void Communicator::_allGatherVector(ConstBufferBase<unsigned> sendbuf, BufferBase<unsigned> recvbuf,
+                                    const unsigned* recvCounts, const unsigned* displacements) {
+    ORVEX_ASSERT(sendbuf.type == recvbuf.type, "Communicator::allGatherVector");
     if (exceedsSizeLimits(recvbuf.size, recvbuf.typeSize) && isDivisible(recvCounts)) [[unlikely]] {
         cutAllGatherVector(sendbuf, recvbuf, recvCounts, displacements);
         return;
@@ -148,18 +145,18 @@ void Communicator::allGatherVector(ConstBufferBase<unsigned> sendbuf, BufferBase
     frame.finish();
 }
 
-void Communicator::allToAll(ConstBufferBase<int> sendbuf, BufferBase<int> recvbuf) {
-    ORVEX_ASSERT_AS(sendbuf.type == recvbuf.type, "sendbuf.type == recvbuf.type", "Communicator::allToAll");
+void Communicator::_allToAll(ConstBufferBase<int> sendbuf, BufferBase<int> recvbuf) {
+    ORVEX_ASSERT(sendbuf.type == recvbuf.type, "Communicator::allToAll");
     const auto size = static_cast<int>(_size);
     MpiCore::handleError(Frame::run<OXM_MPI_Alltoall, ALL_TO_ALL>(
         this, bytesOf(sendbuf), 0, sendbuf.data, sendbuf.size / size, sendbuf.type, recvbuf.data,
         recvbuf.size / size, recvbuf.type, _handle));
 }
 
-void Communicator::allToAllVector(ConstBufferBase<int> sendbuf, const unsigned* sendCounts,
-                                  const unsigned* sendDisplacements, BufferBase<int> recvbuf,
-                                  const unsigned* recvCounts, const unsigned* recvDisplacements) {
-    ORVEX_ASSERT_AS(sendbuf.type == recvbuf.type, "sendbuf.type == recvbuf.type", "Communicator::allToAll");
+void Communicator::_allToAllVector(ConstBufferBase<int> sendbuf, const unsigned* sendCounts,
+                                   const unsigned* sendDisplacements, BufferBase<int> recvbuf,
+                                   const unsigned* recvCounts, const unsigned* recvDisplacements) {
+    ORVEX_ASSERT(sendbuf.type == recvbuf.type, "Communicator::allToAll");
     CommunicatorFrame frame(*this, ALL_TO_ALL_VECTOR, bytesOf(sendbuf));
     MpiCore::handleError(OXM_MPI_Alltoallv(sendbuf.data, toWrapper(sendCounts), toWrapper(sendDisplacements),
                                            sendbuf.type, recvbuf.data, toWrapper(recvCounts),

@@ -35,7 +35,7 @@ void Communicator::broadcast(std::vector<std::string>& values, unsigned root) {
     values.resize(lengths.size());
     for (std::size_t i = 0; i < values.size(); ++i) {
         values[i].resize(lengths[i]);
-        broadcast(viewOf<unsigned>(values[i].data(), values[i].size()), root);
+        _broadcast(viewOf<unsigned>(values[i].data(), values[i].size()), root);
     }
 }
 
@@ -89,8 +89,8 @@ void Communicator::allGather(const std::set<std::string>& in, std::set<std::stri
     allGatherVector(packed, text, counts);
     allGatherVector(packedLengths, lengths, counts);
     std::set<std::string>::iterator hint = out.begin();
-    // Each rank's strings are sorted, so the place after the last one is mostly right; and most ranks have
-    // the same ones, which shall cost no node.
+    // Each rank's strings are sorted, so the place after the last one is mostly right. Most ranks have the
+    // same strings, and these must cost no node.
     std::string key;
     cutAt(lengths, text, [&](std::size_t, std::string_view piece) {
         if (hint != out.end() && *hint == piece) {

@@ -52,7 +52,7 @@ unsigned long long Communicator::gatherCounts(unsigned long long count, std::vec
         counts.resize(_size);
     checkContribution(count);
     const auto mine = static_cast<unsigned>(count);
-    gather(viewOf<unsigned>(&mine, 1), viewOf<unsigned>(counts.data(), here ? _size : 0), root);
+    _gather(viewOf<unsigned>(&mine, 1), viewOf<unsigned>(counts.data(), here ? _size : 0), root);
     return here ? placeBlocks(counts) : 0;
 }
 
@@ -60,7 +60,7 @@ unsigned long long Communicator::allGatherCounts(unsigned long long count, std::
     counts.resize(_size);
     checkContribution(count);
     const auto mine = static_cast<unsigned>(count);
-    allGather(viewOf<unsigned>(&mine, 1), viewOf<unsigned>(counts.data(), _size));
+    _allGather(viewOf<unsigned>(&mine, 1), viewOf<unsigned>(counts.data(), _size));
     return placeBlocks(counts);
 }
 
@@ -89,12 +89,6 @@ void Communicator::addStrideLength(const unsigned* in, unsigned* out, unsigned s
             out[i] = in[i] * stride;
 }
 
-void Communicator::addStrideLength(const unsigned* inA, const unsigned* inB, unsigned* outA, unsigned* outB,
-                                   unsigned stride) const {
-    addStrideLength(inA, outA, stride);
-    addStrideLength(inB, outB, stride);
-}
-
 void Communicator::subtractStrideLength(const unsigned* in, unsigned* out, unsigned stride) const {
     if (stride != 1)
         for (unsigned i = 0; i < _size; ++i)
@@ -117,14 +111,10 @@ Communicator::ElementCounts::ElementCounts(const Communicator& communicator, con
     if (stride != 1) {
         _counts.resize(ranks);
         std::vector<unsigned> scaled(ranks);
-        communicator.addStrideLength(counts, displacements, _counts.data(), scaled.data(), stride);
+        communicator.addStrideLength(counts, _counts.data(), stride);
+        communicator.addStrideLength(displacements, scaled.data(), stride);
         _displacements.swap(scaled);
         counts = _counts.data();
         displacements = _displacements.data();
     }
-}
-
-std::size_t Communicator::getCuttableTotal(std::size_t total, unsigned typeSize,
-                                           const unsigned* counts) const {
-    return exceedsSizeLimits(total, typeSize) && !isDivisible(counts) ? 0 : total;
 }

@@ -143,11 +143,20 @@ bool Communicator::isDivisible(const unsigned* counts) const {
     return std::any_of(counts, counts + _size, [](unsigned count) { return count > 1; });
 }
 
+std::size_t Communicator::shareTotal(const ConstBufferBase<unsigned>& spread, const unsigned* counts,
+                                     unsigned root) {
+    unsigned long long total = 0;
+    if (_myRank == root && (!exceedsSizeLimits(spread.size, spread.typeSize) || isDivisible(counts)))
+        total = spread.size;
+    _broadcast(viewOf<unsigned>(&total, 1), root);
+    return total;
+}
+
 void Communicator::cutGather(ConstBufferBase<unsigned> sendbuf, BufferBase<unsigned> recvbuf, unsigned root) {
     const unsigned lower = sendbuf.size / 2;
     gatherHalves(partOf(sendbuf, 0u, lower), partOf(sendbuf, lower, sendbuf.size - lower), recvbuf, _size,
                  _myRank == root, [&](ConstBufferBase<unsigned> part, BufferBase<unsigned> result) {
-                     gather(part, result, root);
+                     _gather(part, result, root);
                  });
 }
 
@@ -155,7 +164,7 @@ void Communicator::cutAllGather(ConstBufferBase<unsigned> sendbuf, BufferBase<un
     const unsigned lower = sendbuf.size / 2;
     gatherHalves(
         partOf(sendbuf, 0u, lower), partOf(sendbuf, lower, sendbuf.size - lower), recvbuf, _size, true,
-        [&](ConstBufferBase<unsigned> part, BufferBase<unsigned> result) { allGather(part, result); });
+        [&](ConstBufferBase<unsigned> part, BufferBase<unsigned> result) { _allGather(part, result); });
 }
 
 void Communicator::cutScatter(ConstBufferBase<unsigned> sendbuf, BufferBase<unsigned> recvbuf,
@@ -172,25 +181,21 @@ void Communicator::cutScatter(ConstBufferBase<unsigned> sendbuf, BufferBase<unsi
             pack(
                 sendbuf, room.data(), _size, [=](unsigned) { return size; },
                 [=](unsigned i) { return i * block + first; });
-        scatter(room.view(size * blocks),
-                partOf(recvbuf, static_cast<unsigned>(first), static_cast<unsigned>(size)), root);
+        _scatter(room.view(size * blocks),
+                 partOf(recvbuf, static_cast<unsigned>(first), static_cast<unsigned>(size)), root);
     };
     scatterPart(0, lower);
     scatterPart(lower, upper);
 }
 
-void Communicator::gatherVector(ConstBufferBase<unsigned> sendbuf, BufferBase<unsigned> recvbuf,
-                                const unsigned* recvCounts, const unsigned* displacements, unsigned root) {
-    ORVEX_ASSERT_AS(sendbuf.type == recvbuf.type, "sendbuf.type == recvbuf.type",
-                    "Communicator::gatherVector");
-    unsigned long long total = 0;
-    if (_myRank == root)
-        total = getCuttableTotal(recvbuf.size, recvbuf.typeSize, recvCounts);
-    broadcast(viewOf<unsigned>(&total, 1), root);
+void Communicator::_gatherVector(ConstBufferBase<unsigned> sendbuf, BufferBase<unsigned> recvbuf,
+                                 const unsigned* recvCounts, const unsigned* displacements, unsigned root) {
+    ORVEX_ASSERT(sendbuf.type == recvbuf.type, "Communicator::gatherVector");
+    const std::size_t total = shareTotal(recvbuf, recvCounts, root);
     if (exceedsSizeLimits(total, sendbuf.typeSize))
         cutGatherVector(sendbuf, recvbuf, recvCounts, displacements, root, total);
     else
-        gatherVector(wholeOf(sendbuf), wholeOf(recvbuf), recvCounts, displacements, root);
+        _gatherVector(wholeOf(sendbuf), wholeOf(recvbuf), recvCounts, displacements, root);
 }
 
 void Communicator::cutGatherVector(ConstBufferBase<unsigned> sendbuf, BufferBase<unsigned> recvbuf,
@@ -200,9 +205,9 @@ void Communicator::cutGatherVector(ConstBufferBase<unsigned> sendbuf, BufferBase
     const auto gatherPart = [&](ConstBufferBase<unsigned> part, std::size_t atMost) {
         return [=, this](BufferBase<unsigned> result, const unsigned* counts, const unsigned* positions) {
             if (exceedsSizeLimits(atMost, part.typeSize))
-                gatherVector(part, result, counts, positions, root);
+                _gatherVector(part, result, counts, positions, root);
             else
-                gatherVector(wholeOf(part), wholeOf(result), counts, positions, root);
+                _gatherVector(wholeOf(part), wholeOf(result), counts, positions, root);
         };
     };
     // Only the root knows how many upper halves are one element longer than the lower ones.
@@ -216,25 +221,22 @@ void Communicator::cutAllGatherVector(ConstBufferBase<unsigned> sendbuf, BufferB
     const unsigned lower = sendbuf.size / 2;
     const auto gatherPart = [&](ConstBufferBase<unsigned> part) {
         return [=, this](BufferBase<unsigned> result, const unsigned* counts, const unsigned* positions) {
-            allGatherVector(part, result, counts, positions);
+            _allGatherVector(part, result, counts, positions);
         };
     };
     gatherVectorHalves(recvbuf, recvCounts, displacements, _size, gatherPart(partOf(sendbuf, 0u, lower)),
                        gatherPart(partOf(sendbuf, lower, sendbuf.size - lower)));
 }
 
-void Communicator::scatterVector(ConstBufferBase<unsigned> sendbuf, const unsigned* sendCounts,
-                                 const unsigned* displacements, BufferBase<unsigned> recvbuf, unsigned root) {
-    ORVEX_ASSERT_AS(sendbuf.type == recvbuf.type, "sendbuf.type == recvbuf.type",
-                    "Communicator::scatterVector");
-    unsigned long long total = 0;
-    if (_myRank == root)
-        total = getCuttableTotal(sendbuf.size, sendbuf.typeSize, sendCounts);
-    broadcast(viewOf<unsigned>(&total, 1), root);
+void Communicator::_scatterVector(ConstBufferBase<unsigned> sendbuf, const unsigned* sendCounts,
+                                  const unsigned* displacements, BufferBase<unsigned> recvbuf,
+                                  unsigned root) {
+    ORVEX_ASSERT(sendbuf.type == recvbuf.type, "Communicator::scatterVector");
+    const std::size_t total = shareTotal(sendbuf, sendCounts, root);
     if (exceedsSizeLimits(total, sendbuf.typeSize))
         cutScatterVector(sendbuf, sendCounts, displacements, recvbuf, root, total);
     else
-        scatterVector(wholeOf(sendbuf), sendCounts, displacements, wholeOf(recvbuf), root);
+        _scatterVector(wholeOf(sendbuf), sendCounts, displacements, wholeOf(recvbuf), root);
 }
 
 void Communicator::cutScatterVector(ConstBufferBase<unsigned> sendbuf, const unsigned* sendCounts,
@@ -253,9 +255,9 @@ void Communicator::cutScatterVector(ConstBufferBase<unsigned> sendbuf, const uns
             });
         const ConstBufferBase<unsigned> source = room.view(partTotal);
         if (exceedsSizeLimits(atMost, part.typeSize))
-            scatterVector(source, counts.data(), positions.data(), part, root);
+            _scatterVector(source, counts.data(), positions.data(), part, root);
         else
-            scatterVector(wholeOf(source), counts.data(), positions.data(), wholeOf(part), root);
+            _scatterVector(wholeOf(source), counts.data(), positions.data(), wholeOf(part), root);
     };
     const unsigned lower = recvbuf.size / 2;
     scatterPart(halves.lowerCounts, halves.lowerDisplacements, halves.lowerTotal, false,

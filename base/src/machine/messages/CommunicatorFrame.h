@@ -2,9 +2,9 @@
 
 #include "kernel/MessagingGate.h"
 #include "machine/Communicator.h"
-#include "machine/CommunicatorStatistics.h"
+#include "machine/messages/CommunicatorStatistics.h"
 
-/// What stands around every wrapper call of Communicator: the gate, the communication timer, the statistics.
+/// The frame around every wrapper call of Communicator: the gate, the communication timer, the statistics.
 ///
 /// With nothing locked, timed or counted all of it is one test of a thread-local word. The rest is out of
 /// line.

@@ -1,14 +1,11 @@
 #include "machine/Communicator.h"
 
-#include "machine/PersistentRequestStack.h"
-#include "machine/RequestStack.h"
 #include "machine/messages/CommunicatorFrame.h"
+#include "machine/messages/MessageTags.h"
 
 #include "mpiwrapper/OxmMpi.h"
 
 namespace {
-
-constexpr int SENDRECV_TAG = 0;
 
 using Frame = CommunicatorFrame;
 constexpr Frame::Operation SEND = Frame::pointToPoint("Communicator::Send");
@@ -63,7 +60,7 @@ private:
     int* _address;
 };
 
-/// What the non-blocking operations share: they differ in the wrapper call.
+/// The common part of the non-blocking operations, which differ in the wrapper call.
 template <auto call, const Frame::Operation& operation, class View>
 void begin(Communicator& communicator, const View& buf, int partner, MpiCore::RequestStack& requests, int tag,
            unsigned counted) {
@@ -101,7 +98,7 @@ void Communicator::recvFrame(void* data, int size, int type, unsigned source, in
     frame.finish(source);
 }
 
-void Communicator::recvFromAny(BufferBase<int> buf, unsigned& source, Tag tag) {
+void Communicator::_recvFromAny(BufferBase<int> buf, unsigned& source, Tag tag) {
     CommunicatorFrame frame(*this, RECV, bytesOf(buf));
     OXM_MPI_Status_struct status{};
     const int code =
@@ -111,42 +108,43 @@ void Communicator::recvFromAny(BufferBase<int> buf, unsigned& source, Tag tag) {
     frame.finish(source);
 }
 
-void Communicator::sendrecv(ConstBufferBase<int> sendbuf, unsigned dest, BufferBase<int> recvbuf,
-                            unsigned source) {
-    ORVEX_ASSERT_AS(sendbuf.type == recvbuf.type, "sendbuf.type == recvbuf.type", "Communicator::sendrecv");
+void Communicator::_sendrecv(ConstBufferBase<int> sendbuf, unsigned dest, BufferBase<int> recvbuf,
+                             unsigned source) {
+    ORVEX_ASSERT(sendbuf.type == recvbuf.type, "Communicator::sendrecv");
     ORVEX_ASSERT_AS(dest != _myRank && source != _myRank, "dest!=_myRank && source!=_myRank",
                     "Cannot sendrecv to/from self");
     CommunicatorFrame frame(*this, SEND_RECV, bytesOf(sendbuf));
     OXM_MPI_Status_struct status{};
     const int code = OXM_MPI_Sendrecv(sendbuf.data, sendbuf.size, sendbuf.type, static_cast<int>(dest),
-                                      SENDRECV_TAG, recvbuf.data, recvbuf.size, recvbuf.type,
-                                      static_cast<int>(source), SENDRECV_TAG, _handle, &status);
+                                      MessageTags::SENDRECV, recvbuf.data, recvbuf.size, recvbuf.type,
+                                      static_cast<int>(source), MessageTags::SENDRECV, _handle, &status);
     MpiCore::handleError(code, status);
     frame.finish(source);
 }
 
-void Communicator::iSend(ConstBufferBase<int> buf, unsigned dest, RequestStack& requests, Tag tag) {
+void Communicator::_iSend(ConstBufferBase<int> buf, unsigned dest, RequestStack& requests, Tag tag) {
     checkSend(dest, _myRank);
     begin<OXM_MPI_Isend, I_SEND>(*this, buf, static_cast<int>(dest), requests, tag.value(), dest);
 }
 
-void Communicator::iSyncSend(ConstBufferBase<int> buf, unsigned dest, RequestStack& requests, Tag tag) {
+void Communicator::_iSyncSend(ConstBufferBase<int> buf, unsigned dest, RequestStack& requests, Tag tag) {
     checkSend(dest, _myRank);
     begin<OXM_MPI_Issend, I_SEND>(*this, buf, static_cast<int>(dest), requests, tag.value(), dest);
 }
 
-void Communicator::iRecv(BufferBase<int> buf, unsigned source, RequestStack& requests, Tag tag) {
+void Communicator::_iRecv(BufferBase<int> buf, unsigned source, RequestStack& requests, Tag tag) {
     checkRecv(source, _myRank);
     begin<OXM_MPI_Irecv, I_RECV>(*this, buf, static_cast<int>(source), requests, tag.value(), source);
     requests._isReceiving.back() = true;
 }
 
-void Communicator::iRecvFromAny(BufferBase<int> buf, RequestStack& requests, Tag tag) {
+void Communicator::_iRecvFromAny(BufferBase<int> buf, RequestStack& requests, Tag tag) {
     begin<OXM_MPI_Irecv, I_RECV>(*this, buf, OXM_MPI_ANY_SOURCE, requests, tag.value(), 0);
     requests._isReceiving.back() = true;
 }
 
-void Communicator::recvInit(BufferBase<int> buf, unsigned source, PersistentRequestStack& requests, Tag tag) {
+void Communicator::_recvInit(BufferBase<int> buf, unsigned source, PersistentRequestStack& requests,
+                             Tag tag) {
     checkRecv(source, _myRank);
     begin<OXM_MPI_Recv_init, RECV_INIT>(*this, buf, static_cast<int>(source), requests, tag.value(), source);
 }

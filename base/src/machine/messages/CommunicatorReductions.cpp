@@ -21,7 +21,7 @@ class TemporaryOperation {
 public:
     TemporaryOperation(Communicator::ReductionFunction function, int commutes) {
         const int err = OXM_MPI_Op_create(function, commutes, &_op);
-        ORVEX_ASSERT_AS(err == OXM_MPI_SUCCESS, "err == OXM_MPI_SUCCESS", "Failed to create reduction op");
+        ORVEX_ASSERT(err == OXM_MPI_SUCCESS, "Failed to create reduction op");
     }
     ~TemporaryOperation() {
         if (_op != OXM_MPI_OP_NULL)
@@ -34,7 +34,7 @@ public:
     void free() {
         int op = std::exchange(_op, OXM_MPI_OP_NULL);
         const int err = OXM_MPI_Op_free(&op);
-        ORVEX_ASSERT_AS(err == OXM_MPI_SUCCESS, "err == OXM_MPI_SUCCESS", "Failed to delete reduction op");
+        ORVEX_ASSERT(err == OXM_MPI_SUCCESS, "Failed to delete reduction op");
     }
 
 private:
@@ -106,9 +106,8 @@ void Communicator::_scan(const CustomReductionBuffer& buffer, ReductionFunction 
     operation.free();
 }
 
-void Communicator::reduceScatter(ConstBufferBase<int> sendbuf, BufferBase<int> recvbuf, int op) {
-    ORVEX_ASSERT_AS(sendbuf.type == recvbuf.type, "sendbuf.type == recvbuf.type",
-                    "Communicator::reduceScatter : mismatched types");
+void Communicator::_reduceScatter(ConstBufferBase<int> sendbuf, BufferBase<int> recvbuf, int op) {
+    ORVEX_ASSERT(sendbuf.type == recvbuf.type, "Communicator::reduceScatter : mismatched types");
     ORVEX_ASSERT_AS(sendbuf.size == static_cast<long long>(_size) * recvbuf.size,
                     "sendbuf.size == SizeType(size())*recvbuf.size",
                     "Communicator::reduceScatter : mismatched counts");

@@ -1,5 +1,7 @@
 #include "machine/Communicator.h"
 
+#include "machine/messages/MessageTags.h"
+
 #include "mpiwrapper/OxmMpi.h"
 
 #include <iostream>
@@ -7,7 +9,6 @@
 
 namespace {
 
-constexpr int TEST_TAG = 0;
 constexpr unsigned CHECK_OFFSET = 1000;
 
 } // namespace
@@ -18,14 +19,14 @@ void Communicator::testCommunicator() {
     broadcast(check, _master);
     if (_myRank == _master) {
         for (unsigned src = 1; src < _size; ++src) {
-            recv(check, src, TEST_TAG);
+            recv(check, src, MessageTags::SELF_TEST);
             std::cout << "Comm " << _myName << ": received " << check << " from " << src << std::endl;
             ORVEX_ASSERT_AS(check - CHECK_OFFSET == src, "check-1000==src", "Communicator failed recv check");
         }
     } else {
-        ORVEX_ASSERT_AS(check == _master, "check == _master", "Communicator failed broadcast check");
+        ORVEX_ASSERT(check == _master, "Communicator failed broadcast check");
         check = _myRank + CHECK_OFFSET;
-        send(check, _master, TEST_TAG);
+        send(check, _master, MessageTags::SELF_TEST);
     }
 }
 
@@ -38,10 +39,12 @@ double Communicator::getSendRecvSpeed(unsigned partner, bool sender, unsigned me
         OXM_MPI_Status_struct status{};
         const auto rank = static_cast<int>(partner);
         if (sender)
-            MpiCore::handleError(OXM_MPI_Ssend(outgoing.get(), count, OXM_MPI_CHAR, rank, TEST_TAG, _handle));
-        else
             MpiCore::handleError(
-                OXM_MPI_Recv(incoming.get(), count, OXM_MPI_CHAR, rank, TEST_TAG, _handle, &status), status);
+                OXM_MPI_Ssend(outgoing.get(), count, OXM_MPI_CHAR, rank, MessageTags::SELF_TEST, _handle));
+        else
+            MpiCore::handleError(OXM_MPI_Recv(incoming.get(), count, OXM_MPI_CHAR, rank,
+                                              MessageTags::SELF_TEST, _handle, &status),
+                                 status);
     };
 
     transfer(); // opens the connection

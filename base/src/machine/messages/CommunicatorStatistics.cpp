@@ -1,4 +1,4 @@
-#include "machine/CommunicatorStatistics.h"
+#include "machine/messages/CommunicatorStatistics.h"
 
 #include "kernel/MessagingGate.h"
 

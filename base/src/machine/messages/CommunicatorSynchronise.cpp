@@ -1,8 +1,8 @@
 #include "machine/Communicator.h"
 
 #include "machine/MachineGround.h"
-#include "machine/RequestStack.h"
 #include "machine/messages/CommunicatorFrame.h"
+#include "machine/messages/MessageTags.h"
 
 #include "mpiwrapper/OxmMpi.h"
 #include "platform/Time.h"
@@ -11,8 +11,6 @@
 #include <string>
 
 namespace {
-
-constexpr unsigned SYNCHRONISE_TAG = 1022;
 
 constexpr CommunicatorFrame::Operation SYNCHRONISE = CommunicatorFrame::global("Communicator::Synchronise");
 
@@ -44,6 +42,7 @@ void Communicator::synchronise() {
 }
 
 void Communicator::noSpinSynchronise(double spinTime) {
+    constexpr Tag tag(MessageTags::SYNCHRONISE);
     static const unsigned sleep = getSleep(MachineGround::nProcesses());
     const unsigned parent = (_myRank - 1) / 2; // of no use to rank 0
     const unsigned first = 2 * _myRank + 1;
@@ -53,7 +52,7 @@ void Communicator::noSpinSynchronise(double spinTime) {
     RequestStack receives;
     RequestStack sends;
     const auto await = [&] {
-        if (!test(receives)) { // whom everybody waited for needs no clock
+        if (!test(receives)) { // the last rank to come needs no clock
             const double start = Platform::time().getTime();
             while (!test(receives))
                 if (Platform::time().getTime() - start > spinTime)
@@ -63,26 +62,27 @@ void Communicator::noSpinSynchronise(double spinTime) {
     };
 
     for (unsigned child = first; child < end; ++child)
-        iRecv(nothingIn, child, receives, SYNCHRONISE_TAG);
+        _iRecv(nothingIn, child, receives, tag);
     await();
     if (_myRank != _master) {
-        iSend(nothingOut, parent, sends, SYNCHRONISE_TAG);
-        iRecv(nothingIn, parent, receives, SYNCHRONISE_TAG);
+        _iSend(nothingOut, parent, sends, tag);
+        _iRecv(nothingIn, parent, receives, tag);
         await();
         wait(sends);
     }
     for (unsigned child = first; child < end; ++child)
-        iSend(nothingOut, child, sends, SYNCHRONISE_TAG);
+        _iSend(nothingOut, child, sends, tag);
     wait(sends);
 }
 
 void Communicator::noSpinBroadcast(std::string& text) {
+    constexpr Tag tag(Tag::Unchecked{}, MessageTags::SLEEPING_BROADCAST);
     unsigned long long length = text.size();
     if (_myRank != _master) {
         const unsigned parent = (_myRank - 1) / 2;
         const auto await = [&](auto* data, std::size_t count) {
             RequestStack receives;
-            iRecv(data, count, parent, receives, SYNCHRONISE_TAG);
+            iRecv(data, count, parent, receives, tag);
             for (ShortSleep sleep; !test(receives);)
                 sleep.next();
         };
@@ -92,7 +92,7 @@ void Communicator::noSpinBroadcast(std::string& text) {
     }
     const unsigned first = 2 * _myRank + 1;
     for (unsigned child = first; child < std::min(first + 2, _size); ++child) {
-        send(&length, 1, child, SYNCHRONISE_TAG);
-        send(text.data(), text.size(), child, SYNCHRONISE_TAG);
+        send(&length, 1, child, tag);
+        send(text.data(), text.size(), child, tag);
     }
 }

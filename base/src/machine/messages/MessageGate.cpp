@@ -13,10 +13,8 @@ void MessageGate::checkSerialCriticalLock() {
     MachineGround::assertNotSerialCritical("Parallel is explicitly locked");
     MachineGround::assertNotParallelPerformanceCritical(
         "Parallel locked out in performance critical section");
-    ORVEX_ASSERT_AS(!Controller::isSerialCritical(), "!Controller::isSerialCritical()",
-                    "Parallel has been explicitly locked whilst running a non-distributed command");
-    ORVEX_ASSERT_AS(!FieldLoopState::busy(), "!FieldLoopState::busy()",
-                    "Parallel is explicitly locked out of FieldLoops");
-    ORVEX_ASSERT_AS(Thread::isMain(), "Thread::isMain()",
-                    "Parallel messaging can only be called from the main thread");
+    ORVEX_ASSERT(!Controller::isSerialCritical(),
+                 "Parallel has been explicitly locked whilst running a non-distributed command");
+    ORVEX_ASSERT(!FieldLoopState::busy(), "Parallel is explicitly locked out of FieldLoops");
+    ORVEX_ASSERT(Thread::isMain(), "Parallel messaging can only be called from the main thread");
 }

@@ -95,9 +95,8 @@ void MpiCore::setMpiVersionName(const std::string& name) {
 
 bool MpiCore::hasMpiSharedMemory() {
     int shmSupported = 0;
-    ORVEX_ASSERT_AS(OXM_MPI_Supports_v3_shared_memory(&shmSupported) == OXM_MPI_SUCCESS,
-                    "OXM_MPI_Supports_v3_shared_memory(&shmSupported) == OXM_MPI_SUCCESS",
-                    "MPI_Supports_v3_shared_memory failed");
+    ORVEX_ASSERT(OXM_MPI_Supports_v3_shared_memory(&shmSupported) == OXM_MPI_SUCCESS,
+                 "MPI_Supports_v3_shared_memory failed");
     return shmSupported != 0;
 }
 

@@ -1,4 +1,4 @@
-#include "machine/MpiWallTimer.h"
+#include "machine/messages/MpiWallTimer.h"
 
 #include "mpiwrapper/OxmMpi.h"
 

@@ -71,10 +71,9 @@ void MpiCore::RequestStack::noteReceives() {
     _isReceiving.assign(_requests.size(), true);
 }
 
-void MpiCore::RequestStack::assertEmptyWith([[maybe_unused]] const RequestStack& rhs) const {
-    ORVEX_ASSERT_AS(this->_requests.empty() && rhs._requests.empty(),
-                    "this->_requests.empty() && rhs._requests.empty()",
-                    "Cannot copy or assign non-empty request stacks");
+void MpiCore::RequestStack::assertEmptyWith(const RequestStack& rhs) const {
+    ORVEX_ASSERT(this->_requests.empty() && rhs._requests.empty(),
+                 "Cannot copy or assign non-empty request stacks");
 }
 
 int* MpiCore::RequestStack::push_back() {
@@ -183,8 +182,7 @@ void MpiCore::RequestStack::free() {
 
 void MpiCore::RequestStack::clear() {
     for (std::size_t i = 0; i < _requests.size(); ++i)
-        ORVEX_ASSERT_AS(_requests[i] == OXM_MPI_REQUEST_NULL, "_requests[i] == OXM_MPI_REQUEST_NULL",
-                        "Clearing non-null Request!");
+        ORVEX_ASSERT(_requests[i] == OXM_MPI_REQUEST_NULL, "Clearing non-null Request!");
     _requests.clear();
     _isReceiving.clear();
 }

@@ -2,7 +2,7 @@
 
 #include "machine/Communicator.h"
 #include "machine/MachineGround.h"
-#include "machine/MpiWallTimer.h"
+#include "machine/messages/MpiWallTimer.h"
 
 #include "kernel/Raise.h"
 #include "platform/Time.h"

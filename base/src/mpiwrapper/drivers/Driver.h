@@ -9,7 +9,7 @@
 #include <cstring>
 #include <vector>
 
-// What the sources of a driver share. They are compiled once for each MPI library, each time into a module of
+// Shared by the sources of a driver. They are compiled once for each MPI library, each time into a module of
 // its own. Its functions have the names of the wrapper's, without the prefix.
 
 namespace Driver {

@@ -2,7 +2,7 @@
 
 #include <string>
 
-/// What the dynamic loader knows of a module that somebody loaded, by its handle.
+/// Answers of the dynamic loader about a loaded module, by its handle.
 namespace DriverModule {
 
 /// Null when the module has no such symbol.

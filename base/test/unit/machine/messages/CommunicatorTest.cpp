@@ -1,5 +1,5 @@
 #include "machine/Communicator.h"
-#include "machine/CommunicatorStatistics.h"
+#include "machine/messages/CommunicatorStatistics.h"
 #include "machine/ExitStatus.h"
 #include "machine/FieldLoopState.h"
 #include "machine/MachineLocks.h"

@@ -23,28 +23,28 @@ public:
     }
 
     void sendrecv(In send, unsigned dest, Out recv, unsigned source) {
-        _communicator.sendrecv(send, dest, recv, source);
+        _communicator._sendrecv(send, dest, recv, source);
     }
-    void gather(LargeIn send, LargeOut recv) { _communicator.gather(send, recv, 0u); }
-    void allGather(LargeIn send, LargeOut recv) { _communicator.allGather(send, recv); }
-    void scatter(LargeIn send, LargeOut recv) { _communicator.scatter(send, recv, 0u); }
+    void gather(LargeIn send, LargeOut recv) { _communicator._gather(send, recv, 0u); }
+    void allGather(LargeIn send, LargeOut recv) { _communicator._allGather(send, recv); }
+    void scatter(LargeIn send, LargeOut recv) { _communicator._scatter(send, recv, 0u); }
     void gatherVector(LargeIn send, LargeOut recv) {
-        _communicator.gatherVector(send, recv, nullptr, nullptr, 0u);
+        _communicator._gatherVector(send, recv, nullptr, nullptr, 0u);
     }
-    void gatherVector(In send, Out recv) { _communicator.gatherVector(send, recv, nullptr, nullptr, 0u); }
+    void gatherVector(In send, Out recv) { _communicator._gatherVector(send, recv, nullptr, nullptr, 0u); }
     void allGatherVector(LargeIn send, LargeOut recv) {
-        _communicator.allGatherVector(send, recv, nullptr, nullptr);
+        _communicator._allGatherVector(send, recv, nullptr, nullptr);
     }
     void scatterVector(LargeIn send, LargeOut recv) {
-        _communicator.scatterVector(send, nullptr, nullptr, recv, 0u);
+        _communicator._scatterVector(send, nullptr, nullptr, recv, 0u);
     }
-    void scatterVector(In send, Out recv) { _communicator.scatterVector(send, nullptr, nullptr, recv, 0u); }
-    void reduceScatter(In send, Out recv) { _communicator.reduceScatter(send, recv, Communicator::SUM); }
-    void allToAll(In send, Out recv) { _communicator.allToAll(send, recv); }
+    void scatterVector(In send, Out recv) { _communicator._scatterVector(send, nullptr, nullptr, recv, 0u); }
+    void reduceScatter(In send, Out recv) { _communicator._reduceScatter(send, recv, Communicator::SUM); }
+    void allToAll(In send, Out recv) { _communicator._allToAll(send, recv); }
     void allToAllVector(In send, Out recv) {
-        _communicator.allToAllVector(send, nullptr, nullptr, recv, nullptr, nullptr);
+        _communicator._allToAllVector(send, nullptr, nullptr, recv, nullptr, nullptr);
     }
-    void broadcast(LargeOut buf) { _communicator.broadcast(buf, 0u); }
+    void broadcast(LargeOut buf) { _communicator._broadcast(buf, 0u); }
     unsigned long long gatherCounts(unsigned long long count, std::vector<unsigned>& counts) {
         return _communicator.gatherCounts(count, counts, 0);
     }

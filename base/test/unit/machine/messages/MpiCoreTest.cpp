@@ -1,5 +1,5 @@
 #include "machine/MpiCore.h"
-#include "machine/MpiWallTimer.h"
+#include "machine/messages/MpiWallTimer.h"
 
 #include "kernel/Error.h"
 #include "support/ScriptedMpi.h"

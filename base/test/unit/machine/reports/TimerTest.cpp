@@ -1,6 +1,6 @@
 #include "machine/Timer.h"
 #include "machine/Communicator.h"
-#include "machine/MpiWallTimer.h"
+#include "machine/messages/MpiWallTimer.h"
 
 #include "platform/WallTimer.h"
 

@@ -2,9 +2,9 @@
 
 #include "machine/MachineExport.h"
 
-/// What counts and times the operations of all communicators, if anything does.
+/// Interface of the optional recorder that counts and times the operations of all communicators.
 ///
-/// One instrument is installed at a time. Communicator tells it each operation's name (a static text, such as
+/// One recorder is installed at a time. Communicator tells it each operation's name (a static text, such as
 /// "Communicator::Send") and its size; while none is installed, that costs nothing. Main thread.
 class ORVEX_MACHINE_EXPORT CommunicatorStatistics {
 public:
@@ -17,7 +17,7 @@ public:
     /// @return what close() gets back; null: this operation isn't counted, and close() isn't called
     virtual void* open(Kind kind, const char* name, unsigned bytes) = 0;
     /// The operation is over, or an exception passes (then with partner 0). Also called for an operation that
-    /// began before another instrument was installed.
+    /// began before another recorder was installed.
     /// @param partner  the rank at the other end of a POINT_TO_POINT operation, else 0
     virtual void close(Kind kind, void* event, unsigned partner) noexcept = 0;
 
