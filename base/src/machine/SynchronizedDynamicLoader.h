@@ -28,8 +28,6 @@ public:
     void nonStateLoad(const std::string& module);
 
 private:
-    friend class SynchronizedDynamicLoaderTestAccess;
-
     /// @throw InternalError when there is one already
     SynchronizedDynamicLoader();
     ~SynchronizedDynamicLoader() = default;

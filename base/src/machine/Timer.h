@@ -74,8 +74,6 @@ public:
     double getStandardDeviationCpuTime() const;
 
 private:
-    friend class TimerTestAccess;
-
     double getElapsedWallTime() const;
     double getElapsedCpuTime() const;
     Communicator& checkCommunicator() const;

@@ -6,22 +6,11 @@
 
 #include "support/ScriptedMpi.h"
 
-#include "unit/machine/Failures.h"
 #include "unit/machine/MachineTestAccess.h"
 
 #include <gtest/gtest.h>
 
 #include <utility>
-
-class TimerTestAccess {
-public:
-    static void setClock(Timer& timer, std::unique_ptr<WallTimer> clock) {
-        timer._wallTimer = std::move(clock);
-    }
-    static void setCommunicator(Timer& timer, Communicator* communicator) {
-        timer._communicator = communicator;
-    }
-};
 
 namespace {
 
@@ -123,30 +112,6 @@ TEST_F(ParallelTimer, SystemClockLeavesThatOfTheMessageLayerAlone) {
     timer.stop();
     EXPECT_LT(timer.getWallTime(), 50.0) << "the message layer's clock stands at 100";
     EXPECT_EQ(mpi.clockReadings(), before);
-}
-
-TEST_F(ParallelTimer, RefusesAClockThatFailsAndAMissingCommunicator) {
-    class BrokenTimer : public WallTimer {
-    public:
-        std::unique_ptr<WallTimer> clone() const override { return std::make_unique<BrokenTimer>(*this); }
-        double resolution() const override { return 1.0; }
-        int start() override { return std::exchange(running, true); }
-        int stop() override { return !std::exchange(running, false); }
-        int getElapsedTime(double&) const override { return 1; }
-    };
-    Timer timer(comm.get());
-    TimerTestAccess::setCommunicator(timer, nullptr);
-    for (const auto reading :
-         {&Timer::getMaximumWallTime, &Timer::getMinimumWallTime, &Timer::getAverageWallTime,
-          &Timer::getStandardDeviationWallTime, &Timer::getMaximumCpuTime, &Timer::getMinimumCpuTime,
-          &Timer::getAccumulatedCpuTime, &Timer::getAverageCpuTime, &Timer::getStandardDeviationCpuTime})
-        expectAssertion([&] { (timer.*reading)(); }, "Invalid Communicator!", "_communicator", "Timer.cpp");
-    TimerTestAccess::setClock(timer, std::make_unique<BrokenTimer>());
-    timer.startWallTimer();
-    const std::function<void()> readings[] = {[&] { timer.getWallTime(); }, [&] { timer.stop(); },
-                                              [&] { timer.getMaximumWallTime(); }};
-    for (const auto& reading : readings)
-        expectAssertion(reading, "WallTimer error", "_wallTimer->getElapsedTime(dt) == 0", "Timer.cpp");
 }
 
 } // namespace
