@@ -20,33 +20,33 @@ bool isLast() {
     return rank() == size() - 1;
 }
 
-TEST(Canary, failsOnTheLastRank) {
+TEST(Canary, FailsOnTheLastRank) {
     EXPECT_FALSE(isLast()) << "the last rank sees a fault";
 }
 
-TEST(Canary, isSkippedOnTheLastRank) {
+TEST(Canary, IsSkippedOnTheLastRank) {
     if (isLast())
         GTEST_SKIP();
 }
 
-TEST(Canary, hangsOnTheLastRank) {
+TEST(Canary, HangsOnTheLastRank) {
     if (isLast())
         std::this_thread::sleep_for(std::chrono::hours(1));
 }
 
-TEST(Canary, throwsOnTheLastRankWhileTheOthersWait) {
+TEST(Canary, ThrowsOnTheLastRankWhileTheOthersWait) {
     if (isLast())
         throw std::runtime_error("the last rank gives up");
     EXPECT_EQ(OXM_MPI_Barrier(OXM_MPI_COMM_WORLD), OXM_MPI_SUCCESS);
 }
 
-TEST(Canary, abortsOnTheLastRank) {
+TEST(Canary, AbortsOnTheLastRank) {
     if (isLast())
         OXM_MPI_Abort(OXM_MPI_COMM_SELF, 32); // doesn't come back
     EXPECT_EQ(OXM_MPI_Barrier(OXM_MPI_COMM_WORLD), OXM_MPI_SUCCESS);
 }
 
-TEST(Canary, diesOnTheLastRank) {
+TEST(Canary, DiesOnTheLastRank) {
     if (isLast())
         std::_Exit(3);
     EXPECT_EQ(OXM_MPI_Barrier(OXM_MPI_COMM_WORLD), OXM_MPI_SUCCESS);
@@ -60,7 +60,7 @@ const bool ownTestIsRegistered = [] {
     const char* rankText = std::getenv("OMPI_COMM_WORLD_RANK");
     if (!rankText)
         rankText = std::getenv("PMI_RANK");
-    const std::string name = std::string("ofRank") + (rankText ? rankText : "0");
+    const std::string name = std::string("OfRank") + (rankText ? rankText : "0");
     testing::RegisterTest("CanaryOfItsOwn", name.c_str(), nullptr, nullptr, __FILE__, __LINE__,
                           [] { return new OwnTest; });
     return true;

@@ -22,9 +22,6 @@ int size();
 /// The driver's name as the command line gives it: "openmpi4", "mpich2".
 const char* driver();
 
-/// Gives the running test another time limit than the command line's. All ranks alike.
-void setTimeLimit(double seconds);
-
 } // namespace ParallelTest
 
 /// At the beginning of a test: skips it, on all ranks alike, in a job of fewer ranks.

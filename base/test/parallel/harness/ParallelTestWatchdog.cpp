@@ -43,14 +43,6 @@ void ParallelTestWatchdog::begin(const std::string& step, double seconds) {
     _changed.notify_all();
 }
 
-void ParallelTestWatchdog::setTimeLimit(double seconds) {
-    {
-        const std::lock_guard lock(_mutex);
-        _limit = seconds;
-    }
-    _changed.notify_all();
-}
-
 void ParallelTestWatchdog::setState(const std::string& state) {
     const std::lock_guard lock(_mutex);
     _state = state;

@@ -18,8 +18,7 @@ public:
     void setRank(int rank, int size);
     /// From now on `step` has `seconds`.
     void begin(const std::string& step, double seconds);
-    void setTimeLimit(double seconds);
-    /// What the process does within the step, and what went wrong so far.
+    /// Where the process stands within the step, and its failures so far.
     void setState(const std::string& state);
     void addFailure(const std::string& failure);
 

@@ -14,27 +14,23 @@
 
 namespace {
 
-double now() {
-    return Platform::time().getTime();
-}
-
-TEST(NoSpinSynchronise, nobodyLeavesBeforeAllHaveCome) {
+TEST(NoSpinSynchronise, NobodyLeavesBeforeAllHaveCome) {
     Communicator comm;
-    // Each rank is the late one once, with and without a time to spin.
-    for (unsigned late = 0; late < comm.size(); ++late) {
+    // Each of the first ranks is the late one once, with and without a time to spin.
+    for (unsigned late = 0; late < std::min(comm.size(), 4u); ++late) {
         const double spin = late % 2 == 0 ? 0.0 : 1.0;
         comm.synchronise();
         if (comm.myRank() == late)
             Platform::time().sleep(0.03);
-        double came = now();
+        double came = Platform::time().getTime();
         comm.noSpinSynchronise(spin);
-        const double left = now();
+        const double left = Platform::time().getTime();
         comm.allReduce(came, Communicator::MAX); // one clock for all: they run on one machine
         EXPECT_GE(left, came) << "late " << late;
     }
 }
 
-TEST(NoSpinSynchronise, manyInARowStayInStep) {
+TEST(NoSpinSynchronise, ManyInARowStayInStep) {
     Communicator comm;
     unsigned value = 0;
     for (unsigned round = 0; round < 20; ++round) {
@@ -45,7 +41,7 @@ TEST(NoSpinSynchronise, manyInARowStayInStep) {
     EXPECT_EQ(value, 20u);
 }
 
-TEST(NoSpinSynchronise, waitingRankSleeps) {
+TEST(NoSpinSynchronise, WaitingRankSleeps) {
     ORVEX_NEEDS_RANKS(2);
     Communicator comm;
     constexpr double late = 0.5;
@@ -68,7 +64,7 @@ TEST(NoSpinSynchronise, waitingRankSleeps) {
     comm.synchronise();
 }
 
-TEST(NoSpinSynchronise, textOfTheFirstReachesAll) {
+TEST(NoSpinSynchronise, TextOfTheFirstReachesAll) {
     Communicator comm;
     for (const std::size_t size : {100000u, 0u, 3u}) {
         std::string text(comm.myRank() == 0 ? size : comm.myRank(), comm.myRank() == 0 ? 'a' : 'b');
