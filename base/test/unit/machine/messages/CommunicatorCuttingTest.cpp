@@ -16,7 +16,7 @@ namespace {
 
 using Texts = std::vector<std::string>;
 
-class Cutting : public testing::Test {
+class CommunicatorCutting : public testing::Test {
 protected:
     /// A communicator of `size` ranks whose messages have at most `limit` bytes.
     Communicator& be(int rank, int size, std::size_t limit) {
@@ -29,7 +29,8 @@ protected:
         return *_communicator;
     }
     /// One number of each call of `name`, a list each.
-    Texts numbersOf(const std::string& name, const std::string& argument) {
+    enum class Calls { FORGOTTEN, KEPT };
+    Texts numbersOf(const std::string& name, const std::string& argument, Calls then = Calls::FORGOTTEN) {
         Texts numbers;
         for (const ScriptedCall& call : mpi.callsOf(name)) {
             const auto array = call.arrays.find(argument);
@@ -41,18 +42,30 @@ protected:
                     text += (text.empty() ? "" : " ") + std::to_string(number);
             numbers.push_back(text);
         }
-        mpi.clearCalls();
+        if (then == Calls::FORGOTTEN)
+            mpi.clearCalls();
         return numbers;
     }
 
+    static void expectOversize(const std::function<void()>& run, unsigned count) {
+        expectAssertion(run,
+                        "An oversized communication message has been detected.\nMessage count = " +
+                            std::to_string(count) + "\nMessage size = " + std::to_string(8 * count) +
+                            "\nMax count = 2147483647.\n"
+                            "Oversized messages may imply too few parallel processes are being used.\n",
+                        "false", "CommunicatorCounts.cpp");
+    }
+
     ScriptedMpi& mpi = ScriptedMpi::start();
+    /// Blocks of a vector gather or scatter of 4 ranks.
+    const std::vector<unsigned> counts{5, 0, 1, 4};
     std::vector<double> data = std::vector<double>(100);
 
 private:
     std::unique_ptr<Communicator> _communicator;
 };
 
-TEST_F(Cutting, broadcastHalvesUntilItFits) {
+TEST_F(CommunicatorCutting, HalvesABroadcastUntilItFits) {
     struct Row {
         std::size_t limit;
         std::size_t count;
@@ -73,14 +86,11 @@ TEST_F(Cutting, broadcastHalvesUntilItFits) {
         EXPECT_EQ(numbersOf("Bcast", "count"), row.pieces) << row.limit << " " << row.count;
     }
     Communicator& comm = be(0, 3, 4);
-    const std::string message = "An oversized communication message has been detected.\nMessage count = 1\n"
-                                "Message size = 8\nMax count = 2147483647.\n"
-                                "Oversized messages may imply too few parallel processes are being used.\n";
-    expectAssertion([&] { comm.broadcast(data.data(), 3, 0); }, message, "false", "CommunicatorCounts.cpp");
+    expectOversize([&] { comm.broadcast(data.data(), 3, 0); }, 1);
     EXPECT_TRUE(mpi.calls().empty()) << "no rank gets ahead of one that refuses";
 }
 
-TEST_F(Cutting, countsBeyondOneCallAreCutAsWell) {
+TEST_F(CommunicatorCutting, CutsCountsBeyondOneCall) {
     Communicator& comm = be(0, 2, ~std::size_t(0) / 16);
     mpi.setAction("Bcast", [](const ScriptedCall&) { return OXM_MPI_SUCCESS; });
     auto* const far = reinterpret_cast<char*>(0x100000);
@@ -96,7 +106,7 @@ TEST_F(Cutting, countsBeyondOneCallAreCutAsWell) {
     EXPECT_EQ(places, (std::vector<char*>{far, far + 2147483647, far + 3221225471}));
 }
 
-TEST_F(Cutting, gathersCountTheWholeMessage) {
+TEST_F(CommunicatorCutting, CutsGathersByTheWholeMessage) {
     struct Row {
         std::size_t limit;
         std::size_t count;
@@ -125,25 +135,16 @@ TEST_F(Cutting, gathersCountTheWholeMessage) {
     EXPECT_TRUE(mpi.calls().empty());
 }
 
-TEST_F(Cutting, resultOfAGatherIsChecked) {
+TEST_F(CommunicatorCutting, ChecksTheResultOfAGather) {
+    using Access = CommunicatorTestAccess;
     Communicator& comm = be(0, 3, 100);
-    CommunicatorTestAccess access(comm);
-    const CommunicatorTestAccess::LargeIn send{data.data(), 1, OXM_MPI_DOUBLE, 8};
-    const std::string message = "An oversized communication message has been detected.\nMessage count = 13\n"
-                                "Message size = 104\nMax count = 2147483647.\n"
-                                "Oversized messages may imply too few parallel processes are being used.\n";
-    const CommunicatorTestAccess::LargeOut large{data.data(), 13, OXM_MPI_DOUBLE, 8};
-    expectAssertion([&] { access.gather(send, large); }, message, "false", "CommunicatorCounts.cpp");
-    expectAssertion([&] { access.allGather(send, large); }, message, "false", "CommunicatorCounts.cpp");
+    const Access::In send{data.data(), 1, OXM_MPI_DOUBLE, 8};
+    const Access::Out large{data.data(), 13, OXM_MPI_DOUBLE, 8};
+    expectOversize([&] { Access::gather(comm, send, large); }, 13);
+    expectOversize([&] { Access::allGather(comm, send, large); }, 13);
 }
 
-/// Plays all ranks of a vector gather or scatter: rank r's block has 5, 0, 1, 4 elements.
-class CuttingVectors : public Cutting {
-protected:
-    const std::vector<unsigned> counts{5, 0, 1, 4};
-};
-
-TEST_F(CuttingVectors, rootTellsTheTotal) {
+TEST_F(CommunicatorCutting, CutsVectorsByTheTotalOfTheRoot) {
     // Lower halves: 2 0 0 2, upper halves: 3 0 1 2. The lower pass is judged by 10 / 2 elements, the upper
     // one by 10 / 2 + 4, which no rank but the root knows better.
     struct Row {
@@ -180,35 +181,33 @@ TEST_F(CuttingVectors, rootTellsTheTotal) {
     }
 }
 
-TEST_F(CuttingVectors, everyRankKnowsTheTotalOfAnAllGather) {
+TEST_F(CommunicatorCutting, CutsAnAllGatherByTheTotalThatAllKnow) {
     struct Row {
         std::size_t limit;
-        Texts counts;
+        std::vector<unsigned> counts;
+        Texts pieces;
+        Texts places;
     };
     const Row rows[] = {
-        {80, {"5 0 1 4"}},
-        {79, {"2 0 0 2", "3 0 1 2"}},
-        {40, {"2 0 0 2", "1 0 0 1", "2 0 1 1"}},
-        {8, {"1 0 0 1", "1 0 0 1", "1 0 0 1", "1 0 0 0", "1 0 1 1"}}, // no block of the last can be cut
+        {80, counts, {"5 0 1 4"}, {"0 5 5 6"}},
+        {79, counts, {"2 0 0 2", "3 0 1 2"}, {"0 2 2 2", "0 3 3 4"}},
+        // No block of the last piece can be cut.
+        {8,
+         counts,
+         {"1 0 0 1", "1 0 0 1", "1 0 0 1", "1 0 0 0", "1 0 1 1"},
+         {"0 1 1 1", "0 1 1 1", "0 1 1 1", "0 1 1 1", "0 1 1 2"}},
+        // One element of one rank travels in the upper piece.
+        {8, {0, 0, 2, 0}, {"0 0 1 0", "0 0 1 0"}, {"0 0 0 1", "0 0 0 1"}},
     };
     for (const Row& row : rows) {
         Communicator& comm = be(2, 4, row.limit);
-        comm.allGatherVector(data.data(), 1, data.data() + 50, counts.data(), nullptr);
-        EXPECT_EQ(numbersOf("Allgatherv", "recvCounts"), row.counts) << row.limit;
+        comm.allGatherVector(data.data(), 1, data.data() + 50, row.counts.data(), nullptr);
+        EXPECT_EQ(numbersOf("Allgatherv", "recvCounts", Calls::KEPT), row.pieces) << row.limit;
+        EXPECT_EQ(numbersOf("Allgatherv", "displacements"), row.places) << row.limit;
     }
-    Communicator& comm = be(2, 4, 79);
-    comm.allGatherVector(data.data(), 1, data.data() + 50, counts.data(), nullptr);
-    EXPECT_EQ(numbersOf("Allgatherv", "displacements"), (Texts{"0 2 2 2", "0 3 3 4"}));
 }
 
-TEST_F(CuttingVectors, oneElementOfOneRankTravelsInTheUpperPass) {
-    Communicator& comm = be(0, 4, 8);
-    const std::vector<unsigned> one{0, 0, 2, 0};
-    comm.gatherVector(data.data(), 0, data.data() + 50, one.data(), nullptr, 0);
-    EXPECT_EQ(numbersOf("Gatherv", "recvCounts"), (Texts{"0 0 1 0", "0 0 1 0"}));
-}
-
-TEST_F(Cutting, limitIsOfOneCommunicator) {
+TEST_F(CommunicatorCutting, HasALimitOfEachCommunicator) {
     Communicator& comm = be(0, 1, 1000);
     Communicator other;
     testing::internal::CaptureStdout();
