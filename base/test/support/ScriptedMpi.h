@@ -22,7 +22,6 @@ struct ScriptedCall {
     std::map<std::string, std::string> texts;
     /// All other addresses, also of what the call sets: for an action that fills buffers.
     std::map<std::string, void*> addresses;
-    int result = OXM_MPI_SUCCESS;
 
     /// A number by its argument's name; throws std::out_of_range when the call has none.
     long long get(const std::string& argument) const {
@@ -40,7 +39,7 @@ struct ScriptedCall {
 
 /// Control of the module OrvexScriptedMpi, a driver that plays a job of one process. It can pretend to be one
 /// of many ranks: what would come from others then stays as it was, unless a test brings it by deliver() or
-/// setAction(). Collectives do what they do on one rank, with real data.
+/// setAction(). Data between ranks are seen in real jobs: collectives only record, except plain gathers.
 ///
 /// By default everything succeeds, requests complete at once, and files are kept in memory.
 class ScriptedMpi {
@@ -94,15 +93,8 @@ public:
     virtual void clearCalls() = 0;
     virtual int clockReadings() const = 0;
     /// Numbers of the handles that are alive, by kind, 0 left out: "comm", "group", "datatype", "op",
-    /// "request", "window", "file", "info".
+    /// "request", "file", "info".
     virtual std::map<std::string, int> liveHandles() const = 0;
-    /// What was sent: destination, tag and bytes.
-    struct Message {
-        int partner;
-        int tag;
-        std::string bytes;
-    };
-    virtual const std::vector<Message>& sent() const = 0;
 
     /// The texts of all calls, for comparisons.
     std::vector<std::string> texts() const;

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
-#include <numeric>
 #include <tuple>
 #include <utility>
 
@@ -22,9 +21,13 @@ using Request = ScriptedMpiState::Request;
 
 // The state has examined the handles, counts and ranks before. One without a result always succeeds.
 
-void Init(int*, char***) {}
-void Finalize() {}
-void Abort(int, int) {}
+template <class... Arguments>
+void succeed(Arguments...) {}
+using In = const void*;
+using Ints = const int*;
+constexpr auto Init = &succeed<int*, char***>;
+constexpr auto Finalize = &succeed<>;
+constexpr auto Abort = &succeed<int, int>;
 
 void Supports_v3_shared_memory(int* supported) {
     *supported = state().supportsSharedMemory;
@@ -93,20 +96,13 @@ void Group_free(int* group) {
 std::size_t bytesOf(int count, int datatype) {
     return static_cast<std::size_t>(count) * state().types[datatype].extent;
 }
-void Send(const void* buffer, int count, int datatype, int dest, int tag, int comm) {
-    const std::size_t bytes = bytesOf(count, datatype);
-    const std::string data = bytes ? std::string(static_cast<const char*>(buffer), bytes) : std::string();
-    state().sentMessages.push_back({dest, tag, data});
-    if (dest == rankIn(comm))
-        state().deliver(dest, tag, data.data(), data.size());
-}
-constexpr auto Ssend = &Send;
+constexpr auto Send = &succeed<In, int, int, int, int, int>;
+constexpr auto Ssend = Send;
 void addRequest(Request request, int* handle) {
     request.looks = state().looksBeforeCompletion;
     make(state().requests, request, handle);
 }
-void Isend(const void* buffer, int count, int datatype, int dest, int tag, int comm, int* request) {
-    Send(buffer, count, datatype, dest, tag, comm);
+void Isend(const void*, int, int, int, int tag, int comm, int* request) {
     addRequest({.partner = rankIn(comm), .tag = tag}, request);
 }
 constexpr auto Issend = &Isend;
@@ -121,7 +117,7 @@ int receive(void* buffer, std::size_t capacity, int source, int tag, Status* sta
     const std::size_t bytes = std::min(capacity, message->bytes.size());
     if (bytes)
         std::memcpy(buffer, message->bytes.data(), bytes);
-    state().setStatus(status, message->partner, message->tag, bytes);
+    state().setStatus(status, message->source, message->tag, bytes);
     return message->bytes.size() > capacity ? OXM_MPI_ERR_TRUNCATE : OXM_MPI_SUCCESS;
 }
 int Recv(void* buffer, int count, int datatype, int source, int tag, int, Status* status) {
@@ -140,16 +136,15 @@ void Recv_init(void* buffer, int count, int datatype, int source, int tag, int c
     state().requests[*request].isPersistent = true;
     state().requests[*request].isActive = false;
 }
-int Sendrecv(const void* sendBuffer, int sendCount, int sendType, int dest, int sendTag, void* recvBuffer,
-             int recvCount, int recvType, int source, int recvTag, int comm, Status* status) {
-    Send(sendBuffer, sendCount, sendType, dest, sendTag, comm);
+int Sendrecv(const void*, int, int, int, int, void* recvBuffer, int recvCount, int recvType, int source,
+             int recvTag, int comm, Status* status) {
     return Recv(recvBuffer, recvCount, recvType, source, recvTag, comm, status);
 }
 void Iprobe(int source, int tag, int, int* flag, Status* status) {
-    const ScriptedMpi::Message* const message = state().peekMessage(source, tag);
+    const ScriptedMpiState::Message* const message = state().peekMessage(source, tag);
     *flag = message != nullptr;
     if (message)
-        state().setStatus(status, message->partner, message->tag, message->bytes.size());
+        state().setStatus(status, message->source, message->tag, message->bytes.size());
 }
 int Probe(int source, int tag, int comm, Status* status) {
     int flag = 0;
@@ -266,23 +261,17 @@ void Request_free(int* request) {
     release(state().requests, request);
 }
 
-// Collectives: the own block goes its way, the others' stay as they are.
+// Collectives: a job's data are seen in real jobs. Here only the own block of a plain gather goes its way.
 
-/// Places are in elements of `type`.
-void moveBlock(const void* from, long long fromPlace, void* to, long long toPlace, long long count,
-               int type) {
-    const auto extent = static_cast<long long>(state().types[type].extent);
-    if (from != OXM_MPI_IN_PLACE && to != OXM_MPI_IN_PLACE && count > 0)
-        std::memmove(static_cast<char*>(to) + toPlace * extent,
-                     static_cast<const char*>(from) + fromPlace * extent,
-                     static_cast<std::size_t>(count * extent));
+constexpr auto Barrier = &succeed<int>;
+constexpr auto Bcast = &succeed<void*, int, int, int, int>;
+void copy(const void* from, int count, int type, void* to, int place) {
+    if (count > 0)
+        std::memmove(static_cast<char*>(to) + bytesOf(place, type), from, bytesOf(count, type));
 }
-void Barrier(int) {}
-void Bcast(void*, int, int, int, int) {}
 void Allgather(const void* sendBuffer, int sendCount, int sendType, void* recvBuffer, int recvCount, int,
                int comm) {
-    moveBlock(sendBuffer, 0, recvBuffer, static_cast<long long>(rankIn(comm)) * recvCount, sendCount,
-              sendType);
+    copy(sendBuffer, sendCount, sendType, recvBuffer, rankIn(comm) * recvCount);
 }
 void Gather(const void* sendBuffer, int sendCount, int sendType, void* recvBuffer, int recvCount,
             int recvType, int root, int comm) {
@@ -291,48 +280,17 @@ void Gather(const void* sendBuffer, int sendCount, int sendType, void* recvBuffe
 }
 void Allgatherv(const void* sendBuffer, int sendCount, int sendType, void* recvBuffer, const int*,
                 const int* displacements, int, int comm) {
-    moveBlock(sendBuffer, 0, recvBuffer, displacements[rankIn(comm)], sendCount, sendType);
+    copy(sendBuffer, sendCount, sendType, recvBuffer, displacements[rankIn(comm)]);
 }
-void Gatherv(const void* sendBuffer, int sendCount, int sendType, void* recvBuffer, const int* recvCounts,
-             const int* displacements, int recvType, int root, int comm) {
-    if (rankIn(comm) == root)
-        Allgatherv(sendBuffer, sendCount, sendType, recvBuffer, recvCounts, displacements, recvType, comm);
-}
-void Scatter(const void* sendBuffer, int sendCount, int sendType, void* recvBuffer, int, int, int root,
-             int comm) {
-    if (rankIn(comm) == root)
-        moveBlock(sendBuffer, static_cast<long long>(root) * sendCount, recvBuffer, 0, sendCount, sendType);
-}
-void Scatterv(const void* sendBuffer, const int* sendCounts, const int* displacements, int sendType,
-              void* recvBuffer, int, int, int root, int comm) {
-    if (rankIn(comm) == root)
-        moveBlock(sendBuffer, displacements[root], recvBuffer, 0, sendCounts[root], sendType);
-}
-void Alltoall(const void* sendBuffer, int sendCount, int sendType, void* recvBuffer, int recvCount, int,
-              int comm) {
-    const long long rank = rankIn(comm);
-    moveBlock(sendBuffer, rank * sendCount, recvBuffer, rank * recvCount, sendCount, sendType);
-}
-void Alltoallv(const void* sendBuffer, const int* sendCounts, const int* sendDisplacements, int sendType,
-               void* recvBuffer, const int*, const int* recvDisplacements, int, int comm) {
-    const int rank = rankIn(comm);
-    moveBlock(sendBuffer, sendDisplacements[rank], recvBuffer, recvDisplacements[rank], sendCounts[rank],
-              sendType);
-}
-void Allreduce(const void* sendBuffer, void* recvBuffer, int count, int datatype, int, int) {
-    moveBlock(sendBuffer, 0, recvBuffer, 0, count, datatype);
-}
-constexpr auto Scan = &Allreduce;
-void Reduce(const void* sendBuffer, void* recvBuffer, int count, int datatype, int op, int root, int comm) {
-    if (rankIn(comm) == root)
-        Allreduce(sendBuffer, recvBuffer, count, datatype, op, comm);
-}
-void Reduce_scatter(const void* sendBuffer, void* recvBuffer, const int* recvCounts, int datatype, int,
-                    int comm) {
-    const int rank = rankIn(comm);
-    moveBlock(sendBuffer, std::accumulate(recvCounts, recvCounts + rank, 0LL), recvBuffer, 0,
-              recvCounts[rank], datatype);
-}
+constexpr auto Gatherv = &succeed<In, int, int, void*, Ints, Ints, int, int, int>;
+constexpr auto Scatter = &succeed<In, int, int, void*, int, int, int, int>;
+constexpr auto Scatterv = &succeed<In, Ints, Ints, int, void*, int, int, int, int>;
+constexpr auto Alltoall = &succeed<In, int, int, void*, int, int, int>;
+constexpr auto Alltoallv = &succeed<In, Ints, Ints, int, void*, Ints, Ints, int, int>;
+constexpr auto Allreduce = &succeed<In, void*, int, int, int, int>;
+constexpr auto Scan = Allreduce;
+constexpr auto Reduce = &succeed<In, void*, int, int, int, int, int>;
+constexpr auto Reduce_scatter = &succeed<In, void*, Ints, int, int, int>;
 
 // Datatypes and operations
 
@@ -376,26 +334,12 @@ void Op_free(int* op) {
     release(state().ops, op);
 }
 
-// Windows: the memory is this process's own, whichever rank's is asked for.
+// Windows: nothing above the wrapper opens one.
 
-void Win_shared_query(int window, int, OXM_MPI_Aint* size, int* displacementUnit, void* baseAddress) {
-    ScriptedMpiState::Window& found = state().windows[window];
-    *size = static_cast<OXM_MPI_Aint>(found.memory.size());
-    *displacementUnit = found.unit;
-    char* const address = found.memory.data();
-    std::memcpy(baseAddress, &address, sizeof address);
-}
-int Win_allocate_shared(OXM_MPI_Aint size, int unit, int, int, void* baseAddress, int* window) {
-    if (!state().supportsSharedMemory)
-        return OXM_MPI_ERR_RMA_SHARED;
-    make(state().windows, {std::vector<char>(static_cast<std::size_t>(size)), unit}, window);
-    Win_shared_query(*window, 0, &size, &unit, baseAddress);
-    return OXM_MPI_SUCCESS;
-}
-void Win_fence(int, int) {}
-void Win_free(int* window) {
-    release(state().windows, window);
-}
+constexpr auto Win_allocate_shared = &succeed<OXM_MPI_Aint, int, int, int, void*, int*>;
+constexpr auto Win_shared_query = &succeed<int, int, OXM_MPI_Aint*, int*, void*>;
+constexpr auto Win_fence = &succeed<int, int>;
+constexpr auto Win_free = &succeed<int*>;
 
 // Files and hints
 

@@ -4,42 +4,43 @@
 #include <chrono>
 #include <cstring>
 #include <numeric>
+#include <set>
 
 namespace {
 
-constexpr std::size_t FIXED_EXTENTS[] = {
-    0,                     // null
-    sizeof(bool),          //
-    1,                     // byte
-    sizeof(char),          //
-    sizeof(signed char),   //
-    sizeof(unsigned char), //
-    sizeof(short),         //
-    sizeof(unsigned),      //
-    sizeof(int),           //
-    sizeof(float),         //
-    sizeof(double),        //
-    sizeof(long double),   //
-    sizeof(std::int64_t),  //
-    sizeof(std::uint64_t), //
-    sizeof(unsigned short),
-    sizeof(long),
-    sizeof(unsigned long),
-    sizeof(wchar_t),
-    2 * sizeof(float),
-    2 * sizeof(double),
-    2 * sizeof(long double),
-    8,  // float and int
-    16, // double and int
-    16, // long and int
-    8,  // int and int
-    32, // long double and int
-};
+/// Of the datatypes that are always there, by their codes; 0 is none. The last are those of a value and an
+/// int.
+constexpr std::size_t FIXED_EXTENTS[] = {0,
+                                         sizeof(bool),
+                                         1,
+                                         1,
+                                         1,
+                                         1,
+                                         sizeof(short),
+                                         sizeof(unsigned),
+                                         sizeof(int),
+                                         sizeof(float),
+                                         sizeof(double),
+                                         sizeof(long double),
+                                         8,
+                                         8,
+                                         sizeof(short),
+                                         sizeof(long),
+                                         sizeof(long),
+                                         sizeof(wchar_t),
+                                         2 * sizeof(float),
+                                         2 * sizeof(double),
+                                         2 * sizeof(long double),
+                                         8,
+                                         16,
+                                         16,
+                                         8,
+                                         32};
 static_assert(std::size(FIXED_EXTENTS) == OXM_MPI_LONG_DOUBLE_INT + 1);
 constexpr int NUMBER_FIXED_OPS = OXM_MPI_MINLOC;
 
-bool matches(const ScriptedMpi::Message& message, int source, int tag) {
-    return (source == OXM_MPI_ANY_SOURCE || message.partner == source) &&
+bool matches(const ScriptedMpiState::Message& message, int source, int tag) {
+    return (source == OXM_MPI_ANY_SOURCE || message.source == source) &&
            (tag == OXM_MPI_ANY_TAG || message.tag == tag);
 }
 
@@ -66,12 +67,10 @@ void ScriptedMpiState::reset() {
     for (int op = 1; op <= NUMBER_FIXED_OPS; ++op)
         ops[op] = nullptr;
     requests.clear();
-    windows.clear();
     files.clear();
     disk.clear();
     infos.clear();
     mailbox.clear();
-    sentMessages.clear();
     _failures.clear();
     _actions.clear();
     _calls.clear();
@@ -117,7 +116,6 @@ std::map<std::string, int> ScriptedMpiState::liveHandles() const {
         {"datatype", types.size() - std::size(FIXED_EXTENTS) + 1},
         {"op", ops.size() - NUMBER_FIXED_OPS},
         {"request", requests.size()},
-        {"window", windows.size()},
         {"file", files.size()},
         {"info", infos.size()},
     };
@@ -128,13 +126,13 @@ std::map<std::string, int> ScriptedMpiState::liveHandles() const {
     return result;
 }
 
-const ScriptedMpi::Message* ScriptedMpiState::peekMessage(int source, int tag) const {
+const ScriptedMpiState::Message* ScriptedMpiState::peekMessage(int source, int tag) const {
     const auto found = std::find_if(mailbox.begin(), mailbox.end(),
                                     [=](const Message& message) { return matches(message, source, tag); });
     return found == mailbox.end() ? nullptr : &*found;
 }
 
-std::optional<ScriptedMpi::Message> ScriptedMpiState::takeMessage(int source, int tag) {
+std::optional<ScriptedMpiState::Message> ScriptedMpiState::takeMessage(int source, int tag) {
     const Message* const found = peekMessage(source, tag);
     if (!found)
         return std::nullopt;
@@ -200,8 +198,6 @@ int ScriptedMpiState::examine(const ScriptedCall& call, const std::string& argum
         return live(ops, OXM_MPI_ERR_OP);
     if (argument == "request" && (handle != OXM_MPI_REQUEST_NULL || isFreed))
         return live(requests, OXM_MPI_ERR_REQUEST);
-    if (argument == "window")
-        return live(windows, OXM_MPI_ERR_WIN);
     if (argument == "file")
         return live(files, OXM_MPI_ERR_FILE);
     if (argument == "info" && (handle != OXM_MPI_INFO_NULL || call.name.starts_with("Info_")))
@@ -215,26 +211,13 @@ int ScriptedMpiState::examine(const ScriptedCall& call, const std::string& argum
 
 /// As the drivers of real MPIs do it: a call that should have made an object leaves a null handle behind.
 void ScriptedMpiState::clearMadeHandle(const ScriptedCall& call) {
-    static const std::map<std::string, std::string> made{
-        {"Comm_group", "group"},
-        {"Comm_create", "newComm"},
-        {"Comm_split_type", "newComm"},
-        {"Group_incl", "newGroup"},
-        {"Isend", "request"},
-        {"Issend", "request"},
-        {"Irecv", "request"},
-        {"Recv_init", "request"},
-        {"Type_contiguous", "newType"},
-        {"Type_create_struct", "newType"},
-        {"Type_create_resized", "newType"},
-        {"Op_create", "op"},
-        {"Win_allocate_shared", "window"},
-        {"File_open", "file"},
-        {"File_get_info", "info"},
-        {"Info_create", "newInfo"},
-    };
-    if (const auto found = made.find(call.name); found != made.end())
-        *static_cast<int*>(call.addresses.at(found->second)) = 0;
+    static const std::set<std::string> made{"group", "newComm", "newGroup", "request", "newType",
+                                            "op",    "file",    "info",     "newInfo"};
+    for (const auto& [name, address] : call.addresses)
+        if (made.contains(name) &&
+            std::ranges::find(call.numbers, name, &std::pair<std::string, long long>::first) ==
+                call.numbers.end())
+            *static_cast<int*>(address) = 0;
 }
 
 int ScriptedMpiState::run(std::size_t call, const std::function<int()>& play) {
@@ -250,11 +233,8 @@ int ScriptedMpiState::run(std::size_t call, const std::function<int()>& play) {
             own = play();
         result = result == OXM_MPI_SUCCESS ? own : result;
     }
-    if (call < _calls.size()) {
-        _calls[call].result = result;
-        if (result != OXM_MPI_SUCCESS)
-            clearMadeHandle(_calls[call]);
-    }
+    if (call < _calls.size() && result != OXM_MPI_SUCCESS)
+        clearMadeHandle(_calls[call]);
     return result;
 }
 

@@ -35,7 +35,6 @@ public:
     void clearCalls() override { _calls.clear(); }
     int clockReadings() const override { return _clockReadings; }
     std::map<std::string, int> liveHandles() const override;
-    const std::vector<Message>& sent() const override { return sentMessages; }
 
     /// Records a call and runs its script; `play` is the driver's own work, with a code as result or none.
     template <class Result, class... Arguments>
@@ -45,6 +44,11 @@ public:
 
     void setStatus(OXM_MPI_Status_struct* status, int source, int tag, std::size_t bytes);
 
+    struct Message {
+        int source;
+        int tag;
+        std::string bytes;
+    };
     struct Comm {
         std::vector<int> worldRanks;
         int rank;
@@ -64,10 +68,6 @@ public:
         std::size_t capacity = 0;
         int partner = 0;
         int tag = 0;
-    };
-    struct Window {
-        std::vector<char> memory;
-        int unit;
     };
     using Info = std::map<std::string, std::string>;
     struct File {
@@ -92,12 +92,10 @@ public:
     std::map<int, Type> types;
     std::map<int, OXM_MPI_User_function> ops;
     std::map<int, Request> requests;
-    std::map<int, Window> windows;
     std::map<int, File> files;
     std::map<std::string, std::string> disk;
     std::map<int, Info> infos;
     std::vector<Message> mailbox;
-    std::vector<Message> sentMessages;
 
     static constexpr int FIRST_MADE = 100;
     /// Handles of made objects are never used twice, so that a stale one is found out.

@@ -8,6 +8,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <array>
 #include <string>
 #include <vector>
 
@@ -21,7 +23,7 @@ OXM_MPI_Status_struct statusOf(int error) {
     return status;
 }
 
-TEST(MpiCore, errorsBecomeExceptions) {
+TEST(MpiCore, TurnsErrorsIntoExceptions) {
     ScriptedMpi& mpi = ScriptedMpi::start();
     mpi.setErrorText(5, "bad communicator");
     mpi.setErrorText(6, "bad rank");
@@ -52,9 +54,6 @@ TEST(MpiCore, errorsBecomeExceptions) {
         EXPECT_EQ(messageOf<NonRecoverableError>(row.handle), row.message) << row.name;
         EXPECT_EQ(testing::internal::GetCapturedStderr(), row.printed) << row.name;
     }
-    mpi.clearCalls();
-    MpiCore::handleError(0);
-    EXPECT_TRUE(mpi.calls().empty());
     // Whatever length a driver tells, no more is read than it can have written.
     for (const auto& [told, read] : {std::pair(-1, 0), std::pair(3, 3), std::pair(99999, 2048)}) {
         mpi.setAction("Error_string", [told = told](const ScriptedCall& call) {
@@ -66,7 +65,7 @@ TEST(MpiCore, errorsBecomeExceptions) {
     }
 }
 
-TEST(MpiCore, asksTheDriver) {
+TEST(MpiCore, AsksTheDriver) {
     ScriptedMpi& mpi = ScriptedMpi::start();
     for (const bool works : {true, false, true}) {
         mpi.setSharedMemorySupport(works);
@@ -93,7 +92,7 @@ private:
     std::function<void()> _action;
 };
 
-TEST(MpiCore, finalizeTellsItsObservers) {
+TEST(MpiCore, TellsItsObserversOfTheEnd) {
     ScriptedMpi& mpi = ScriptedMpi::start();
     const auto callsWhile = [&](auto... actions) {
         ScriptedMpi::start();
@@ -125,17 +124,16 @@ TEST(MpiCore, finalizeTellsItsObservers) {
     ScriptedMpi::start();
 }
 
-TEST(MpiWallTimer, answersByItsState) {
+TEST(MpiWallTimer, AnswersByItsState) {
     ScriptedMpi::start().setClock(100.0, 1.0);
     MpiCore::MpiWallTimer timer;
     double dt = -1.0;
     EXPECT_EQ(timer.getElapsedTime(dt), 1);
     EXPECT_EQ(dt, -1.0);
-    EXPECT_EQ(timer.stop(), 1);
-    EXPECT_EQ(timer.start(), 0);
-    EXPECT_EQ(timer.start(), 1);
-    EXPECT_EQ(timer.getElapsedTime(dt), 0);
-    EXPECT_EQ(timer.stop(), 0);
+    const int answers[] = {timer.stop(), timer.start(), timer.start(), timer.getElapsedTime(dt),
+                           timer.stop()};
+    EXPECT_TRUE(std::ranges::equal(answers, std::array{1, 0, 1, 0, 0}));
+    EXPECT_EQ(dt, 1.0);
     EXPECT_EQ(timer.resolution(), OXM_MPI_Wtick());
 }
 
