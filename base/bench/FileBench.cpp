@@ -4,8 +4,8 @@
 #include "machine/ConditionalOutputStreamWrapper.h"
 #include "machine/InputFileStream.h"
 #include "machine/ParallelFile.h"
+#include "machine/StreamRedirector.h"
 #include "machine/files/ParallelConsoleBuf.h"
-#include "machine/files/StreamRedirector.h"
 
 #include "mpiwrapper/OxmMpi.h"
 #include "platform/FileSystem.h"

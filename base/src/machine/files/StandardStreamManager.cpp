@@ -1,7 +1,7 @@
 #include "machine/StandardStreamManager.h"
 
 #include "machine/MachineGround.h"
-#include "machine/files/StreamRedirector.h"
+#include "machine/StreamRedirector.h"
 
 #include "kernel/Raise.h"
 #include "platform/FileSystem.h"

@@ -1,4 +1,4 @@
-#include "machine/files/StreamRedirector.h"
+#include "machine/StreamRedirector.h"
 
 #include "kernel/Raise.h"
 #include "platform/FileSystem.h"

@@ -2,8 +2,8 @@
 
 #include "machine/AtExitRegister.h"
 #include "machine/StandardStreamManager.h"
+#include "machine/StreamRedirector.h"
 #include "machine/files/ParallelConsoleBuf.h"
-#include "machine/files/StreamRedirector.h"
 
 #include "kernel/Raise.h"
 #include "platform/FileSystem.h"
