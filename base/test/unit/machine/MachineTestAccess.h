@@ -65,9 +65,6 @@ public:
         CommandLine::Consumed consumed;
         Machine::getSingleton().runRole(line.argc, line.argv, consumed);
     }
-    static void settleSessionFile(const std::wstring& name, bool createNew) {
-        Machine::getSingleton().settleSessionFile(name, createNew);
-    }
     static void testOverSubscription() { Machine::getSingleton().testOverSubscription(); }
     static void conformProcessAffinityToMainThreadAffinity() {
         Machine::getSingleton().conformProcessAffinityToMainThreadAffinity();

@@ -15,6 +15,7 @@
 #include <algorithm>
 #include <functional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace {
@@ -98,7 +99,7 @@ void registerTestCommands() {
     controller.registerCommand(new TestCommand("TestFault", fault));
 }
 
-class CommandControllerTest : public testing::Test {
+class CommandRoad : public testing::Test {
 protected:
     void SetUp() override {
         registerTestCommands();
@@ -119,68 +120,55 @@ protected:
         Properties command = args;
         command.set(Command::COMMAND_TAG, name);
         Properties response;
-        lastWasFine = CommandController::getSingleton().masterExecuteCommand(command, response);
+        static_cast<void>(CommandController::getSingleton().masterExecuteCommand(command, response));
         return response;
     }
-    static bool lastWasFine;
-    static Properties run(const std::string& name, const std::vector<unsigned>& ranks) {
-        Properties args;
+    /// With `ranks` among the arguments; ranks that this job doesn't have are played by its last one.
+    static Properties run(const std::string& name, std::vector<unsigned> ranks,
+                          Properties args = Properties()) {
+        for (unsigned& rank : ranks)
+            rank = std::min(rank, Machine::nProcesses() - 1);
         args.set("ranks", ranks);
         return run(name, args);
     }
 };
 
-bool CommandControllerTest::lastWasFine = true;
-
-struct FailingRanks {
-    std::vector<unsigned> ranks;
-    unsigned winner;
-    std::string text;
-};
-
-/// Rows whose ranks this job doesn't have are played by those that it has.
-std::vector<FailingRanks> failingRanks() {
-    const unsigned last = Machine::nProcesses() - 1;
-    const auto inJob = [last](unsigned rank) { return std::min(rank, last); };
-    const std::string two =
-        last <= 2 ? std::to_string(last) : (last == 3 ? "2-" : "2,") + std::to_string(inJob(5));
-    return {{{inJob(2), inJob(5)}, inJob(2), two},
-            {{0, inJob(1)}, 0, last == 0 ? "0" : "0-1"},
-            {{last}, last, std::to_string(last)},
-            {{0}, 0, "0"}};
-}
-
 } // namespace
 
-TEST_F(CommandControllerTest, TheLowestFailingRankIsTheErrorOfAllAndTheWorkersStay) {
+TEST_F(CommandRoad, MakesTheLowestFailingRankTheErrorOfAllAndKeepsTheWorkers) {
     inCommandLoop([] {
-        for (const FailingRanks& row : failingRanks()) {
-            const Properties response = run("TestFail", row.ranks);
-            EXPECT_EQ(Error::getMessage(response), "failed on rank " + std::to_string(row.winner));
+        const unsigned last = Machine::nProcesses() - 1;
+        const unsigned two = std::min(2u, last);
+        const std::string twoAndFive = last <= 2   ? std::to_string(last)
+                                       : last == 3 ? "2-3"
+                                                   : "2," + std::to_string(std::min(5u, last));
+        const std::tuple<std::vector<unsigned>, unsigned, std::string> rows[] = {
+            {{2, 5}, two, twoAndFive},
+            {{0, 1}, 0, last == 0 ? "0" : "0-1"},
+            {{last}, last, std::to_string(last)},
+        };
+        for (const auto& [ranks, winner, text] : rows) {
+            const Properties response = run("TestFail", ranks);
+            EXPECT_EQ(Error::getMessage(response), "failed on rank " + std::to_string(winner));
             EXPECT_EQ(response.getInt(Error::SEVERITY_TAG), 2);
             EXPECT_EQ(response.getString(CommandController::COMMAND_KEY), "TestFail");
-            EXPECT_EQ(response.hasName(CommandController::RANK_KEY), row.winner != 0);
-            EXPECT_EQ(response.getOr(CommandController::RANK_KEY, 0u), row.winner);
-            EXPECT_EQ(response.getString(CommandController::RANKS_KEY), row.text);
-            EXPECT_EQ(response.getOr(CommandController::MESSAGES_KEY, 1), row.text.size() > 1 ? 2 : 1);
-            EXPECT_EQ(response.getString(Error::STACK_TRACE_TAG), "trace " + std::to_string(row.winner));
-            EXPECT_EQ(response.getString(Error::KIND_TAG), Error::INPUT_KIND);
+            EXPECT_EQ(response.hasName(CommandController::RANK_KEY), winner != 0);
+            EXPECT_EQ(response.getOr(CommandController::RANK_KEY, 0u), winner);
+            EXPECT_EQ(response.getString(CommandController::RANKS_KEY), text);
+            EXPECT_EQ(response.getOr(CommandController::MESSAGES_KEY, 1), text.size() > 1 ? 2 : 1);
+            EXPECT_EQ(response.getString(Error::STACK_TRACE_TAG), "trace " + std::to_string(winner));
             EXPECT_EQ(run("TestFail").getReal(Error::ERROR_TAG), 0.5); // results, whatever their keys
-            EXPECT_TRUE(lastWasFine);
         }
-        // An error without a message is none the less one.
-        Properties args(R"({"text":""})");
-        args.set("ranks", std::vector<unsigned>{Machine::nProcesses() - 1});
-        EXPECT_EQ(Error::getMessage(run("TestFail", args)), "An error of type InputError without a message");
-        EXPECT_FALSE(lastWasFine);
-        args = Properties(R"({"text":"too deep to be sent","depth":70})"); // and the others don't wait for it
-        args.set("ranks", std::vector<unsigned>{Machine::nProcesses() - 1});
-        EXPECT_EQ(Error::getMessage(run("TestFail", args)), "too deep to be sent");
+        // An error without a message is none the less one; the others don't wait for one too deep to be sent.
+        EXPECT_EQ(Error::getMessage(run("TestFail", {last}, Properties(R"({"text":""})"))),
+                  "An error of type InputError without a message");
+        const Properties deep(R"({"text":"too deep to be sent","depth":70})");
+        EXPECT_EQ(Error::getMessage(run("TestFail", {last}, deep)), "too deep to be sent");
     });
     EXPECT_EQ(Machine::getSingleton().getState(), Machine::AWAITING_COMMAND);
 }
 
-TEST_F(CommandControllerTest, EveryRankEndsWithTheSameError) {
+TEST_F(CommandRoad, EndsWithTheSameErrorOnEveryRank) {
     // An error that says nothing doesn't win; without any error nothing changes.
     const unsigned last = Machine::nProcesses() - 1;
     Properties silent(R"({"kept":1,"Message":"none","Rank":9})");
@@ -199,7 +187,7 @@ TEST_F(CommandControllerTest, EveryRankEndsWithTheSameError) {
     EXPECT_EQ(fine, before);
 }
 
-TEST_F(CommandControllerTest, TheCommandReachesAllRanksWhole) {
+TEST_F(CommandRoad, BringsTheCommandToAllRanksWhole) {
     inCommandLoop([] {
         for (const std::size_t size : {std::size_t(0), std::size_t(1), std::size_t(2) << 20}) {
             std::string text(size, 'x');
@@ -217,19 +205,19 @@ TEST_F(CommandControllerTest, TheCommandReachesAllRanksWhole) {
     });
 }
 
-TEST_F(CommandControllerTest, AFloatingPointFaultOfAnyRankFailsTheCommandWithoutARank) {
+TEST_F(CommandRoad, FailsWithoutARankForAFloatingPointFaultOfAnyRank) {
     inCommandLoop([] {
         const Properties response = run("TestFault", {Machine::nProcesses() - 1});
         EXPECT_NE(Error::getMessage(response).find("\n  a fault\n"), std::string::npos);
         EXPECT_FALSE(response.hasName(CommandController::RANK_KEY));
         EXPECT_EQ(response.getString(CommandController::COMMAND_KEY), "TestFault");
-        EXPECT_FALSE(Error::isErrorIn(run("TestFault", std::vector<unsigned>())));
-        const Properties args(R"({"text":"why it overflowed","ranks":[0]})");
-        EXPECT_EQ(Error::getMessage(run("TestFault", args)), "why it overflowed");
+        EXPECT_FALSE(Error::isErrorIn(run("TestFault")));
+        const Properties args(R"({"text":"why it overflowed"})");
+        EXPECT_EQ(Error::getMessage(run("TestFault", {0}, args)), "why it overflowed");
     });
 }
 
-TEST_F(CommandControllerTest, QueuedCommandsRunOnAllRanksInTheMiddleOfACommand) {
+TEST_F(CommandRoad, RunsQueuedCommandsOnAllRanksInTheMiddleOfACommand) {
     inCommandLoop([] {
         int answers = 0;
         const auto enqueue = [&answers](const std::string& name) {

@@ -11,7 +11,6 @@
 #include "kernel/FpeAgnosticMode.h"
 #include "kernel/OrvexVersion.h"
 #include "kernel/SignalHandler.h"
-#include "platform/Base64Encoder.h"
 #include "platform/FileSystem.h"
 #include "platform/RendererConfig.h"
 #include "platform/StringHelper.h"
@@ -23,16 +22,13 @@
 
 #include <fstream>
 #include <sstream>
+#include <string_view>
 #include <tuple>
 
 namespace {
 
 using Words = std::vector<std::string>;
 using Consumed = CommandLine::Consumed;
-
-std::string base64(const std::wstring& text) {
-    return Base64Encoder::encode(text);
-}
 
 /// The words between single spaces.
 Words split(const std::string& line) {
@@ -49,14 +45,26 @@ protected:
     void TearDown() override { MachineTestAccess::startAfresh(); }
 };
 
-/// Values that differ from their default as "name=value ", and flags that are on as "name ".
+/// The rows "line => effect" of a file of base/test/data/options.
+std::vector<std::pair<std::string, std::string>> readRows(const std::string& name) {
+    constexpr std::string_view ARROW = " =>";
+    std::vector<std::pair<std::string, std::string>> rows;
+    std::ifstream data(ORVEX_TEST_DATA "/options/" + name + ".txt");
+    for (std::string line; std::getline(data, line);)
+        if (const std::size_t at = line.find(ARROW); line.front() != '#')
+            rows.emplace_back(line.substr(0, at), line.substr(at + ARROW.size()));
+    EXPECT_GT(rows.size(), 20u);
+    return rows;
+}
+
+/// Values that differ from their default as " name=value", and flags that are on as " name".
 std::string tell(const std::vector<std::tuple<const char*, std::string, std::string>>& values,
                  const std::vector<std::pair<const char*, bool>>& flags) {
     std::string text;
     for (const auto& [name, value, standard] : values)
-        text += value == standard ? "" : name + ("=" + value) + ' ';
+        text += value == standard ? std::string() : std::string(" ") + name + "=" + value;
     for (const auto& [name, isOn] : flags)
-        text += isOn ? name + std::string(" ") : "";
+        text += isOn ? std::string(" ") + name : "";
     return text;
 }
 
@@ -86,9 +94,9 @@ std::string parseCommon(const std::string& line) {
          {"blind", renderer.getGraphics() == RendererConfig::NO_GRAPHICS},
          {"rendering", renderer.getNumRenderThreads() == 5}});
     for (const auto& [name, value] : ParameterInitialValues::getSingleton().getParameterValues())
-        text += name + "->" + value + ' ';
+        text += ' ' + name + "->" + value;
     for (const auto& [word, count] : consumed)
-        text += "| " + word + ' ' + std::to_string(count) + ' ';
+        text += " | " + word + ' ' + std::to_string(count);
     return text;
 }
 
@@ -148,45 +156,12 @@ TEST_F(CommandLinePass, DecidesForASerialProcessBeforeAnyDriverIsLookedFor) {
 }
 
 TEST_F(CommandLinePass, GivesEachCommonOptionItsEffectAndNoOther) {
-    const std::string parameters = base64(L"name") + ' ' + base64(L"b\u00fc");
-    const std::pair<std::string, std::string> rows[] = {
-        {"-what word  -deleteOnExit", "deleted | -deleteOnExit 1 "},
-        {"-xnousage", "unused | -xnousage 1 "},
-        {"-nothreads", "unthreaded | -nothreads 1 "},
-        {"-encoded-param YQ== MQ== -encoded-param YQ== Mg==", "a->2 | -encoded-param 3 "},
-        {"-encoded-param " + parameters, "name->b\u00fc | -encoded-param 3 "},
-        {"-iodebug 3x", "io=3 | -iodebug 2 "},
-        {"-iodebug x", "| -iodebug 2 "},
-        {"-iodebug 99999999999999999999", "io=2147483647 | -iodebug 2 "},
-        {"-cpubind bandwidth", "| -cpubind 2 "},
-        {"-cpubind latency", "binding=1 | -cpubind 2 "},
-        {"-cpubind leastload", "binding=2 | -cpubind 2 "},
-        {"-cpubind disable", "unbound | -cpubind 2 "},
-        {"-cpubindverbose", "bindingVerbosity=1 | -cpubindverbose 1 "},
-        {"-cpubindextendedverbosity -cpubindverbose",
-         "bindingVerbosity=2 | -cpubindextendedverbosity 1 | -cpubindverbose 1 "},
-        {"-cpubindcontentiontest disable", "contended | -cpubindcontentiontest 2 "},
-        {"-cpubindcontentiontest enable", "| -cpubindcontentiontest 2 "},
-        {"-xnodeverrors", "unchecked | -xnodeverrors 1 "},
-        {"-xthreadbindoff", "unboundThreads | -xthreadbindoff 1 "},
-        {"-xthreadbindverbose", "threads | -xthreadbindverbose 1 "},
-        {"-printpids", "pids | -printpids 1 "},
-        {"-jobmanagerurl http://x -taskid 5", "job=http://x task=5 | -jobmanagerurl 2 | -taskid 2 "},
-        {"-taskid 0", "| -taskid 2 "},
-        {"-pio", "| -pio 1 "},
-        {"-mpi a -time -mpidriver b -xmpidriver c -xmpiversion d",
-         "| -mpi 2 | -mpidriver 2 | -time 1 | -xmpidriver 2 | -xmpiversion 2 "},
-        // These settings outlive a fresh start.
-        {"-rsh plink", "shell=plink | -rsh 2 "},
-        {"-rsh ssh -rrthreads 5", "rendering | -rrthreads 2 | -rsh 2 "},
-        {"-rgraphics none", "blind rendering | -rgraphics 2 "},
-    };
-    for (const auto& [line, effect] : rows) {
+    for (const auto& [line, effect] : readRows("common")) {
         MachineTestAccess::startAfresh();
         EXPECT_EQ(parseCommon(line), effect) << line;
     }
     MachineTestAccess::playRole(Machine::WORKER_MODE, 2, 1);
-    EXPECT_NE(parseCommon("-pio").find("parallel "), std::string::npos);
+    EXPECT_NE(parseCommon("-pio").find(" parallel"), std::string::npos);
     EXPECT_EQ(Machine::getExecutableName(), "OrvexMachineTests");
     EXPECT_TRUE(Platform::filesystem().isDirectory(Machine::getExecutablePath()));
 }
@@ -267,7 +242,9 @@ TEST_F(CommandLinePass, LetsTheFirstDesignFlagDecide) {
 }
 
 TEST_F(CommandLinePass, GivesEachServerOptionItsEffectAndNoOther) {
-    const auto parse = [](const Words& words, bool parallel) {
+    const auto parse = [](const std::string& line) {
+        const bool parallel = line.front() == '*';
+        const Words words = split(line.substr(parallel ? 1 : 0));
         std::vector<const char*> argv = {"orvexsim"};
         for (const std::string& word : words)
             argv.push_back(word.c_str());
@@ -292,37 +269,6 @@ TEST_F(CommandLinePass, GivesEachServerOptionItsEffectAndNoOther) {
                      {"ownOutput", !options.outputToClients},
                      {"unlisted", !options.sessionLocator}});
     };
-    struct Row {
-        Words words;
-        const char* effect;
-        bool parallel = false;
-    };
-    const Row rows[] = {
-        {{"", "-mpi", "-port", "-encoded-param", "a", "b", "-printpids"}, ""},
-        {{"-xclientaddr", "-x"}, "client=-x "},
-        {{"-collab"}, "collaborate "},
-        {{"-noconnect"}, "unconnected "},
-        {{"-cout"}, "ownOutput "},
-        {{"-load"}, "load "},
-        {{"-loc"}, "unlisted "},
-        {{"-new"}, "new "},
-        {{"-encoded-passtodesign", base64(L"\u00fc")}, "design=\u00fc "},
-        {{"-procfile", "p"}, "file=p "},
-        {{"-proxy", "h", "-encoded-proxycmd", base64(L"c d"), "-proxydebug"},
-         "proxy=h command=c d proxyDebug "},
-        {{"-port", "5"}, "port=5 "},
-        {{"-port", "7x"}, "port=7 "},
-        {{"-portrange", "9"}, "range=9 "},
-        {{"-s"}, ""},
-        {{"-session", "-a b"}, "session=-a b "},
-        {{"-encoded-session", base64(L"\u00e4")}, "session=\u00e4 "},
-        {{"-totalview"}, "debugger ", true},
-        {{"-dmproject", "-encoded-dmrunfile", "x", "-dmpost"}, ""},
-        {{"b.sim", "c.sim"}, "session=b.sim "},
-        {{"-session", "a.sim", "b.sim"}, "session=a.sim "},
-        {{"b.sim", "-session", "a.sim"}, "session=a.sim "},
-        {{StringHelper::encode(std::string("a b"))}, "session=a b "},
-    };
-    for (const Row& row : rows)
-        EXPECT_EQ(parse(row.words, row.parallel), row.effect) << testing::PrintToString(row.words);
+    for (const auto& [line, effect] : readRows("server"))
+        EXPECT_EQ(parse(line), effect) << line;
 }
