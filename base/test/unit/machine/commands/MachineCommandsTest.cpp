@@ -1,10 +1,9 @@
-// The machine's commands in a process alone: what they answer, print and switch.
+// The machine's commands: answers and output in a process alone, and files as each role changes them.
 
 #include "machine/commands/MachineCommands.h"
 #include "machine/CpuTopology.h"
 #include "machine/MachineHost.h"
 
-#include "kernel/Command.h"
 #include "kernel/Controller.h"
 #include "kernel/Error.h"
 #include "kernel/EventLoggerManager.h"
@@ -18,7 +17,40 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <fstream>
+
 namespace {
+
+std::string replaceAll(std::string text, const std::string& from, const std::string& to) {
+    for (std::size_t at = 0; (at = text.find(from, at)) != std::string::npos; at += to.size())
+        text.replace(at, from.size(), to);
+    return text;
+}
+
+struct Row {
+    std::string request;
+    std::string response;
+    std::string third; ///< empty when there is none
+};
+
+/// The rows of a file of base/test/data/commands, with `name` in place of `word`.
+std::vector<Row> readRows(const std::string& file, const char* word, const std::string& name) {
+    std::vector<Row> rows;
+    std::ifstream data(ORVEX_TEST_DATA "/commands/" + file);
+    for (std::string line; std::getline(data, line);) {
+        if (line.find('{') != 0)
+            continue;
+        Row& row = rows.emplace_back();
+        row.request = replaceAll(line, word, name);
+        std::getline(data, line);
+        row.response = replaceAll(line, word, name);
+        std::getline(data, line);
+        row.third = replaceAll(line, word, name);
+    }
+    EXPECT_GT(rows.size(), 10u);
+    return rows;
+}
 
 class MachineCommands : public testing::Test {
 protected:
@@ -33,74 +65,61 @@ protected:
     }
     void TearDown() override { MachineTestAccess::startAfresh(); }
 
-    static Properties run(const std::string& name, const std::string& args = "{}") {
-        Properties command(args);
-        command.set(Command::COMMAND_TAG, name);
+    static Properties run(const std::string& request) {
         Properties response;
-        static_cast<void>(Controller::getSingleton().executeCommand(command, response));
-        response.remove("Command");
+        static_cast<void>(Controller::getSingleton().executeCommand(Properties(request), response));
+        response.remove(Error::STACK_TRACE_TAG);
         return response;
     }
 };
 
 TEST_F(MachineCommands, AnswerAndPrint) {
     MachineTestAccess::options().processFileName = "pids.txt";
-    Properties hosts;
-    hosts.set("Number Processes", 1u);
-    hosts.set("Rank[0]", Platform::io().getHostName());
-    Properties user;
-    user.set("username", Platform::system().getUserName());
-    struct Row {
-        const char* name;
-        const char* args;
-        std::string response;
-        const char* printed;
-    };
-    const std::vector<Row> rows = {
-        {"GetProcessFileName", "{}", R"({"filename":"pids.txt"})", ""},
-        {"GetHosts", "{}", hosts.toString(), ""},
-        {"GetMpiVersion", "{}", R"({"Vendor":"","Version":"","MpiVersion":""})", ""},
-        {"GetNumberOfWorkers", "{}", R"({"NumberOfWorkers":1})", ""},
-        {"GetInterconnectName", "{}", R"({"Interconnect":""})", ""},
-        {"GetUserName", "{}", user.toString(), ""},
-        {"GetDoublePrecision", "{}", R"({"doubleprecision":true})", ""},
-        {"PerformPerformanceTest", "{}", R"({"Number of Processes":1})", ""},
-        {"GetCommunicationTimes", "{}", R"({"CommunicationTimes":[0.0]})", ""},
-        {"PrintProcessSummary", "{}", "{}", ""},
-        {"EnableIODebug", R"({"ioVerbosityLevel":3})", "{}", "Setting the i/o debug level to : 3\n"},
-        {"EnableCommunicationTimer", R"({"enableFlag":true})", "{}", ""},
-        {"EnableMpiDriverTracing", R"({"enableFlag":true})", "{}", ""},
-        {"EnableProcessLogFile", R"({"enableFlag":true})", "{}", ""},
-        {"EnableSlaveCout", R"({"enableflag":true})", "{}", ""},
-        {"SetMaximumMessageBufferSize", R"({"size":64})", "{}",
-         "Warning: cannot set message buffer size in serial!\n"},
-    };
-    for (const Row& row : rows) {
+    for (const Row& row : readRows("serial.txt", "HOST", Platform::io().getHostName())) {
         testing::internal::CaptureStdout();
-        const Properties response = run(row.name, row.args);
-        EXPECT_EQ(testing::internal::GetCapturedStdout(), row.printed) << row.name;
-        EXPECT_EQ(response.toString(), Properties(row.response).toString()) << row.name;
+        EXPECT_EQ(run(row.request).toString(),
+                  replaceAll(row.response, "USER", Platform::system().getUserName()));
+        EXPECT_EQ(testing::internal::GetCapturedStdout(), row.third.empty() ? "" : row.third + '\n')
+            << row.request;
     }
     EXPECT_EQ(Machine::getIOVerbosityLevel(), 3);
 }
 
+TEST_F(MachineCommands, ChangeFilesByTheirRole) {
+    const std::filesystem::path origin = std::filesystem::current_path();
+    for (const auto mode : {Machine::SERIAL_MODE, Machine::MASTER_MODE, Machine::WORKER_MODE}) {
+        const bool isWorker = mode == Machine::WORKER_MODE;
+        MachineTestAccess::playRole(mode, 2, isWorker ? 1 : 0);
+        const std::string root = testing::TempDir() + "files-" + std::to_string(mode);
+        std::filesystem::remove_all(root);
+        std::filesystem::create_directories(root + "/folder");
+        std::filesystem::current_path(root);
+        std::ofstream("file") << "12345";
+        std::ofstream("\u00fcml\u00e4ut") << "";
+        for (const Row& row : readRows("files.txt", "ROOT", root))
+            EXPECT_EQ(run(row.request).toString(), isWorker && !row.third.empty() ? row.third : row.response)
+                << row.request << " in mode " << mode;
+        std::filesystem::current_path(origin);
+        std::filesystem::remove_all(root);
+    }
+}
+
 TEST_F(MachineCommands, SwitchEventLoggingAndDeveloperChecks) {
     for (const bool on : {true, false, true}) {
-        const std::string args = on ? R"({"enableFlag":true})" : R"({"enableFlag":false})";
-        run("EnableEventLogging", args);
+        const std::string flag = std::string(R"(","enableFlag":)") + (on ? "true}" : "false}");
+        run(R"({"command":"EnableEventLogging)" + flag);
         EXPECT_EQ(EventTracker::getSingleton().getEventLoggerManager().isOn(), on);
-        run("SetDevErrorChecking", args);
+        run(R"({"command":"SetDevErrorChecking)" + flag);
         EXPECT_EQ(MachineTestAccess::getDevErrorChecking(), on);
     }
-    EXPECT_FALSE(Error::isErrorIn(run("ReportLogging")));
 }
 
 TEST_F(MachineCommands, WarnOfSetAffinityAndRefuseMoreFlagsThanThereAreProcessors) {
     const unsigned count = Machine::getHost().getCpuTopology().getNumberLpus();
-    Properties args;
+    Properties args(R"({"command":"SetAffinity"})");
     args.set("mask", std::vector<bool>(count + 1, true));
     testing::internal::CaptureStdout();
-    const Properties response = run("SetAffinity", args.toString());
+    const Properties response = run(args.toString());
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
               "Warning: SetAffinity is intended for testing purposes only.\n"
               "Using it may well result in performance degradation\n");
