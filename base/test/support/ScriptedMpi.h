@@ -4,8 +4,10 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <map>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -58,40 +60,42 @@ public:
 
     // What the process is
     virtual void setWorld(int rank, int size) = 0;
-    virtual void setProcessorName(const std::string& name) = 0;
-    virtual void setMaxBufferSize(std::uint64_t bytes) = 0;
-    virtual void setSharedMemorySupport(bool works) = 0;
-    virtual void setBindCollisionTestDisabled(int value) = 0;
+    void setProcessorName(const std::string& name) { processorName = name; }
+    void setMaxBufferSize(std::uint64_t bytes) { maxBufferSize = bytes; }
+    void setSharedMemorySupport(bool works) { supportsSharedMemory = works; }
+    void setBindCollisionTestDisabled(int value) { bindCollisionTestDisabled = value; }
 
     // What goes wrong
     /// The `nth` call of `name` from now on, counted from 1, returns `code` and does nothing else than to
     /// null the handle that it should have made; with OXM_MPI_ERR_IN_STATUS it does its work and takes its
     /// statuses from setStatuses().
-    virtual void fail(const std::string& name, int nth, int code) = 0;
+    void fail(const std::string& name, int nth, int code) { _failures.push_back({name, nth, code}); }
     /// The `nth` call of any function from now on.
-    virtual void failAny(int nth, int code) = 0;
-    virtual void setErrorText(int code, const std::string& text) = 0;
+    void failAny(int nth, int code) { fail("", nth, code); }
+    void setErrorText(int code, const std::string& text) { errorTexts[code] = text; }
 
     // What comes from outside
     /// A message on any communicator, for receives and probes. Unmatched receives complete as they are.
     virtual void deliver(int source, int tag, const void* data, std::size_t bytes) = 0;
     /// The next statuses that calls set, one after the other, before the driver makes its own again.
-    virtual void setStatuses(const std::vector<OXM_MPI_Status_struct>& statuses) = 0;
+    void setStatuses(const std::vector<OXM_MPI_Status_struct>& statuses) {
+        _statuses.assign(statuses.begin(), statuses.end());
+    }
     /// What the next Waitany or Testany gives as index, with no request completed when it is undefined.
-    virtual void setIndex(int index) = 0;
+    void setIndex(int index) { nextIndex = index; }
     /// Non-blocking requests complete at the look after `looks` unsuccessful ones.
-    virtual void setLooks(int looks) = 0;
+    void setLooks(int looks) { looksBeforeCompletion = looks; }
     /// Stands in the place of the driver's own work for `name`, and returns the code. An empty one ends that.
     using Action = std::function<int(const ScriptedCall&)>;
-    virtual void setAction(const std::string& name, Action action) = 0;
+    void setAction(const std::string& name, Action action) { _actions[name] = std::move(action); }
     /// The clock stands at `now` and moves on by `step` with each reading. Until then it is the real one.
     virtual void setClock(double now, double step) = 0;
 
     // What was seen
     /// All calls in their order, the clock's and OXM_MPI_Get_max_buffer_size's left out.
-    virtual const std::vector<ScriptedCall>& calls() const = 0;
-    virtual void clearCalls() = 0;
-    virtual int clockReadings() const = 0;
+    const std::vector<ScriptedCall>& calls() const { return _calls; }
+    void clearCalls() { _calls.clear(); }
+    int clockReadings() const { return _clockReadings; }
     /// Numbers of the handles that are alive, by kind, 0 left out: "comm", "group", "datatype", "op",
     /// "request", "file", "info".
     virtual std::map<std::string, int> liveHandles() const = 0;
@@ -102,4 +106,24 @@ public:
     std::vector<std::string> names() const;
     /// The calls of one function.
     std::vector<ScriptedCall> callsOf(const std::string& name) const;
+
+protected:
+    struct Failure {
+        std::string name; ///< empty: of any function
+        int nth;
+        int code;
+    };
+
+    std::string processorName;
+    std::uint64_t maxBufferSize = 0;
+    bool supportsSharedMemory = true;
+    int bindCollisionTestDisabled = 0;
+    int looksBeforeCompletion = 0;
+    std::optional<int> nextIndex;
+    std::map<int, std::string> errorTexts;
+    std::vector<Failure> _failures;
+    std::map<std::string, Action> _actions;
+    std::vector<ScriptedCall> _calls;
+    std::deque<OXM_MPI_Status_struct> _statuses;
+    int _clockReadings = 0;
 };

@@ -91,10 +91,6 @@ void ScriptedMpiState::deliver(int source, int tag, const void* data, std::size_
     mailbox.push_back({source, tag, std::string(static_cast<const char*>(data), bytes)});
 }
 
-void ScriptedMpiState::setStatuses(const std::vector<OXM_MPI_Status_struct>& values) {
-    _statuses.assign(values.begin(), values.end());
-}
-
 void ScriptedMpiState::setClock(double now, double step) {
     _clock = now;
     _clockStep = step;

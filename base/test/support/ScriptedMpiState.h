@@ -4,36 +4,21 @@
 
 #include "mpiwrapper/MpiDriver.h"
 
-#include <deque>
 #include <optional>
 #include <string>
 #include <type_traits>
 #include <utility>
 #include <vector>
 
-/// What the scripted driver remembers: its script, its handles and what it saw.
+/// The memory of the scripted driver: its script, its handles and the calls that it saw.
 class ScriptedMpiState : public ScriptedMpi {
 public:
     static ScriptedMpiState& getSingleton();
 
     void reset() override;
     void setWorld(int rank, int size) override;
-    void setProcessorName(const std::string& name) override { processorName = name; }
-    void setMaxBufferSize(std::uint64_t bytes) override { maxBufferSize = bytes; }
-    void setSharedMemorySupport(bool works) override { supportsSharedMemory = works; }
-    void setBindCollisionTestDisabled(int value) override { bindCollisionTestDisabled = value; }
-    void fail(const std::string& name, int nth, int code) override { _failures.push_back({name, nth, code}); }
-    void failAny(int nth, int code) override { _failures.push_back({"", nth, code}); }
-    void setErrorText(int code, const std::string& text) override { errorTexts[code] = text; }
-    void deliver(int source, int tag, const void* data, std::size_t bytes) override;
-    void setStatuses(const std::vector<OXM_MPI_Status_struct>& values) override;
-    void setIndex(int index) override { nextIndex = index; }
-    void setLooks(int looks) override { looksBeforeCompletion = looks; }
-    void setAction(const std::string& name, Action action) override { _actions[name] = std::move(action); }
     void setClock(double now, double step) override;
-    const std::vector<ScriptedCall>& calls() const override { return _calls; }
-    void clearCalls() override { _calls.clear(); }
-    int clockReadings() const override { return _clockReadings; }
+    void deliver(int source, int tag, const void* data, std::size_t bytes) override;
     std::map<std::string, int> liveHandles() const override;
 
     /// Records a call and runs its script; `play` is the driver's own work, with a code as result or none.
@@ -80,13 +65,13 @@ public:
     const Message* peekMessage(int source, int tag) const;
 
     int worldRank = 0;
-    std::string processorName;
-    std::uint64_t maxBufferSize = 0;
-    bool supportsSharedMemory = true;
-    int bindCollisionTestDisabled = 0;
-    int looksBeforeCompletion = 0;
-    std::optional<int> nextIndex;
-    std::map<int, std::string> errorTexts;
+    using ScriptedMpi::bindCollisionTestDisabled;
+    using ScriptedMpi::errorTexts;
+    using ScriptedMpi::looksBeforeCompletion;
+    using ScriptedMpi::maxBufferSize;
+    using ScriptedMpi::nextIndex;
+    using ScriptedMpi::processorName;
+    using ScriptedMpi::supportsSharedMemory;
     std::map<int, Comm> comms;
     std::map<int, std::vector<int>> groups;
     std::map<int, Type> types;
@@ -102,12 +87,6 @@ public:
     int makeHandle() { return _nextHandle++; }
 
 private:
-    struct Failure {
-        std::string name;
-        int nth;
-        int code;
-    };
-
     int takeFailure(const std::string& name);
     /// The code of the first argument that no MPI would take.
     int examine(const ScriptedCall& call) const;
@@ -115,12 +94,7 @@ private:
     static void clearMadeHandle(const ScriptedCall& call);
     int run(std::size_t call, const std::function<int()>& play);
 
-    std::vector<Failure> _failures;
-    std::map<std::string, Action> _actions;
-    std::vector<ScriptedCall> _calls;
-    std::deque<OXM_MPI_Status_struct> _statuses;
     int _nextHandle = FIRST_MADE;
-    int _clockReadings = 0;
     std::optional<double> _clock;
     double _clockStep = 0.0;
 };
