@@ -10,7 +10,7 @@ using namespace WrapperTest;
 
 namespace {
 
-TEST(WrapperWindows, shareTheMemoryOfOneRank) {
+TEST(WrapperWindows, ShareTheMemoryOfOneRank) {
     int supported = 0;
     ORVEX_GOOD(OXM_MPI_Supports_v3_shared_memory(&supported));
     ASSERT_EQ(supported, 1);
@@ -72,7 +72,7 @@ private:
 constexpr int READ_WRITE = OXM_MPI_MODE_RDWR;
 constexpr int CREATE = OXM_MPI_MODE_RDWR | OXM_MPI_MODE_CREATE;
 
-TEST(WrapperFiles, pointerMovesWithTheBytes) {
+TEST(WrapperFiles, MoveTheirPointerWithTheBytes) {
     const SharedFileName name;
     if (rank() == 0)
         std::ofstream(name.path()) << "0123456789";
@@ -91,7 +91,7 @@ TEST(WrapperFiles, pointerMovesWithTheBytes) {
     ORVEX_GOOD(OXM_MPI_File_close(&file));
 }
 
-TEST(WrapperFiles, failuresHaveTheirClass) {
+TEST(WrapperFiles, TellTheClassOfAFailure) {
     const SharedFileName name;
     int file = 77;
     EXPECT_EQ(OXM_MPI_File_open(WORLD, name.get(), READ_WRITE, OXM_MPI_INFO_NULL, &file),
@@ -115,7 +115,7 @@ TEST(WrapperFiles, failuresHaveTheirClass) {
     EXPECT_FALSE(std::filesystem::exists(name.path()));
 }
 
-TEST(WrapperFiles, hintsComeBack) {
+TEST(WrapperFiles, GiveHintsBack) {
     int info = 0;
     ORVEX_GOOD(OXM_MPI_Info_create(&info));
     ORVEX_GOOD(OXM_MPI_Info_set(info, "panfs_layout_type", "3"));
@@ -132,7 +132,7 @@ TEST(WrapperFiles, hintsComeBack) {
     EXPECT_NE(OXM_MPI_Info_set(4711, "key", "value"), OXM_MPI_SUCCESS);
 }
 
-TEST(WrapperProcess, knowsItsMpi) {
+TEST(WrapperProcess, KnowsItsMpi) {
     char text[OXM_MPI_MAX_PROCESSOR_NAME] = "";
     int length = -1;
     ORVEX_GOOD(OXM_MPI_Get_processor_name(text, &length));
