@@ -28,15 +28,9 @@ int detectLevel() {
 #if defined(__x86_64__)
     // These tests ask the operating system's share too: whether it saves the wide registers.
     __builtin_cpu_init();
-    if (__builtin_cpu_supports("avx512f"))
-        return Chip::AVX512;
-    if (__builtin_cpu_supports("avx2"))
-        return Chip::AVX2;
-    if (__builtin_cpu_supports("avx"))
-        return Chip::AVX;
-    if (__builtin_cpu_supports("sse4.2"))
-        return Chip::SSE42;
-    return Chip::SSE2;
+    return Chip::toVectorizationLevel(__builtin_cpu_supports("sse4.2") != 0,
+                                      __builtin_cpu_supports("avx") != 0, __builtin_cpu_supports("avx2") != 0,
+                                      __builtin_cpu_supports("avx512f") != 0);
 #else
     return Chip::NO_VECTORS;
 #endif
@@ -127,6 +121,10 @@ std::string Chip::getDescription() const {
 
 int Chip::getVectorizationLevel() const {
     return getFacts().level;
+}
+
+Chip::VectorizationLevel Chip::toVectorizationLevel(bool sse42, bool avx, bool avx2, bool avx512) {
+    return avx512 ? AVX512 : avx2 ? AVX2 : avx ? AVX : sse42 ? SSE42 : SSE2;
 }
 
 std::string Chip::getVectorizationLevelText(int level) {

@@ -21,6 +21,8 @@ public:
     std::string getDescription() const;
     /// The level that processor and operating system both support: a VectorizationLevel.
     int getVectorizationLevel() const;
+    /// The level of an x86-64 processor that has these sets of instructions.
+    static VectorizationLevel toVectorizationLevel(bool sse42, bool avx, bool avx2, bool avx512);
     /// As in "AVX2".
     static std::string getVectorizationLevelText(int level);
     /// [MHz] the highest clock that is known

@@ -4,7 +4,7 @@
 
 #include <stdexcept>
 
-TEST(Base64Encoder, BothWays) {
+TEST(Base64Encoder, TakesBytesBothWays) {
     for (const auto& [bytes, base64] : {std::pair("", ""),
                                         {"f", "Zg=="},
                                         {"foo", "Zm9v"},
@@ -13,8 +13,7 @@ TEST(Base64Encoder, BothWays) {
         EXPECT_EQ(Base64Encoder::encode(bytes), base64);
         EXPECT_EQ(Base64Encoder::decodeBytes(base64), bytes);
     }
-    const std::wstring wide = L"Stra\x00DF"
-                              L"e \x20AC \x1F600";
+    const std::wstring wide = L"\x00DF \x20AC \x1F600";
     EXPECT_EQ(Base64Encoder::decode(Base64Encoder::encode(wide)), wide);
 }
 
@@ -23,7 +22,6 @@ TEST(Base64Encoder, BadInputIsNamed) {
          {std::pair<std::string, std::string>("Zg=", "its length, 3, is no multiple of 4"),
           {"Zm9*", "it has the character '*' at position 4"},
           {"Zm\n9", "it has the character of code 10 at position 3"},
-          {"Z===", "it has the character '=' at position 2"},
           {"Zg==Zg==", "it has the character '=' at position 3"},
           {"Zh==", "its last digit, at position 2, has bits beyond the last byte"},
           {"Zm9=", "its last digit, at position 3, has bits beyond the last byte"},

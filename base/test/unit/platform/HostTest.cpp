@@ -7,7 +7,7 @@
 using OS::Io::Host;
 
 // No row asks the name service for a name of another host: the answer would be somebody else's.
-TEST(Host, Equality) {
+TEST(Host, ComparesNamesAndAddresses) {
     const std::string own = Platform::io().getHostName();
     for (const auto& [one, other, equal] :
          {std::tuple<std::string, std::string, bool>("node1", "node1", true),

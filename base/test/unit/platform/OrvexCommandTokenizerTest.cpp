@@ -6,7 +6,7 @@
 
 using Words = std::vector<std::string>;
 
-TEST(OrvexCommandTokenizer, WordsAndTextBothWays) {
+TEST(OrvexCommandTokenizer, TakesWordsAndTextBothWays) {
     for (const auto& [text, words] : {std::pair<std::string, Words>("", {}),
                                       {"orvexsim -s -port 4711", {"orvexsim", "-s", "-port", "4711"}},
                                       {"a \"b c\" \"\"", {"a", "b c", ""}},

@@ -2,17 +2,13 @@
 //   platformProbe run WORDS...     starts the words as a child that prints where this one does, and waits
 //   platformProbe rank HOW         watches its launcher: HOW is plain, hang (the callback never returns) or
 //                                  stop (the watch ends before the rank says a word)
-//   platformProbe fault            a fault handler that returns, then a fault
-#include "platform/Io.h"
 #include "platform/LauncherWatch.h"
 #include "platform/Process.h"
-#include "platform/Signals.h"
 #include "platform/StringHelper.h"
 #include "platform/Time.h"
 
 #include <iostream>
 #include <string>
-#include <string_view>
 #include <vector>
 
 namespace {
@@ -42,26 +38,12 @@ int playRank(const std::string& how) {
         std::cout << " " << ancestor.pid << " " << ancestor.name;
     std::cout << std::endl;
     if (how == "stop") {
-        Platform::time().sleep(2.0);
+        Platform::time().sleep(0.7); // more than three rounds of a watch
         std::cout << "outlived" << std::endl;
         return 0;
     }
     Platform::time().sleep(30.0); // the watch ends it long before
     return watching ? 1 : 2;
-}
-
-void returnFromFault(int signal, int, void*) {
-    // What a handler may do: no stream, no memory.
-    constexpr std::string_view text = "told\n";
-    if (signal == Platform::Signals::SEGMENTATION)
-        Platform::io().write(1, text.data(), text.size());
-}
-
-__attribute__((no_sanitize("address", "undefined", "thread"))) int fault() {
-    Platform::signals().installFaultHandler({Platform::Signals::SEGMENTATION}, returnFromFault);
-    volatile int* volatile nowhere = nullptr;
-    *nowhere = 1;
-    return 0;
 }
 
 } // namespace
@@ -72,8 +54,6 @@ int main(int argc, char** argv) {
         return run(argc, argv);
     if (part == "rank" && argc > 2)
         return playRank(argv[2]);
-    if (part == "fault")
-        return fault();
-    std::cerr << "platformProbe: run WORDS..., rank HOW or fault is expected\n";
+    std::cerr << "platformProbe: run WORDS... or rank HOW is expected\n";
     return 64;
 }

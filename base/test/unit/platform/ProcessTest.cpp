@@ -1,9 +1,9 @@
 #include "platform/Process.h"
 
-#include "TemporaryDirectory.h"
 #include "platform/Pipe.h"
 #include "platform/StringHelper.h"
 #include "platform/Time.h"
+#include "support/TemporaryDirectory.h"
 
 #include <gtest/gtest.h>
 
@@ -22,14 +22,11 @@ Command shell(const std::wstring& script) {
     return {L"sh", L"-c", script};
 }
 
-bool eventually(const std::function<bool()>& condition, double timeLimit = 10.0) {
-    const double end = Platform::time().getTime() + timeLimit;
-    while (!condition()) {
-        if (Platform::time().getTime() > end)
-            return false;
+bool eventually(const std::function<bool()>& condition) {
+    const double end = Platform::time().getTime() + 10.0;
+    while (!condition() && Platform::time().getTime() < end)
         Platform::time().sleep(0.01);
-    }
-    return true;
+    return condition();
 }
 
 class ProcessTest : public testing::Test {
@@ -46,7 +43,7 @@ protected:
 
 } // namespace
 
-TEST_F(ProcessTest, ExitStatus) {
+TEST_F(ProcessTest, TellsHowAProcessEnded) {
     const struct {
         Command command;
         double timeLimit;
@@ -58,31 +55,25 @@ TEST_F(ProcessTest, ExitStatus) {
                 {{directory / L"missing"}, -1.0, 127},
                 {{}, -1.0, 127},
                 {{std::wstring(L"sh\0x", 4)}, -1.0, 127}};
-    for (const auto& row : rows) {
-        const double start = Platform::time().getTime();
+    for (const auto& row : rows)
         EXPECT_EQ(processes.run(row.command, row.timeLimit), row.status);
-        EXPECT_LT(Platform::time().getTime() - start, 8.0);
-    }
 }
 
-TEST_F(ProcessTest, Captured) {
+TEST_F(ProcessTest, CapturesAndBoundsTheOutput) {
     auto result = processes.runCaptured(shell(L"echo out; echo err >&2; exit 4"), 20.0);
     EXPECT_EQ(result.exitStatus, 4);
     EXPECT_EQ(result.output, "out\nerr\n");
     EXPECT_FALSE(result.outputCut);
-
     result = processes.runCaptured(shell(L"head -c 300000 /dev/zero"), 20.0, 1000);
     EXPECT_EQ(result.exitStatus, 0);
     EXPECT_EQ(result.output.size(), 1000u);
     EXPECT_TRUE(result.outputCut);
-
     EXPECT_THROW(processes.runCaptured({L"orvex-no-such-program"}, 1.0), std::system_error);
-
-    // What a child leaves behind with its output open doesn't hold the caller.
+    // A grandchild that keeps the output open doesn't hold the caller.
     const double start = Platform::time().getTime();
-    result = processes.runCaptured(shell(L"sleep 4 & echo done"), 20.0);
-    EXPECT_EQ(result.output, "done\n");
-    EXPECT_LT(Platform::time().getTime() - start, 3.0);
+    result = processes.runCaptured(shell(L"sleep 20 & echo $!"), 60.0);
+    EXPECT_LT(Platform::time().getTime() - start, 15.0);
+    EXPECT_TRUE(processes.kill(std::stoi(result.output)));
 }
 
 TEST_F(ProcessTest, TheEndOfTimeTakesTheWholeGroup) {
@@ -106,10 +97,8 @@ TEST_F(ProcessTest, ListsByExecutableName) {
     EXPECT_TRUE(processes.getPids(name.substr(0, 15)).empty());
     EXPECT_TRUE(processes.getPids("").empty());
     EXPECT_TRUE(processes.isAlive(one->getPid()));
-    EXPECT_GT(processes.getStartStamp(one->getPid()), 0u);
     EXPECT_TRUE(processes.terminate(one->getPid()));
     EXPECT_EQ(one->wait(10.0), 128 + SIGTERM);
-    EXPECT_FALSE(processes.isAlive(one->getPid()));
     EXPECT_TRUE(processes.kill(two->getPid()));
     // Ended but not collected: a zombie doesn't count.
     EXPECT_TRUE(
@@ -130,20 +119,15 @@ TEST_F(ProcessTest, WaitsForTheMarker) {
         "ProxyServer::start -host", captured, false, 10.0);
     ASSERT_NE(handle, nullptr);
     EXPECT_EQ(captured, "first\nProxyServer::start -host n1:4711\n");
-    EXPECT_EQ(handle->getOutput(), nullptr);
     EXPECT_EQ(handle->wait(10.0), 0);
     EXPECT_TRUE(Platform::filesystem().exists(done));
-
-    const struct {
-        std::wstring script;
-        std::string captured;
-    } rows[] = {{L"echo nothing", "nothing\n"},
-                {L"printf 'a MAR'; sleep 0.1; printf 'KER in two\\nmore\\n'", "a MARKER in two\n"},
-                {L"printf MARKER; exec sleep 30", "MARKER"}}; // without a line end: the time is up
-    for (const auto& row : rows) {
-        handle = processes.startAndExpect(shell(row.script), "MARKER", captured, false, 1.0);
+    for (const auto& [script, expected] :
+         {std::pair(L"echo nothing", "nothing\n"),
+          {L"printf 'a MAR'; sleep 0.1; printf 'KER in two\\nmore\\n'", "a MARKER in two\n"},
+          {L"printf MARKER; exec sleep 30", "MARKER"}}) { // without a line end: the time is up
+        handle = processes.startAndExpect(shell(script), "MARKER", captured, false, 0.5);
         ASSERT_NE(handle, nullptr);
-        EXPECT_EQ(captured, row.captured);
+        EXPECT_EQ(captured, expected);
         handle->terminate();
     }
     EXPECT_EQ(processes.startAndExpect({L"orvex-no-such-program"}, "x", captured, false), nullptr);
@@ -157,28 +141,26 @@ TEST_F(ProcessTest, AChildOutlivesItsHandle) {
         const auto handle =
             processes.start(shell(L"sleep 0.1; head -c 300000 /dev/zero; echo > " + done), {});
         pid = handle->getPid();
-        EXPECT_TRUE(handle->isAlive());
         EXPECT_FALSE(handle->wait(0.0).has_value());
     }
     EXPECT_TRUE(eventually([&] { return Platform::filesystem().exists(done); }));
     EXPECT_TRUE(eventually([&] { return processes.getStartStamp(pid) == 0; })); // no zombie is left
 }
 
-TEST_F(ProcessTest, StartOptions) {
+TEST_F(ProcessTest, FeedsTheInputAndSetsFolderAndEnvironment) {
     Platform::Process::StartOptions options;
     options.pipeInput = true;
     options.joinErrorToOutput = true;
     options.directory = directory.getPath();
     options.environment = {{"ORVEX_TEST_WORD", "a b"}};
-    const auto handle = processes.start(shell(L"cat; pwd; echo $ORVEX_TEST_WORD"), options);
+    const auto handle = processes.start(shell(L"echo $(cat; pwd; echo $ORVEX_TEST_WORD)"), options);
     ASSERT_TRUE(handle->getInput()->write("fed\n", 4, 10.0));
     handle->getInput()->closeWriteEnd();
-    std::string output;
-    char buffer[256];
-    for (int n = 0; (n = handle->getOutput()->read(buffer, sizeof buffer, 10.0)) > 0;)
-        output.append(buffer, static_cast<std::size_t>(n));
+    std::string output(256, 0);
+    const int size = handle->getOutput()->read(output.data(), output.size(), 10.0);
+    EXPECT_EQ(output.substr(0, static_cast<std::size_t>(size)),
+              "fed " + StringHelper::toString(directory.getPath()) + " a b\n");
     EXPECT_EQ(handle->wait(10.0), 0);
-    EXPECT_EQ(output, "fed\n" + StringHelper::toString(directory.getPath()) + "\na b\n");
 }
 
 TEST_F(ProcessTest, AChildInheritsNothingOfOurs) {
@@ -209,8 +191,6 @@ TEST_F(ProcessTest, TerminateEndsTheStubborn) {
     const auto handle = processes.start(shell(L"trap '' TERM; echo ready; while :; do sleep 0.05; done"), {});
     char buffer[16];
     ASSERT_GT(handle->getOutput()->read(buffer, sizeof buffer, 10.0), 0);
-    const double start = Platform::time().getTime();
     handle->terminate(0.2);
-    EXPECT_LT(Platform::time().getTime() - start, 5.0);
-    EXPECT_EQ(handle->wait(), 128 + SIGKILL);
+    EXPECT_EQ(handle->wait(10.0), 128 + SIGKILL);
 }

@@ -1,6 +1,7 @@
 #include "platform/StackTracer.h"
 
 #include "platform/DynamicLibrary.h"
+#include "platform/StringHelper.h"
 
 #include <gtest/gtest.h>
 
@@ -14,10 +15,7 @@ __attribute__((noinline)) std::vector<std::string> traceHere(int& line) {
 }
 
 std::string joined(const std::vector<std::string>& trace) {
-    std::string text;
-    for (const std::string& frame : trace)
-        text += frame + "\n";
-    return text;
+    return StringHelper::join(trace, "\n");
 }
 
 } // namespace
@@ -26,24 +24,10 @@ TEST(StackTracer, NamesFunctionFileAndLine) {
     int line = 0;
     const auto trace = traceHere(line);
     ASSERT_FALSE(trace.empty());
-    EXPECT_LE(trace.size(), 12u);
     EXPECT_NE(trace[0].find("traceHere"), std::string::npos) << joined(trace);
     EXPECT_NE(trace[0].find("StackTracerTest.cpp:" + std::to_string(line)), std::string::npos)
         << joined(trace);
     EXPECT_NE(joined(trace).find("NamesFunctionFileAndLine"), std::string::npos) << joined(trace);
-}
-
-TEST(StackTracer, BoundsAndSkips) {
-    const void* frames[4] = {};
-    const void* fewer[4] = {};
-    EXPECT_EQ(Platform::error().capture(frames, 0), 0u);
-    EXPECT_EQ(Platform::error().capture(frames, 3), 3u);
-    EXPECT_EQ(frames[3], nullptr);
-    EXPECT_EQ(Platform::error().capture(fewer, 2, 1), 2u);
-    EXPECT_EQ(fewer[0], frames[1]);
-    EXPECT_TRUE(Platform::error().resolve(frames, 0).empty());
-    const void* nowhere = reinterpret_cast<const void*>(16);
-    EXPECT_EQ(Platform::error().resolve(&nowhere, 1), std::vector<std::string>{"0x10"});
 }
 
 TEST(StackTracer, KnowsModulesThatCameLater) {

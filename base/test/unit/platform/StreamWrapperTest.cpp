@@ -5,26 +5,6 @@
 
 #include <sstream>
 
-namespace {
-
-OStreamWrapper& bang(OStreamWrapper& stream) {
-    return stream << "!";
-}
-
-/// Counts the virtual calls that reach it.
-class CountingOutput : public OStreamWrapper {
-public:
-    using OStreamWrapper::OStreamWrapper;
-    using OStreamWrapper::operator<<;
-    OStreamWrapper& operator<<(int value) override {
-        ++count;
-        return OStreamWrapper::operator<<(value);
-    }
-    int count = 0;
-};
-
-} // namespace
-
 // Each operation for values is tested where a file is read and written.
 
 TEST(StreamWrapper, OutputIsThatOfTheStream) {
@@ -33,16 +13,11 @@ TEST(StreamWrapper, OutputIsThatOfTheStream) {
     out.width(6);
     out.fill('*');
     out.precision(3);
-    out << 3.14159 << bang;
+    out << 3.14159;
     out.write("raw\0", 4).put('p').flush();
-    EXPECT_EQ(wrapped.str(), std::string("**3.14!raw\0p", 12));
+    EXPECT_EQ(wrapped.str(), std::string("**3.14raw\0p", 11));
     out.clear(std::ios_base::failbit);
     EXPECT_TRUE(!out && out.fail() && !out.bad());
-
-    CountingOutput counting(wrapped);
-    static_cast<OStreamWrapper&>(counting) << 1 << 2;
-    counting << "text";
-    EXPECT_EQ(counting.count, 2);
 }
 
 TEST(StreamWrapper, InputIsThatOfTheStream) {

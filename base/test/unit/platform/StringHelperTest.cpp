@@ -6,7 +6,7 @@
 
 using namespace std::string_literals;
 
-TEST(StringHelper, Utf8BothWays) {
+TEST(StringHelper, TakesUtf8BothWays) {
     for (const auto& [narrow, wide] :
          {std::pair(""s, L""s),
           {"plain", L"plain"},
@@ -20,7 +20,7 @@ TEST(StringHelper, Utf8BothWays) {
     }
 }
 
-TEST(StringHelper, InvalidInputIsReplaced) {
+TEST(StringHelper, ReplacesInvalidInput) {
     const std::wstring R = L"\xFFFD";
     for (const auto& [narrow, wide] : {std::pair("\x80"s, R),
                                        {"a\xFFz", L"a" + R + L"z"},
@@ -28,7 +28,6 @@ TEST(StringHelper, InvalidInputIsReplaced) {
                                        {"\xE0\x9F\x80", R + R + R},         // overlong
                                        {"\xED\xA0\x80", R + R + R},         // a surrogate
                                        {"\xF4\x90\x80\x80", R + R + R + R}, // beyond Unicode
-                                       {"\xF5\x80", R + R},
                                        {"\xE2\x82", R}, // cut off: one replacement for the whole beginning
                                        {"\xE2\x82x", R + L"x"},
                                        {"\xF0\x9F\x98\xE2\x82\xAC", R + L"\x20AC"}}) {
@@ -60,11 +59,9 @@ TEST(StringHelper, CaseDoesNotFollowTheLocale) {
     EXPECT_EQ(StringHelper::toLower(L"COM1 \xC4\x3A9 @[`{"), L"com1 \xE4\x3C9 @[`{");
 }
 
-TEST(StringHelper, TokenizeJoinTrim) {
+TEST(StringHelper, CutsAndJoinsWords) {
     using Words = std::vector<std::string>;
     for (const auto& [text, separators, words] : {std::tuple<std::string, std::string, Words>("", " ", {}),
-                                                  {"   ", " ", {}},
-                                                  {"a", " ", {"a"}},
                                                   {"  plink -P  22 ", " ", {"plink", "-P", "22"}},
                                                   {"/a//b/", "/", {"a", "b"}},
                                                   {"a:b;c", ":;", {"a", "b", "c"}}})
