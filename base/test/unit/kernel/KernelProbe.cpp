@@ -1,6 +1,15 @@
 // Plays the processes that don't live to tell:
 //   kernelProbe version      prints what this build is
-//   kernelProbe HOW          ends by a fault; HOW is one of the names below
+//   kernelProbe HOW          ends by a fault:
+//     noexcept   in a function that lets no exception out: the abort callback ends the process
+//     thread     in a thread that nobody guards
+//     observer   and an observer faults as well
+//     abort      and the abort callback faults as well
+//     hang       and an observer never returns
+//     module     while a module loads
+//     fork       doesn't, after a fork
+//     sent       by a signal from outside
+//     pipe, size writes to a closed pipe, or above the limit of file sizes: no fault
 
 #include "kernel/Controller.h"
 #include "kernel/DynamicLoader.h"
@@ -13,11 +22,10 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <exception>
 #include <iostream>
-#include <stdexcept>
 #include <string>
 #include <sys/resource.h>
+#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 
@@ -43,22 +51,22 @@ struct FaultObserver : Observer {
     bool hangs;
 };
 
+/// Writes where no byte can go; no signal may end the process for it.
+int writeInVain(int descriptor, const char* signal) {
+    const bool failed = ::write(descriptor, "x", 1) < 0;
+    std::cerr << (failed ? "no " : "written: ") << signal << std::endl;
+    return 0;
+}
+
 int writeToClosedPipe() {
     int ends[2];
-    if (::pipe(ends) != 0 || ::close(ends[0]) != 0)
-        return 1;
-    const bool failed = ::write(ends[1], "x", 1) < 0;
-    std::cout << (failed ? "no SIGPIPE" : "written") << std::endl;
-    return 0;
+    return ::pipe(ends) == 0 && ::close(ends[0]) == 0 ? writeInVain(ends[1], "SIGPIPE") : 1;
 }
 
 int writeAboveTheLimit() {
     const rlimit none{0, 0};
     std::FILE* file = std::tmpfile();
-    if (file == nullptr || ::setrlimit(RLIMIT_FSIZE, &none) != 0)
-        return 1;
-    const bool failed = ::write(::fileno(file), "x", 1) < 0;
-    return ::write(1, failed ? "no SIGXFSZ" : "it's there", 10) == 10 ? 0 : 1; // a pipe has no size
+    return file && ::setrlimit(RLIMIT_FSIZE, &none) == 0 ? writeInVain(::fileno(file), "SIGXFSZ") : 1;
 }
 
 int play(const std::string& how) {
@@ -76,22 +84,17 @@ int play(const std::string& how) {
         return writeToClosedPipe();
     if (how == "size")
         return writeAboveTheLimit();
+    if (how == "fork") { // the child has none of its parent's threads, and ends all the same
+        const pid_t child = ::fork();
+        if (child == 0)
+            std::exit(0);
+        return ::waitpid(child, nullptr, 0) == child ? 0 : 1;
+    }
     std::string reason;
     if (how == "module")
         return DynamicLoader::getSingleton().loadNoAssert("OrvexKernelThrowingModule", reason) ? 1 : 2;
     if (how == "sent")
         return ::kill(::getpid(), SIGSEGV);
-    if (how == "terminate") {
-        std::set_terminate([] {
-            std::cerr << "the handler from before" << std::endl;
-            std::_Exit(7);
-        });
-        try {
-            touchNowhere();
-        } catch (const std::exception&) {
-            throw std::runtime_error("not a fault"); // leaves main
-        }
-    }
     if (how == "thread")
         std::thread(touchNowhere).join();
     touchWithoutExceptions();
@@ -104,9 +107,6 @@ int main(int argc, char** argv) {
     const std::string how = argc > 1 ? argv[1] : "";
     if (how != "version")
         return play(how);
-    std::cout << OrvexVersion::isDevelopmentVersion() << "|" << OrvexVersion::getVersionedProductName() << "|"
-              << OrvexVersion::_releaseNumber << "|" << OrvexVersion::_releaseDate << "|"
-              << OrvexVersion::_buildArch << "|" << OrvexVersion::_buildEnv << "|"
-              << OrvexVersion::_machineConfig << std::endl;
+    std::cout << OrvexVersion::getVersionedProductName() << std::endl;
     return 0;
 }

