@@ -4,10 +4,10 @@
 #include "kernel/server/RpcMessage.h"
 #include "kernel/server/SessionHandshake.h"
 #include "kernel/server/SessionRecord.h"
+#include "platform/StringHelper.h"
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <random>
 #include <string>
 #include <vector>
@@ -38,34 +38,18 @@ std::vector<std::string> seeds() {
 
 /// Changes a text the way faults and attackers do.
 std::string mutate(std::string text, std::mt19937& generator) {
-    static const std::vector<std::string> PIECES{"{",
-                                                 "}",
-                                                 "[",
-                                                 "]",
-                                                 "\"",
-                                                 ":",
-                                                 ",",
-                                                 "\n",
-                                                 "\\u0000",
-                                                 "\\ud800",
-                                                 "1e999",
-                                                 "-",
-                                                 "\xff",
-                                                 "\xc0\x80",
-                                                 "\xed\xa0\x80",
-                                                 std::string(1, '\0'),
-                                                 "\"jsonrpc\":\"2.0\"",
-                                                 "null",
-                                                 "18446744073709551616",
-                                                 std::string(70, '['),
-                                                 std::string(70, '{'),
-                                                 std::string(5000, 'x')};
+    std::vector<std::string> pieces =
+        StringHelper::tokenize("{ } [ ] \" : , \n \\u0000 \\ud800 1e999 - \xff \xc0\x80 \xed\xa0\x80 "
+                               "\"jsonrpc\":\"2.0\" null 18446744073709551616",
+                               " ");
+    pieces.insert(pieces.end(),
+                  {std::string(1, 0), std::string(70, '['), std::string(70, '{'), std::string(5000, 'x')});
     const auto below = [&](std::size_t limit) { return limit == 0 ? 0 : generator() % limit; };
     for (std::size_t changes = 1 + below(6); changes > 0; --changes) {
         const std::size_t at = below(text.size() + 1);
         switch (below(6)) {
         case 0:
-            text.insert(at, PIECES[below(PIECES.size())]);
+            text.insert(at, pieces[below(pieces.size())]);
             break;
         case 1:
             text.erase(at, 1 + below(20));
@@ -74,33 +58,26 @@ std::string mutate(std::string text, std::mt19937& generator) {
             text.resize(at);
             break;
         case 3:
-            if (at < text.size())
-                text[at] = static_cast<char>(below(256));
-            break;
-        case 4:
             text.insert(at, text.substr(below(text.size() + 1), below(200)));
             break;
         default:
             if (at < text.size())
-                text[at] = static_cast<char>(text[at] ^ (1 << below(8)));
+                text[at] = static_cast<char>(below(256));
         }
     }
     return text;
 }
 
-TEST(WireFuzz, mutationsOfHonestTexts) {
+TEST(WireFuzz, MutationsOfHonestTextsKeepThePromises) {
     std::mt19937 generator(47827);
     const std::vector<std::string> honest = seeds();
     std::vector<std::string> pool = honest;
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(4);
-    int rounds = 0;
-    for (; rounds < 60000 && std::chrono::steady_clock::now() < end; ++rounds) {
+    for (int round = 0; round < 20000; ++round) {
         std::string text = mutate(pool[generator() % pool.size()], generator);
         fuzzWire(reinterpret_cast<const std::uint8_t*>(text.data()), text.size());
         if (text.size() < 20000) // the next mutation may start from this one
             pool.size() < 500 ? pool.push_back(text) : void(pool[honest.size() + generator() % 400] = text);
     }
-    EXPECT_GT(rounds, 500);
 }
 
 } // namespace

@@ -8,7 +8,7 @@
 
 namespace {
 
-TEST(CtlConsole, showsControlCharacters) {
+TEST(CtlConsole, ShowsControlCharacters) {
     for (const auto& [text, shown] : std::initializer_list<std::pair<std::string_view, const char*>>{
              {"a\tb\n\xC3\xA4\xE2\x82\xAC", "a\tb\n\xC3\xA4\xE2\x82\xAC"},
              {"\x1b[31m\x07", "^[[31m^G"},
@@ -20,7 +20,7 @@ TEST(CtlConsole, showsControlCharacters) {
         EXPECT_EQ(CtlConsole::toVisible(text), shown);
 }
 
-TEST(OutputQueue, waitsForNoReaderAndTellsThatItIsGone) {
+TEST(OutputQueue, WaitsForNoReaderAndTellsThatItIsGone) {
     std::signal(SIGPIPE, SIG_IGN);
     Pipe pipe;
     OutputQueue queue(pipe.getWriteDescriptor());
