@@ -23,7 +23,7 @@ struct hwloc_topology;
 /// ascending. An index out of range raises an InternalError.
 class ORVEX_MACHINE_EXPORT CpuTopology {
 public:
-    /// Where getLpuSubset() takes LPUs.
+    /// The places of the LPUs that getLpuSubset() takes.
     enum LpuSelectionMode : int {
         Spread = 0, ///< over sockets and NUMA nodes
         Compact = 1 ///< from the lowest index on

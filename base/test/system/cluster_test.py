@@ -10,7 +10,7 @@ from harness import BUILD, DRIVERS, MPIS, START_LIMIT, Case, Room, main
 from cluster import Cluster, is_possible
 from placement_test import ALL, ALLOWED, FIRST, HARDWARE, PROCESSORS, STARS, wait_alone
 
-# What the hosts of these tests take for their hardware; nobody is really bound to it.
+# The hardware of the hosts in these tests; no process is really bound to it.
 LARGE = {"HWLOC_SYNTHETIC": "pack:2 [numa] core:2 pu:1", "HWLOC_THISSYSTEM": "0"}
 
 

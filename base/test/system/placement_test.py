@@ -1,4 +1,4 @@
-"""Where servers run: bindings read from outside, servers on one host that get out of each other's way, and the
+"""The places of servers: bindings read from outside, servers on one host that get out of each other's way, and the
 commands about it."""
 import contextlib
 import json
@@ -138,12 +138,12 @@ class Placement(Case):
 
     @unittest.skipIf(PROCESSORS < 2, "needs a processor to do without")
     def test_a_cpuset(self):
-        """What a container or a batch system keeps away is neither used nor counted."""
+        """Processors that a container or a batch system keeps away are neither used nor counted."""
         self.check_kept(["sh", "-c", 'echo $$ > "$0" && exec "$@"', str(make_cpuset(self, ALLOWED[1]))], ALLOWED[1])
 
     @unittest.skipIf(PROCESSORS < 2, "needs a processor to do without")
     def test_a_batch_system(self):
-        """What it gave by affinity alone is kept to as well, all ranks of a host together; a user's taskset isn't."""
+        """Processors that it gave by affinity alone are kept to as well, all ranks of a host together; a user's taskset isn't."""
         batch = ["env", "SLURM_JOB_ID=17"]  # for the launcher there is no Slurm
         second = ["taskset", "-c", str(ALLOWED[1])]
         self.check_kept([*batch, *second], ALLOWED[1])

@@ -10,7 +10,7 @@ PAGE = (pathlib.Path(__file__).resolve().parents[3] / "docs/PROTOCOL.md").read_t
 
 
 def words(text):
-    """What stands there as code, without texts and values."""
+    """The words that stand there as code, without texts and values."""
     return [word for word in re.findall(r"`([^`]+)`", text) if re.fullmatch(r"[\w.]+", word)]
 
 

@@ -101,6 +101,9 @@ TEST_F(FileStreams, TheReaderReadsForAllOrForItself) {
         file.setBroadcastFlag(broadcast);
         EXPECT_EQ(file.getBroadcastFlag(), broadcast);
         EXPECT_EQ(readAll(file, _isReader ? '#' : '?'), broadcast || _isReader ? ofReader : ofOthers);
+        char own = _isReader ? '#' : '?';
+        file.read(&own, 0);
+        EXPECT_EQ(own, _isReader ? '#' : '?') << "no character goes out";
         // The value of the reader is everybody's, also where nothing came. Where a word ends it alone knows.
         file.clear();
         std::string word = _isReader ? "" : "old";

@@ -1,5 +1,5 @@
-// Where the processes of a job run, and what is told of it. The ranks claim to be on hosts of any name, with
-// hardware kept as data; bindings are real.
+// The places of a job's processes, and the reports about them. The ranks claim to be on hosts of any name,
+// with hardware kept as data; bindings are real.
 
 #include "machine/Affinity.h"
 #include "machine/Communicator.h"
@@ -31,6 +31,7 @@
 #include <thread>
 #include <tuple>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
@@ -119,6 +120,19 @@ TEST_F(Placement, IsReportedInStages) {
                                      "  even :\n" + even + "  odd :\n" + rankLines(small, _bound, onOdd));
         expect(report(false, true, gather), "CPU Affinity Report :\n  even :\n" + smallText + even +
                                                 "  odd :\n" + largeText + rankLines(large, _bound, onOdd));
+    }
+    // Hosts that differ in the sizes of their sockets, NUMA nodes or cores alone.
+    for (const auto& [ofEven, ofOdd] :
+         {std::pair("[numa] pack:2 core:2 pu:1", "[numa] pack:2 core:3 pu:1\nrestrict 0xf"),
+          std::pair("pack:1 die:2 [numa] core:2 pu:1", "pack:1 die:2 [numa] core:3 pu:1\nrestrict 0xf"),
+          std::pair("pack:1 [numa] core:4 pu:2\nrestrict 0x5f",
+                    "pack:1 [numa] core:4 pu:2\nrestrict 0x77")}) {
+        const auto host = MachineHostTestAccess::claim(_me % 2 == 1 ? "odd" : "even");
+        MachineHostTestAccess::equip(
+            *host, CpuTopology(makeTestMachine(std::string("machine ") + (_me % 2 == 1 ? ofOdd : ofEven))));
+        EXPECT_EQ(printedOnRank([&] { host->printProcessAffinitySummary(); }).find(" for all "),
+                  std::string::npos)
+            << ofOdd;
     }
     // Alike in all but one rank's binding.
     if (_me == _ranks - 1)
@@ -255,7 +269,7 @@ TEST_F(Placement, TriesToMoveAgainAfterAPause) {
         }
     } pause;
     pause.meanwhile = [&] { MachineHostTestAccess::equip(*host, makeHardware()); };
-    if (_me != 0) // a host of its own, whose pauses nobody is told of
+    if (_me != 0) // only the master tells of its pauses
         return;
     std::streambuf* const console = std::cout.rdbuf(&pause);
     EXPECT_TRUE(host->resolveCpuContention(BANDWIDTH_BINDING, true));
@@ -296,7 +310,7 @@ TEST_F(Placement, MoreProcessesThanElementsGoRound) {
     const CpuTopology four = makeMachine("pack:1 [numa] core:4 pu:1", 4);
     for (const CpuBindingPolicy policy : {BANDWIDTH_BINDING, LATENCY_BINDING})
         for (unsigned rank = 0; rank < 8; ++rank) {
-            // Where there is no such processor the operating system refuses, and the old binding stays.
+            // The operating system refuses a processor that does not exist; the old binding stays.
             const bool exists = rank % 4 < numbers.size();
             EXPECT_EQ(CpuBinder::bindProcess(rank, 4, four, four.getTopologyMask(), policy), exists);
             EXPECT_TRUE(!exists || numbersOfProcessors() == std::vector{numbers[rank % 4]}) << rank;

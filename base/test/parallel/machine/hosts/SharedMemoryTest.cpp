@@ -98,7 +98,7 @@ TEST_F(SharedMemory, WithoutKnownBindingsTheRanksAreDealtOut) {
                 EXPECT_EQ(ranksOf(sparse), firsts);
             }
         }
-        // Whatever the ranks claim: they do share memory.
+        // The ranks do share memory, in spite of their claims.
         EXPECT_EQ(ranksOf(Machine::HOST_SCOPE).size(), _ranks);
         EXPECT_EQ(ranksOf(Machine::hasSparseCommunicator(Machine::HOST_SCOPE)),
                   _me == 0 ? std::vector<unsigned>{0} : std::vector<unsigned>{});
@@ -106,7 +106,7 @@ TEST_F(SharedMemory, WithoutKnownBindingsTheRanksAreDealtOut) {
 }
 
 TEST_F(SharedMemory, CountsTheRanksThatShareMemory) {
-    // Whatever names they give, and whatever each takes for the hardware.
+    // The names that they give and the hardware that each of them reads don't matter.
     enter("host" + std::to_string(_me), strangeMachine(_me == 0 ? 2 : 1));
     MachineTestAccess::buildShmemCommunicators();
     const unsigned first = (_ranks + 1) / 2;

@@ -1,4 +1,4 @@
-// What the collective readings of a timer say, against arithmetic of its own.
+// The collective readings of a timer, against arithmetic of the test's own.
 
 #include "machine/Timer.h"
 #include "machine/Communicator.h"

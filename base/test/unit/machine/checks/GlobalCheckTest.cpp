@@ -161,7 +161,7 @@ std::string messageFor(const std::string& entry) {
            "\nPlease check your usage and inputs.";
 }
 
-/// What the flags alone tell, in both kinds of version.
+/// The text of the flags alone, in both kinds of version.
 const std::string FLAG_TEXT = "Floating-point exception: division by zero";
 
 TEST_F(SerialChecks, APendingFaultBecomesOneErrorAndIsGone) {

@@ -8,7 +8,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <numeric>
 
 namespace {
 
@@ -35,11 +34,7 @@ protected:
     }
 
     ScriptedMpi& mpi = ScriptedMpi::start();
-    std::vector<double> data = [] {
-        std::vector<double> values(9);
-        std::iota(values.begin(), values.end(), 1.0);
-        return values;
-    }();
+    std::vector<double> data = std::vector<double>(9);
 
 private:
     std::unique_ptr<Communicator> _communicator;
@@ -70,7 +65,8 @@ TEST_F(ParallelFileCalls, OpenWithHintsAndFreeThem) {
     mpi.clearCalls();
     file.close();
     EXPECT_EQ(mpi.names(), Texts());
-    // Whatever fails on the way: the object stays closed, nothing is raised, and nothing collective is done.
+    // After each failure on the way the object stays closed, nothing is raised, and nothing collective is
+    // done.
     for (const auto& [name, nth] : std::vector<std::pair<std::string, int>>{
              {"Info_create", 1}, {"Info_set", 1}, {"Info_set", 8}, {"File_open", 1}, {"Info_free", 1}}) {
         SCOPED_TRACE(name);
@@ -80,9 +76,6 @@ TEST_F(ParallelFileCalls, OpenWithHintsAndFreeThem) {
         EXPECT_EQ(mpi.callsOf("File_close").size(), 0u) << "the other ranks wouldn't";
         EXPECT_EQ(mpi.liveHandles()["file"], name == "Info_free" ? 1 : 0);
         EXPECT_EQ(mpi.liveHandles()["info"], name == "Info_free" ? 1 : 0);
-        EXPECT_EQ(mpi.callsOf("Info_set").size(), name == "Info_create" ? 0u
-                                                  : name == "Info_set"  ? std::size_t(nth)
-                                                                        : 8u);
         EXPECT_EQ(file.getOpenError(), OXM_MPI_ERR_OTHER);
     }
     EXPECT_FALSE(file.open(communicator, L"missing", OXM_MPI_MODE_RDONLY));

@@ -1,4 +1,4 @@
-// Where a process's output goes: redirection of descriptors, the two standard streams, the console of a rank.
+// The output of a process: redirection of descriptors, the two standard streams, the console of a rank.
 
 #include "machine/AtExitRegister.h"
 #include "machine/StandardStreamManager.h"
@@ -104,7 +104,7 @@ TEST_F(StandardStreams, AreSilencedRestoredAndMoved) {
         SCOPED_TRACE(row.steps);
         std::wstring logs[2];
         {
-            // What stands for the console.
+            // These two stand for the console.
             const StreamRedirector out(stdout, path(L"out"));
             const StreamRedirector error(stderr, path(L"error"));
             {

@@ -366,7 +366,6 @@ TEST_F(Binding, OfAnotherProcessIsRead) {
     EXPECT_TRUE(Affinity::getProcessAffinity(topology, static_cast<unsigned>(child)).empty());
 }
 
-/// Where hwloc tells nothing, nothing is done.
 TEST_F(Binding, IsLeftAloneWhereNothingIsKnown) {
     const CpuTopology empty = makeEmptyTopology();
     EXPECT_FALSE(AffinityTestAccess::setThread(empty, maskOf("0x1")));

@@ -25,7 +25,7 @@ namespace {
 
 using List = std::vector<unsigned>;
 
-/// What `call` would receive from all.
+/// Gives `call` these values of all ranks.
 int receive(const ScriptedCall& call, const List& values) {
     std::copy(values.begin(), values.end(), static_cast<unsigned*>(call.addresses.at("recvBuffer")));
     return OXM_MPI_SUCCESS;
