@@ -74,13 +74,14 @@ class Consoles(Case):
                     self.assertEqual(file.read(), "", "the worker was silent and stays so")
                 self.stop(job)  # and the files are gone
 
-    def test_files_of_a_killed_job_stay(self):
-        job = self.ready(mpi=MPIS[0], ranks=2)
+    def test_last_words_after_the_streams_moved(self):
+        """They stand in the file and at the place where the stream led at the start; the files stay."""
+        job = self.ready("-module", "OrvexTestModule")
         paths = job.run("RedirectStandardStreams")
-        for process in job.members().values():
-            process.kill()
+        job.ctl("TestCrash", "kind=abort", check=False)
         job.wait()
-        self.assertTrue(all(pathlib.Path(path).exists() for path in paths.values() if path.startswith("/")), paths)
+        for text in (job.err(), pathlib.Path(paths["stderr"]).read_text()):
+            self.assertIn(" ends: abort() was called\n", text)
 
 
 class Answers(Case):

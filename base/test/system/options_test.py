@@ -9,6 +9,7 @@ import socket
 import subprocess
 import unittest
 
+from client import Client, Closed
 from harness import (BUILD, DRIVERS, LAUNCHERS, MPIS, PATIENCE, SERVER, Case, Process, free_port, main, wait_until)
 
 DATA = pathlib.Path(__file__).resolve().parents[1] / "data/options/refused.txt"
@@ -147,11 +148,16 @@ class Taken(Case):
         port = free_port()
         (self.room.work / "pids").write_text("something older that is longer than the line which takes its place\n\n")
         job = self.ready("-port", port, "-loc", "-procfile", "pids", "-tmpdir", self.room.work / "made", "-new", "new.sim",
+                         "-encoded-dmrunfile", encoded("run"),
                          environment=self.consent())
         self.assertEqual(job.record()["port"], port)
         self.assertLessEqual(self.listening(job), {"0100007F", "00000000000000000000000001000000"})
         self.assertNotIn(str(job.process.pid), job.ctl("list-sessions").stdout)
         self.assertEqual(job.run("GetProcessFileName")["filename"], "pids")
+        first = Client(job.record())
+        with self.assertRaises(Closed):
+            Client(job.record())  # one at a time
+        first.close()
         self.assertRegex((self.room.work / "pids").read_text(), rf"^[^:\s]+:{job.process.pid}\n$")
         self.assertTrue((self.room.work / "made").is_dir())
         self.assertEqual((self.room.work / "new.sim").read_text(), "")
@@ -159,7 +165,8 @@ class Taken(Case):
         self.assertEqual(second.wait(), 32, second.told())
         self.assertIn(str(port), second.err())
         usage = [json.loads(line) for path in self.room.top.rglob("usage.jsonl") for line in open(path, encoding="utf-8")]
-        self.assertEqual([(line["Event"], line["Attributes"]["np"]) for line in usage], [("COMMAND_LINE_PARAMETERS", 1)])
+        self.assertEqual([(line["Event"], line["Attributes"]["mode"]) for line in usage],
+                         [("COMMAND_LINE_PARAMETERS", "Design Study")])
         self.stop(job)
 
     def test_no_clients(self):

@@ -28,7 +28,7 @@ class Road(Case):
                     self.assertEqual(hosts["Number Processes"], ranks)
                     self.assertEqual(len(hosts), ranks + 2)
                     self.assertRegex(job.run("GetMpiVersion")["MpiVersion"], version)
-                    self.assertEqual(sorted(job.members()), list(range(ranks)))
+                    self.assertEqual((sorted(job.members()), job.record()["ranks"]), (list(range(ranks)), ranks))
                     fatal = job.out().count("All internal errors will be treated as fatal")
                     self.assertEqual(fatal, ranks if "-nothreads" in options else 0)
                     self.stop(job)

@@ -71,6 +71,14 @@ class Asked(Ends):
                 self.all_gone()
                 self.assertEqual(self.room.leftovers(), [])
 
+    def test_abort(self):
+        """A client takes the job down in the middle of a command."""
+        job, waiting = self.at_work(60, mpi=MPIS[-1], ranks=2)
+        job.ctl("abort", check=False)
+        self.assertNotEqual(job.wait(), 0)
+        self.assertNotEqual(waiting.wait(timeout=GONE_LIMIT), 0)
+        self.all_gone()
+
     def test_while_a_command_runs(self):
         """The command at work finishes and is answered; then the server stops."""
         job, waiting = self.at_work(1.5, mpi=MPIS[0], ranks=2)
@@ -111,9 +119,13 @@ class Dying(Ends):
             with self.subTest(mpi=mpi, kind=kind, rank=rank):
                 job = self.ready("-module", "OrvexTestModule", mpi=mpi, ranks=3)
                 client = job.ctl_started("TestCrash", f"kind={kind}", f"ranks=[{rank}]")
-                self.assertNotEqual(job.wait(), 0)
+                value = job.wait()
                 client.wait(timeout=GONE_LIMIT)
                 reason = re.escape(self.REASONS[kind])
+                if mpi:
+                    self.assertNotEqual(value, 0)
+                else:
+                    self.assertEqual(value, -signal.SIGABRT if reason.startswith("abort") else 1)
                 self.assertRegex(client.said(), "The job aborts: .*" + reason)
                 self.assertNotIn("stops", client.said())
                 who = f"Rank {rank}" if mpi else "The server"
