@@ -73,12 +73,16 @@ std::optional<Properties> gatherError(const Properties* mine) {
 
     std::vector<unsigned> ranks;
     std::set<std::string_view> different;
-    std::size_t begin = 0;
-    for (unsigned rank = 0; rank < lengths.size(); begin += lengths[rank++])
-        if (lengths[rank] != 0) {
+    std::string_view rest = messages;
+    unsigned rank = 0;
+    for (const unsigned length : lengths) {
+        if (length != 0) {
             ranks.push_back(rank);
-            different.insert(std::string_view(messages).substr(begin, lengths[rank]));
+            different.insert(rest.substr(0, length));
+            rest.remove_prefix(length);
         }
+        ++rank;
+    }
     const unsigned winner = ranks.front();
     std::string text;
     if (mine != nullptr && Machine::getPartitionId() == winner)
