@@ -8,6 +8,8 @@ A host is one process that works like a login server: it starts programs on requ
 its programs end. The hosts share the processors and the file system. By default each host sees the processes of the
 others. Needs root.
 """
+import argparse
+import contextlib
 import os
 import pathlib
 import shutil
@@ -74,12 +76,10 @@ class Cluster:
         for process in self._processes:
             process.kill()  # the first process of the host ends with it
         mark = f"{MARK}={self._folder}".encode()
-        for entry in pathlib.Path("/proc").iterdir():
-            try:
-                if entry.name.isdigit() and mark in (entry / "environ").read_bytes().split(b"\0"):
+        for entry in pathlib.Path("/proc").glob("[0-9]*"):
+            with contextlib.suppress(OSError):  # ended meanwhile
+                if mark in (entry / "environ").read_bytes().split(b"\0"):
                     os.kill(int(entry.name), signal.SIGKILL)
-            except OSError:
-                pass  # it has ended meanwhile
         for process in self._processes:
             process.wait()
         shutil.rmtree(self._folder, ignore_errors=True)
@@ -128,7 +128,6 @@ class Cluster:
 
 
 def main():
-    import argparse
     parser = argparse.ArgumentParser(prog="cluster", description="Runs a job over hosts made of namespaces.")
     parser.add_argument("--mpi", choices=sorted(LAUNCHERS), default="openmpi")
     parser.add_argument("--slots", default="2,2", help="ranks on each host (default: 2,2)")
@@ -142,8 +141,8 @@ def main():
     slots = [int(count) for count in arguments.slots.split(",")]
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))
     with Cluster(len(slots)) as cluster:
-        words = arguments.program
-        command = cluster.on(arguments.on, *words) if arguments.on is not None else cluster.job(arguments.mpi, slots, *words)
+        command = (cluster.job(arguments.mpi, slots, *arguments.program) if arguments.on is None
+                   else cluster.on(arguments.on, *arguments.program))
         sys.exit(subprocess.run(command).returncode)
 
 

@@ -4,7 +4,7 @@
     remote.py --on FOLDER HOST WORD...    runs a program there, with this process's streams, folder and environment
     remote.py --shell FOLDER [-x]... HOST WORD...   the same in the form of a remote shell: the words are one line for sh
 """
-import array
+import contextlib
 import json
 import os
 import pathlib
@@ -18,17 +18,10 @@ LIMIT = 1 << 20  # [bytes] of a request
 
 def receive_request(connection):
     """Returns the request and the standard streams for its program."""
-    descriptors = array.array("i")
-    data, ancillary, _, _ = connection.recvmsg(LIMIT, socket.CMSG_SPACE(3 * descriptors.itemsize))
-    for level, kind, content in ancillary:
-        if level == socket.SOL_SOCKET and kind == socket.SCM_RIGHTS:
-            descriptors.frombytes(content[:len(content) - len(content) % descriptors.itemsize])
-    while not data.endswith(b"\n") and len(data) < LIMIT:
-        part = connection.recv(LIMIT)
-        if not part:
-            break
+    data, streams, _, _ = socket.recv_fds(connection, LIMIT, 3)
+    while not data.endswith(b"\n") and (part := connection.recv(LIMIT)):
         data += part
-    return json.loads(data), list(descriptors)
+    return json.loads(data), streams
 
 
 def attend(connection):
@@ -40,17 +33,13 @@ def attend(connection):
         os.close(stream)
     if os.fork() == 0:  # this child watches the caller
         if not connection.recv(1):
-            try:
+            with contextlib.suppress(ProcessLookupError):
                 os.killpg(program.pid, signal.SIGTERM)
-            except ProcessLookupError:
-                pass
         os._exit(0)
     value = program.wait()
-    try:
+    with contextlib.suppress(OSError):  # the caller may have gone
         connection.sendall(b"%d\n" % (value if value >= 0 else 128 - value))
         connection.shutdown(socket.SHUT_RDWR)
-    except OSError:
-        pass  # the caller has gone
 
 
 def serve(folder, host):
@@ -81,7 +70,7 @@ def call(folder, host, words):
         environment = dict(os.environ, ORVEX_TEST_CLUSTER=str(folder))
         request = {"words": words, "folder": os.getcwd(), "environment": environment}
         line = json.dumps(request).encode() + b"\n"
-        sent = connection.sendmsg([line], [(socket.SOL_SOCKET, socket.SCM_RIGHTS, array.array("i", [0, 1, 2]))])
+        sent = socket.send_fds(connection, [line], [0, 1, 2])
         connection.sendall(line[sent:])
         answer = connection.recv(16)
         return int(answer) if answer else 255
@@ -90,14 +79,12 @@ def call(folder, host, words):
 def main():
     task, folder, *words = sys.argv[1:]
     folder = pathlib.Path(folder)
+    while words[0].startswith("-"):  # options of a remote shell, without a meaning here
+        words.pop(0)
+    host, *program = words
     if task == "--serve":
-        serve(folder, words[0])
-    if task == "--shell":
-        while words[0].startswith("-"):  # options of a remote shell, which have no meaning here
-            words.pop(0)
-        host, *line = words
-        return call(folder, host, ["/bin/sh", "-c", " ".join(line)])
-    return call(folder, words[0], words[1:])
+        serve(folder, host)
+    return call(folder, host, ["/bin/sh", "-c", " ".join(program)] if task == "--shell" else program)
 
 
 sys.exit(main())
