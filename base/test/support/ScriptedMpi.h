@@ -2,6 +2,7 @@
 
 #include "mpiwrapper/OxmMpi.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -25,6 +26,10 @@ struct ScriptedCall {
     /// All other addresses, also of what the call sets: for an action that fills buffers.
     std::map<std::string, void*> addresses;
 
+    /// Whether a number of this name goes in.
+    bool takes(const std::string& argument) const {
+        return std::ranges::any_of(numbers, [&](const auto& each) { return each.first == argument; });
+    }
     /// A number by its argument's name; throws std::out_of_range when the call has none.
     long long get(const std::string& argument) const {
         for (const auto& [key, value] : numbers)

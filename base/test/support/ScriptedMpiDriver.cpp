@@ -19,7 +19,7 @@ namespace Play {
 using Status = OXM_MPI_Status_struct;
 using Request = ScriptedMpiState::Request;
 
-// The state has examined the handles, counts and ranks before. One without a result always succeeds.
+// One without a result always succeeds. Real jobs see whether handles, counts and ranks are good.
 
 template <class... Arguments>
 void succeed(Arguments...) {}
@@ -94,7 +94,7 @@ void Group_free(int* group) {
 // Point-to-point
 
 std::size_t bytesOf(int count, int datatype) {
-    return static_cast<std::size_t>(count) * state().types[datatype].extent;
+    return static_cast<std::size_t>(count) * state().types[datatype];
 }
 constexpr auto Send = &succeed<In, int, int, int, int, int>;
 constexpr auto Ssend = Send;
@@ -152,7 +152,7 @@ int Probe(int source, int tag, int comm, Status* status) {
     return flag ? OXM_MPI_SUCCESS : OXM_MPI_ERR_OTHER; // a real one would wait for ever
 }
 void Get_count(const Status* status, int datatype, int* count) {
-    const std::size_t extent = state().types[datatype].extent;
+    const std::size_t extent = state().types[datatype];
     std::size_t bytes = 0;
     std::memcpy(&bytes, status->reserved, sizeof bytes);
     *count = extent && bytes % extent == 0 ? static_cast<int>(bytes / extent) : OXM_MPI_UNDEFINED;
@@ -294,35 +294,27 @@ constexpr auto Reduce_scatter = &succeed<In, void*, Ints, int, int, int>;
 
 // Datatypes and operations
 
-void makeType(long long extent, long long lowerBound, int* newType) {
-    make(state().types, {static_cast<std::size_t>(extent), lowerBound, false}, newType);
-}
-long long extentOf(int type) {
-    return static_cast<long long>(state().types[type].extent);
-}
 void Type_contiguous(int count, int oldType, int* newType) {
-    makeType(extentOf(oldType) * count, 0, newType);
+    make(state().types, bytesOf(count, oldType), newType);
 }
 void Type_create_struct(int count, const int* blockLengths, const OXM_MPI_Aint* displacements,
                         const int* members, int* newType) {
-    long long lowest = 0;
-    long long highest = 0;
-    for (int i = 0; i < count; ++i) {
-        const long long end = displacements[i] + blockLengths[i] * extentOf(members[i]);
-        lowest = i == 0 ? displacements[i] : std::min(lowest, displacements[i]);
-        highest = i == 0 ? end : std::max(highest, end);
-    }
-    makeType(highest - lowest, lowest, newType);
+    std::size_t end = 0;
+    for (int i = 0; i < count; ++i)
+        end =
+            std::max(end, static_cast<std::size_t>(displacements[i]) + bytesOf(blockLengths[i], members[i]));
+    make(state().types, end, newType);
 }
-void Type_create_resized(int, OXM_MPI_Aint lowerBound, OXM_MPI_Aint extent, int* newType) {
-    makeType(extent, lowerBound, newType);
+void Type_create_resized(int, OXM_MPI_Aint, OXM_MPI_Aint extent, int* newType) {
+    make(state().types, static_cast<std::size_t>(extent), newType);
 }
 void Type_get_extent(int datatype, OXM_MPI_Aint* lowerBound, OXM_MPI_Aint* extent) {
-    *lowerBound = state().types[datatype].lowerBound;
-    *extent = extentOf(datatype);
+    *lowerBound = 0;
+    *extent = static_cast<OXM_MPI_Aint>(state().types[datatype]);
 }
 void Type_commit(int* datatype) {
-    state().types[*datatype].isCommitted = true;
+    if (*datatype != OXM_MPI_DATATYPE_NULL)
+        state().committedTypes.insert(*datatype);
 }
 void Type_free(int* datatype) {
     release(state().types, datatype);

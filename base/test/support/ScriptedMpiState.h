@@ -5,6 +5,7 @@
 #include "mpiwrapper/MpiDriver.h"
 
 #include <optional>
+#include <set>
 #include <string>
 #include <type_traits>
 #include <utility>
@@ -39,11 +40,6 @@ public:
         int rank;
         int size() const { return static_cast<int>(worldRanks.size()); }
     };
-    struct Type {
-        std::size_t extent;
-        long long lowerBound;
-        bool isCommitted;
-    };
     struct Request {
         bool isReceive = false;
         bool isPersistent = false;
@@ -74,7 +70,8 @@ public:
     using ScriptedMpi::supportsSharedMemory;
     std::map<int, Comm> comms;
     std::map<int, std::vector<int>> groups;
-    std::map<int, Type> types;
+    std::map<int, std::size_t> types; ///< their extents
+    std::set<int> committedTypes;
     std::map<int, OXM_MPI_User_function> ops;
     std::map<int, Request> requests;
     std::map<int, File> files;
@@ -82,19 +79,17 @@ public:
     std::map<int, Info> infos;
     std::vector<Message> mailbox;
 
-    static constexpr int FIRST_MADE = 100;
     /// Handles of made objects are never used twice, so that a stale one is found out.
     int makeHandle() { return _nextHandle++; }
 
 private:
     int takeFailure(const std::string& name);
-    /// The code of the first argument that no MPI would take.
-    int examine(const ScriptedCall& call) const;
-    int examine(const ScriptedCall& call, const std::string& argument, long long value) const;
+    /// Whether a datatype of the call is none, or isn't committed.
+    bool usesBadType(const ScriptedCall& call) const;
     static void clearMadeHandle(const ScriptedCall& call);
     int run(std::size_t call, const std::function<int()>& play);
 
-    int _nextHandle = FIRST_MADE;
+    int _nextHandle = 100;
     std::optional<double> _clock;
     double _clockStep = 0.0;
 };
