@@ -16,7 +16,6 @@
 #include "platform/StringHelper.h"
 #include "platform/Time.h"
 #include "support/TestMachine.h"
-#include "unit/machine/Failures.h"
 #include "unit/machine/MachineTestAccess.h"
 #include "unit/machine/hardware/AffinityTestAccess.h"
 
@@ -297,11 +296,6 @@ TEST_F(Placement, FollowsTheCoresThatAreFree) {
         EXPECT_EQ(Affinity::getProcessAffinity(realTopology()), _bound) << "nothing happens";
     }
     EXPECT_FALSE(CpuBinder::bindProcess(0, 1, realTopology(), AffinityMask(), BANDWIDTH_BINDING));
-    expectAssertion(
-        [] {
-            CpuBinder::bindProcess(0, 1, realTopology(), AffinityMask(), static_cast<CpuBindingPolicy>(3));
-        },
-        "Invalid CpuBindingPolicy specified", "false", "CpuBinder.cpp");
 }
 
 TEST_F(Placement, MoreProcessesThanElementsGoRound) {

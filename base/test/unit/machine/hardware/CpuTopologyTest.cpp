@@ -11,10 +11,8 @@
 
 #include <gtest/gtest.h>
 #include <hwloc.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -286,10 +284,8 @@ TEST(AffinityMask, IsAValue) {
         const AffinityMask b = maskOf("0x3");
         EXPECT_EQ(a & b, maskOf("0x1"));
         EXPECT_EQ(a ^ b, maskOf(low) | maskOf("0x2"));
-        EXPECT_TRUE(a.intersectsWith(b));
-        EXPECT_FALSE(a.isIncludedIn(b));
-        EXPECT_TRUE((a & b).isIncludedIn(a));
-        EXPECT_FALSE(maskOf(low).intersectsWith(b));
+        EXPECT_TRUE(a.intersectsWith(b) && !maskOf(low).intersectsWith(b));
+        EXPECT_TRUE((a & b).isIncludedIn(a) && !a.isIncludedIn(b));
         AffinityMask c = a;
         c &= b;
         c |= maskOf(low);
@@ -297,14 +293,12 @@ TEST(AffinityMask, IsAValue) {
         EXPECT_NE(c ^= b, a);
         AffinityMask d(std::move(c));
         c = d; // a mask that was moved from takes a new value
-        EXPECT_EQ(c, d);
         c = *&c;
+        EXPECT_EQ(c, d);
         AffinityMask e;
-        EXPECT_TRUE(e.empty());
-        EXPECT_TRUE(e.isIncludedIn(b));
+        EXPECT_TRUE(e.empty() && e.isIncludedIn(b));
         e.swap(c);
-        EXPECT_EQ(e, d);
-        EXPECT_TRUE(c.empty());
+        EXPECT_TRUE(c.empty() && e == d);
         e.clear();
         EXPECT_TRUE(e.empty());
     }
@@ -348,22 +342,6 @@ TEST_F(Binding, OfThreadsIsTheirOwn) {
         EXPECT_TRUE(Affinity::isThreadBound(topology));
     }).join();
     EXPECT_EQ(Affinity::getThreadAffinity(topology), available);
-}
-
-TEST_F(Binding, OfAnotherProcessIsRead) {
-    const pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        AffinityTestAccess::setProcess(topology, topology.getLpuMask(lpu));
-        raise(SIGSTOP);
-        _exit(0);
-    }
-    int status = 0;
-    waitpid(child, &status, WUNTRACED);
-    EXPECT_EQ(Affinity::getProcessAffinity(topology, static_cast<unsigned>(child)), topology.getLpuMask(lpu));
-    kill(child, SIGCONT);
-    waitpid(child, &status, 0);
-    EXPECT_TRUE(Affinity::getProcessAffinity(topology, static_cast<unsigned>(child)).empty());
 }
 
 TEST_F(Binding, IsLeftAloneWhereNothingIsKnown) {
