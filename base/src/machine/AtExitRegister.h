@@ -9,7 +9,7 @@
 /// Used during load and start-up, by one thread.
 class ORVEX_MACHINE_EXPORT AtExitRegister {
 public:
-    /// What every C runtime grants. Counts only what is registered here.
+    /// The number that every C runtime grants. Only functions registered here count.
     static constexpr std::uint32_t maxRegistrations = 32;
 
     /// Has `f` called at the exit of the process, in reverse order of registration.

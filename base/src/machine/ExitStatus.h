@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <string>
 
-/// Why a process ended: a set of error codes in one word, which is also the exit value of the process.
+/// The reasons for the end of a process: a set of error codes in one word, which is also its exit value.
 ///
 /// Several codes add up. Code c above 0 is bit c - 1, so NON_RECOVERABLE_SERVER_ERROR alone exits with 32.
 class ORVEX_MACHINE_EXPORT ExitStatus {

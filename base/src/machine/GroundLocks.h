@@ -14,7 +14,7 @@ public:
     SerialCritical(const SerialCritical&) = delete;
     SerialCritical& operator=(const SerialCritical&) = delete;
 
-    /// Does nothing: a use of the object, for who would be told that it has none.
+    /// Does nothing. A call of it keeps the compiler from warning of an unused object.
     void bye() {}
 
 private:

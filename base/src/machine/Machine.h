@@ -125,7 +125,7 @@ public:
     /// Whether threads are bound: not with -xthreadbindoff.
     static bool bindThreads();
     static bool enableThreadBindingVerbosity();
-    /// How much the file operations tell of their work: 0 nothing.
+    /// Amount of output of the file operations on their work; 0: none.
     static int getIOVerbosityLevel();
     static void setIOVerbosityLevel(int level);
     /// Whether main() looks for other servers on the same cores, and moves away from them. On at first;
@@ -165,7 +165,7 @@ public:
     /// not a server: they call it first and stopCommunicators() last.
     /// @throw std::invalid_argument for a driver that is missing or unknown, or an option without its value
     /// @throw InternalError when the driver module can't be used, or when there is a host already
-    /// @throw NonRecoverableError when MPI doesn't start; the reason stands on the standard error stream
+    /// @throw NonRecoverableError when MPI doesn't start; the reason is on the standard error stream
     void startCommunicators(int& argc, char*** argv, std::map<std::string, unsigned>& consumed);
     /// Destroys the host and the communicators and ends the message layer. Collective over the global
     /// communicator, main thread; a serial process only loses its host, and a second call does nothing there.

@@ -12,7 +12,7 @@ class MachineHost;
 struct MachineOptions;
 
 /// Tells what this process is in its job: its role, rank and size, its communicators and host, and the locks
-/// on message passing. Everything in OrvexMachine stands on it; Machine, on top, derives from it and sets it.
+/// on message passing. Everything in OrvexMachine builds on it; Machine, on top, derives from it and sets it.
 ///
 /// Solvers call these operations by way of Machine. They work before Machine::main() and then tell of a
 /// serial process with one rank. Any thread may call them once main() has fixed the role.

@@ -13,7 +13,7 @@ from harness import DRIVERS, LAUNCHERS, MPIS, Case, main  # noqa: E402
 
 
 def value(x):
-    """What the example has to find between the rows of the table below, in its order of operations."""
+    """The value that the example has to find between the rows of the table below, in its order of operations."""
     rows = [(0.0, 1.0), (0.25, 2.0), (0.5, 0.0), (1.0, 4.0)]
     row = next(i for i in range(1, 4) if rows[i][0] >= x)
     (x0, y0), (x1, y1) = rows[row - 1], rows[row]
@@ -27,7 +27,7 @@ class Consumer(Case):
         cls.addClassCleanup(folder.cleanup)
         cls.top = pathlib.Path(folder.name)
         cls.must("cmake", "--install", harness.BUILD, "--prefix", cls.top / "installed")
-        # What was installed may lie elsewhere later: nothing in it leans on the place or on the build.
+        # The installed package may move: nothing in it depends on the place or on the build.
         cls.prefix = (cls.top / "installed").rename(cls.top / "moved")
         cls.must("cmake", "-S", pathlib.Path(os.environ["ORVEX_SOURCE_DIR"]) / "examples", "-B", cls.top / "build",
                  "-G", "Ninja", f"-DCMAKE_PREFIX_PATH={cls.prefix}", "-DCMAKE_BUILD_TYPE=Release",

@@ -35,7 +35,7 @@ struct Silent : std::exception {
     const char* what() const noexcept override { return nullptr; }
 };
 
-/// A command whose body stands in the table below.
+/// A command whose body comes from the table below.
 class TestCommand : public Command {
 public:
     using Body = void (*)(const Properties& args, Properties& response);

@@ -39,7 +39,7 @@ LAUNCHERS = {
 }
 MPIS = [mpi for mpi in LAUNCHERS if shutil.which(LAUNCHERS[mpi][0])]
 
-# Where servers of this user keep their session records, whatever the environment says.
+# The folders of the session records of this user, whatever the environment says.
 RECORDS = [pathlib.Path(pwd.getpwuid(os.getuid()).pw_dir) / ".local/state/orvex/sessions",
            pathlib.Path(f"/tmp/orvex-{os.getuid()}/sessions")]
 
@@ -85,7 +85,7 @@ class Process:
         return ")" in stat and stat.rpartition(")")[2].split()[0] not in ("Z", "X")
 
     def own_pid(self):
-        """What the process takes for its identifier: on a host made of namespaces, another than we see."""
+        """The identifier that the process itself knows: on a host made of namespaces, another than we see."""
         numbers = [line.split()[-1] for line in self.read("status").decode(errors="replace").splitlines()
                    if line.startswith("NSpid:")]
         return int(numbers[0]) if numbers else self.pid
@@ -145,7 +145,7 @@ class Room:
             self.shared_files |= process.shared_files()
 
     def leftovers(self):
-        """What a job that ended in order must not leave behind; its work folder belongs to the test."""
+        """Things that a job must not leave behind after an end in order; its work folder belongs to the test."""
         rest = [f"process {p.pid} {' '.join(p.words())}" for p in self.processes()]
         rest += [str(p) for p in (self.top / "tmp").rglob("*") if not p.is_dir()]
         rest += [str(path) for path in (*self.shared_files, *self.records) if os.path.exists(path)]
@@ -210,7 +210,7 @@ class Job:
         return result
 
     def record(self):
-        """What the server wrote for its user's clients; None before that."""
+        """The session record of the server; None before it is written."""
         master = self.members().get(0)
         path = record_of(master) if master else None
         if path is None:

@@ -10,7 +10,7 @@ from harness import MPIS, PATIENCE, Case, main, wait_until
 
 
 class Consoles(Case):
-    """What each rank prints, and where it goes."""
+    """The output of each rank, and its destination."""
 
     def lines(self, job):
         return [line for line in job.out().splitlines() if re.search(r"line \d", line)]
@@ -75,7 +75,7 @@ class Consoles(Case):
                 self.stop(job)  # and the files are gone
 
     def test_last_words_after_the_streams_moved(self):
-        """They stand in the file and at the place where the stream led at the start; the files stay."""
+        """They are in the file and at the first destination of the stream; the files stay."""
         job = self.ready("-module", "OrvexTestModule")
         paths = job.run("RedirectStandardStreams")
         job.ctl("TestCrash", "kind=abort", check=False)

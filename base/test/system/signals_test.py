@@ -1,4 +1,4 @@
-"""How a job ends when somebody ends it from outside: in order when asked, and within seconds when killed."""
+"""A job that somebody ends from outside: it ends in order when asked, and within seconds when killed."""
 import os
 import re
 import signal
@@ -88,7 +88,7 @@ class Asked(Ends):
         self.nothing_left()
 
     def test_twice(self):
-        """Who asks again after a moment doesn't want to wait for the command at work."""
+        """A second signal after a moment ends the job at once, in the middle of a command."""
         for mpi, ranks in ((None, 1), *((mpi, 3) for mpi in MPIS)):
             with self.subTest(mpi=mpi):
                 job, _ = self.at_work(60, mpi=mpi, ranks=ranks)
@@ -103,7 +103,7 @@ class Asked(Ends):
 
 class Dying(Ends):
     """A client that waits for a job that dies is told why."""
-    # How a rank dies, and what the standard error stream and the client of the job show then.
+    # Ways of dying, and the reason that the standard error stream and the client of the job show then.
     REASONS = {"thread": "lost in a thread", "terminate": "std::terminate was called without an error",
                "abort": "abort() was called", "leave": "exit(0) was called", "quick": "quick_exit() was called",
                "overflow": "Stack overflow", "kill": "has ended without a word", "deepThread": "Stack overflow",

@@ -185,7 +185,7 @@ public:
         try {
             _controller->releaseWorkers();
         } catch (const std::exception& error) {
-            // The workers stand in their loop for good, and a destructor has nobody to tell.
+            // The workers would stay in their loop, and a destructor has nobody to tell.
             std::cerr << "\nCan't release the workers: " << error.what() << std::endl;
             Machine::getSingleton().abort(ExitStatus(ExitStatus::NON_RECOVERABLE_SERVER_ERROR));
         }
@@ -236,7 +236,7 @@ private:
     bool _exit = false;
 };
 
-/// The ranks stand at a known point: the sleeping synchronisation isn't wanted while this lives.
+/// For ranks at a known point of a computation: no sleeping synchronisation while this lives.
 class CommandController::SpinWaitScope {
 public:
     explicit SpinWaitScope(CommandController& controller)

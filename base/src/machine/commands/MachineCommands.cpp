@@ -29,7 +29,7 @@
 namespace {
 
 constexpr const char* ENABLE_KEY = "enableFlag";
-/// What getIOVerbosityLevel() can tell.
+/// The largest value of getIOVerbosityLevel().
 constexpr unsigned MAXIMUM_IO_VERBOSITY = std::numeric_limits<int>::max();
 
 EventLoggerManager& eventLoggerManager() {
@@ -329,7 +329,7 @@ public:
     }
 };
 
-/// What the commands that touch bindings share.
+/// The common part of the commands that change or tell bindings.
 class AffinityCommand : public Command {
 protected:
     using Command::Command;

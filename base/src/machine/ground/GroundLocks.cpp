@@ -16,7 +16,7 @@
 
 namespace {
 
-/// Who called: up to 12 frames.
+/// Prints the calling functions, up to 12 frames.
 void printCallers() {
     constexpr std::size_t MAX_FRAMES = 12;
     std::array<const void*, MAX_FRAMES> frames{};

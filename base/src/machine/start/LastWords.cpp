@@ -35,9 +35,9 @@ int owner = 0; ///< the process that prepared
 std::atomic<bool> spoken{false};
 std::atomic<bool> armed{false};
 std::atomic<int> newsOfMaster{-1};
-/// Not destroyed when the process exits in disorder: its thread may be at work.
+/// Not destroyed when the process exits in the middle of its work: its thread may be running.
 std::atomic<JobWatch*> jobWatch{nullptr};
-/// Why this process ends. Static, like all that saying it needs: the heap may be what has failed.
+/// The reason for the end of this process. Static, as everything that writes it: the heap may have failed.
 char reasonText[1024];
 
 bool isForkedChild() {
@@ -47,7 +47,7 @@ bool isForkedChild() {
 void write(std::string_view text) {
     // Nobody is left to tell of a failure.
     static_cast<void>(Platform::io().write(originalError, text.data(), text.size()));
-    if (!Platform::io().isSameFile(originalError, STANDARD_ERROR)) // moved to a file, say
+    if (!Platform::io().isSameFile(originalError, STANDARD_ERROR)) // for example moved to a file
         static_cast<void>(Platform::io().write(STANDARD_ERROR, text.data(), text.size()));
 }
 
@@ -97,7 +97,7 @@ private:
 /// On the serial or master process.
 std::atomic<Speaker*> speaker{nullptr};
 
-/// Another process of the job ends. Its own words stand on its standard error stream already.
+/// Another process of the job ends. It has written its own words on its standard error stream already.
 void onEndOfRank(std::size_t rank, const std::string& reason) {
     constexpr double GRACE = 3.0; // [s] launchers end such a job by themselves, most of them
     const std::string text =
@@ -128,7 +128,7 @@ void leaveUntimely(int status, const char* function) {
     }
 }
 
-/// The first of the exit functions: whatever stands behind it is for an end in order.
+/// The first of the exit functions: all others are for an end in order.
 void onExit(int status, void*) {
     leaveUntimely(status, ("exit(" + std::to_string(status) + ")").c_str());
 }

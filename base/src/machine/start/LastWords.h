@@ -3,7 +3,7 @@
 #include <string>
 #include <string_view>
 
-/// Why this process ends, told to those who would otherwise see only that it has ended.
+/// Tells clients and users why this process ends; without that they would only see that it has ended.
 ///
 /// The words go to the standard error stream that the process was started with, wherever its streams lead by
 /// then, with the rank. On the serial or master process they go to the clients as "server.abort"; a worker

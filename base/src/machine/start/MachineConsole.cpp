@@ -1,4 +1,4 @@
-// What each rank of a running job prints, and where it goes: the console operations of Machine.
+// The console operations of Machine: the output of each rank of a running job, and its destination.
 
 #include "machine/Machine.h"
 
@@ -22,7 +22,7 @@ void Machine::enableSlaveCout(bool on) {
             InputError("Cannot enable parallel output after the server has disconnected from it's parent"));
     if (isMaster())
         return;
-    // What was written so far belongs where it was to go so far.
+    // The output so far goes to the old destination.
     std::cout << std::flush;
     if (on)
         getStandardStreamManager().restore();

@@ -37,7 +37,7 @@
 
 namespace {
 
-/// Why the process terminates, in words.
+/// The reason for the call of std::terminate, in words.
 std::string describeUncaught() {
     try {
         if (const std::exception_ptr uncaught = std::current_exception())
@@ -91,7 +91,7 @@ void Machine::main(int argc, char** argv) {
     startUsageManager();
     startConsole();
     registerMachineCommands();
-    // Its observers bring each command to all ranks: they stand before the server takes the first one.
+    // Its observers bring each command to all ranks. They exist before the server takes the first one.
     static_cast<void>(CommandController::getSingleton());
 
     runRole(argc, argv, *consumed);

@@ -1,4 +1,4 @@
-// How a process learns what it is: Machine::startCommunicators and what belongs to it.
+// The start of the message layer, which tells a process its role: Machine::startCommunicators and its steps.
 
 #include "machine/Machine.h"
 
@@ -166,7 +166,7 @@ void Machine::startMessageLayer(const std::string& module, int& argc, char*** ar
     startLauncherWatch();
     int started = OXM_MPI_SUCCESS;
     {
-        // What the library computes at its start, a look at the hardware say, is no fault of a simulation.
+        // The library computes at its start, for example on the hardware: that is no fault of a simulation.
         const IsolatedFpuContext isolated(false);
         started = OXM_MPI_Init(&argc, argv);
     }

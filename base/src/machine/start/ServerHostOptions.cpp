@@ -70,7 +70,7 @@ const Row ROWS[] = {
      Row::MASTER_ONLY},
     {{"-encoded-passtodesign", "BASE64", "a text that is kept for the design manager"},
      [](Walk& walk) { walk.options.passToDesign = walk.decodedValue(); }},
-    // What these two stand for was read by Machine::main() already.
+    // Machine::main() has read these two already.
     {{"-dmproject", "", "the process manages a design study"}, [](Walk&) {}},
     {{"-encoded-dmrunfile", "BASE64", "the process runs a part of a design study"}, [](Walk&) {}},
     {{"-dmpost", "", "the process is for post-processing"}, [](Walk& walk) { walk.postProcess = true; }},

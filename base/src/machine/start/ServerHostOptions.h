@@ -7,10 +7,10 @@
 #include <string>
 #include <vector>
 
-/// What the serial or master process reads from the command line for its server: the last of the passes.
+/// The options of the server of a serial or master process, read by the last pass over the command line.
 /// Workers never read these options.
 struct ORVEX_MACHINE_EXPORT ServerHostOptions {
-    /// Why the process must not go on, in words for the user.
+    /// Tells the user why the process must not go on.
     class ORVEX_MACHINE_EXPORT Refusal : public std::runtime_error {
     public:
         enum Kind {

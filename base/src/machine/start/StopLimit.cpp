@@ -43,7 +43,7 @@ void leave(int seconds) {
     try {
         std::thread(count).detach();
     } catch (const std::system_error&) {
-        isCounting = false; // no thread to be had: the next step tries again
+        isCounting = false; // the system gives no thread: the next step tries again
     }
 }
 

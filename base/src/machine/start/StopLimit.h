@@ -1,6 +1,6 @@
 #pragma once
 
-/// Ends this process when its end comes to no end: a message layer may wait for a rank for good, an exit
+/// Ends this process when its end takes too long: a message layer may wait for a rank for ever, an exit
 /// function for a lock.
 ///
 /// The limit counts from the first step of the end in order. A command that is still at work isn't a part of

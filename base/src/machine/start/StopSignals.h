@@ -3,12 +3,12 @@
 /// Ends this process in order when a signal asks for it (SIGTERM, SIGINT, SIGHUP).
 ///
 /// Launchers pass such a signal on to all ranks of a job. The serial or master process stops its server in
-/// order, which releases the workers; a worker leaves that to the master. Who asks again after PATIENCE gets
-/// the process ended at once, and with it the job.
+/// order, which releases the workers; a worker leaves that to the master. A second request after PATIENCE
+/// ends the process at once, and with it the job.
 ///
-/// A launcher that kills the job within seconds (LauncherWatch::getKillingLauncher()) passes on no wish: its
-/// signal is told to the clients as the end of the job, the server gets as far as it can, and the launcher's
-/// second signal is no impatience.
+/// A launcher that kills the job within seconds (LauncherWatch::getKillingLauncher()) passes on no request:
+/// its signal is told to the clients as the end of the job, the server stops as far as the time allows, and a
+/// second signal of the launcher changes nothing.
 class StopSignals {
 public:
     static constexpr double PATIENCE =

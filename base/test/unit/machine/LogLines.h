@@ -6,7 +6,7 @@
 
 #include <string>
 
-/// What the channel "Default" is told meanwhile, a line each: "warning Class::operation: text".
+/// Collects the messages to the channel "Default", a line each: "warning Class::operation: text".
 class LogLines {
 public:
     explicit LogLines(OS::Log::Level level = OS::Log::WARNING_LEVEL) : _before(_log.getLevel()) {

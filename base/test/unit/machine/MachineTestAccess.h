@@ -17,7 +17,7 @@
 #include <utility>
 #include <vector>
 
-/// What tests of the machine do that a program can't: play a role, run one step of main(), start afresh.
+/// Lets tests of the machine do what a program can't: play a role, run one step of main(), start afresh.
 class MachineTestAccess {
 public:
     /// A process that hasn't entered Machine::main() yet.
@@ -47,7 +47,7 @@ public:
 
     static bool getDevErrorChecking() { return Machine::_ground.devErrorChecking; }
 
-    /// The steps of main(). The words stand behind the program's name.
+    /// The steps of main(). The words follow the program's name.
     static void startCommunicators(std::vector<std::string> words, CommandLine::Consumed& consumed) {
         Line line(words);
         Machine::getSingleton().startCommunicators(line.argc, &line.argv, consumed);

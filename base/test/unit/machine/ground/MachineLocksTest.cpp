@@ -28,7 +28,7 @@ using SerialCritical = Machine::SerialCritical;
 using PerformanceCritical = Machine::ParallelPerformanceCritical;
 using TemporaryExemption = PerformanceCritical::TemporaryExemption;
 
-/// What is written to the standard output meanwhile.
+/// The text that `operation` writes on the standard output.
 template <class F>
 std::string printedBy(F operation) {
     testing::internal::CaptureStdout();
