@@ -47,7 +47,7 @@ std::vector<Refused> callAllRunningFunctions() {
 // The tests of this file change the state of the wrapper in the process, so the order matters: the first test
 // sees a process without a driver. CTest runs the program as one test.
 
-TEST(MpiWrapperStart, everyFunctionRefusesWithoutDriver) {
+TEST(MpiWrapperStart, EveryFunctionRefusesWithoutDriver) {
     for (const Refused& call : callAllRunningFunctions())
         EXPECT_EQ(call.code, call.isFile ? OXM_MPI_ERR_NO_PARALLEL_IO : OXM_MPI_ERR_NO_DRIVER) << call.name;
     int flag = 7;
@@ -66,7 +66,7 @@ TEST(MpiWrapperStart, everyFunctionRefusesWithoutDriver) {
         EXPECT_NE(errorText(code).find_first_not_of("0123456789"), std::string::npos) << code;
 }
 
-TEST(MpiWrapperStart, refusesWhatIsNoDriverAndKeepsTheOldOne) {
+TEST(MpiWrapperStart, RefusesWhatIsNoDriverAndKeepsTheOldOne) {
     const std::pair<const char*, const char*> modules[] = {
         {ORVEX_WRONG_DRIVERS "/libOrvexNoDriver.so",
          R"( isn't an MPI driver: it has no symbol "orvexMpiDriver")"},
@@ -95,7 +95,7 @@ TEST(MpiWrapperStart, refusesWhatIsNoDriverAndKeepsTheOldOne) {
     EXPECT_STREQ(OXM_MPI_Get_initialize_error(), "No library was given to take an MPI driver from");
 }
 
-TEST(MpiWrapperStart, servesWhatItsPhaseAllows) {
+TEST(MpiWrapperStart, ServesWhatItsPhaseAllows) {
     ScriptedMpi& mpi = ScriptedMpi::start();
     EXPECT_EQ(OXM_MPI_Init(nullptr, nullptr), OXM_MPI_ERR_OTHER);
     EXPECT_STREQ(OXM_MPI_Get_initialize_error(), "MPI runs already");
@@ -125,7 +125,7 @@ TEST(MpiWrapperStart, servesWhatItsPhaseAllows) {
     EXPECT_EQ(errorText(OXM_MPI_ERR_TAG), "Invalid tag") << "the driver isn't asked before its start";
 }
 
-TEST(MpiWrapperStart, tellsWhyTheStartFailed) {
+TEST(MpiWrapperStart, TellsWhyTheStartFailed) {
     ScriptedMpi& mpi = ScriptedMpi::load();
     mpi.reset();
     ASSERT_EQ(OXM_MPI_Initialize(ScriptedMpi::library()), OXM_MPI_SUCCESS);
@@ -138,7 +138,7 @@ TEST(MpiWrapperStart, tellsWhyTheStartFailed) {
     EXPECT_EQ(OXM_MPI_Init(nullptr, nullptr), OXM_MPI_SUCCESS) << "a second try may succeed";
 }
 
-TEST(MpiWrapper, keepsNameAndVersion) {
+TEST(MpiWrapper, KeepsNameAndVersion) {
     struct Kind {
         int (*set)(const char*, int);
         int (*get)(char*, int*, int);
@@ -169,7 +169,7 @@ TEST(MpiWrapper, keepsNameAndVersion) {
     }
 }
 
-TEST(MpiWrapper, tracesWhileAsked) {
+TEST(MpiWrapper, TracesWhileAsked) {
     ScriptedMpi& mpi = ScriptedMpi::start();
     mpi.setWorld(2, 4);
     mpi.setLooks(1);
@@ -220,7 +220,7 @@ TEST(MpiWrapper, tracesWhileAsked) {
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
 }
 
-TEST(HandleTable, slotsAreFreedOnceAndOnlyLiveOnesChange) {
+TEST(HandleTable, SlotsAreFreedOnceAndOnlyLiveOnesChange) {
     HandleTable<int> table;
     table.reset({-1, 10}, 4);
     const int handle = table.add(20);
