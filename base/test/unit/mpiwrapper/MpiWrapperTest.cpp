@@ -229,6 +229,8 @@ TEST(HandleTable, SlotsAreFreedOnceAndOnlyLiveOnesChange) {
     EXPECT_EQ(table.get(1), 10);
     EXPECT_EQ(table.get(handle), 21);
     EXPECT_EQ(table.get(77), -1);
+    EXPECT_EQ(table.find(21), handle);
+    EXPECT_EQ(table.find(99), 0);
     table.remove(handle);
     table.remove(handle);
     table.set(handle, 22);
