@@ -120,10 +120,11 @@ TEST_F(Placement, IsReportedInStages) {
         expect(report(false, true, gather), "CPU Affinity Report :\n  even :\n" + smallText + even +
                                                 "  odd :\n" + largeText + rankLines(large, _bound, onOdd));
     }
-    // Hosts that differ in the sizes of their sockets, NUMA nodes or cores alone.
+    // Hosts that differ in the sizes of later sockets, NUMA nodes or cores alone.
     for (const auto& [ofEven, ofOdd] :
-         {std::pair("[numa] pack:2 core:2 pu:1", "[numa] pack:2 core:3 pu:1\nrestrict 0xf"),
-          std::pair("pack:1 die:2 [numa] core:2 pu:1", "pack:1 die:2 [numa] core:3 pu:1\nrestrict 0xf"),
+         {std::pair("[numa] pack:3 core:3 pu:1\nrestrict 0x7b", "[numa] pack:3 core:3 pu:1\nrestrict 0x1cb"),
+          std::pair("pack:1 die:3 [numa] core:3 pu:1\nrestrict 0x7b",
+                    "pack:1 die:3 [numa] core:3 pu:1\nrestrict 0x1cb"),
           std::pair("pack:1 [numa] core:4 pu:2\nrestrict 0x5f",
                     "pack:1 [numa] core:4 pu:2\nrestrict 0x77")}) {
         const auto host = MachineHostTestAccess::claim(_me % 2 == 1 ? "odd" : "even");
