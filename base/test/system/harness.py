@@ -140,10 +140,6 @@ class Room:
         # A process may end between two looks at it: each is looked at once.
         return [p for p in self.processes() if pathlib.Path((p.words() or [""])[0]).name == "orvexsim"]
 
-    def remember_shared_files(self):
-        for process in self.servers():
-            self.shared_files |= process.shared_files()
-
     def leftovers(self):
         """Things that a job must not leave behind after an end in order; its work folder belongs to the test."""
         rest = [f"process {p.pid} {' '.join(p.words())}" for p in self.processes()]
@@ -226,7 +222,7 @@ class Job:
             return self.record()
 
         wait_until(published, START_LIMIT, lambda: "the server is ready. " + self.told())
-        self.room.remember_shared_files()
+        self.room.shared_files.update(*(process.shared_files() for process in self.room.servers()))
         return self
 
     def _client(self, words):

@@ -7,7 +7,6 @@ import re
 import shlex
 import socket
 import subprocess
-import unittest
 
 from client import Client, Closed
 from harness import (BUILD, DRIVERS, LAUNCHERS, MPIS, PATIENCE, SERVER, Case, Process, free_port, main, wait_until)
@@ -37,7 +36,6 @@ class Refused(Case):
     def setUp(self):
         super().setUp()
         (self.room.work / "full.sim").write_text("content")
-        (self.room.work / "empty.sim").touch()
         (self.room.work / "folder").mkdir()
 
     def test_wrong_words(self):
@@ -199,16 +197,6 @@ class Taken(Case):
         refused = self.start("-xclientaddr", "no.such.host.invalid")
         self.assertNotEqual(refused.wait(), 0, refused.told())
         self.assertIn("no.such.host.invalid", refused.err())
-
-    def test_floating_point_registers_left_alone(self):
-        """A development version can be told so; a release version checks whatever it is told."""
-        job = self.ready("-xdisable-fpe-register-checking", "-module", "OrvexTestModule")
-        answer = job.ctl("TestDivideByZero", "ranks=[0]", check=False)
-        if "WARNING: FPE register checking disabled." in job.out():
-            self.assertIn("inf", answer.stdout)
-        else:
-            self.assertIn("A floating point error has occurred.", answer.stderr)
-        self.stop(job)
 
     def test_process_file_of_a_job(self):
         """Lines run from rank 1 upward, the master's comes last; the debugger line has them in rank order."""

@@ -7,7 +7,6 @@
 #include "machine/ParameterInitialValues.h"
 #include "machine/ground/CommandLine.h"
 #include "machine/ground/MachineOptions.h"
-#include "machine/start/ServerHostOptions.h"
 
 #include "kernel/FpeAgnosticMode.h"
 #include "kernel/Properties.h"

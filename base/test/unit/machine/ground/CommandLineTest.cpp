@@ -102,26 +102,6 @@ std::string parseCommon(const std::string& line) {
 
 } // namespace
 
-TEST_F(CommandLinePass, SkipsEmptyWordsAndRemembersWhatWasConsumed) {
-    const char* words[] = {"program", "", "-a", "1", nullptr, "-b", "-a"};
-    Consumed consumed;
-    CommandLine line(7, words, consumed);
-    ASSERT_TRUE(line.next());
-    EXPECT_EQ(line.word(), "-a");
-    EXPECT_TRUE(line.hasValues(4));
-    EXPECT_FALSE(line.hasValues(5));
-    EXPECT_EQ(line.value(2), "");
-    line.consume({"-a", "VALUE", ""});
-    ASSERT_TRUE(line.next());
-    EXPECT_EQ(line.word(), "-b");
-    EXPECT_FALSE(line.skipConsumed());
-    ASSERT_TRUE(line.next());
-    EXPECT_FALSE(line.hasValues(1));
-    EXPECT_TRUE(line.skipConsumed());
-    EXPECT_FALSE(line.next());
-    EXPECT_EQ(consumed, (Consumed{{"-a", 2}}));
-}
-
 TEST_F(CommandLinePass, LooksForTheModuleOfTheDriver) {
     const std::pair<const char*, const char*> rows[] = {
         {"platform", "OrvexPlatformMpi"}, {"intel", "OrvexIntelMpi"},    {"ms", "OrvexMsMpi"},

@@ -77,7 +77,6 @@ TEST_F(MachineLocks, RestoresTheDepthThatAnExemptionTook) {
 
 TEST_F(MachineLocks, LeavesLocksToTheMainThread) {
     const PerformanceCritical lock;
-    const std::string granted = printedBy(&TemporaryExemption::printExemptions);
     MachineLocksTestAccess::setVerbose(true);
     const std::string printed = printedBy([] {
         std::thread([] {
@@ -92,7 +91,6 @@ TEST_F(MachineLocks, LeavesLocksToTheMainThread) {
         }).join();
     });
     EXPECT_EQ(printed, "");
-    EXPECT_EQ(printedBy(&TemporaryExemption::printExemptions), granted);
     EXPECT_EQ(printedBy([] { TemporaryExemption("OXMP-1"); }),
               "[OXMP-1] Granting temporary exemption to parallel lock.\n");
     MachineLocksTestAccess::setVerbose(false);
@@ -150,7 +148,6 @@ TEST_F(MachineLocks, WantsTheNumberOfAProblemForATemporaryExemption) {
         const PerformanceCritical lock;
         const auto exempt = [id = id] {
             const TemporaryExemption exemption(id);
-            EXPECT_EQ(exemption.getJiraId(), id);
             EXPECT_EQ(Machine::getPerformanceCriticalLock(), 0u);
         };
         if (good || !OrvexVersion::isDevelopmentVersion()) {

@@ -8,7 +8,6 @@
 #include "kernel/Controller.h"
 #include "kernel/Properties.h"
 #include "kernel/Raise.h"
-#include "platform/Io.h"
 #include "platform/Mutex.h"
 
 #include "unit/machine/Failures.h"
@@ -40,18 +39,6 @@ bool lockIsFree() {
 }
 
 } // namespace
-
-TEST_F(MachineProcess, IsSerialBeforeMain) {
-    Machine& machine = Machine::getSingleton();
-    EXPECT_TRUE(Machine::isSerial() && !Machine::isMaster() && !Machine::isParallel());
-    machine.setParallelIo(true);
-    EXPECT_FALSE(machine.isParallelIo());
-    EXPECT_EQ(machine.getTotalCommunicationTime(), 0.0);
-    EXPECT_FALSE(machine.communicationTimerEnabled());
-    std::vector<std::string> hosts = {"old"};
-    machine.getHostsOnMaster(hosts);
-    EXPECT_EQ(hosts, std::vector<std::string>{Platform::io().getHostName()});
-}
 
 TEST_F(MachineProcess, RaisesForWhatItDoesNotHave) {
     struct Row {
@@ -98,14 +85,6 @@ TEST_F(MachineProcess, LocksTheControllerButNotOnAWorker) {
     MachineTestAccess::playRole(Machine::WORKER_MODE, 2, 1);
     const CommandAutoLock lock;
     EXPECT_TRUE(lockIsFree());
-}
-
-TEST_F(MachineProcess, HasWordsForItsStates) {
-    const std::vector<std::pair<int, const char*>> rows = {{-1, "Unknown"},           {0, "Awaiting command"},
-                                                           {1, "Gathering response"}, {2, "Handling error"},
-                                                           {3, "Processing"},         {17, "Unknown"}};
-    for (const auto& [state, words] : rows)
-        EXPECT_EQ(Machine::getStateString(static_cast<Machine::NodeState>(state)), words);
 }
 
 TEST_F(MachineProcess, EndsWithItsExitValue) {
