@@ -511,14 +511,6 @@ TEST_F(Job, ReducesRecordsByFunction) {
                     expected = other;
             EXPECT_EQ(swarms[i], expected);
         }
-        std::vector<std::array<double, 2>> bounds(count, {double(_me), double(_me)});
-        const auto widen = [](const std::array<double, 2>& from, std::array<double, 2>& into) {
-            into = {std::min(into[0], from[0]), std::max(into[1], from[1])};
-        };
-        _comm.scan(bounds, widen);
-        EXPECT_EQ(bounds, (std::vector<std::array<double, 2>>(count, {0.0, double(_me)})));
-        _comm.reduce(bounds, widen, _ranks - 1);
-        EXPECT_EQ(bounds, (std::vector<std::array<double, 2>>(count, {0.0, double(_me)})));
     }
 }
 
