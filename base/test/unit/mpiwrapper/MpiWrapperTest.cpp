@@ -214,6 +214,11 @@ TEST(MpiWrapper, TracesWhileAsked) {
         all += line;
     EXPECT_TRUE(testing::internal::RE::FullMatch(lines, all)) << lines;
 
+    mpi.setWorld(0, 1);
+    ASSERT_EQ(OXM_MPI_Enable_trace(), OXM_MPI_SUCCESS);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(OXM_MPI_Barrier(OXM_MPI_COMM_WORLD), OXM_MPI_SUCCESS);
+    EXPECT_TRUE(testing::internal::GetCapturedStderr().starts_with("MPI rank 0: Barrier"));
     ASSERT_EQ(OXM_MPI_Disable_trace(), OXM_MPI_SUCCESS);
     testing::internal::CaptureStderr();
     EXPECT_EQ(OXM_MPI_Barrier(OXM_MPI_COMM_WORLD), OXM_MPI_SUCCESS);

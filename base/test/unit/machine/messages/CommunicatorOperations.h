@@ -98,7 +98,7 @@ inline const std::vector<CommunicatorOperation>& communicatorOperations() {
              c.recv(value, 2, 9); // takes it away
          }},
         {"iProbe", {"Probe 0 0"}, [](Comm& c) { c.iProbe<double>(source = 2, tag = 9, count); }},
-        // The same without a stack before them that the gate refuses.
+        // Each alone: in the rows above the gate refuses an operation before it.
         {"wait", {"Wait 0 0"}, [](Comm& c) { c.wait(*std::make_unique<Comm::RequestStack>()); }},
         {"test", {"Test 0 0"}, [](Comm& c) { c.test(*std::make_unique<Comm::RequestStack>()); }},
         {"wait for sources",
