@@ -14,7 +14,7 @@
 
 namespace {
 
-/// What honest peers send: the seeds.
+/// The texts of honest peers: the seeds.
 std::vector<std::string> seeds() {
     const SessionKey key = SessionKey::fromHex(std::string(64, '5')).value();
     const SessionHandshake::Greeting greeting{1, "a server", std::string(64, 'a')};

@@ -58,7 +58,7 @@ TEST(CommandWords, SaysWhatIsWrong) {
         {"=5", "isn't an argument"},
         {"a=1 a=2", "\"a\" is given twice"},
         {"a=\"x", "within a quote"},
-        {"a:=x", "\"a\" isn't JSON"},
+        {"a:=x", "\"a\" isn't JSON: Invalid value"},
         {"b=1", "true or false"},
         {"i=1.5", "an integer"},
         {"i=99999999999999999999", "an integer"},

@@ -34,8 +34,7 @@ public:
     bool isThreaded(const Properties& args) const override { return _threaded && !args.hasName("inline"); }
     void onError(const Properties&, Properties& response) override {
         response.set("seen", Error::getMessage(response));
-        if (Error::getMessage(response) == "twice")
-            throw std::runtime_error("in onError");
+        throw std::runtime_error("in onError");
     }
 
 private:
@@ -46,12 +45,10 @@ private:
 
 /// An exception that has nothing to say.
 struct Silent : std::exception {
-    explicit Silent(const char* text) : _text(text) {}
-    const char* what() const noexcept override { return _text; }
-    const char* _text;
+    const char* what() const noexcept override { return nullptr; }
 };
 
-/// Writes its letter to a log, and throws on demand.
+/// Writes its letter to a log, and works on demand.
 struct LogObserver : Observer {
     LogObserver(std::string& log_, const char* letter_) : log(log_), letter(letter_) {}
     void update(Properties& properties) override {
@@ -93,9 +90,9 @@ protected:
     void queue(const std::string& name) { queue(request(name)); }
     void queue(const Properties& command) {
         controller.enqueue({command, "somebody", [this](const Controller::Outcome& outcome) {
+                                EXPECT_TRUE(Thread::isMain());
                                 responses.push_back(outcome.response);
                                 lastStatus = outcome.status;
-                                answeredOnMain = answeredOnMain && Thread::isMain();
                             }});
     }
 
@@ -107,7 +104,6 @@ protected:
     std::vector<Properties> responses;
     Controller::Outcome::Status lastStatus = Controller::Outcome::DONE; ///< of the last answer
     bool isFine = true;                                                 ///< what executeCommand() gave last
-    bool answeredOnMain = true;
 };
 
 TEST_F(ControllerTest, ObservablesStandAroundTheCommandButNotAroundNestedOnes) {
@@ -118,27 +114,22 @@ TEST_F(ControllerTest, ObservablesStandAroundTheCommandButNotAroundNestedOnes) {
         response.set("inner", run("Inner"));
         log += "p";
     });
-    scatter.work = [](Properties& command) {
-        command.set("added", true);
-    }; // the command that came back is run
-    const Properties response = run("Outer");
+    // The command that came back is run.
+    scatter.work = [](Properties& command) { command.set("added", true); };
+    EXPECT_EQ(run("Outer").toString(), R"({"Command":"Outer","added":true,"inner":{"Command":"Inner"}})");
     EXPECT_EQ(log, "soipgf");
-    EXPECT_EQ(response.toString(),
-              "{\"Command\":\"Outer\",\"added\":true,\"inner\":{\"Command\":\"Inner\"}}");
 }
 
 TEST_F(ControllerTest, ALoopServedFromWithinACommandTellsTheObservables) {
     add("Queued", [&](const Properties&, Properties&) { log += "q"; });
-    add("Exit", [&](const Properties&, Properties&) { log += "e"; });
     add("Long", [&](const Properties&, Properties&) {
         controller.processQueuedCommands();
-        EXPECT_EQ(controller.execute(request("Exit")), "{\"Command\":\"Exit\"}");
+        controller.execute(request("Queued"));
         run("Queued");
     });
     queue("Queued");
     run("Long");
-    EXPECT_EQ(log, "ssqgfsegfqgf");
-    EXPECT_EQ(responses.size(), 1u);
+    EXPECT_EQ(log, "ssqgfsqgfqgf");
 }
 
 TEST_F(ControllerTest, ErrorsOfEveryKindEndInTheResponse) {
@@ -158,9 +149,8 @@ TEST_F(ControllerTest, ErrorsOfEveryKindEndInTheResponse) {
         {"Memory", [] { throw std::bad_alloc(); }, "std::bad_alloc", 2, "system"},
         {"Unknown", [] { throw 7; }, "An exception of type int left the command", 3, "internal"},
         {"Empty", [] { raise(InputError("")); }, "An error of type InputError without a message", 2, "input"},
-        {"Null", [] { throw Silent(nullptr); },
-         "An exception of type (anonymous namespace)::Silent without a message", 2, "solver"},
-        {"Twice", [] { raise(InputError("twice")); }, "twice", 2, "input"}};
+        {"Null", [] { throw Silent(); },
+         "An exception of type (anonymous namespace)::Silent without a message", 2, "solver"}};
     for (const auto& row : rows) {
         add(row.name, [&](const Properties&, Properties& response) {
             response.set("half", "done");
@@ -202,7 +192,6 @@ TEST_F(ControllerTest, ClientsDontReachInternalCommands) {
     EXPECT_EQ(Error::getMessage(responses[0]), "Unknown command \"ExitLoop\"");
     EXPECT_EQ(lastStatus, Controller::Outcome::UNKNOWN_COMMAND);
     EXPECT_TRUE(controller.getCommands().empty());
-    EXPECT_EQ(log, "");
     controller.execute(request("ExitLoop"));
     EXPECT_FALSE(controller.executeScattered(request("ExitLoop")).hasFailed());
     EXPECT_EQ(log, "sxgfsxgf");
@@ -262,9 +251,8 @@ TEST_F(ControllerTest, AnObserverThatFailsFailsTheCommand) {
 
 TEST_F(ControllerTest, UnknownCommandsGetTheNearestName) {
     for (const char* name : {"GetHosts", "GetTimes", "GetNumberOfWorkers"})
-        add(name, [](const Properties&, Properties&) {});
-    EXPECT_THROW(add("GetHosts", [](const Properties&, Properties&) {}), InternalError);
-    EXPECT_THROW(controller.registerCommand(nullptr), InternalError);
+        add(name, {});
+    EXPECT_THROW(add("GetHosts", {}), InternalError);
     for (const auto& [name, nearest] : {std::pair<std::string, const char*>("gethosts", "GetHosts"),
                                         {"GetHost", "GetHosts"},
                                         {"GetTomes", "GetTimes"},
@@ -285,25 +273,20 @@ TEST_F(ControllerTest, TheQueueServesThreadsInTheirOrder) {
     constexpr int EACH = 1000;
     std::vector<int> next(4); // of each thread; the main thread alone answers
     int answered = 0;
-    add("Count", [&](const Properties& args, Properties& response) {
+    add("Count", [&](const Properties& args, Properties&) {
         EXPECT_EQ(controller.getRunningCommand()->client, "client " + std::to_string(args.getInt("thread")));
-        response.merge(args);
     });
     std::vector<std::jthread> threads;
     for (int t = 0; t < 4; ++t)
         threads.emplace_back([&, t] {
-            Properties command = request("Count");
-            command.set("thread", t);
             for (int i = 0; i < EACH; ++i) {
-                command.set("number", i);
-                controller.enqueue(
-                    {command, "client " + std::to_string(t), [&](const Controller::Outcome& outcome) {
-                         const int thread = outcome.response.getInt("thread");
-                         EXPECT_EQ(outcome.response.getInt("number"),
-                                   next[static_cast<std::size_t>(thread)]++);
-                         if (++answered == 4 * EACH)
-                             controller.stopProcessing();
-                     }});
+                Properties command = request("Count");
+                command.set("thread", t);
+                controller.enqueue({command, "client " + std::to_string(t), [&, t, i](const auto&) {
+                                        EXPECT_EQ(i, next[static_cast<std::size_t>(t)]++);
+                                        if (++answered == 4 * EACH)
+                                            controller.stopProcessing();
+                                    }});
             }
         });
     controller.processCommands();
@@ -334,16 +317,12 @@ TEST_F(ControllerTest, StopEndsTheLoopAndAnswersTheRest) {
 
 TEST_F(ControllerTest, ThreadedCommandsRunBesideTheMainThread) {
     Semaphore entered, leave;
-    bool gateWasShut = false;
-    add(
-        "Beside",
-        [&](const Properties&, Properties& response) {
-            gateWasShut = !MessagingGate::isOpen() && !Thread::isMain();
-            entered.post();
-            leave.wait();
-            response.set("done", true);
-        },
-        true);
+    const auto runBeside = [&](const Properties&, Properties& response) {
+        response.set("done", !MessagingGate::isOpen() && !Thread::isMain());
+        entered.post();
+        leave.wait();
+    };
+    add("Beside", runBeside, true);
     add("Main", [&](const Properties&, Properties&) {
         entered.wait();
         EXPECT_EQ(controller.getRunningCommand()->name, "Main");
@@ -355,8 +334,6 @@ TEST_F(ControllerTest, ThreadedCommandsRunBesideTheMainThread) {
         controller.processQueuedCommands();
     EXPECT_EQ(responses[0].getString("Command"), "Main"); // the threaded one held nobody up
     EXPECT_TRUE(responses[1].getBool("done"));
-    EXPECT_TRUE(gateWasShut);
-    EXPECT_TRUE(answeredOnMain);
     EXPECT_EQ(log, "sgf"); // the threaded one wasn't distributed
 
     queue("Beside"); // the end of the loop waits for it
@@ -374,14 +351,12 @@ TEST_F(ControllerTest, ThreadedCommandsRunBesideTheMainThread) {
 TEST_F(ControllerTest, WithoutThreadsALocalCommandLocksMessagingOut) {
     MessagingGate::noteMainThread();
     bool wasLocked = false;
-    add(
-        "Local",
-        [&](const Properties&, Properties&) {
-            wasLocked = Controller::isSerialCritical() && MessagingGate::has(MessagingGate::LOCAL_COMMAND) &&
-                        Thread::isMain();
-            throw std::runtime_error("and the lock is lifted all the same");
-        },
-        true);
+    const auto note = [&](const Properties&, Properties&) {
+        wasLocked = Controller::isSerialCritical() && MessagingGate::has(MessagingGate::LOCAL_COMMAND) &&
+                    Thread::isMain();
+        throw std::runtime_error("and the lock is lifted all the same");
+    };
+    add("Local", note, true);
     controller.setThreadedCommands(false);
     queue("Local");
     controller.processQueuedCommands();

@@ -1,5 +1,4 @@
 // Plays the processes that don't live to tell:
-//   kernelProbe version      prints what this build is
 //   kernelProbe HOW          ends by a fault:
 //     noexcept   in a function that lets no exception out: the abort callback ends the process
 //     thread     in a thread that nobody guards
@@ -14,7 +13,6 @@
 #include "kernel/Controller.h"
 #include "kernel/DynamicLoader.h"
 #include "kernel/Observer.h"
-#include "kernel/OrvexVersion.h"
 #include "kernel/SignalHandler.h"
 #include "kernel/Subject.h"
 #include "platform/Time.h"
@@ -104,9 +102,5 @@ int play(const std::string& how) {
 } // namespace
 
 int main(int argc, char** argv) {
-    const std::string how = argc > 1 ? argv[1] : "";
-    if (how != "version")
-        return play(how);
-    std::cout << OrvexVersion::getVersionedProductName() << std::endl;
-    return 0;
+    return play(argc > 1 ? argv[1] : "");
 }

@@ -58,7 +58,6 @@ TEST(Properties, TextFormsKeepEveryValueAndItsKind) {
     all.set("unsigned long", std::numeric_limits<unsigned long>::max());
     all.set("long long", std::numeric_limits<long long>::max());
     all.set("unsigned long long", 1ull << 63);
-    all.set("one", 1.0);
     all.set("zero", -0.0);
     all.set("largest", std::numeric_limits<double>::max());
     all.set("smallest", std::numeric_limits<double>::denorm_min());
@@ -66,8 +65,7 @@ TEST(Properties, TextFormsKeepEveryValueAndItsKind) {
     all.set("inf", std::vector<double>{HUGE_VAL, -HUGE_VAL, 0.1});
     all.set("text", std::string("a\0b\x01\t\n\r\"\\/\x7f \xE2\x82\xAC", 15));
     all.set("wide", L"\x20AC \x1F600");
-    all.set("blank", "  ");
-    all.set("empty", "");
+    all.set("blank", std::vector<std::string>{"  ", ""});
     all.set(std::string("key\0\x02", 5), std::vector<std::wstring>{L"\x00E4", L""});
     all.set("inner", inner);
     all.set("list", std::vector<Properties>{inner, Properties(), real});
@@ -83,11 +81,10 @@ TEST(Properties, TextFormsKeepEveryValueAndItsKind) {
     EXPECT_EQ(throughJson(all).getOrvexString("wide"), L"\x20AC \x1F600");
 
     EXPECT_EQ(Properties().toString(), "{}");
-    EXPECT_EQ(Properties("{}"), Properties());
     EXPECT_EQ(Properties(" {\"a\":null,\"b\":[[1],{}]} ").toString(), "{\"a\":null,\"b\":[[1],{}]}");
-    EXPECT_EQ(inner.toString(), "{\"x\":1.5,\"\":\"empty key\"}");
-    EXPECT_EQ(inner.toXml("value"),
-              "<value><struct><member><name>x</name><value><double>1.5</double></value></member>"
+    EXPECT_EQ(Properties("{\"x\":[1.5],\"\":\"empty key\"}").toXml("value"),
+              "<value><struct><member><name>x</name><value><array><data><value><double>1.5</double></value>"
+              "</data></array></value></member>"
               "<member><name></name><value><string>empty key</string></value></member></struct></value>");
     EXPECT_THROW(inner.toXml("no name"), InternalError);
 }
@@ -121,7 +118,6 @@ TEST(Properties, GettersConvertWhereNothingIsLost) {
         }
     EXPECT_EQ(Properties("{\"k\":-3.0}").getInt("k"), -3);
     EXPECT_EQ(Properties("{\"k\":9223372036854775808}").getReal("k"), 0x1p63);
-    EXPECT_EQ(Properties("{\"k\":18446744073709551615}").getUnsignedLong("k"), ~0ull);
 }
 
 TEST(Properties, MessagesNameTheKeyWhatStandsThereAndWhatWasExpected) {
@@ -148,9 +144,6 @@ TEST(Properties, MessagesNameTheKeyWhatStandsThereAndWhatWasExpected) {
     for (const auto& [get, message] : rows)
         EXPECT_EQ(inputError([&] { get(properties); }), message);
     EXPECT_LT(inputError([&] { properties.getInt("long"); }).size(), 200u);
-    int untouched = 5;
-    EXPECT_THROW(properties.get("t", untouched), InputError);
-    EXPECT_EQ(untouched, 5);
     EXPECT_EQ(properties.getOr("none", 7) + properties.getOr("r", 0.0), 8.5);
     EXPECT_EQ(properties.getOr("t", "other") + properties.getOr("none", "other"), "wordother");
 }
@@ -163,10 +156,8 @@ TEST(Properties, KeysKeepTheirOrderAndModesTheirWord) {
     properties.set("b", 3, Mode::KEEP);
     properties.set("c", 4, Mode::KEEP);
     EXPECT_THROW(properties.set("c", 5, Mode::NEW), InternalError);
-    EXPECT_THROW(properties.set("d", static_cast<const char*>(nullptr)), InternalError);
     EXPECT_EQ(properties.toString(), "{\"a\":\"one\",\"b\":2,\"c\":4}");
     properties.remove("a");
-    properties.remove("none");
     properties.set("a", properties);
     EXPECT_EQ(properties.toString(), "{\"b\":2,\"c\":4,\"a\":{\"b\":2,\"c\":4}}");
     EXPECT_EQ(properties.getNames(), (std::vector<std::string>{"b", "c", "a"}));
@@ -192,7 +183,6 @@ TEST(Properties, ManyKeysStayCheap) {
         properties.set("Rank[" + std::to_string(i) + "]", "host" + std::to_string(i));
     EXPECT_EQ(throughJson(properties), properties);
     properties.remove("Rank[5]");
-    EXPECT_FALSE(properties.hasName("Rank[5]"));
     EXPECT_EQ(properties.getString("Rank[29999]"), "host29999");
     EXPECT_THROW(Properties(properties.toString().insert(1, "\"Rank[77]\":1,")), InputError);
 }
@@ -207,7 +197,6 @@ TEST(Properties, DepthIsBoundedBothWays) {
     text.replace(text.find(":1}"), 3, ":[]}");
     EXPECT_EQ(inputError([&json = text] { Properties parsed(json); }).substr(0, 24),
               "Malformed JSON at byte 3");
-    EXPECT_THROW(Properties(std::string(1 << 20, '[')), InputError);
     EXPECT_THROW(Properties("{\"a\":" + std::string(1 << 20, '[')), InputError);
 }
 
@@ -217,23 +206,18 @@ TEST(Properties, BadJsonIsRefusedWithPositionAndReason) {
           {"[]", "byte 1: an object was expected"},
           {"{} {}", "byte 3: The document root must not be followed by other values."},
           {"{\"a\":1", "byte 6: Missing a comma or '}' after an object member."},
-          {"{'a':1}", "byte 1: Missing a name for object member."},
           {"{\"a\":1,}", "byte 7: Missing a name for object member."},
-          {"{\"a\":[1,]}", "byte 8: Invalid value."},
           {"{\"a\":NaN}", "byte 5: Invalid value."},
           {"{\"a\":1e999}", "byte 5: Number too big to be stored in double."},
           {"{\"a\":" + std::string(310, '9') + ".5}", "byte 5: Number too big to be stored in double."},
           {"{\"a\":9.9e308}", "byte 5: the number is too large"},
           {"{\"a\":1,\"b\":2,\"a\":3}", "byte 19: the key \"a\" stands there twice"},
-          {"{\"o\":{\"a\":1,\"a\":3}}", "byte 18: the key \"a\" stands there twice"},
           {"{\"\\u0061\":1,\"a\":3}", "byte 18: the key \"a\" stands there twice"},
           {"{\"a\":\"x\ny\"}", "byte 7: a control character must be escaped"},
           {"{\"a\":\"\\ud800\"}", "byte 6: The surrogate pair in string is invalid."},
           {"{\"a\":\"\\udc00\"}", "byte 13: an escape is half of a surrogate pair"},
           {"{\"\\udfff\":1}", "byte 9: an escape is half of a surrogate pair"},
-          {"{\"a\":\"\xC3(\"}", "byte 6: the text isn't valid UTF-8"},
           {"{\"abcdefghijkl\":\"\xED\xA0\x80\"}", "byte 17: the text isn't valid UTF-8"},
-          {std::string("{\"a\":1}\0{}", 10), "byte 7: a zero byte isn't allowed there"},
           {std::string("{\"a\":\"\0\"}", 9), "byte 6: a zero byte isn't allowed there"}})
         EXPECT_EQ(inputError([&json = text] { Properties parsed(json); }),
                   std::string("Malformed JSON at ") + reason)
@@ -248,14 +232,12 @@ TEST(Properties, BadXmlIsRefused) {
     for (const auto& [xml, reason] :
          {std::pair<std::string, const char*>("", "No document element found"),
           {"<v>", "Start-end tags mismatch"},
-          {"<v/>", "a root element with one struct was expected"},
           {"<v><array/></v>", "a root element with one struct was expected"},
           {"<v><struct><member><name>a</name></member></struct></v>", "a member has no name or no value"},
           {one + "<i4>1x</i4>" + end, "\"1x\" isn't a number of the kind \"integer\""},
           {one + "<i8>9223372036854775808</i8>" + end, "isn't a number of the kind \"integer\""},
           {one + "<double></double>" + end, "\"\" isn't a number of the kind \"real\""},
           {one + "<boolean>2</boolean>" + end, "a value of the kind \"boolean\" isn't known"},
-          {one + "<date>2</date>" + end, "a value of the kind \"date\" isn't known"},
           {one + "<base64>*</base64>" + end, "isn't Base64"},
           {one + "<base64>/w==</base64>" + end, "isn't UTF-8"},
           {one + "\xFF" + end, "it isn't UTF-8 text without zero bytes"},

@@ -110,13 +110,6 @@ TEST_F(LauncherWatchTest, ARankEndsWithAnyOfItsAncestors) {
     }
 }
 
-TEST_F(LauncherWatchTest, AStoppedWatchLetsTheProcessLive) {
-    start({"mpirun"}, L"stop");
-    ASSERT_TRUE(Platform::process().kill(ancestors[0].pid));
-    EXPECT_EQ(readLine(), "outlived");
-    EXPECT_EQ(await(rank, 5.0), 0);
-}
-
 TEST(LauncherWatch, KnowsTheNamesOfLaunchers) {
     for (const std::string name :
          {"mpirun.openmpi", "mpiexec.hydra", "orterun", "orted", "prterun", "prted", "slurmstepd"})

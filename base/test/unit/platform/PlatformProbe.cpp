@@ -1,7 +1,6 @@
 // Plays the processes that the tests need beside their own:
 //   platformProbe run WORDS...     starts the words as a child that prints where this one does, and waits
-//   platformProbe rank HOW         watches its launcher: HOW is plain, hang (the callback never returns) or
-//                                  stop (the watch ends before the rank says a word)
+//   platformProbe rank HOW         watches its launcher: HOW is plain or hang (the callback never returns)
 #include "platform/LauncherWatch.h"
 #include "platform/Process.h"
 #include "platform/StringHelper.h"
@@ -31,17 +30,10 @@ int playRank(const std::string& how) {
         },
         0.2, WATCH_STATUS);
     const bool watching = watch.start();
-    if (how == "stop")
-        watch.stop();
     std::cout << Platform::process().getPid();
     for (const auto& ancestor : watch.getAncestors())
         std::cout << " " << ancestor.pid << " " << ancestor.name;
     std::cout << std::endl;
-    if (how == "stop") {
-        Platform::time().sleep(0.7); // more than three rounds of a watch
-        std::cout << "outlived" << std::endl;
-        return 0;
-    }
     Platform::time().sleep(30.0); // the watch ends it long before
     return watching ? 1 : 2;
 }

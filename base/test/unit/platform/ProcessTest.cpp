@@ -115,7 +115,8 @@ TEST_F(ProcessTest, WaitsForTheMarker) {
     std::string captured = "old";
     // Behind the marker the child prints more than a pipe takes; it must come to its end all the same.
     auto handle = processes.startAndExpect(
-        shell(L"echo first; echo ProxyServer::start -host n1:4711; head -c 300000 /dev/zero; echo > " + done),
+        shell(L"echo first; echo ProxyServer::start -host n1:4711; head -c 300000 /dev/zero && echo > " +
+              done),
         "ProxyServer::start -host", captured, false, 10.0);
     ASSERT_NE(handle, nullptr);
     EXPECT_EQ(captured, "first\nProxyServer::start -host n1:4711\n");
@@ -139,7 +140,7 @@ TEST_F(ProcessTest, AChildOutlivesItsHandle) {
     int pid = 0;
     {
         const auto handle =
-            processes.start(shell(L"sleep 0.1; head -c 300000 /dev/zero; echo > " + done), {});
+            processes.start(shell(L"sleep 0.1; head -c 300000 /dev/zero && echo > " + done), {});
         pid = handle->getPid();
         EXPECT_FALSE(handle->wait(0.0).has_value());
     }

@@ -78,7 +78,7 @@ TEST(StringHelper, EncodedTextPassesACommandLine) {
     EXPECT_EQ(encoded.find_first_of(" '\"$`\\*;&|"), std::string::npos) << encoded;
     EXPECT_EQ(StringHelper::decode(StringHelper::toWString(encoded)), text);
     EXPECT_EQ(StringHelper::encode("a b"), "a%u0020b");
-    // What wasn't encoded is left alone, the forms that look like it included.
+    // Other text is left alone, also forms that look encoded.
     for (const std::string plain :
          {"/data/50% of %users/x.sim", "%u00g0", "%u004", "%", "100%u", "%uD800", "%U00110000", "%u00e4"})
         EXPECT_EQ(StringHelper::decode(plain), plain);

@@ -106,28 +106,21 @@ TEST_F(OrvexctlTest, IsToldWhyItIsRefused) {
             check(run({"Echo"}), 4, "the first is connected");
             check(run({"status"}), 0, "");
         }
-        SessionRecord record = SessionLocator::readRecord(SessionLocator::getSingleton().getRecordPath());
-        const struct {
-            std::function<void(SessionRecord&)> change;
-            int code;
-            const char* part;
-        } rows[] = {
-            {[](SessionRecord& other) { other.key.replace(0, 4, "0000"); }, 4,
-             "The proof of the session key is wrong"},
-            {[](SessionRecord& other) { other.host = other.boot = "elsewhere"; }, 3,
-             "\"ssh elsewhere orvexctl"},
-            {[](SessionRecord& other) {
-                 other.port = 1;
-                 other.pidNamespace = 0;
-             },
-             3, "Connection refused; whether this server still runs can't be seen from here"},
-        };
-        for (const auto& row : rows) {
-            SessionRecord changed = record;
-            row.change(changed);
+        const SessionRecord record =
+            SessionLocator::readRecord(SessionLocator::getSingleton().getRecordPath());
+        const auto checkChanged = [&](const SessionRecord& changed, int code, const char* part) {
             ASSERT_TRUE(Platform::filesystem().writePrivateFile(record.path, changed.toText()));
-            check(run({"Echo"}), row.code, row.part);
-        }
+            check(run({"Echo"}), code, part);
+        };
+        SessionRecord other = record;
+        other.key.replace(0, 4, "0000");
+        checkChanged(other, 4, "The proof of the session key is wrong");
+        other.host = other.boot = "elsewhere";
+        checkChanged(other, 3, "\"ssh elsewhere orvexctl");
+        other = record;
+        other.port = 1;
+        other.pidNamespace = 0;
+        checkChanged(other, 3, "Connection refused; whether this server still runs can't be seen from here");
     });
 }
 

@@ -3,8 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
-
 namespace {
 
 TEST(RpcMessage, FindsTheMembersOfARequest) {
@@ -86,8 +84,7 @@ TEST(RpcMessage, ReadsItsOwnText) {
 void feed(FrameBuffer& frames, std::string_view text) {
     while (!text.empty()) {
         const std::span<char> room = frames.prepare();
-        const std::size_t size = std::min(room.size(), text.size());
-        std::memcpy(room.data(), text.data(), size);
+        const std::size_t size = text.copy(room.data(), room.size());
         frames.commit(size);
         text.remove_prefix(size);
     }

@@ -93,6 +93,8 @@ TEST_F(ServerFixture, SendsTheConsoleBeforeTheAnswer) {
         [&] {
             RpcClient client;
             connect(client);
+            disk.full = true;
+            disk.str({});
             std::string text;
             client.setNotificationCallback([&](const std::string& method, std::string_view params) {
                 if (method == "server.console")
@@ -205,6 +207,7 @@ TEST_F(ServerFixture, EndsByStopAlone) {
     server().setConnectionMode(Server::NO_CONNECTION);
     serveWithoutThreads([&] { EXPECT_EQ(target().port, 0u); });
     SetUp();
+    EXPECT_EQ(server().getPort(), 0u);
     server().stop(); // before the start
     server().start(L"", 0);
     EXPECT_FALSE(server().isRunning());

@@ -2,6 +2,7 @@
 
 #include "kernel/Raise.h"
 #include "kernel/Task.h"
+#include "platform/Memory.h"
 
 #include <cerrno>
 #include <chrono>
@@ -92,9 +93,8 @@ std::string RawConnection::readLine(double patience) {
             return line;
         }
         char bytes[65536];
-        if (!waitReady(_descriptor, POLLIN, patience))
-            return {};
-        const ssize_t size = recv(_descriptor, bytes, sizeof bytes, 0);
+        const ssize_t size =
+            waitReady(_descriptor, POLLIN, patience) ? recv(_descriptor, bytes, sizeof bytes, 0) : 0;
         if (size <= 0)
             return {};
         _received.append(bytes, static_cast<std::size_t>(size));
@@ -173,11 +173,7 @@ void ServerFixture::TearDown() {
 }
 
 void ServerFixture::play(const std::function<void()>& clients) {
-    try {
-        clients();
-    } catch (const std::exception& error) {
-        ADD_FAILURE() << error.what();
-    }
+    EXPECT_NO_THROW(clients());
     release();
     server().stop();
 }
@@ -231,23 +227,17 @@ std::string ServerFixture::refusal(const RpcClient::Target& target, SessionHands
 }
 
 bool ServerFixture::waitFor(const std::function<bool()>& condition) {
-    for (int i = 0; i < 2000; ++i) {
-        if (condition())
-            return true;
+    for (int i = 0; i < 2000 && !condition(); ++i)
         std::this_thread::sleep_for(5ms);
-    }
     return condition();
 }
 
 std::size_t ServerFixture::memory() {
     malloc_trim(0);
-    std::ifstream file("/proc/self/statm");
-    std::size_t total = 0;
-    std::size_t resident = 0;
-    file >> total >> resident;
-    std::size_t bytes = resident * static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+    Platform::MemoryUse use;
+    EXPECT_TRUE(Platform::MemoryQuery(getpid()).query(use));
 #ifdef ORVEX_TEST_SHADOW_MEMORY
-    bytes /= 8; // a sanitizer's shadow, and what it keeps back of freed memory
+    use.residentSize /= 8; // a sanitizer's shadow, and what it keeps back of freed memory
 #endif
-    return bytes;
+    return static_cast<std::size_t>(use.residentSize);
 }

@@ -39,7 +39,7 @@ protected:
     SessionHandshake::Greeting greeting() const {
         return {SessionRecord::PROTOCOL_VERSION, "a server", serverNonce};
     }
-    /// What the server thinks of a client that says `params`.
+    /// The server's judgement of a client that says `params`.
     std::optional<RpcFault> judge(const std::string& params,
                                   const std::string& method = "server.authenticate") {
         line = RpcMessage::request("1", method, params);

@@ -18,6 +18,10 @@ std::string narrow(const std::wstring& path) {
     return StringHelper::toString(path);
 }
 
+void setMode(const std::wstring& path, mode_t mode) {
+    ASSERT_EQ(chmod(narrow(path).c_str(), mode), 0);
+}
+
 class SessionLocatorTest : public ::testing::Test {
 protected:
     SessionLocatorTest() {
@@ -134,7 +138,7 @@ TEST_F(SessionLocatorTest, TrustsNoForeignFiles) {
         {directory.getPath(), 01777, path, "open"},
     };
     for (const auto& row : rows) {
-        ASSERT_EQ(chmod(narrow(row.changed).c_str(), row.mode), 0);
+        setMode(row.changed, row.mode);
         std::string told;
         try {
             told = SessionLocator::readRecord(row.read).name;
@@ -143,11 +147,11 @@ TEST_F(SessionLocatorTest, TrustsNoForeignFiles) {
         }
         EXPECT_NE(told.find(row.reason), std::string::npos) << told;
         EXPECT_EQ(locator().findSessions().empty(), row.read == path && told != "open");
-        ASSERT_EQ(chmod(narrow(row.changed).c_str(), row.changed == path ? 0600 : 0700), 0);
+        setMode(row.changed, row.changed == path ? 0600 : 0700);
     }
-    ASSERT_EQ(chmod(narrow(directory.getPath()).c_str(), 0777), 0);
+    setMode(directory.getPath(), 0777);
     EXPECT_THROW(locator().publish(record("x")), SystemError);
-    ASSERT_EQ(chmod(narrow(directory.getPath()).c_str(), 0700), 0);
+    setMode(directory.getPath(), 0700);
 
     SessionLocator::reset();
     ASSERT_EQ(symlink(narrow(directory.getPath()).c_str(), narrow(directory.getPath() + L"/link").c_str()),
