@@ -146,9 +146,7 @@ private:
             endWord();
         else if (c == '#' && !_inWord)
             _comment = true;
-        else if (isAtValue() && (c == '{' || c == '['))
-            takeJson(c);
-        else if (_word.text.ends_with(":=") && c == '"')
+        else if ((isAtValue() && (c == '{' || c == '[')) || (_word.text.ends_with(":=") && c == '"'))
             takeJson(c);
         else if (c == '"' || c == '\'') {
             _word.quoted = _word.quoted || isAtValue();

@@ -6,7 +6,7 @@
 #include <string_view>
 #include <vector>
 
-/// What the user typed can't be understood.
+/// The typed words can't be understood.
 class UsageError : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
@@ -20,7 +20,7 @@ class CommandWords {
 public:
     struct Word {
         std::string text;
-        bool quoted = false; ///< its value stood in quotes: it is text whatever it looks like
+        bool quoted = false; ///< its value stood in quotes: it is text in any form
     };
     /// The types that the command's help tells, in the order of its keys.
     struct KeyType {

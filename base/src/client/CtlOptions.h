@@ -20,7 +20,7 @@ struct ExitCode {
     };
 };
 
-/// What the user asked for.
+/// The wishes of the user.
 struct CtlOptions {
     std::string session; ///< name or pid, empty: the newest
     std::string host;

@@ -16,7 +16,7 @@ class Properties;
 /// The session that the options choose, and the connection to it. Shows what the server tells unasked.
 class CtlSession {
 public:
-    /// What a command wants, as the server tells.
+    /// The arguments of a command, as the server tells them.
     struct Help {
         bool known = false;
         std::string nearest; ///< of an unknown command: what may have been meant

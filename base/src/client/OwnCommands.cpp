@@ -12,10 +12,11 @@ struct OwnCommand {
 };
 
 constexpr std::array COMMANDS{
-    OwnCommand{"help", " [NAME]", "all commands; with NAME, what this one takes and gives"},
+    OwnCommand{"help", " [NAME]", "all commands; with NAME, the arguments and results of that one"},
     OwnCommand{"list-sessions", "", "the sessions of this user, newest first"},
-    OwnCommand{"list-commands", " [NAME]", "what the server can do; with NAME, its arguments and results"},
-    OwnCommand{"status", "", "what runs, since when, on whose behalf"},
+    OwnCommand{"list-commands", " [NAME]",
+               "the commands of the server; with NAME, the arguments and results of that one"},
+    OwnCommand{"status", "", "the command that runs, since when, and for which client"},
     OwnCommand{"cancel", "", "ask the task at work to end early"},
     OwnCommand{"stop", "", "end the server in order: the command at work finishes first"},
     OwnCommand{"abort", " [reason=TEXT]", "take the whole job down at once"},

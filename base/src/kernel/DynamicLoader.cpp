@@ -25,7 +25,7 @@ std::string startModule(const Platform::DynamicLibrary::LoadResult& library) {
     const auto entry = reinterpret_cast<Entry>(libraries.findSymbol(library.handle, ENTRY_SYMBOL));
     if (entry == nullptr)
         return {};
-    // What a failed entry has registered already keeps the module in the process: it isn't unloaded.
+    // A failed entry may have registered objects of the module, so it isn't unloaded.
     try {
         entry();
         return {};
@@ -59,7 +59,7 @@ std::string DynamicLoader::Impl::loadModule(const std::string& module) {
         if (std::find(started.begin(), started.end(), library.handle) != started.end())
             return {};
     }
-    const std::string failure = startModule(library);
+    std::string failure = startModule(library);
     const std::lock_guard guard(mutex);
     if (failure.empty())
         started.push_back(library.handle);

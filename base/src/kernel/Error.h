@@ -6,7 +6,7 @@
 #include <exception>
 #include <string>
 
-/// What went wrong, as a tree that can cross ranks and reach a client.
+/// An error as a tree of properties that can cross ranks and reach a client.
 ///
 /// The tree holds ERROR_TAG (the type text), MESSAGE_TAG, SEVERITY_TAG and, where one was taken,
 /// STACK_TRACE_TAG, beside whatever keys the raiser added. In a response it holds KIND_TAG as well: see

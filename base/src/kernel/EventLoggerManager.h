@@ -7,7 +7,7 @@
 #include <memory>
 #include <string>
 
-/// Keeps one logger for each event, an event being a pair of names (a class and an operation, say).
+/// Keeps one logger for each event, an event being a pair of names, for example class and operation.
 ///
 /// This base counts how often events were started and how deep they are open; heirs measure what happens
 /// between start and stop. It is off at first. Main thread; calls on other threads have no effect.
@@ -16,7 +16,7 @@ public:
     /// Stands between the two names in the key of an event; no event name holds it.
     static const char* const FIELD_TAG;
 
-    /// What is known of one event.
+    /// The record of one event.
     class ORVEX_KERNEL_EXPORT EventLogger {
     public:
         EventLogger(std::string first, std::string second);

@@ -4,13 +4,13 @@
 
 namespace {
 
-/// Where the name starts behind the last separator.
+/// The start of the name behind the last separator.
 std::size_t findName(const std::wstring& path) {
     const std::size_t separator = path.rfind(Platform::filesystem().getSeparator());
     return separator == std::wstring::npos ? 0 : separator + 1;
 }
 
-/// Where the extension starts, the end of `path` when there is none.
+/// The start of the extension; the end of `path` when there is none.
 std::size_t findExtension(const std::wstring& path) {
     const std::size_t dot = path.rfind(L'.');
     return dot == std::wstring::npos || dot <= findName(path) ? path.size() : dot;

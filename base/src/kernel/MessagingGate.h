@@ -24,7 +24,7 @@ public:
     static bool has(Reason reason) { return (_word & reason) != 0; }
     /// Main thread only; on another thread it changes nothing that counts.
     static void set(Reason reason, bool on) { _word = on ? (_word | reason) : (_word & ~unsigned(reason)); }
-    /// Clears NOT_MAIN_THREAD on the main thread. Called at load time, and by whoever finds the bit there.
+    /// Clears NOT_MAIN_THREAD on the main thread. Called at load time, and where the bit is found set.
     static void noteMainThread();
 
 private:

@@ -1,6 +1,6 @@
 #pragma once
 
-/// The entry of a module that DynamicLoader loads: what it registers (its commands, say) is registered here.
+/// The entry of a module that DynamicLoader loads: it registers its commands and the like here.
 ///
 ///     ORVEX_MODULE_ENTRY() { Controller::getSingleton().registerCommand(new MyCommand); }
 ///

@@ -5,7 +5,7 @@
 #include <functional>
 #include <string>
 
-/// Sends a notice to whoever watches this process from outside.
+/// Sends a notice to the clients that watch this process.
 class ORVEX_KERNEL_EXPORT ObservableFromClient {
 public:
     static constexpr const char* CONSOLE_MESSAGE = "ConsoleMessage";

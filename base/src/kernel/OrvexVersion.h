@@ -4,7 +4,7 @@
 
 #include <string>
 
-/// What this build is. A development version checks more, across ranks too, and says more.
+/// Describes this build. A development version checks more, across ranks too, and tells more.
 class ORVEX_KERNEL_EXPORT OrvexVersion {
 public:
     static bool isDevelopmentVersion() { return _isDevelopmentVersion; }
@@ -18,7 +18,7 @@ public:
     static const char* const _buildArch;     ///< "linux-x86_64"
     static const char* const _buildEnv;      ///< compiler and its version, "gcc12.2"
 
-    /// "Serial", or "Np=" with the number of processes. Set once by whoever fixes the role.
+    /// "Serial", or "Np=" with the number of processes. Set once when the role is fixed.
     static std::string _machineConfig;
 
 private:

@@ -21,7 +21,7 @@ using PropertyTree::Value;
 struct Properties::Impl {
     Tree tree;
 
-    /// What `properties` holds.
+    /// The data of `properties`.
     static const Tree& treeOf(const Properties& properties) {
         static const Tree empty;
         return properties._impl ? properties._impl->tree : empty;
@@ -116,7 +116,8 @@ bool convert(const Value& value, T& result) {
     if (value.getKind() == Kind::REAL) {
         // Both bounds are powers of two or zero, so they are exact as reals.
         constexpr double LOWEST = static_cast<double>(std::numeric_limits<T>::min());
-        constexpr double BEYOND = 2.0 * static_cast<double>(std::numeric_limits<T>::max() / 2 + 1);
+        constexpr T HALF = std::numeric_limits<T>::max() / 2 + 1;
+        constexpr double BEYOND = 2.0 * static_cast<double>(HALF);
         const double real = value.getReal();
         if (!(real >= LOWEST && real < BEYOND) || real != std::trunc(real))
             return false;

@@ -43,7 +43,7 @@ const char* nonFiniteName(double value) {
     return std::isnan(value) ? "nan" : value > 0 ? "inf" : "-inf";
 }
 
-/// What an object below the root stands for whose one member has a key of write()'s own.
+/// The value of an object below the root whose one member has a key of write()'s own.
 Value decodeReal(Member& member) {
     const std::string_view text =
         member.value.getKind() == Kind::TEXT ? member.value.getText() : std::string_view();

@@ -6,7 +6,7 @@
 #include <string_view>
 #include <vector>
 
-/// What a Properties holds: keys in their order, each with a value. Private to the kernel.
+/// The data of a Properties: keys in their order, each with a value. Private to the kernel.
 ///
 /// Values are plain 16 bytes; texts, elements and members below the root lie in the Arena of the tree and
 /// don't change there. So reading a text costs a handful of allocations, and copying a tree one.

@@ -40,7 +40,7 @@ enum class FaultState { NONE, HANDLING, ENDING };
 constinit thread_local FaultState faultState __attribute__((tls_model("initial-exec"))) = FaultState::NONE;
 
 bool installed = false;
-/// What it pointed to before stays alive: a fault may be about to call it.
+/// The callback from before stays alive: a fault may be about to call it.
 std::atomic<const std::function<void()>*> abortCallback{nullptr};
 std::atomic<const std::function<void(std::string_view)>*> lastWordsCallback{nullptr};
 std::atomic<bool> processEnds{false};
@@ -112,7 +112,7 @@ void onTerminate() {
     std::abort();
 }
 
-/// Stands before whatever terminate handler is installed by now.
+/// Stands before the terminate handler that is installed by now.
 void watchTerminate() {
     const std::terminate_handler now = std::get_terminate();
     if (now == onTerminate)

@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-/// What becomes of signals.
+/// Turns signals into errors, an orderly stop, or an abort.
 ///
 /// A fault that a thread causes itself (segmentation fault, bus error, illegal instruction, floating-point
 /// trap) becomes an error on that thread: NonRecoverableError, FloatingPointError for a trap. First the
@@ -43,7 +43,7 @@ public:
     /// Ends the process, and in a job all of it; called on the thread at fault. None: the process ends with a
     /// core image where the system makes one. Any thread.
     static void setAbortCallback(std::function<void()> callback);
-    /// Called with the reason before a fault, an abort() or a signal ends the process, whoever sent it; on
+    /// Called with the reason before a fault, an abort() or a signal ends the process, from any sender; on
     /// the thread at fault, in the handler, before anything else: the heap may be what has failed. Any
     /// thread.
     static void setLastWordsCallback(std::function<void(std::string_view reason)> callback);

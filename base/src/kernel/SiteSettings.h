@@ -22,7 +22,7 @@ public:
     bool getBool(const std::string& key, bool defaultValue) const;
     std::string getString(const std::string& key, const std::string& defaultValue) const;
 
-    /// Where the file is looked for, empty when the user has no home.
+    /// The path of the file; empty when the user has no home.
     static std::wstring getFilePath();
 
 private:

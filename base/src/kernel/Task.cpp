@@ -73,7 +73,7 @@ void Task::meet() {
     const bool collective = _onMainThread && agreement && !MessagingGate::has(MessagingGate::LOCAL_COMMAND);
     if (collective)
         interval = agreement(interval);
-    // Also after an error: whoever goes on in spite of it meets the others at once.
+    // Also after an error: a rank that goes on in spite of it meets the others at once.
     _interval = _callsLeft = std::max(interval, 1U);
     _lastMeeting = now;
     if (interval != 0)

@@ -47,8 +47,6 @@ public:
     ~Task();
 
     const std::string& getName() const { return _name; }
-    /// From 0 to 1.
-    double getProgress() const { return _progress; }
 
     /// setProgress(), and the end of the work on all ranks alike when a cancel was asked for on one of them.
     ///

@@ -25,7 +25,6 @@ public:
     bool isAttached(const ObserverType& observer) const {
         return std::find(_observers.begin(), _observers.end(), &observer) != _observers.end();
     }
-    const std::vector<ObserverType*>& getObservers() const { return _observers; }
 
     void notify(Args&... args) {
         const std::vector<ObserverType*> snapshot = _observers;

@@ -2,7 +2,7 @@
 
 #include <string>
 
-/// Where this user's files of a kind lie. Private to the kernel.
+/// The folder of this user's files of a kind. Private to the kernel.
 namespace UserDirectory {
 
 /// The directory "orvex" below the one that the environment names in `variable`, if that is an absolute path,

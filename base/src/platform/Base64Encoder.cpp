@@ -26,7 +26,7 @@ std::string describe(char character) {
     return "of code " + std::to_string(static_cast<unsigned>(static_cast<unsigned char>(character)));
 }
 
-/// What is wrong with `base64`; empty when nothing is.
+/// Tells the fault of `base64`; empty when there is none.
 std::string findFault(std::string_view base64) {
     if (base64.size() % 4 != 0)
         return "its length, " + std::to_string(base64.size()) + ", is no multiple of 4";

@@ -157,10 +157,6 @@ long long Chip::getMemorySize() const {
     return getFacts().memory;
 }
 
-unsigned Chip::getNumberProcessors() const {
-    return getFacts().processors;
-}
-
 Chip& chip() {
     static Chip service;
     return service;

@@ -10,7 +10,7 @@ namespace Platform {
 /// "unknown". Local, any thread.
 class ORVEX_PLATFORM_EXPORT Chip {
 public:
-    /// What the processor can do at once; a higher level includes the lower ones.
+    /// The sets of vector instructions; a higher level includes the lower ones.
     enum VectorizationLevel { NO_VECTORS = 0, SSE2 = 1, SSE42 = 2, AVX = 3, AVX2 = 4, AVX512 = 5 };
 
     /// The maker's name of the processor.
@@ -31,8 +31,6 @@ public:
     int getCacheSize() const;
     /// [bytes] installed in this host
     long long getMemorySize() const;
-    /// Logical processors of this host that are on line, whatever this process is bound to.
-    unsigned getNumberProcessors() const;
 };
 
 /// The one chip service of the process.

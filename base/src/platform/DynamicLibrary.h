@@ -15,7 +15,7 @@ namespace Platform {
 /// a file name.
 class ORVEX_PLATFORM_EXPORT DynamicLibrary {
 public:
-    /// Where the module's symbols can be seen.
+    /// The reach of the module's symbols.
     enum Visibility { LOCAL, GLOBAL };
     struct LoadResult {
         void* handle = nullptr; ///< null on failure

@@ -169,10 +169,6 @@ bool FileSystem::deleteFile(const std::wstring& path) {
     return ::unlink(narrow(path).c_str()) == 0;
 }
 
-bool FileSystem::deleteDirectory(const std::wstring& path) {
-    return ::rmdir(narrow(path).c_str()) == 0;
-}
-
 bool FileSystem::deleteTree(const std::wstring& path) {
     std::error_code error;
     const std::uintmax_t count = fs::remove_all(narrow(path), error);

@@ -57,8 +57,6 @@ public:
 
     /// Deletes a file or a symbolic link, never a directory. @return true when it is gone by this call
     bool deleteFile(const std::wstring& path);
-    /// Deletes an empty directory. @return true when it is gone by this call
-    bool deleteDirectory(const std::wstring& path);
     /// Deletes `path` and everything below it, without following symbolic links. @return true when all is
     /// gone
     bool deleteTree(const std::wstring& path);
@@ -81,7 +79,7 @@ public:
     std::wstring join(const std::wstring& directory, const std::wstring& name) const;
 
     wchar_t getSeparator() const { return L'/'; }
-    /// Where temporary files of this user go: TMPDIR when it names a directory, else the system's.
+    /// The folder for temporary files of this user: TMPDIR when it names a directory, else the system's.
     std::wstring getDefaultTemporaryDirectory() const;
     /// The path of a file that swallows what is written to it.
     std::wstring getNullDevice() const;

@@ -4,7 +4,7 @@
 
 #include <string>
 
-/// What went wrong in this process's floating-point work since the last check of the job; empty when nothing.
+/// The floating-point errors of this process since the last check of the job; empty when there were none.
 /// Main thread only.
 class ORVEX_PLATFORM_EXPORT FloatingPointErrorRecord {
 public:

@@ -74,10 +74,6 @@ unsigned int FpuHandling::disableTraps(FpuEnvironmentAccessKey, unsigned int mas
     return fromSystem(::fedisableexcept(toSystem(mask)));
 }
 
-unsigned int FpuHandling::getTraps(FpeStatusReadAccessKey) {
-    return fromSystem(::fegetexcept());
-}
-
 void FpuHandling::saveEnvironment(FpuEnvironmentAccessKey, FpuEnvironment& environment) {
     std::fegetenv(&environment._environment);
 }

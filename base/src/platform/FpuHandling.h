@@ -64,8 +64,6 @@ public:
     static unsigned int enableTraps(FpuEnvironmentAccessKey key, unsigned int mask);
     /// @return the faults that trapped before
     static unsigned int disableTraps(FpuEnvironmentAccessKey key, unsigned int mask);
-    /// The faults that trap on this thread.
-    static unsigned int getTraps(FpeStatusReadAccessKey key);
     static void saveEnvironment(FpuEnvironmentAccessKey key, FpuEnvironment& environment);
     /// Everything as it was saved, status included.
     static void restoreEnvironment(FpuEnvironmentAccessKey key, const FpuEnvironment& environment);

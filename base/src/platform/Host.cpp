@@ -94,7 +94,7 @@ std::string toComparable(const std::string& name) {
     return result;
 }
 
-/// What is known of a host without asking the name service.
+/// The facts of a host that are known without asking the name service.
 struct Known {
     std::string name;
     std::set<Address> figures; ///< when the name is an address in figures

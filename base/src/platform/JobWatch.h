@@ -23,7 +23,7 @@ public:
     /// Stops. Not from the callback.
     ~JobWatch();
 
-    /// Where the others find the pipe; for openNews() on any host.
+    /// The place of the pipe for the other ranks; for openNews() on any host.
     std::string getAddress() const;
     /// Starts the thread. @param pids  one for each process; 0 for this one and for those of other hosts
     /// @throw std::system_error when the system has no thread left

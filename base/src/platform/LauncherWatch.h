@@ -39,7 +39,7 @@ public:
     bool start();
     /// Ends the watch; this process may outlive its launcher from now on.
     void stop();
-    /// Whom this watch watches, the parent first.
+    /// The processes that this watch watches, the parent first.
     const std::vector<Ancestor>& getAncestors() const;
 
     /// Whether a process of this name starts the ranks of jobs.

@@ -25,7 +25,7 @@ class ORVEX_PLATFORM_EXPORT Log {
 public:
     enum Level { DEBUG_LEVEL, INFO_LEVEL, WARNING_LEVEL, ERROR_LEVEL, OFF };
 
-    /// Where a line comes from. Made from the operation's name at the call.
+    /// The origin of a line. Made from the operation's name at the call.
     struct Context {
         Context(const char* operationName, int sourceLine = __builtin_LINE()) // NOLINT: meant to be implicit
             : operation(operationName), line(sourceLine) {}

@@ -81,11 +81,6 @@ std::unique_ptr<MemoryQuery> Memory::createQuery(int pid) const {
     return std::make_unique<MemoryQuery>(pid);
 }
 
-long long Memory::getAvailableMemory() const {
-    const auto page = ProcFs::readText("/proc/meminfo");
-    return page ? findValue(*page, "MemAvailable:") : 0;
-}
-
 Memory& memory() {
     static Memory service;
     return service;

@@ -38,8 +38,6 @@ private:
 class ORVEX_PLATFORM_EXPORT Memory {
 public:
     std::unique_ptr<MemoryQuery> createQuery(int pid) const;
-    /// [bytes] that the host could still give without swapping; 0 when it doesn't tell
-    long long getAvailableMemory() const;
 };
 
 /// The one memory service of the process.

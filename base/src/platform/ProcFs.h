@@ -4,7 +4,7 @@
 #include <optional>
 #include <string>
 
-/// What the system's process pages tell. Private to the platform layer.
+/// Reads the system's process pages. Private to the platform layer.
 namespace ProcFs {
 
 struct Stat {

@@ -29,7 +29,7 @@ constexpr int NOT_STARTED = 127; // as shells tell it
 constexpr int TIME_IS_UP = 124;  // as timeout(1) tells it
 constexpr double GRACE = 2.0;    // [s] between the request to end and the end by force
 
-/// What posix_spawn wants, freed at the end of the scope.
+/// The arguments of posix_spawn, freed at the end of the scope.
 class SpawnPlan {
 public:
     SpawnPlan() {
@@ -198,10 +198,6 @@ bool isDead(const ProcFs::Stat& stat) {
 
 int Process::getPid() const {
     return ::getpid();
-}
-
-int Process::getParentPid() const {
-    return ::getppid();
 }
 
 std::vector<int> Process::getPids(const std::string& executableName) const {

@@ -19,7 +19,7 @@ namespace Platform {
 /// and none of this process's other descriptors.
 class ORVEX_PLATFORM_EXPORT Process {
 public:
-    /// What is special about a child.
+    /// The special wishes for a child.
     struct StartOptions {
         bool pipeInput = false; ///< ProcessHandle::getInput() feeds its standard input
         bool pipeOutput =
@@ -38,7 +38,6 @@ public:
     };
 
     int getPid() const;
-    int getParentPid() const;
     /// The processes of this host whose executable is called `executableName` (the file name, without its
     /// directory), ascending, this process included when it is one. A process of another user whose
     /// executable can't be read counts by the name that the system shows, of which it keeps 15 characters.

@@ -82,7 +82,7 @@ ProcessHandle::ProcessHandle(std::unique_ptr<Impl> impl) : _impl(std::move(impl)
 ProcessHandle::~ProcessHandle() {
     if (_impl->poll())
         return;
-    _impl->outputTaken = false; // whoever read it does so no longer
+    _impl->outputTaken = false; // its reader has stopped
     _impl->dropOutput();
     ChildKeeper::collect(_impl->pid);
 }

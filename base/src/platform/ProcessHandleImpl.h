@@ -6,7 +6,7 @@
 #include <memory>
 #include <optional>
 
-/// What a handle holds. Private to the platform layer.
+/// The data of a handle. Private to the platform layer.
 struct OS::Process::ProcessHandle::Impl {
     int pid = -1;
     bool ownGroup = false;

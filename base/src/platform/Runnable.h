@@ -2,7 +2,7 @@
 
 #include "platform/PlatformExport.h"
 
-/// What a Thread runs.
+/// The work of a Thread.
 class ORVEX_PLATFORM_EXPORT Runnable {
 public:
     virtual ~Runnable();

@@ -107,7 +107,7 @@ void onFault(int signal, siginfo_t* info, void* context) {
         ::raise(signal);
 }
 
-/// What was set up here. Never destroyed: a signal may come at any time.
+/// The state of this unit. Never destroyed: a signal may come at any time.
 struct Setup {
     std::mutex mutex;
     std::map<int, Signals::WatchCallback> callbacks;

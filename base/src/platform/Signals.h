@@ -24,7 +24,7 @@ public:
     /// @param sender  the process that sent the signal; 0 for the system (a terminal) or when it can't be
     /// seen
     using WatchCallback = std::function<void(int signal, int sender)>;
-    /// What a fault handler gets: the signal, its code (why, see getFaultText()) and the address concerned.
+    /// A fault handler gets the signal, its code (the reason, see getFaultText()) and the address concerned.
     using FaultCallback = void (*)(int signal, int code, void* address);
 
     /// Tells `callback` of each of these signals, on a thread of its own and not in a handler, so that it may
@@ -49,7 +49,7 @@ public:
     bool isIgnored(int signal) const;
     /// The system's default course for these signals; with an empty list for all that were installed here.
     void restoreDefaults(const std::vector<int>& signals = {});
-    /// Ignores a signal (a broken pipe, say).
+    /// Ignores a signal, for example of a broken pipe.
     void ignore(int signal);
 
     /// "Segmentation fault"; from the system's memory, so allowed in the handler of a fault.

@@ -44,7 +44,7 @@ struct Sequence {
     bool valid;
 };
 
-/// What the first byte of a sequence tells: how many follow, its bits, and the range of the second byte,
+/// The meaning of the first byte of a sequence: how many follow, its bits, and the range of the second byte,
 /// which shuts out overlong forms, surrogates and numbers beyond Unicode.
 struct Lead {
     std::size_t tail;

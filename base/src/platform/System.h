@@ -25,7 +25,7 @@ public:
     /// A text that the system makes anew each time that the host starts; empty when it tells none. A
     /// container has that of its host.
     std::string getBootId() const;
-    /// What the environment holds for `name`, nothing when it holds nothing.
+    /// The value of the environment variable `name`; none when it is not set.
     std::optional<std::string> getEnvironment(const std::string& name) const;
 };
 

@@ -1,6 +1,6 @@
-// A stack for fault handlers in every thread of the process, whoever starts it: a solver's own threads,
-// OpenMP's and TBB's can run out of stack like any other. The function of the C library is called through
-// this one.
+// A stack for fault handlers in every thread of the process, also in those that others start: a solver's own
+// threads, OpenMP's and TBB's can run out of stack like any other. The function of the C library is called
+// through this one.
 
 #include "platform/AlternateStack.h"
 #include "platform/PlatformExport.h"

@@ -10,10 +10,6 @@ void Threads::yield() const {
     ::sched_yield();
 } // never fails on this system
 
-int Threads::getThreadId() const {
-    return ::gettid();
-}
-
 void Threads::setName(const std::string& name) const {
     // A name is a help for debuggers; without it everything works.
     ::pthread_setname_np(::pthread_self(), name.substr(0, 15).c_str());

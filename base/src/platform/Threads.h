@@ -11,8 +11,6 @@ class ORVEX_PLATFORM_EXPORT Threads {
 public:
     /// Lets other threads go first.
     void yield() const;
-    /// The system's number of the calling thread; the process's own for the main thread.
-    int getThreadId() const;
     /// Names the calling thread for debuggers; the system keeps 15 characters.
     void setName(const std::string& name) const;
 };

@@ -9,7 +9,7 @@
 
 namespace Platform {
 
-/// Where an interval of processor time starts. Opaque; a value.
+/// The start of an interval of processor time. Opaque; a value.
 class ProcessorStamp {
     friend class Time;
     std::int64_t _nanoseconds = 0;

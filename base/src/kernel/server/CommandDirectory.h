@@ -2,7 +2,7 @@
 
 class Properties;
 
-/// What the registered commands are and want, for people and programs who ask.
+/// Describes the registered commands and their arguments to clients.
 class CommandDirectory {
 public:
     /// The commands with their help, or the one that `params` names under "name". When there is none of that

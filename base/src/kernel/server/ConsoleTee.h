@@ -14,7 +14,7 @@ inline std::string describeLostOutput(std::size_t bytes) {
 
 /// Stands under an output stream and keeps a bounded copy of what passes for those who want to read along.
 ///
-/// What is written goes on to the buffer beneath first and unchanged, flushes included. Any thread may write.
+/// Output goes on to the buffer beneath first and unchanged, flushes included. Any thread may write.
 /// A failure of the buffer beneath (a full disk, a closed pipe) never fails the stream: those who read along
 /// get all the text. The buffer is tried again with each later text, and the first one that it takes comes
 /// behind a line that tells how much it lost.

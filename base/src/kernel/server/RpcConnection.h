@@ -25,7 +25,7 @@ class RpcConnection : public std::enable_shared_from_this<RpcConnection> {
 public:
     using Clock = std::chrono::steady_clock;
 
-    /// Who serves the lines. Told on the service thread.
+    /// The server of the lines. Called on the service thread.
     class Owner {
     public:
         virtual ~Owner() = default;
@@ -37,7 +37,7 @@ public:
         /// The connection holds unsent bytes, or waits for its end: supervise() it from time to time.
         virtual void onSupervisionNeeded() = 0;
     };
-    /// What the client has shown of itself.
+    /// The state of the client's proof.
     struct Peer {
         bool authenticated = false;
         bool control = false; ///< only asks and steers the server, runs no commands
@@ -80,7 +80,6 @@ public:
     /// Closes at once.
     void close(const std::string& reason) { close(reason, true); }
     bool isOpen() const { return _state == State::SERVING; }
-    bool isClosed() const { return _state == State::CLOSED; }
     /// Cuts off a peer that stands still. @return whether there is more to supervise
     bool supervise(Clock::time_point now);
 

@@ -12,6 +12,6 @@ struct RpcSocket {
     /// Small messages leave at once, a dead peer is noticed within a minute, nothing blocks.
     void tune();
 
-    std::shared_ptr<asio::io_context> loop; ///< outlives the socket, whoever holds it last
+    std::shared_ptr<asio::io_context> loop; ///< outlives the socket
     asio::ip::tcp::socket socket;
 };

@@ -30,7 +30,7 @@ public:
     /// The client that runs commands, null when there is none.
     Connection getCommandClient() const;
     std::vector<Connection> getAll() const;
-    /// Who is connected, in words.
+    /// Describes the connected clients.
     std::vector<Properties> describe() const;
 
     /// Sends console output to those who read it.

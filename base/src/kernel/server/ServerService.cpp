@@ -29,7 +29,7 @@
 namespace {
 
 constexpr std::chrono::milliseconds SUPERVISION_PERIOD{50};
-/// What the clients have sent by the time of a stop is refused in words, not by the end of the connection.
+/// A stop refuses the requests that have come by then in words, not by the end of the connection.
 constexpr std::chrono::milliseconds LAST_CALL{20};
 constexpr std::string_view OWN_METHODS = "server.";
 
@@ -173,7 +173,8 @@ void ServerService::serveMeanwhile() {
 bool ServerService::serveOne(bool wait) {
     try {
         return (wait ? _context->run_one() : _context->poll_one()) > 0;
-    } catch (const std::exception& error) { // memory was short, say: what one client lost ends nobody else
+    } catch (const std::exception& error) {
+        // For example out of memory: the fault of one client must not end the others.
         _log.warn("ServerService::serveOne", "An event couldn't be served", error.what());
         return true;
     }

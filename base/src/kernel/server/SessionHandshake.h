@@ -24,7 +24,7 @@ public:
         CONTROL   ///< only asks and steers the server; no other client keeps it out
     };
 
-    /// What the server says first.
+    /// The first line of the server.
     struct Greeting {
         unsigned protocol = 0;
         std::string product;
@@ -34,7 +34,7 @@ public:
         /// None when `message` is no greeting.
         static std::optional<Greeting> fromMessage(const RpcMessage& message);
     };
-    /// What a client is let in with.
+    /// The rights of a client that is let in.
     struct Admission {
         Access access = Access::COMMANDS;
         std::string client; ///< its own words, fit for a log

@@ -25,7 +25,7 @@ constexpr double WRITING_TIME = 3600.0;    ///< [s] after which a half-written r
 
 SessionLocator* singleton = nullptr;
 
-/// The record to remove when the process dies on whatever way; owned by whoever takes it out.
+/// The record to remove when the process ends in any way. The one that takes it out owns it.
 std::atomic<std::wstring*> recordToRemove{nullptr};
 std::atomic<int> recordOwner{0}; ///< a forked child must not remove its parent's
 
@@ -64,7 +64,8 @@ bool isRecordName(const std::wstring& name) {
 
 /// A record is written under a longer name first, which stays when its writer dies at that moment.
 bool isLeftover(const std::wstring& directory, const std::wstring& name) {
-    const double written = Platform::filesystem().getModificationTime(directory + L"/" + name);
+    const double written =
+        Platform::filesystem().getModificationTime(Platform::filesystem().join(directory, name));
     return name.find(EXTENSION + std::wstring(L".")) != std::wstring::npos && written > 0.0 &&
            Platform::time().getSecondsSinceEpoch() - written > WRITING_TIME;
 }
@@ -77,8 +78,8 @@ std::vector<std::wstring> listRecords(const std::wstring& directory) {
     Platform::filesystem().listDirectory(directory, directories, files);
     for (const std::wstring& name : files)
         if (isLeftover(directory, name))
-            Platform::filesystem().deleteFile(directory + L"/" +
-                                              name); // another process may have been faster
+            Platform::filesystem().deleteFile(
+                Platform::filesystem().join(directory, name)); // another process may have been faster
     std::erase_if(files, [](const std::wstring& name) { return !isRecordName(name); });
     if (files.size() > MAX_RECORDS)
         files.resize(MAX_RECORDS);
@@ -160,7 +161,7 @@ void SessionLocator::publish(SessionRecord record) {
     record.pidNamespace = Platform::process().getPidNamespace();
     std::string reasons;
     for (const std::wstring& directory : _impl->directories) {
-        record.path = directory + L"/" + fileNameOf(record);
+        record.path = Platform::filesystem().join(directory, fileNameOf(record));
         const bool made = Platform::filesystem().makePrivateDirectory(directory);
         const std::string weakness = made ? Platform::PrivateFile::findWeakness(directory)
                                           : "the folder can't be had for this user alone";
@@ -220,7 +221,7 @@ std::vector<SessionRecord> SessionLocator::findSessions(std::vector<std::string>
     std::vector<SessionRecord> sessions;
     for (const std::wstring& directory : _impl->directories) {
         for (const std::wstring& name : listRecords(directory)) {
-            const std::wstring path = directory + L"/" + name;
+            const std::wstring path = Platform::filesystem().join(directory, name);
             std::string reason;
             std::optional<SessionRecord> record = readPrivateRecord(path, reason);
             if (!record) {

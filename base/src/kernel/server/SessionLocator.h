@@ -22,12 +22,12 @@ public:
     /// Withdraws this process's record and destroys the instance.
     static void reset();
 
-    /// What ends the job for the Server when that has no abort callback of its own.
+    /// Ends the job for a Server that has no abort callback of its own.
     void setAbortCallback(std::function<void()> callback);
     const std::function<void()>& getAbortCallback() const;
     void setNumberProcesses(unsigned count);
     unsigned getNumberProcesses() const;
-    /// Where records are kept instead of the user's own places. Before anything else is asked.
+    /// Keeps records in this folder instead of the user's own places. Call it before anything else.
     void setDirectory(const std::wstring& path);
 
     /// Writes this process's record; fills in who, where and when this process is. Replaces an earlier one.

@@ -8,28 +8,54 @@
 #include "platform/Process.h"
 #include "platform/System.h"
 
+namespace {
+
+/// Calls `work` with the key and the value of each field that any client may see.
+template <class Record, class Work>
+void visitPublicFields(Record& record, const Work& work) {
+    work("name", record.name);
+    work("host", record.host);
+    work("address", record.address);
+    work("port", record.port);
+    work("pid", record.pid);
+    work("ranks", record.ranks);
+    work("startTime", record.startTime);
+    work("user", record.user);
+    work("product", record.product);
+    work("protocol", record.protocol);
+}
+
+/// The same for the fields that the file alone holds.
+template <class Record, class Work>
+void visitPrivateFields(Record& record, const Work& work) {
+    work("startStamp", record.startStamp);
+    work("boot", record.boot);
+    work("pidNamespace", record.pidNamespace);
+    work("listed", record.listed);
+    work("key", record.key);
+}
+
+/// Takes each field over to the properties.
+struct Setter {
+    Properties& properties;
+    void operator()(const char* key, const auto& value) const { properties.set(key, value); }
+};
+
+bool isOptional(std::string_view key) {
+    return key == "boot" || key == "pidNamespace";
+}
+
+} // namespace
+
 Properties SessionRecord::describe() const {
     Properties properties;
-    properties.set("name", name);
-    properties.set("host", host);
-    properties.set("address", address);
-    properties.set("port", port);
-    properties.set("pid", pid);
-    properties.set("ranks", ranks);
-    properties.set("startTime", startTime);
-    properties.set("user", user);
-    properties.set("product", product);
-    properties.set("protocol", protocol);
+    visitPublicFields(*this, Setter{properties});
     return properties;
 }
 
 std::string SessionRecord::toText() const {
     Properties properties = describe();
-    properties.set("startStamp", startStamp);
-    properties.set("boot", boot);
-    properties.set("pidNamespace", pidNamespace);
-    properties.set("listed", listed);
-    properties.set("key", key);
+    visitPrivateFields(*this, Setter{properties});
     return properties.toPrettyString() + "\n";
 }
 
@@ -37,23 +63,16 @@ std::optional<SessionRecord> SessionRecord::fromText(const std::string& text) {
     try {
         const Properties properties{std::string_view(text)};
         SessionRecord record;
-        record.name = properties.getString("name");
-        record.host = properties.getString("host");
-        record.address = properties.getString("address");
-        record.port = properties.getUnsignedInt("port");
-        record.pid = properties.getInt("pid");
-        record.startStamp = properties.getUnsignedLong("startStamp");
-        if (properties.hasName("boot"))
-            record.boot = properties.getString("boot");
-        if (properties.hasName("pidNamespace"))
-            record.pidNamespace = properties.getUnsignedLong("pidNamespace");
-        record.ranks = properties.getUnsignedInt("ranks");
-        record.startTime = properties.getReal("startTime");
-        record.user = properties.getString("user");
-        record.product = properties.getString("product");
-        record.protocol = properties.getUnsignedInt("protocol");
-        record.listed = properties.getBool("listed");
-        record.key = properties.getString("key");
+        const auto read = [&](const char* field, auto& value) {
+            if (isOptional(field) && !properties.hasName(field))
+                return;
+            if constexpr (std::is_same_v<decltype(value), unsigned long long&>)
+                value = properties.getUnsignedLong(field);
+            else
+                properties.get(field, value);
+        };
+        visitPublicFields(record, read);
+        visitPrivateFields(record, read);
         if (record.port > 65535 || record.pid <= 0 || !SessionKey::fromHex(record.key))
             return std::nullopt;
         return record;

@@ -7,7 +7,7 @@
 
 class Properties;
 
-/// What a running server tells the clients of its own user: where it is, and the key that opens it.
+/// The record of a running server for the clients of its own user: its place, and the key that opens it.
 struct ORVEX_KERNEL_EXPORT SessionRecord {
     static constexpr unsigned PROTOCOL_VERSION = 1;
     static constexpr std::size_t MAX_TEXT_SIZE = 64 * 1024; ///< [bytes]
@@ -33,7 +33,7 @@ struct ORVEX_KERNEL_EXPORT SessionRecord {
     std::string toText() const;
     /// None when `text` isn't a record.
     static std::optional<SessionRecord> fromText(const std::string& text);
-    /// What anybody may know: everything but the key.
+    /// The fields that anybody may know: all except the key and the private ones.
     Properties describe() const;
 
     /// Whether this process can tell by `pid` if the server lives: both are on one boot of one host and in
