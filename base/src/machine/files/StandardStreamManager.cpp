@@ -81,9 +81,7 @@ StandardStreamManager::StandardStreamManager(const std::wstring& directory, bool
     : _standardOutputManager(createStreamManager(stdout, directory, L"stdout")),
       _standardErrorManager(createStreamManager(stderr, directory, L"stderr")) {}
 
-StandardStreamManager::~StandardStreamManager() {
-    restore();
-}
+StandardStreamManager::~StandardStreamManager() = default;
 
 std::pair<std::wstring, std::wstring> StandardStreamManager::redirectOriginalStreamsToFile() {
     const std::wstring stdoutLogFile = _standardOutputManager->redirectOriginalStreamToFile();

@@ -21,6 +21,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 #include <functional>
@@ -239,7 +240,21 @@ TEST_F(Placement, GetsOutOfTheWayOfOtherServers) {
     const std::size_t freeCores = realTopology().getPhysicalCoresFromMask(free).size();
     if (freeCores == 0)
         return;
-    EXPECT_TRUE(host.hasCpuContention(false));
+    const auto cores = [](const char* label, const AffinityMask& mask) {
+        const std::size_t count = realTopology().getPhysicalCoresFromMask(mask).size();
+        return label + realTopology().printAffinityMask(mask, 60) + " = (" + std::to_string(count) +
+               (count == 1 ? " core)\n" : " cores)\n");
+    };
+    const AffinityMask taken = getAvailable(realTopology()) ^ free;
+    const std::string report = printedOnRank([&] { EXPECT_TRUE(host.hasCpuContention(true)); });
+    EXPECT_EQ(report.substr(std::min(report.find("    Cores Occupied"), report.size())),
+              _me > 0 ? ""
+                      : "    Cores Occupied by ...\n" + cores("      ... Current Server: ", taken) +
+                            cores("      ... Other Servers:  ", taken) +
+                            cores("    Over-subscribed Cores on Host:  ", taken) +
+                            cores("    => Available to Current Server: ", free) +
+                            "    ----------\n    CPU contention detected for servers on " +
+                            host.getHostName() + ".\n");
     const std::string told = printedOnRank(
         [&] { EXPECT_EQ(host.resolveCpuContention(BANDWIDTH_BINDING, true), _ranks <= freeCores); });
     EXPECT_EQ(told, "") << "no pause before the first attempt";
