@@ -6,7 +6,6 @@
 //     abort      and the abort callback faults as well
 //     hang       and an observer never returns
 //     module     while a module loads
-//     fork       doesn't, after a fork
 //     sent       by a signal from outside
 //     pipe, size writes to a closed pipe, or above the limit of file sizes: no fault
 
@@ -23,7 +22,6 @@
 #include <iostream>
 #include <string>
 #include <sys/resource.h>
-#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 
@@ -82,12 +80,6 @@ int play(const std::string& how) {
         return writeToClosedPipe();
     if (how == "size")
         return writeAboveTheLimit();
-    if (how == "fork") { // the child has none of its parent's threads, and ends all the same
-        const pid_t child = ::fork();
-        if (child == 0)
-            std::exit(0);
-        return ::waitpid(child, nullptr, 0) == child ? 0 : 1;
-    }
     std::string reason;
     if (how == "module")
         return DynamicLoader::getSingleton().loadNoAssert("OrvexKernelThrowingModule", reason) ? 1 : 2;

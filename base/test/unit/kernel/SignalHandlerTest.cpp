@@ -118,7 +118,6 @@ TEST_F(SignalHandlerTest, WhatCannotPassEndsTheProcess) {
         {L"module", 128 + SIGABRT, {"ThrowingModule.so can't be loaded: an initialiser of its static obj"}},
         {L"pipe", 0, {"no SIGPIPE"}},
         {L"size", 0, {"no SIGXFSZ"}},
-        {L"fork", 0, {}},
         {L"sent", 128 + SIGSEGV, {""}}};
     for (const auto& row : rows) {
         const Platform::Process::RunResult result =
