@@ -133,7 +133,9 @@ class Terminal(Case):
         mark = self.room.mark
         self.open()
         self.prompt()
-        self.type(f"abort reason={mark}\x03")
+        self.type("Delete\t")
+        self.expect("DeleteFile  DeleteScene\r\n")
+        self.type(f"\x15abort reason={mark}\x03")
         self.expect("^C")
         self.prompt()
         self.type(f"GetFileExists path={mark}\n")

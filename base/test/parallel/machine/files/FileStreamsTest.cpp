@@ -19,6 +19,8 @@
 #include <sstream>
 
 #include <sys/stat.h>
+#include <utility>
+#include <vector>
 
 namespace {
 
@@ -218,48 +220,49 @@ TEST_F(FileStreams, AllRanksWriteOneFile) {
     const unsigned ranks = communicator.size();
     const std::size_t limit = communicator.getMaxBufferSize();
     std::size_t file = 0;
-    for (const std::size_t count : {1u, 7u, 9u, 33u}) {
-        for (const std::size_t bytes : {limit, std::size_t(64), std::size_t(8)}) {
-            if (count * sizeof(double) > 9 * bytes)
-                continue; // each piece is a collective call, which takes its time with many ranks
-            SCOPED_TRACE(std::to_string(count) + " values, " + std::to_string(bytes) + " bytes");
-            communicator.setMaxBufferSize(bytes);
-            const auto of = [&](unsigned rank) {
-                std::vector<double> values(count);
-                std::iota(values.begin(), values.end(), rank * 1000.0);
-                return values;
-            };
-            const auto placeOf = [&](unsigned rank) {
-                return static_cast<long long>(rank * count * sizeof(double));
-            };
-            ParallelFile field(communicator, widePath("field" + std::to_string(++file)),
-                               OXM_MPI_MODE_CREATE | OXM_MPI_MODE_RDWR);
-            ASSERT_TRUE(field.isOpen());
-            EXPECT_EQ(field.writeAtAll(placeOf(me), of(me).data(), count), 0);
-            communicator.synchronise();
-            EXPECT_EQ(field.getFileSize(), ranks * count * sizeof(double));
-            // The block of the neighbour, collectively and alone.
-            const unsigned next = (me + 1) % ranks;
-            std::vector<double> got(count);
-            EXPECT_EQ(field.readAtAll(placeOf(next), got.data(), count), 0);
-            EXPECT_EQ(got, of(next));
-            std::fill(got.begin(), got.end(), 0.0);
-            EXPECT_EQ(field.readAt(placeOf(next), got.data(), count), 0);
-            EXPECT_EQ(got, of(next));
-            communicator.synchronise();
-            EXPECT_EQ(field.writeAt(placeOf(me), of(next).data(), count), 0);
-            communicator.synchronise();
-            // The file pointer of each rank begins at the start of the file, where rank 0 wrote its
-            // neighbour's.
-            EXPECT_EQ(field.read(got.data(), count), 0);
-            EXPECT_EQ(got, of(1 % ranks));
-            std::map<std::string, std::string> info;
-            field.getInfo(info);
-            EXPECT_EQ(info, (std::map<std::string, std::string>{{"alignment_size", "2097152"}}))
-                << "no layout that the MPI only gives back";
-            EXPECT_EQ(field.close(), 0);
-            EXPECT_FALSE(field.isOpen());
-        }
+    // Few rows: each piece is a collective call, which takes its time with many ranks.
+    const std::vector<std::pair<std::size_t, std::size_t>> rows{
+        {1, 8}, {7, 64}, {9, 8}, {33, 64}, {33, limit}};
+    for (const auto& row : rows) {
+        const std::size_t count = row.first;
+        const std::size_t bytes = row.second;
+        SCOPED_TRACE(std::to_string(count) + " values, " + std::to_string(bytes) + " bytes");
+        communicator.setMaxBufferSize(bytes);
+        const auto of = [&](unsigned rank) {
+            std::vector<double> values(count);
+            std::iota(values.begin(), values.end(), rank * 1000.0);
+            return values;
+        };
+        const auto placeOf = [&](unsigned rank) {
+            return static_cast<long long>(rank * count * sizeof(double));
+        };
+        ParallelFile field(communicator, widePath("field" + std::to_string(++file)),
+                           OXM_MPI_MODE_CREATE | OXM_MPI_MODE_RDWR);
+        ASSERT_TRUE(field.isOpen());
+        EXPECT_EQ(field.writeAtAll(placeOf(me), of(me).data(), count), 0);
+        communicator.synchronise();
+        EXPECT_EQ(field.getFileSize(), ranks * count * sizeof(double));
+        // The block of the neighbour, collectively and alone.
+        const unsigned next = (me + 1) % ranks;
+        std::vector<double> got(count);
+        EXPECT_EQ(field.readAtAll(placeOf(next), got.data(), count), 0);
+        EXPECT_EQ(got, of(next));
+        std::fill(got.begin(), got.end(), 0.0);
+        EXPECT_EQ(field.readAt(placeOf(next), got.data(), count), 0);
+        EXPECT_EQ(got, of(next));
+        communicator.synchronise();
+        EXPECT_EQ(field.writeAt(placeOf(me), of(next).data(), count), 0);
+        communicator.synchronise();
+        // The file pointer of each rank begins at the start of the file, where rank 0 wrote its
+        // neighbour's.
+        EXPECT_EQ(field.read(got.data(), count), 0);
+        EXPECT_EQ(got, of(1 % ranks));
+        std::map<std::string, std::string> info;
+        field.getInfo(info);
+        EXPECT_EQ(info, (std::map<std::string, std::string>{{"alignment_size", "2097152"}}))
+            << "no layout that the MPI only gives back";
+        EXPECT_EQ(field.close(), 0);
+        EXPECT_FALSE(field.isOpen());
     }
     communicator.setMaxBufferSize(limit);
     // One rank alone, at the file pointer.
