@@ -74,8 +74,10 @@ public:
     void set(const std::string& key, const std::vector<std::wstring>& value, Mode mode = Mode::REPLACE);
     void set(const std::string& key, const std::vector<Properties>& value, Mode mode = Mode::REPLACE);
 
-    // Getters convert between number types where nothing is lost. A missing key, a value of another type or
-    // out of range is an InputError that names the key, what stands there and what was expected.
+    // ---- Getters.
+    //
+    // They convert between number types where nothing is lost. A missing key, a value of another type and a
+    // value out of range are an InputError that names the key, the value and the expected type.
     std::string getString(const std::string& key) const;
     std::wstring getOrvexString(const std::string& key) const;
     int getInt(const std::string& key) const;

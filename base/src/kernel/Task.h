@@ -91,7 +91,7 @@ public:
     /// the thread that does the work.
     static Subject& getObservable();
 
-    // For the floors above, which install what a task needs of them. Main thread.
+    // ---- For the floors above, which install what a task needs of them. Main thread.
 
     /// Gives all ranks the smallest of their values. Collective, called on the main thread.
     using Agreement = std::function<unsigned(unsigned)>;

@@ -57,7 +57,7 @@ public:
     Machine(const Machine&) = delete;
     Machine& operator=(const Machine&) = delete;
 
-    // The end of the process.
+    // ---- The end of the process.
 
     OnExitObservable& getOnExitObservable() { return _onExitObservable; }
     const ExitStatus& getExitStatus() const { return _exitStatus; }
@@ -69,7 +69,9 @@ public:
     /// abort() with the status of a server error, for code that can neither continue nor throw.
     static void abortFromAnywhere();
 
-    // Times. Where ranks are gathered: collective over the global communicator, main thread. `times` gets one
+    // ---- Times.
+    //
+    // Operations with `times` are collective over the global communicator, main thread. `times` gets one
     // element for each rank [s] on the serial or master process; other ranks leave it alone.
 
     /// The asctime text of the start, with its final newline.
@@ -91,7 +93,7 @@ public:
     /// The same of all ranks. Collective.
     void getCommunicationTimes(std::vector<double>& times) const;
 
-    // Standard streams.
+    // ---- Standard streams.
 
     /// @throw InternalError before main() has made it
     StandardStreamManager& getStandardStreamManager();
@@ -104,7 +106,7 @@ public:
     /// Collective. @throw SystemError on all ranks, with no log left on, when one can't open its file
     void enableSlaveCoutLogFile(bool on);
 
-    // The job.
+    // ---- The job.
 
     /// One name for each rank, on the serial or master process; others leave `hosts` alone. Collective.
     void getHostsOnMaster(std::vector<std::string>& hosts) const;
@@ -116,7 +118,7 @@ public:
     bool isUsageManagerInitialized() const;
     void logUsageEvent(Analytics::Event& event);
 
-    // Options of the command line. Local.
+    // ---- Options of the command line. Local.
 
     /// The folder of the program.
     static const std::wstring& getExecutablePath() { return _ground.executableDirectory; }
@@ -150,7 +152,7 @@ public:
     bool isDesignStudy() const;
     bool isDesignManager() const;
 
-    // For programs.
+    // ---- For programs.
 
     /// The whole life of the process. Collective over all processes of the job. Main thread.
     /// @throw std::invalid_argument for what the user typed wrong in the options that all roles share
@@ -185,7 +187,7 @@ private:
 
     Machine();
 
-    // The steps of main(), in their order.
+    // ---- The steps of main(), in their order.
 
     /// Prints the answer to --help or --version. @return whether one of them was asked
     bool answerQuestion(int argc, const char* const* argv);
@@ -224,7 +226,7 @@ private:
     void stopHost();
     void stopConsole();
 
-    // The work of a serial or master process.
+    // ---- The work of a serial or master process.
     void startServerHost(int argc, char** argv, ConsumedOptions& consumed);
     void settleSessionFile(const std::wstring& name, bool createNew);
     [[noreturn]] void refuseSessionFile(const char* key, const std::wstring& name,
@@ -249,7 +251,7 @@ private:
     ExitStatus _exitStatus;
     Serializable* _defaultRootObject = nullptr;
 
-    // Its own, each from a start step to a stop step. The last goes first.
+    // ---- Its own, each from a start step to a stop step. The last goes first.
     std::unique_ptr<LauncherWatch> _launcherWatch; ///< in a parallel process
     std::unique_ptr<Communicator> _globalComm;
     std::array<std::unique_ptr<Communicator>, NUMBER_SHMEM_SCOPES> _shmemComm;

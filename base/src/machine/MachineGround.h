@@ -37,7 +37,7 @@ public:
     class SerialCritical;
     class ParallelPerformanceCritical;
 
-    // Role and size.
+    // ---- Role and size.
     static bool isSerial() { return _ground.mode == SERIAL_MODE; }
     /// Rank 0 of a parallel job; false in a serial process.
     static bool isMaster() { return _ground.mode == MASTER_MODE; }
@@ -47,7 +47,7 @@ public:
     static unsigned nProcesses() { return _ground.size; }
     static unsigned getPartitionId() { return _ground.rank; }
 
-    // Communicators and host. They stay the machine's.
+    // ---- Communicators and host. They stay the machine's.
     /// All ranks. A parallel process has it from startCommunicators() until stopCommunicators() or abort();
     /// nobody may ask for it before and after: there is nothing behind the reference then.
     /// @throw InternalError in a serial process
@@ -68,7 +68,7 @@ public:
     /// The options of this process. Their struct isn't installed: Machine's readers tell them to solvers.
     static const MachineOptions& getOptions() { return _options; }
 
-    // Locks, see machine/GroundLocks.h. Local.
+    // ---- Locks, see machine/GroundLocks.h. Local.
 
     /// @throw InternalError with the message while a SerialCritical lives, in every version and role
     static void assertNotSerialCritical(const char* message);

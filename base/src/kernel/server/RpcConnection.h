@@ -54,7 +54,7 @@ public:
     RpcConnection& operator=(const RpcConnection&) = delete;
     ~RpcConnection();
 
-    // Service thread.
+    // ---- Service thread.
     void start();
     Peer& getPeer() { return _peer; }
     const Peer& getPeer() const { return _peer; }
@@ -83,7 +83,7 @@ public:
     /// Cuts off a peer that stands still. @return whether there is more to supervise
     bool supervise(Clock::time_point now);
 
-    // Any thread.
+    // ---- Any thread.
     void send(std::string_view line);
     /// `lines` lines of console output as one notification; lost, and counted, when the client doesn't keep
     /// up.

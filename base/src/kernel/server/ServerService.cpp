@@ -95,7 +95,7 @@ ServerService::ServerService(Settings settings)
 
 ServerService::~ServerService() = default;
 
-// --- Beginning and end
+// ---- Beginning and end.
 
 void ServerService::open() {
     if (_settings.mode == Server::NO_CONNECTION) {
@@ -241,7 +241,7 @@ void ServerService::abort(const std::string& reason) {
         callback();
 }
 
-// --- Connections
+// ---- Connections.
 
 void ServerService::accept(std::unique_ptr<RpcSocket> socket) {
     auto connection = std::make_shared<RpcConnection>(std::move(socket), _settings.limits, _budget, *this);
@@ -345,7 +345,7 @@ void ServerService::refuse(RpcConnection& connection, const std::string& id, con
         connection.endWith(line, fault.message);
 }
 
-// --- Requests
+// ---- Requests.
 
 void ServerService::onLine(RpcConnection& connection, std::string_view line) {
     if (line.find_first_not_of(" \t\r") == std::string_view::npos)
@@ -552,7 +552,7 @@ Properties ServerService::describeRunning() {
     return command;
 }
 
-// --- Notifications
+// ---- Notifications.
 
 void ServerService::notify(const std::string& method, const Properties& params) {
     drainConsole();

@@ -62,7 +62,7 @@ public:
     /// Does what is to be done now, for a thread that runs a command and the service.
     void serveMeanwhile();
 
-    // Any thread.
+    // ---- Any thread.
     void stop();
     /// No request that is still unanswered will be answered any more.
     void expectNoAnswers();

@@ -9,7 +9,7 @@ enum CpuBindingPolicy : int;
 /// The one value of the process is MachineGround::getOptions(). The options that only the server of a serial
 /// or master process needs are in ServerHostOptions.
 struct MachineOptions {
-    // Server and role.
+    // ---- Server and role.
     bool threaded = true; ///< the server has a thread of its own; on a worker: that of the master
     bool proxyServer = false;
     bool proxySessionDaemon = false;
@@ -22,7 +22,7 @@ struct MachineOptions {
     bool deleteOnExit = false;
     bool usageDisabled = false;
 
-    // Placement.
+    // ---- Placement.
     bool internalBinding = true;         ///< false: the binding that the process was started with stays
     CpuBindingPolicy bindingPolicy = {}; ///< BANDWIDTH_BINDING at first
     bool bindingContentionTest = true;   ///< looks for other servers on the same cores
@@ -30,7 +30,7 @@ struct MachineOptions {
     bool threadBinding = true;
     bool threadBindingVerbose = false;
 
-    // Files and console.
+    // ---- Files and console.
     std::string processFileName = {};     ///< empty: none is written
     std::wstring temporaryDirectory = {}; ///< set by the pass for all roles in any case
     bool parallelIo = false;              ///< stays false in a serial process
