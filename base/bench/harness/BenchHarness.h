@@ -19,7 +19,7 @@ public:
     /// Does its work `iterations` times.
     using Batch = std::function<void(int iterations)>;
 
-    /// What holds the ranks together; in a serial program both do nothing.
+    /// Two operations that keep the ranks in step. In a serial program both do nothing.
     struct Ranks {
         int rank = 0;
         int size = 1;

@@ -16,8 +16,8 @@ struct RawMpi {
     void (*barrier)(int iterations);
     void (*broadcast)(char* buffer, int bytes, int iterations);
 
-    // What a careful solver developer writes by hand where the message layer takes a container. The roots of
-    // the collectives take turns, so that no rank runs ahead.
+    // The code that a careful solver developer writes by hand where the message layer takes a container. The
+    // roots of the collectives take turns, so that no rank runs ahead.
 
     /// A length, then the characters, if any.
     void (*stringPingPong)(std::string& text, int rank, int iterations);

@@ -186,7 +186,7 @@ int Ctl::runScript(std::istream& script, const std::string& name) {
 }
 
 int Ctl::runPrompt() {
-    Platform::signals().ignore(Platform::Signals::INTERRUPT); // but for the time of a command
+    Platform::signals().ignore(Platform::Signals::INTERRUPT); // except while a command runs
     CtlPrompt prompt(_session, _console);
     int result = ExitCode::SUCCESS;
     while (const std::optional<std::string> line = prompt.readLine()) {

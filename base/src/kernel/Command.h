@@ -56,7 +56,7 @@ public:
     /// Whether the command, with these arguments, is able to run beside the main thread: on a thread of its
     /// own of the serial or master process, not distributed and without messaging. False unless overridden.
     virtual bool isThreaded(const Properties& args) const;
-    /// Whether it should do so this time. isThreaded(args) unless overridden.
+    /// Tells whether this call should run on a thread of its own. isThreaded(args) unless overridden.
     virtual bool shouldThread(const Properties& args) const;
     /// Whether the response holds anything beside an error: true unless overridden.
     virtual bool hasResponse() const;

@@ -9,7 +9,7 @@
 /// An error as a tree of properties that can cross ranks and reach a client.
 ///
 /// The tree holds ERROR_TAG (the type text), MESSAGE_TAG, SEVERITY_TAG and, where one was taken,
-/// STACK_TRACE_TAG, beside whatever keys the raiser added. In a response it holds KIND_TAG as well: see
+/// STACK_TRACE_TAG, beside the keys that the raiser added. In a response it holds KIND_TAG as well: see
 /// toResponse(). An error object that is only built is not raised: see raise() in kernel/Raise.h.
 class ORVEX_KERNEL_EXPORT Error : public std::exception {
 public:

@@ -50,7 +50,7 @@ using mssg_count_t = unsigned int;
 ///   first, and the receiver's takes that length;
 /// - a std::span: memory whose length all sides know already; only its content travels.
 /// Everything else, std::vector<bool> included, is refused by the compiler. Lengths, counts and displacements
-/// are in values, whatever these consist of.
+/// are in values of any kind, not in bytes.
 ///
 /// All operations belong to the main thread, and those named collective must be called by all ranks of this
 /// communicator in the same order. They are refused, with an InternalError, while messaging is locked (see

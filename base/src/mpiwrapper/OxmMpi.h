@@ -215,7 +215,7 @@ ORVEX_MPIWRAPPER_EXPORT const char* OXM_MPI_Get_initialize_error(void);
 /// without serving this MPI, since each rank would be a job of its own.
 ORVEX_MPIWRAPPER_EXPORT int OXM_MPI_Init(int* argc, char*** argv);
 ORVEX_MPIWRAPPER_EXPORT int OXM_MPI_Finalize(void);
-/// Ends all ranks of the job, whatever `comm` is; `code` is what the launcher exits with. Any thread.
+/// Ends all ranks of the job, for any `comm`. The launcher exits with `code`. Any thread.
 ORVEX_MPIWRAPPER_EXPORT int OXM_MPI_Abort(int comm, int code);
 
 /// Communicators and groups.

@@ -93,7 +93,7 @@ private:
             const std::string line = "\n" + text + "\n";
             static_cast<void>(io().write(STANDARD_ERROR, line.data(), line.size()));
             try {
-                throw std::runtime_error(text); // for whoever tells why the process terminates
+                throw std::runtime_error(text); // for the words that tell why the process terminates
             } catch (const std::runtime_error&) {
                 passOn();
             }

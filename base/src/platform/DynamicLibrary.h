@@ -29,7 +29,8 @@ public:
     LoadResult load(const std::string& name, Visibility visibility = LOCAL);
     /// Null when the module has no such symbol.
     void* findSymbol(void* handle, const std::string& name) const;
-    /// Whether a library of this name (as for load(), or a file name) is in the process, whoever loaded it.
+    /// Whether a library of this name (as for load(), or a file name) is in the process. Any code may have
+    /// loaded it.
     bool isLoaded(const std::string& name) const;
     /// Gives a handle back. @return an empty text, or the loader's reason on failure
     std::string unload(void* handle);

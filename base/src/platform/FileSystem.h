@@ -27,7 +27,8 @@ public:
                        std::vector<std::wstring>& files) const;
     /// Makes one directory below an existing one. @return true when it was made or stood there already
     bool makeDirectory(const std::wstring& path);
-    /// Makes `path` and whatever is missing above it. @return true when `path` is a directory afterwards
+    /// Makes `path` and all folders that are missing above it. @return true when `path` is a directory
+    /// afterwards
     bool makeDirectories(const std::wstring& path);
     /// Makes a directory of a new name that starts with `prefix` below `parent`, open to this user alone.
     /// @return its path, empty on failure
@@ -87,7 +88,7 @@ public:
     std::vector<std::string> getRoots() const;
 
     /// Makes a directory and sees that it belongs to this user and nobody else may enter. The parents that
-    /// are missing are made for this user alone, whatever the mask of the process says.
+    /// are missing are made for this user alone; the mask of the process has no effect.
     /// @return false when that can't be had: it is another user's, a link, or can't be made
     bool makePrivateDirectory(const std::wstring& path);
     /// Writes `content` to a file that this user alone may read, in one step: a reader finds the old file or

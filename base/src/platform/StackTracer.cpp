@@ -173,7 +173,7 @@ private:
     unsigned _alarmBefore = 0;
 };
 
-/// Without memory or locks: whatever happens later, addr2line can make names of it.
+/// Takes no memory and no lock. addr2line can make names of it later.
 void writeAddress(int descriptor, const void* frame) {
     char line[2 + 2 + 2 * sizeof(std::uintptr_t) + 1] = {' ', ' ', '0', 'x'};
     auto rest = reinterpret_cast<std::uintptr_t>(frame);

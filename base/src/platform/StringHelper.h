@@ -6,7 +6,7 @@
 #include <string_view>
 #include <vector>
 
-/// Text. Narrow text is UTF-8 whatever the locale says; what isn't valid becomes U+FFFD, never an exception.
+/// Text. Narrow text is UTF-8 in every locale. An invalid byte becomes U+FFFD, never an exception.
 class ORVEX_PLATFORM_EXPORT StringHelper {
 public:
     /// Wide to narrow.

@@ -27,7 +27,7 @@ public:
     /// The time of the world (UTC) in the form of strftime.
     std::string formatUtc(const std::string& format) const;
 
-    /// Sleeps for the whole time, whatever signals come. A negative time is none.
+    /// Sleeps for the whole time, also when signals come. A negative time is none.
     void sleep(double seconds) const;
     void sleepMilliseconds(unsigned milliseconds) const;
 

@@ -283,7 +283,7 @@ bool RpcClient::isConnected() const {
 void RpcClient::close() {
     if (!_impl->socket)
         return;
-    asio::error_code ignored; // the descriptor is released whatever close() says
+    asio::error_code ignored; // close() releases the descriptor also when it fails
     _impl->socket->socket.close(ignored);
     _impl->context->restart();
     _impl->context->run(); // the read that was under way reports its end

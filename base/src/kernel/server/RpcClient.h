@@ -30,8 +30,8 @@ private:
     Trouble _trouble;
 };
 
-/// The client's end of a connection to a Server. Every wait has a time limit, but for the answer to a command
-/// when the caller wants none: then it lasts as long as the connection lives. One thread.
+/// The client's end of a connection to a Server. Every wait has a time limit, except that for the answer to a
+/// command when the caller wants none: then it lasts as long as the connection lives. One thread.
 class ORVEX_KERNEL_EXPORT RpcClient {
 public:
     using Time = std::optional<std::chrono::milliseconds>; ///< none: as long as it takes

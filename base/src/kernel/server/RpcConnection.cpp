@@ -340,7 +340,7 @@ void RpcConnection::close(const std::string& reason, bool regular) {
         _broken = true;
         _out.clear();
         _outBegin = 0;
-        asio::error_code ignored; // the descriptor is released whatever close() says
+        asio::error_code ignored; // close() releases the descriptor also when it fails
         _socket->socket.close(ignored);
     }
     _frames.clear();

@@ -48,7 +48,7 @@ std::vector<address> resolve(asio::io_context& loop, const std::string& client) 
     std::vector<address> addresses;
     for (const auto& result : results)
         addresses.push_back(plain(result.endpoint().address()));
-    // This host's own clients come from whatever address the system picks for them.
+    // The system picks the addresses of this host's own clients.
     if (std::any_of(addresses.begin(), addresses.end(), [&](const address& a) { return isOurs(loop, a); })) {
         addresses.push_back(asio::ip::address_v4::loopback());
         addresses.push_back(asio::ip::address_v6::loopback());
@@ -187,7 +187,7 @@ void RpcListener::start(AcceptCallback accepted, RefuseCallback refused, Trouble
 }
 
 void RpcListener::close() {
-    asio::error_code ignored; // the descriptor is released whatever close() says
+    asio::error_code ignored; // close() releases the descriptor also when it fails
     _impl->acceptor.close(ignored);
     _impl->retry.cancel();
 }

@@ -92,7 +92,7 @@ private:
     void runCommand(RpcConnection& connection, const RpcMessage& message);
     void onCommandDone(RpcConnection& connection, const std::string& id, const Controller::Outcome& outcome);
     std::string boundedAnswer(const RpcConnection& connection, const std::string& id, std::string line) const;
-    /// The server's own methods, answered at once whatever command runs.
+    /// The server's own methods. They are answered at once, also while a command runs.
     std::string callMethod(const std::string& method, const Properties& params,
                            const RpcConnection& connection);
     Properties getStatus() const;

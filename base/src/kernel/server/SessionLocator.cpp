@@ -37,7 +37,7 @@ void removeRecord() {
         Platform::filesystem().deleteFile(*path); // nothing can be done about a file that won't go
 }
 
-/// Both sides must come to the same places whatever their environment says, so none is asked.
+/// Both sides must come to the same places, so the environment is not asked.
 std::vector<std::wstring> standardDirectories() {
     std::vector<std::wstring> directories;
     const std::wstring home = Platform::system().getHomeDirectory();

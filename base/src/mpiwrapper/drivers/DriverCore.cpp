@@ -67,7 +67,7 @@ std::vector<MPI_Op> getFixedOps() {
     return ops;
 }
 
-/// Errors come back as codes, on whatever they happen.
+/// Errors on any object come back as codes.
 int setErrorHandlers() {
     int native = MPI_Comm_set_errhandler(MPI_COMM_WORLD, MPI_ERRORS_RETURN);
     if (native == MPI_SUCCESS)

@@ -26,7 +26,7 @@ constexpr Launcher MPICH_LAUNCHER{"MPICH", "mpiexec.mpich", "mpich2", "PMI_RANK"
 #ifdef OPEN_MPI
 constexpr Launcher OWN = OPEN_MPI_LAUNCHER;
 constexpr Launcher FOREIGN = MPICH_LAUNCHER;
-/// A PMIx server serves Open MPI whatever else it sets, and a batch system's may serve it by PMI.
+/// A PMIx server serves Open MPI, with any other variables beside. A batch system may serve it by PMI.
 constexpr const char* OWN_SIGNS[] = {"OMPI_COMM_WORLD_SIZE", "PMIX_RANK", "SLURM_PROCID"};
 constexpr const char* LAUNCHER_SIGNS[] = {"OMPI_COMM_WORLD_SIZE", "PMIX_RANK"};
 #else

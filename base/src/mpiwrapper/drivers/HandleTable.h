@@ -19,7 +19,7 @@ public:
         _numberFixed = fixed.size();
     }
 
-    /// The MPI's null handle for whatever isn't a live handle.
+    /// The MPI's null handle for a number that isn't a live handle.
     Native get(int handle) const {
         const auto index = static_cast<unsigned>(handle);
         return _items[index < _items.size() ? index : 0];

@@ -18,7 +18,7 @@ public:
     void setRank(int rank, int size);
     /// From now on `step` has `seconds`.
     void begin(const std::string& step, double seconds);
-    /// Where the process stands within the step, and its failures so far.
+    /// Place of the process within the step, and its failures so far.
     void setState(const std::string& state);
     void addFailure(const std::string& failure);
 

@@ -54,7 +54,7 @@ TEST(MpiCore, TurnsErrorsIntoExceptions) {
         EXPECT_EQ(messageOf<NonRecoverableError>(row.handle), row.message) << row.name;
         EXPECT_EQ(testing::internal::GetCapturedStderr(), row.printed) << row.name;
     }
-    // Whatever length a driver tells, no more is read than it can have written.
+    // A driver may tell any length: no more is read than it can have written.
     for (const auto& [told, read] : {std::pair(-1, 0), std::pair(3, 3), std::pair(99999, 2048)}) {
         mpi.setAction("Error_string", [told = told](const ScriptedCall& call) {
             *static_cast<int*>(call.addresses.at("length")) = told;
