@@ -34,25 +34,3 @@ ScriptedMpi& ScriptedMpi::start() {
     mpi.reset();
     return mpi;
 }
-
-std::vector<std::string> ScriptedMpi::texts() const {
-    std::vector<std::string> result;
-    for (const ScriptedCall& call : calls())
-        result.push_back(call.text());
-    return result;
-}
-
-std::vector<std::string> ScriptedMpi::names() const {
-    std::vector<std::string> result;
-    for (const ScriptedCall& call : calls())
-        result.push_back(call.name);
-    return result;
-}
-
-std::vector<ScriptedCall> ScriptedMpi::callsOf(const std::string& name) const {
-    std::vector<ScriptedCall> result;
-    for (const ScriptedCall& call : calls())
-        if (call.name == name)
-            result.push_back(call);
-    return result;
-}

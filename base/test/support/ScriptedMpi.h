@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <iterator>
 #include <map>
 #include <optional>
 #include <stdexcept>
@@ -48,7 +49,7 @@ struct ScriptedCall {
 /// of many ranks: what would come from others then stays as it was, unless a test brings it by deliver() or
 /// setAction(). Data between ranks are seen in real jobs: collectives only record, except plain gathers.
 ///
-/// By default everything succeeds, requests complete at once, and files are kept in memory.
+/// By default everything succeeds, requests complete at once, and files keep nothing.
 class ScriptedMpi {
 public:
     /// Loads the module, makes it the wrapper's driver with files, starts MPI, and resets it. As often as
@@ -74,7 +75,7 @@ public:
     /// The `nth` call of `name` from now on, counted from 1, returns `code` and does nothing else than to
     /// null the handle that it should have made; with OXM_MPI_ERR_IN_STATUS it does its work and takes its
     /// statuses from setStatuses().
-    void fail(const std::string& name, int nth, int code) { _failures.push_back({name, nth, code}); }
+    void fail(const std::string& name, int nth, int code) { failures.push_back({name, nth, code}); }
     /// The `nth` call of any function from now on.
     void failAny(int nth, int code) { fail("", nth, code); }
     void setErrorText(int code, const std::string& text) { errorTexts[code] = text; }
@@ -83,18 +84,19 @@ public:
     /// A message on any communicator, for receives and probes. Unmatched receives complete as they are.
     virtual void deliver(int source, int tag, const void* data, std::size_t bytes) = 0;
     /// The next statuses that calls set, one after the other, before the driver makes its own again.
-    void setStatuses(const std::vector<OXM_MPI_Status_struct>& statuses) {
-        _statuses.assign(statuses.begin(), statuses.end());
-    }
+    void setStatuses(std::deque<OXM_MPI_Status_struct> next) { statuses = std::move(next); }
     /// What the next Waitany or Testany gives as index, with no request completed when it is undefined.
     void setIndex(int index) { nextIndex = index; }
     /// Non-blocking requests complete at the look after `looks` unsuccessful ones.
     void setLooks(int looks) { looksBeforeCompletion = looks; }
     /// Stands in the place of the driver's own work for `name`, and returns the code. An empty one ends that.
     using Action = std::function<int(const ScriptedCall&)>;
-    void setAction(const std::string& name, Action action) { _actions[name] = std::move(action); }
+    void setAction(const std::string& name, Action action) { actions[name] = std::move(action); }
     /// The clock stands at `now` and moves on by `step` with each reading. Until then it is the real one.
-    virtual void setClock(double now, double step) = 0;
+    void setClock(double now, double step) {
+        clock = now;
+        clockStep = step;
+    }
 
     // What was seen
     /// All calls in their order, the clock's and OXM_MPI_Get_max_buffer_size's left out.
@@ -106,29 +108,45 @@ public:
     virtual std::map<std::string, int> liveHandles() const = 0;
 
     /// The texts of all calls, for comparisons.
-    std::vector<std::string> texts() const;
+    std::vector<std::string> texts() const { return list(&ScriptedCall::_text); }
     /// The names of all calls.
-    std::vector<std::string> names() const;
+    std::vector<std::string> names() const { return list(&ScriptedCall::name); }
     /// The calls of one function.
-    std::vector<ScriptedCall> callsOf(const std::string& name) const;
+    std::vector<ScriptedCall> callsOf(const std::string& name) const {
+        std::vector<ScriptedCall> result;
+        std::ranges::copy_if(calls(), std::back_inserter(result),
+                             [&](const ScriptedCall& call) { return call.name == name; });
+        return result;
+    }
 
-protected:
+    // The script, for the driver
+
     struct Failure {
         std::string name; ///< empty: of any function
         int nth;
         int code;
     };
 
-    std::string processorName;
-    std::uint64_t maxBufferSize = 0;
+    std::string processorName = "scripted-host";
+    std::uint64_t maxBufferSize = 0x7FFFFFFF;
     bool supportsSharedMemory = true;
     int bindCollisionTestDisabled = 0;
     int looksBeforeCompletion = 0;
     std::optional<int> nextIndex;
+    std::optional<double> clock;
+    double clockStep = 0.0;
     std::map<int, std::string> errorTexts;
-    std::vector<Failure> _failures;
-    std::map<std::string, Action> _actions;
+    std::vector<Failure> failures;
+    std::map<std::string, Action> actions;
+    std::deque<OXM_MPI_Status_struct> statuses;
+
+protected:
+    std::vector<std::string> list(std::string ScriptedCall::*member) const {
+        std::vector<std::string> result;
+        std::ranges::transform(calls(), std::back_inserter(result), member);
+        return result;
+    }
+
     std::vector<ScriptedCall> _calls;
-    std::deque<OXM_MPI_Status_struct> _statuses;
     int _clockReadings = 0;
 };

@@ -1,34 +1,96 @@
 #pragma once
 
+#include "support/ScriptedCallWriter.h"
 #include "support/ScriptedMpi.h"
 
-#include "mpiwrapper/MpiDriver.h"
-
-#include <optional>
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+#include <numeric>
 #include <set>
 #include <string>
-#include <type_traits>
 #include <utility>
 #include <vector>
 
 /// The memory of the scripted driver: its script, its handles and the calls that it saw.
 class ScriptedMpiState : public ScriptedMpi {
 public:
-    static ScriptedMpiState& getSingleton();
+    ScriptedMpiState() {
+        static_assert(sizeof(long) == 8 && sizeof(long double) == 16 && sizeof(wchar_t) == 4);
+        // Of the datatypes that are always there, by their codes. The last are those of a value and an int.
+        for (const std::size_t extent :
+             {1, 1, 1, 1, 1, 2, 4, 4, 4, 8, 16, 8, 8, 2, 8, 8, 4, 8, 16, 32, 8, 16, 16, 8, 32})
+            types[static_cast<int>(types.size()) + 1] = {extent, true};
+        setWorld(0, 1);
+    }
 
-    void reset() override;
-    void setWorld(int rank, int size) override;
-    void setClock(double now, double step) override;
-    void deliver(int source, int tag, const void* data, std::size_t bytes) override;
-    std::map<std::string, int> liveHandles() const override;
+    void reset() override {
+        const int next = _nextHandle;
+        *this = ScriptedMpiState();
+        _nextHandle = next;
+    }
+    void setWorld(int rank, int size) override {
+        worldRank = rank;
+        Comm world{std::vector<int>(static_cast<std::size_t>(size)), rank};
+        std::iota(world.worldRanks.begin(), world.worldRanks.end(), 0);
+        comms = {{OXM_MPI_COMM_WORLD, world}, {OXM_MPI_COMM_SELF, {{rank}, 0}}};
+    }
+    void deliver(int source, int tag, const void* data, std::size_t bytes) override {
+        mailbox.push_back({source, tag, std::string(static_cast<const char*>(data), bytes)});
+    }
+    std::map<std::string, int> liveHandles() const override {
+        std::map<std::string, std::size_t> counts{{"comm", comms.size() - 2},
+                                                  {"group", groups.size() - 1},
+                                                  {"datatype", types.size() - OXM_MPI_LONG_DOUBLE_INT},
+                                                  {"op", ops.size()},
+                                                  {"request", requests.size()},
+                                                  {"file", files.size()},
+                                                  {"info", infos.size()}};
+        std::erase_if(counts, [](const auto& each) { return each.second == 0; });
+        return {counts.begin(), counts.end()};
+    }
 
-    /// Records a call and runs its script; `play` is the driver's own work, with a code as result or none.
+    /// Records a call and runs its script; `play` is the driver's own work.
     template <class Result, class... Arguments>
     int serve(const char* name, const char* argumentNames, Result (*play)(Arguments...),
-              Arguments... arguments);
-    double readClock();
+              Arguments... arguments) {
+        // Only calls on a communicator have arrays of its size, and it is the last of their numbers.
+        int comm = 0;
+        [[maybe_unused]] const auto note = [&]([[maybe_unused]] auto value) {
+            if constexpr (std::is_same_v<decltype(value), int>)
+                comm = value;
+        };
+        (note(arguments), ...);
+        ScriptedCall call;
+        call.name = name;
+        ScriptedCallWriter writer(call, argumentNames, comms.contains(comm) ? comms[comm].size() : 0);
+        (writer.add(arguments), ...);
+        writer.end();
+        _calls.push_back(call);
+        return run(call, [&] {
+            if constexpr (std::is_void_v<Result>)
+                return play(arguments...), OXM_MPI_SUCCESS;
+            else
+                return play(arguments...);
+        });
+    }
+    double readClock() {
+        ++_clockReadings;
+        if (!clock)
+            return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+        return std::exchange(*clock, *clock + clockStep);
+    }
 
-    void setStatus(OXM_MPI_Status_struct* status, int source, int tag, std::size_t bytes);
+    void setStatus(OXM_MPI_Status_struct* status, int source, int tag, std::size_t bytes) {
+        if (!status)
+            return;
+        *status = {source, tag, OXM_MPI_SUCCESS, {}};
+        std::memcpy(status->reserved, &bytes, sizeof bytes);
+        if (!statuses.empty()) {
+            *status = statuses.front();
+            statuses.pop_front();
+        }
+    }
 
     struct Message {
         int source;
@@ -50,110 +112,58 @@ public:
         int partner = 0;
         int tag = 0;
     };
-    using Info = std::map<std::string, std::string>;
-    struct File {
-        std::string name;
-        std::size_t position;
-        Info info;
+    struct Type {
+        std::size_t extent = 0;
+        bool isCommitted = false;
     };
 
-    std::optional<Message> takeMessage(int source, int tag);
-    const Message* peekMessage(int source, int tag) const;
+    auto findMessage(int source, int tag) {
+        return std::ranges::find_if(mailbox, [=](const Message& message) {
+            return (source == OXM_MPI_ANY_SOURCE || message.source == source) &&
+                   (tag == OXM_MPI_ANY_TAG || message.tag == tag);
+        });
+    }
 
     int worldRank = 0;
-    using ScriptedMpi::bindCollisionTestDisabled;
-    using ScriptedMpi::errorTexts;
-    using ScriptedMpi::looksBeforeCompletion;
-    using ScriptedMpi::maxBufferSize;
-    using ScriptedMpi::nextIndex;
-    using ScriptedMpi::processorName;
-    using ScriptedMpi::supportsSharedMemory;
     std::map<int, Comm> comms;
-    std::map<int, std::vector<int>> groups;
-    std::map<int, std::size_t> types; ///< their extents
-    std::set<int> committedTypes;
-    std::map<int, OXM_MPI_User_function> ops;
+    std::map<int, std::vector<int>> groups{{OXM_MPI_GROUP_EMPTY, {}}};
+    std::map<int, Type> types;
     std::map<int, Request> requests;
-    std::map<int, File> files;
-    std::map<std::string, std::string> disk;
-    std::map<int, Info> infos;
+    std::map<int, bool> ops, files, infos; ///< nothing is known of them
     std::vector<Message> mailbox;
 
     /// Handles of made objects are never used twice, so that a stale one is found out.
     int makeHandle() { return _nextHandle++; }
 
 private:
-    int takeFailure(const std::string& name);
+    int takeFailure(const std::string& name) {
+        int code = OXM_MPI_SUCCESS;
+        for (Failure& failure : failures)
+            if ((failure.name.empty() || failure.name == name) && --failure.nth == 0)
+                code = failure.code;
+        return code;
+    }
     /// Whether a datatype of the call is none, or isn't committed.
-    bool usesBadType(const ScriptedCall& call) const;
-    static void clearMadeHandle(const ScriptedCall& call);
-    int run(std::size_t call, const std::function<int()>& play);
+    bool usesBadType(const ScriptedCall& call) {
+        if (call.name.starts_with("Type_") || !call.takes("datatype"))
+            return false;
+        const auto type = types.find(static_cast<int>(call.get("datatype")));
+        return type == types.end() || !type->second.isCommitted;
+    }
+    int run(const ScriptedCall& call, const std::function<int()>& play) {
+        int result = takeFailure(call.name);
+        if (result == OXM_MPI_SUCCESS || result == OXM_MPI_ERR_IN_STATUS) {
+            const Action action = actions[call.name]; // a copy, since it may change the script
+            const int own = action ? action(call) : usesBadType(call) ? OXM_MPI_ERR_TYPE : play();
+            result = result == OXM_MPI_SUCCESS ? own : result;
+        }
+        // As the drivers of real MPIs do it: a call that should have made an object leaves a null handle.
+        for (const char* name :
+             {"group", "newComm", "newGroup", "request", "newType", "op", "file", "info", "newInfo"})
+            if (result != OXM_MPI_SUCCESS && call.addresses.contains(name) && !call.takes(name))
+                *static_cast<int*>(call.addresses.at(name)) = 0;
+        return result;
+    }
 
     int _nextHandle = 100;
-    std::optional<double> _clock;
-    double _clockStep = 0.0;
 };
-
-/// Takes the arguments of a call apart.
-class ScriptedCallWriter {
-public:
-    ScriptedCallWriter(ScriptedCall& call, const char* argumentNames, int commSize);
-    ~ScriptedCallWriter() { _call._text += ")"; }
-    ScriptedCallWriter(const ScriptedCallWriter&) = delete;
-    ScriptedCallWriter& operator=(const ScriptedCallWriter&) = delete;
-
-    void add(int value);
-    void add(long long value);
-    void add(int* value);
-    void add(const int* values);
-    void add(const long long* values);
-    void add(const char* text);
-    void add(const void* address);
-    void add(OXM_MPI_User_function function);
-    template <class T>
-    void add(T* address) {
-        addAddress(address);
-    }
-
-private:
-    std::string takeName();
-    void show(const std::string& name, const std::string& value);
-    void addAddress(const void* address);
-    template <class T>
-    void addArray(const std::string& name, const T* values, int count);
-
-    ScriptedCall& _call;
-    std::string _names;
-    int _commSize;
-    int _position = 0;
-    int _firstNumber = 0;
-};
-
-template <class Result, class... Arguments>
-int ScriptedMpiState::serve(const char* name, const char* argumentNames, Result (*play)(Arguments...),
-                            Arguments... arguments) {
-    ScriptedCall call;
-    call.name = name;
-    {
-        // Only calls on a communicator have arrays of its size, and it is the last of their numbers.
-        int size = 0;
-        [[maybe_unused]] const auto note = [&]([[maybe_unused]] auto value) {
-            if constexpr (std::is_same_v<decltype(value), int>) {
-                const auto comm = comms.find(value);
-                size = comm == comms.end() ? 0 : comm->second.size();
-            }
-        };
-        (note(arguments), ...);
-        ScriptedCallWriter writer(call, argumentNames, size);
-        (writer.add(arguments), ...);
-    }
-    _calls.push_back(std::move(call));
-    return run(_calls.size() - 1, [&] {
-        if constexpr (std::is_void_v<Result>) {
-            play(arguments...);
-            return OXM_MPI_SUCCESS;
-        } else {
-            return play(arguments...);
-        }
-    });
-}
