@@ -7,10 +7,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
-#include <memory>
 #include <mutex>
 #include <numeric>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -18,7 +16,6 @@
 
 namespace {
 
-constexpr int EXIT_DIFFERENT_TESTS = 87;
 /// On a busy machine ranks come late to a test, which isn't the test's fault. In seconds.
 constexpr double TIME_TO_MEET = 20.0;
 
@@ -32,6 +29,10 @@ void check(int code, const char* call) {
 }
 #define CHECK(call) check(call, #call)
 
+int theRank = 0;
+int theSize = 1;
+std::string theDriver;
+
 /// What a rank has to say of a test.
 enum Outcome { PASSED = 0, FAILED = 1, SKIPPED = 2 };
 
@@ -43,17 +44,14 @@ public:
         CHECK(OXM_MPI_Comm_group(OXM_MPI_COMM_WORLD, &group));
         CHECK(OXM_MPI_Comm_create(OXM_MPI_COMM_WORLD, group, &_comm));
         CHECK(OXM_MPI_Group_free(&group));
-        CHECK(OXM_MPI_Comm_rank(_comm, &_rank));
-        CHECK(OXM_MPI_Comm_size(_comm, &_size));
+        CHECK(OXM_MPI_Comm_rank(_comm, &theRank));
+        CHECK(OXM_MPI_Comm_size(_comm, &theSize));
     }
 
     void close() { CHECK(OXM_MPI_Comm_free(&_comm)); }
 
-    int rank() const { return _rank; }
-    int size() const { return _size; }
-
     std::vector<int> allGather(int value) const {
-        std::vector<int> values(static_cast<std::size_t>(_size));
+        std::vector<int> values(static_cast<std::size_t>(theSize));
         CHECK(OXM_MPI_Allgather(&value, 1, OXM_MPI_INT, values.data(), 1, OXM_MPI_INT, _comm));
         return values;
     }
@@ -76,21 +74,18 @@ public:
     /// Ends the job if the ranks aren't about to do the same thing.
     void agreeOn(const std::string& step) const {
         const std::vector<int> hashes = allGather(static_cast<int>(std::hash<std::string>()(step)));
-        if (std::count(hashes.begin(), hashes.end(), hashes.front()) == _size)
+        if (std::count(hashes.begin(), hashes.end(), hashes.front()) == theSize)
             return;
         const std::vector<std::string> steps = allGather(step);
-        for (std::size_t i = 0; _rank == 0 && i < steps.size(); ++i)
+        for (std::size_t i = 0; theRank == 0 && i < steps.size(); ++i)
             std::fprintf(stderr, "[ DISAGREE ] rank %zu runs %s\n", i, steps[i].c_str());
         // The others give rank 0 the time to tell.
-        if (OXM_MPI_Barrier(_comm) == OXM_MPI_SUCCESS)
-            std::_Exit(EXIT_DIFFERENT_TESTS);
-        std::abort();
+        CHECK(OXM_MPI_Barrier(_comm));
+        std::_Exit(EXIT_FAILURE);
     }
 
 private:
     int _comm = OXM_MPI_COMM_NULL;
-    int _rank = 0;
-    int _size = 0;
 };
 
 std::string listRanks(const std::vector<int>& outcomes, int outcome) {
@@ -121,12 +116,10 @@ private:
     void OnTestPartResult(const testing::TestPartResult& result) override {
         if (!result.failed() || _isReporting)
             return;
-        std::ostringstream text;
-        text << (result.file_name() ? result.file_name() : "unknown file") << ":" << result.line_number()
-             << ": " << result.message() << "\n";
+        const std::string text = testing::PrintToString(result);
         const std::lock_guard lock(_mutex);
-        _failures += text.str();
-        _watchdog.addFailure(text.str());
+        _failures += text;
+        _watchdog.addFailure(text);
     }
 
     void OnTestEnd(const testing::TestInfo& test) override {
@@ -150,20 +143,20 @@ private:
         _hasFailed |= !failed.empty() || isSplit;
         if (!failed.empty())
             showFailures(_conference.allGather(_failures), failed);
-        if (isSplit && _conference.rank() == 0)
+        if (isSplit && theRank == 0)
             fail("Skipped on ranks " + skipped + " and run on ranks " + passed);
         const std::lock_guard lock(_mutex);
         _failures.clear();
     }
 
     void showFailures(const std::vector<std::string>& failures, const std::string& ranks) {
-        if (_conference.rank() != 0)
+        if (theRank != 0)
             return;
         for (std::size_t i = 1; i < failures.size(); ++i)
             if (!failures[i].empty())
                 fail("Failed on rank " + std::to_string(i) + ":\n" + failures[i]);
         if (ranks != "0")
-            std::printf("[  RANKS   ] failed on ranks %s of %d\n", ranks.c_str(), _conference.size());
+            std::printf("[  RANKS   ] failed on ranks %s of %d\n", ranks.c_str(), theSize);
     }
 
     void fail(const std::string& text) {
@@ -181,30 +174,8 @@ private:
     bool _hasFailed = false;
 };
 
-int theRank = 0;
-int theSize = 1;
-std::string theDriver;
-
-/// Takes an own option out of the command line.
-double takeTimeLimit(int& argc, char** argv) {
-    constexpr std::string_view OPTION = "--test-seconds=";
-    double seconds = 30.0;
-    int kept = 0;
-    for (int i = 0; i < argc; ++i) {
-        if (std::string_view(argv[i]).starts_with(OPTION))
-            seconds = std::strtod(argv[i] + OPTION.size(), nullptr);
-        else
-            argv[kept++] = argv[i];
-    }
-    argc = kept;
-    argv[argc] = nullptr;
-    return seconds;
-}
-
 int runTests(int& argc, char** argv, ParallelTestWatchdog& watchdog, double timeLimit) {
     Conference conference;
-    theRank = conference.rank();
-    theSize = conference.size();
     watchdog.setRank(theRank, theSize);
     testing::InitGoogleTest(&argc, argv);
     testing::TestEventListeners& listeners = testing::UnitTest::GetInstance()->listeners();
@@ -232,9 +203,12 @@ const char* ParallelTest::driver() {
 }
 
 int main(int argc, char** argv) {
-    const double timeLimit = takeTimeLimit(argc, argv);
-    for (int i = 1; i + 1 < argc; ++i)
-        if (std::string_view(argv[i]) == "-mpi")
+    constexpr std::string_view TIME_OPTION = "--test-seconds=";
+    double timeLimit = 30.0;
+    for (int i = 1; i < argc; ++i)
+        if (std::string_view(argv[i]).starts_with(TIME_OPTION))
+            timeLimit = std::strtod(argv[i] + TIME_OPTION.size(), nullptr);
+        else if (std::string_view(argv[i]) == "-mpi" && argv[i + 1])
             theDriver = argv[i + 1];
     ParallelTestWatchdog watchdog;
     int result = EXIT_FAILURE;
