@@ -2,8 +2,6 @@
 
 #include "machine/PrimitiveArray.h"
 
-#include <boost/container/vector.hpp>
-
 #include <array>
 #include <complex>
 #include <type_traits>
@@ -98,14 +96,10 @@ struct MakeValue<Swarm> {
     static Swarm from(unsigned n) { return {n % 2 == 0, MakeValue<Particle>::from(n)}; }
 };
 
-/// A vector of T, also of bool, that lies in memory as an array.
-template <class T>
-using Values = std::conditional_t<std::is_same_v<T, bool>, boost::container::vector<bool>, std::vector<T>>;
-
 /// `count` values, different for each `seed`.
 template <class T>
-Values<T> makeValues(unsigned seed, std::size_t count) {
-    Values<T> values;
+std::vector<T> makeValues(unsigned seed, std::size_t count) {
+    std::vector<T> values;
     for (std::size_t i = 0; i < count; ++i)
         values.push_back(MakeValue<T>::from(seed * 13 + static_cast<unsigned>(i) * 7));
     return values;

@@ -11,11 +11,6 @@
 
 namespace {
 
-std::string getModule(const std::string& driver) {
-    const char* const module = driver == "openmpi4" ? "OrvexOpenMpi4" : "OrvexMpich2Ch3";
-    return std::string(ORVEX_MODULE_DIRECTORY "/lib") + module + ".so";
-}
-
 void check(int code, const char* step) {
     if (code != OXM_MPI_SUCCESS)
         throw std::runtime_error(std::string(step) + ": " + OXM_MPI_Get_initialize_error());
@@ -24,7 +19,10 @@ void check(int code, const char* step) {
 } // namespace
 
 void ParallelTest::startMessageLayer(int& argc, char**& argv) {
-    void* const library = dlopen(getModule(driver()).c_str(), RTLD_NOW | RTLD_LOCAL);
+    const bool isOpenMpi = std::string(driver()) == "openmpi4";
+    void* const library = dlopen(isOpenMpi ? ORVEX_MODULE_DIRECTORY "/libOrvexOpenMpi4.so"
+                                           : ORVEX_MODULE_DIRECTORY "/libOrvexMpich2Ch3.so",
+                                 RTLD_NOW | RTLD_LOCAL);
     if (!library)
         throw std::runtime_error(dlerror());
     check(OXM_MPI_Initialize(library), "OXM_MPI_Initialize");

@@ -18,12 +18,6 @@ using ParallelTest::size;
 constexpr int WORLD = OXM_MPI_COMM_WORLD;
 constexpr int INT = OXM_MPI_INT;
 
-inline int nextRank() {
-    return (rank() + 1) % size();
-}
-inline int previousRank() {
-    return (rank() + size() - 1) % size();
-}
 inline std::size_t ranks() {
     return static_cast<std::size_t>(size());
 }
