@@ -6,9 +6,9 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <regex>
 #include <string>
 #include <utility>
-#include <vector>
 
 namespace {
 
@@ -26,30 +26,22 @@ int callWithZeros(int (*function)(Arguments...)) {
     return function(Arguments{}...);
 }
 
-struct Refused {
-    const char* name;
-    int code;
-    bool isFile;
-};
-std::vector<Refused> callAllRunningFunctions() {
-    std::vector<Refused> result;
-#define CALL(name, parameters, arguments) result.push_back({#name, callWithZeros(&OXM_MPI_##name), false});
+void expectRefusals(int expected, int expectedOfFiles) {
+#define CALL(name, parameters, arguments) EXPECT_EQ(callWithZeros(&OXM_MPI_##name), expected) << #name;
 #define CALL_FILE(name, parameters, arguments)                                                               \
-    result.push_back({#name, callWithZeros(&OXM_MPI_##name), true});
+    EXPECT_EQ(callWithZeros(&OXM_MPI_##name), expectedOfFiles) << #name;
     ORVEX_MPI_RUNNING_FUNCTIONS(CALL)
     ORVEX_MPI_FILE_FUNCTIONS(CALL_FILE)
-    result.push_back({"Finalize", OXM_MPI_Finalize(), false});
 #undef CALL_FILE
 #undef CALL
-    return result;
+    EXPECT_EQ(OXM_MPI_Finalize(), expected);
 }
 
 // The tests of this file change the state of the wrapper in the process, so the order matters: the first test
 // sees a process without a driver. CTest runs the program as one test.
 
 TEST(MpiWrapperStart, EveryFunctionRefusesWithoutDriver) {
-    for (const Refused& call : callAllRunningFunctions())
-        EXPECT_EQ(call.code, call.isFile ? OXM_MPI_ERR_NO_PARALLEL_IO : OXM_MPI_ERR_NO_DRIVER) << call.name;
+    expectRefusals(OXM_MPI_ERR_NO_DRIVER, OXM_MPI_ERR_NO_PARALLEL_IO);
     int flag = 7;
     EXPECT_EQ(OXM_MPI_Supports_v3_shared_memory(&flag), OXM_MPI_ERR_NO_DRIVER);
     EXPECT_EQ(OXM_MPI_disable_cpu_bind_collision_test(&flag), OXM_MPI_ERR_NO_DRIVER);
@@ -107,8 +99,7 @@ TEST(MpiWrapperStart, ServesWhatItsPhaseAllows) {
         return OXM_MPI_SUCCESS;
     });
     EXPECT_EQ(OXM_MPI_Finalize(), OXM_MPI_SUCCESS);
-    for (const Refused& call : callAllRunningFunctions())
-        EXPECT_EQ(call.code, OXM_MPI_ERR_NOT_RUNNING) << call.name;
+    expectRefusals(OXM_MPI_ERR_NOT_RUNNING, OXM_MPI_ERR_NOT_RUNNING);
     const double after = OXM_MPI_Wtime();
     EXPECT_GE(after, before);
     EXPECT_LT(after - before, 5.0) << "the clock goes on after the end";
@@ -116,8 +107,7 @@ TEST(MpiWrapperStart, ServesWhatItsPhaseAllows) {
     EXPECT_EQ(OXM_MPI_Init(nullptr, nullptr), OXM_MPI_ERR_NOT_RUNNING);
 
     ASSERT_EQ(OXM_MPI_Initialize(ScriptedMpi::library()), OXM_MPI_SUCCESS);
-    for (const Refused& call : callAllRunningFunctions())
-        EXPECT_EQ(call.code, call.isFile ? OXM_MPI_ERR_NO_PARALLEL_IO : OXM_MPI_ERR_NOT_RUNNING) << call.name;
+    expectRefusals(OXM_MPI_ERR_NOT_RUNNING, OXM_MPI_ERR_NO_PARALLEL_IO);
     int works = 0;
     EXPECT_EQ(OXM_MPI_Supports_v3_shared_memory(&works), OXM_MPI_SUCCESS);
     EXPECT_EQ(works, 1);
@@ -176,9 +166,7 @@ TEST(MpiWrapper, TracesWhileAsked) {
     int received = 0;
     int pending = 0;
     ASSERT_EQ(OXM_MPI_Irecv(&received, 1, OXM_MPI_INT, 1, 8, OXM_MPI_COMM_WORLD, &pending), OXM_MPI_SUCCESS);
-    const std::string test = "MPI rank 2: Test\\(request=" + std::to_string(pending) +
-                             ", flag, status\\) = 0 in [0-9.]+ us request=";
-    const std::string stillPending = std::to_string(pending);
+    const int waiting = pending;
     mpi.setLooks(0);
     ASSERT_EQ(OXM_MPI_Enable_trace(), OXM_MPI_SUCCESS);
     testing::internal::CaptureStderr();
@@ -195,24 +183,21 @@ TEST(MpiWrapper, TracesWhileAsked) {
     int flag = 0;
     for (int look = 0; look < 2; ++look)
         EXPECT_EQ(OXM_MPI_Test(&pending, &flag, &status), OXM_MPI_SUCCESS);
-    const std::string lines = testing::internal::GetCapturedStderr();
-    const std::string number = std::to_string(handle);
-    const std::string expected[] = {
-        "MPI rank 2: Isend\\(buffer=0x[0-9a-f]+, count=1, datatype=10, dest=1, tag=7, comm=1, request\\) = 0 "
-        "in "
-        "[0-9.]+ us request=" +
-            number + "\n",
-        "MPI rank 2: Wait\\(request=" + number +
-            ", status\\) = 0 in [0-9.]+ us request=0 status=\\{source=2 tag=7 error=0\\}\n",
-        "MPI rank 2: Barrier\\(comm=5\\) = 5 in [0-9.]+ us\n",
-        "MPI rank 2: Waitall\\(count=2, requests=\\[0 0\\], statuses\\) = 0 in [0-9.]+ us\n",
-        test + stillPending + " flag=0\n", // the status isn't set
-        test + "0 flag=1 status=\\{source=1 tag=8 error=0\\}\n",
-    };
-    std::string all;
-    for (const std::string& line : expected)
-        all += line;
-    EXPECT_TRUE(testing::internal::RE::FullMatch(lines, all)) << lines;
+    std::string lines = testing::internal::GetCapturedStderr();
+    for (const auto& [unsure, name] :
+         {std::pair(std::string("0x[0-9a-f]+|[0-9.]+(?= us)"), "#"),
+          std::pair(std::to_string(handle), "SENT"), std::pair(std::to_string(waiting), "WAITING")})
+        lines = std::regex_replace(lines, std::regex(unsure), name);
+    // Of a request that isn't complete no status is set.
+    EXPECT_EQ(
+        lines,
+        R"(MPI rank 2: Isend(buffer=#, count=1, datatype=10, dest=1, tag=7, comm=1, request) = 0 in # us request=SENT
+MPI rank 2: Wait(request=SENT, status) = 0 in # us request=0 status={source=2 tag=7 error=0}
+MPI rank 2: Barrier(comm=5) = 5 in # us
+MPI rank 2: Waitall(count=2, requests=[0 0], statuses) = 0 in # us
+MPI rank 2: Test(request=WAITING, flag, status) = 0 in # us request=WAITING flag=0
+MPI rank 2: Test(request=WAITING, flag, status) = 0 in # us request=0 flag=1 status={source=1 tag=8 error=0}
+)");
 
     mpi.setWorld(0, 1);
     ASSERT_EQ(OXM_MPI_Enable_trace(), OXM_MPI_SUCCESS);

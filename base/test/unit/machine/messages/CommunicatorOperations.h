@@ -31,9 +31,10 @@ inline const std::vector<CommunicatorOperation>& communicatorOperations() {
     static std::vector<double> three(3), nine(9), got;
     static const std::vector<double> none;
     static std::vector<unsigned> counts(3), sources;
-    static const std::vector<unsigned> lengths{1, 0, 2};
+    static const std::vector<unsigned> lengths{1, 0, 2}, some{2, 1};
     static std::vector<std::string> words{"ab", "c"}, texts;
     static std::set<std::string> names;
+    static const std::set<std::string> letters{"ab", "c"};
     static Properties tree;
     static std::vector<Properties> trees;
     static std::vector<Particle> particles(2);
@@ -108,11 +109,7 @@ inline const std::vector<CommunicatorOperation>& communicatorOperations() {
         {"free none",
          {"FreeRequest 0 0"},
          [](Comm& c) { c.freeRequest(*std::make_unique<Comm::RequestStack>()); }},
-        {"createCommunicator",
-         {},
-         [](Comm& c) {
-             c.createCommunicator(std::vector{2u, 1u});
-         }},
+        {"createCommunicator", {}, [](Comm& c) { c.createCommunicator(some); }},
         {"createSharedMemCommunicators", {}, [](Comm& c) { c.createSharedMemCommunicators(); }},
         {"synchronise", {"Synchronise 0"}, [](Comm& c) { c.synchronise(); }},
         {"noSpinSynchronise",
@@ -149,9 +146,7 @@ inline const std::vector<CommunicatorOperation>& communicatorOperations() {
          [](Comm& c) { c.allGather("abc", texts); }},
         {"allGather sets",
          {"AllGather 4", "AllGatherVector 3", "AllGather 4", "AllGatherVector 8"},
-         [](Comm& c) {
-             c.allGather(std::set<std::string>{"ab", "c"}, names);
-         }},
+         [](Comm& c) { c.allGather(letters, names); }},
         {"scatter", {"Scatter 24"}, [](Comm& c) { c.scatter(nine.data(), three.data(), 3, 1); }},
         {"scatter nothing", {}, [](Comm& c) { c.scatter(nine.data(), three.data(), 0, 1); }, true},
         {"scatterVector",
