@@ -8,7 +8,6 @@
 #include <cstdlib>
 #include <functional>
 #include <mutex>
-#include <numeric>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -58,16 +57,14 @@ public:
 
     /// Each rank's text, on every rank.
     std::vector<std::string> allGather(const std::string& text) const {
-        const std::vector<int> lengths = allGather(static_cast<int>(text.size()));
-        std::vector<int> displacements(lengths.size(), 0);
-        std::partial_sum(lengths.begin(), lengths.end() - 1, displacements.begin() + 1);
-        std::string all(static_cast<std::size_t>(displacements.back() + lengths.back()), ' ');
-        CHECK(OXM_MPI_Allgatherv(text.data(), static_cast<int>(text.size()), OXM_MPI_CHAR, all.data(),
-                                 lengths.data(), displacements.data(), OXM_MPI_CHAR, _comm));
-        std::vector<std::string> texts;
-        for (std::size_t i = 0; i < lengths.size(); ++i)
-            texts.push_back(
-                all.substr(static_cast<std::size_t>(displacements[i]), static_cast<std::size_t>(lengths[i])));
+        std::vector<std::string> texts(static_cast<std::size_t>(theSize), text);
+        for (int rank = 0; rank < theSize; ++rank) {
+            std::string& each = texts[static_cast<std::size_t>(rank)];
+            int length = static_cast<int>(each.size());
+            CHECK(OXM_MPI_Bcast(&length, 1, OXM_MPI_INT, rank, _comm));
+            each.resize(static_cast<std::size_t>(length));
+            CHECK(OXM_MPI_Bcast(each.data(), length, OXM_MPI_CHAR, rank, _comm));
+        }
         return texts;
     }
 
@@ -155,8 +152,7 @@ private:
         for (std::size_t i = 1; i < failures.size(); ++i)
             if (!failures[i].empty())
                 fail("Failed on rank " + std::to_string(i) + ":\n" + failures[i]);
-        if (ranks != "0")
-            std::printf("[  RANKS   ] failed on ranks %s of %d\n", ranks.c_str(), theSize);
+        std::printf("[  RANKS   ] failed on ranks %s of %d\n", ranks.c_str(), theSize);
     }
 
     void fail(const std::string& text) {

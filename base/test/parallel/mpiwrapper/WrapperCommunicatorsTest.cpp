@@ -1,5 +1,8 @@
 #include "parallel/mpiwrapper/WrapperTestTools.h"
 
+#include <algorithm>
+#include <functional>
+
 using namespace WrapperTest;
 
 namespace {
@@ -38,22 +41,20 @@ TEST(WrapperCommunicators, AreMadeOfSome) {
     EXPECT_EQ(world, WORLD);
 }
 
-void addInts(void* in, void* inout, int* length, int*) {
-    for (int i = 0; i < *length; ++i)
-        static_cast<int*>(inout)[i] += static_cast<const int*>(in)[i];
-}
-void multiplyInts(void* in, void* inout, int* length, int*) {
-    for (int i = 0; i < *length; ++i)
-        static_cast<int*>(inout)[i] *= static_cast<const int*>(in)[i];
+template <class Operation>
+void combine(void* in, void* inout, int* length, int*) {
+    int* const ints = static_cast<int*>(inout);
+    std::transform(ints, ints + *length, static_cast<const int*>(in), ints, Operation());
 }
 
 TEST(WrapperOperations, OfUsersAreKeptApart) {
     constexpr int LIMIT = 32;
     std::vector<int> ops(LIMIT);
     for (std::size_t i = 0; i < LIMIT; ++i)
-        ORVEX_GOOD(OXM_MPI_Op_create(i % 2 ? &multiplyInts : &addInts, 1, &ops[i]));
+        ORVEX_GOOD(
+            OXM_MPI_Op_create(i % 2 ? &combine<std::multiplies<>> : &combine<std::plus<>>, 1, &ops[i]));
     int oneMore = 5;
-    const int code = OXM_MPI_Op_create(&addInts, 1, &oneMore);
+    const int code = OXM_MPI_Op_create(&combine<std::plus<>>, 1, &oneMore);
     EXPECT_EQ(code, OXM_MPI_ERR_NO_REDUCTION_SLOT);
     EXPECT_EQ(errorText(code), "Too many user-defined reductions are alive at a time");
     EXPECT_EQ(oneMore, OXM_MPI_OP_NULL);
@@ -66,7 +67,7 @@ TEST(WrapperOperations, OfUsersAreKeptApart) {
         EXPECT_EQ(value, expected) << i;
     }
     ORVEX_GOOD(OXM_MPI_Op_free(&ops[7]));
-    ORVEX_GOOD(OXM_MPI_Op_create(&addInts, 1, &ops[7]));
+    ORVEX_GOOD(OXM_MPI_Op_create(&combine<std::plus<>>, 1, &ops[7]));
     int value = rank();
     ORVEX_GOOD(OXM_MPI_Allreduce(OXM_MPI_IN_PLACE, &value, 1, INT, ops[7], WORLD));
     EXPECT_EQ(value, size() * (size() - 1) / 2);
