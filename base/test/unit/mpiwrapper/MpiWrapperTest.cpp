@@ -8,6 +8,7 @@
 #include <cstring>
 #include <regex>
 #include <string>
+#include <tuple>
 #include <utility>
 
 namespace {
@@ -129,33 +130,29 @@ TEST(MpiWrapperStart, TellsWhyTheStartFailed) {
 }
 
 TEST(MpiWrapper, KeepsNameAndVersion) {
-    struct Kind {
-        int (*set)(const char*, int);
-        int (*get)(char*, int*, int);
-        const char* original;
-    };
-    for (const Kind& kind : {Kind{&OXM_MPI_Set_mpi_name, &OXM_MPI_Get_mpi_name, "Scripted MPI"},
-                             Kind{&OXM_MPI_Set_mpi_version, &OXM_MPI_Get_mpi_version, "1.0"}}) {
+    for (const auto& [set, get, original] :
+         {std::tuple(&OXM_MPI_Set_mpi_name, &OXM_MPI_Get_mpi_name, "Scripted MPI"),
+          std::tuple(&OXM_MPI_Set_mpi_version, &OXM_MPI_Get_mpi_version, "1.0")}) {
         ScriptedMpi::start();
         ASSERT_EQ(OXM_MPI_Finalize(), OXM_MPI_SUCCESS);
         ScriptedMpi::start();
         char text[OXM_MPI_MAX_LIBRARY_VERSION_STRING];
         int length = 0;
-        const auto textIn = [&](int capacity) {
-            EXPECT_EQ(kind.get(text, &length, capacity), OXM_MPI_SUCCESS);
+        const auto textIn = [&, read = get](int capacity) {
+            EXPECT_EQ(read(text, &length, capacity), OXM_MPI_SUCCESS);
             return std::string(text);
         };
-        EXPECT_EQ(textIn(sizeof text), kind.original);
-        EXPECT_EQ(kind.set("Cluster MPI", 12), OXM_MPI_SUCCESS);
+        EXPECT_EQ(textIn(sizeof text), original);
+        EXPECT_EQ(set("Cluster MPI", 12), OXM_MPI_SUCCESS);
         EXPECT_EQ(textIn(sizeof text), "Cluster MPI");
         EXPECT_EQ(length, 11);
         EXPECT_EQ(textIn(8), "Cluster") << "cut to the capacity";
-        EXPECT_EQ(kind.set("Cluster MPI", 4), OXM_MPI_SUCCESS);
+        EXPECT_EQ(set("Cluster MPI", 4), OXM_MPI_SUCCESS);
         EXPECT_EQ(textIn(sizeof text), "Clus") << "no more than the length is read";
-        EXPECT_EQ(kind.set(std::string(5000, 'x').c_str(), 5001), OXM_MPI_SUCCESS);
+        EXPECT_EQ(set(std::string(5000, 'x').c_str(), 5001), OXM_MPI_SUCCESS);
         EXPECT_EQ(textIn(sizeof text).size(), sizeof text - 1);
-        EXPECT_EQ(kind.set(nullptr, 3), OXM_MPI_ERR_ARG);
-        EXPECT_EQ(kind.get(text, &length, 0), OXM_MPI_ERR_ARG);
+        EXPECT_EQ(set(nullptr, 3), OXM_MPI_ERR_ARG);
+        EXPECT_EQ(get(text, &length, 0), OXM_MPI_ERR_ARG);
     }
 }
 
