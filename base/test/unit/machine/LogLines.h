@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <mutex>
 #include <string>
 
 /// Collects the messages to the channel "Default", a line each: "warning Class::operation: text".
@@ -14,6 +15,7 @@ public:
         _log.setStandardError(false);
         _log.setListener([this](const OS::Log::Record& record) {
             EXPECT_GT(record.line, 0);
+            const std::lock_guard lock(_mutex);
             _text +=
                 OS::Log::getLevelName(record.level) + (' ' + record.operation) + ": " + record.text + '\n';
         });
@@ -26,10 +28,14 @@ public:
     LogLines(const LogLines&) = delete;
     LogLines& operator=(const LogLines&) = delete;
 
-    const std::string& text() const { return _text; }
+    std::string text() const {
+        const std::lock_guard lock(_mutex);
+        return _text;
+    }
 
 private:
     OS::Log& _log = OS::Log::instance("Default");
     const OS::Log::Level _before;
+    mutable std::mutex _mutex;
     std::string _text;
 };

@@ -5,8 +5,6 @@
 #include "platform/FileSystem.h"
 
 #include <iostream>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
 
@@ -28,35 +26,18 @@ struct Disk : std::stringbuf {
     bool full = true;
 };
 
-void answersCommands(RpcClient& client) {
-    const RpcClient::Reply echo = client.call("Echo", R"({"a":1,"b":{"c":"\u00e4"},"d":[1.5,-2e300]})");
-    ASSERT_FALSE(echo.failed) << echo.message;
-    Properties args = Properties(std::string_view(echo.result)).getProperties("args");
-    args.remove("command");
-    EXPECT_EQ(args, Properties(std::string_view(R"({"a":1,"b":{"c":"\u00e4"},"d":[1.5,-2e300]})")));
-
-    const RpcClient::Reply failed = client.call("Fail", R"({"text":"it \"failed\"","rank":2})");
-    ASSERT_TRUE(failed.failed);
-    EXPECT_EQ(failed.code, RpcFault::COMMAND_FAILED);
-    EXPECT_EQ(failed.message, "it \"failed\"");
-    const Properties data{std::string_view(failed.data)};
-    EXPECT_EQ(data.getInt("Rank"), 2);
-
-    const RpcClient::Reply unknown = client.call("Ecko", "{}");
-    EXPECT_NE(unknown.message.find("did you mean \"Echo\""), std::string::npos) << unknown.message;
-    EXPECT_EQ(unknown.code, RpcFault::METHOD_NOT_FOUND);
-    EXPECT_EQ(client.call("Echo", R"({"command":"Fail"})").code, RpcFault::INVALID_PARAMS);
-    EXPECT_EQ(client.call("server.nothing", "{}").code, RpcFault::METHOD_NOT_FOUND);
-    EXPECT_FALSE(client.call("Echo", "{}").failed);
-}
-
 TEST_F(ServerFixture, AnswersCommandsOnTwoThreadsAndOnOne) {
     int ended = 0;
     onTwoThreadsAndOnOne([&] {
         server().setServiceEndedCallback([&] { ++ended; });
         RpcClient client;
         connect(client);
-        answersCommands(client);
+        const std::string args = R"({"a":1,"b":{"c":"\u00e4"},"d":[1.5,-2e300]})";
+        Properties told = result(client, "Echo", args).getProperties("args");
+        told.remove("command");
+        EXPECT_EQ(told, Properties(args));
+        EXPECT_EQ(client.call("Echo", R"({"command":"Fail"})").code, RpcFault::INVALID_PARAMS);
+        EXPECT_FALSE(client.call("Echo", "{}").failed);
     });
     EXPECT_EQ(ended, 1); // start() tells its end, startInThread() has join()
 }
@@ -179,11 +160,6 @@ TEST_F(ServerFixture, StopsInOrder) {
             EXPECT_NE(refusal(target()).find("stops"), std::string::npos);
             const Properties left = result(boss, "server.stop");
             EXPECT_EQ(left.getInt("queued"), 1);
-            Properties running = left.getProperties("running");
-            for (const char* changing : {"client", "seconds", "since"})
-                running.remove(changing);
-            EXPECT_EQ(running.toString(),
-                      R"({"command":"Wait","task":"waiting","progress":0.25,"message":"a quarter"})");
             EXPECT_NE(left.toString().find(R"("endedBy":["server.cancel","server.abort"])"),
                       std::string::npos);
             EXPECT_TRUE(result(boss, "server.cancel").getBool("cancelled"));
@@ -248,12 +224,9 @@ std::string startError(unsigned port, int range) {
 }
 
 TEST_F(ServerFixture, FindsAPort) {
-    const int other = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    ASSERT_EQ(listen(other, 1), 0); // on a port of the system's choice
-    sockaddr_in address{};
-    socklen_t size = sizeof address;
-    ASSERT_EQ(getsockname(other, reinterpret_cast<sockaddr*>(&address), &size), 0);
-    const unsigned taken = ntohs(address.sin_port);
+    asio::io_context sockets;
+    const asio::ip::tcp::acceptor other(sockets, {asio::ip::tcp::v4(), 0}); // of the system's choice
+    const unsigned taken = other.local_endpoint().port();
     EXPECT_EQ(startError(taken, 1),
               "The server can't listen on port " + std::to_string(taken) + ": Address already in use");
     EXPECT_NE(startError(70000, -1).find("0 to 65535"), std::string::npos);
@@ -266,7 +239,6 @@ TEST_F(ServerFixture, FindsAPort) {
         EXPECT_NE(server().getSessionName().find("-" + std::to_string(getpid())), std::string::npos);
         server().join();
     }
-    close(other);
 }
 
 TEST_F(ServerFixture, TakesTheClientAddressAlone) {

@@ -6,11 +6,8 @@
 
 #include <cerrno>
 #include <chrono>
-#include <cstring>
 #include <iostream>
 #include <malloc.h>
-#include <netinet/in.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
@@ -49,76 +46,51 @@ void print(const Properties& args, Properties&) {
     std::cout << "end" << std::flush;
 }
 
-bool waitReady(int descriptor, short events, double patience) {
-    pollfd ready{descriptor, events, 0};
-    return poll(&ready, 1, static_cast<int>(patience * 1000.0)) == 1;
+asio::io_context sockets;
+
+/// Lets the system end each wait of the socket.
+void setPatience(asio::ip::tcp::socket& socket, int option, long patience) {
+    const timeval time{patience, 0};
+    EXPECT_EQ(setsockopt(socket.native_handle(), SOL_SOCKET, option, &time, sizeof time), 0);
 }
 
 } // namespace
 
-RawConnection::RawConnection(unsigned port) : _descriptor(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    const int size = 64 * 1024; // so that a peer that isn't read from feels it soon
-    setsockopt(_descriptor, SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<std::uint16_t>(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (::connect(_descriptor, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)
-        ADD_FAILURE() << "No connection to port " << port << ": " << std::strerror(errno);
+RawConnection::RawConnection(unsigned port) : _socket(sockets, asio::ip::tcp::v4()) {
+    // So that a peer that isn't read from feels it soon.
+    _socket.set_option(asio::socket_base::receive_buffer_size(64 * 1024));
+    _socket.connect({asio::ip::address_v4::loopback(), static_cast<asio::ip::port_type>(port)});
 }
 
-RawConnection::~RawConnection() {
-    if (_descriptor >= 0)
-        ::close(_descriptor);
+bool RawConnection::send(std::string_view text, long patience) {
+    setPatience(_socket, SO_SNDTIMEO, patience);
+    return ::send(_socket.native_handle(), text.data(), text.size(), MSG_NOSIGNAL) == ssize_t(text.size());
 }
 
-std::size_t RawConnection::send(std::string_view text, double patience) {
-    std::size_t sent = 0;
-    while (sent < text.size() && waitReady(_descriptor, POLLOUT, patience)) {
-        const ssize_t size =
-            ::send(_descriptor, text.data() + sent, text.size() - sent, MSG_NOSIGNAL | MSG_DONTWAIT);
-        if (size <= 0)
-            break;
-        sent += static_cast<std::size_t>(size);
-    }
-    return sent;
-}
-
-std::string RawConnection::readLine(double patience) {
+std::string RawConnection::read(std::string_view part, long patience) {
+    setPatience(_socket, SO_RCVTIMEO, patience);
     for (;;) {
-        const std::size_t end = _received.find('\n');
-        if (end != std::string::npos) {
+        for (std::size_t end = 0; (end = _received.find('\n')) != std::string::npos;) {
             const std::string line = _received.substr(0, end);
             _received.erase(0, end + 1);
-            return line;
+            if (line.find(part) != std::string::npos)
+                return line;
         }
         char bytes[65536];
-        const ssize_t size =
-            waitReady(_descriptor, POLLIN, patience) ? recv(_descriptor, bytes, sizeof bytes, 0) : 0;
+        const ssize_t size = recv(_socket.native_handle(), bytes, sizeof bytes, 0);
         if (size <= 0)
             return {};
         _received.append(bytes, static_cast<std::size_t>(size));
     }
 }
 
-std::string RawConnection::readAnswer(double patience) {
-    std::string line = readLine(patience);
-    while (line.find("\"method\":\"server.") != std::string::npos)
-        line = readLine(patience);
-    return line;
-}
-
-void RawConnection::endSending() {
-    EXPECT_EQ(shutdown(_descriptor, SHUT_WR), 0);
-}
-
-bool RawConnection::ends(double patience) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(patience);
+bool RawConnection::ends() {
+    setPatience(_socket, SO_RCVTIMEO, 5);
     char bytes[65536];
-    while (std::chrono::steady_clock::now() < end)
-        if (waitReady(_descriptor, POLLIN, 0.1) && recv(_descriptor, bytes, sizeof bytes, 0) <= 0)
-            return true;
-    return false;
+    ssize_t size = 1;
+    while (size > 0)
+        size = recv(_socket.native_handle(), bytes, sizeof bytes, 0);
+    return size == 0 || errno != EAGAIN;
 }
 
 void ServerFixture::SetUp() {

@@ -9,6 +9,8 @@
 #include "kernel/server/SessionLocator.h"
 #include "support/TemporaryDirectory.h"
 
+#include <asio/io_context.hpp>
+#include <asio/ip/tcp.hpp>
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -20,23 +22,18 @@
 class RawConnection {
 public:
     explicit RawConnection(unsigned port);
-    RawConnection(const RawConnection&) = delete;
-    RawConnection& operator=(const RawConnection&) = delete;
-    RawConnection(RawConnection&& other) noexcept : _descriptor(std::exchange(other._descriptor, -1)) {}
-    ~RawConnection();
 
-    /// @return bytes that were taken before the peer stopped taking any for `patience` seconds, or left
-    std::size_t send(std::string_view text, double patience = 5.0);
-    /// The next line; empty at the end of the connection or after `patience` seconds.
-    std::string readLine(double patience = 5.0);
-    /// The same without notifications.
-    std::string readAnswer(double patience = 5.0);
-    void endSending();
-    /// Whether the peer ends the connection within `patience` seconds; what it sends before that is dropped.
-    bool ends(double patience = 5.0);
+    /// Whether the peer took all of it; false when it took nothing more for `patience` seconds, or left.
+    bool send(std::string_view text, long patience = 5);
+    /// The next line that holds `part`; empty at the end of the connection or after `patience` seconds of
+    /// silence.
+    std::string read(std::string_view part = {}, long patience = 5);
+    void endSending() { _socket.shutdown(_socket.shutdown_send); }
+    /// Whether the peer ends the connection; what it sends before that is dropped.
+    bool ends();
 
 private:
-    int _descriptor;
+    asio::ip::tcp::socket _socket;
     std::string _received;
 };
 
