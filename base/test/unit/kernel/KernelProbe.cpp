@@ -7,7 +7,6 @@
 //     hang       and an observer never returns
 //     module     while a module loads
 //     sent       by a signal from outside
-//     pipe, size writes to a closed pipe, or above the limit of file sizes: no fault
 
 #include "kernel/Controller.h"
 #include "kernel/DynamicLoader.h"
@@ -17,11 +16,9 @@
 #include "platform/Time.h"
 
 #include <csignal>
-#include <cstdio>
 #include <cstdlib>
 #include <iostream>
 #include <string>
-#include <sys/resource.h>
 #include <thread>
 #include <unistd.h>
 
@@ -38,32 +35,13 @@ void touchWithoutExceptions() noexcept {
 }
 
 struct FaultObserver : Observer {
-    explicit FaultObserver(bool hang) : hangs(hang) {}
     void update(Properties&) override {
         while (hangs)
             Platform::time().sleep(1.0);
         touchNowhere();
     }
-    bool hangs;
+    bool hangs = false;
 };
-
-/// Writes where no byte can go; no signal may end the process for it.
-int writeInVain(int descriptor, const char* signal) {
-    const bool failed = ::write(descriptor, "x", 1) < 0;
-    std::cerr << (failed ? "no " : "written: ") << signal << std::endl;
-    return 0;
-}
-
-int writeToClosedPipe() {
-    int ends[2];
-    return ::pipe(ends) == 0 && ::close(ends[0]) == 0 ? writeInVain(ends[1], "SIGPIPE") : 1;
-}
-
-int writeAboveTheLimit() {
-    const rlimit none{0, 0};
-    std::FILE* file = std::tmpfile();
-    return file && ::setrlimit(RLIMIT_FSIZE, &none) == 0 ? writeInVain(::fileno(file), "SIGXFSZ") : 1;
-}
 
 int play(const std::string& how) {
     SignalHandler::setAbortCallback([how] {
@@ -73,13 +51,10 @@ int play(const std::string& how) {
         std::exit(32);
     });
     SignalHandler::install();
-    FaultObserver observer(how == "hang");
+    FaultObserver observer;
+    observer.hangs = how == "hang";
     if (how == "observer" || how == "abort" || how == "hang")
         Controller::getSingleton().getSignalRaisedObservable().attach(observer);
-    if (how == "pipe")
-        return writeToClosedPipe();
-    if (how == "size")
-        return writeAboveTheLimit();
     std::string reason;
     if (how == "module")
         return DynamicLoader::getSingleton().loadNoAssert("OrvexKernelThrowingModule", reason) ? 1 : 2;

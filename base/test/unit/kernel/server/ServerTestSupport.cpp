@@ -3,6 +3,7 @@
 #include "kernel/Raise.h"
 #include "kernel/Task.h"
 #include "platform/Memory.h"
+#include "support/TestCommand.h"
 
 #include <cerrno>
 #include <chrono>
@@ -18,20 +19,6 @@ std::atomic<bool> ServerFixture::released{false};
 std::atomic<int> ServerFixture::executed{0};
 
 namespace {
-
-/// A command made of a function.
-struct TestCommand : Command {
-    using Body = std::function<void(const Properties& args, Properties& response)>;
-    TestCommand(std::string ownName, Body work, std::vector<CommandKey> results)
-        : Command({"For tests: " + ownName,
-                   {{"text", "text", "anything", false}, {CommandKey::ANY, "any", "anything else", false}},
-                   std::move(results)}),
-          name(std::move(ownName)), body(std::move(work)) {}
-    std::string getName() const override { return name; }
-    void execute(const Properties& args, Properties& response) override { body(args, response); }
-    const std::string name;
-    const Body body;
-};
 
 void fail(const Properties& args, Properties& response) {
     response.set("before", true);
@@ -113,7 +100,11 @@ void ServerFixture::addCommands() {
             ++executed;
             body(args, response);
         };
-        Controller::getSingleton().registerCommand(new TestCommand(name, counted, results));
+        const CommandHelp help{
+            std::string("For tests: ") + name,
+            {{"text", "text", "anything", false}, {CommandKey::ANY, "any", "anything else", false}},
+            results};
+        Controller::getSingleton().registerCommand(new TestCommand(name, counted, help));
     };
     add("Echo", [](const Properties& args, Properties& response) { response.set("args", args); });
     add("Fail", &fail);
