@@ -33,13 +33,15 @@ std::vector<std::string> seeds() {
             RpcMessage::notification("server.console", R"({"text":"\n"})"),
         RpcMessage::failure("3", {RpcFault::BUSY, "\"\\"}, R"({"Rank":2})"),
         record.toText(),
+        Properties(R"({"a":[1,-2.5e-3,true,null,{"$real":"inf"}],"b":{"c":"x\u00e9\ud83d\ude00\n","d":{}}})")
+            .toXml("value"),
     };
 }
 
 /// Changes a text the way faults and attackers do.
 std::string mutate(std::string text, std::mt19937& generator) {
     std::vector<std::string> pieces =
-        StringHelper::tokenize("{ } [ ] \" : , \n \\u0000 \\ud800 1e999 - \xff \xc0\x80 \xed\xa0\x80 "
+        StringHelper::tokenize("{ } [ ] < > & / \" : , \n \\u0000 \\ud800 1e999 - \xff \xc0\x80 \xed\xa0\x80 "
                                "\"jsonrpc\":\"2.0\" null 18446744073709551616",
                                " ");
     pieces.insert(pieces.end(),
@@ -72,7 +74,7 @@ TEST(WireFuzz, MutationsOfHonestTextsKeepThePromises) {
     std::mt19937 generator(47827);
     const std::vector<std::string> honest = seeds();
     std::vector<std::string> pool = honest;
-    for (int round = 0; round < 20000; ++round) {
+    for (int round = 0; round < 60000; ++round) {
         std::string text = mutate(pool[generator() % pool.size()], generator);
         fuzzWire(reinterpret_cast<const std::uint8_t*>(text.data()), text.size());
         if (text.size() < 20000) // the next mutation may start from this one

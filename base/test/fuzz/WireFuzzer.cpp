@@ -26,14 +26,16 @@ void demand(bool holds, const char* promise, std::string_view line) {
 }
 
 void fuzzArguments(std::string_view text, std::string_view line) {
-    try {
-        const Properties properties{text};
-        const std::string written = properties.toString();
-        demand(Properties(std::string_view(written)) == properties, "what was read is written and read again",
-               line);
-        demand(written.find('\n') == std::string::npos, "the text form is one line", line);
-    } catch (const InputError&) {
-        // refused in words, which is all that is asked
+    for (Properties (*const read)(std::string_view) :
+         {+[](std::string_view json) { return Properties(json); }, &Properties::fromXml}) {
+        try {
+            const Properties properties = read(text);
+            const std::string written = properties.toString();
+            demand(Properties(std::string_view(written)) == properties, "what was read is read again", line);
+            demand(written.find('\n') == std::string::npos, "the text form is one line", line);
+        } catch (const InputError&) {
+            // refused in words, which is all that is asked
+        }
     }
 }
 
@@ -91,6 +93,9 @@ void fuzzWire(const std::uint8_t* data, std::size_t size) {
         }
         demand(frames.size() <= LIMIT + room.size(), "no more is held than a line and a read", text);
     }
+    const std::string_view rest = text.substr(handedOut);
+    demand(frames.isTooLong() || (frames.size() == rest.size() && rest.find('\n') == rest.npos),
+           "each line is handed out", text);
     fuzzLine(text);
     fuzzArguments(text, text);
     SessionRecord::fromText(std::string(text));

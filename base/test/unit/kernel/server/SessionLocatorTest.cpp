@@ -161,30 +161,27 @@ TEST_F(SessionLocatorTest, TrustsNoForeignFiles) {
 }
 
 TEST_F(SessionLocatorTest, LeavesNoRecordOnAnyWayOut) {
-    const auto inChild = [](const std::function<void()>& work) {
+    const auto countAfter = [this](const std::function<void()>& work) {
         const pid_t child = fork();
         if (child == 0) {
             work();
             std::exit(0); // as an abort of a serial process does
         }
-        ASSERT_EQ(waitpid(child, nullptr, 0), child);
-    };
-    const auto countFiles = [this] {
+        EXPECT_EQ(waitpid(child, nullptr, 0), child);
         std::vector<std::wstring> directories, files;
         EXPECT_TRUE(Platform::filesystem().listDirectory(sessions, directories, files));
         return files.size();
     };
-    inChild([] { locator().publish(record("child")); });
-    EXPECT_EQ(countFiles(), 0u);
-    inChild([] {
-        locator().publish(record("child"));
+    const auto publish = [] { locator().publish(record("child")); };
+    const auto abort = [&] {
+        publish();
         SessionLocator::cleanup();
         std::_Exit(0); // as an abort of a job does
-    });
-    EXPECT_EQ(countFiles(), 0u);
-    locator().publish(record("parent"));
-    inChild([] {}); // takes nothing of its parent's along
-    EXPECT_EQ(countFiles(), 1u);
+    };
+    EXPECT_EQ(countAfter(publish), 0u);
+    EXPECT_EQ(countAfter(abort), 0u);
+    publish();
+    EXPECT_EQ(countAfter([] {}), 1u); // takes nothing of its parent's along
 }
 
 } // namespace
