@@ -89,7 +89,8 @@ TEST_F(LauncherWatchTest, ARankEndsWithAnyOfItsAncestors) {
                 {{"outer", "mpirun.test", "wrapper"}, "wrapper mpirun.test ", 0, L"plain"},
                 {{"mpiexec", "hydra_pmi_proxy"}, "hydra_pmi_proxy mpiexec ", 1, L"hang"},
                 {{"mpiexec", "test-harness", "srun"}, "srun ", 0, L"plain"},
-                {{"one", "two"}, "two ", 0, L"plain"}};
+                {{"one", "two"}, "two ", 0, L"plain"},
+                {{"one", "two"}, "two ", 0, L"stopped"}};
     for (const auto& row : rows) {
         start(row.tree, row.how);
         std::string watched;
@@ -98,10 +99,13 @@ TEST_F(LauncherWatchTest, ARankEndsWithAnyOfItsAncestors) {
         ASSERT_EQ(watched, row.watched);
         const auto& victim = ancestors[row.victim];
         ASSERT_TRUE(Platform::process().kill(victim.pid));
-        EXPECT_EQ(readLine(), "The process " + std::to_string(victim.pid) + " (" + victim.name +
-                                  "), which held this job, has ended");
+        const bool lives = row.how == L"stopped"; // until it ends by itself
+        EXPECT_EQ(readLine(), lives ? ""
+                                    : "The process " + std::to_string(victim.pid) + " (" + victim.name +
+                                          "), which held this job, has ended");
         // The orphan is the process below the victim; between it and the rank, each passes the status on.
-        EXPECT_EQ(await(row.victim == 0 ? rank : ancestors[row.victim - 1].pid, 5.0), WATCH_STATUS);
+        EXPECT_EQ(await(row.victim == 0 ? rank : ancestors[row.victim - 1].pid, 5.0),
+                  lives ? 1 : WATCH_STATUS);
         EXPECT_FALSE(Platform::process().isAlive(rank));
         // Processes outside the watched part are left alone: end them.
         for (const auto& ancestor : ancestors)

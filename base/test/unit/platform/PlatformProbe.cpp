@@ -1,6 +1,7 @@
 // Plays the processes that the tests need beside their own:
 //   platformProbe run WORDS...     starts the words as a child that prints where this one does, and waits
-//   platformProbe rank HOW         watches its launcher: HOW is plain or hang (the callback never returns)
+//   platformProbe rank HOW         watches its launcher: HOW is plain, hang (the callback never returns)
+//                                  or stopped (the watch is stopped at once)
 #include "platform/LauncherWatch.h"
 #include "platform/Process.h"
 #include "platform/StringHelper.h"
@@ -34,18 +35,14 @@ int playRank(const std::string& how) {
     for (const auto& ancestor : watch.getAncestors())
         std::cout << " " << ancestor.pid << " " << ancestor.name;
     std::cout << std::endl;
-    Platform::time().sleep(30.0); // the watch ends it long before
+    if (how == "stopped")
+        watch.stop();
+    Platform::time().sleep(how == "stopped" ? 2.0 : 30.0); // the watch ends it long before
     return watching ? 1 : 2;
 }
 
 } // namespace
 
 int main(int argc, char** argv) {
-    const std::string part = argc > 1 ? argv[1] : "";
-    if (part == "run" && argc > 2)
-        return run(argc, argv);
-    if (part == "rank" && argc > 2)
-        return playRank(argv[2]);
-    std::cerr << "platformProbe: run WORDS... or rank HOW is expected\n";
-    return 64;
+    return argv[1] == std::string("run") ? run(argc, argv) : playRank(argv[2]);
 }

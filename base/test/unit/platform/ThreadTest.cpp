@@ -2,30 +2,23 @@
 
 #include "platform/InterruptableRunnable.h"
 #include "platform/Semaphore.h"
-#include "platform/Threads.h"
 #include "platform/Time.h"
 
 #include <gtest/gtest.h>
-
-#include <atomic>
-#include <thread>
 
 namespace {
 
 class Worker : public InterruptableRunnable {
 public:
-    std::atomic<int> rounds{0};
-    std::atomic<bool> sleepLong{false};
+    int rounds = 0;     // of the thread, until it is joined
+    double pause = 0.0; ///< [s]
     Semaphore turn;
 
 protected:
     void runNestedTask() override {
         ++rounds;
         turn.post();
-        if (sleepLong)
-            sleep(30.0);
-        else
-            Platform::threads().yield();
+        sleep(pause);
     }
 };
 
@@ -52,7 +45,7 @@ TEST(Thread, RunsAgainAfterAStop) {
 
 TEST(Thread, TheDestructorEndsASleep) {
     Worker worker;
-    worker.sleepLong = true;
+    worker.pause = 30.0;
     const double start = Platform::time().getTime();
     {
         Thread thread(worker);
