@@ -33,6 +33,7 @@ std::vector<std::string> seeds() {
             RpcMessage::notification("server.console", R"({"text":"\n"})"),
         RpcMessage::failure("3", {RpcFault::BUSY, "\"\\"}, R"({"Rank":2})"),
         record.toText(),
+        std::string(4096, 'x') + "\n" + std::string(4097, 'x') + "\n", // the limit of a line
         Properties(R"({"a":[1,-2.5e-3,true,null,{"$real":"inf"}],"b":{"c":"x\u00e9\ud83d\ude00\n","d":{}}})")
             .toXml("value"),
     };
@@ -47,25 +48,11 @@ std::string mutate(std::string text, std::mt19937& generator) {
     pieces.insert(pieces.end(),
                   {std::string(1, 0), std::string(70, '['), std::string(70, '{'), std::string(5000, 'x')});
     const auto below = [&](std::size_t limit) { return limit == 0 ? 0 : generator() % limit; };
-    for (std::size_t changes = 1 + below(6); changes > 0; --changes) {
-        const std::size_t at = below(text.size() + 1);
-        switch (below(6)) {
-        case 0:
-            text.insert(at, pieces[below(pieces.size())]);
-            break;
-        case 1:
-            text.erase(at, 1 + below(20));
-            break;
-        case 2:
-            text.resize(at);
-            break;
-        case 3:
-            text.insert(at, text.substr(below(text.size() + 1), below(200)));
-            break;
-        default:
-            if (at < text.size())
-                text[at] = static_cast<char>(below(256));
-        }
+    for (std::size_t changes = below(7); changes > 0; --changes) {
+        const std::string added[] = {"", pieces[below(pieces.size())], std::string(1, char(below(256))),
+                                     text.substr(below(text.size() + 1), below(200))};
+        const std::size_t taken[] = {0, 1, 1, below(20), below(10) != 0 ? 1 : text.size()};
+        text.replace(below(text.size() + 1), taken[below(5)], added[below(4)]);
     }
     return text;
 }

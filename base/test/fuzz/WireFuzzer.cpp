@@ -94,8 +94,9 @@ void fuzzWire(const std::uint8_t* data, std::size_t size) {
         demand(frames.size() <= LIMIT + room.size(), "no more is held than a line and a read", text);
     }
     const std::string_view rest = text.substr(handedOut);
-    demand(frames.isTooLong() || (frames.size() == rest.size() && rest.find('\n') == rest.npos),
-           "each line is handed out", text);
+    demand(frames.isTooLong() == (rest.substr(0, rest.find('\n')).size() > LIMIT) &&
+               (frames.isTooLong() || frames.size() == rest.size()),
+           "each line is handed out, unless it is too long", text);
     fuzzLine(text);
     fuzzArguments(text, text);
     SessionRecord::fromText(std::string(text));

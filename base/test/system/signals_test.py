@@ -74,10 +74,11 @@ class Asked(Ends):
     def test_abort(self):
         """A client takes the job down in the middle of a command."""
         job, waiting = self.at_work(60, mpi=MPIS[-1], ranks=2)
-        job.ctl("abort", check=False)
+        job.ctl("abort", "reason=it hangs", check=False)
         self.assertNotEqual(job.wait(), 0)
         self.assertNotEqual(waiting.wait(timeout=GONE_LIMIT), 0)
-        self.all_gone()
+        self.assertRegex(waiting.said(), "The job aborts: .* demanded the abort: it hangs")
+        self.nothing_left()
 
     def test_while_a_command_runs(self):
         """The command at work finishes and is answered; then the server stops."""

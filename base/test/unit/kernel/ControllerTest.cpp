@@ -156,22 +156,6 @@ TEST_F(ControllerTest, ErrorsOfEveryKindEndInTheResponse) {
     }
 }
 
-TEST_F(ControllerTest, ResultsHaveWhateverKeysTheyLike) {
-    const Properties results(
-        R"({"Command":7,"Error":0.5,"Message":"fine","Severity":"3","Rank":[1],"Kind":{}})");
-    add("Odd", [&](const Properties&, Properties& response) { response.merge(results); });
-    EXPECT_EQ(run("Odd"), results);
-    EXPECT_TRUE(isFine);
-    queue("Odd");
-    controller.processQueuedCommands();
-    EXPECT_EQ(responses.back(), results);
-    EXPECT_EQ(lastStatus, Controller::Outcome::DONE);
-    EXPECT_THROW(controller.getToldOutcome(), InternalError);
-    gather.work = [&](Properties&) { controller.getToldOutcome().status = Controller::Outcome::FAILED; };
-    run("Odd");
-    EXPECT_FALSE(isFine);
-}
-
 TEST_F(ControllerTest, ArgumentsAreCheckedBeforeAnythingElseHappens) {
     const auto takeCall = [&](const Properties&, Properties&) { log += "x"; };
     controller.registerCommand(new TestCommand("Solve", takeCall,

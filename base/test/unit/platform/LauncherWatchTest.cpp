@@ -15,7 +15,7 @@
 
 namespace {
 
-constexpr int WATCH_STATUS = 7;
+constexpr int WATCH_STATUS = 7; // of PlatformProbe.cpp
 
 /// A tree of real processes with the names of launchers; its innermost one is the rank that watches.
 class LauncherWatchTest : public testing::Test {
@@ -36,10 +36,11 @@ protected:
         for (const std::string& name : names) {
             const std::wstring program = directory / StringHelper::toWString(name);
             if (!std::filesystem::exists(program))
-                std::filesystem::create_symlink(ORVEX_PROBE, program);
-            command.insert(command.end(), {program, L"run"});
+                std::filesystem::create_symlink("/bin/sh", program);
+            command.insert(command.end(), {program, L"-c", L"exec 2>/dev/null; \"$@\"; exit $?",
+                                           L"sh"}); // a process of its own
         }
-        command.insert(command.end(), {StringHelper::toWString(ORVEX_PROBE), L"rank", how});
+        command.insert(command.end(), {StringHelper::toWString(ORVEX_PROBE), how});
         Platform::Process::StartOptions options;
         // Built with the thread sanitizer, a process lingers at its end and tells of threads that _exit cuts
         // off.

@@ -1,5 +1,4 @@
 #include "kernel/server/RpcMessage.h"
-#include "kernel/server/FrameBuffer.h"
 
 #include <gtest/gtest.h>
 
@@ -79,17 +78,6 @@ TEST(RpcMessage, ReadsItsOwnText) {
     EXPECT_EQ(RpcMessage::failure({}, {RpcFault::BUSY, "no"}, "{\"a\":1}"),
               "{\"jsonrpc\":\"2.0\",\"id\":null,\"error\":{\"code\":-32003,\"message\":\"no\",\"data\":{"
               "\"a\":1}}}\n");
-}
-
-TEST(RpcFrame, SeesALineThatIsTooLong) {
-    for (const std::size_t length : {10u, 11u})
-        for (const bool complete : {true, false}) {
-            FrameBuffer frames(10);
-            const std::string text = std::string(length, 'x') + (complete ? "\n" : "");
-            frames.commit(text.copy(frames.prepare().data(), text.size()));
-            EXPECT_EQ(frames.next().has_value(), complete && length == 10);
-            EXPECT_EQ(frames.isTooLong(), length > 10) << length << complete;
-        }
 }
 
 } // namespace

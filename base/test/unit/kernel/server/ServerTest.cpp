@@ -96,13 +96,14 @@ TEST_F(ServerFixture, SendsTheConsoleBeforeTheAnswer) {
     EXPECT_EQ(std::cout.rdbuf(), before);
 }
 
-TEST_F(ServerFixture, ServesOneClientAtATimeInSingleMode) {
+TEST_F(ServerFixture, ServesOneClientAtATimeAndRunsWhatItLeft) {
     server().setConnectionMode(Server::SINGLE_CONNECTION);
     serve([&] {
         {
             RpcClient first;
             connect(first, "the first");
-            first.send("Wait", "{}");
+            for (int i = 0; i < 3; ++i)
+                first.send("Wait", "{}");
             RpcClient control;
             connect(control, "the boss", Access::CONTROL);
             ASSERT_TRUE(waitFor([&] { return result(control, "server.status").hasName("running"); }));
@@ -118,23 +119,9 @@ TEST_F(ServerFixture, ServesOneClientAtATimeInSingleMode) {
         }
         EXPECT_TRUE(waitFor([&] { return refusal(target()).empty(); })); // the first has left
         release();
-        EXPECT_EQ(executed, 1);
-    });
-}
-
-TEST_F(ServerFixture, GoesOnWhenAClientLeavesAtAnyMoment) {
-    serve([&] {
-        {
-            RpcClient leaving;
-            connect(leaving);
-            for (int i = 0; i < 3; ++i)
-                leaving.send("Wait", "{}");
-        }
-        RpcClient client;
-        connect(client);
-        EXPECT_EQ(result(client, "server.listCommands", R"({"name":"Ecko"})").getString("nearest"), "Echo");
-        release();
-        EXPECT_FALSE(client.call("Echo", "{}", 10s).failed);
+        RpcClient second;
+        connect(second);
+        EXPECT_FALSE(second.call("Echo", "{}", 10s).failed);
         EXPECT_EQ(executed, 4); // what was received is run, in order
     });
 }
@@ -181,35 +168,12 @@ TEST_F(ServerFixture, StopsInOrder) {
 
 TEST_F(ServerFixture, EndsByStopAlone) {
     server().setConnectionMode(Server::NO_CONNECTION);
-    serveWithoutThreads([&] { EXPECT_EQ(target().port, 0u); });
+    serve([&] { EXPECT_EQ(target().port, 0u); }, false);
     SetUp();
     EXPECT_EQ(server().getPort(), 0u);
     server().stop(); // before the start
     server().start(L"", 0);
     EXPECT_FALSE(server().isRunning());
-}
-
-TEST_F(ServerFixture, TellsOfAnAbort) {
-    bool aborted = false;
-    server().setAbortCallback([&] { aborted = true; });
-    serve([&] {
-        RpcClient client;
-        connect(client, "somebody");
-        std::string reason;
-        client.setNotificationCallback([&](const std::string& method, std::string_view params) {
-            if (method == "server.abort")
-                reason = Properties(params).getString("Message");
-        });
-        client.call("server.abort", R"({"reason":"it hangs"})");
-        EXPECT_TRUE(waitFor([&] {
-            client.call("server.ping", "{}");
-            return !reason.empty();
-        }));
-        EXPECT_EQ(reason, "somebody demanded the abort: it hangs");
-        EXPECT_TRUE(waitFor(
-            [&] { return !Platform::filesystem().exists(SessionLocator::getSingleton().getRecordPath()); }));
-    });
-    EXPECT_TRUE(aborted);
 }
 
 /// @return the message with which the server refuses to start

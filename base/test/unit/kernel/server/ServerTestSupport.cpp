@@ -135,35 +135,26 @@ void ServerFixture::TearDown() {
     std::cout.rdbuf(_standardOutput);
 }
 
-void ServerFixture::play(const std::function<void()>& clients) {
-    EXPECT_NO_THROW(clients());
-    release();
-    server().stop();
-}
-
-void ServerFixture::serve(const std::function<void()>& clients) {
-    server().startInThread(L"test", 0);
-    std::thread player([&] { play(clients); });
-    Controller::getSingleton().processCommands();
-    player.join();
-    server().join();
-}
-
-void ServerFixture::serveWithoutThreads(const std::function<void()>& clients) {
+void ServerFixture::serve(const std::function<void()>& clients, bool threaded) {
+    if (threaded)
+        server().startInThread(L"test", 0);
     std::thread player([&] {
         EXPECT_TRUE(
             waitFor([&] { return server().isRunning() && SessionLocator::getSingleton().isRunning(); }));
-        play(clients);
+        EXPECT_NO_THROW(clients());
+        release();
+        server().stop();
     });
-    server().start(L"test", 0);
+    threaded ? Controller::getSingleton().processCommands() : server().start(L"test", 0);
     player.join();
+    server().join();
 }
 
 void ServerFixture::onTwoThreadsAndOnOne(const std::function<void()>& clients, std::streambuf* console) {
     for (const bool threaded : {true, false}) {
         SetUp();
         std::streambuf* const before = std::cout.rdbuf(console ? console : std::cout.rdbuf());
-        threaded ? serve(clients) : serveWithoutThreads(clients);
+        serve(clients, threaded);
         EXPECT_FALSE(server().isRunning());
         std::cout.rdbuf(before);
     }

@@ -49,10 +49,9 @@ protected:
     void TearDown() override;
 
     Server& server() { return Server::getSingleton(); }
-    /// Starts the server and runs commands until `clients` is done and the server has stopped.
-    void serve(const std::function<void()>& clients);
-    /// The same on one thread, as with -nothreads.
-    void serveWithoutThreads(const std::function<void()>& clients);
+    /// Starts the server and runs commands until `clients` is done and the server has stopped; on one thread,
+    /// as with -nothreads, unless `threaded`.
+    void serve(const std::function<void()>& clients, bool threaded = true);
     /// Both, one after the other, each with a server of its own that prints to `console`.
     void onTwoThreadsAndOnOne(const std::function<void()>& clients, std::streambuf* console = nullptr);
 
@@ -74,7 +73,6 @@ protected:
 
 private:
     static void addCommands();
-    void play(const std::function<void()>& clients);
 
     TemporaryDirectory _directory;
     std::ostringstream _console; ///< stands in for the standard output
