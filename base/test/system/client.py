@@ -14,9 +14,9 @@ class Closed(Exception):
 
 
 class Client:
-    def __init__(self, record, handshake=True, key=None, client="system test"):
+    def __init__(self, record, handshake=True, client="system test"):
         self.record, self.name = record, client
-        self.key = bytes.fromhex(key or record["key"])
+        self.key = bytes.fromhex(record["key"])
         self.socket = socket.create_connection((record["address"], record["port"]), timeout=10)
         self.socket.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         self._received = b""

@@ -52,13 +52,11 @@ def record_of(process):
 def wait_until(condition, limit, what):
     """The first true value of condition(); fails after limit seconds."""
     end = time.monotonic() + limit
-    while True:
-        value = condition()
-        if value:
-            return value
+    while not (value := condition()):
         if time.monotonic() > end:
             raise AssertionError(f"not within {limit:g} s: {what() if callable(what) else what}")
         time.sleep(0.02)
+    return value
 
 
 class Process:
@@ -86,9 +84,8 @@ class Process:
 
     def own_pid(self):
         """The identifier that the process itself knows: on a host made of namespaces, another than we see."""
-        numbers = [line.split()[-1] for line in self.read("status").decode(errors="replace").splitlines()
-                   if line.startswith("NSpid:")]
-        return int(numbers[0]) if numbers else self.pid
+        numbers = re.search(rb"\nNSpid:.*\s(\d+)\n", self.read("status"))
+        return int(numbers[1]) if numbers else self.pid
 
     def parent(self):
         return int(self.read("stat").decode(errors="replace").rpartition(")")[2].split()[1])
@@ -98,8 +95,7 @@ class Process:
         return int(self.read("statm").split()[1]) * os.sysconf("SC_PAGE_SIZE")
 
     def shared_files(self):
-        return {line.split()[-1] for line in self.read("maps").decode(errors="replace").splitlines()
-                if " /dev/shm/" in line}
+        return set(re.findall(r" (/dev/shm/\S+)", self.read("maps").decode(errors="replace")))
 
     def kill(self, number=signal.SIGKILL):
         with contextlib.suppress(ProcessLookupError):
@@ -128,13 +124,8 @@ class Room:
     def processes(self):
         """All that live in this room, orphans too."""
         mark = f"{MARK}={self.mark}".encode()
-        found = []
-        for name in os.listdir("/proc"):
-            if name.isdigit():
-                process = Process(int(name))
-                if mark in process.read("environ").split(b"\0") and process.alive():
-                    found.append(process)
-        return found
+        all_there = [Process(int(name)) for name in os.listdir("/proc") if name.isdigit()]
+        return [process for process in all_there if mark in process.read("environ").split(b"\0") and process.alive()]
 
     def servers(self):
         # A process may end between two looks at it: each is looked at once.
@@ -177,11 +168,9 @@ class Job:
         if cluster and not slots:
             command = cluster.on(0, *command)
         self.number = len(list(room.top.glob("out-*")))
-        self._out = open(room.top / f"out-{self.number}", "w+b")
-        self._err = open(room.top / f"err-{self.number}", "w+b")
-        self.process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=self._out, stderr=self._err,
-                                        cwd=room.work, env=room.environment(**(environment or {})),
-                                        start_new_session=True)
+        with open(room.top / f"out-{self.number}", "wb") as out, open(room.top / f"err-{self.number}", "wb") as err:
+            self.process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=out, stderr=err, cwd=room.work,
+                                            env=room.environment(**(environment or {})), start_new_session=True)
 
     def out(self):
         return (self.room.top / f"out-{self.number}").read_text(errors="replace")
@@ -198,21 +187,15 @@ class Job:
 
     def members(self):
         """The server processes of this job by rank."""
-        result = {}
-        for process in self.room.servers():
-            environment = process.environment()
-            rank = environment.get("OMPI_COMM_WORLD_RANK", environment.get("PMI_RANK", "0"))
-            result[int(rank)] = process
-        return result
+        seen = [(process.environment(), process) for process in self.room.servers()]
+        return {int(words.get("OMPI_COMM_WORLD_RANK", words.get("PMI_RANK", "0"))): process for words, process in seen}
 
     def record(self):
         """The session record of the server; None before it is written."""
         master = self.members().get(0)
         path = record_of(master) if master else None
-        if path is None:
-            return None
-        self.room.records.add(path)
-        return json.loads(path.read_text())
+        self.room.records.update(filter(None, [path]))
+        return json.loads(path.read_text()) if path else None
 
     def wait_ready(self):
         """Until the server takes connections, or says that it takes none."""
@@ -258,8 +241,6 @@ class Job:
             return self.process.wait(timeout=limit)
         except subprocess.TimeoutExpired:
             raise AssertionError(f"the job still runs after {limit:g} s: " + self.told()) from None
-        finally:
-            self._out.flush()
 
     def stop(self):
         """Stops in order, by the client."""
@@ -286,10 +267,7 @@ class Case(unittest.TestCase):
                 raise
 
     def start(self, *options, **more):
-        job = Job(self.room, *options, **more)
-        self.addCleanup(job._out.close)
-        self.addCleanup(job._err.close)
-        return job
+        return Job(self.room, *options, **more)
 
     def ready(self, *options, **more):
         return self.start(*options, **more).wait_ready()

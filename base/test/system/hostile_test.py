@@ -3,11 +3,9 @@
 Each attack is refused or bounded with a message that says why; meanwhile a proper client is served and the
 server's memory stays where it was. The limits one by one: base/test/unit/kernel/server/ServerLimitsTest.cpp.
 """
-import json
-import re
 import time
 
-from client import Client, Closed
+from client import Client
 from harness import PATIENCE, Case, Process, main, wait_until
 
 MIB, GIB = 1 << 20, 1 << 30
@@ -36,22 +34,6 @@ class Hostile(Case):
         self.assertEqual(self.proper.call("GetNumberOfWorkers")["NumberOfWorkers"], 1)
         self.assertLess(time.monotonic() - began, 2 * PATIENCE)
 
-    def logged(self, pattern):
-        wait_until(lambda: re.search(pattern, self.job.err() + self.job.out()), 5 * PATIENCE,
-                   lambda: f"'{pattern}' in the log: {self.job.err()[-2000:]}")
-
-    def stranger(self):
-        return Client(self.record, handshake=False)
-
-    def test_without_the_key(self):
-        stranger = self.stranger()
-        stranger.key = bytes(32)
-        self.assertIn("proof of the session key is wrong", json.dumps(stranger.authenticate()))
-        with self.assertRaises(Closed):
-            stranger.read(limit=15 * PATIENCE)
-        stranger.close()
-        self.logged("proof of the session key is wrong")
-
     def test_an_endless_line(self):
         """Of a line without end the server keeps what its limit allows, and cuts the sender off in seconds."""
         for handshake in (False, True):
@@ -64,43 +46,19 @@ class Hostile(Case):
                 self.assertLess(Process(self.job.process.pid).memory() - self.before, MEMORY_LIMIT)
                 self.served()
                 stranger.close()
-        self.logged("too long, beyond 4096 bytes")
-        self.logged("too long, beyond 16777216 bytes")
+                limit = 16777216 if handshake else 4096
+                wait_until(lambda: f"too long, beyond {limit} bytes" in self.job.err(), 5 * PATIENCE, self.job.told)
 
     def test_broken_requests(self):
         """Of a client that proved its key: each fault is answered, and the connection goes on."""
         client = Client(self.record)
-        deep = '{"a":' * 5000 + "1" + "}" * 5000
-        for line in (b'{"jsonrpc":"2.0","id":7,"method":"GetHosts","params":{"a":"\xff\xfe"}}',
-                     b'{"jsonrpc":"2.0","id":7,"method":"GetHosts","params":' + deep.encode() + b"}",
-                     b'{"jsonrpc":"2.0","id":7,"method":"GetHosts","params":[1]}',
-                     b'{"jsonrpc":"2.0","id":7,"method":5}', b'{"id":7,"method":"GetHosts"}',
-                     b'[{"jsonrpc":"2.0","id":7,"method":"GetHosts"}]', b"[" * 100000, b"\x00", b"nonsense",
-                     b'{"jsonrpc":"2.0","id":7,"method":"GetHosts"', b'{"jsonrpc":"2.0","id":{},"method":"GetHosts"}'):
+        for line in (b'{"jsonrpc":"2.0","id":7,"method":"GetHosts","params":' + b'{"a":' * 5000 + b"1" + b"}" * 5001,
+                     b'{"jsonrpc":"2.0","id":7,"method":5}', b"[" * 100000, b"\x00", b"\xff\xfe"):
             with self.subTest(line=line[:60]):
                 client.send_raw(line + b"\n")
-                answer = client.read_answer()
-                self.assertIn("error", answer)
-                self.assertTrue(answer["error"]["message"])
+                self.assertTrue(client.read_answer()["error"]["message"])
                 self.assertEqual(client.call("GetNumberOfWorkers")["NumberOfWorkers"], 1)
-        client.send_raw(b'{"jsonrpc":"2.0","id":1,"method":"GetNumb')
         client.close()
-
-    def test_bad_arguments(self):
-        """A refused command names what is wrong and what was expected."""
-        for name, arguments, pattern in [
-            ("GetHosst", {}, "GetHosts"),
-            ("", {}, "method"),
-            ("ListDir", {}, "path"),
-            ("ListDir", {"path": 5}, "path"),
-            ("CreateFile", {"path": "/nowhere/at/all"}, "Could not open file: /nowhere/at/all"),
-            ("EnableIODebug", {"ioVerbosityLevel": -1}, "ioVerbosityLevel"),
-            ("EnableIODebug", {"ioVerbosityLevel": 1e30}, "ioVerbosityLevel"),
-            ("EnableIODebug", {"ioVerbosityLevel": 4294967295}, "ioVerbosityLevel"),
-            ("EnableIODebug", {"ioVerbosityLevel": "x"}, "ioVerbosityLevel"),
-        ]:
-            with self.subTest(command=name, arguments=arguments):
-                self.assertRegex(json.dumps(self.proper.request(name, arguments)["error"]["message"]), pattern)
 
 
 if __name__ == "__main__":
