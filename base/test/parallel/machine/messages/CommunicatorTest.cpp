@@ -641,6 +641,10 @@ TEST_F(Job, MakesCommunicatorsOfSomeRanks) {
     EXPECT_TRUE(Communicator() == _comm);
 }
 
+TEST_F(Job, TestsItself) {
+    _comm.testCommunicator();
+}
+
 // A fault of one rank is told to that rank alone, and its communicator works on.
 TEST_F(Job, TellsAFaultToItsRankAlone) {
     if (_me == _ranks - 1) {
