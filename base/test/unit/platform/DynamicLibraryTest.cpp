@@ -2,7 +2,6 @@
 
 #include "platform/StringHelper.h"
 #include "platform/System.h"
-#include "support/TemporaryDirectory.h"
 
 #include <gtest/gtest.h>
 
@@ -39,6 +38,9 @@ TEST(DynamicLibrary, AFailureNamesEveryPathAndTheReason) {
                     ": cannot open shared object file: No such file or directory";
     EXPECT_EQ(result.error, expected);
     EXPECT_EQ(libraries.load("").error, "A module needs a name");
+    EXPECT_EQ(libraries.load("/nowhere/x.so").error,
+              "Couldn't load the module /nowhere/x.so:\n  /nowhere/x.so: cannot open shared object file: "
+              "No such file or directory");
 }
 
 TEST(DynamicLibrary, AFileThatCannotBeLoadedIsTheOneThatWasMeant) {
@@ -47,11 +49,4 @@ TEST(DynamicLibrary, AFileThatCannotBeLoadedIsTheOneThatWasMeant) {
     EXPECT_NE(broken.error.find("undefined symbol: orvexSymbolThatNobodyHas"), std::string::npos)
         << broken.error;
     EXPECT_EQ(broken.error.find("search path"), std::string::npos) << broken.error;
-
-    const TemporaryDirectory directory;
-    const std::string path = StringHelper::toString(directory / L"empty.so");
-    std::ofstream(path) << "no library";
-    const auto text = libraries.load(path);
-    EXPECT_EQ(text.handle, nullptr);
-    EXPECT_EQ(text.error.find("Couldn't load the module " + path + ":\n  " + path + ": "), 0u) << text.error;
 }

@@ -21,10 +21,7 @@ TEST(RpcMessage, FindsTheMembersOfARequest) {
 }
 
 std::string nested(unsigned depth) {
-    std::string text;
-    for (unsigned i = 0; i < depth; ++i)
-        text += "{\"a\":";
-    return text + "1" + std::string(depth, '}');
+    return "{\"a\":" + std::string(depth - 1, '[') + std::string(depth - 1, ']') + "}";
 }
 
 TEST(RpcMessage, RefusesWithReasonAndId) {

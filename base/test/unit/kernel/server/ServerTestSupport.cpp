@@ -170,10 +170,10 @@ void ServerFixture::connect(RpcClient& client, const std::string& name,
     client.connect(target(), access, name, 5s);
 }
 
-std::string ServerFixture::refusal(const RpcClient::Target& target, SessionHandshake::Access access) const {
+std::string ServerFixture::refusal(const RpcClient::Target& target) const {
     try {
         RpcClient client;
-        client.connect(target, access, "refused", 5s);
+        client.connect(target, SessionHandshake::Access::COMMANDS, "refused", 5s);
         return {};
     } catch (const RpcClientError& error) {
         return error.what();

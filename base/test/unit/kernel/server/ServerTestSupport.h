@@ -60,8 +60,7 @@ protected:
     void connect(RpcClient& client, const std::string& name = "test",
                  SessionHandshake::Access access = SessionHandshake::Access::COMMANDS) const;
     /// The words with which the server refuses a client; empty when it lets it in.
-    std::string refusal(const RpcClient::Target& target,
-                        SessionHandshake::Access access = SessionHandshake::Access::COMMANDS) const;
+    std::string refusal(const RpcClient::Target& target) const;
     /// Waits until `condition` holds, for 10 s at most.
     static bool waitFor(const std::function<bool()>& condition);
     static void release() { released = true; }
