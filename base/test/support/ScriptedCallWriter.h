@@ -2,7 +2,6 @@
 
 #include "support/ScriptedMpi.h"
 
-#include <algorithm>
 #include <set>
 #include <string>
 #include <type_traits>
@@ -12,7 +11,7 @@ class ScriptedCallWriter {
 public:
     /// @param argumentNames "(count, comm)" @param commSize length of the arrays with an element for each
     /// rank
-    ScriptedCallWriter(ScriptedCall& call, std::string argumentNames, int commSize)
+    ScriptedCallWriter(ScriptedCall& call, const std::string& argumentNames, int commSize)
         : _call(call), _names(argumentNames.substr(1, argumentNames.size() - 2)), _commSize(commSize) {
         _call._text = call.name + "(";
     }
@@ -33,8 +32,8 @@ public:
             const bool isByRank =
                 std::is_same_v<T, const int*> && (name.ends_with("Counts") || name.ends_with("isplacements"));
             addArray(name, value, isByRank ? _commSize : _firstNumber);
-        } else {
-            _call.addresses[name] = reinterpret_cast<void*>(reinterpret_cast<std::uintptr_t>(value));
+        } else if constexpr (!std::is_function_v<std::remove_pointer_t<T>>) {
+            _call.addresses[name] = const_cast<void*>(static_cast<const void*>(value));
             if constexpr (std::is_same_v<T, int*>) {
                 static const std::set<std::string> results{"newInfo", "supported", "disable", "argc"};
                 if (name == "requests")
@@ -51,7 +50,7 @@ public:
 
 private:
     std::string takeName() {
-        const std::string name = _names.substr(0, _names.find(", "));
+        std::string name = _names.substr(0, _names.find(", "));
         _names.erase(0, name.size() + 2);
         return name;
     }

@@ -26,7 +26,8 @@ constexpr auto succeedAs(int (*)(Arguments...)) {
     return &succeed<Arguments...>;
 }
 namespace Idle {
-#define ORVEX_IDLE(name, parameters, arguments) constexpr auto name = succeedAs(decltype (&OXM_MPI_##name)());
+#define ORVEX_IDLE(name, parameters, arguments)                                                              \
+    [[maybe_unused]] constexpr auto name = succeedAs(decltype (&OXM_MPI_##name)());
 ORVEX_MPI_START_FUNCTIONS(ORVEX_IDLE)
 ORVEX_MPI_DRIVER_FUNCTIONS(ORVEX_IDLE)
 ORVEX_MPI_RUNNING_FUNCTIONS(ORVEX_IDLE)

@@ -13,14 +13,14 @@
 #include <vector>
 
 /// The memory of the scripted driver: its script, its handles and the calls that it saw.
-class ScriptedMpiState : public ScriptedMpi {
+class ScriptedMpiState final : public ScriptedMpi {
 public:
     ScriptedMpiState() {
         static_assert(sizeof(long) == 8 && sizeof(long double) == 16 && sizeof(wchar_t) == 4);
         // Of the datatypes that are always there, by their codes. The last are those of a value and an int.
-        for (const std::size_t extent :
+        for (const int extent :
              {1, 1, 1, 1, 1, 2, 4, 4, 4, 8, 16, 8, 8, 2, 8, 8, 4, 8, 16, 32, 8, 16, 16, 8, 32})
-            types[static_cast<int>(types.size()) + 1] = {extent, true};
+            types[static_cast<int>(types.size()) + 1] = {static_cast<std::size_t>(extent), true};
         setWorld(0, 1);
     }
 
