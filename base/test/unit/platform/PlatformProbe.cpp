@@ -17,12 +17,12 @@ int main(int, char** argv) {
         },
         0.2, 7);
     const bool watching = watch.start();
+    if (how == "stopped")
+        watch.stop(); // before anybody knows whom to kill
     std::cout << Platform::process().getPid();
     for (const auto& ancestor : watch.getAncestors())
         std::cout << " " << ancestor.pid << " " << ancestor.name;
     std::cout << std::endl;
-    if (how == "stopped")
-        watch.stop();
     Platform::time().sleep(how == "stopped" ? 2.0 : 30.0); // the watch ends it long before
     return watching ? 1 : 2;
 }
