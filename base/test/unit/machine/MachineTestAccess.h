@@ -81,10 +81,6 @@ public:
         Machine::_ground.global = nullptr;
         Machine::getSingleton()._globalComm.reset();
     }
-    /// The communicator stays the caller's.
-    static void setSharedMemCommunicator(Machine::ShmemScope scope, Communicator* ranks) {
-        Machine::_ground.shmem[static_cast<std::size_t>(scope)] = ranks;
-    }
     static void dropSharedMemCommunicators() {
         Machine::_ground.shmem.fill(nullptr);
         Machine::_ground.sparse.fill(nullptr);

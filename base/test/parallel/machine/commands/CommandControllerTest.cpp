@@ -4,11 +4,12 @@
 #include "machine/Communicator.h"
 #include "machine/Machine.h"
 
-#include "kernel/Command.h"
 #include "kernel/Controller.h"
 #include "kernel/Error.h"
 #include "kernel/Properties.h"
 #include "platform/FloatingPointErrorRecord.h"
+
+#include "support/TestCommand.h"
 
 #include <gtest/gtest.h>
 
@@ -23,19 +24,6 @@ namespace {
 bool isAmong(const std::vector<unsigned>& ranks) {
     return std::find(ranks.begin(), ranks.end(), Machine::getPartitionId()) != ranks.end();
 }
-
-/// Runs on every rank; what the ranks saw is compared by the command itself.
-class TestCommand : public Command {
-public:
-    using Body = std::function<void(const Properties& args, Properties& response)>;
-    TestCommand(std::string name, Body body) : _name(std::move(name)), _body(std::move(body)) {}
-    void execute(const Properties& args, Properties& response) override { _body(args, response); }
-    std::string getName() const override { return _name; }
-
-private:
-    std::string _name;
-    Body _body;
-};
 
 int timesCounted = 0;
 

@@ -147,15 +147,6 @@ TEST_F(SerialChecks, ConditionIsTheLocalOneInEveryMode) {
         }
 }
 
-TEST_F(SerialChecks, SerialCriticalCodeOffendsDevelopmentVersionsOnly) {
-    const Machine::SerialCritical lock;
-    const std::string expected =
-        OrvexVersion::isDevelopmentVersion()
-            ? "Coding error: GlobalCondition attempted in a serial-critical code section"
-            : "";
-    EXPECT_EQ(messageOf<InternalError>([] { GlobalCondition(true, GlobalCondition::ON_ALL); }), expected);
-}
-
 std::string messageFor(const std::string& entry) {
     return "A floating point error has occurred. The following error has been logged:\n  " + entry +
            "\nPlease check your usage and inputs.";
