@@ -20,6 +20,19 @@ private:
     std::chrono::steady_clock::time_point _start = std::chrono::steady_clock::now();
 };
 
+/// Adds the time of a scope to a total. [s]
+class TimedScope {
+public:
+    explicit TimedScope(double& total) : _total(total) {}
+    ~TimedScope() { _total += _stopwatch.seconds(); }
+    TimedScope(const TimedScope&) = delete;
+    TimedScope& operator=(const TimedScope&) = delete;
+
+private:
+    double& _total;
+    Stopwatch _stopwatch;
+};
+
 /// Calls `operation(j)` for the inner rows of `field`.
 template <class Operation>
 void forRows(const GridField& field, Operation operation) {
@@ -128,15 +141,16 @@ HeatConduction::Result HeatConduction::solve(double tolerance, unsigned maxItera
 void HeatConduction::multiply(GridField& in, GridField& out) {
     const int lastX = in.countX() - 1;
     const int lastY = in.countY() - 1;
-    const Stopwatch beginning;
-    _halo.begin(in);
-    _communicationTime += beginning.seconds();
+    {
+        const TimedScope communication(_communicationTime);
+        _halo.begin(in);
+    }
     for (int j = 1; j < lastY; ++j)
         multiplyRow(in, out, j, 1, lastX);
-    const Stopwatch ending;
-    _halo.end(in);
-    _communicationTime += ending.seconds();
-
+    {
+        const TimedScope communication(_communicationTime);
+        _halo.end(in);
+    }
     for (int j = 1; j < lastY; ++j) {
         multiplyRow(in, out, j, 0, 1);
         if (lastX > 0)
@@ -203,9 +217,8 @@ template <class V>
 void HeatConduction::addUp(V& values) {
     if (!_communicator)
         return;
-    const Stopwatch stopwatch;
+    const TimedScope communication(_communicationTime);
     _communicator->allReduce(values, Communicator::SUM);
-    _communicationTime += stopwatch.seconds();
 }
 
 double HeatConduction::exactCentre() {

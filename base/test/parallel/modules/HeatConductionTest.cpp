@@ -62,6 +62,7 @@ TEST(HeatConduction, RanksTogetherFindTheSolutionOfOne) {
             EXPECT_TRUE(result.converged);
             EXPECT_LT(result.residual, 100 * TOLERANCE);
             EXPECT_LT(result.heatImbalance, 1e-9);
+            EXPECT_GT(result.communicationTime, 0.0);
         }
         EXPECT_NEAR(together.iterations, alone.iterations, 2);
         EXPECT_NEAR(together.centre, alone.centre, 1e-10);
