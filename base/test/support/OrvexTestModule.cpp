@@ -76,7 +76,7 @@ void breakHeap() {
         block[i] = 7;
     delete[] block;
 }
-[[gnu::no_sanitize("undefined")]] void crash(const std::string& kind) {
+__attribute__((no_sanitize("undefined"))) void crash(const std::string& kind) {
     if (kind == "segmentation") {
         // Its end never comes: the fault lifts the lock.
         [[maybe_unused]] static const auto* const region = new Machine::SerialCritical;
