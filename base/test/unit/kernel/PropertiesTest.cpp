@@ -111,7 +111,7 @@ TEST(Properties, GettersConvertWhereNothingIsLost) {
             const Properties properties("{\"k\":" + text + "}");
             std::string working;
             for (const auto& [sign, get] : all)
-                if (inputError([&] { get(properties); }) == "no InputError")
+                if (inputError([&, &ask = get] { ask(properties); }) == "no InputError")
                     working += sign;
             EXPECT_EQ(working, getters) << text;
         }
@@ -141,7 +141,7 @@ TEST(Properties, MessagesNameTheKeyWhatStandsThereAndWhatWasExpected) {
         {[](const Properties& p) { p.get("r", *std::make_unique<std::vector<double>>()); },
          "The key \"r\" holds a real number (1.5), expected an array, each element a real number"}};
     for (const auto& [get, message] : rows)
-        EXPECT_EQ(inputError([&] { get(properties); }), message);
+        EXPECT_EQ(inputError([&, &ask = get] { ask(properties); }), message);
     EXPECT_LT(inputError([&] { properties.getInt("long"); }).size(), 200u);
     EXPECT_EQ(properties.getOr("none", 7) + properties.getOr("r", 0.0), 8.5);
     EXPECT_EQ(properties.getOr("t", "other") + properties.getOr("none", "other"), "wordother");
