@@ -127,18 +127,18 @@ TEST(MachineHost, IsBuiltAndReportedByAFixedNumberOfMessages) {
         EXPECT_EQ(calls["Send"], ranks > 1 ? 4 : 0) << "to two children";
         EXPECT_EQ(calls["Allreduce"] + calls["Barrier"] + calls["Bcast"] + calls["Gather"] + calls["Isend"],
                   0);
-        if (ranks > 1)
-            continue;
-        // The hosts compare their hardware and bindings in as many calls whatever the number of processors.
+        // The hosts compare their hardware and bindings in as many calls for any number of processors.
         std::set<std::size_t> numbers;
         for (const char* const machine :
              {"machine pack:1 [numa] core:1 pu:1", "machine pack:4 [numa] core:8 pu:2"}) {
+            if (ranks > 1)
+                break; // the driver plays no answers of the others
             MachineHostTestAccess::equip(*host, CpuTopology(makeTestMachine(machine)));
             mpi.clearCalls();
             printedOnRank([&] { host->printProcessAffinitySummary(); });
             numbers.insert(mpi.calls().size());
         }
-        EXPECT_EQ(numbers.size(), 1u);
+        EXPECT_EQ(numbers.size(), ranks > 1 ? 0u : 1u);
         host.reset();
         releaseCommunicators();
     }
