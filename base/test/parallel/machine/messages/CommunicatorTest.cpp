@@ -33,7 +33,7 @@ void append(std::vector<T>& all, const std::vector<T>& more) {
     all.insert(all.end(), more.begin(), more.end());
 }
 
-/// What rank `rank` contributes where lengths differ; some contribute nothing.
+/// The contribution of rank `rank` where lengths differ; some contribute nothing.
 unsigned lengthOf(unsigned rank, unsigned base) {
     return base == 0 ? 0 : (rank * 3 + base) % 5 * base;
 }
