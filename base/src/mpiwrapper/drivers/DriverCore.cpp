@@ -12,9 +12,9 @@ Handles handles;
 namespace {
 
 #ifdef OPEN_MPI
-constexpr const char* LIBRARY_NAME = "Open MPI";
+constexpr char LIBRARY_NAME[] = "Open MPI";
 #else
-constexpr const char* LIBRARY_NAME = "MPICH";
+constexpr char LIBRARY_NAME[] = "MPICH";
 #endif
 
 /// MPI_CHAR is for text and takes no part in arithmetic reductions; its numeric twin does both.
@@ -176,7 +176,7 @@ int Comm_native_handle(int comm, int* fortranHandle, char* library) {
     if (native == MPI_COMM_NULL)
         return refuse(OXM_MPI_ERR_COMM);
     *fortranHandle = MPI_Comm_c2f(native);
-    std::strcpy(library, LIBRARY_NAME);
+    std::memcpy(library, LIBRARY_NAME, sizeof LIBRARY_NAME);
     return OXM_MPI_SUCCESS;
 }
 
@@ -237,7 +237,7 @@ std::uint64_t getMaxBufferSize() {
 
 /// "Open MPI v4.1.4, package: ..." and "MPICH Version:\t4.0.2\n..." are what the two say.
 void getLibraryName(char* name, char* version) {
-    std::strcpy(name, LIBRARY_NAME);
+    std::memcpy(name, LIBRARY_NAME, sizeof LIBRARY_NAME);
 #ifdef OPEN_MPI
     const char* const format = "Open MPI v%63[^, \n]";
 #else

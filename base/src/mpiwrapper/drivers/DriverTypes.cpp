@@ -20,6 +20,7 @@ int Type_create_struct(int count, const int* blockLengths, const OXM_MPI_Aint* d
         return refuse(OXM_MPI_ERR_COUNT);
     std::vector<MPI_Aint> nativeDisplacements(displacements, displacements + count);
     std::vector<MPI_Datatype> nativeTypes;
+    nativeTypes.reserve(static_cast<std::size_t>(count));
     for (int i = 0; i < count; ++i)
         nativeTypes.push_back(handles.types.get(types[i]));
     MPI_Datatype native = MPI_DATATYPE_NULL;

@@ -7,7 +7,6 @@
 #include "kernel/Error.h"
 #include "kernel/FileHelper.h"
 #include "kernel/IsolatedFpuContext.h"
-#include "kernel/ObservableFromClient.h"
 #include "kernel/Observer.h"
 #include "kernel/SingletonCleaner.h"
 #include "kernel/SiteSettings.h"
@@ -209,16 +208,4 @@ TEST(IsolatedFpuContext, KeepsFaultsToItself) {
     EXPECT_FALSE(FpuAccess::isIsolated());
     EXPECT_EQ(std::fetestexcept(FE_OVERFLOW | FE_INVALID | FE_DIVBYZERO), FE_OVERFLOW);
     std::feclearexcept(FE_ALL_EXCEPT);
-}
-
-TEST(ObservableFromClient, GoesToTheNotifierOrTheConsole) {
-    std::string told;
-    ObservableFromClient::setNotifier(
-        [&](const std::string& kind, const std::string& text) { told += kind + text; });
-    testing::internal::CaptureStdout();
-    ObservableFromClient::notifyImmediate("ConsoleMessage", "a\n");
-    ObservableFromClient::setNotifier({});
-    ObservableFromClient::notifyImmediate("ConsoleMessage", "b\n");
-    ObservableFromClient::notifyImmediate("Other", "c\n");
-    EXPECT_EQ(testing::internal::GetCapturedStdout() + told, "b\nConsoleMessagea\n");
 }

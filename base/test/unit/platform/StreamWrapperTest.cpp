@@ -1,24 +1,10 @@
 #include "platform/IStreamWrapper.h"
-#include "platform/OStreamWrapper.h"
 
 #include <gtest/gtest.h>
 
 #include <sstream>
 
 // Each operation for values is tested where a file is read and written.
-
-TEST(StreamWrapper, OutputIsThatOfTheStream) {
-    std::ostringstream wrapped;
-    OStreamWrapper out(wrapped);
-    out.width(6);
-    out.fill('*');
-    out.precision(3);
-    out << 3.14159;
-    out.write("raw\0", 4).put('p').flush();
-    EXPECT_EQ(wrapped.str(), std::string("**3.14raw\0p", 11));
-    out.clear(std::ios_base::failbit);
-    EXPECT_TRUE(!out && out.fail() && !out.bad());
-}
 
 TEST(StreamWrapper, InputIsThatOfTheStream) {
     std::istringstream stream("0x1F rest of it\nline\nab");

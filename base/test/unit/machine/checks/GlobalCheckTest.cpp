@@ -138,15 +138,6 @@ protected:
     void TearDown() override { std::feclearexcept(FE_ALL_EXCEPT); }
 };
 
-TEST_F(SerialChecks, ConditionIsTheLocalOneInEveryMode) {
-    for (int mode = 0; mode <= 4; ++mode)
-        for (const bool condition : {true, false}) {
-            const auto each = static_cast<GlobalCondition::ModeEnum>(mode);
-            EXPECT_EQ(GlobalCondition(condition, each), condition) << mode;
-            EXPECT_EQ(GlobalErrorCheck::holds(condition, each, "here.cpp", 1), condition) << mode;
-        }
-}
-
 std::string messageFor(const std::string& entry) {
     return "A floating point error has occurred. The following error has been logged:\n  " + entry +
            "\nPlease check your usage and inputs.";

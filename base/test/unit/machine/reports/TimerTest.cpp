@@ -37,11 +37,6 @@ TEST_F(SerialTimer, ClocksRunOrNotByThemselves) {
     timer.setTimes(3.0, 4.0);
     EXPECT_EQ(timer.getCpuTime(), 3.0);
     EXPECT_EQ(timer.getWallTime(), 4.0);
-    timer.start();
-    timer.setTimes(5.0, 6.0);
-    EXPECT_TRUE(timer.running());
-    EXPECT_GE(timer.getCpuTime(), 5.0);
-    EXPECT_GE(timer.getWallTime(), 6.0);
 }
 
 TEST_F(SerialTimer, ProcessorTimeOfSeveralIntervalsAddsUp) {
@@ -92,15 +87,9 @@ TEST_F(ParallelTimer, CountsOnTheClockOfTheMessageLayer) {
     const Timer copy(timer);
     EXPECT_EQ(copy.getWallTime(), 3.0);  // 105
     EXPECT_EQ(timer.getWallTime(), 4.0); // 106
-    Timer assigned(SYSTEM_WALL_TIMER, comm.get());
-    assigned = copy;
-    EXPECT_EQ(assigned.getWallTime(), 5.0);
-    Timer& self = assigned;
-    assigned = self;
-    EXPECT_EQ(assigned.getWallTime(), 6.0);
     timer.reset();
     EXPECT_EQ(timer.getWallTime(), 0.0);
-    EXPECT_EQ(copy.getWallTime(), 7.0);
+    EXPECT_EQ(copy.getWallTime(), 5.0);
 }
 
 } // namespace
