@@ -14,15 +14,19 @@ pkg_check_modules(HWLOC REQUIRED IMPORTED_TARGET hwloc>=2.4)
 # Used by OS::Log.
 find_package(spdlog REQUIRED)
 
-# Used by Properties: RapidJSON (only headers) for JSON, pugixml for XML.
+# Used by Properties: RapidJSON (only headers) for JSON, pugixml for XML. xmlrpc uses pugixml too.
 find_package(RapidJSON REQUIRED)
 find_package(pugixml REQUIRED)
 
 # Used by the keys of sessions.
 find_package(OpenSSL REQUIRED COMPONENTS Crypto)
 
-# Used by the server's sockets: standalone asio (only headers).
+# Used by the server's sockets and by xmlrpc: standalone asio (only headers).
 find_path(ASIO_INCLUDE_DIR asio.hpp REQUIRED)
+
+# Used by xmlrpc for the messages of HTTP.
+find_path(HTTP_PARSER_INCLUDE_DIR http_parser.h REQUIRED)
+find_library(HTTP_PARSER_LIBRARY http_parser REQUIRED)
 
 # Used by orvexctl for its command line and its prompt.
 find_package(CLI11 REQUIRED)

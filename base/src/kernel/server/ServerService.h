@@ -3,11 +3,11 @@
 #include "kernel/Controller.h"
 #include "kernel/Server.h"
 #include "kernel/server/ConsoleRelay.h"
-#include "kernel/server/RateLimitedLog.h"
 #include "kernel/server/RpcConnection.h"
 #include "kernel/server/ServerClients.h"
 #include "kernel/server/ServerLimits.h"
 #include "kernel/server/SessionKey.h"
+#include "platform/RateLimitedLog.h"
 
 #include <atomic>
 #include <functional>

@@ -1,4 +1,4 @@
-#include "kernel/server/RateLimitedLog.h"
+#include "platform/RateLimitedLog.h"
 
 void RateLimitedLog::warn(const OS::Log::Context& context, const std::string& kind, const std::string& text) {
     const Clock::time_point now = Clock::now();

@@ -9,7 +9,7 @@
 
 /// Warnings that strangers can provoke as often as they like: of each kind, so many lines in so much time;
 /// then one line that tells how many were left out. One thread at a time.
-class RateLimitedLog {
+class ORVEX_PLATFORM_EXPORT RateLimitedLog {
 public:
     static constexpr std::size_t LINES = 10; ///< of one kind in PERIOD
     static constexpr std::chrono::seconds PERIOD{60};

@@ -1,0 +1,16 @@
+#pragma once
+
+#include "xmlrpc/XmlRpcValue.h"
+
+#include <string>
+
+namespace XmlRpc {
+
+/// What came of a call.
+struct XmlRpcAnswer {
+    bool answered = false;
+    XmlRpcValue result;  ///< when answered
+    std::string failure; ///< otherwise: the server's address and the reason
+};
+
+} // namespace XmlRpc

@@ -1,0 +1,7 @@
+#include "xmlrpc/XmlRpcClientBase.h"
+
+namespace XmlRpc {
+
+XmlRpcClientBase::~XmlRpcClientBase() = default;
+
+} // namespace XmlRpc

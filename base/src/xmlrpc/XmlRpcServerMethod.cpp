@@ -1,0 +1,7 @@
+#include "xmlrpc/XmlRpcServerMethod.h"
+
+namespace XmlRpc {
+
+XmlRpcServerMethod::~XmlRpcServerMethod() = default;
+
+} // namespace XmlRpc
