@@ -15,8 +15,8 @@ class Properties;
 /// of all ranks become one afterwards. A worker stands in processCommands() and runs what the master sends.
 /// In a serial process it only adds the floating-point check after each command.
 ///
-/// Main thread; what is collective goes over the global communicator, and nothing checks that the ranks call
-/// it in step.
+/// Main thread; what is collective goes over the command communicator, and nothing checks that the ranks
+/// call it in step.
 class ORVEX_MACHINE_EXPORT CommandController {
 public:
     static constexpr const char* COMMAND_KEY = "Command"; ///< in a response: the name of the command

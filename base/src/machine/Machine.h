@@ -254,6 +254,7 @@ private:
     // ---- Its own, each from a start step to a stop step. The last goes first.
     std::unique_ptr<LauncherWatch> _launcherWatch; ///< in a parallel process
     std::unique_ptr<Communicator> _globalComm;
+    std::unique_ptr<Communicator> _commandComm;
     std::array<std::unique_ptr<Communicator>, NUMBER_SHMEM_SCOPES> _shmemComm;
     std::array<std::unique_ptr<Communicator>, NUMBER_SHMEM_SCOPES> _sparseComm;
     std::unique_ptr<MachineHost> _host;

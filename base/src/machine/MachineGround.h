@@ -52,6 +52,10 @@ public:
     /// nobody may ask for it before and after: there is nothing behind the reference then.
     /// @throw InternalError in a serial process
     static Communicator& globalCommunicator();
+    /// All ranks again, for the messages of the command road alone: what a rank that failed does on the
+    /// global communicator can't meet them. The global one in a process that has no other. As above.
+    /// @throw InternalError in a serial process
+    static Communicator& commandCommunicator();
     /// The ranks that share `scope` with this one. There is none before main() has bound the processes, nor
     /// after stopCommunicators() or abort(), as above.
     /// @throw InternalError in a serial process
@@ -93,6 +97,7 @@ protected:
         unsigned size = 1;
         unsigned rank = 0;
         Communicator* global = nullptr;
+        Communicator* command = nullptr;
         std::array<Communicator*, NUMBER_SHMEM_SCOPES> shmem{};
         std::array<Communicator*, NUMBER_SHMEM_SCOPES> sparse{};
         const MachineHost* host = nullptr;

@@ -64,7 +64,7 @@ std::string writeError(const Properties& error) {
 std::optional<Properties> gatherError(const Properties* mine) {
     constexpr std::size_t MAX_COMPARED = 4096; // of each message: the winner's is sent whole
     const std::string message = mine ? Error::getMessage(*mine).substr(0, MAX_COMPARED) : std::string();
-    Communicator& communicator = Machine::globalCommunicator();
+    Communicator& communicator = Machine::commandCommunicator();
     std::string messages;
     std::vector<unsigned> lengths;
     communicator.allGatherVector(message, messages, lengths);
@@ -335,7 +335,7 @@ void CommandController::releaseWorkers() {
 
 void CommandController::scatterCommand(Properties& command) const {
     const EventTracker::Track track("CommandController", "scatterCommand");
-    Communicator& ranks = Machine::globalCommunicator();
+    Communicator& ranks = Machine::commandCommunicator();
     std::string text = command.toString();
     if (!_spinWait)
         ranks.noSpinSynchronise(1.0);

@@ -13,6 +13,10 @@ Communicator& MachineGround::globalCommunicator() {
     return *_ground.global;
 }
 
+Communicator& MachineGround::commandCommunicator() {
+    return _ground.command ? *_ground.command : globalCommunicator();
+}
+
 Communicator& MachineGround::sharedMemCommunicator(ShmemScope scope) {
     ORVEX_ASSERT_AS(isParallel(), "isParallel()", "Attempt to access sharedMemCommunicator in serial");
     return *_ground.shmem.at(static_cast<std::size_t>(scope));

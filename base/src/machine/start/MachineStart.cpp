@@ -23,6 +23,7 @@
 #include <cstdlib>
 #include <iostream>
 #include <iterator>
+#include <numeric>
 #include <stdexcept>
 #include <string_view>
 
@@ -123,6 +124,13 @@ void preloadMpi(const char* module, int argc, const char* const* const* argv,
                   << msMpiDll << ", error: " << loaded.error << ")." << std::endl;
 }
 
+/// A communicator of the same ranks in the same order. Collective.
+std::unique_ptr<Communicator> duplicate(const Communicator& communicator) {
+    std::vector<unsigned> ranks(communicator.size());
+    std::iota(ranks.begin(), ranks.end(), 0u);
+    return communicator.createCommunicator(ranks);
+}
+
 } // namespace
 
 std::vector<CommandLineOption> Machine::listStartOptions() {
@@ -178,11 +186,13 @@ void Machine::startMessageLayer(const std::string& module, int& argc, char*** ar
         raise(NonRecoverableError("MPI failed to initialize"));
     }
     _globalComm.reset(new Communicator);
+    _commandComm = duplicate(*_globalComm);
     Task::setAgreement([](unsigned value) {
         globalCommunicator().allReduce(value, Communicator::MIN);
         return value;
     });
     _ground.global = _globalComm.get();
+    _ground.command = _commandComm.get();
     _ground.size = _globalComm->size();
     _ground.rank = _globalComm->myRank();
     _ground.mode = _ground.rank == Communicator::masterRank() ? MASTER_MODE : WORKER_MODE;
@@ -224,6 +234,8 @@ void Machine::stopCommunicators() {
         _sparseComm[scope].reset();
     }
     Task::setAgreement({});
+    _ground.command = nullptr;
+    _commandComm.reset();
     _ground.global = nullptr;
     _globalComm.reset();
     MpiCore::finalize();
@@ -233,11 +245,13 @@ void Machine::stopCommunicators() {
 Communicator* Machine::releaseCommunicators() {
     Communicator* const global = _ground.global;
     _ground.global = nullptr;
+    _ground.command = nullptr;
     _ground.shmem.fill(nullptr);
     _ground.sparse.fill(nullptr);
     if (_singleton == nullptr)
         return global;
     static_cast<void>(_singleton->_globalComm.release());
+    static_cast<void>(_singleton->_commandComm.release());
     for (std::size_t scope = 0; scope < NUMBER_SHMEM_SCOPES; ++scope) {
         static_cast<void>(_singleton->_shmemComm[scope].release());
         static_cast<void>(_singleton->_sparseComm[scope].release());

@@ -72,6 +72,18 @@ void fault(const Properties& args, Properties&) {
         throw InputError(args.getString("text"));
 }
 
+/// Rank 1 sends rank 0 a message that a later command receives, with the tag of the sleeping synchronisation.
+void leaveMessage(const Properties& args, Properties&) {
+    constexpr unsigned TAG = 1022;
+    Communicator& ranks = Machine::globalCommunicator();
+    unsigned value = 7;
+    if (args.hasName("receive") && Machine::isMaster() && ranks.size() > 1)
+        ranks.recv(value, 1, TAG);
+    if (!args.hasName("receive") && ranks.myRank() == 1)
+        ranks.send(value, 0, TAG);
+    EXPECT_EQ(value, 7u);
+}
+
 void registerTestCommands() {
     Controller& controller = Controller::getSingleton();
     if (controller.findCommand("TestFail"))
@@ -81,6 +93,7 @@ void registerTestCommands() {
     controller.registerCommand(new TestCommand("TestCount", count));
     controller.registerCommand(new TestCommand("TestComputeAndServe", computeAndServe));
     controller.registerCommand(new TestCommand("TestFault", fault));
+    controller.registerCommand(new TestCommand("TestLeaveMessage", leaveMessage));
 }
 
 class CommandRoad : public testing::Test {
@@ -185,6 +198,13 @@ TEST_F(CommandRoad, BringsTheCommandToAllRanksWhole) {
             EXPECT_EQ(response.getUnsignedLong("size"), size);
         }
         EXPECT_EQ(Error::getMessage(run("NoSuchCommand")).find("Unknown command"), 0u);
+    });
+}
+
+TEST_F(CommandRoad, NeverMeetsAMessageThatACommandLeftOnTheGlobalCommunicator) {
+    inCommandLoop([] {
+        EXPECT_FALSE(Error::isErrorIn(run("TestLeaveMessage")));
+        EXPECT_FALSE(Error::isErrorIn(run("TestLeaveMessage", Properties(R"({"receive":true})"))));
     });
 }
 
