@@ -80,7 +80,7 @@ class Refused(Case):
         self.assertLessEqual(shown, listed)
         for launcher in ([], *([*LAUNCHERS[mpi], "3"] for mpi in MPIS)):
             answer = self.run_server("-session", "--help", "--version", launcher=launcher)
-            self.assertRegex(answer.stdout, r"\A\S+ \S+ \(.*/.*\)\n\Z")
+            self.assertRegex(answer.stdout, r"\A\S+ \S+ (development version )?\(.*\)\n\Z")
             self.assertEqual((answer.returncode, answer.stderr), (0, ""))
 
     def test_wrong_launcher(self):
