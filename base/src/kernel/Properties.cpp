@@ -310,8 +310,8 @@ std::string Properties::toPrettyString() const {
     return PropertyJson::write(Impl::treeOf(*this), PropertyJson::Style::INDENTED);
 }
 
-std::string Properties::toXml(const std::string& rootName) const {
-    return PropertyXml::write(Impl::treeOf(*this), rootName);
+std::string Properties::toXml() const {
+    return PropertyXml::write(Impl::treeOf(*this));
 }
 
 Properties Properties::fromXml(std::string_view xml) {

@@ -47,9 +47,14 @@ public:
     std::string toString() const;
     /// Indented JSON for people.
     std::string toPrettyString() const;
-    /// The same tree as XML, with `rootName` as root element.
-    std::string toXml(const std::string& rootName) const;
-    /// @throw InputError when `xml` isn't what toXml() writes
+    /// The same tree as a struct of XML-RPC: the text that follows "<value>" there,
+    /// "<struct>...</struct></value>". Any XML-RPC client can read it. What XML-RPC can't tell has a mark, so
+    /// that fromXml() makes an equal tree.
+    /// @throw InternalError when the tree is deeper than MAX_DEPTH
+    std::string toXml() const;
+    /// Reads what toXml() writes, with or without the "<value>" before it, and a struct from any XML-RPC
+    /// client.
+    /// @throw InputError with the reason
     static Properties fromXml(std::string_view xml);
 
     void set(const std::string& key, bool value, Mode mode = Mode::REPLACE);

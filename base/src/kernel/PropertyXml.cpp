@@ -9,6 +9,8 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cmath>
+#include <cstdint>
 #include <optional>
 #include <span>
 #include <utility>
@@ -28,41 +30,57 @@ namespace {
     raise(InputError("Malformed XML: " + reason));
 }
 
+constexpr std::string_view REAL_MARK = "$real:";
+constexpr std::string_view NATURAL_MARK = "$natural:";
+constexpr std::string_view NAME_MARK = "$base64:";
+constexpr std::string_view BEGIN = "<value>";
+
 void checkDepth(unsigned depth) {
     ORVEX_ASSERT(depth <= Properties::MAX_DEPTH, "A Properties is nested too deep to be written");
 }
 
-bool isXmlName(const std::string& name) {
-    constexpr std::string_view LETTERS = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz_";
-    constexpr std::string_view OTHERS = "0123456789-.";
-    return !name.empty() && LETTERS.find(name.front()) != std::string_view::npos &&
-           std::all_of(name.begin(), name.end(), [&](char c) {
-               return LETTERS.find(c) != std::string_view::npos || OTHERS.find(c) != std::string_view::npos;
-           });
-}
-
 /// Control characters have no place in XML; a carriage return would come back as a line feed elsewhere.
 bool fitsXml(std::string_view text) {
-    return std::all_of(text.begin(), text.end(), [](char c) {
-        return static_cast<unsigned char>(c) >= 0x20 || c == '\t' || c == '\n';
-    });
+    return text.find("\xEF\xBF\xBE") == text.npos && text.find("\xEF\xBF\xBF") == text.npos &&
+           std::all_of(text.begin(), text.end(), [](char c) {
+               return static_cast<unsigned char>(c) >= 0x20 || c == '\t' || c == '\n';
+           });
 }
 
 void setText(pugi::xml_node node, std::string_view text) {
     node.text().set(std::string(text).c_str());
 }
 
+void writeMarked(std::string_view mark, std::string_view text, pugi::xml_node parent) {
+    setText(parent.append_child("string"), std::string(mark).append(text));
+}
+
+void writeInteger(std::int64_t value, pugi::xml_node parent) {
+    const bool small = value >= INT32_MIN && value <= INT32_MAX;
+    setText(parent.append_child(small ? "i4" : "i8"), std::to_string(value));
+}
+
+/// In plain decimals: many clients refuse exponents.
 void writeReal(double value, pugi::xml_node parent) {
-    char text[40];
-    const char* end = std::to_chars(text, text + sizeof text, value).ptr;
+    if (!std::isfinite(value))
+        return writeMarked(REAL_MARK, std::isnan(value) ? "nan" : value > 0 ? "inf" : "-inf", parent);
+    char text[400];
+    const char* end = std::to_chars(text, std::end(text), value, std::chars_format::fixed).ptr;
     setText(parent.append_child("double"), {text, static_cast<std::size_t>(end - text)});
 }
 
 void writeText(std::string_view text, pugi::xml_node parent) {
-    if (fitsXml(text))
+    if (fitsXml(text) && !text.starts_with(REAL_MARK) && !text.starts_with(NATURAL_MARK))
         setText(parent.append_child("string"), text);
     else
         setText(parent.append_child("base64"), Base64Encoder::encode(text));
+}
+
+void writeName(std::string_view name, pugi::xml_node parent) {
+    if (fitsXml(name) && !name.starts_with(NAME_MARK))
+        setText(parent.append_child("name"), name);
+    else
+        setText(parent.append_child("name"), std::string(NAME_MARK) + Base64Encoder::encode(name));
 }
 
 void writeObject(std::span<const Member> members, pugi::xml_node parent, unsigned depth);
@@ -76,10 +94,10 @@ void writeValue(const Value& value, pugi::xml_node parent, unsigned depth) {
         setText(parent.append_child("boolean"), value.getBool() ? "1" : "0");
         break;
     case Kind::INTEGER:
-        setText(parent.append_child("i8"), std::to_string(value.getInteger()));
+        writeInteger(value.getInteger(), parent);
         break;
     case Kind::NATURAL:
-        setText(parent.append_child("u8"), std::to_string(value.getNatural()));
+        writeMarked(NATURAL_MARK, std::to_string(value.getNatural()), parent);
         break;
     case Kind::REAL:
         writeReal(value.getReal(), parent);
@@ -105,10 +123,7 @@ void writeObject(std::span<const Member> members, pugi::xml_node parent, unsigne
     pugi::xml_node node = parent.append_child("struct");
     for (const Member& member : members) {
         pugi::xml_node child = node.append_child("member");
-        pugi::xml_node name = child.append_child("name");
-        if (!fitsXml(member.key))
-            name.append_attribute("encoding").set_value("base64");
-        setText(name, fitsXml(member.key) ? member.key : Base64Encoder::encode(member.key));
+        writeName(member.key, child);
         writeValue(member.value, child.append_child("value"), depth);
     }
 }
@@ -126,7 +141,8 @@ pugi::xml_node firstElement(pugi::xml_node node) {
     return node.find_child([](pugi::xml_node child) { return child.type() == pugi::node_element; });
 }
 
-std::string decodeBase64(const std::string& text) {
+std::string decodeBase64(std::string text) {
+    std::erase_if(text, [](char c) { return std::string_view(" \t\r\n").find(c) != std::string_view::npos; });
     std::string error;
     const std::optional<std::string> bytes = Base64Encoder::decodeBytes(text, &error);
     if (!bytes)
@@ -161,6 +177,7 @@ public:
 private:
     Value parseValue(pugi::xml_node node, unsigned depth);
     Value parseArray(pugi::xml_node node, unsigned depth);
+    Value parseString(const std::string& text);
     Value makeText(const std::string& text) { return Value::text(_arena.store(text)); }
 
     Arena& _arena;
@@ -178,20 +195,29 @@ Value Parser::parseValue(pugi::xml_node node, unsigned depth) {
         return parseArray(typed, depth + 1);
     const std::string text = getText(typed);
     if (kind == "string")
-        return makeText(text);
+        return parseString(text);
     if (kind == "base64")
         return makeText(decodeBase64(text));
     if (kind == "i8" || kind == "i4" || kind == "int")
         return Value::integer(parseNumber<std::int64_t>(text, "integer"));
-    if (kind == "u8")
-        return Value::natural(parseNumber<std::uint64_t>(text, "natural"));
     if (kind == "double")
         return Value::real(parseNumber<double>(text, "real"));
     if (kind == "boolean" && (text == "0" || text == "1"))
         return Value::boolean(text == "1");
     if (kind == "nil")
         return Value();
+    if (kind == "dateTime.iso8601")
+        return makeText(text);
     raiseMalformed("a value of the kind \"" + std::string(kind.substr(0, 60)) + "\" isn't known");
+}
+
+/// A text, or a number behind a mark.
+Value Parser::parseString(const std::string& text) {
+    if (text.starts_with(NATURAL_MARK))
+        return Value::natural(parseNumber<std::uint64_t>(text.substr(NATURAL_MARK.size()), "natural"));
+    if (text.starts_with(REAL_MARK))
+        return Value::real(parseNumber<double>(text.substr(REAL_MARK.size()), "real"));
+    return makeText(text);
 }
 
 Value Parser::parseArray(pugi::xml_node node, unsigned depth) {
@@ -207,10 +233,11 @@ std::vector<Member> Parser::parseMembers(pugi::xml_node node, unsigned depth) {
     std::vector<Member> members;
     for (const pugi::xml_node child : node.children("member")) {
         const pugi::xml_node name = child.child("name");
-        const bool encoded = std::string_view(name.attribute("encoding").value()) == "base64";
         if (!name || !child.child("value"))
             raiseMalformed("a member has no name or no value");
-        const std::string key = encoded ? decodeBase64(getText(name)) : getText(name);
+        std::string key = getText(name);
+        if (key.starts_with(NAME_MARK))
+            key = decodeBase64(key.substr(NAME_MARK.size()));
         members.push_back(Member{_arena.store(key), parseValue(child.child("value"), depth)});
     }
     if (const std::string_view* key = PropertyTree::findDuplicate(members))
@@ -228,16 +255,17 @@ public:
 
 } // namespace
 
-std::string write(const Tree& tree, const std::string& rootName) {
-    ORVEX_ASSERT(isXmlName(rootName), "\"" + rootName + "\" can't name an XML element");
+std::string write(const Tree& tree) {
     pugi::xml_document document;
-    writeObject(tree.getMembers(), document.append_child(rootName.c_str()), 1);
+    writeObject(tree.getMembers(), document.append_child("value"), 1);
     StringWriter writer;
     document.save(writer, "", pugi::format_raw | pugi::format_no_declaration, pugi::encoding_utf8);
-    return std::move(writer.text);
+    return writer.text.substr(BEGIN.size());
 }
 
-Tree parse(std::string_view xml) {
+Tree parse(std::string_view given) {
+    const bool isWhole = given.starts_with(BEGIN);
+    const std::string xml = std::string(isWhole ? "" : BEGIN).append(given);
     if (xml.size() > Properties::MAX_TEXT_SIZE)
         raiseMalformed("its " + std::to_string(xml.size()) + " bytes are more than the limit of " +
                        std::to_string(Properties::MAX_TEXT_SIZE));
@@ -251,8 +279,8 @@ Tree parse(std::string_view xml) {
         raiseMalformed(std::string(result.description()) + " at byte " + std::to_string(result.offset));
     const pugi::xml_node root = firstElement(document);
     const pugi::xml_node members = firstElement(root);
-    if (std::string_view(members.name()) != "struct")
-        raiseMalformed("a root element with one struct was expected");
+    if (std::string_view(root.name()) != "value" || std::string_view(members.name()) != "struct")
+        raiseMalformed("a value with one struct was expected");
     Tree tree;
     // The members' keys were compared already.
     static_cast<void>(tree.assign(Parser(tree.getArena()).parseMembers(members, 1)));

@@ -5,15 +5,18 @@
 #include <string>
 #include <string_view>
 
-/// The XML form of a tree: the "struct" of XML-RPC within one root element, so that with the root "value" it
-/// is an XML-RPC value. Beyond XML-RPC there are "i8", "u8" (above the signed range) and "nil"; text that XML
-/// can't hold is "base64", in a name as the attribute encoding="base64". Private to the kernel.
+/// The XML form of a tree: a struct of XML-RPC, which any client of XML-RPC can read. For what XML-RPC can't
+/// tell there are marks: the text "$real:" before "nan", "inf" and "-inf", the text "$natural:" before an
+/// integer above the signed range, and "$base64:" before a name that XML can't hold. A text that XML can't
+/// hold, or that begins like a mark, is of the type base64. Beyond the first standard there are "i8" and
+/// "nil". Private to the kernel.
 namespace PropertyXml {
 
-/// @throw InternalError when `rootName` is no XML name or the tree is deeper than parse() accepts
-std::string write(const PropertyTree::Tree& tree, const std::string& rootName);
+/// Returns what follows "<value>": "<struct>...</struct></value>".
+/// @throw InternalError when the tree is deeper than parse() accepts
+std::string write(const PropertyTree::Tree& tree);
 
-/// Reads what write() writes, and the other integers and untyped text of XML-RPC.
+/// Reads what write() writes, with or without the "<value>" before it, and the other types of XML-RPC.
 /// @throw InputError with the reason
 PropertyTree::Tree parse(std::string_view xml);
 

@@ -35,7 +35,7 @@ std::vector<std::string> seeds() {
         record.toText(),
         std::string(4096, 'x') + "\n" + std::string(4097, 'x') + "\n", // the limit of a line
         Properties(R"({"a":[1,-2.5e-3,true,null,{"$real":"inf"}],"b":{"c":"x\u00e9\ud83d\ude00\n","d":{}}})")
-            .toXml("value"),
+            .toXml(),
     };
 }
 

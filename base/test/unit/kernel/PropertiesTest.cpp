@@ -27,7 +27,7 @@ Properties throughJson(const Properties& properties) {
     return Properties(properties.toString());
 }
 Properties throughXml(const Properties& properties) {
-    return Properties::fromXml(properties.toXml("value"));
+    return Properties::fromXml(properties.toXml());
 }
 
 Properties nest(unsigned levels) {
@@ -70,10 +70,12 @@ TEST(Properties, TextFormsKeepEveryValueAndItsKind) {
     all.set("list", std::vector<Properties>{inner, Properties(), real});
     all.set("real", real);
     all.set("doubled", doubled);
+    all.set("marks", std::vector<std::string>{"$real:nan", "$natural:1", "a\r\n", "\xEF\xBF\xBF"});
+    all.set("$base64:AA==", 1);
     all.set("bools", std::vector<bool>{true, false});
     all.set("none", std::vector<int>());
     EXPECT_EQ(throughJson(all), all) << all.toString();
-    EXPECT_EQ(throughXml(all), all) << all.toXml("value");
+    EXPECT_EQ(throughXml(all), all) << all.toXml();
     EXPECT_EQ(Properties(all.toPrettyString()), all);
     EXPECT_EQ(throughJson(real), real); // at the root the key is like any other
     EXPECT_TRUE(std::signbit(throughJson(all).getReal("zero")));
@@ -81,11 +83,10 @@ TEST(Properties, TextFormsKeepEveryValueAndItsKind) {
 
     EXPECT_EQ(Properties().toString(), "{}");
     EXPECT_EQ(Properties(" {\"a\":null,\"b\":[[1],{}]} ").toString(), "{\"a\":null,\"b\":[[1],{}]}");
-    EXPECT_EQ(Properties("{\"x\":[1.5],\"\":\"empty key\"}").toXml("value"),
-              "<value><struct><member><name>x</name><value><array><data><value><double>1.5</double></value>"
+    EXPECT_EQ(Properties("{\"x\":[1.5],\"\":\"empty key\"}").toXml(),
+              "<struct><member><name>x</name><value><array><data><value><double>1.5</double></value>"
               "</data></array></value></member>"
               "<member><name></name><value><string>empty key</string></value></member></struct></value>");
-    EXPECT_THROW(inner.toXml("no name"), InternalError);
 }
 
 TEST(Properties, GettersConvertWhereNothingIsLost) {
@@ -191,7 +192,7 @@ TEST(Properties, DepthIsBoundedBothWays) {
     EXPECT_EQ(throughXml(nest(Properties::MAX_DEPTH)), nest(Properties::MAX_DEPTH));
     const Properties tooDeep = nest(Properties::MAX_DEPTH + 1);
     EXPECT_THROW(tooDeep.toString(), InternalError);
-    EXPECT_THROW(tooDeep.toXml("value"), InternalError);
+    EXPECT_THROW(tooDeep.toXml(), InternalError);
     std::string text = nest(Properties::MAX_DEPTH).toString();
     text.replace(text.find(":1}"), 3, ":[]}");
     EXPECT_EQ(inputError([&json = text] { Properties parsed(json); }).substr(0, 24),
@@ -226,13 +227,14 @@ TEST(Properties, BadJsonIsRefusedWithPositionAndReason) {
 }
 
 TEST(Properties, BadXmlIsRefused) {
-    const std::string one = "<v><struct><member><name>a</name><value>";
-    const std::string end = "</value></member></struct></v>";
+    const std::string one = "<value><struct><member><name>a</name><value>";
+    const std::string end = "</value></member></struct></value>";
     for (const auto& [xml, reason] :
-         {std::pair<std::string, const char*>("", "No document element found"),
-          {"<v>", "Start-end tags mismatch"},
-          {"<v><array/></v>", "a root element with one struct was expected"},
-          {"<v><struct><member><name>a</name></member></struct></v>", "a member has no name or no value"},
+         {std::pair<std::string, const char*>("", "Start-end tags mismatch"),
+          {"<value>", "Start-end tags mismatch"},
+          {one + "<string>$real:x</string>" + end, "\"x\" isn't a number of the kind \"real\""},
+          {"<array/></value>", "a value with one struct was expected"},
+          {"<struct><member><name>a</name></member></struct></value>", "a member has no name or no value"},
           {one + "<i4>1x</i4>" + end, "\"1x\" isn't a number of the kind \"integer\""},
           {one + "<i8>9223372036854775808</i8>" + end, "isn't a number of the kind \"integer\""},
           {one + "<double></double>" + end, "\"\" isn't a number of the kind \"real\""},
@@ -250,4 +252,5 @@ TEST(Properties, BadXmlIsRefused) {
         deep = "<struct><member><name>a</name><value>" + deep + "</value></member></struct>";
     EXPECT_NE(inputError([&] { Properties::fromXml(one + deep + end); }).find("nested deeper"), one.npos);
     EXPECT_EQ(Properties::fromXml(one + "untyped &lt; text" + end).getString("a"), "untyped < text");
+    EXPECT_EQ(Properties::fromXml(one + "<base64>\nYQ\n==\n</base64>" + end).getString("a"), "a");
 }
