@@ -34,10 +34,17 @@ void FaultWatchdog::stop() {
 
 void FaultWatchdog::arm(int signal, double limit) {
     _signal = signal;
-    _limit = limit;
-    ++_armed;
+    extend(limit);
+    ++_armed; // only now: the thread must not see an end that is over
     ++_bell;
     _bell.notify_one();
+}
+
+void FaultWatchdog::extend(double limit) {
+    const double end = Platform::time().getTime() + limit;
+    double before = _end;
+    while (before < end && !_end.compare_exchange_weak(before, end)) {
+    }
 }
 
 void FaultWatchdog::disarm() {
@@ -53,9 +60,10 @@ void FaultWatchdog::watch() {
             _bell.wait(bell);
             continue;
         }
-        const double end = Platform::time().getTime() + _limit;
-        while (_armed != 0 && !_stopped && Platform::time().getTime() < end)
+        if (Platform::time().getTime() < _end) {
             Platform::time().sleep(STEP);
+            continue;
+        }
         if (_armed == 0 || _stopped)
             continue;
         // Nothing is left to do when this can't be written.

@@ -17,9 +17,11 @@ public:
     void start();
     void stop();
 
-    /// From now on `limit` seconds are left until disarm(). Allowed in the handler of a fault. Nested calls
-    /// count.
+    /// From now on `limit` seconds are left until disarm(). Nested calls count, and the latest end of them
+    /// all holds. Allowed in the handler of a fault.
     void arm(int signal, double limit);
+    /// From now on at least `limit` seconds are left until disarm(). While armed.
+    void extend(double limit);
     void disarm();
 
 private:
@@ -29,7 +31,7 @@ private:
     int _owner = 0; ///< the process that started it
     std::atomic<bool> _stopped{false};
     std::atomic<int> _signal{0};
-    std::atomic<double> _limit{0.0};
+    std::atomic<double> _end{0.0}; ///< of the time left, as Platform::time() counts
     std::atomic<int> _armed{0};
     /// Changes whenever the thread has something to look at. What it waits on, without a lock.
     std::atomic<int> _bell{0};

@@ -172,6 +172,34 @@ void speakBeforeDefault(int signal, int code, bool isSent) {
     endProcess(signal, TEXT);
 }
 
+/// While it lives, this thread handles a fault: another fault, or a handling without an end, ends the
+/// process.
+class HandlingScope {
+public:
+    explicit HandlingScope(int signal) {
+        faultState = FaultState::HANDLING;
+        watchdog.arm(signal, SignalHandler::FAULT_TIME_LIMIT);
+    }
+    ~HandlingScope() {
+        watchdog.disarm();
+        faultState = FaultState::NONE;
+    }
+    HandlingScope(const HandlingScope&) = delete;
+    HandlingScope& operator=(const HandlingScope&) = delete;
+};
+
+/// Raises the error of the fault. The raise hook may wait for other ranks, so it gets a time limit of its
+/// own.
+[[noreturn]] void raiseFault(const std::string& text, const Properties& properties, bool isTrap) {
+    watchdog.extend(SignalHandler::HOOK_TIME_LIMIT);
+    if (!isTrap)
+        raise(NonRecoverableError(text, properties));
+    // One rank alone must not go on from here while the others wait for it, so this error is announced, too.
+    FloatingPointError error(text, Error::NON_RECOVERABLE_SEVERITY, properties);
+    announceRaise(error);
+    raise(std::move(error));
+}
+
 /// Turns the fault into an error on this thread.
 void onFault(int signal, int code, void* address) {
     const bool isSent = code == SI_USER || code == SI_QUEUE;
@@ -183,21 +211,12 @@ void onFault(int signal, int code, void* address) {
         endInFault(signal, code);
     if (Platform::Signals::isStackOverflow())
         endAtStackEnd(signal);
-    faultState = FaultState::HANDLING;
-    watchdog.arm(signal, SignalHandler::FAULT_TIME_LIMIT);
+    const HandlingScope handling(signal); // until the error has left this function
     const std::string text = Platform::Signals::getFaultText(signal, code);
-    const bool isTrap = isFloatingPointTrap(signal, text);
     const Properties properties = describeFault(signal, text, address);
     tellObservers(properties);
     watchTerminate();
-    watchdog.disarm();
-    faultState = FaultState::NONE;
-    if (!isTrap)
-        raise(NonRecoverableError(text, properties));
-    // One rank alone must not go on from here while the others wait for it, so this error is announced, too.
-    FloatingPointError error(text, Error::NON_RECOVERABLE_SEVERITY, properties);
-    announceRaise(error);
-    raise(std::move(error));
+    raiseFault(text, properties, isFloatingPointTrap(signal, text));
 }
 
 } // namespace

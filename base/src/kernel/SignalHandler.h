@@ -14,7 +14,7 @@
 /// "SignalNumber" and Error::MESSAGE_TAG. Where no exception can pass, and on a fault while a fault is
 /// handled, the stack is printed on the standard error stream and the abort callback ends the process; a
 /// fault there ends it at once, and so does a fault whose handling doesn't come to an end within
-/// FAULT_TIME_LIMIT.
+/// FAULT_TIME_LIMIT, or whose raise hook doesn't come back within HOOK_TIME_LIMIT.
 ///
 /// When another process sends one of these signals, or the process calls abort(), the signal takes the
 /// system's default course behind the last-words callback. A stack overflow is printed with its trace and
@@ -26,6 +26,8 @@
 class ORVEX_KERNEL_EXPORT SignalHandler {
 public:
     static constexpr double FAULT_TIME_LIMIT = 10.0; ///< [s]
+    /// [s] for the raise hook, which may wait for other ranks with the error of a fault.
+    static constexpr double HOOK_TIME_LIMIT = 20.0;
 
     /// True when floating-point faults arrive as signals. Set by setCatchFpeSignals().
     static bool _catchFpeSignals;

@@ -5,12 +5,15 @@
 //     observer   and an observer faults as well
 //     abort      and the abort callback faults as well
 //     hang       and an observer never returns
+//     hook       and the raise hook never returns
+//     hookFault  and the raise hook faults as well
 //     module     while a module loads
 //     sent       by a signal from outside
 
 #include "kernel/Controller.h"
 #include "kernel/DynamicLoader.h"
 #include "kernel/Observer.h"
+#include "kernel/Raise.h"
 #include "kernel/SignalHandler.h"
 #include "kernel/Subject.h"
 #include "platform/Time.h"
@@ -55,6 +58,14 @@ int play(const std::string& how) {
     observer.hangs = how == "hang";
     if (how == "observer" || how == "abort" || how == "hang")
         Controller::getSingleton().getSignalRaisedObservable().attach(observer);
+    if (how == "hook")
+        setRaiseHook([](Error&) {
+            Platform::time().sleep(SignalHandler::FAULT_TIME_LIMIT + 1.0);
+            std::cerr << "waits still" << std::endl;
+            Platform::time().sleep(1e6);
+        });
+    if (how == "hookFault")
+        setRaiseHook([](Error&) { touchNowhere(); });
     std::string reason;
     if (how == "module")
         return DynamicLoader::getSingleton().loadNoAssert("OrvexKernelThrowingModule", reason) ? 1 : 2;

@@ -12,11 +12,12 @@
 
 #include <csignal>
 #include <functional>
+#include <future>
 #include <thread>
 
 namespace {
 
-volatile int* volatile nowhere = nullptr;
+volatile int* volatile nowhere = reinterpret_cast<int*>(16);
 volatile double zero = 0.0;
 volatile double quotient = 0.0;
 
@@ -76,7 +77,12 @@ TEST_F(SignalHandlerTest, AFaultInACommandIsItsError) {
     FaultObserver observer;
     Controller::getSingleton().getSignalRaisedObservable().attach(observer);
     static int announced = 0;
-    const RaiseHook before = setRaiseHook([](Error&) { ++announced; });
+    const RaiseHook before = setRaiseHook([](Error& error) {
+        ++announced;
+        EXPECT_EQ(error.getProperties().getString("Address"), "0x10");
+        EXPECT_NE(error.getProperties().getString(Error::STACK_TRACE_TAG).find("touchNowhere"),
+                  std::string::npos);
+    });
     std::thread([&] { EXPECT_THROW(fault(), NonRecoverableError); }).join(); // that thread's error
     setRaiseHook(before);
     EXPECT_EQ(announced, 1);
@@ -112,11 +118,20 @@ TEST_F(SignalHandlerTest, WhatCannotPassEndsTheProcess) {
         {L"observer", 32, {"Fault in the handling of a fault: Segm", "tellObservers", "aborted"}},
         {L"abort", 128 + SIGSEGV, {"Fault in the handling of a fault: Segmentation fault"}},
         {L"hang", 128 + SIGSEGV, {"The handling of a fault came to no end"}},
+        {L"hook", 128 + SIGSEGV, {"waits still", "The handling of a fault came to no end"}},
+        {L"hookFault", 32, {"Fault in the handling of a fault: Segmentation fault", "aborted"}},
         {L"module", 128 + SIGABRT, {"ThrowingModule.so can't be loaded: an initialiser of its static obj"}},
         {L"sent", 128 + SIGSEGV, {""}}};
+    using Result = Platform::Process::RunResult;
+    std::vector<std::future<Result>> results; // some wait for a time limit
+    for (const auto& row : rows)
+        results.push_back(std::async(std::launch::async, [&row] {
+            return Platform::process().runCaptured({StringHelper::toWString(ORVEX_KERNEL_PROBE), row.how},
+                                                   60.0);
+        }));
+    auto next = results.begin();
     for (const auto& row : rows) {
-        const Platform::Process::RunResult result =
-            Platform::process().runCaptured({StringHelper::toWString(ORVEX_KERNEL_PROBE), row.how}, 60.0);
+        const Result result = next++->get();
         EXPECT_EQ(result.exitStatus, row.exitStatus) << result.output;
         for (const char* text : row.output)
             EXPECT_NE(result.output.find(text), std::string::npos) << text << "\n" << result.output;
