@@ -17,8 +17,8 @@ class AssertNoFpeAccessKey {
 /// active, or when faults arrive as signals.
 namespace GlobalFloatingPointExceptionStatus {
 
-/// Records a pending fault under `context`, and clears it; a later record replaces an earlier one. Local.
-/// Main thread.
+/// Records a pending fault under `context`, and clears it; a later record replaces an earlier one. A fault
+/// without a context replaces none. Local. Main thread.
 /// @param context  names the computation; null when that isn't known
 ORVEX_MACHINE_EXPORT void TestAndSaveLocalContext(const char* context);
 ORVEX_MACHINE_EXPORT void TestAndSaveLocalContext(const std::string& context);

@@ -44,10 +44,11 @@ void GlobalFloatingPointError::assertNoError() {
         !ThreadParallelContext::_threadParallelContext, "!ThreadParallelContext::_threadParallelContext",
         "Cannot check global floating point error status from within a hybrid MPI thread context. The "
         "status check must be called collectively on all processes.");
-    GlobalFloatingPointExceptionStatus::TestAndSaveLocalContext(
-        OrvexVersion::isDevelopmentVersion() ? UNEXPECTED_FAULT : nullptr);
-
+    // Flags that a record may explain aren't unexpected.
     const std::string& record = FloatingPointErrorRecord::get();
+    GlobalFloatingPointExceptionStatus::TestAndSaveLocalContext(
+        OrvexVersion::isDevelopmentVersion() && record.empty() ? UNEXPECTED_FAULT : nullptr);
+
     if (!GlobalCondition(!record.empty(), GlobalCondition::ON_ANY))
         return;
     std::set<std::string> localErrors;

@@ -17,6 +17,9 @@ public:
                !SignalHandler::_catchFpeSignals && !FpuHandling::isFpeStatusClear(FpeStatusReadAccessKey());
     }
 
+    /// Whether a fault is recorded.
+    static bool hasRecord() { return !FloatingPointErrorRecord::get().empty(); }
+
     /// The text of the pending fault, which is then cleared.
     static std::string takeFault() {
         std::string text = FpuHandling::getFpeStatusAsString(FpeStatusReadAccessKey());
@@ -31,6 +34,8 @@ void GlobalFloatingPointExceptionStatus::TestAndSaveLocalContext(const char* con
     std::string text = FpuAccess::takeFault();
     if (context != nullptr)
         text.append(", context: ").append(context);
+    else if (FpuAccess::hasRecord())
+        return; // its text may name the cause of these flags
     else
         text += ", the specific cause cannot be identified";
     FloatingPointErrorRecord::set(text);

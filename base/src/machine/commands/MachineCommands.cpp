@@ -9,6 +9,8 @@
 #include "machine/MpiCore.h"
 #include "machine/StandardStreamManager.h"
 #include "machine/SynchronizedDynamicLoader.h"
+#include "machine/commands/FloatingPointCommands.h"
+#include "machine/commands/SegmentationCommands.h"
 #include "machine/commands/TestCommands.h"
 
 #include "kernel/Command.h"
@@ -507,5 +509,8 @@ void registerMachineCommands() {
     controller.registerCommand(new ReportAffinity);
     controller.registerCommand(new RedirectStandardStreams);
     registerTestCommands(controller);
+    registerFloatingPointFaults(controller);
+    registerSegmentationCommands(controller);
     controller.registerCommand(new SetMaximumMessageBufferSize);
+    registerFloatingPointTests(controller);
 }

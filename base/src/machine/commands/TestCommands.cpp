@@ -26,8 +26,7 @@ public:
                {{"pass", "bool", "whether both worked"}, {"message", "text", "what came of it"}}}) {}
     std::string getName() const override { return "RelaxAffinity"; }
     void execute(const Properties&, Properties& response) override {
-        std::cout << "Warning: The " << getName() << " command is intended for testing purposes only."
-                  << std::endl;
+        warnOfTestCommand(*this);
         const char* const failure = findFailure();
         response.set("pass", failure == nullptr);
         response.set("message", failure ? failure : "Successfully relaxed and restored process affinity.");
@@ -60,4 +59,9 @@ private:
 
 void registerTestCommands(Controller& controller) {
     controller.registerCommand(new RelaxAffinity);
+}
+
+void warnOfTestCommand(const Command& command) {
+    std::cout << "Warning: The " << command.getName() << " command is intended for testing purposes only."
+              << std::endl;
 }

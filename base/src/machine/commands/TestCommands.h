@@ -1,6 +1,10 @@
 #pragma once
 
+class Command;
 class Controller;
 
-/// Registers the commands that check a server: they say in their output that they are for tests.
+/// Registers the commands that check what a server does with its processes.
 void registerTestCommands(Controller& controller);
+
+/// Prints on the standard output of this rank that `command` is for tests.
+void warnOfTestCommand(const Command& command);

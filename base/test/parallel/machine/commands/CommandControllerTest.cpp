@@ -9,12 +9,12 @@
 #include "kernel/Properties.h"
 #include "platform/FloatingPointErrorRecord.h"
 
+#include "parallel/machine/commands/ParallelCommands.h"
 #include "support/TestCommand.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <functional>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -96,37 +96,11 @@ void registerTestCommands() {
     controller.registerCommand(new TestCommand("TestLeaveMessage", leaveMessage));
 }
 
-class CommandRoad : public testing::Test {
+class CommandRoad : public ParallelCommands {
 protected:
     void SetUp() override {
         registerTestCommands();
         timesCounted = 0;
-    }
-
-    /// The master plays the server, the workers serve until it releases them.
-    static void inCommandLoop(const std::function<void()>& serve) {
-        if (!Machine::isMaster()) {
-            CommandController::getSingleton().processCommands();
-            return;
-        }
-        serve();
-        CommandController::getSingleton().releaseWorkers();
-    }
-
-    static Properties run(const std::string& name, const Properties& args = Properties()) {
-        Properties command = args;
-        command.set(Command::COMMAND_TAG, name);
-        Properties response;
-        static_cast<void>(CommandController::getSingleton().masterExecuteCommand(command, response));
-        return response;
-    }
-    /// With `ranks` among the arguments; ranks that this job doesn't have are played by its last one.
-    static Properties run(const std::string& name, std::vector<unsigned> ranks,
-                          Properties args = Properties()) {
-        for (unsigned& rank : ranks)
-            rank = std::min(rank, Machine::nProcesses() - 1);
-        args.set("ranks", ranks);
-        return run(name, args);
     }
 };
 

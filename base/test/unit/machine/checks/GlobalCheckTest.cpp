@@ -157,6 +157,7 @@ TEST_F(SerialChecks, APendingFaultBecomesOneErrorAndIsGone) {
         {"context", [] { TestAndSaveLocalContext("flux"); }, FLAG_TEXT + ", context: flux"},
         {"empty context", [] { TestAndSaveLocalContext(std::string()); }, FLAG_TEXT + ", context: "},
         {"no context", [] { TestAndSaveLocalContext(nullptr); }, FLAG_TEXT + release},
+        {"flags tell less than a record", [] { FloatingPointErrorRecord::set("flux"); }, "flux"},
         {"the later record counts",
          [] {
              TestAndSaveLocalContext("first");

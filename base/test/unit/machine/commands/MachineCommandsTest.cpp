@@ -2,12 +2,14 @@
 
 #include "machine/commands/MachineCommands.h"
 #include "machine/CpuTopology.h"
+#include "machine/GlobalFloatingPointError.h"
 #include "machine/MachineHost.h"
 
 #include "kernel/Controller.h"
 #include "kernel/Error.h"
 #include "kernel/EventLoggerManager.h"
 #include "kernel/EventTracker.h"
+#include "kernel/SignalHandler.h"
 #include "platform/Io.h"
 #include "platform/Process.h"
 #include "platform/System.h"
@@ -126,6 +128,60 @@ TEST_F(MachineCommands, WarnOfSetAffinityAndRefuseMoreFlagsThanThereAreProcessor
     EXPECT_EQ(Error::getMessage(response), "\"mask\" may hold at most " + std::to_string(count) +
                                                " flags, one for each logical processing unit, but it holds " +
                                                std::to_string(count + 1));
+}
+
+TEST_F(MachineCommands, PrintTheFloatingPointStatusAroundEachSetOfOperations) {
+    const auto print = [](const std::string& first, const std::string& second, const std::string& third) {
+        return "Warning: The FpuTesting command is intended for testing purposes only.\n"
+               "Initial check for FPEs ...\nClearing FPE status register ...\n"
+               "Performing operations #1 ...\n" +
+               first + "Performing operations #2 ...\n" + second +
+               "Clearing FPE status register ...\nPerforming operations #3 ...\n" + third +
+               "Clearing FPE status register ...\nFinal check for FPEs ...\n";
+    };
+    const std::string check = "Checking FPE status register ...\n";
+    const std::string inContext = "Checking FPE status register (context)...\n";
+    const std::string inf = "  result = inf\n";
+    const std::string nan = "  result = -nan\n";
+    const std::string division = "  FPE: DIV by zero\n";
+    const std::string invalid = "  FPE: invalid operation\n";
+    const std::string overflow = "  FPE: overflow\n";
+    const struct {
+        std::string arguments, printed;
+    } rows[] = {
+        {"", print(check, check, check)},
+        {R"(,"op1":1,"op2":4,"op3":2)",
+         print(inf + check + division, inf + check + division + overflow, nan + check + invalid)},
+        {R"(,"op1":1,"op2":4,"isolated":true)",
+         print(inf + check + division, inf + inContext + overflow + check + division, check)},
+        {R"(,"op1":56,"op2":64,"op3":133)",
+         print("  result = 1.11254e-308\n  result = 4.94066e-324\n  result = 4.94066e-24\n" + check, check,
+               inf + inf + check + division + invalid + overflow)},
+    };
+    for (const auto& row : rows) {
+        testing::internal::CaptureStdout();
+        EXPECT_EQ(run(R"({"command":"FpuTesting")" + row.arguments + "}").toString(),
+                  R"({"Command":"FpuTesting","pass":true,"message":"Successfully executed FPU testing."})");
+        EXPECT_EQ(testing::internal::GetCapturedStdout(), row.printed) << row.arguments;
+        EXPECT_EQ(messageOf<Error>(&GlobalFloatingPointError::assertNoError), "") << row.arguments;
+    }
+}
+
+TEST_F(MachineCommands, FailBySegmentationFaultsWithAddressAndStack) {
+    if (!ORVEX_PASSES_FAULTS)
+        GTEST_SKIP();
+    SignalHandler::install();
+    for (const char* who : {"Master", "Synchronous", "Asynchronous"}) {
+        Properties response;
+        Properties command;
+        command.set("command", std::string("Invoke") + who + "SegmentationError");
+        EXPECT_FALSE(Controller::getSingleton().executeCommand(command, response));
+        EXPECT_EQ(Error::getMessage(response), "Segmentation fault: address not mapped");
+        EXPECT_EQ(response.getString("Address"), "0x10");
+        EXPECT_NE(response.getString(Error::STACK_TRACE_TAG).find("writeToUnmappedAddress"),
+                  std::string::npos);
+    }
+    SignalHandler::uninstall();
 }
 
 TEST_F(MachineCommands, StandOnTheHostOfAProcessAlone) {
