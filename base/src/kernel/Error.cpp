@@ -70,10 +70,11 @@ const char* Error::getKind() const {
 
 Properties Error::toResponse() const {
     Properties response = _properties;
+    const bool needsMessage = _what.empty() && !_collective;
     complete(response,
-             _what.empty() ? "An error of type " + Platform::StackTracer::demangle(typeid(*this).name()) +
-                                 " without a message"
-                           : _what,
+             needsMessage ? "An error of type " + Platform::StackTracer::demangle(typeid(*this).name()) +
+                                " without a message"
+                          : _what,
              getKind());
     return response;
 }

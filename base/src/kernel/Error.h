@@ -43,7 +43,7 @@ public:
     /// The kind of all errors of the class. A raiser who knows better sets KIND_TAG in the tree.
     virtual const char* getKind() const;
     /// The tree as it goes into a response: with type, message, severity and kind in any case. An error
-    /// without a message tells its class.
+    /// without a message tells its class; a collective one leaves that to the rank that has the message.
     Properties toResponse() const;
 
     /// True when `response` carries an error (it has ERROR_TAG).
