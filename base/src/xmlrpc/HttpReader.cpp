@@ -13,6 +13,7 @@ namespace {
 constexpr int BAD_REQUEST = 400;
 constexpr int TOO_LARGE = 413;
 constexpr int HEADER_TOO_LARGE = 431;
+constexpr const char* EARLY_END = "it ends too early";
 constexpr int STOP = -1; ///< the result of a callback that ends the parsing
 
 } // namespace
@@ -74,7 +75,7 @@ HttpReader::State HttpReader::readEnd() {
     std::size_t used = 0;
     if (_state == State::INCOMPLETE)
         parse({}, used);
-    return _state == State::INCOMPLETE ? refuse(BAD_REQUEST, "it ends too early") : _state;
+    return _state == State::INCOMPLETE ? refuse(BAD_REQUEST, EARLY_END) : _state;
 }
 
 /// Feeds the header's bytes only up to the limit of its size. The bytes of a body may follow in them.
@@ -107,7 +108,7 @@ HttpReader::State HttpReader::parse(std::string_view bytes, std::size_t& used) {
     used = http_parser_execute(_parser.get(), &SETTINGS, bytes.data(), bytes.size());
     const http_errno error = HTTP_PARSER_ERRNO(_parser.get());
     if (_state == State::INCOMPLETE && error != HPE_OK)
-        refuse(BAD_REQUEST, http_errno_description(error));
+        refuse(BAD_REQUEST, error == HPE_INVALID_EOF_STATE ? EARLY_END : http_errno_description(error));
     else if (_state == State::INCOMPLETE && used < bytes.size())
         refuse(BAD_REQUEST, "it asks for another protocol");
     return _state;

@@ -21,18 +21,35 @@ void checkMethod(const std::string& method) {
         throw std::invalid_argument("malformed XML-RPC: the name of the method isn't one");
 }
 
-/// Any bytes as text for XML: what isn't UTF-8 or not allowed there becomes a mark that people can read.
-std::string toPlainText(std::string_view bytes) {
+void appendMark(char c, std::string& text) {
     constexpr std::string_view DIGITS = "0123456789ABCDEF";
+    const auto byte = static_cast<unsigned char>(c);
+    text.append("\\x").append({DIGITS[byte / 16], DIGITS[byte % 16]});
+}
+
+/// The bytes at the beginning of `text` that XML doesn't allow, of one character.
+std::size_t countBadBytes(std::string_view text) {
+    for (const std::string_view noCharacter : {"\xEF\xBF\xBE", "\xEF\xBF\xBF"})
+        if (text.starts_with(noCharacter))
+            return noCharacter.size();
+    const auto byte = static_cast<unsigned char>(text[0]);
+    return byte < 0x20 && byte != '\t' && byte != '\n' && byte != '\r' ? 1 : 0;
+}
+
+/// Any bytes as text for XML: each byte that isn't UTF-8 or not allowed there becomes a mark that people can
+/// read.
+std::string toPlainText(std::string_view bytes) {
+    const std::string valid = StringHelper::toString(StringHelper::fromBytes(bytes));
     std::string plain;
-    for (const char c : StringHelper::toString(StringHelper::fromBytes(bytes))) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (byte >= 0x20 || c == '\t' || c == '\n' || c == '\r')
-            plain += c;
-        else
-            plain.append("\\x").append({DIGITS[byte / 16], DIGITS[byte % 16]});
+    for (std::string_view rest = valid; !rest.empty();) {
+        const std::size_t bad = countBadBytes(rest);
+        for (const char c : rest.substr(0, bad))
+            appendMark(c, plain);
+        if (bad == 0)
+            plain += rest[0];
+        rest.remove_prefix(bad == 0 ? 1 : bad);
     }
-    return XmlText::fits(plain) ? plain : "a text that can't be written";
+    return plain;
 }
 
 void expectRoot(pugi::xml_node root, std::string_view name) {
