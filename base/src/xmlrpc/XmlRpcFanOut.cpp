@@ -86,7 +86,6 @@ private:
             endpoints.emplace_back(address, static_cast<asio::ip::port_type>(call.port));
         std::string request = HttpText::makeRequest(call.host, call.port, _secret,
                                                     XmlRpcMessage::writeCall(call.method, call.params));
-        ++_open;
         std::make_shared<XmlRpcExchange>(_loop, where)
             ->start(endpoints, std::move(request), std::min(_end, now + _callTime),
                     [this, index](XmlRpcFanOut::Answer&& answer) {
@@ -94,6 +93,7 @@ private:
                         arrive(index, std::move(answer));
                         startCalls();
                     });
+        ++_open; // the answer comes later than this
     }
 
     void arrive(std::size_t index, XmlRpcFanOut::Answer answer) {

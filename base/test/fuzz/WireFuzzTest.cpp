@@ -5,6 +5,7 @@
 #include "kernel/server/SessionHandshake.h"
 #include "kernel/server/SessionRecord.h"
 #include "platform/StringHelper.h"
+#include "xmlrpc/XmlRpcMessage.h"
 
 #include <gtest/gtest.h>
 
@@ -36,13 +37,22 @@ std::vector<std::string> seeds() {
         std::string(4096, 'x') + "\n" + std::string(4097, 'x') + "\n", // the limit of a line
         Properties(R"({"a":[1,-2.5e-3,true,null,{"$real":"inf"}],"b":{"c":"x\u00e9\ud83d\ude00\n","d":{}}})")
             .toXml(),
+        "POST /RPC2?job=1 HTTP/1.1\r\nContent-Length: 3\r\nExpect: 100-continue\r\nX-Orvex-Job: 1\r\n\r\nabc",
+        "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n3\r\nabc\r\n0\r\n\r\n",
+        XmlRpc::XmlRpcMessage::writeCall(
+            "Echo", XmlRpc::XmlRpcValue::fromXml(
+                        "<value><array><data><value>a&#x20AC;&lt;</value><value><base64>AAE=</base64></"
+                        "value><value><nil/>"
+                        "</value><value><double>-1.5</double></value></data></array></value>")),
+        XmlRpc::XmlRpcMessage::writeResult(XmlRpc::XmlRpcValue(true)),
     };
 }
 
 /// Changes a text the way faults and attackers do.
 std::string mutate(std::string text, std::mt19937& generator) {
     std::vector<std::string> pieces =
-        StringHelper::tokenize("{ } [ ] < > & / \" : , \n \\u0000 \\ud800 1e999 - \xff \xc0\x80 \xed\xa0\x80 "
+        StringHelper::tokenize("{ } [ ] < > & / \" <value> </value> <!-- ]]> &#1; \r\n Content-Length: : , "
+                               "\n \\u0000 \\ud800 1e999 - \xff \xc0\x80 \xed\xa0\x80 "
                                "\"jsonrpc\":\"2.0\" null 18446744073709551616",
                                " ");
     pieces.insert(pieces.end(),

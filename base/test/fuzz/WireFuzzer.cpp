@@ -7,11 +7,14 @@
 #include "kernel/server/SessionHandshake.h"
 #include "kernel/server/SessionRecord.h"
 #include "platform/StringHelper.h"
+#include "xmlrpc/HttpReader.h"
+#include "xmlrpc/XmlRpcMessage.h"
 
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
+#include <stdexcept>
 #include <string>
 
 namespace {
@@ -73,6 +76,36 @@ void fuzzLine(std::string_view line) {
     fuzzHandshake(message, line);
 }
 
+void fuzzXmlRpc(std::string_view text) {
+    for (XmlRpc::XmlRpcValue (*const read)(std::string_view) :
+         {&XmlRpc::XmlRpcValue::fromXml,
+          +[](std::string_view xml) { return XmlRpc::XmlRpcMessage::readCall(xml).params; },
+          +[](std::string_view xml) { return XmlRpc::XmlRpcMessage::readAnswer(xml).result; }}) {
+        try {
+            const std::string written = read(text).toXml();
+            demand(XmlRpc::XmlRpcValue::fromXml(written).toXml() == written,
+                   "a value is written as it was read", text);
+        } catch (const std::invalid_argument& error) {
+            demand(*error.what() != 0, "a refusal has words", text);
+        }
+    }
+    const std::string fault = XmlRpc::XmlRpcMessage::writeFault(1, text.substr(0, LIMIT));
+    demand(XmlRpc::XmlRpcMessage::readAnswer(fault).fault.has_value(), "a fault of any bytes arrives", text);
+}
+
+void fuzzHttp(XmlRpc::HttpReader::Kind kind, std::string_view text) {
+    using State = XmlRpc::HttpReader::State;
+    XmlRpc::HttpReader whole(kind, LIMIT), pieces(kind, LIMIT);
+    State state = State::INCOMPLETE;
+    for (std::size_t at = 0, step = 1; at < text.size(); at += step, step = 1 + (text.size() + at) % 97)
+        state = pieces.read(text.substr(at, step));
+    demand(text.empty() || whole.read(text) == state, "a message doesn't depend on its pieces", text);
+    demand(whole.readEnd() != State::INCOMPLETE && whole.readEnd() == pieces.readEnd(), "a message ends",
+           text);
+    demand(whole.getBody().size() <= LIMIT, "no body exceeds the limit", text);
+    demand(whole.getBody() == pieces.getBody(), "a body doesn't depend on its pieces", text);
+}
+
 } // namespace
 
 void fuzzWire(const std::uint8_t* data, std::size_t size) {
@@ -99,5 +132,8 @@ void fuzzWire(const std::uint8_t* data, std::size_t size) {
            "each line is handed out, unless it is too long", text);
     fuzzLine(text);
     fuzzArguments(text, text);
+    fuzzXmlRpc(text);
+    fuzzHttp(XmlRpc::HttpReader::Kind::REQUEST, text);
+    fuzzHttp(XmlRpc::HttpReader::Kind::ANSWER, text);
     SessionRecord::fromText(std::string(text));
 }
