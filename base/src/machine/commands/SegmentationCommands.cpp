@@ -5,17 +5,16 @@
 #include "kernel/Command.h"
 #include "kernel/Controller.h"
 
-#include <cstdint>
 #include <string>
 
 namespace {
 
-/// In the first page, which the system never maps. The compiler can't know it: it is read when it is used.
-volatile std::uintptr_t nowhere = 16;
+/// In the first page, which the system never maps. It is read at run time, so the compiler keeps the write.
+volatile int* volatile nowhere = reinterpret_cast<int*>(16);
 
 /// A sanitizer would report the write in its own way.
 __attribute__((noinline, no_sanitize("address", "thread", "undefined"))) void writeToUnmappedAddress() {
-    *reinterpret_cast<volatile int*>(nowhere) = 1;
+    *nowhere = 1;
 }
 
 /// Raises a segmentation fault on the ranks that a derived class chooses; the others return at once.
