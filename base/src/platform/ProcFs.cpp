@@ -31,7 +31,11 @@ std::optional<std::string> readText(const std::string& path, std::size_t maxByte
 }
 
 std::optional<Stat> readStat(int pid) {
-    const auto text = readText("/proc/" + std::to_string(pid) + "/stat");
+    return readStatAt("/proc/" + std::to_string(pid));
+}
+
+std::optional<Stat> readStatAt(const std::string& folder) {
+    const auto text = readText(folder + "/stat");
     if (!text)
         return std::nullopt;
     // The name stands in parentheses and may hold any character, parentheses too: the last one closes it.

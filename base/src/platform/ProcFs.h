@@ -16,6 +16,8 @@ struct Stat {
 
 /// Nothing when there is no such process.
 std::optional<Stat> readStat(int pid);
+/// The same of a process or thread by its folder, for example "/proc/1/task/1".
+std::optional<Stat> readStatAt(const std::string& folder);
 /// A small file of the system, at most `maxBytes` of it; nothing when it can't be read.
 std::optional<std::string> readText(const std::string& path, std::size_t maxBytes = 1u << 20);
 /// A descriptor that becomes readable when the process ends; -1 when there is no such process or the system

@@ -3,6 +3,7 @@
 #include "platform/AlternateStack.h"
 #include "platform/Pipe.h"
 #include "platform/QuietThread.h"
+#include "platform/StackSampler.h"
 #include "platform/Thread.h"
 
 #include <atomic>
@@ -96,6 +97,7 @@ bool isAtStackEnd([[maybe_unused]] const siginfo_t& info, [[maybe_unused]] const
 
 void onFault(int signal, siginfo_t* info, void* context) {
     resumeFloatingPointModes(context);
+    const StackSampler::FaultScope handling; // ends with the exception that leaves
     // A fault on the alternate stack itself is another one.
     strikesStackEnd = !strikesStackEnd && isAtStackEnd(*info, context);
     if (const auto callback = faultCallbacks[signal].load())
