@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+class CollectiveHistory;
 class ExitStatus;
 class Properties;
 
@@ -548,6 +549,7 @@ public:
     using ReductionFunction = void (*)(void* in, void* inout, int* length, int* datatype);
 
 private:
+    friend class CollectiveHistory;
     friend class CommunicatorFrame;
     friend class CommunicatorTestAccess;
 
@@ -594,6 +596,7 @@ private:
     void _broadcast(BufferBase<unsigned> buf, unsigned root);
     /// With all that may be between: cutting, the gate's refusals, the timer, the statistics.
     void broadcastStepwise(BufferBase<unsigned> buf, unsigned root);
+    void broadcastWhole(BufferBase<unsigned> buf, unsigned root);
     void _scatter(ConstBufferBase<unsigned> sendbuf, BufferBase<unsigned> recvbuf, unsigned root);
     void _scatterVector(ConstBufferBase<int> sendbuf, const unsigned* sendCounts,
                         const unsigned* displacements, BufferBase<int> recvbuf, unsigned root);
@@ -721,6 +724,7 @@ private:
 
     int _handle;
     int _group;
+    std::shared_ptr<CollectiveHistory> _history; ///< shared by all objects of all processes
     unsigned _size = 0;
     unsigned _myRank = 0;
     std::size_t _maxBufferSize = 0;

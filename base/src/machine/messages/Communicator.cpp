@@ -16,6 +16,34 @@ namespace {
 /// Communicators whose timer is on: the gate is shut for a fast pass while there is one.
 unsigned timedCommunicators = 0;
 
+/// One for all objects that stand for all processes.
+std::shared_ptr<CollectiveHistory> historyOfAll(unsigned size, unsigned rank) {
+    static std::weak_ptr<CollectiveHistory> history;
+    std::shared_ptr<CollectiveHistory> known = history.lock();
+    if (!known) {
+        known = std::make_shared<CollectiveHistory>(size, rank);
+        known->setNumber(CollectiveHistory::GLOBAL_NUMBER);
+        known->setName(CollectiveHistory::GLOBAL);
+        history = known;
+    }
+    return known;
+}
+
+/// Another one for another list.
+std::uint32_t keyOf(const std::vector<unsigned>& ranks) {
+    std::uint64_t hash = ranks.size();
+    for (const unsigned rank : ranks)
+        hash = CollectiveHistory::extend(hash, rank + 1ull);
+    return static_cast<std::uint32_t>(hash ^ hash >> 32);
+}
+
+constexpr MessageOperation CREATE{"Communicator::createCommunicator", CommunicatorStatistics::GLOBAL, true,
+                                  Collective::CREATE_COMMUNICATOR};
+constexpr MessageOperation CREATE_SHARED{"Communicator::createSharedMemCommunicators",
+                                         CommunicatorStatistics::GLOBAL, true,
+                                         Collective::CREATE_SHARED_MEMORY_COMMUNICATORS};
+constexpr MessageOperation FREE{"Communicator::freeCommunicator"};
+
 /// A group that lives for one operation.
 class Group {
 public:
@@ -65,6 +93,8 @@ void Communicator::readIdentity() {
     _size = static_cast<unsigned>(size);
     _myRank = static_cast<unsigned>(rank);
     _maxBufferSize = OXM_MPI_Get_max_buffer_size();
+    _history = _handle == OXM_MPI_COMM_WORLD ? historyOfAll(_size, _myRank)
+                                             : std::make_shared<CollectiveHistory>(_size, _myRank);
 
     std::array<char, OXM_MPI_MAX_PROCESSOR_NAME> name{};
     int namelen = 0;
@@ -81,8 +111,10 @@ Communicator::~Communicator() {
 
 void Communicator::release() noexcept {
     // Nobody is left who could be told of a failure.
-    if (_handle != OXM_MPI_COMM_NULL && _handle != OXM_MPI_COMM_WORLD)
+    if (_handle != OXM_MPI_COMM_NULL && _handle != OXM_MPI_COMM_WORLD) {
+        const OperationRecord::Scope recorded(FREE, _history ? _history->getLabel() : 0);
         OXM_MPI_Comm_free(&_handle);
+    }
     OXM_MPI_Group_free(&_group);
 }
 
@@ -92,6 +124,10 @@ void Communicator::enableCommunicationTimer(bool on) {
     _communicationTimerEnabled = on;
     timedCommunicators += on ? 1u : -1u;
     MessagingGate::set(MessagingGate::COMMUNICATION_TIMER, timedCommunicators != 0);
+}
+
+CollectiveHistory& CollectiveHistory::of(const Communicator& communicator) {
+    return *communicator._history;
 }
 
 std::unique_ptr<Communicator> Communicator::createCommunicator(const std::vector<unsigned>& ranks) const {
@@ -109,6 +145,9 @@ std::unique_ptr<Communicator> Communicator::createCommunicator(const std::vector
         members.push_back(static_cast<int>(rank));
     }
 
+    _history->note(CollectiveHistory::wordOf(CREATE.collective, 0));
+    const OperationRecord::Scope recorded(CREATE, _history->getLabel());
+    const std::uint32_t number = _history->makeNumber(keyOf(ranks));
     Group group;
     int newHandle = OXM_MPI_COMM_NULL;
     MpiCore::handleError(
@@ -117,16 +156,26 @@ std::unique_ptr<Communicator> Communicator::createCommunicator(const std::vector
     std::unique_ptr<Communicator> created;
     if (std::find(ranks.begin(), ranks.end(), _myRank) != ranks.end())
         created.reset(new Communicator(newHandle));
+    if (created)
+        created->_history->setNumber(number);
     group.free();
     return created;
 }
 
 std::unique_ptr<Communicator> Communicator::createSharedMemCommunicators() const {
     MessageGate::pass();
+    _history->note(CollectiveHistory::wordOf(CREATE_SHARED.collective, 0));
+    const OperationRecord::Scope recorded(CREATE_SHARED, _history->getLabel());
     int newHandle = OXM_MPI_COMM_NULL;
     MpiCore::handleError(
         OXM_MPI_Comm_split_type(_handle, OXM_MPI_COMM_TYPE_SHARED, 0, OXM_MPI_INFO_NULL, &newHandle));
-    return std::unique_ptr<Communicator>(new Communicator(newHandle));
+    std::unique_ptr<Communicator> created(new Communicator(newHandle));
+    // Each set of ranks has its own first rank.
+    unsigned first = _myRank;
+    if (created->_size > 1)
+        MpiCore::handleError(OXM_MPI_Bcast(&first, 1, OXM_MPI_UNSIGNED, 0, newHandle));
+    created->_history->setNumber(_history->makeNumber(first));
+    return created;
 }
 
 NativeHandle Communicator::nativeHandle() const {

@@ -8,15 +8,19 @@
 namespace {
 
 using Frame = CommunicatorFrame;
-constexpr Frame::Operation BROADCAST = Frame::global("Communicator::Broadcast");
-constexpr Frame::Operation GATHER = Frame::global("Communicator::Gather");
-constexpr Frame::Operation GATHER_VECTOR = Frame::global("Communicator::GatherVector");
-constexpr Frame::Operation ALL_GATHER = Frame::global("Communicator::AllGather");
-constexpr Frame::Operation ALL_GATHER_VECTOR = Frame::global("Communicator::AllGatherVector");
-constexpr Frame::Operation SCATTER = Frame::global("Communicator::Scatter");
-constexpr Frame::Operation SCATTER_VECTOR = Frame::global("Communicator::ScatterVector");
-constexpr Frame::Operation ALL_TO_ALL = Frame::global("Communicator::AllToAll");
-constexpr Frame::Operation ALL_TO_ALL_VECTOR = Frame::global("Communicator::AllToAllVector");
+constexpr Frame::Operation BROADCAST = Frame::global("Communicator::Broadcast", Collective::BROADCAST);
+constexpr Frame::Operation GATHER = Frame::global("Communicator::Gather", Collective::GATHER);
+constexpr Frame::Operation GATHER_VECTOR =
+    Frame::global("Communicator::GatherVector", Collective::GATHER_VECTOR);
+constexpr Frame::Operation ALL_GATHER = Frame::global("Communicator::AllGather", Collective::ALL_GATHER);
+constexpr Frame::Operation ALL_GATHER_VECTOR =
+    Frame::global("Communicator::AllGatherVector", Collective::ALL_GATHER_VECTOR);
+constexpr Frame::Operation SCATTER = Frame::global("Communicator::Scatter", Collective::SCATTER);
+constexpr Frame::Operation SCATTER_VECTOR =
+    Frame::global("Communicator::ScatterVector", Collective::SCATTER_VECTOR);
+constexpr Frame::Operation ALL_TO_ALL = Frame::global("Communicator::AllToAll", Collective::ALL_TO_ALL);
+constexpr Frame::Operation ALL_TO_ALL_VECTOR =
+    Frame::global("Communicator::AllToAllVector", Collective::ALL_TO_ALL_VECTOR);
 
 } // namespace
 
@@ -30,8 +34,7 @@ const int* Communicator::toWrapper(const unsigned* values) const {
 
 void Communicator::_broadcast(BufferBase<unsigned> buf, unsigned root) {
     if (MessagingGate::isOpen() && buf.size != 0 && !exceedsSizeLimits(buf.size, buf.typeSize)) [[likely]]
-        MpiCore::handleError(
-            OXM_MPI_Bcast(buf.data, static_cast<int>(buf.size), buf.type, static_cast<int>(root), _handle));
+        broadcastWhole(buf, root);
     else
         broadcastStepwise(buf, root);
 }
@@ -47,9 +50,15 @@ void Communicator::broadcastStepwise(BufferBase<unsigned> buf, unsigned root) {
         return;
     MessageGate::pass();
     checkOversize(buf.size, buf.typeSize);
-    MpiCore::handleError(Frame::run<OXM_MPI_Bcast, BROADCAST>(this, bytesOf(buf), 0, buf.data,
-                                                              static_cast<int>(buf.size), buf.type,
-                                                              static_cast<int>(root), _handle));
+    broadcastWhole(buf, root);
+}
+
+inline void Communicator::broadcastWhole(BufferBase<unsigned> buf, unsigned root) {
+    const auto rank = static_cast<int>(root);
+    const unsigned bytes = bytesOf(buf);
+    MpiCore::handleError(
+        Frame::run<OXM_MPI_Bcast, BROADCAST>(this, bytes, Frame::collective(BROADCAST, bytes, rank), buf.data,
+                                             static_cast<int>(buf.size), buf.type, rank, _handle));
 }
 
 void Communicator::_gather(ConstBufferBase<unsigned> sendbuf, BufferBase<unsigned> recvbuf, unsigned root) {
@@ -67,9 +76,10 @@ void Communicator::_gather(ConstBufferBase<unsigned> sendbuf, BufferBase<unsigne
     checkOversize(sendbuf.size, sendbuf.typeSize);
     ORVEX_ASSERT(sendbuf.type == recvbuf.type, "Mismatch in gather types");
     const auto count = static_cast<int>(sendbuf.size);
-    MpiCore::handleError(Frame::run<OXM_MPI_Gather, GATHER>(this, bytesOf(sendbuf), 0, sendbuf.data, count,
-                                                            sendbuf.type, recvbuf.data, count, recvbuf.type,
-                                                            static_cast<int>(root), _handle));
+    MpiCore::handleError(Frame::run<OXM_MPI_Gather, GATHER>(
+        this, bytesOf(sendbuf), Frame::collective(GATHER, bytesOf(sendbuf), static_cast<int>(root)),
+        sendbuf.data, count, sendbuf.type, recvbuf.data, count, recvbuf.type, static_cast<int>(root),
+        _handle));
 }
 
 void Communicator::_allGather(ConstBufferBase<unsigned> sendbuf, BufferBase<unsigned> recvbuf) {
@@ -84,9 +94,9 @@ void Communicator::_allGather(ConstBufferBase<unsigned> sendbuf, BufferBase<unsi
     MessageGate::pass();
     checkOversize(exceeds ? sendbuf.size : recvbuf.size, recvbuf.typeSize);
     const auto count = static_cast<int>(sendbuf.size);
-    MpiCore::handleError(Frame::run<OXM_MPI_Allgather, ALL_GATHER>(this, bytesOf(sendbuf), 0, sendbuf.data,
-                                                                   count, sendbuf.type, recvbuf.data, count,
-                                                                   recvbuf.type, _handle));
+    MpiCore::handleError(Frame::run<OXM_MPI_Allgather, ALL_GATHER>(
+        this, bytesOf(sendbuf), Frame::collective(ALL_GATHER, bytesOf(sendbuf)), sendbuf.data, count,
+        sendbuf.type, recvbuf.data, count, recvbuf.type, _handle));
 }
 
 void Communicator::_scatter(ConstBufferBase<unsigned> sendbuf, BufferBase<unsigned> recvbuf, unsigned root) {
@@ -102,14 +112,16 @@ void Communicator::_scatter(ConstBufferBase<unsigned> sendbuf, BufferBase<unsign
     checkOversize(recvbuf.size, recvbuf.typeSize);
     const auto count = static_cast<int>(recvbuf.size);
     MpiCore::handleError(Frame::run<OXM_MPI_Scatter, SCATTER>(
-        this, recvbuf.size * sendbuf.typeSize, 0, sendbuf.data, count, sendbuf.type, recvbuf.data, count,
-        recvbuf.type, static_cast<int>(root), _handle));
+        this, bytesOf(recvbuf), Frame::collective(SCATTER, bytesOf(recvbuf), static_cast<int>(root)),
+        sendbuf.data, count, sendbuf.type, recvbuf.data, count, recvbuf.type, static_cast<int>(root),
+        _handle));
 }
 
 void Communicator::_gatherVector(ConstBufferBase<int> sendbuf, BufferBase<int> recvbuf,
                                  const unsigned* recvCounts, const unsigned* displacements, unsigned root) {
     ORVEX_ASSERT(sendbuf.type == recvbuf.type, "Communicator::gatherVector");
-    CommunicatorFrame frame(*this, GATHER_VECTOR, bytesOf(sendbuf));
+    CommunicatorFrame frame(*this, GATHER_VECTOR, bytesOf(sendbuf),
+                            Frame::collective(GATHER_VECTOR, 0, static_cast<int>(root)));
     const bool here = _myRank == root;
     const int* const counts = here ? toWrapper(recvCounts) : nullptr;
     const int* const positions = here ? toWrapper(displacements) : nullptr;
@@ -121,7 +133,8 @@ void Communicator::_gatherVector(ConstBufferBase<int> sendbuf, BufferBase<int> r
 void Communicator::_scatterVector(ConstBufferBase<int> sendbuf, const unsigned* sendCounts,
                                   const unsigned* displacements, BufferBase<int> recvbuf, unsigned root) {
     ORVEX_ASSERT(sendbuf.type == recvbuf.type, "Communicator::scatterVector");
-    CommunicatorFrame frame(*this, SCATTER_VECTOR, bytesOf(recvbuf));
+    CommunicatorFrame frame(*this, SCATTER_VECTOR, bytesOf(recvbuf),
+                            Frame::collective(SCATTER_VECTOR, 0, static_cast<int>(root)));
     const bool here = _myRank == root;
     const int* const counts = here ? toWrapper(sendCounts) : nullptr;
     const int* const positions = here ? toWrapper(displacements) : nullptr;
@@ -137,7 +150,8 @@ void Communicator::_allGatherVector(ConstBufferBase<unsigned> sendbuf, BufferBas
         cutAllGatherVector(sendbuf, recvbuf, recvCounts, displacements);
         return;
     }
-    CommunicatorFrame frame(*this, ALL_GATHER_VECTOR, bytesOf(sendbuf));
+    CommunicatorFrame frame(*this, ALL_GATHER_VECTOR, bytesOf(sendbuf),
+                            Frame::collective(ALL_GATHER_VECTOR, 0));
     const int* const counts = toWrapper(recvCounts);
     const int* const positions = toWrapper(displacements);
     MpiCore::handleError(OXM_MPI_Allgatherv(sendbuf.data, castCount<int>(sendbuf.size), sendbuf.type,
@@ -149,15 +163,16 @@ void Communicator::_allToAll(ConstBufferBase<int> sendbuf, BufferBase<int> recvb
     ORVEX_ASSERT(sendbuf.type == recvbuf.type, "Communicator::allToAll");
     const auto size = static_cast<int>(_size);
     MpiCore::handleError(Frame::run<OXM_MPI_Alltoall, ALL_TO_ALL>(
-        this, bytesOf(sendbuf), 0, sendbuf.data, sendbuf.size / size, sendbuf.type, recvbuf.data,
-        recvbuf.size / size, recvbuf.type, _handle));
+        this, bytesOf(sendbuf), Frame::collective(ALL_TO_ALL, bytesOf(sendbuf)), sendbuf.data,
+        sendbuf.size / size, sendbuf.type, recvbuf.data, recvbuf.size / size, recvbuf.type, _handle));
 }
 
 void Communicator::_allToAllVector(ConstBufferBase<int> sendbuf, const unsigned* sendCounts,
                                    const unsigned* sendDisplacements, BufferBase<int> recvbuf,
                                    const unsigned* recvCounts, const unsigned* recvDisplacements) {
     ORVEX_ASSERT(sendbuf.type == recvbuf.type, "Communicator::allToAll");
-    CommunicatorFrame frame(*this, ALL_TO_ALL_VECTOR, bytesOf(sendbuf));
+    CommunicatorFrame frame(*this, ALL_TO_ALL_VECTOR, bytesOf(sendbuf),
+                            Frame::collective(ALL_TO_ALL_VECTOR, 0));
     MpiCore::handleError(OXM_MPI_Alltoallv(sendbuf.data, toWrapper(sendCounts), toWrapper(sendDisplacements),
                                            sendbuf.type, recvbuf.data, toWrapper(recvCounts),
                                            toWrapper(recvDisplacements), recvbuf.type, _handle));

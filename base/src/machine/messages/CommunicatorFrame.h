@@ -2,33 +2,55 @@
 
 #include "kernel/MessagingGate.h"
 #include "machine/Communicator.h"
+#include "machine/messages/CollectiveHistory.h"
 #include "machine/messages/CommunicatorStatistics.h"
+#include "machine/messages/OperationRecord.h"
 
-/// The frame around every wrapper call of Communicator: the gate, the communication timer, the statistics.
+/// What a call is to the record of operations and to the history of collectives.
+struct MessageCall {
+    int partner = -1;       ///< the root, or the other end of a message
+    std::uint64_t word = 0; ///< of a collective
+};
+
+/// The frame around every wrapper call of Communicator: the gate, the communication timer, the statistics,
+/// the record of operations, and the history of collectives.
 ///
-/// With nothing locked, timed or counted all of it is one test of a thread-local word. The rest is out of
-/// line.
+/// With nothing locked, timed or counted all of it is one test of a thread-local word, and a few stores. The
+/// rest is out of line.
 class CommunicatorFrame {
 public:
-    /// An operation, as statistics know it.
-    struct Operation {
-        const char* name;
-        CommunicatorStatistics::Kind kind;
-        bool isTimed = true;
-    };
-    static constexpr Operation global(const char* name) { return {name, CommunicatorStatistics::GLOBAL}; }
+    using Operation = MessageOperation;
+    static constexpr Operation global(const char* name, Collective collective) {
+        return {name, CommunicatorStatistics::GLOBAL, true, collective};
+    }
     static constexpr Operation pointToPoint(const char* name) {
         return {name, CommunicatorStatistics::POINT_TO_POINT};
     }
 
+    using Call = MessageCall;
+    /// @param operation, type  of a reduction, else 0
+    static constexpr Call collective(const Operation& called, unsigned bytes, int root = -1,
+                                     int operation = 0, int type = 0) {
+        return {root, CollectiveHistory::wordOf(called.collective, bytes, root, operation, type)};
+    }
+    /// A look that doesn't wait: it isn't recorded before it has found something.
+    enum class Look { AT_REQUESTS };
+
     /// @param bytes  `size * typeSize` of the buffer, in 32 bits
-    CommunicatorFrame(Communicator& communicator, const Operation& operation, unsigned bytes) {
+    CommunicatorFrame(Communicator& communicator, const Operation& operation, unsigned bytes, Call call = {})
+        : CommunicatorFrame(communicator, operation, bytes, Look::AT_REQUESTS) {
+        begin(communicator, operation, bytes, call);
+        _isRecorded = true;
+    }
+    CommunicatorFrame(Communicator& communicator, const Operation& operation, unsigned bytes, Look) {
         if (!MessagingGate::isOpen()) [[unlikely]]
             open(communicator, operation, bytes);
     }
     CommunicatorFrame(const CommunicatorFrame&) = delete;
     CommunicatorFrame& operator=(const CommunicatorFrame&) = delete;
     ~CommunicatorFrame() {
+        if (_isRecorded)
+            OperationRecord::end();
         if (_event) [[unlikely]]
             closeEvent(0);
     }
@@ -37,26 +59,56 @@ public:
         if (_communicator) [[unlikely]]
             close(partner);
     }
+    /// For a look: it has found something, or not.
+    static void recordLook(const Communicator& communicator, const Operation& operation, bool found) {
+        if (!found)
+            return OperationRecord::countLook();
+        begin(communicator, operation, 0, {});
+        OperationRecord::end();
+    }
 
-    /// Runs `call` inside a frame. All arguments go by value, so the open gate leads to a plain jump.
+    /// Runs `call` inside a frame. All arguments go by value, so that the fast path spills none.
     /// @return its code, to be handled by the caller
     template <auto call, const Operation& operation, class... Args>
-    [[gnu::always_inline]] static int run(Communicator* communicator, unsigned bytes, unsigned partner,
+    [[gnu::always_inline]] static int run(Communicator* communicator, unsigned bytes, Call what,
                                           Args... args) {
-        if (MessagingGate::isOpen()) [[likely]]
-            return call(args...);
-        return runSlowly<call, operation>(communicator, bytes, partner, args...);
+        if (!MessagingGate::isOpen()) [[unlikely]]
+            return runSlowly<call, operation>(communicator, bytes, what, args...);
+        begin(*communicator, operation, bytes, what);
+        const Ending ending;
+        return call(args...);
     }
 
 private:
+    /// Also when an exception passes: a signal can become one.
+    struct Ending {
+        Ending() = default;
+        ~Ending() { OperationRecord::end(); }
+        Ending(const Ending&) = delete;
+        Ending& operator=(const Ending&) = delete;
+    };
+
+    [[gnu::always_inline]] static void begin(const Communicator& communicator, const Operation& operation,
+                                             unsigned bytes, Call call) {
+        CollectiveHistory& history = *communicator._history;
+        if (operation.collective != Collective::NONE)
+            history.note(call.word);
+        OperationRecord::begin(operation, history.getLabel(), bytes, call.partner);
+    }
+
     template <auto call, const Operation& operation, class... Args>
-    [[gnu::noinline]] static int runSlowly(Communicator* communicator, unsigned bytes, unsigned partner,
+    [[gnu::noinline]] static int runSlowly(Communicator* communicator, unsigned bytes, Call what,
                                            Args... args) {
-        CommunicatorFrame frame(*communicator, operation, bytes);
+        CommunicatorFrame frame(*communicator, operation, bytes, what);
         const int code = call(args...);
         MpiCore::handleError(code);
-        frame.finish(partner);
+        frame.finish(partnerOf(operation, what));
         return code;
+    }
+    /// As statistics take it.
+    static constexpr unsigned partnerOf(const Operation& operation, Call call) {
+        const bool has = operation.kind == CommunicatorStatistics::POINT_TO_POINT && call.partner >= 0;
+        return has ? static_cast<unsigned>(call.partner) : 0;
     }
 
     void open(Communicator& communicator, const Operation& operation, unsigned bytes);
@@ -69,6 +121,7 @@ private:
     void* _event = nullptr;
     double _start = 0.0;
     bool _isTimed = false;
+    bool _isRecorded = false;
 };
 
 /// Bytes of a view, as statistics count them.

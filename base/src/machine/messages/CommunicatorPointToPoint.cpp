@@ -62,10 +62,11 @@ private:
 
 /// The common part of the non-blocking operations, which differ in the wrapper call.
 template <auto call, const Frame::Operation& operation, class View>
-void begin(Communicator& communicator, const View& buf, int partner, MpiCore::RequestStack& requests, int tag,
-           unsigned counted) {
+void begin(Communicator& communicator, const View& buf, int partner, MpiCore::RequestStack& requests,
+           int tag) {
     Slot slot(requests);
-    MpiCore::handleError(Frame::run<call, operation>(&communicator, bytesOf(buf), counted, buf.data, buf.size,
+    const Frame::Call what{partner == OXM_MPI_ANY_SOURCE ? -1 : partner};
+    MpiCore::handleError(Frame::run<call, operation>(&communicator, bytesOf(buf), what, buf.data, buf.size,
                                                      buf.type, partner, tag, communicator.handle(),
                                                      slot.address()));
     slot.keep();
@@ -76,21 +77,23 @@ void begin(Communicator& communicator, const View& buf, int partner, MpiCore::Re
 int Communicator::sendFrame(const void* data, int size, int type, unsigned dest, int tag, Communicator* self,
                             unsigned typeSize) {
     checkSend(dest, self->_myRank);
-    return Frame::run<OXM_MPI_Send, SEND>(self, static_cast<unsigned>(size) * typeSize, dest, data, size,
-                                          type, static_cast<int>(dest), tag, self->_handle);
+    return Frame::run<OXM_MPI_Send, SEND>(self, static_cast<unsigned>(size) * typeSize,
+                                          {static_cast<int>(dest)}, data, size, type, static_cast<int>(dest),
+                                          tag, self->_handle);
 }
 
 int Communicator::syncSendFrame(const void* data, int size, int type, unsigned dest, int tag,
                                 Communicator* self, unsigned typeSize) {
     checkSend(dest, self->_myRank);
-    return Frame::run<OXM_MPI_Ssend, SEND>(self, static_cast<unsigned>(size) * typeSize, dest, data, size,
-                                           type, static_cast<int>(dest), tag, self->_handle);
+    return Frame::run<OXM_MPI_Ssend, SEND>(self, static_cast<unsigned>(size) * typeSize,
+                                           {static_cast<int>(dest)}, data, size, type, static_cast<int>(dest),
+                                           tag, self->_handle);
 }
 
 void Communicator::recvFrame(void* data, int size, int type, unsigned source, int tag, Communicator* self,
                              unsigned typeSize) {
     checkRecv(source, self->_myRank);
-    CommunicatorFrame frame(*self, RECV, static_cast<unsigned>(size) * typeSize);
+    CommunicatorFrame frame(*self, RECV, static_cast<unsigned>(size) * typeSize, {static_cast<int>(source)});
     OXM_MPI_Status_struct status;
     status.error = OXM_MPI_SUCCESS;
     const int code = OXM_MPI_Recv(data, size, type, static_cast<int>(source), tag, self->_handle, &status);
@@ -113,7 +116,7 @@ void Communicator::_sendrecv(ConstBufferBase<int> sendbuf, unsigned dest, Buffer
     ORVEX_ASSERT(sendbuf.type == recvbuf.type, "Communicator::sendrecv");
     ORVEX_ASSERT_AS(dest != _myRank && source != _myRank, "dest!=_myRank && source!=_myRank",
                     "Cannot sendrecv to/from self");
-    CommunicatorFrame frame(*this, SEND_RECV, bytesOf(sendbuf));
+    CommunicatorFrame frame(*this, SEND_RECV, bytesOf(sendbuf), {static_cast<int>(source)});
     OXM_MPI_Status_struct status{};
     const int code = OXM_MPI_Sendrecv(sendbuf.data, sendbuf.size, sendbuf.type, static_cast<int>(dest),
                                       MessageTags::SENDRECV, recvbuf.data, recvbuf.size, recvbuf.type,
@@ -124,29 +127,29 @@ void Communicator::_sendrecv(ConstBufferBase<int> sendbuf, unsigned dest, Buffer
 
 void Communicator::_iSend(ConstBufferBase<int> buf, unsigned dest, RequestStack& requests, Tag tag) {
     checkSend(dest, _myRank);
-    begin<OXM_MPI_Isend, I_SEND>(*this, buf, static_cast<int>(dest), requests, tag.value(), dest);
+    begin<OXM_MPI_Isend, I_SEND>(*this, buf, static_cast<int>(dest), requests, tag.value());
 }
 
 void Communicator::_iSyncSend(ConstBufferBase<int> buf, unsigned dest, RequestStack& requests, Tag tag) {
     checkSend(dest, _myRank);
-    begin<OXM_MPI_Issend, I_SEND>(*this, buf, static_cast<int>(dest), requests, tag.value(), dest);
+    begin<OXM_MPI_Issend, I_SEND>(*this, buf, static_cast<int>(dest), requests, tag.value());
 }
 
 void Communicator::_iRecv(BufferBase<int> buf, unsigned source, RequestStack& requests, Tag tag) {
     checkRecv(source, _myRank);
-    begin<OXM_MPI_Irecv, I_RECV>(*this, buf, static_cast<int>(source), requests, tag.value(), source);
+    begin<OXM_MPI_Irecv, I_RECV>(*this, buf, static_cast<int>(source), requests, tag.value());
     requests._isReceiving.back() = true;
 }
 
 void Communicator::_iRecvFromAny(BufferBase<int> buf, RequestStack& requests, Tag tag) {
-    begin<OXM_MPI_Irecv, I_RECV>(*this, buf, OXM_MPI_ANY_SOURCE, requests, tag.value(), 0);
+    begin<OXM_MPI_Irecv, I_RECV>(*this, buf, OXM_MPI_ANY_SOURCE, requests, tag.value());
     requests._isReceiving.back() = true;
 }
 
 void Communicator::_recvInit(BufferBase<int> buf, unsigned source, PersistentRequestStack& requests,
                              Tag tag) {
     checkRecv(source, _myRank);
-    begin<OXM_MPI_Recv_init, RECV_INIT>(*this, buf, static_cast<int>(source), requests, tag.value(), source);
+    begin<OXM_MPI_Recv_init, RECV_INIT>(*this, buf, static_cast<int>(source), requests, tag.value());
 }
 
 unsigned Communicator::toValues(int elements, unsigned stride) {
@@ -156,7 +159,8 @@ unsigned Communicator::toValues(int elements, unsigned stride) {
 }
 
 void Communicator::_probe(unsigned& source, unsigned& tag, const int& type, int& elements) {
-    CommunicatorFrame frame(*this, PROBE, 0);
+    const int partner = source == MpiCore::ANY_SOURCE ? -1 : static_cast<int>(source);
+    CommunicatorFrame frame(*this, PROBE, 0, {partner});
     OXM_MPI_Status_struct status{};
     MpiCore::handleError(OXM_MPI_Probe(static_cast<int>(source), Tag(tag).value(), _handle, &status), status);
     MpiCore::handleError(OXM_MPI_Get_count(&status, type, &elements));
@@ -166,7 +170,7 @@ void Communicator::_probe(unsigned& source, unsigned& tag, const int& type, int&
 }
 
 bool Communicator::_iProbe(unsigned& source, unsigned& tag, const int& type, int& elements) {
-    CommunicatorFrame frame(*this, PROBE, 0);
+    CommunicatorFrame frame(*this, PROBE, 0, Frame::Look::AT_REQUESTS);
     OXM_MPI_Status_struct status{};
     int flag = 0;
     elements = 0;
@@ -177,6 +181,7 @@ bool Communicator::_iProbe(unsigned& source, unsigned& tag, const int& type, int
         source = static_cast<unsigned>(status.source);
         tag = static_cast<unsigned>(status.tag);
     }
+    Frame::recordLook(*this, PROBE, flag != 0);
     frame.finish(flag != 0 ? source : 0);
     return flag != 0;
 }
@@ -200,8 +205,9 @@ void Communicator::wait(RequestStack& requests, std::vector<unsigned>& sources) 
 }
 
 bool Communicator::test(RequestStack& requests) {
-    CommunicatorFrame frame(*this, TEST, 0);
+    CommunicatorFrame frame(*this, TEST, 0, Frame::Look::AT_REQUESTS);
     const bool done = requests.test();
+    Frame::recordLook(*this, TEST, done);
     frame.finish();
     return done;
 }

@@ -11,10 +11,11 @@
 namespace {
 
 using Frame = CommunicatorFrame;
-constexpr Frame::Operation REDUCE = Frame::global("Communicator::Reduce");
-constexpr Frame::Operation ALL_REDUCE = Frame::global("Communicator::AllReduce");
-constexpr Frame::Operation SCAN = Frame::global("Communicator::scan");
-constexpr Frame::Operation REDUCE_SCATTER = Frame::global("Communicator::reduceScatter");
+constexpr Frame::Operation REDUCE = Frame::global("Communicator::Reduce", Collective::REDUCE);
+constexpr Frame::Operation ALL_REDUCE = Frame::global("Communicator::AllReduce", Collective::ALL_REDUCE);
+constexpr Frame::Operation SCAN = Frame::global("Communicator::scan", Collective::SCAN);
+constexpr Frame::Operation REDUCE_SCATTER =
+    Frame::global("Communicator::reduceScatter", Collective::REDUCE_SCATTER);
 
 /// A reduction operation that lives for one call.
 class TemporaryOperation {
@@ -64,9 +65,10 @@ int Communicator::CustomReductionBuffer::allocateContiguous(std::size_t count, i
 
 int Communicator::allReduceFrame(void* data, int size, int type, int op, Communicator* self,
                                  unsigned typeSize) {
-    return Frame::run<OXM_MPI_Allreduce, ALL_REDUCE>(self, static_cast<unsigned>(size) * typeSize, 0,
-                                                     static_cast<const void*>(OXM_MPI_IN_PLACE), data, size,
-                                                     type, op, self->_handle);
+    const unsigned bytes = static_cast<unsigned>(size) * typeSize;
+    return Frame::run<OXM_MPI_Allreduce, ALL_REDUCE>(
+        self, bytes, Frame::collective(ALL_REDUCE, bytes, -1, op, type),
+        static_cast<const void*>(OXM_MPI_IN_PLACE), data, size, type, op, self->_handle);
 }
 
 void Communicator::_reduce(BufferBase<int> buf, int op, unsigned root) {
@@ -75,16 +77,17 @@ void Communicator::_reduce(BufferBase<int> buf, int op, unsigned root) {
     const bool here = _myRank == root;
     const void* send = here ? OXM_MPI_IN_PLACE : buf.data;
     void* result = here ? buf.data : nullptr;
-    MpiCore::handleError(Frame::run<OXM_MPI_Reduce, REDUCE>(this, bytesOf(buf), 0, send, result, buf.size,
-                                                            buf.type, op, static_cast<int>(root), _handle));
+    MpiCore::handleError(Frame::run<OXM_MPI_Reduce, REDUCE>(
+        this, bytesOf(buf), Frame::collective(REDUCE, bytesOf(buf), static_cast<int>(root), op, buf.type),
+        send, result, buf.size, buf.type, op, static_cast<int>(root), _handle));
 }
 
 void Communicator::_scan(BufferBase<int> buf, int op) {
     if (buf.size <= 0)
         return;
-    MpiCore::handleError(Frame::run<OXM_MPI_Scan, SCAN>(this, bytesOf(buf), 0,
-                                                        static_cast<const void*>(OXM_MPI_IN_PLACE), buf.data,
-                                                        buf.size, buf.type, op, _handle));
+    MpiCore::handleError(Frame::run<OXM_MPI_Scan, SCAN>(
+        this, bytesOf(buf), Frame::collective(SCAN, bytesOf(buf), -1, op, buf.type),
+        static_cast<const void*>(OXM_MPI_IN_PLACE), buf.data, buf.size, buf.type, op, _handle));
 }
 
 void Communicator::_reduce(const CustomReductionBuffer& buffer, ReductionFunction function, unsigned root,
@@ -111,7 +114,8 @@ void Communicator::_reduceScatter(ConstBufferBase<int> sendbuf, BufferBase<int> 
     ORVEX_ASSERT_AS(sendbuf.size == static_cast<long long>(_size) * recvbuf.size,
                     "sendbuf.size == SizeType(size())*recvbuf.size",
                     "Communicator::reduceScatter : mismatched counts");
-    CommunicatorFrame frame(*this, REDUCE_SCATTER, bytesOf(sendbuf));
+    CommunicatorFrame frame(*this, REDUCE_SCATTER, bytesOf(sendbuf),
+                            Frame::collective(REDUCE_SCATTER, bytesOf(sendbuf), -1, op, sendbuf.type));
     const std::vector<int> counts(_size, recvbuf.size);
     MpiCore::handleError(
         OXM_MPI_Reduce_scatter(sendbuf.data, recvbuf.data, counts.data(), recvbuf.type, op, _handle));

@@ -1,6 +1,8 @@
 #include "machine/Communicator.h"
 
+#include "machine/messages/CollectiveHistory.h"
 #include "machine/messages/MessageTags.h"
+#include "machine/messages/OperationRecord.h"
 
 #include "mpiwrapper/OxmMpi.h"
 
@@ -10,6 +12,7 @@
 namespace {
 
 constexpr unsigned CHECK_OFFSET = 1000;
+constexpr MessageOperation SPEED{"Communicator::getSendRecvSpeed", CommunicatorStatistics::POINT_TO_POINT};
 
 } // namespace
 
@@ -47,6 +50,8 @@ double Communicator::getSendRecvSpeed(unsigned partner, bool sender, unsigned me
                                  status);
     };
 
+    const OperationRecord::Composite recorded(SPEED, _history->getLabel(), messageBytes,
+                                              static_cast<int>(partner));
     transfer(); // opens the connection
     const double start = OXM_MPI_Wtime();
     for (unsigned i = 0; i < iterations; ++i)

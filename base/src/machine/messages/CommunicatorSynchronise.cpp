@@ -2,6 +2,7 @@
 
 #include "machine/MachineGround.h"
 #include "machine/messages/CommunicatorFrame.h"
+#include "machine/messages/MessageGate.h"
 #include "machine/messages/MessageTags.h"
 
 #include "mpiwrapper/OxmMpi.h"
@@ -12,7 +13,13 @@
 
 namespace {
 
-constexpr CommunicatorFrame::Operation SYNCHRONISE = CommunicatorFrame::global("Communicator::Synchronise");
+constexpr CommunicatorFrame::Operation SYNCHRONISE =
+    CommunicatorFrame::global("Communicator::Synchronise", Collective::SYNCHRONISE);
+constexpr MessageOperation SLEEPING_SYNCHRONISE{"Communicator::noSpinSynchronise",
+                                                CommunicatorStatistics::GLOBAL, true,
+                                                Collective::SLEEPING_SYNCHRONISE};
+constexpr MessageOperation SLEEPING_BROADCAST{"Communicator::noSpinBroadcast", CommunicatorStatistics::GLOBAL,
+                                              true, Collective::SLEEPING_BROADCAST};
 
 /// Sleeps that grow with the wait, so that a look comes at most an eighth of it too late.
 class ShortSleep {
@@ -38,7 +45,8 @@ unsigned Communicator::getSleep(unsigned ranks) {
 }
 
 void Communicator::synchronise() {
-    MpiCore::handleError(CommunicatorFrame::run<OXM_MPI_Barrier, SYNCHRONISE>(this, 0, 0, _handle));
+    MpiCore::handleError(CommunicatorFrame::run<OXM_MPI_Barrier, SYNCHRONISE>(
+        this, 0, CommunicatorFrame::collective(SYNCHRONISE, 0), _handle));
 }
 
 void Communicator::noSpinSynchronise(double spinTime) {
@@ -49,6 +57,9 @@ void Communicator::noSpinSynchronise(double spinTime) {
     const unsigned end = std::min(first + 2, _size);
     const BufferBase<int> nothingIn{nullptr, 0, OXM_MPI_UNSIGNED, sizeof(unsigned)};
     const ConstBufferBase<int> nothingOut = nothingIn;
+    MessageGate::pass();
+    _history->note(CollectiveHistory::wordOf(Collective::SLEEPING_SYNCHRONISE, 0));
+    const OperationRecord::Composite recorded(SLEEPING_SYNCHRONISE, _history->getLabel());
     RequestStack receives;
     RequestStack sends;
     const auto await = [&] {
@@ -77,6 +88,9 @@ void Communicator::noSpinSynchronise(double spinTime) {
 
 void Communicator::noSpinBroadcast(std::string& text) {
     constexpr Tag tag(Tag::Unchecked{}, MessageTags::SLEEPING_BROADCAST);
+    MessageGate::pass();
+    _history->note(CollectiveHistory::wordOf(Collective::SLEEPING_BROADCAST, 0));
+    const OperationRecord::Composite recorded(SLEEPING_BROADCAST, _history->getLabel());
     unsigned long long length = text.size();
     if (_myRank != _master) {
         const unsigned parent = (_myRank - 1) / 2;

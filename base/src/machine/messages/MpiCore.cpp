@@ -1,5 +1,7 @@
 #include "machine/MpiCore.h"
 
+#include "machine/messages/OperationRecord.h"
+
 #include "kernel/Raise.h"
 #include "mpiwrapper/OxmMpi.h"
 
@@ -116,6 +118,8 @@ void MpiCore::finalize() {
             failure = std::current_exception();
         }
     }
+    static constexpr MessageOperation FINALIZE{"MpiCore::finalize"};
+    const OperationRecord::Scope recorded(FINALIZE, 0);
     const int code = OXM_MPI_Finalize();
     if (failure)
         std::rethrow_exception(failure);

@@ -1,5 +1,7 @@
 #include "machine/RequestStack.h"
 
+#include "machine/messages/OperationRecord.h"
+
 #include "kernel/Raise.h"
 #include "mpiwrapper/OxmMpi.h"
 
@@ -9,6 +11,27 @@
 #include <iostream>
 
 namespace {
+
+constexpr MessageOperation WAIT{"RequestStack::wait", CommunicatorStatistics::POINT_TO_POINT};
+constexpr MessageOperation WAIT_ANY{"RequestStack::waitAny", CommunicatorStatistics::POINT_TO_POINT};
+
+/// Records a wait that no operation of a communicator is around.
+class Recorded {
+public:
+    explicit Recorded(const MessageOperation& operation) : _isOutermost(!OperationRecord::isInside()) {
+        if (_isOutermost)
+            OperationRecord::begin(operation, 0, 0, -1);
+    }
+    ~Recorded() {
+        if (_isOutermost)
+            OperationRecord::end();
+    }
+    Recorded(const Recorded&) = delete;
+    Recorded& operator=(const Recorded&) = delete;
+
+private:
+    bool _isOutermost;
+};
 
 constexpr unsigned NO_SOURCE = 0xFFFFFFFF;
 
@@ -105,6 +128,7 @@ void MpiCore::RequestStack::complete(unsigned* sources) {
     const std::size_t count = _requests.size();
     if (count == 0)
         return;
+    const Recorded recorded(WAIT);
     Statuses statuses(count);
     const int code = count > 1 ? OXM_MPI_Waitall(static_cast<int>(count), _requests.data(), statuses.data())
                                : OXM_MPI_Wait(&_requests.back(), statuses.data());
@@ -120,6 +144,7 @@ void MpiCore::RequestStack::waitAny(unsigned& source) {
     if (_requests.empty())
         return;
     int index = OXM_MPI_UNDEFINED;
+    const Recorded recorded(WAIT_ANY);
     OXM_MPI_Status_struct status{};
     handleError(OXM_MPI_Waitany(static_cast<int>(_requests.size()), _requests.data(), &index, &status),
                 status);

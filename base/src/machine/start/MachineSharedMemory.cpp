@@ -8,6 +8,7 @@
 #include "machine/CpuTopology.h"
 #include "machine/MachineHost.h"
 #include "machine/MpiCore.h"
+#include "machine/messages/CollectiveHistory.h"
 
 #include "kernel/Raise.h"
 
@@ -62,6 +63,7 @@ void Machine::buildShmemCommunicators() {
         _shmemComm[HOST_SCOPE] = globalCommunicator().createCommunicator(ranks);
     }
     _ground.shmem[HOST_SCOPE] = _shmemComm[HOST_SCOPE].get();
+    CollectiveHistory::of(*_shmemComm[HOST_SCOPE]).setName(CollectiveHistory::HOST);
     const CpuTopology& topology = getHost().getCpuTopology();
     const AffinityMask mask = Affinity::getProcessAffinity(topology);
     buildScopeCommunicator(SOCKET_SCOPE, topology.getSocketsFromMask(mask));
@@ -100,6 +102,8 @@ void Machine::buildScopeCommunicator(ShmemScope scope, const std::vector<unsigne
     const auto index = static_cast<std::size_t>(scope);
     _shmemComm[index] = host.createCommunicator(group);
     _ground.shmem[index] = _shmemComm[index].get();
+    CollectiveHistory::of(*_shmemComm[index])
+        .setName(isSocket ? CollectiveHistory::SOCKET : CollectiveHistory::NUMA_NODE);
 }
 
 std::unique_ptr<Communicator> Machine::createSparseCompanion(const Communicator* communicator) const {

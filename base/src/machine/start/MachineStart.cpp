@@ -7,6 +7,7 @@
 #include "machine/MpiCore.h"
 #include "machine/ground/CommandLine.h"
 #include "machine/ground/MachineOptions.h"
+#include "machine/messages/CollectiveHistory.h"
 #include "machine/start/LastWords.h"
 
 #include "kernel/IsolatedFpuContext.h"
@@ -187,6 +188,8 @@ void Machine::startMessageLayer(const std::string& module, int& argc, char*** ar
     }
     _globalComm.reset(new Communicator);
     _commandComm = duplicate(*_globalComm);
+    CollectiveHistory::of(*_commandComm).setNumber(CollectiveHistory::NO_NUMBER); // not the user's operations
+    CollectiveHistory::of(*_commandComm).setName(CollectiveHistory::COMMAND);
     Task::setAgreement([](unsigned value) {
         globalCommunicator().allReduce(value, Communicator::MIN);
         return value;
