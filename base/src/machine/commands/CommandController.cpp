@@ -4,6 +4,10 @@
 #include "machine/GlobalCondition.h"
 #include "machine/GlobalFloatingPointExceptionStatus.h"
 #include "machine/Machine.h"
+#include "machine/checks/CollectiveCheck.h"
+#include "machine/checks/RankList.h"
+#include "machine/messages/CollectiveHistory.h"
+#include "machine/messages/OperationRecord.h"
 #include "machine/start/StopLimit.h"
 
 #include "kernel/Command.h"
@@ -12,7 +16,11 @@
 #include "kernel/Raise.h"
 #include "kernel/Server.h"
 
+#include <algorithm>
+#include <array>
+#include <cstdint>
 #include <iostream>
+#include <numeric>
 #include <optional>
 #include <set>
 #include <string_view>
@@ -31,21 +39,6 @@ std::string commandIn(const Properties& response) {
     }
 }
 
-/// As in "1,3-7", of ranks that rise.
-std::string describeRanks(const std::vector<unsigned>& ranks) {
-    std::string text;
-    for (std::size_t first = 0; first < ranks.size();) {
-        std::size_t last = first;
-        while (last + 1 < ranks.size() && ranks[last + 1] == ranks[last] + 1)
-            ++last;
-        text += (text.empty() ? "" : ",") + std::to_string(ranks[first]);
-        if (last != first)
-            text += "-" + std::to_string(ranks[last]);
-        first = last + 1;
-    }
-    return text;
-}
-
 /// The text of an error. Of one that can't be written, for example since it is nested too deep, the message
 /// alone: the other ranks wait for it.
 std::string writeError(const Properties& error) {
@@ -58,34 +51,51 @@ std::string writeError(const Properties& error) {
     }
 }
 
-/// The error of the lowest rank that has one with a message, on every rank; nothing when there is none.
-/// Collective: one all-gather of the messages, and one broadcast more when there is an error.
-/// @param mine  this rank's error, null when it has none
-std::optional<Properties> gatherError(const Properties* mine) {
-    constexpr std::size_t MAX_COMPARED = 4096; // of each message: the winner's is sent whole
-    const std::string message = mine ? Error::getMessage(*mine).substr(0, MAX_COMPARED) : std::string();
-    Communicator& communicator = Machine::commandCommunicator();
-    std::string messages;
-    std::vector<unsigned> lengths;
-    communicator.allGatherVector(message, messages, lengths);
-    if (messages.empty())
-        return std::nullopt;
+/// What a rank tells the others at the end of a command.
+using EndRecord = std::array<std::uint64_t, 5>; // length of its message, whether it failed, its share
+constexpr std::size_t SHARE = 2;
 
+/// This rank's error as the others compare it.
+std::string messageOf(const Properties* error) {
+    constexpr std::size_t MAX_COMPARED = 4096; // of each message: the winner's is sent whole
+    return error ? Error::getMessage(*error).substr(0, MAX_COMPARED) : std::string();
+}
+
+/// Collective: the records of all ranks.
+std::vector<EndRecord> gatherRecords(const Properties* mine, std::size_t length) {
+    EndRecord record{length, mine ? 1u : 0u};
+    std::ranges::copy(CollectiveCheck::getShare(), record.begin() + SHARE);
+    std::vector<EndRecord> records;
+    Machine::commandCommunicator().allGather(record, records);
+    return records;
+}
+
+/// The error of the lowest rank that has one with a message, on every rank; nothing when there is none.
+/// Collective when there is one: an all-gather of the messages, and a broadcast.
+/// @param mine  this rank's error, null when it has none
+std::optional<Properties> gatherError(const Properties* mine, const std::string& message,
+                                      const std::vector<EndRecord>& records) {
+    Communicator& communicator = Machine::commandCommunicator();
     std::vector<unsigned> ranks;
+    std::vector<unsigned> lengths;
+    for (const EndRecord& record : records) {
+        if (record[0] != 0)
+            ranks.push_back(static_cast<unsigned>(lengths.size()));
+        lengths.push_back(static_cast<unsigned>(record[0]));
+    }
+    if (ranks.empty())
+        return std::nullopt;
+    std::string messages(std::accumulate(lengths.begin(), lengths.end(), std::size_t{0}), '\0');
+    communicator.allGatherVector(message.data(), message.size(), messages.data(), lengths.data(), nullptr);
     std::set<std::string_view> different;
     std::string_view rest = messages;
-    unsigned rank = 0;
-    for (const unsigned length : lengths) {
-        if (length != 0) {
-            ranks.push_back(rank);
-            different.insert(rest.substr(0, length));
-            rest.remove_prefix(length);
-        }
-        ++rank;
+    for (const unsigned rank : ranks) {
+        different.insert(rest.substr(0, lengths[rank]));
+        rest.remove_prefix(lengths[rank]);
     }
     const unsigned winner = ranks.front();
     std::string text;
-    if (mine != nullptr && Machine::getPartitionId() == winner)
+    if (mine != nullptr && communicator.myRank() == winner)
         text = writeError(*mine);
     communicator.broadcast(text, winner);
     Properties error(text);
@@ -93,11 +103,41 @@ std::optional<Properties> gatherError(const Properties* mine) {
         error.remove(key); // of the ranks the job alone can tell
     if (winner != 0)
         error.set(CommandController::RANK_KEY, winner);
-    error.set(CommandController::RANKS_KEY, describeRanks(ranks));
+    error.set(CommandController::RANKS_KEY, RankList::describe(ranks));
     if (different.size() > 1)
         error.set(CommandController::MESSAGES_KEY, different.size());
     return error;
 }
+
+/// An error on all ranks when they called different collective operations. A rank that failed has left out
+/// some, so that its error alone counts. Collective when they did.
+std::optional<Properties> compareCollectives(const Properties& response,
+                                             const std::vector<EndRecord>& records) {
+    if (std::ranges::any_of(records, [](const EndRecord& record) { return record[1] != 0; }))
+        return std::nullopt;
+    std::vector<CollectiveCheck::Share> shares(records.size());
+    for (std::size_t rank = 0; rank < records.size(); ++rank)
+        std::copy(records[rank].begin() + SHARE, records[rank].end(), shares[rank].begin());
+    if (CollectiveCheck::agree(shares))
+        return std::nullopt;
+    const std::string command = commandIn(response);
+    Properties properties;
+    properties.set(Error::KIND_TAG, Error::INTERNAL_KIND);
+    properties.set(CommandController::COMMAND_KEY, command);
+    const std::string text = CollectiveCheck::explain(Machine::commandCommunicator(), command, shares);
+    return RecoverableError(text, Error::RECOVERABLE_SEVERITY, properties).toResponse();
+}
+
+/// The records of this process tell from here on that no command runs.
+struct EndOfCommand {
+    EndOfCommand() = default;
+    ~EndOfCommand() {
+        CollectiveHistory::endCommand();
+        OperationRecord::endCommand();
+    }
+    EndOfCommand(const EndOfCommand&) = delete;
+    EndOfCommand& operator=(const EndOfCommand&) = delete;
+};
 
 void assertMayExecuteCommands() {
     ORVEX_ASSERT_AS(Machine::isSerialOrMaster(), "Machine::isSerial() || Machine::isMaster()",
@@ -341,12 +381,24 @@ void CommandController::scatterCommand(Properties& command) const {
         ranks.noSpinSynchronise(1.0);
     ranks.broadcast(text, Communicator::masterRank());
     command = Properties(text);
+    OperationRecord::beginCommand(Command::getCommandName(command));
+    CollectiveHistory::beginCommand();
 }
 
 void CommandController::gatherResponse(Controller::Outcome& outcome) const {
     const EventTracker::Track track("CommandController", "gatherResponse");
-    if (std::optional<Properties> error = gatherError(outcome.hasFailed() ? &outcome.response : nullptr))
-        outcome = {Controller::Outcome::FAILED, std::move(*error)};
+    {
+        const EndOfCommand end;
+        const Properties* const mine = outcome.hasFailed() ? &outcome.response : nullptr;
+        const std::string message = messageOf(mine);
+        OperationRecord::setFailure(message);
+        const std::vector<EndRecord> records = gatherRecords(mine, message.size());
+        std::optional<Properties> error = gatherError(mine, message, records);
+        if (!error)
+            error = compareCollectives(outcome.response, records);
+        if (error)
+            outcome = {Controller::Outcome::FAILED, std::move(*error)};
+    }
     postExecuteFloatingPointErrorCheck(outcome);
 }
 
@@ -364,7 +416,9 @@ void CommandController::postExecuteFloatingPointErrorCheck(Controller::Outcome& 
 }
 
 void CommandController::parseErrorProperties(Properties& response) const {
-    const std::optional<Properties> error = gatherError(Error::isErrorIn(response) ? &response : nullptr);
+    const Properties* const mine = Error::isErrorIn(response) ? &response : nullptr;
+    const std::string message = messageOf(mine);
+    const std::optional<Properties> error = gatherError(mine, message, gatherRecords(mine, message.size()));
     if (!error)
         return;
     for (const char* key :
