@@ -1,7 +1,7 @@
 #include "machine/checks/CollectiveCheck.h"
 
 #include "machine/Communicator.h"
-#include "machine/checks/RankList.h"
+#include "machine/ground/RankList.h"
 #include "machine/messages/CollectiveHistory.h"
 
 #include <algorithm>

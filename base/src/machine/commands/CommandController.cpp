@@ -5,7 +5,7 @@
 #include "machine/GlobalFloatingPointExceptionStatus.h"
 #include "machine/Machine.h"
 #include "machine/checks/CollectiveCheck.h"
-#include "machine/checks/RankList.h"
+#include "machine/ground/RankList.h"
 #include "machine/messages/CollectiveHistory.h"
 #include "machine/messages/OperationRecord.h"
 #include "machine/start/StopLimit.h"

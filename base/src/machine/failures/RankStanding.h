@@ -1,13 +1,14 @@
 #pragma once
 
 #include "kernel/Properties.h"
+#include "machine/MachineExport.h"
 
 #include <cstdint>
 #include <string>
 #include <vector>
 
 /// Where one rank stands at a moment, as the roll call tells it.
-struct RankStanding {
+struct ORVEX_MACHINE_EXPORT RankStanding {
     enum State {
         COMPUTES, ///< at work outside the message layer
         WAITS,    ///< inside an operation of the message layer

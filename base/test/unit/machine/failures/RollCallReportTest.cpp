@@ -1,0 +1,139 @@
+#include "machine/failures/RollCallReport.h"
+
+#include "kernel/Error.h"
+#include "machine/ground/RankList.h"
+#include "platform/StringHelper.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <sstream>
+
+namespace {
+
+/// The ranks of "1,3-7".
+std::vector<unsigned> ranksOf(const std::string& text) {
+    std::vector<unsigned> ranks;
+    std::istringstream stream(text);
+    for (std::string range; std::getline(stream, range, ',');) {
+        const std::size_t dash = range.find('-');
+        const auto first = static_cast<unsigned>(std::stoul(range));
+        const auto last =
+            dash == std::string::npos ? first : static_cast<unsigned>(std::stoul(range.substr(dash + 1)));
+        for (unsigned rank = first; rank <= last; ++rank)
+            ranks.push_back(rank);
+    }
+    return ranks;
+}
+
+/// "#" and "%" in a value stand for the rank and for its number modulo 3.
+std::string valueFor(unsigned rank, std::string value) {
+    for (std::size_t at = 0; (at = value.find_first_of("#%")) != std::string::npos;)
+        value.replace(at, 1, std::to_string(value[at] == '#' ? rank : rank % 3));
+    return value;
+}
+
+/// Reads "RANKS key=value; key=value ...". A value is a text where it isn't a number.
+void addRanks(const std::string& line, std::vector<RankStanding>& standings) {
+    const std::size_t blank = line.find(' ');
+    for (const unsigned rank : ranksOf(line.substr(0, blank))) {
+        Properties tree;
+        tree.set("rank", rank);
+        std::istringstream stream(line.substr(blank + 1));
+        for (std::string word; std::getline(stream >> std::ws, word, ';');) {
+            const std::string key = word.substr(0, word.find('='));
+            const std::string value = valueFor(rank, word.substr(word.find('=') + 1));
+            std::vector<std::string> frames;
+            std::istringstream list(value);
+            for (std::string frame; std::getline(list, frame, '|');)
+                frames.push_back(frame);
+            if (key == "stack")
+                tree.set(key, frames);
+            else if (key == "processorShare" || key.ends_with("Seconds"))
+                tree.set(key, std::stod(value));
+            else if (value.find_first_not_of("-0123456789") == std::string::npos)
+                tree.set(key, std::stoi(value));
+            else
+                tree.set(key, value);
+        }
+        standings.push_back(RankStanding::fromProperties(tree));
+    }
+}
+
+/// A file of data/rollcalls: the ranks, then, below a line of dashes, the text that is expected.
+struct RollCall {
+    explicit RollCall(const std::filesystem::path& path) {
+        std::ifstream file(path);
+        for (std::string line; std::getline(file, line) && line != "----";)
+            if (!line.empty() && line.front() != '*')
+                addRanks(line, standings);
+        std::ostringstream rest;
+        rest << file.rdbuf();
+        expected = rest.str();
+    }
+    std::vector<RankStanding> standings;
+    std::string expected;
+};
+
+TEST(RollCallReport, TellsWhereTheRanksStandOnOneScreen) {
+    std::size_t count = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(ORVEX_TEST_DATA "/rollcalls")) {
+        RollCall call(entry.path());
+        std::reverse(call.standings.begin(), call.standings.end()); // answers come in any order
+        const std::string text = RollCallReport(call.standings).getText();
+        EXPECT_EQ(text, call.expected) << entry.path();
+        EXPECT_LE(std::count(text.begin(), text.end(), '\n'), 40) << entry.path();
+        std::istringstream lines(text);
+        for (std::string line; std::getline(lines, line);)
+            EXPECT_LE(line.size(), 100u) << entry.path();
+        ++count;
+    }
+    EXPECT_GE(count, 15u);
+}
+
+TEST(RollCallReport, TellsProgramsTheSame) {
+    const RollCall call(ORVEX_TEST_DATA "/rollcalls/one-computes.txt");
+    const RollCallReport report(call.standings);
+    const Properties tree = report.toProperties();
+    EXPECT_EQ(tree.getString("text"), call.expected);
+    EXPECT_TRUE(call.expected.find("for rank 2") != std::string::npos);
+    std::vector<Properties> ranks;
+    std::vector<Properties> groups;
+    tree.get("ranks", ranks);
+    tree.get("groups", groups);
+    ASSERT_EQ(ranks.size(), 7u);
+    EXPECT_EQ(ranks[2], call.standings.back().toProperties()); // the file names it last
+    ASSERT_EQ(groups.size(), 2u);
+    EXPECT_EQ(groups[0].getString("ranks"), "0-1,3-6");
+    EXPECT_EQ(groups[1].getString("state"), "computes");
+
+    const Properties one = report.toProperties(2u);
+    one.get("ranks", ranks);
+    ASSERT_EQ(ranks.size(), 1u);
+    EXPECT_EQ(ranks[0].getUnsignedInt("rank"), 2u);
+    EXPECT_NE(one.getString("text").find("  process 1002\n"), std::string::npos) << one.getString("text");
+    EXPECT_NE(one.getString("text").find("    std::sqrt(double) in /lib/libm.so.6\n"), std::string::npos);
+    EXPECT_EQ(one.getString("verdict"), tree.getString("verdict"));
+    EXPECT_THROW(static_cast<void>(report.toProperties(7u)), InputError);
+}
+
+TEST(RankList, CutsTheMiddle) {
+    const struct {
+        std::string ranks;
+        std::size_t width;
+        std::string text;
+    } rows[] = {
+        {"", 20, ""},
+        {"5", 20, "5"},
+        {"0,1,2,3,5", 20, "0-3,5"},
+        {"0-3,5-6,8", 9, "0-3,5-6,8"},
+        {"0,2,4,6,8,10,12,14,16,18,20,22,24,26", 30, "0,2,4,6,8,10,...,26 (14 ranks)"},
+        {"0,2,4,6,8,10,12,14,16,18,20,22,24,26", 29, "0,2,4,6,8,...,26 (14 ranks)"},
+        {"0,2,4", 1, "0,...,4 (3 ranks)"},
+    };
+    for (const auto& row : rows)
+        EXPECT_EQ(RankList::describe(ranksOf(row.ranks), row.width), row.text) << row.ranks;
+}
+
+} // namespace
