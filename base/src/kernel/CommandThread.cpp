@@ -21,6 +21,8 @@ Controller::RunningCommand CommandThread::getInfo() const {
 
 void CommandThread::run() {
     _threadId = std::this_thread::get_id();
+    if (_request.onBegin)
+        _request.onBegin();
     _outcome = _work(_command, _request.command);
     _finished.store(true, std::memory_order_release);
     _onFinished();

@@ -148,6 +148,11 @@ void answer(Controller::QueuedCommand& request, const Outcome& outcome) {
     }
 }
 
+void tellBegin(const Controller::QueuedCommand& request) {
+    if (request.onBegin)
+        request.onBegin();
+}
+
 void refuseStopped(Controller::QueuedCommand& request) {
     const SystemError error("The server stops and takes no more commands");
     answer(request,
@@ -222,6 +227,8 @@ public:
         : _mutex(mutex), _running(running) {
         Controller::RunningCommand info{name, client, std::chrono::system_clock::now()};
         const std::lock_guard guard(_mutex);
+        if (_running)
+            info.outermostBegan = _running->outermostBegan;
         _before = std::exchange(_running, std::move(info));
     }
     RunningScope(const RunningScope&) = delete;
@@ -361,10 +368,13 @@ void Controller::Impl::serve(QueuedCommand request) {
         answer(request, makeCaughtFailure(name));
         return;
     }
-    if (!mayRunBeside)
+    if (!mayRunBeside) {
+        tellBegin(request);
         answer(request, run(*command, request.command, request.client, true));
-    else if (!mayThread || !startThread(*command, request))
+    } else if (!mayThread || !startThread(*command, request)) {
+        tellBegin(request);
         answer(request, runLocally(*command, request));
+    }
 }
 
 /// Takes the request over when it gives true.

@@ -69,6 +69,8 @@ public:
         std::string client; ///< on whose behalf, for people
         /// Called on the main thread, once, also when the request was never run.
         std::function<void(const Outcome& outcome)> onDone;
+        /// Called when it begins to run, on the thread that runs it. Throws nothing.
+        std::function<void()> onBegin = {};
     };
     /// The command at work, for those who ask.
     struct RunningCommand {
@@ -77,6 +79,8 @@ public:
         std::chrono::system_clock::time_point since;
         std::chrono::steady_clock::time_point began = std::chrono::steady_clock::now();
         std::thread::id thread = std::this_thread::get_id(); ///< that runs it
+        /// The beginning of the command around it, if it runs within another, else its own.
+        std::chrono::steady_clock::time_point outermostBegan = began;
     };
 
     /// Whether queued commands may run on threads of their own: yes unless told otherwise. Without threads a

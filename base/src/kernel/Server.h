@@ -34,6 +34,13 @@ public:
     void enableSessionLocator(bool on);
     /// Called on the server's thread when a client demands the abort of the job.
     void setAbortCallback(std::function<void()> callback);
+    /// Asks all ranks where they stand, for `server.where` and a forced cancel. The request may hold "rank"
+    /// (unsigned): then one rank is to be told in full. The result goes to the client as it is; its "text"
+    /// is for people, its "verdict" the reason when a job is taken down. The callback runs on a thread of its
+    /// own, never on the server's or the main thread, at most one at a time. It should return within 10 s:
+    /// after that the clients are told that there is no answer. An exception becomes the client's error.
+    /// Before the start.
+    void setRollCall(std::function<Properties(const Properties& request)> callback);
     /// Empty: listen on loopback. Else listen on the network and accept this host (name or address) only.
     void setClientAddress(const std::string& address);
     /// Number of ports to try from the port given to start(), -1: that port, then any free one.
@@ -74,6 +81,9 @@ public:
     /// Sends `params` to the clients as the notification `method`. A client that reads slowly may miss it.
     /// Any thread.
     void notify(const std::string& method, const Properties& params);
+    /// Sends `text`, of one or several lines, to all clients for people to read, as `server.notice`. It is
+    /// never dropped. Any thread.
+    void tellClients(const std::string& text);
 
 private:
     struct Impl;

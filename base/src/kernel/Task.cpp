@@ -79,7 +79,7 @@ void Task::meet() {
     if (interval != 0)
         return;
     cancel();
-    raise(RecoverableError("\"" + _name + "\" was cancelled", Error::RECOVERABLE_SEVERITY, Properties(),
+    raise(RecoverableError("\"" + _name + "\" " + WAS_CANCELLED, Error::RECOVERABLE_SEVERITY, Properties(),
                            Error::DEFAULT_ERROR_TYPE, collective));
 }
 
@@ -111,6 +111,18 @@ bool Task::cancelCurrent() {
         if (task->_thread == current->_thread)
             task->cancel();
     return true;
+}
+
+bool Task::cancelOn(std::thread::id thread, std::chrono::steady_clock::time_point begin) {
+    const std::lock_guard guard(tasksMutex);
+    bool found = false;
+    for (Task* const task : tasks) {
+        if (task->_thread != thread || task->_began < begin)
+            continue;
+        task->cancel();
+        found = true;
+    }
+    return found;
 }
 
 Subject& Task::getObservable() {

@@ -38,6 +38,8 @@ public:
     static constexpr const char* MESSAGE_TAG = "Message";
     static constexpr const char* STATE_TAG =
         "State"; ///< "started", "running", "finished", "cancelled", "failed"
+    /// By which the message of the error of a cancelled task ends.
+    static constexpr const char* WAS_CANCELLED = "was cancelled";
 
     /// Local. The thread that does the work.
     explicit Task(std::string name);
@@ -86,6 +88,9 @@ public:
     /// Cancels the current task and those around it. Any thread.
     /// @return false when there is none
     static bool cancelCurrent();
+    /// Cancels the tasks on `thread` that have begun at `begin` or later. Any thread.
+    /// @return false when there is none
+    static bool cancelOn(std::thread::id thread, std::chrono::steady_clock::time_point begin);
 
     /// Told of each step of every task of this process: NAME_TAG, PROGRESS_TAG, MESSAGE_TAG, STATE_TAG; on
     /// the thread that does the work.
@@ -110,6 +115,7 @@ private:
     const std::string _name;
     const std::thread::id _thread;
     const bool _onMainThread;
+    const Clock::time_point _began = Clock::now();
     std::string _message;
     double _progress = 0.0;
     double _toldProgress = 0.0;

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -40,9 +41,10 @@ public:
     /// The state of the client's proof.
     struct Peer {
         bool authenticated = false;
-        bool control = false; ///< only asks and steers the server, runs no commands
-        std::string client;   ///< its own words
-        std::string nonce;    ///< ours to it
+        bool control = false;           ///< only asks and steers the server, runs no commands
+        std::string client;             ///< its own words
+        std::optional<double> deadline; ///< of its next command [s]
+        std::string nonce;              ///< ours to it
         std::chrono::system_clock::time_point since = std::chrono::system_clock::now();
         Clock::time_point connected = Clock::now();
     };

@@ -105,6 +105,7 @@ void Server::Impl::end() {
     service->releaseConsole();
     thread.reset();
     runner.reset();
+    service->finishRollCalls();
 }
 
 Server::Server() : _impl(std::make_unique<Impl>()) {
@@ -141,6 +142,10 @@ void Server::enableSessionLocator(bool on) {
 
 void Server::setAbortCallback(std::function<void()> callback) {
     _impl->settings.abortCallback = std::move(callback);
+}
+
+void Server::setRollCall(std::function<Properties(const Properties& request)> callback) {
+    _impl->settings.rollCall = std::move(callback);
 }
 
 void Server::setClientAddress(const std::string& address) {
@@ -232,4 +237,9 @@ void Server::notifyAbort(Properties& reason) {
 void Server::notify(const std::string& method, const Properties& params) {
     if (const auto service = _impl->getService())
         service->notify(method, params);
+}
+
+void Server::tellClients(const std::string& text) {
+    if (const auto service = _impl->getService())
+        service->tellClients(text);
 }

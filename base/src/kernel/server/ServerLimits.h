@@ -23,4 +23,7 @@ struct ServerLimits {
     std::chrono::milliseconds stallTime{30000}; ///< an unsent answer of which nothing was taken for so long
     std::chrono::milliseconds lingerTime{1000}; ///< for a last message to a client that is being cut off
     std::chrono::milliseconds flushTime{500}; ///< for the waits of flushNotifies(), notifyAbort() and the end
+    std::chrono::milliseconds rollCallTime{10000}; ///< in which the ranks have to answer
+    std::chrono::milliseconds forceTime{2000};     ///< for a task to look for a cancel, before force is used
+    std::chrono::milliseconds deadlineTime{10000}; ///< the same at a deadline, before the client is told
 };

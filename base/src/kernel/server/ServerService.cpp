@@ -6,6 +6,7 @@
 #include "kernel/Properties.h"
 #include "kernel/Raise.h"
 #include "kernel/Task.h"
+#include "kernel/server/CommandDeadline.h"
 #include "kernel/server/CommandDirectory.h"
 #include "kernel/server/RpcListener.h"
 #include "kernel/server/RpcMessage.h"
@@ -31,6 +32,9 @@ namespace {
 constexpr std::chrono::milliseconds SUPERVISION_PERIOD{50};
 /// A stop refuses the requests that have come by then in words, not by the end of the connection.
 constexpr std::chrono::milliseconds LAST_CALL{20};
+/// A task that was asked to end is looked at so often.
+constexpr std::chrono::milliseconds FORCE_PERIOD{20};
+constexpr double MAX_DEADLINE = 1e8; ///< [s]
 constexpr std::string_view OWN_METHODS = "server.";
 
 double secondsSinceEpoch(std::chrono::system_clock::time_point time) {
@@ -43,6 +47,11 @@ double secondsSince(std::chrono::steady_clock::time_point time) {
 
 const char* nameOf(Server::ConnectionMode mode) {
     return mode == Server::COLLABORATIVE ? "collaborative" : "single";
+}
+
+bool isAtWork(const Controller::RunningCommand& command) {
+    const auto running = Controller::getSingleton().getRunningCommand();
+    return running && running->outermostBegan == command.outermostBegan && running->thread == command.thread;
 }
 
 /// The methods that end the command at work before its time.
@@ -78,6 +87,17 @@ std::string answerOf(const std::string& id, const Controller::Outcome& outcome) 
                                data.toString());
 }
 
+Properties describeCancel(bool cancelled, bool forced) {
+    Properties result;
+    result.set("cancelled", cancelled);
+    result.set("forced", forced);
+    return result;
+}
+
+std::string noticeOf(const std::string& text) {
+    return RpcMessage::notification("server.notice", "{\"text\":" + RpcMessage::quote(text) + "}");
+}
+
 } // namespace
 
 struct ServerService::Loop {
@@ -91,6 +111,7 @@ struct ServerService::Loop {
 ServerService::ServerService(Settings settings)
     : _settings(std::move(settings)), _context(std::make_shared<asio::io_context>(1)),
       _loop(std::make_unique<Loop>(*_context)),
+      _rollCalls(_context, _settings.rollCall, _settings.limits.rollCallTime),
       _budget(std::make_shared<RequestBudget>(_settings.limits.requestBytes)) {}
 
 ServerService::~ServerService() = default;
@@ -219,6 +240,7 @@ void ServerService::endConnections() {
         _listener->close();
     _port = 0;
     drainConsole();
+    _rollCalls.close();
     for (const ServerClients::Connection& connection : _clients.getAll()) {
         if (connection->getPeer().authenticated)
             connection->endWith({}, "the server has stopped");
@@ -407,6 +429,8 @@ void ServerService::serve(RpcConnection& connection, const RpcMessage& message) 
     }
     try {
         const Properties params(message.params.empty() ? std::string_view("{}") : message.params);
+        if (callSlowMethod(connection, message, params))
+            return;
         const std::string result = callMethod(message.method, params, connection);
         if (result.empty())
             refuse(connection, message.id,
@@ -441,13 +465,40 @@ void ServerService::runCommand(RpcConnection& connection, const RpcMessage& mess
     }
     const auto held = connection.beginRequest(message.params.size());
     ++_unanswered;
-    const auto done = [self = shared_from_this(), to = connection.shared_from_this(), id = message.id,
-                       held](const Controller::Outcome& outcome) { self->onCommandDone(*to, id, outcome); };
+    const std::shared_ptr<CommandDeadline> deadline = takeDeadline(connection, message.method);
+    const auto done = [self = shared_from_this(), to = connection.shared_from_this(), id = message.id, held,
+                       deadline](Controller::Outcome outcome) {
+        if (deadline) {
+            deadline->end();
+            if (outcome.hasFailed())
+                deadline->explain(outcome.response);
+        }
+        self->onCommandDone(*to, id, outcome);
+    };
+    const auto begin = deadline ? std::function<void()>([deadline] { deadline->begin(); }) : nullptr;
     try {
-        Controller::getSingleton().enqueue({std::move(command), connection.getPeer().client, done});
+        Controller::getSingleton().enqueue({std::move(command), connection.getPeer().client, done, begin});
     } catch (const std::exception& error) {
         done({Controller::Outcome::FAILED, SystemError(error.what()).toResponse()});
     }
+}
+
+/// The limit that the client has set for this command, null: none.
+std::shared_ptr<CommandDeadline> ServerService::takeDeadline(RpcConnection& connection,
+                                                             const std::string& command) {
+    const std::optional<double> seconds = std::exchange(connection.getPeer().deadline, std::nullopt);
+    if (!seconds)
+        return nullptr;
+    const auto tell = [this, weak = connection.weak_from_this()](const std::string& text) {
+        OS::Log::instance("Default").warning("ServerService::takeDeadline", "@0@", text);
+        if (const auto client = weak.lock())
+            client->send(noticeOf(text));
+    };
+    auto deadline =
+        std::make_shared<CommandDeadline>(_context, *seconds, command, _settings.limits.deadlineTime, tell);
+    std::erase_if(_deadlines, [](const auto& each) { return each.expired(); });
+    _deadlines.push_back(deadline);
+    return deadline;
 }
 
 void ServerService::onCommandDone(RpcConnection& connection, const std::string& id,
@@ -482,7 +533,7 @@ std::string ServerService::boundedAnswer(const RpcConnection& connection, const 
 }
 
 std::string ServerService::callMethod(const std::string& method, const Properties& params,
-                                      const RpcConnection& connection) {
+                                      RpcConnection& connection) {
     const std::string& client = connection.getPeer().client;
     if (method == "server.ping")
         return Properties().toString();
@@ -494,6 +545,10 @@ std::string ServerService::callMethod(const std::string& method, const Propertie
         Properties result;
         result.set("cancelled", Task::cancelCurrent());
         return result.toString();
+    }
+    if (method == "server.deadline") {
+        setDeadline(connection, params);
+        return Properties().toString();
     }
     if (method == "server.stop") {
         OS::Log::instance("Default").info("ServerService::callMethod", "@0@ asked the server to stop",
@@ -507,12 +562,107 @@ std::string ServerService::callMethod(const std::string& method, const Propertie
     if (method == "server.abort") {
         const std::string reason =
             params.hasName("reason") ? ": " + params.getString("reason") : std::string();
-        if (!_settings.abortCallback && !SessionLocator::getSingleton().getAbortCallback())
-            raise(RecoverableError("This server has no way to abort its job"));
+        assertCanAbort();
         asio::post(*_context, [this, text = client + " demanded the abort" + reason] { abort(text); });
         return Properties().toString();
     }
     return {};
+}
+
+/// Methods that are answered when others have answered: the ranks, or a task that may look for a cancel.
+/// @return false when it is none of them
+bool ServerService::callSlowMethod(RpcConnection& connection, const RpcMessage& message,
+                                   const Properties& params) {
+    const Asker asker{connection.shared_from_this(), message.id};
+    if (message.method == "server.where")
+        tellWhere(asker, params);
+    else if (message.method == "server.cancel" && params.getOr("force", false))
+        forceEnd(asker);
+    else
+        return false;
+    return true;
+}
+
+void ServerService::tellWhere(const Asker& asker, const Properties& params) {
+    Properties request;
+    if (params.hasName("rank")) {
+        const unsigned rank = params.getUnsignedInt("rank");
+        const unsigned size = SessionLocator::getSingleton().getNumberProcesses();
+        if (rank >= std::max(size, 1U))
+            raise(InputError(
+                "There is no rank " + std::to_string(rank) +
+                (size > 1 ? ": the ranks are 0 to " + std::to_string(size - 1) : ": the process is serial")));
+        request.set("rank", rank);
+    }
+    _rollCalls.ask(request, [this, asker](const RollCallDesk::Answer& answer) {
+        if (!answer.failure.empty())
+            refuse(*asker.connection, asker.id, {RpcFault::COMMAND_FAILED, answer.failure});
+        else
+            this->answer(asker, answer.result);
+    });
+}
+
+void ServerService::answer(const Asker& asker, const Properties& result) const {
+    if (!asker.id.empty())
+        asker.connection->send(
+            boundedAnswer(*asker.connection, asker.id, RpcMessage::answer(asker.id, result.toString())));
+}
+
+/// Cancels the task of the command at work. When that doesn't end the command soon, takes the job down.
+void ServerService::forceEnd(const Asker& asker) {
+    assertCanAbort();
+    const auto running = Controller::getSingleton().getRunningCommand();
+    const bool cancelled = Task::cancelCurrent();
+    const auto time = cancelled ? _settings.limits.forceTime : std::chrono::milliseconds(0);
+    if (running)
+        awaitEnd({asker, *running, cancelled, std::chrono::steady_clock::now() + time});
+    else
+        answer(asker, describeCancel(cancelled, false));
+}
+
+void ServerService::awaitEnd(const Demand& demand) {
+    if (_ending)
+        return;
+    if (!isAtWork(demand.command)) {
+        answer(demand.asker, describeCancel(demand.cancelled, false));
+    } else if (std::chrono::steady_clock::now() >= demand.end) {
+        _rollCalls.ask({},
+                       [this, demand](const RollCallDesk::Answer& standing) { takeDown(demand, standing); });
+    } else {
+        const auto timer = std::make_shared<asio::steady_timer>(*_context, FORCE_PERIOD);
+        timer->async_wait([this, timer, demand](const asio::error_code&) { awaitEnd(demand); });
+    }
+}
+
+void ServerService::takeDown(const Demand& demand, const RollCallDesk::Answer& standing) {
+    if (_ending || !isAtWork(demand.command)) { // it has ended while the ranks were asked
+        awaitEnd(demand);
+        return;
+    }
+    const std::string text = standing.result.getOr("text", standing.failure);
+    const std::string verdict = standing.result.getOr("verdict", std::string());
+    const std::string reason = demand.asker.connection->getPeer().client + " forced the end of \"" +
+                               demand.command.name + "\"" + (verdict.empty() ? "" : ": " + verdict);
+    OS::Log::instance("Default").error("ServerService::takeDown", "@0@", text);
+    Properties result = describeCancel(demand.cancelled, true);
+    result.set("text", text);
+    result.set("verdict", verdict);
+    answer(demand.asker, result);
+    asio::post(*_context, [this, reason] { abort(reason); });
+}
+
+void ServerService::setDeadline(RpcConnection& connection, const Properties& params) {
+    if (connection.getPeer().control)
+        raise(InputError("This connection is for control: it runs no commands"));
+    const double seconds = params.getReal("seconds");
+    if (!(seconds > 0.0 && seconds <= MAX_DEADLINE))
+        raise(InputError("\"seconds\" must be above 0 and at most " + std::to_string(long(MAX_DEADLINE))));
+    connection.getPeer().deadline = seconds;
+}
+
+void ServerService::assertCanAbort() const {
+    if (!_settings.abortCallback && !SessionLocator::getSingleton().getAbortCallback())
+        raise(RecoverableError("This server has no way to abort its job"));
 }
 
 Properties ServerService::getStatus() const {
@@ -534,7 +684,7 @@ Properties ServerService::getStatus() const {
 }
 
 /// The command at work with what its task told last; empty when there is none.
-Properties ServerService::describeRunning() {
+Properties ServerService::describeRunning() const {
     const auto running = Controller::getSingleton().getRunningCommand();
     Properties command;
     if (!running)
@@ -549,6 +699,9 @@ Properties ServerService::describeRunning() {
         command.set("progress", task->progress);
         command.set("message", task->message);
     }
+    for (const std::weak_ptr<CommandDeadline>& each : _deadlines)
+        if (const auto deadline = each.lock())
+            deadline->describe(running->thread, command);
     return command;
 }
 
@@ -565,6 +718,11 @@ void ServerService::notifyAbort(const Properties& reason) {
     drainConsole();
     _clients.sendToAll(RpcMessage::notification("server.abort", reason.toString()));
     _clients.flush(_settings.limits.flushTime);
+}
+
+void ServerService::tellClients(const std::string& text) {
+    drainConsole();
+    _clients.sendToAll(noticeOf(text));
 }
 
 void ServerService::flushNotifies() {

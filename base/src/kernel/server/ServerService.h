@@ -3,6 +3,7 @@
 #include "kernel/Controller.h"
 #include "kernel/Server.h"
 #include "kernel/server/ConsoleRelay.h"
+#include "kernel/server/RollCallDesk.h"
 #include "kernel/server/RpcConnection.h"
 #include "kernel/server/ServerClients.h"
 #include "kernel/server/ServerLimits.h"
@@ -14,7 +15,9 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
+class CommandDeadline;
 class Properties;
 class RpcListener;
 struct RpcFault;
@@ -42,6 +45,7 @@ public:
         int portRange = -1;
         ServerLimits limits;
         std::function<void()> abortCallback;
+        RollCallDesk::Callback rollCall;
     };
 
     explicit ServerService(Settings settings);
@@ -72,6 +76,8 @@ public:
     const std::string& getName() const { return _settings.name; }
     void notify(const std::string& method, const Properties& params);
     void notifyAbort(const Properties& reason);
+    void tellClients(const std::string& text);
+    void finishRollCalls() { _rollCalls.finish(); }
     void flushNotifies();
 
 private:
@@ -90,13 +96,33 @@ private:
     void greet(RpcConnection& connection, const RpcMessage& message);
     void admit(RpcConnection& connection, const RpcMessage& message, const std::string& proof);
     void runCommand(RpcConnection& connection, const RpcMessage& message);
+    std::shared_ptr<CommandDeadline> takeDeadline(RpcConnection& connection, const std::string& command);
     void onCommandDone(RpcConnection& connection, const std::string& id, const Controller::Outcome& outcome);
     std::string boundedAnswer(const RpcConnection& connection, const std::string& id, std::string line) const;
     /// The server's own methods. They are answered at once, also while a command runs.
-    std::string callMethod(const std::string& method, const Properties& params,
-                           const RpcConnection& connection);
+    std::string callMethod(const std::string& method, const Properties& params, RpcConnection& connection);
+    /// A request that is answered later.
+    struct Asker {
+        std::shared_ptr<RpcConnection> connection;
+        std::string id;
+    };
+    void answer(const Asker& asker, const Properties& result) const;
+    bool callSlowMethod(RpcConnection& connection, const RpcMessage& message, const Properties& params);
+    void tellWhere(const Asker& asker, const Properties& params);
+    /// A client's demand that a command ends, by force if its task doesn't look.
+    struct Demand {
+        Asker asker;
+        Controller::RunningCommand command;
+        bool cancelled;                            ///< there was a task to cancel
+        std::chrono::steady_clock::time_point end; ///< of the time that it has to look
+    };
+    void forceEnd(const Asker& asker);
+    void awaitEnd(const Demand& demand);
+    void takeDown(const Demand& demand, const RollCallDesk::Answer& standing);
+    static void setDeadline(RpcConnection& connection, const Properties& params);
     Properties getStatus() const;
-    static Properties describeRunning();
+    Properties describeRunning() const;
+    void assertCanAbort() const;
     void abort(const std::string& reason);
     void refuse(RpcConnection& connection, const std::string& id, const RpcFault& fault,
                 std::string_view data = {});
@@ -118,6 +144,8 @@ private:
     std::shared_ptr<asio::io_context> _context;
     std::unique_ptr<Loop> _loop; ///< what serves to wait: timer and work guard
     std::unique_ptr<RpcListener> _listener;
+    RollCallDesk _rollCalls;
+    std::vector<std::weak_ptr<CommandDeadline>> _deadlines; ///< of the commands queued and at work
     const std::shared_ptr<RequestBudget> _budget;
     ServerClients _clients;
     RateLimitedLog _log;

@@ -122,6 +122,15 @@ void ServerFixture::addCommands() {
             std::this_thread::sleep_for(1ms);
         }
     });
+    const auto hang = [](const Properties&, Properties&) {
+        for (int i = 0; i < 10000 && !released; ++i)
+            std::this_thread::sleep_for(1ms);
+    };
+    add("Hang", hang);
+    add("Deaf", [hang](const Properties& args, Properties& response) {
+        const Task task("deaf");
+        hang(args, response);
+    });
     add("Big", [](const Properties& args, Properties& response) {
         response.set("text", std::string(args.getUnsignedInt("bytes"), 'x'));
     });

@@ -42,7 +42,8 @@ private:
 ///
 /// Echo answers its arguments, Fail raises what it is told, Undone answers "Success": false, as a result that
 /// its help tells, Diverged the same without help, Print prints `lines` lines, Wait waits for release() or a
-/// cancel, Big answers `bytes` bytes.
+/// cancel, Hang for release() alone, Deaf with a task that doesn't look for a cancel, Big answers `bytes`
+/// bytes.
 class ServerFixture : public ::testing::Test {
 protected:
     void SetUp() override;
