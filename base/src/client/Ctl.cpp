@@ -17,6 +17,7 @@
 #include "platform/Time.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cmath>
 #include <cstdio>
 #include <ctime>
@@ -29,6 +30,7 @@ namespace {
 
 constexpr std::chrono::milliseconds ANSWER_TIME{10000}; ///< of the server's own methods
 constexpr std::chrono::milliseconds STOP_TIME{30000};
+constexpr std::chrono::milliseconds ROLL_CALL_TIME{20000}; ///< more than the server gives the ranks
 constexpr const char* SUCCESS_KEY = "Success"; ///< of a response: false when the command didn't do its work
 constexpr const char* REASON_KEY = "Reason";   ///< beside it, for people
 constexpr std::size_t MAX_LINE = std::size_t(16) << 20; ///< of a script [bytes]
@@ -222,6 +224,9 @@ int Ctl::runCommand(const std::string& name, const std::vector<CommandWords::Wor
         "; " + name + " goes on in the server: \"orvexctl status\" tells of it, \"orvexctl cancel\" ends it";
     CtlInterrupt interrupt(_session, _console, name);
     bool answered = false;
+    if (_options.deadline)
+        if (const RpcClient::Reply reply = sendDeadline(); reply.failed)
+            return print(reply);
     try {
         const RpcClient::Reply reply = _session.getClient().call(name, params, _options.timeout);
         answered = true;
@@ -273,6 +278,10 @@ int Ctl::runOwn(const std::string& name, const std::vector<CommandWords::Word>& 
             callServer("server.abort", CommandWords::toParams(arguments, {{"reason", "text"}}));
         return result == ExitCode::SUCCESS ? waitForEnd(false) : result;
     }
+    if (name == "where")
+        return where(arguments);
+    if (name == "cancel")
+        return cancel(arguments);
     if (!arguments.empty())
         throw UsageError(name + " takes no arguments");
     if (name == "list-sessions")
@@ -282,6 +291,55 @@ int Ctl::runOwn(const std::string& name, const std::vector<CommandWords::Word>& 
     if (name == "status")
         return showStatus();
     return callServer("server." + name, "{}");
+}
+
+/// The server keeps the deadline of the next command, so that it holds also without this client.
+RpcClient::Reply Ctl::sendDeadline() {
+    Properties params;
+    params.set("seconds", *_options.deadline);
+    return _session.getClient().call("server.deadline", params.toString(),
+                                     _options.timeout.value_or(ANSWER_TIME));
+}
+
+int Ctl::where(const std::vector<CommandWords::Word>& arguments) {
+    Properties params;
+    if (!arguments.empty()) {
+        unsigned rank = 0;
+        const std::string text = arguments.size() == 2 ? arguments[1].text : std::string();
+        const char* const textEnd = text.data() + text.size();
+        const auto [end, failed] = std::from_chars(text.data(), textEnd, rank);
+        if (arguments[0].text != "--rank" || failed != std::errc() || end != textEnd)
+            throw UsageError("where takes nothing, or --rank and the number of a rank");
+        params.set("rank", rank);
+    }
+    return printStanding(_session.getClient().call("server.where", params.toString(),
+                                                   _options.timeout.value_or(ROLL_CALL_TIME)));
+}
+
+int Ctl::cancel(const std::vector<CommandWords::Word>& arguments) {
+    if (arguments.empty())
+        return callServer("server.cancel", "{}");
+    if (arguments.size() > 1 || arguments[0].text != "--force")
+        throw UsageError("cancel takes nothing, or --force");
+    const RpcClient::Reply reply = _session.getClient().call("server.cancel", "{\"force\":true}",
+                                                             _options.timeout.value_or(ROLL_CALL_TIME));
+    const int result = printStanding(reply);
+    const bool forced = !reply.failed && Properties(std::string_view(reply.result)).getOr("forced", false);
+    return forced ? waitForEnd(false) : result;
+}
+
+/// Prints where the ranks stand: the text for people, the rest for programs.
+int Ctl::printStanding(const RpcClient::Reply& reply) {
+    if (reply.failed)
+        return print(reply);
+    Properties standing{std::string_view(reply.result)};
+    const std::string text = standing.getOr("text", "");
+    standing.remove("text");
+    if (_options.json || text.empty())
+        printObject(standing.toString());
+    else
+        _console.print(text.ends_with('\n') ? text : text + "\n");
+    return ExitCode::SUCCESS;
 }
 
 int Ctl::callServer(const std::string& method, const std::string& params) {
@@ -303,6 +361,12 @@ int Ctl::showStatus() {
     status.set("clients", clients);
     if (status.hasName("running")) {
         Properties running = status.getProperties("running");
+        if (running.hasName("deadline")) {
+            const double left = running.getReal("deadlineLeft");
+            running.set("deadline", duration(running.getReal("deadline")) +
+                                        (left < 0.0 ? ", passed" : ", in " + duration(left)));
+            running.remove("deadlineLeft");
+        }
         running.set("since", localTime(running.getReal("since")));
         running.set("for", duration(running.getReal("seconds")));
         running.remove("seconds");

@@ -30,6 +30,10 @@ private:
     int showStatus();
     int listSessions();
     int listCommands(const std::vector<CommandWords::Word>& arguments);
+    int where(const std::vector<CommandWords::Word>& arguments);
+    int cancel(const std::vector<CommandWords::Word>& arguments);
+    int printStanding(const RpcClient::Reply& reply);
+    RpcClient::Reply sendDeadline();
     int stop();
     int waitForEnd(bool commandRuns);
     int callServer(const std::string& method, const std::string& params);

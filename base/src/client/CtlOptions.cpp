@@ -6,9 +6,26 @@
 
 #include <CLI/CLI.hpp>
 
+#include <charconv>
 #include <iostream>
 
 namespace {
+
+/// The seconds of "30m", "1.5h", "45s" or "45"; nothing when it is none of them.
+std::optional<double> parseTime(std::string text) {
+    constexpr double MAX_TIME = 1e8; // [s]
+    double unit = 1.0;
+    if (text.ends_with('s') || text.ends_with('m') || text.ends_with('h')) {
+        unit = text.back() == 's' ? 1.0 : text.back() == 'm' ? 60.0 : 3600.0;
+        text.pop_back();
+    }
+    double number = 0.0;
+    const auto [end, failed] = std::from_chars(text.data(), text.data() + text.size(), number);
+    if (failed != std::errc() || end != text.data() + text.size() || !(number > 0.0) ||
+        number * unit > MAX_TIME)
+        return std::nullopt;
+    return number * unit;
+}
 
 constexpr char DESCRIPTION[] =
     "Drives a running server: one command, a script of them, or an interactive prompt.";
@@ -29,6 +46,8 @@ Examples:
   orvexctl GetHosts
   orvexctl ListDir path=/data
   orvexctl --json --session wing.sim GetTimes
+  orvexctl --deadline 30m SolveHeatConduction
+  orvexctl where
   orvexctl --file commands.txt)";
 
 } // namespace
@@ -36,6 +55,9 @@ Examples:
 CtlOptions CtlOptions::parse(int argc, char** argv, std::optional<int>& exitCode) {
     CtlOptions options;
     double timeout = 0.0;
+    std::string deadline;
+    std::string rank;
+    bool force = false;
     CLI::App app(DESCRIPTION, "orvexctl");
     app.footer("\nCommands of orvexctl itself:\n" + OwnCommands::describe() + FOOTER);
     app.set_version_flag("--version", OrvexVersion::getVersionedProductName());
@@ -48,6 +70,13 @@ CtlOptions CtlOptions::parse(int argc, char** argv, std::optional<int>& exitCode
     app.add_option("--timeout", timeout,
                    "Seconds to wait for an answer; default: as long as the server lives")
         ->check(CLI::PositiveNumber);
+    app.add_option("--deadline", deadline,
+                   "Running time after which the server cancels a command on all ranks: 90s, 30m, 1.5h")
+        ->check([](const std::string& text) {
+            return parseTime(text) ? std::string() : "\"" + text + "\" is no time like 90s, 30m or 1.5h";
+        });
+    app.add_option("--rank", rank, "Of \"where\": this rank alone");
+    app.add_flag("--force", force, "Of \"cancel\": take the job down if the task doesn't look");
     // An empty value is a variable that wasn't set; taken for "any", it would choose somebody else's session.
     for (const char* name : {"--session", "--host", "--key-file", "--file"})
         app.get_option(name)->check([](const std::string& value) {
@@ -63,6 +92,19 @@ CtlOptions CtlOptions::parse(int argc, char** argv, std::optional<int>& exitCode
         app.parse(argc, argv);
         if (timeout > 0.0)
             options.timeout = std::chrono::milliseconds(static_cast<long long>(timeout * 1000.0) + 1);
+        if (!deadline.empty())
+            options.deadline = parseTime(deadline);
+        const std::string first = options.words.empty() ? std::string() : options.words.front();
+        if (!rank.empty()) {
+            if (first != "where")
+                throw CLI::ValidationError("--rank", "it belongs to the command \"where\"");
+            options.words.insert(options.words.end(), {"--rank", rank});
+        }
+        if (force) {
+            if (first != "cancel")
+                throw CLI::ValidationError("--force", "it belongs to the command \"cancel\"");
+            options.words.emplace_back("--force");
+        }
         if (!options.script.empty() && !options.words.empty())
             throw CLI::ValidationError("--file", "a script and a command can't both be given");
     } catch (const CLI::ParseError& error) {

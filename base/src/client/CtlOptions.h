@@ -31,8 +31,9 @@ struct CtlOptions {
     bool quiet = false;                               ///< no console output of the server
     bool keepGoing = false;                           ///< a script goes on after an error
     std::optional<std::chrono::milliseconds> timeout; ///< for an answer; none: as long as it takes
-    std::vector<std::string> words;                   ///< the command and its arguments
-    std::string usage;                                ///< how orvexctl is called, for people
+    std::optional<double> deadline; ///< of each command's running time; none: as long as it takes [s]
+    std::vector<std::string> words; ///< the command and its arguments
+    std::string usage;              ///< how orvexctl is called, for people
 
     /// Reads the command line; prints what it asks to print or what is wrong with it.
     /// @param exitCode  set when there is nothing more to do

@@ -120,6 +120,8 @@ std::vector<std::string> CtlPrompt::Impl::candidates(const std::string& before, 
             words.insert(words.end(), own.begin(), own.end());
         if (blank == std::string::npos)
             words.emplace_back("quit");
+    } else if (OwnCommands::isOne(first)) {
+        words = OwnCommands::getOptions(first);
     } else {
         for (const CommandWords::KeyType& argument : session.getHelp(first).arguments)
             if (argument.key != CommandKey::ANY)

@@ -218,6 +218,8 @@ void CtlSession::onNotification(const std::string& method, std::string_view para
     if (method == "server.abort")
         _console.tell("The job aborts: " +
                       (values.hasName("Message") ? values.getString("Message") : "no reason given"));
+    else if (method == "server.notice")
+        _console.tell(values.getString("text"));
     else if (_options.quiet)
         return;
     else if (method == "server.console")

@@ -17,7 +17,10 @@ constexpr std::array COMMANDS{
     OwnCommand{"list-commands", " [NAME]",
                "the commands of the server; with NAME, the arguments and results of that one"},
     OwnCommand{"status", "", "the command that runs, since when, and for which client"},
-    OwnCommand{"cancel", "", "ask the task at work to end early"},
+    OwnCommand{"where", " [--rank N]",
+               "where all ranks stand, also while they hang; with --rank, that one in full"},
+    OwnCommand{"cancel", " [--force]",
+               "ask the task at work to end early; with --force, take the job down if it doesn't"},
     OwnCommand{"stop", "", "end the server in order: the command at work finishes first"},
     OwnCommand{"abort", " [reason=TEXT]", "take the whole job down at once"},
 };
@@ -36,6 +39,14 @@ std::vector<std::string> OwnCommands::getNames() {
     for (const OwnCommand& command : COMMANDS)
         names.emplace_back(command.name);
     return names;
+}
+
+std::vector<std::string> OwnCommands::getOptions(std::string_view name) {
+    if (name == "where")
+        return {"--rank"};
+    if (name == "cancel")
+        return {"--force"};
+    return {};
 }
 
 std::string OwnCommands::describe(std::string_view name) {

@@ -9,6 +9,8 @@ namespace OwnCommands {
 
 bool isOne(std::string_view name);
 std::vector<std::string> getNames();
+/// The options of `name`, for example "--force".
+std::vector<std::string> getOptions(std::string_view name);
 /// A line for each of them, or for `name` alone.
 std::string describe(std::string_view name = {});
 

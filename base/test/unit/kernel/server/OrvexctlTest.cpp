@@ -38,6 +38,12 @@ protected:
 };
 
 TEST_F(OrvexctlTest, RunsCommandsAndTellsHowTheyEnd) {
+    server().setRollCall([](const Properties& request) {
+        Properties standing;
+        standing.set("text", request.hasName("rank") ? "\nRank 0 alone.\n" : "\nAll is well.");
+        standing.set("verdict", "well");
+        return standing;
+    });
     serve([&] {
         const struct {
             std::vector<std::string> words;
@@ -65,6 +71,17 @@ TEST_F(OrvexctlTest, RunsCommandsAndTellsHowTheyEnd) {
             {{"list-commands", "Ecko"}, 1, "did you mean \"Echo\""},
             {{"status"}, 0, "queued"},
             {{"cancel"}, 0, "cancelled  false"},
+            {{"cancel", "--force"}, 1, "no way to abort"},
+            {{"cancel", "now"}, 2, "cancel takes nothing, or --force"},
+            {{"--force", "status"}, 2, "it belongs to the command \"cancel\""},
+            {{"where"}, 0, "\nAll is well.\n"},
+            {{"--json", "where"}, 0, "{\"verdict\":\"well\"}\n"},
+            {{"where", "--rank", "0"}, 0, "\nRank 0 alone.\n"},
+            {{"where", "--rank", "1"}, 1, "There is no rank 1: the process is serial"},
+            {{"where", "--rank", "x"}, 2, "--rank and the number of a rank"},
+            {{"--deadline", "1.5h", "Echo"}, 0, "args"},
+            {{"--deadline", "30x", "Echo"}, 2, "\"30x\" is no time like 90s, 30m or 1.5h"},
+            {{"--deadline", "0.1s", "Wait"}, 1, "was cancelled: the deadline of 0.1 s has passed"},
             {{"abort"}, 1, "no way to abort"},
             {{"--timeout", "0.3", "Wait"}, 6, "in time; Wait goes on in the server"},
             {{"--host", "127.0.0.1", "--port", "1", "Echo"},
@@ -74,7 +91,7 @@ TEST_F(OrvexctlTest, RunsCommandsAndTellsHowTheyEnd) {
         };
         for (const auto& row : rows) {
             check(run(row.words), row.code, row.part);
-            if (row.words.back() == "Wait")
+            if (row.code == 6)
                 release();
         }
         EXPECT_FALSE(has(run({"-q", "Print", "lines=2", "text=x"}), "line"));
