@@ -4,9 +4,9 @@
 #include "xmlrpc/XmlRpcAddress.h"
 #include "xmlrpc/XmlRpcExchange.h"
 #include "xmlrpc/XmlRpcMessage.h"
+#include "xmlrpc/XmlRpcTime.h"
 
 #include <algorithm>
-#include <chrono>
 #include <map>
 #include <stdexcept>
 
@@ -17,13 +17,6 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using asio::ip::tcp;
 
-constexpr double MAX_SECONDS = 1e9;
-
-Clock::duration toDuration(double seconds) {
-    return std::chrono::duration_cast<Clock::duration>(
-        std::chrono::duration<double>(std::clamp(seconds, 0.0, MAX_SECONDS)));
-}
-
 /// One run: the calls that are open, and those that wait for a connection.
 class Run {
 public:
@@ -33,8 +26,8 @@ public:
 
     std::vector<XmlRpcFanOut::Answer> run(double totalSeconds, double callSeconds) {
         resolveHosts();
-        _end = Clock::now() + toDuration(totalSeconds);
-        _callTime = toDuration(callSeconds);
+        _end = Clock::now() + XmlRpcTime::toDuration(totalSeconds);
+        _callTime = XmlRpcTime::toDuration(callSeconds);
         startCalls();
         _loop.run();
         return std::move(_answers);

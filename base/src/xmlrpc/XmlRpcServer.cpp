@@ -8,9 +8,9 @@
 #include "xmlrpc/XmlRpcMessage.h"
 #include "xmlrpc/XmlRpcServerMethod.h"
 #include "xmlrpc/XmlRpcSocket.h"
+#include "xmlrpc/XmlRpcTime.h"
 
 #include <asio/io_context.hpp>
-#include <asio/write.hpp>
 
 #include <algorithm>
 #include <atomic>
@@ -27,25 +27,11 @@ using asio::ip::tcp;
 using Clock = std::chrono::steady_clock;
 using ConnectionPointer = std::shared_ptr<XmlRpcConnection>;
 
-enum Status {
-    FORBIDDEN = 403,
-    NOT_FOUND = 404,
-    NOT_ALLOWED = 405,
-    LENGTH_REQUIRED = 411,
-    UNSUPPORTED = 415,
-    UNAVAILABLE = 503
-};
+enum Status { FORBIDDEN = 403, NOT_FOUND = 404, NOT_ALLOWED = 405, LENGTH_REQUIRED = 411, UNSUPPORTED = 415 };
 
 constexpr std::chrono::milliseconds RETRY_TIME{200}; ///< after the system had no descriptor for a client
 constexpr std::chrono::seconds SHOW_TIME{1}; ///< for a request to show the secret, when there is no room
 constexpr std::chrono::milliseconds LONG_METHOD{100}; ///< from here on other connections get the time back
-constexpr double MAX_SECONDS = 1e9;
-
-Clock::duration toDuration(double seconds) {
-    return std::chrono::duration_cast<Clock::duration>(
-        std::chrono::duration<double>(std::clamp(seconds, 0.0, MAX_SECONDS)));
-}
-
 /// Takes the same time wherever the texts differ.
 bool equalsSecret(const std::string& given, const std::string& secret) {
     unsigned difference = given.size() == secret.size() ? 0 : 1;
@@ -71,6 +57,7 @@ struct XmlRpcServer::Impl {
     void waitForRoom();
     int check(const HttpReader& request, const std::string& peer);
     std::string execute(const std::string& body);
+    void giveBack(Clock::duration time);
     std::string call(const XmlRpcMessage::Call& call);
 
     asio::io_context loop{1};
@@ -82,6 +69,7 @@ struct XmlRpcServer::Impl {
     std::map<std::string, XmlRpcServerMethod*> methods;
     std::string secret;
     Limits limits;
+    Clock::time_point lastWork; ///< its end
     RateLimitedLog log;
     std::string failure;
 
@@ -164,7 +152,7 @@ void XmlRpcServer::Impl::acceptLater(const std::string& reason) {
 void XmlRpcServer::Impl::onAccepted(tcp::socket socket) {
     XmlRpcSocket::keepFromChildren(socket.native_handle());
     connections.push_back(std::make_shared<XmlRpcConnection>(std::move(socket), hooks, limits.requestBytes,
-                                                             toDuration(limits.requestSeconds)));
+                                                             XmlRpcTime::toDuration(limits.requestSeconds)));
     connections.back()->start();
 }
 
@@ -215,9 +203,14 @@ std::string XmlRpcServer::Impl::execute(const std::string& body) {
     }
     const Clock::duration taken = Clock::now() - begin;
     if (taken > LONG_METHOD)
-        for (const ConnectionPointer& connection : connections)
-            connection->extend(taken);
+        giveBack(taken);
     return document;
+}
+
+/// The time in which nobody served isn't counted.
+void XmlRpcServer::Impl::giveBack(Clock::duration time) {
+    for (const ConnectionPointer& connection : connections)
+        connection->extend(time);
 }
 
 std::string XmlRpcServer::Impl::call(const XmlRpcMessage::Call& call) {
@@ -250,6 +243,7 @@ bool XmlRpcServer::Impl::begin() {
 void XmlRpcServer::Impl::leave() {
     const std::lock_guard<std::mutex> lock(mutex);
     working = false;
+    lastWork = Clock::now();
     if (closing)
         close();
 }
@@ -257,8 +251,9 @@ void XmlRpcServer::Impl::leave() {
 bool XmlRpcServer::Impl::serve(double seconds) {
     std::optional<Clock::time_point> deadline;
     if (seconds >= 0.0)
-        deadline = Clock::now() + toDuration(seconds);
+        deadline = Clock::now() + XmlRpcTime::toDuration(seconds);
     try {
+        giveBack(Clock::now() - lastWork);
         while (turn(deadline)) {
         }
         return acceptor.is_open();
