@@ -35,9 +35,13 @@ struct AtWork {
         if (!peer.getServer().bindAndListen(0, 64, address))
             throw std::runtime_error(peer.getServer().getLastFailure());
         port = peer.getServer().getPort();
-        thread = std::thread([this] { fine = peer.work(-1.0); });
+        start();
     }
     ~AtWork() { stop(); }
+    void start() {
+        thread = std::thread([this] { fine = peer.work(-1.0); });
+    }
+    /// A connection whose answer was received is closed then.
     void stop() {
         peer.exitWork();
         if (thread.joinable())
