@@ -129,10 +129,10 @@ class Answers(Case):
         self.stop(job)
 
     def test_floating_point_fault(self):
-        job = self.ready("-module", "OrvexTestModule")
-        answer = job.ctl("--json", "TestDivideByZero", check=False)
-        error = json.loads(answer.stdout)["error"]
-        self.assertIn("A floating point error has occurred. The following error has been logged:", error["message"])
+        job = self.ready()
+        error = json.loads(job.ctl("--json", "InvokeOverflow", check=False).stdout)["error"]
+        self.assertEqual(error["message"], "A floating point error has occurred. The following error has been logged:\n  Non-finite "
+                         "value detected while calculating 'x' in Command 'InvokeOverflow'.\nPlease check your usage and inputs.")
         self.assertEqual(job.run("GetNumberOfWorkers")["NumberOfWorkers"], 1)
         self.stop(job)
 

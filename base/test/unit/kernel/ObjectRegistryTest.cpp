@@ -1,7 +1,7 @@
 #include "kernel/ObjectRegistry.h"
 
 #include "kernel/ClientServerObject.h"
-#include "kernel/Error.h"
+#include "unit/machine/Failures.h"
 
 #include <gtest/gtest.h>
 
@@ -32,12 +32,8 @@ TEST(ObjectRegistry, HoldsTheObjectsWhileTheyLive) {
         {"", 2, "ObjectRegistry: an object needs a key"},
     };
     for (const auto& row : refused) {
-        try {
-            CoreObject::destroy(new ClientServerObject(row.key, row.id, "refused"));
-            ADD_FAILURE() << row.message;
-        } catch (const InternalError& error) {
-            EXPECT_STREQ(error.what(), row.message);
-        }
+        EXPECT_EQ(messageOf<InternalError>([&] { new ClientServerObject(row.key, row.id, "refused"); }),
+                  row.message);
         EXPECT_EQ(registry.size(), 2u);
     }
 

@@ -1,13 +1,11 @@
-// Conditions, checks, reports and floating-point errors folded over a job of any number of ranks.
+// Conditions, checks and reports folded over a job of any number of ranks.
 
 #include "machine/Communicator.h"
 #include "machine/GlobalErrorCheck.h"
-#include "machine/GlobalFloatingPointError.h"
 #include "machine/GlobalReport.h"
 #include "machine/Machine.h"
 
 #include "kernel/ObservableFromClient.h"
-#include "platform/FloatingPointErrorRecord.h"
 
 #include "unit/machine/Failures.h"
 
@@ -115,34 +113,6 @@ TEST_P(ParallelChecks, TheReportAddsUpTheCells) {
     EXPECT_EQ(told, "ConsoleMessage|Pressure limited to 1.23457e+06 in 3000000000 cells in region "
                     "Fluid\nConsoleMessage|Density limited in " +
                         std::to_string(Machine::nProcesses()) + " cells in region Air\n");
-}
-
-TEST_P(ParallelChecks, FloatingPointRecordsOfAllRanksBecomeOneError) {
-    const auto messageFor = [](const std::string& entries, bool several) {
-        return "A floating point error has occurred. The following " +
-               std::string(several ? "errors have" : "error has") + " been logged:" + entries +
-               "\nPlease check your usage and inputs.";
-    };
-    const unsigned ranks = Machine::nProcesses();
-    const char* const texts[] = {"flux", "area", "mass"};
-    const std::string distinct = ranks == 1   ? "\n  flux"
-                                 : ranks == 2 ? "\n1. area\n2. flux"
-                                              : "\n1. area\n2. flux\n3. mass";
-    const struct {
-        const char* name;
-        std::string record, message;
-    } rows[] = {
-        {"the last rank only", rank() == lastRank() ? "flux" : "", messageFor("\n  flux", false)},
-        {"the same on all", "flux", messageFor("\n  flux", false)},
-        {"distinct", texts[rank() % 3], messageFor(distinct, ranks > 1)},
-    };
-    for (const auto& row : rows) {
-        if (!row.record.empty())
-            FloatingPointErrorRecord::set(row.record);
-        EXPECT_EQ(messageOf<FloatingPointError>(&GlobalFloatingPointError::assertNoError), row.message)
-            << row.name;
-        EXPECT_EQ(messageOf<Error>(&GlobalFloatingPointError::assertNoError), "") << row.name;
-    }
 }
 
 } // namespace

@@ -173,8 +173,7 @@ TEST_F(MachineCommands, FailBySegmentationFaultsWithAddressAndStack) {
     SignalHandler::install();
     for (const char* who : {"Master", "Synchronous", "Asynchronous"}) {
         Properties response;
-        Properties command;
-        command.set("command", std::string("Invoke") + who + "SegmentationError");
+        const Properties command(std::string(R"({"command":"Invoke)") + who + R"(SegmentationError"})");
         EXPECT_FALSE(Controller::getSingleton().executeCommand(command, response));
         EXPECT_EQ(Error::getMessage(response), "Segmentation fault: address not mapped");
         EXPECT_EQ(response.getString("Address"), "0x10");
