@@ -505,7 +505,7 @@ int Ctl::stop() {
             text += " and is at " + percent(running.getReal("progress"));
         text += ".\nOther calls of orvexctl can end it earlier:";
         text += running.hasName("task") ? " \"cancel\" asks it to end," : "";
-        _console.tell(text + " \"abort\" takes the job down.");
+        _console.tell(text + " \"where\" tells where its ranks stand, \"abort\" takes the job down.");
     }
     return waitForEnd(commandRuns);
 }

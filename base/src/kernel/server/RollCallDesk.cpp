@@ -87,8 +87,8 @@ void RollCallDesk::finish() {
 }
 
 void RollCallDesk::ask(const Properties& request, Done done) {
-    if (!_callback) {
-        done({{}, "This server has no roll call"});
+    if (!_callback || _closed) {
+        done({{}, _closed ? "The server has stopped" : "This server has no roll call"});
         return;
     }
     if (_askers.size() >= MAX_ASKERS) {
@@ -158,6 +158,7 @@ void RollCallDesk::watchTime() {
 }
 
 void RollCallDesk::close() {
+    _closed = true;
     answer([](const Asker&) { return true; }, {{}, "The server has stopped"});
     _loop->timer.cancel();
 }

@@ -58,6 +58,7 @@ private:
     const std::unique_ptr<Loop> _loop;
     const Callback _callback;
     const std::chrono::milliseconds _limit;
+    bool _closed = false;
     std::deque<Asker> _askers; ///< in the order in which they came
     std::unique_ptr<Call> _call;
     std::shared_ptr<RollCallDesk*> _self; ///< for answers that come when this is gone

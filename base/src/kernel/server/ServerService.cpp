@@ -32,8 +32,6 @@ namespace {
 constexpr std::chrono::milliseconds SUPERVISION_PERIOD{50};
 /// A stop refuses the requests that have come by then in words, not by the end of the connection.
 constexpr std::chrono::milliseconds LAST_CALL{20};
-/// A task that was asked to end is looked at so often.
-constexpr std::chrono::milliseconds FORCE_PERIOD{20};
 constexpr double MAX_DEADLINE = 1e8; ///< [s]
 constexpr std::string_view OWN_METHODS = "server.";
 
@@ -47,11 +45,6 @@ double secondsSince(std::chrono::steady_clock::time_point time) {
 
 const char* nameOf(Server::ConnectionMode mode) {
     return mode == Server::COLLABORATIVE ? "collaborative" : "single";
-}
-
-bool isAtWork(const Controller::RunningCommand& command) {
-    const auto running = Controller::getSingleton().getRunningCommand();
-    return running && running->outermostBegan == command.outermostBegan && running->thread == command.thread;
 }
 
 /// The methods that end the command at work before its time.
@@ -87,13 +80,6 @@ std::string answerOf(const std::string& id, const Controller::Outcome& outcome) 
                                data.toString());
 }
 
-Properties describeCancel(bool cancelled, bool forced) {
-    Properties result;
-    result.set("cancelled", cancelled);
-    result.set("forced", forced);
-    return result;
-}
-
 std::string noticeOf(const std::string& text) {
     return RpcMessage::notification("server.notice", "{\"text\":" + RpcMessage::quote(text) + "}");
 }
@@ -112,6 +98,7 @@ ServerService::ServerService(Settings settings)
     : _settings(std::move(settings)), _context(std::make_shared<asio::io_context>(1)),
       _loop(std::make_unique<Loop>(*_context)),
       _rollCalls(_context, _settings.rollCall, _settings.limits.rollCallTime),
+      _forcedEnds(_context, _rollCalls, _settings.limits.forceTime),
       _budget(std::make_shared<RequestBudget>(_settings.limits.requestBytes)) {}
 
 ServerService::~ServerService() = default;
@@ -489,7 +476,7 @@ std::shared_ptr<CommandDeadline> ServerService::takeDeadline(RpcConnection& conn
     const std::optional<double> seconds = std::exchange(connection.getPeer().deadline, std::nullopt);
     if (!seconds)
         return nullptr;
-    const auto tell = [this, weak = connection.weak_from_this()](const std::string& text) {
+    const auto tell = [weak = connection.weak_from_this()](const std::string& text) {
         OS::Log::instance("Default").warning("ServerService::takeDeadline", "@0@", text);
         if (const auto client = weak.lock())
             client->send(noticeOf(text));
@@ -608,47 +595,13 @@ void ServerService::answer(const Asker& asker, const Properties& result) const {
             boundedAnswer(*asker.connection, asker.id, RpcMessage::answer(asker.id, result.toString())));
 }
 
-/// Cancels the task of the command at work. When that doesn't end the command soon, takes the job down.
 void ServerService::forceEnd(const Asker& asker) {
     assertCanAbort();
-    const auto running = Controller::getSingleton().getRunningCommand();
-    const bool cancelled = Task::cancelCurrent();
-    const auto time = cancelled ? _settings.limits.forceTime : std::chrono::milliseconds(0);
-    if (running)
-        awaitEnd({asker, *running, cancelled, std::chrono::steady_clock::now() + time});
-    else
-        answer(asker, describeCancel(cancelled, false));
-}
-
-void ServerService::awaitEnd(const Demand& demand) {
-    if (_ending)
-        return;
-    if (!isAtWork(demand.command)) {
-        answer(demand.asker, describeCancel(demand.cancelled, false));
-    } else if (std::chrono::steady_clock::now() >= demand.end) {
-        _rollCalls.ask({},
-                       [this, demand](const RollCallDesk::Answer& standing) { takeDown(demand, standing); });
-    } else {
-        const auto timer = std::make_shared<asio::steady_timer>(*_context, FORCE_PERIOD);
-        timer->async_wait([this, timer, demand](const asio::error_code&) { awaitEnd(demand); });
-    }
-}
-
-void ServerService::takeDown(const Demand& demand, const RollCallDesk::Answer& standing) {
-    if (_ending || !isAtWork(demand.command)) { // it has ended while the ranks were asked
-        awaitEnd(demand);
-        return;
-    }
-    const std::string text = standing.result.getOr("text", standing.failure);
-    const std::string verdict = standing.result.getOr("verdict", std::string());
-    const std::string reason = demand.asker.connection->getPeer().client + " forced the end of \"" +
-                               demand.command.name + "\"" + (verdict.empty() ? "" : ": " + verdict);
-    OS::Log::instance("Default").error("ServerService::takeDown", "@0@", text);
-    Properties result = describeCancel(demand.cancelled, true);
-    result.set("text", text);
-    result.set("verdict", verdict);
-    answer(demand.asker, result);
-    asio::post(*_context, [this, reason] { abort(reason); });
+    _forcedEnds.demand(asker.connection->getPeer().client, [this, asker](const ForcedEnd::Outcome& outcome) {
+        answer(asker, outcome.result);
+        if (!outcome.reason.empty() && !_ending)
+            asio::post(*_context, [this, reason = outcome.reason] { abort(reason); });
+    });
 }
 
 void ServerService::setDeadline(RpcConnection& connection, const Properties& params) {

@@ -3,6 +3,7 @@
 #include "kernel/Controller.h"
 #include "kernel/Server.h"
 #include "kernel/server/ConsoleRelay.h"
+#include "kernel/server/ForcedEnd.h"
 #include "kernel/server/RollCallDesk.h"
 #include "kernel/server/RpcConnection.h"
 #include "kernel/server/ServerClients.h"
@@ -109,16 +110,7 @@ private:
     void answer(const Asker& asker, const Properties& result) const;
     bool callSlowMethod(RpcConnection& connection, const RpcMessage& message, const Properties& params);
     void tellWhere(const Asker& asker, const Properties& params);
-    /// A client's demand that a command ends, by force if its task doesn't look.
-    struct Demand {
-        Asker asker;
-        Controller::RunningCommand command;
-        bool cancelled;                            ///< there was a task to cancel
-        std::chrono::steady_clock::time_point end; ///< of the time that it has to look
-    };
     void forceEnd(const Asker& asker);
-    void awaitEnd(const Demand& demand);
-    void takeDown(const Demand& demand, const RollCallDesk::Answer& standing);
     static void setDeadline(RpcConnection& connection, const Properties& params);
     Properties getStatus() const;
     Properties describeRunning() const;
@@ -145,6 +137,7 @@ private:
     std::unique_ptr<Loop> _loop; ///< what serves to wait: timer and work guard
     std::unique_ptr<RpcListener> _listener;
     RollCallDesk _rollCalls;
+    ForcedEnd _forcedEnds;
     std::vector<std::weak_ptr<CommandDeadline>> _deadlines; ///< of the commands queued and at work
     const std::shared_ptr<RequestBudget> _budget;
     ServerClients _clients;

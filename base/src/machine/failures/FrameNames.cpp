@@ -38,6 +38,7 @@ std::string_view baseOf(std::string_view path) {
 
 /// Without arguments, template arguments and unnamed namespaces.
 std::string shorten(std::string_view function) {
+    function = function.substr(0, function.find("::{lambda"));
     constexpr std::string_view UNNAMED = "(anonymous namespace)::";
     std::string text;
     int depth = 0;

@@ -13,7 +13,7 @@ struct Frame {
     std::string place;    ///< for example "HeatConduction.cpp:120"; empty when it isn't known
 
     /// As in "HeatConduction::sweep (HeatConduction.cpp:120)".
-    std::string describe() const;
+    ORVEX_MACHINE_EXPORT std::string describe() const;
 };
 
 /// Leaves out the message layer and the libraries below it, and what calls the command. When nothing is left,

@@ -177,12 +177,12 @@ std::string stackOf(const std::vector<std::string>& stack) {
     constexpr std::string_view MORE = " < ...";
     std::string text;
     for (const std::string& frame : stack) {
-        std::string line = text + (text.empty() ? "  stack: " : " < ") + frame;
-        if (line.size() + MORE.size() > WIDTH)
-            line = text + (text.empty() ? "  stack: " : " < ") + functionOf(frame);
-        if (line.size() + MORE.size() > WIDTH)
-            return text.empty() ? fit(line) : text.append(MORE);
-        text = std::move(line);
+        const std::string before = text + (text.empty() ? "  stack: " : " < ");
+        const std::size_t room = WIDTH - std::min(WIDTH, before.size() + MORE.size());
+        const std::string shown = frame.size() <= room ? frame : functionOf(frame);
+        if (shown.size() > room)
+            return text.empty() ? fit(before + shown) : text.append(MORE);
+        text = before + shown;
     }
     return text;
 }

@@ -17,7 +17,7 @@ public:
         std::vector<unsigned> ranks;
         std::set<std::string> hosts;
         RankStanding first;      ///< stands for all; with the shortest of their times
-        bool sameNumbers = true; ///< bytes and collectives
+        bool sameNumbers = true; ///< bytes, collectives and operations
         bool samePartner = true;
         std::vector<std::string> stack; ///< the frames that all share, the innermost first
     };

@@ -91,6 +91,7 @@ std::string innermostFunction(const RankStanding& standing) {
     return frames.empty() ? std::string() : frames.front().function;
 }
 
+/// Of a message, cut when it is long.
 std::string firstLine(const std::string& text) {
     return text.substr(0, std::min(text.find('\n'), MAX_MESSAGE));
 }
@@ -141,6 +142,7 @@ std::vector<Cause> listCauses(const std::vector<const RankStanding*>& standings,
         found->second.ranks.push_back(standing->rank);
     }
     std::vector<Cause> sorted;
+    sorted.reserve(causes.size());
     for (auto& each : causes)
         sorted.push_back(std::move(each.second));
     std::stable_sort(sorted.begin(), sorted.end(),
@@ -371,6 +373,7 @@ std::string Relation::tellWaits() const {
         return "All ranks stand in the same operation, " + placeOf(*others.front()) +
                ": not a missed collective; slow, or something outside.";
     std::vector<const RankStanding*> all;
+    all.reserve(_standings.size());
     for (const auto& each : _standings)
         all.push_back(each.second);
     const std::vector<const RankStanding*> unknown = select(Wait::SOMEBODY);
@@ -381,7 +384,7 @@ std::string Relation::tellWaits() const {
 std::string Relation::tell() const {
     if (_standings.empty())
         return "No rank has answered.";
-    if (const std::string idle = tellIdle(); !idle.empty())
+    if (std::string idle = tellIdle(); !idle.empty())
         return idle;
     std::string verdict = tellCircle();
     for (const auto& next : {&Relation::tellCauses, &Relation::tellLonelyMessage,

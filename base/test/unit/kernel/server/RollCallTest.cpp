@@ -182,6 +182,13 @@ TEST_F(RollCall, CancelsACommandAtItsDeadline) {
         unsigned long id = 0;
         for (int i = 0; i < 2; ++i)
             EXPECT_EQ(client.receive(id, 10s).message, "\"waiting\" was cancelled");
+        {
+            RpcClient leaving;
+            connect(leaving);
+            EXPECT_FALSE(leaving.call("server.deadline", R"({"seconds":0.2})", 5s).failed);
+            begin(leaving, "Wait");
+        }
+        EXPECT_FALSE(client.call("Echo", "{}", 5s).failed); // Wait would last 10 s
     });
 }
 

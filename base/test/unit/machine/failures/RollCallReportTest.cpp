@@ -1,6 +1,7 @@
 #include "machine/failures/RollCallReport.h"
 
 #include "kernel/Error.h"
+#include "machine/failures/FrameNames.h"
 #include "machine/ground/RankList.h"
 #include "platform/StringHelper.h"
 
@@ -116,6 +117,24 @@ TEST(RollCallReport, TellsProgramsTheSame) {
     EXPECT_NE(one.getString("text").find("    std::sqrt(double) in /lib/libm.so.6\n"), std::string::npos);
     EXPECT_EQ(one.getString("verdict"), tree.getString("verdict"));
     EXPECT_THROW(static_cast<void>(report.toProperties(7u)), InputError);
+}
+
+TEST(FrameNames, AreShort) {
+    const struct {
+        std::string frame;
+        std::string name;
+    } rows[] = {
+        {"(anonymous namespace)::solve(std::vector<int> const&) at /a/b.cpp:3", "solve (b.cpp:3)"},
+        {"void Field<double>::sweep<3>(int) const at b.cpp:3", "Field::sweep (b.cpp:3)"},
+        {"Loop::run(int)::{lambda(int)#1}::operator()(int) const at b.cpp:3", "Loop::run (b.cpp:3)"},
+        {"Solver::operator()(int) in /lib/libsolver.so", "Solver::operator()"},
+        {"main at main.cpp:1", "main (main.cpp:1)"}, // nothing else is left
+        {"0x7f01 in /lib/libsolver.so", ""},
+    };
+    for (const auto& row : rows) {
+        const std::vector<FrameNames::Frame> frames = FrameNames::pick({row.frame});
+        EXPECT_EQ(frames.empty() ? "" : frames.front().describe(), row.name) << row.frame;
+    }
 }
 
 TEST(RankList, CutsTheMiddle) {
