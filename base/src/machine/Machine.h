@@ -13,12 +13,16 @@
 #include <vector>
 
 class Communicator;
+class Error;
 class LauncherWatch;
 class MachineHost;
 class ParallelConsoleBuf;
+class ParallelErrorHandler;
 class Properties;
+class RollCall;
 class Serializable;
 class StandardStreamManager;
+class StuckWatch;
 class Timer;
 struct CommandLineOption;
 struct ServerHostOptions;
@@ -68,6 +72,19 @@ public:
     void abort(const ExitStatus& status);
     /// abort() with the status of a server error, for code that can neither continue nor throw.
     static void abortFromAnywhere();
+
+    /// Called with each non-recoverable error that is raised in a parallel process, on the raising thread and
+    /// before the error goes on its way. Tells the master and waits: when all ranks met the error together it
+    /// returns, and the error fails the command on all of them; otherwise the job ends with the error's
+    /// message and stack trace and exit value 32. Returns at once for a collective error, for a recoverable
+    /// one, and for one that no other rank can wait for: on the master away from the main thread, or in a
+    /// command of the master alone. A second error while the first is handled ends the job.
+    void handleParallelError(Error* error);
+    /// The channel of the error handling. @throw InternalError in a serial process, with -nothreads, and
+    /// when it couldn't be started
+    ParallelErrorHandler& getParallelErrorHandler();
+    /// Ends the channel. From now on the errors of one rank go their way without the others. Part of main().
+    void stopParallelErrorHandler();
 
     // ---- Times.
     //
@@ -213,6 +230,9 @@ private:
     std::unique_ptr<Communicator> createSparseCompanion(const Communicator* communicator) const;
     void warnOfMixedVectorization() const;
     void startParallelErrorHandler();
+    void prepareStuckWatch();
+    void endStuckJob(const std::string& text);
+    void dropParallelErrorHandler();
     void startTimer();
     static void scanForDesignFlags(int argc, const char* const* argv);
     void startUsageManager();
@@ -235,6 +255,8 @@ private:
     void writeProcessFile() const;
     /// Ends the process, or the job when there is one, with `status` as it is.
     [[noreturn]] void leave(const ExitStatus& status);
+    /// Prints the error with its trace and takes the job down.
+    [[noreturn]] void endByError(const Error& error);
     static void abortRanks(const ExitStatus& status);
 
     void gatherOnMaster(double value, std::vector<double>& values) const;
@@ -258,6 +280,9 @@ private:
     std::array<std::unique_ptr<Communicator>, NUMBER_SHMEM_SCOPES> _shmemComm;
     std::array<std::unique_ptr<Communicator>, NUMBER_SHMEM_SCOPES> _sparseComm;
     std::unique_ptr<MachineHost> _host;
+    std::unique_ptr<RollCall> _rollCall; ///< this one and the next two: null in a serial process
+    std::unique_ptr<ParallelErrorHandler> _parallelErrorHandler;
+    std::unique_ptr<StuckWatch> _stuckWatch; ///< on the master
     std::unique_ptr<Timer> _timer;
     std::unique_ptr<Analytics::Manager> _usageManager;
     std::unique_ptr<ParallelConsoleBuf> _parallelConsoleBuf;

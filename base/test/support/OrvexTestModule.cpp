@@ -6,6 +6,7 @@
 #include "kernel/Module.h"
 #include "kernel/Properties.h"
 #include "kernel/Raise.h"
+#include "machine/Communicator.h"
 #include "machine/Machine.h"
 #include "machine/MachineLocks.h"
 #include "platform/FileSystem.h"
@@ -49,9 +50,14 @@ private:
     Body _body;
 };
 
+/// Fails on the chosen ranks; with "wait" the others stand in a collective of all ranks.
 void fail(const Properties& args, Properties&) {
-    if (!isChosen(args))
+    if (!isChosen(args)) {
+        if (args.getOr("wait", false))
+            Machine::globalCommunicator().synchronise();
         return;
+    }
+    Platform::time().sleep(args.getOr("seconds", 0.0) * Machine::getPartitionId());
     const std::string kind = args.getOr("kind", "recoverable");
     const std::string message = "A test failed on rank " + std::to_string(Machine::getPartitionId());
     if (kind == "internal")
@@ -79,7 +85,7 @@ void breakHeap() {
 __attribute__((no_sanitize("undefined"))) void crash(const std::string& kind) {
     if (kind == "segmentation") {
         // Its end never comes: the fault lifts the lock.
-        [[maybe_unused]] static const auto* const region = new Machine::SerialCritical;
+        [[maybe_unused]] static const auto* volatile region = new Machine::SerialCritical;
         volatile int* volatile nowhere = nullptr;
         *nowhere = 1;
     } else if (kind == "kill") {
@@ -149,7 +155,9 @@ ORVEX_MODULE_ENTRY() {
         {"Raises an error.",
          {ranks,
           {"kind", "text", "internal, empty (without a message) or null (of what()); recoverable by default",
-           false}}},
+           false},
+          {"wait", "bool", "the other ranks stand in a collective; false by default", false},
+          {"seconds", "real", "how much later than the rank before it a rank fails [s]", false}}},
         &fail);
     add("TestCrash",
         {"Crashes.",
@@ -174,12 +182,6 @@ ORVEX_MODULE_ENTRY() {
           {"text", "text", "what stands before the number of the line; \"line\" by default", false},
           seconds}},
         &print);
-    add("TestDivideByZero", {"Divides by zero.", {ranks}, {{"x", "real", "the quotient"}}},
-        [](const Properties& args, Properties& response) {
-            volatile double divisor = isChosen(args) ? 0.0 : 1.0;
-            const double x = 2.0 / divisor;
-            response.set("x", x);
-        });
     add("TestEcho",
         {"Answers with its arguments.",
          {{CommandKey::ANY, "any", "what to answer", false}},

@@ -94,6 +94,9 @@ class Process:
         """Resident memory [bytes]."""
         return int(self.read("statm").split()[1]) * os.sysconf("SC_PAGE_SIZE")
 
+    def open_files(self):
+        return os.listdir(f"/proc/{self.pid}/fd")
+
     def shared_files(self):
         return set(re.findall(r" (/dev/shm/\S+)", self.read("maps").decode(errors="replace")))
 

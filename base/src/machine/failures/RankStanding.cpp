@@ -34,6 +34,11 @@ const char* RankStanding::nameOf(State state) {
     return NAMES.at(static_cast<std::size_t>(state));
 }
 
+RankStanding::State RankStanding::stateOf(std::string_view name) {
+    const auto found = std::find(NAMES.begin(), NAMES.end(), name);
+    return found != NAMES.end() ? static_cast<State>(found - NAMES.begin()) : SILENT;
+}
+
 Properties RankStanding::toProperties() const {
     Properties properties;
     properties.set("rank", rank);
@@ -59,9 +64,7 @@ RankStanding RankStanding::fromProperties(const Properties& properties) {
     RankStanding standing;
     std::string state;
     read(properties, "state", state);
-    const auto found = std::find(NAMES.begin(), NAMES.end(), std::string_view(state));
-    if (found != NAMES.end())
-        standing.state = static_cast<State>(found - NAMES.begin());
+    standing.state = stateOf(state);
     read(properties, "rank", standing.rank);
     read(properties, "host", standing.host);
     read(properties, "pid", standing.pid);

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 /// Where one rank stands at a moment, as the roll call tells it.
@@ -18,6 +19,8 @@ struct ORVEX_MACHINE_EXPORT RankStanding {
         SILENT    ///< it doesn't answer, and nobody can tell why
     };
     static const char* nameOf(State state);
+    /// SILENT for a text that names no state.
+    static State stateOf(std::string_view name);
 
     Properties toProperties() const;
     /// Keys that are missing or of another type keep their defaults: another rank's text is not trusted.

@@ -22,6 +22,10 @@ struct MachineOptions {
     bool deleteOnExit = false;
     bool usageDisabled = false;
 
+    // ---- A rank that fails while others wait for it.
+    int stuckTime = 20;         ///< [s] that they may stand still; the same on all ranks
+    bool waitWhenStuck = false; ///< the job stays for the user to look at
+
     // ---- Placement.
     bool internalBinding = true;         ///< false: the binding that the process was started with stays
     CpuBindingPolicy bindingPolicy = {}; ///< BANDWIDTH_BINDING at first

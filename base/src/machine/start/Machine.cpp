@@ -5,6 +5,9 @@
 #include "machine/MachineHost.h"
 #include "machine/StandardStreamManager.h"
 #include "machine/Timer.h"
+#include "machine/failures/ParallelErrorHandler.h"
+#include "machine/failures/RollCall.h"
+#include "machine/failures/StuckWatch.h"
 #include "machine/files/ParallelConsoleBuf.h"
 #include "machine/ground/MachineOptions.h"
 

@@ -63,6 +63,7 @@ private:
     const Row* findRow() const;
     void take(const Row& row);
     std::string value() const { return _line.value(); }
+    int seconds() const;
 
     void settleTemporaryDirectory();
     void settleJobManager();
@@ -92,6 +93,8 @@ private:
     void enablePidPrinting() { _options.printPids = true; }
     void setJobManagerUrl() { _jobManagerUrl = StringHelper::toWString(value()); }
     void setStopLimit();
+    void setStuck();
+    void setStuckTime();
     void setTaskId() { _taskId = CommandLine::toInt(value()); }
     void setRenderThreads() {
         RendererConfig::getSingleton().setNumRenderThreads(CommandLine::toInt(value()));
@@ -146,6 +149,10 @@ const CommonOptions::Row CommonOptions::ROWS[] = {
      &CommonOptions::deleteOnExit},
     {{"-stoplimit", "N", "seconds after which an end in order is cut short; 60 unless given, 0 for never"},
      &CommonOptions::setStopLimit},
+    {{"-stuck", "WORD", "when a rank fails and the others wait for it: end (the default) or wait"},
+     &CommonOptions::setStuck},
+    {{"-stuckafter", "N", "seconds that the others may stand still until then; 20 unless given"},
+     &CommonOptions::setStuckTime},
     {{"-time", "", ""}, &CommonOptions::ignore},
     {{"-mpi", "NAME", ""}, &CommonOptions::ignore}, // the driver runs already
     {{"-mpidriver", "NAME", ""}, &CommonOptions::ignore, "Missing -mpi arg"},
@@ -236,10 +243,24 @@ void CommonOptions::setContentionTest() {
 }
 
 void CommonOptions::setStopLimit() {
+    StopLimit::set(seconds());
+}
+
+void CommonOptions::setStuck() {
+    if (value() != "end" && value() != "wait")
+        throw std::invalid_argument("-stuck argument must be end or wait");
+    _options.waitWhenStuck = value() == "wait";
+}
+
+void CommonOptions::setStuckTime() {
+    _options.stuckTime = std::max(seconds(), 1);
+}
+
+int CommonOptions::seconds() const {
     const std::string text = value();
     if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos)
-        throw std::invalid_argument("-stoplimit needs a number of seconds");
-    StopLimit::set(CommandLine::toInt(text));
+        throw std::invalid_argument(_line.word() + " needs a number of seconds");
+    return CommandLine::toInt(text);
 }
 
 void CommonOptions::setGraphics() {

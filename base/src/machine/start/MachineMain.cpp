@@ -8,6 +8,7 @@
 #include "machine/SynchronizedDynamicLoader.h"
 #include "machine/Timer.h"
 #include "machine/commands/MachineCommands.h"
+#include "machine/failures/ParallelErrorHandler.h"
 #include "machine/files/ParallelConsoleBuf.h"
 #include "machine/ground/MachineOptions.h"
 #include "machine/start/LastWords.h"
@@ -105,6 +106,7 @@ void Machine::main(int argc, char** argv) {
     if (_options.deleteOnExit)
         deleteOnExit();
     stopTimer();
+    stopParallelErrorHandler();
     StopLimit::enter("the end of the message layer");
     stopCommunicators();
     StopLimit::enter("the exit functions");
@@ -125,11 +127,6 @@ void Machine::warnOfMixedVectorization() const {
                  "may impact performance. It does not affect vectorization of third-party libraries, so "
                  "further issues might arise."
               << std::endl;
-}
-
-void Machine::startParallelErrorHandler() {
-    if (isParallel() && !_options.threaded)
-        std::cout << "All internal errors will be treated as fatal" << std::endl;
 }
 
 void Machine::startTimer() {

@@ -1,0 +1,175 @@
+// A non-recoverable error of this rank: the other ranks hear of it before it goes on its way.
+
+#include "machine/Machine.h"
+
+#include "machine/Communicator.h"
+#include "machine/StandardStreamManager.h"
+#include "machine/failures/ParallelErrorHandler.h"
+#include "machine/failures/RollCall.h"
+#include "machine/failures/StuckWatch.h"
+#include "machine/ground/MachineOptions.h"
+#include "machine/start/LastWords.h"
+
+#include "kernel/Error.h"
+#include "kernel/MessagingGate.h"
+#include "kernel/Raise.h"
+#include "kernel/Server.h"
+#include "platform/Log.h"
+#include "platform/StackSampler.h"
+#include "platform/StackTracer.h"
+#include "platform/StringHelper.h"
+#include "platform/Thread.h"
+#include "platform/Time.h"
+
+#include <atomic>
+#include <iostream>
+#include <sstream>
+#include <utility>
+
+namespace {
+
+constexpr double OUTPUT_TIME = 5.0; ///< [s] for launchers to pass the last output on
+
+/// One error at a time is handled; the start of the handler counts as one.
+std::atomic<bool> isHandling{false};
+
+/// Notes the state that clients and tools see, from any thread.
+void showState(Machine::NodeState state) {
+    if (Thread::isMain())
+        Machine::setState(state);
+}
+
+class Handling {
+public:
+    Handling() { showState(Machine::HANDLING_ERROR); }
+    Handling(const Handling&) = delete;
+    Handling& operator=(const Handling&) = delete;
+    ~Handling() {
+        showState(Machine::AWAITING_COMMAND);
+        isHandling = false;
+    }
+};
+
+void addStackTrace(Properties& error) {
+    if (!error.hasName(Error::STACK_TRACE_TAG))
+        error.set(Error::STACK_TRACE_TAG, StringHelper::join(Platform::error().getStackTrace(), "\n"));
+}
+
+std::string describe(const Error& error) {
+    std::string text = std::string("Error: ") + error.what() + "\n";
+    std::istringstream trace(error.getProperties().getOr(Error::STACK_TRACE_TAG, ""));
+    for (std::string line; std::getline(trace, line);)
+        text += "  " + line + "\n";
+    return text;
+}
+
+} // namespace
+
+void Machine::startParallelErrorHandler() {
+    if (isSerial())
+        return;
+    isHandling = true;
+    const Handling starting;
+    setRaiseHook([](Error& error) { getSingleton().handleParallelError(&error); });
+    if (!_options.threaded) {
+        std::cout << "All internal errors will be treated as fatal" << std::endl;
+        return;
+    }
+    if (!Platform::StackSampler::install())
+        OS::Log::instance("Default").warning("Machine", "No signal is free: nobody can ask for stacks");
+    _parallelErrorHandler = std::make_unique<ParallelErrorHandler>();
+    _rollCall = std::make_unique<RollCall>(*_parallelErrorHandler);
+    _parallelErrorHandler->setOverdueCallback(
+        [] { getSingleton().abort(ExitStatus(ExitStatus::NON_RECOVERABLE_SERVER_ERROR)); });
+    _parallelErrorHandler->setTickCallback([call = _rollCall.get()] { call->tick(); });
+    if (isMaster())
+        prepareStuckWatch();
+    if (!_parallelErrorHandler->start()) {
+        dropParallelErrorHandler();
+        if (isMaster())
+            std::cout << "Parallel error handler failed to start. All internal errors will be treated as fatal."
+                      << std::endl;
+    } else if (isMaster()) {
+        _stuckWatch->start();
+        Server::getSingleton().setRollCall(
+            [call = _rollCall.get()](const Properties& request) { return call->answer(request); });
+    }
+}
+
+void Machine::prepareStuckWatch() {
+    StuckWatch::Settings settings;
+    settings.patience = _options.stuckTime;
+    settings.waits = _options.waitWhenStuck;
+    settings.tell = [](const std::string& text) {
+        OS::Log::instance("Default").warning("StuckWatch", "@0@", text);
+        Server::getSingleton().tellClients(text);
+    };
+    settings.end = [this](const std::string& text) { endStuckJob(text); };
+    _stuckWatch = std::make_unique<StuckWatch>(*_rollCall, std::move(settings));
+    _parallelErrorHandler->setFailureCallback([watch = _stuckWatch.get()] { watch->noteFailure(); });
+}
+
+/// The ranks don't come together any more: the job ends with the error of the rank that failed.
+void Machine::endStuckJob(const std::string& text) {
+    OS::Log::instance("Default").error("StuckWatch", "@0@", text);
+    std::cerr << "\nError: " + text + "\n" << std::flush;
+    Properties reason;
+    reason.set(Error::MESSAGE_TAG, text);
+    reason.set("ServerState", "exiting");
+    Server::getSingleton().notifyAbort(reason);
+    abort(ExitStatus(ExitStatus::NON_RECOVERABLE_SERVER_ERROR));
+}
+
+void Machine::stopParallelErrorHandler() {
+    setRaiseHook(nullptr);
+    if (_parallelErrorHandler && isMaster())
+        Server::getSingleton().setRollCall({});
+    dropParallelErrorHandler();
+}
+
+void Machine::dropParallelErrorHandler() {
+    if (_parallelErrorHandler)
+        _parallelErrorHandler->stop();
+    _stuckWatch.reset();
+    _parallelErrorHandler.reset();
+    _rollCall.reset();
+    Platform::StackSampler::uninstall();
+}
+
+ParallelErrorHandler& Machine::getParallelErrorHandler() {
+    ORVEX_ASSERT_AS(_parallelErrorHandler, "_parallelErrorHandler", "ParallelErrorHandler is NULL");
+    return *_parallelErrorHandler;
+}
+
+void Machine::handleParallelError(Error* error) {
+    LastWords::endForkedChild(error->what());
+    if (error->isCollective())
+        return;
+    if (isMaster() && !Thread::isMain())
+        return;
+    if (MessagingGate::has(MessagingGate::LOCAL_COMMAND))
+        return; // a command of this rank alone: nobody waits for it
+    if (!NonRecoverableError::isNonRecoverableErrorIn(error->getProperties()))
+        return;
+    addStackTrace(error->getProperties());
+    if (!isHandling.exchange(true)) {
+        const Handling handling;
+        if (_parallelErrorHandler && _parallelErrorHandler->report(*error))
+            return;
+    }
+    endByError(*error);
+}
+
+void Machine::endByError(const Error& error) {
+    // A worker is silent, but not about why it takes the job down.
+    if (_standardStreamManager)
+        _standardStreamManager->restore();
+    std::cerr << describe(error) << std::flush;
+    if (isMaster())
+        LastWords::sayIfUntimely(error.what());
+    Platform::time().sleep(OUTPUT_TIME);
+    LastWords::sayIfUntimely(error.what()); // the master ends the job soon after it hears these words
+    abort(ExitStatus(ExitStatus::NON_RECOVERABLE_SERVER_ERROR));
+    while (true) // the launcher ends this process
+        Platform::time().sleep(OUTPUT_TIME);
+}
