@@ -12,7 +12,8 @@ namespace {
 
 using Word = std::uint64_t;
 
-constexpr Word NO_MEMBER = std::numeric_limits<Word>::max();
+/// Above all words. Values stay below 2^63: an MPI library may compare them as signed numbers.
+constexpr Word NO_MEMBER = std::numeric_limits<Word>::max() >> 1;
 constexpr Word NOTHING = 0; ///< in place of a word that a rank doesn't have
 
 /// Over the ranks that have one; the others give their own identity.
@@ -21,9 +22,9 @@ Word findLargest(Communicator& ranks, Word value) {
     return value;
 }
 
-bool isAlike(Communicator& ranks, bool hasOne, Word value) {
-    Word smallest = hasOne ? value : NO_MEMBER;
-    Word largest = hasOne ? value : 0;
+bool isAlike(Communicator& ranks, bool hasOne, Word hash) {
+    Word smallest = hasOne ? hash >> 1 : NO_MEMBER;
+    Word largest = hasOne ? hash >> 1 : 0;
     ranks.allReduce(smallest, Communicator::MIN);
     ranks.allReduce(largest, Communicator::MAX);
     return smallest >= largest; // without any member the identities are left
@@ -89,7 +90,7 @@ std::optional<std::uint32_t> CollectiveCheck::findCommunicator(Communicator& ran
     for (int i = 0; i < MAX_LOOKED_AT; ++i) {
         number = CollectiveHistory::nextUsed(number);
         ranks.allReduce(number, Communicator::MIN);
-        if (number == std::numeric_limits<std::uint32_t>::max())
+        if (number == CollectiveHistory::NONE_LEFT)
             break;
         std::uint64_t sum = CollectiveHistory::contributionOf(number);
         ranks.allReduce(sum, Communicator::SUM);

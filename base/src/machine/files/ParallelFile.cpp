@@ -1,5 +1,8 @@
 #include "machine/ParallelFile.h"
 
+#include "machine/messages/CollectiveHistory.h"
+#include "machine/messages/OperationRecord.h"
+
 #include "kernel/Raise.h"
 #include "mpiwrapper/OxmMpi.h"
 #include "platform/FileSystem.h"
@@ -8,6 +11,7 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
+#include <cstdint>
 #include <limits>
 #include <type_traits>
 
@@ -70,6 +74,26 @@ View part(View buffer, unsigned begin, unsigned count) {
     return buffer;
 }
 
+constexpr MessageOperation OPEN{"ParallelFile::open", CommunicatorStatistics::GLOBAL, true,
+                                Collective::OPEN_FILE};
+constexpr MessageOperation CLOSE{"ParallelFile::close"};
+constexpr MessageOperation READ_ALL{"ParallelFile::readAtAll", CommunicatorStatistics::GLOBAL, true,
+                                    Collective::READ_FILE};
+constexpr MessageOperation WRITE_ALL{"ParallelFile::writeAtAll", CommunicatorStatistics::GLOBAL, true,
+                                     Collective::WRITE_FILE};
+constexpr MessageOperation READ{"ParallelFile::read"};
+constexpr MessageOperation WRITE{"ParallelFile::write"};
+
+/// The record of a collective call. The ranks may transfer different lengths.
+OperationRecord::Scope note(const MessageOperation& operation, const Communicator& communicator) {
+    CollectiveHistory::of(communicator).note(CollectiveHistory::wordOf(operation.collective, 0));
+    return OperationRecord::Scope(operation);
+}
+
+std::uint64_t labelOf(const Communicator& communicator) {
+    return CollectiveHistory::of(communicator).getLabel();
+}
+
 /// One call of the message layer on one piece; `place` is the file, and the offset where there is one. A read
 /// that the end of the file cuts short is an error here, though it is none to MPI.
 template <class Call, class View, class... Place>
@@ -125,7 +149,10 @@ bool ParallelFile::open(Communicator& communicator, const std::string& path, int
 int ParallelFile::close() {
     int code = OXM_MPI_SUCCESS;
     if (isOpen()) {
-        const int closed = fileClose(&_file);
+        const int closed = [this] {
+            const OperationRecord::Scope recorded(CLOSE, 0); // the communicator may be gone
+            return fileClose(&_file);
+        }();
         _file = 0;
         // Without a message layer the ranks can't agree.
         code = closed == OXM_MPI_ERR_NOT_RUNNING
@@ -220,38 +247,50 @@ int ParallelFile::transferTogether(long long offset, View buffer, const Transfer
 
 int ParallelFile::write(ConstBuffer buffer) {
     assertOpen();
-    return noted(transferAlone(0, buffer, false,
-                               [&](long long, ConstBuffer piece) { return fileWrite(_file, piece); }));
+    return noted(transferAlone(0, buffer, false, [&](long long, ConstBuffer piece) {
+        const OperationRecord::Scope recorded(WRITE, labelOf(*_communicator), piece.size * piece.typeSize);
+        return fileWrite(_file, piece);
+    }));
 }
 
 int ParallelFile::read(Buffer buffer) {
     assertOpen();
-    return transferAlone(0, buffer, false, [&](long long, Buffer piece) { return fileRead(_file, piece); });
+    return transferAlone(0, buffer, false, [&](long long, Buffer piece) {
+        const OperationRecord::Scope recorded(READ, labelOf(*_communicator), piece.size * piece.typeSize);
+        return fileRead(_file, piece);
+    });
 }
 
 int ParallelFile::writeAt(long long offset, ConstBuffer buffer) {
     assertOpen();
     return noted(transferAlone(offset, buffer, true, [&](long long at, ConstBuffer piece) {
+        const OperationRecord::Scope recorded(WRITE, labelOf(*_communicator), piece.size * piece.typeSize);
         return fileWriteAt(_file, at, piece);
     }));
 }
 
 int ParallelFile::readAt(long long offset, Buffer buffer) {
     assertOpen();
-    return transferAlone(offset, buffer, false,
-                         [&](long long at, Buffer piece) { return fileReadAt(_file, at, piece); });
+    return transferAlone(offset, buffer, false, [&](long long at, Buffer piece) {
+        const OperationRecord::Scope recorded(READ, labelOf(*_communicator), piece.size * piece.typeSize);
+        return fileReadAt(_file, at, piece);
+    });
 }
 
 int ParallelFile::writeAtAll(long long offset, ConstBuffer buffer) {
     assertOpen();
-    return noted(transferTogether(
-        offset, buffer, [&](long long at, ConstBuffer piece) { return fileWriteAtAll(_file, at, piece); }));
+    return noted(transferTogether(offset, buffer, [&](long long at, ConstBuffer piece) {
+        const OperationRecord::Scope recorded = note(WRITE_ALL, *_communicator);
+        return fileWriteAtAll(_file, at, piece);
+    }));
 }
 
 int ParallelFile::readAtAll(long long offset, Buffer buffer) {
     assertOpen();
-    return transferTogether(offset, buffer,
-                            [&](long long at, Buffer piece) { return fileReadAtAll(_file, at, piece); });
+    return transferTogether(offset, buffer, [&](long long at, Buffer piece) {
+        const OperationRecord::Scope recorded = note(READ_ALL, *_communicator);
+        return fileReadAtAll(_file, at, piece);
+    });
 }
 
 std::string ParallelFile::getErrorStr(int code) {
@@ -279,9 +318,11 @@ int ParallelFile::fileOpen(int mode) {
     if (_communicator->myRank() == 0 && (_name.empty() || !files.canBeRead(files.fromSystem(_name))))
         code = OXM_MPI_ERR_BAD_FILE;
     code = agree(code); // none opens alone
-    if (code == OXM_MPI_SUCCESS)
+    if (code == OXM_MPI_SUCCESS) {
+        const OperationRecord::Scope recorded = note(OPEN, *_communicator);
         code = OXM_MPI_File_open(_communicator->handle(), _name.c_str(), convertToMpiWrapperMode(mode), info,
                                  &_file);
+    }
     const int freed = hasInfo ? OXM_MPI_Info_free(&info) : OXM_MPI_SUCCESS;
     return agree(code == OXM_MPI_SUCCESS ? freed : code);
 }

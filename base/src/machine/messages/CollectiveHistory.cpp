@@ -5,11 +5,9 @@
 #include <utility>
 
 constinit std::array<CollectiveHistory::Entry, CollectiveHistory::RING_SIZE> CollectiveHistory::_ring{};
-constinit std::uint64_t CollectiveHistory::_position = 0;
+constinit std::atomic<std::uint64_t> CollectiveHistory::_position{0};
 
 namespace {
-
-constexpr std::uint32_t NONE_LEFT = 0xFFFFFFFF;
 
 constexpr std::uint64_t mix(std::uint64_t value) {
     value = (value ^ (value >> 30)) * 0xBF58476D1CE4E5B9;
@@ -67,8 +65,6 @@ const char* nameOf(Collective collective) {
         return "createSharedMemCommunicators";
     case Collective::OPEN_FILE:
         return "open of a file";
-    case Collective::CLOSE_FILE:
-        return "close of a file";
     case Collective::READ_FILE:
         return "readAtAll of a file";
     case Collective::WRITE_FILE:
@@ -118,6 +114,9 @@ constexpr const char* TYPES[] = {"",
                                  "int with location",
                                  "long double with location"};
 
+constexpr unsigned NAME_SHIFT = 24;
+constexpr std::uint64_t MAX_SIZE = (1u << NAME_SHIFT) - 1;
+
 struct Used {
     std::uint64_t hash = 0;
     std::uint32_t count = 0;
@@ -151,12 +150,12 @@ std::string CollectiveHistory::describe(std::uint64_t word) {
     const auto collective = static_cast<Collective>(word >> 59);
     const auto reduction = (word >> 54) & 31;
     const auto type = (word >> 48) & 63;
-    const auto root = (word >> 30) & 0x3FFFF;
-    const auto bytes = word & 0x3FFFFFFF;
+    const int root = rootOf(word);
+    const unsigned bytes = bytesOf(word);
     std::string details;
     const auto add = [&details](const std::string& text) { details += (details.empty() ? "" : ", ") + text; };
-    if (root != 0)
-        add("root " + std::to_string(root - 1));
+    if (root >= 0)
+        add("root " + std::to_string(root));
     if (bytes != 0)
         add(std::to_string(bytes) + " bytes");
     if (reduction != 0)
@@ -173,9 +172,9 @@ std::uint64_t CollectiveHistory::takeBack(std::uint64_t hash, std::uint64_t word
 
 // ---- One communicator.
 
-CollectiveHistory::CollectiveHistory(unsigned size, unsigned rank)
-    : _label(std::uint64_t(UNNAMED) << 32 | size), _size(size), _rank(rank) {
+CollectiveHistory::CollectiveHistory(unsigned size, unsigned rank) : _label(0), _size(size), _rank(rank) {
     registry().live.push_back(this);
+    relabel();
 }
 
 CollectiveHistory::~CollectiveHistory() {
@@ -202,25 +201,34 @@ CollectiveHistory::~CollectiveHistory() {
     }
 }
 
+void CollectiveHistory::noteFromOutside(std::uint64_t word) {
+    note(word);
+}
+
 void CollectiveHistory::setNumber(std::uint32_t number) {
     _number = number;
-    retag();
+    relabel();
+}
+
+void CollectiveHistory::setName(Name name) {
+    _name = name;
+    relabel();
 }
 
 std::uint32_t CollectiveHistory::makeNumber(std::uint32_t key) {
     if (_number == NO_NUMBER)
         return NO_NUMBER;
     const std::uint64_t own = std::uint64_t(_number) << 32 | ++_creations;
-    const auto number = static_cast<std::uint32_t>(mix(mix(own) + key));
+    const auto number = static_cast<std::uint32_t>(mix(mix(own) + key)) & NONE_LEFT;
     return number <= GLOBAL_NUMBER || number == NONE_LEFT ? GLOBAL_NUMBER + 1 : number;
 }
 
 std::string CollectiveHistory::describeLabel(std::uint64_t label) {
     if (label == 0)
         return {};
-    const std::string ranks =
-        std::to_string(label & 0xFFFFFFFF) + ((label & 0xFFFFFFFF) == 1 ? " rank" : " ranks");
-    switch (static_cast<Name>(label >> 32)) {
+    const std::uint64_t size = label & MAX_SIZE;
+    const std::string ranks = std::to_string(size) + (size == 1 ? " rank" : " ranks");
+    switch (static_cast<Name>((label >> NAME_SHIFT) & 0xFF)) {
     case UNNAMED:
         break;
     case GLOBAL:
@@ -237,10 +245,11 @@ std::string CollectiveHistory::describeLabel(std::uint64_t label) {
     return "of " + ranks;
 }
 
-void CollectiveHistory::retag() {
-    // A command inside another one counts from 0 again: its words have another tag.
+void CollectiveHistory::relabel() {
+    // A command inside another one counts from 0 again: its words have another label.
     const auto depth = static_cast<std::uint32_t>(registry().levels.size());
-    _tag = _number == NO_NUMBER ? NO_NUMBER : _number ^ (depth << 16);
+    const std::uint64_t tag = _number == NO_NUMBER ? NO_NUMBER : _number ^ (depth << 16);
+    _label = tag << 32 | std::uint64_t(_name) << NAME_SHIFT | std::min<std::uint64_t>(_size, MAX_SIZE);
 }
 
 std::uint64_t CollectiveHistory::contribution(std::uint64_t hash) const {
@@ -252,14 +261,23 @@ std::uint64_t CollectiveHistory::contribution(std::uint64_t hash) const {
 
 // ---- All communicators of this process.
 
+std::uint64_t CollectiveHistory::countAll() {
+    return _position.load(std::memory_order_acquire);
+}
+
+CollectiveHistory::Latest CollectiveHistory::getLatest() {
+    const Entry& entry = _ring[(countAll() - 1) % RING_SIZE];
+    return {entry.word.load(std::memory_order_acquire), entry.label.load(std::memory_order_acquire)};
+}
+
 void CollectiveHistory::beginCommand() {
     Registry& all = registry();
-    all.levels.push_back({_position});
+    all.levels.push_back({countAll()});
     for (CollectiveHistory* const history : all.live) {
         all.levels.back().outer[history] = {history->_hash, history->_count};
         history->_hash = 0;
         history->_count = 0;
-        history->retag();
+        history->relabel();
     }
 }
 
@@ -274,7 +292,7 @@ void CollectiveHistory::endCommand() {
         const Used used = before == outer.end() ? Used() : before->second;
         history->_hash = used.hash;
         history->_count = used.count;
-        history->retag();
+        history->relabel();
     }
 }
 
@@ -329,13 +347,15 @@ CollectiveHistory::Recent CollectiveHistory::recall(std::uint32_t number) {
     recent.size = history._size;
     recent.first = history._count;
     recent.before = history._hash;
-    const std::uint64_t kept = std::min<std::uint64_t>(_position - all.levels.back().start, RING_SIZE);
+    const std::uint64_t position = countAll();
+    const std::uint64_t kept = std::min<std::uint64_t>(position - all.levels.back().start, RING_SIZE);
     for (std::uint64_t back = 1; back <= kept && recent.first != 0; ++back) {
-        const Entry& entry = _ring[(_position - back) % RING_SIZE];
-        if (entry.tag != history._tag || entry.index != recent.first - 1)
+        const Entry& entry = _ring[(position - back) % RING_SIZE];
+        if (entry.label.load(std::memory_order_relaxed) != history._label)
             continue;
-        recent.words.push_back(entry.word);
-        recent.before = takeBack(recent.before, entry.word);
+        const std::uint64_t word = entry.word.load(std::memory_order_relaxed);
+        recent.words.push_back(word);
+        recent.before = takeBack(recent.before, word);
         --recent.first;
     }
     std::reverse(recent.words.begin(), recent.words.end());

@@ -4,6 +4,7 @@
 #include "machine/messages/MessageOperation.h"
 
 #include <array>
+#include <atomic>
 #include <bit>
 #include <cstdint>
 #include <string>
@@ -24,20 +25,24 @@ public:
     static constexpr std::uint32_t GLOBAL_NUMBER = 1;
     /// Of a communicator whose operations aren't compared.
     static constexpr std::uint32_t NO_NUMBER = 0;
+    static constexpr std::uint32_t NONE_LEFT = 0x7FFFFFFF; ///< above all numbers
 
     // ---- Words.
 
-    /// @param root      -1: the operation has none
-    /// @param operation of a reduction, as the wrapper knows it, else 0
-    /// @param type      of a reduction, else 0
+    static constexpr int CUSTOM_REDUCTION = 31;
+    /// @param root       -1: the operation has none
+    /// @param reduction  the wrapper's number of a reduction that the wrapper defines, CUSTOM_REDUCTION for
+    ///                   another one, else 0
+    /// @param type       of a reduction, by the wrapper's number, when the wrapper defines it; else 0: the
+    ///                   number of another one is this rank's own
     static constexpr std::uint64_t wordOf(Collective collective, unsigned bytes, int root = -1,
-                                          int operation = 0, int type = 0) {
-        constexpr int custom = 31;
-        const auto reduction = std::uint64_t(operation <= 12 ? operation : custom);
-        const auto kind = std::uint64_t(type <= 25 ? type : 0); // the number of another type is this rank's
-        return std::uint64_t(collective) << 59 | reduction << 54 | kind << 48 |
-               (std::uint64_t(root + 1) & 0x3FFFF) << 30 | (bytes & 0x3FFFFFFF);
+                                          int reduction = 0, int type = 0) {
+        return std::uint64_t(collective) << 59 | std::uint64_t(reduction & 31) << 54 |
+               std::uint64_t(type & 63) << 48 | (std::uint64_t(root + 1) & 0x3FFFF) << 30 |
+               (bytes & 0x3FFFFFFF);
     }
+    static unsigned bytesOf(std::uint64_t word) { return word & 0x3FFFFFFF; }
+    static int rootOf(std::uint64_t word) { return static_cast<int>((word >> 30) & 0x3FFFF) - 1; }
     /// As in "allReduce(8 bytes, sum)".
     static std::string describe(std::uint64_t word);
     static constexpr std::uint64_t extend(std::uint64_t hash, std::uint64_t word) {
@@ -61,17 +66,34 @@ public:
     /// The number of the next communicator that is made from this one. `key` tells apart those that are made
     /// at the same time.
     std::uint32_t makeNumber(std::uint32_t key);
-    void setName(Name name) { _label = std::uint64_t(name) << 32 | _size; }
-    /// Name and size in one word, for OperationRecord.
+    void setName(Name name);
+    /// Name and size in the lower half, for OperationRecord; the upper half tells the words of this
+    /// communicator, in this depth of commands, from all others.
     std::uint64_t getLabel() const { return _label; }
     /// As in "global, 7 ranks"; empty for 0.
     static std::string describeLabel(std::uint64_t label);
 
     /// This rank calls a collective.
     void note(std::uint64_t word) {
+        const std::uint64_t position = _position.load(std::memory_order_relaxed);
+        Entry& entry = _ring[position % RING_SIZE];
+        entry.word.store(word, std::memory_order_release);
+        entry.label.store(_label, std::memory_order_release);
+        _position.store(position + 1, std::memory_order_release);
         _hash = extend(_hash, word);
-        _ring[_position++ % RING_SIZE] = {word, _tag, _count++};
+        ++_count;
     }
+    /// The same for callers outside this library, whose calls needn't be fast.
+    void noteFromOutside(std::uint64_t word);
+    /// The latest word of all, and the label of its communicator. Any thread, which looks again at the
+    /// generation of OperationRecord afterwards.
+    struct Latest {
+        std::uint64_t word;
+        std::uint64_t label;
+    };
+    static Latest getLatest();
+    /// Collectives that this rank called in all, on all communicators. Any thread.
+    static std::uint64_t countAll();
 
     // ---- All communicators of this process.
 
@@ -87,7 +109,7 @@ public:
     /// What this rank adds to the sum for the communicator `number`, also for one that is gone.
     static std::uint64_t contributionOf(std::uint32_t number);
     /// The smallest number above `number` of a communicator other than the global one that was used;
-    /// 0xFFFFFFFF when there is none.
+    /// NONE_LEFT when there is none.
     static std::uint32_t nextUsed(std::uint32_t number);
 
     /// The last words of one communicator.
@@ -105,25 +127,24 @@ private:
     static constexpr int TURN = 29;
 
     struct Entry {
-        std::uint64_t word;
-        std::uint32_t tag;
-        std::uint32_t index;
+        std::atomic<std::uint64_t> word;
+        std::atomic<std::uint64_t> label;
     };
     struct Level;
     struct Registry;
     static Registry& registry();
-    void retag();
+    void relabel();
     std::uint64_t contribution(std::uint64_t hash) const;
 
-    std::uint64_t _hash = 0;
-    std::uint32_t _count = 0;
-    std::uint32_t _tag = NO_NUMBER; ///< the number, and the depth of the command
+    alignas(64) std::uint64_t _hash = 0; ///< one cache line for all that a collective touches
     std::uint64_t _label;
+    std::uint32_t _count = 0;
     std::uint32_t _number = NO_NUMBER;
     std::uint32_t _creations = 0;
     unsigned _size;
     unsigned _rank;
+    Name _name = UNNAMED;
 
     [[gnu::visibility("hidden")]] static constinit std::array<Entry, RING_SIZE> _ring;
-    [[gnu::visibility("hidden")]] static constinit std::uint64_t _position;
+    [[gnu::visibility("hidden")]] static constinit std::atomic<std::uint64_t> _position;
 };

@@ -146,7 +146,7 @@ std::unique_ptr<Communicator> Communicator::createCommunicator(const std::vector
     }
 
     _history->note(CollectiveHistory::wordOf(CREATE.collective, 0));
-    const OperationRecord::Scope recorded(CREATE, _history->getLabel());
+    const OperationRecord::Scope recorded(CREATE);
     const std::uint32_t number = _history->makeNumber(keyOf(ranks));
     Group group;
     int newHandle = OXM_MPI_COMM_NULL;
@@ -165,7 +165,7 @@ std::unique_ptr<Communicator> Communicator::createCommunicator(const std::vector
 std::unique_ptr<Communicator> Communicator::createSharedMemCommunicators() const {
     MessageGate::pass();
     _history->note(CollectiveHistory::wordOf(CREATE_SHARED.collective, 0));
-    const OperationRecord::Scope recorded(CREATE_SHARED, _history->getLabel());
+    const OperationRecord::Scope recorded(CREATE_SHARED);
     int newHandle = OXM_MPI_COMM_NULL;
     MpiCore::handleError(
         OXM_MPI_Comm_split_type(_handle, OXM_MPI_COMM_TYPE_SHARED, 0, OXM_MPI_INFO_NULL, &newHandle));

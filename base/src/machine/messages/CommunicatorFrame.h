@@ -28,10 +28,10 @@ public:
     }
 
     using Call = MessageCall;
-    /// @param operation, type  of a reduction, else 0
+    /// @param reduction, type  as CollectiveHistory::wordOf() takes them
     static constexpr Call collective(const Operation& called, unsigned bytes, int root = -1,
-                                     int operation = 0, int type = 0) {
-        return {root, CollectiveHistory::wordOf(called.collective, bytes, root, operation, type)};
+                                     int reduction = 0, int type = 0) {
+        return {root, CollectiveHistory::wordOf(called.collective, bytes, root, reduction, type)};
     }
     /// A look that doesn't wait: it isn't recorded before it has found something.
     enum class Look { AT_REQUESTS };
@@ -91,9 +91,10 @@ private:
     [[gnu::always_inline]] static void begin(const Communicator& communicator, const Operation& operation,
                                              unsigned bytes, Call call) {
         CollectiveHistory& history = *communicator._history;
-        if (operation.collective != Collective::NONE)
-            history.note(call.word);
-        OperationRecord::begin(operation, history.getLabel(), bytes, call.partner);
+        if (operation.collective == Collective::NONE)
+            return OperationRecord::begin(operation, history.getLabel(), bytes, call.partner);
+        history.note(call.word);
+        OperationRecord::beginNoted(operation);
     }
 
     template <auto call, const Operation& operation, class... Args>

@@ -17,6 +17,14 @@ constexpr Frame::Operation SCAN = Frame::global("Communicator::scan", Collective
 constexpr Frame::Operation REDUCE_SCATTER =
     Frame::global("Communicator::reduceScatter", Collective::REDUCE_SCATTER);
 
+/// The call of a reduction to the history. A function and a type of this program have numbers of their own on
+/// each rank: they count as custom ones.
+Frame::Call callOf(const Frame::Operation& operation, unsigned bytes, int root, int reduction, int type) {
+    const bool isCustom = reduction > OXM_MPI_MINLOC;
+    return Frame::collective(operation, bytes, root,
+                             isCustom ? CollectiveHistory::CUSTOM_REDUCTION : reduction, isCustom ? 0 : type);
+}
+
 /// A reduction operation that lives for one call.
 class TemporaryOperation {
 public:
@@ -78,15 +86,15 @@ void Communicator::_reduce(BufferBase<int> buf, int op, unsigned root) {
     const void* send = here ? OXM_MPI_IN_PLACE : buf.data;
     void* result = here ? buf.data : nullptr;
     MpiCore::handleError(Frame::run<OXM_MPI_Reduce, REDUCE>(
-        this, bytesOf(buf), Frame::collective(REDUCE, bytesOf(buf), static_cast<int>(root), op, buf.type),
-        send, result, buf.size, buf.type, op, static_cast<int>(root), _handle));
+        this, bytesOf(buf), callOf(REDUCE, bytesOf(buf), static_cast<int>(root), op, buf.type), send, result,
+        buf.size, buf.type, op, static_cast<int>(root), _handle));
 }
 
 void Communicator::_scan(BufferBase<int> buf, int op) {
     if (buf.size <= 0)
         return;
     MpiCore::handleError(Frame::run<OXM_MPI_Scan, SCAN>(
-        this, bytesOf(buf), Frame::collective(SCAN, bytesOf(buf), -1, op, buf.type),
+        this, bytesOf(buf), callOf(SCAN, bytesOf(buf), -1, op, buf.type),
         static_cast<const void*>(OXM_MPI_IN_PLACE), buf.data, buf.size, buf.type, op, _handle));
 }
 
@@ -99,7 +107,12 @@ void Communicator::_reduce(const CustomReductionBuffer& buffer, ReductionFunctio
 
 void Communicator::_allReduce(const CustomReductionBuffer& buffer, ReductionFunction function, Order order) {
     TemporaryOperation operation(function, order);
-    _allReduce(buffer.get(), operation.get());
+    const BufferBase<int> buf = buffer.get();
+    if (buf.size > 0)
+        MpiCore::handleError(Frame::run<OXM_MPI_Allreduce, ALL_REDUCE>(
+            this, bytesOf(buf), callOf(ALL_REDUCE, bytesOf(buf), -1, operation.get(), buf.type),
+            static_cast<const void*>(OXM_MPI_IN_PLACE), buf.data, buf.size, buf.type, operation.get(),
+            _handle));
     operation.free();
 }
 

@@ -59,7 +59,7 @@ void Communicator::noSpinSynchronise(double spinTime) {
     const ConstBufferBase<int> nothingOut = nothingIn;
     MessageGate::pass();
     _history->note(CollectiveHistory::wordOf(Collective::SLEEPING_SYNCHRONISE, 0));
-    const OperationRecord::Composite recorded(SLEEPING_SYNCHRONISE, _history->getLabel());
+    const OperationRecord::Composite recorded(SLEEPING_SYNCHRONISE);
     RequestStack receives;
     RequestStack sends;
     const auto await = [&] {
@@ -90,7 +90,7 @@ void Communicator::noSpinBroadcast(std::string& text) {
     constexpr Tag tag(Tag::Unchecked{}, MessageTags::SLEEPING_BROADCAST);
     MessageGate::pass();
     _history->note(CollectiveHistory::wordOf(Collective::SLEEPING_BROADCAST, 0));
-    const OperationRecord::Composite recorded(SLEEPING_BROADCAST, _history->getLabel());
+    const OperationRecord::Composite recorded(SLEEPING_BROADCAST);
     unsigned long long length = text.size();
     if (_myRank != _master) {
         const unsigned parent = (_myRank - 1) / 2;

@@ -27,7 +27,6 @@ enum class Collective : std::uint8_t {
     CREATE_COMMUNICATOR,
     CREATE_SHARED_MEMORY_COMMUNICATORS,
     OPEN_FILE,
-    CLOSE_FILE,
     READ_FILE,
     WRITE_FILE
 };

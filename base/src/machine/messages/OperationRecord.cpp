@@ -54,13 +54,20 @@ std::string shorten(std::string_view name) {
 bool OperationRecord::readLine(Snapshot& snapshot) {
     const std::uint64_t generation = _main.generation.load(std::memory_order_acquire);
     const MessageOperation* const operation = _main.operation.load(std::memory_order_acquire);
-    const std::uint64_t communicator = _main.communicator.load(std::memory_order_acquire);
-    snapshot.bytes = _main.bytes.load(std::memory_order_acquire);
-    snapshot.partner = _main.partner.load(std::memory_order_acquire);
-    snapshot.collectives = _main.collectives.load(std::memory_order_acquire);
+    std::uint64_t communicator = _main.communicator.load(std::memory_order_acquire);
+    const std::uint64_t size = _main.size.load(std::memory_order_acquire);
+    const CollectiveHistory::Latest latest = CollectiveHistory::getLatest();
+    snapshot.collectives = CollectiveHistory::countAll();
     snapshot.looks = _main.looks.load(std::memory_order_acquire);
     if (_main.generation.load(std::memory_order_relaxed) != generation)
         return false;
+    snapshot.bytes = static_cast<unsigned>(size);
+    snapshot.partner = operation ? static_cast<int>(size >> 32) : -1;
+    if (operation && operation->collective != Collective::NONE) {
+        communicator = latest.label;
+        snapshot.bytes = CollectiveHistory::bytesOf(latest.word);
+        snapshot.partner = CollectiveHistory::rootOf(latest.word);
+    }
     snapshot.isInside = (generation & 1) != 0;
     snapshot.operations = (generation + 1) / 2;
     snapshot.generation = generation;
@@ -97,7 +104,7 @@ void OperationRecord::beginCommand(const std::string& name) {
     const std::uint64_t operations = (_main.generation.load(std::memory_order_relaxed) + 1) / 2;
     Commands& all = commands();
     const std::lock_guard lock(all.mutex);
-    all.open.push_back({name, Clock::now(), operations, _main.collectives.load(std::memory_order_relaxed)});
+    all.open.push_back({name, Clock::now(), operations, CollectiveHistory::countAll()});
     step(commandChanges, 1);
 }
 
@@ -115,6 +122,11 @@ void OperationRecord::endCommand() {
         return;
     all.open.pop_back();
     step(commandChanges, 1);
+}
+
+OperationRecord::Composite::Composite(const MessageOperation& operation) : _before(_line) {
+    beginNoted(operation);
+    _line = &_unseen;
 }
 
 OperationRecord::Composite::Composite(const MessageOperation& operation, std::uint64_t communicator,

@@ -49,16 +49,17 @@ public:
     /// @param communicator  CollectiveHistory::getLabel(), 0 for none
     static void begin(const MessageOperation& operation, std::uint64_t communicator, unsigned bytes,
                       int partner) {
+        // A reader that sees one of these new values sees the even generation before it too.
+        _line->communicator.store(communicator, std::memory_order_release);
+        _line->size.store(std::uint64_t(static_cast<unsigned>(partner)) << 32 | bytes,
+                          std::memory_order_release);
+        beginNoted(operation);
+    }
+    /// A collective that CollectiveHistory has just noted, with all that is to tell.
+    static void beginNoted(const MessageOperation& operation) {
         Line& line = *_line;
-        // Whoever sees one of these new values, sees the even generation before it too.
         line.operation.store(&operation, std::memory_order_release);
-        line.communicator.store(communicator, std::memory_order_release);
-        line.bytes.store(bytes, std::memory_order_release);
-        line.partner.store(partner, std::memory_order_release);
-        if (operation.collective != Collective::NONE)
-            step(line.collectives, 1);
-        line.generation.store((line.generation.load(std::memory_order_relaxed) + 1) | 1,
-                              std::memory_order_release);
+        line.generation.store(line.generation.load(std::memory_order_relaxed) | 1, std::memory_order_release);
     }
     static void end() {
         std::atomic<std::uint64_t>& generation = _line->generation;
@@ -71,6 +72,8 @@ public:
     /// An operation from here to the end of the scope, by whatever way.
     class Scope {
     public:
+        /// A collective that CollectiveHistory has just noted.
+        explicit Scope(const MessageOperation& operation) { beginNoted(operation); }
         Scope(const MessageOperation& operation, std::uint64_t communicator, unsigned bytes = 0,
               int partner = -1) {
             begin(operation, communicator, bytes, partner);
@@ -87,6 +90,7 @@ public:
     /// The same for an operation that is made of others: these aren't recorded.
     class Composite {
     public:
+        explicit Composite(const MessageOperation& operation);
         Composite(const MessageOperation& operation, std::uint64_t communicator, unsigned bytes = 0,
                   int partner = -1);
         ~Composite();
@@ -102,9 +106,7 @@ private:
         std::atomic<std::uint64_t> generation{0}; ///< odd inside an operation
         std::atomic<const MessageOperation*> operation{nullptr};
         std::atomic<std::uint64_t> communicator{0};
-        std::atomic<unsigned> bytes{0};
-        std::atomic<int> partner{-1};
-        std::atomic<std::uint64_t> collectives{0};
+        std::atomic<std::uint64_t> size{0}; ///< bytes in the lower half, the partner in the upper one
         std::atomic<std::uint64_t> looks{0};
     };
 

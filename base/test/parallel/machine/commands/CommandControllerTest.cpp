@@ -84,6 +84,15 @@ void leaveMessage(const Properties& args, Properties&) {
     EXPECT_EQ(value, 7u);
 }
 
+/// The last rank reduces by another operation; with "text" it fails afterwards.
+void reduceDifferently(const Properties& args, Properties&) {
+    const bool isLast = Machine::getPartitionId() == Machine::nProcesses() - 1;
+    int value = 1;
+    Machine::globalCommunicator().allReduce(value, isLast ? Communicator::MAX : Communicator::SUM);
+    if (isLast && args.hasName("text"))
+        throw InputError(args.getString("text"));
+}
+
 void registerTestCommands() {
     Controller& controller = Controller::getSingleton();
     if (controller.findCommand("TestFail"))
@@ -94,6 +103,7 @@ void registerTestCommands() {
     controller.registerCommand(new TestCommand("TestComputeAndServe", computeAndServe));
     controller.registerCommand(new TestCommand("TestFault", fault));
     controller.registerCommand(new TestCommand("TestLeaveMessage", leaveMessage));
+    controller.registerCommand(new TestCommand("TestReduceDifferently", reduceDifferently));
 }
 
 class CommandRoad : public ParallelCommands {
@@ -179,6 +189,28 @@ TEST_F(CommandRoad, NeverMeetsAMessageThatACommandLeftOnTheGlobalCommunicator) {
     inCommandLoop([] {
         EXPECT_FALSE(Error::isErrorIn(run("TestLeaveMessage")));
         EXPECT_FALSE(Error::isErrorIn(run("TestLeaveMessage", Properties(R"({"receive":true})"))));
+    });
+}
+
+TEST_F(CommandRoad, FailsWhenTheRanksCalledDifferentCollectives) {
+    inCommandLoop([] {
+        const Properties response = run("TestReduceDifferently");
+        EXPECT_EQ(Error::isErrorIn(response), Machine::nProcesses() != 1);
+        if (Error::isErrorIn(response)) {
+            EXPECT_EQ(
+                Error::getMessage(response).find("The ranks did not call the same collective operations in "
+                                                 "\"TestReduceDifferently\": from call 1 on rank "),
+                0u)
+                << Error::getMessage(response);
+            EXPECT_EQ(response.getString(Error::KIND_TAG), Error::INTERNAL_KIND);
+            EXPECT_EQ(response.getString(CommandController::COMMAND_KEY), "TestReduceDifferently");
+            EXPECT_EQ(response.getInt(Error::SEVERITY_TAG), Error::RECOVERABLE_SEVERITY);
+            EXPECT_FALSE(response.hasName(CommandController::RANKS_KEY));
+        }
+        // The error of a rank explains why it called less; and the next command starts afresh.
+        const Properties why(R"({"text":"the reason"})");
+        EXPECT_EQ(Error::getMessage(run("TestReduceDifferently", why)), "the reason");
+        EXPECT_FALSE(Error::isErrorIn(run("TestCount")));
     });
 }
 
