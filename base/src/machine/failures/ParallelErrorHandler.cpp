@@ -48,7 +48,7 @@ constexpr double COUNTING_TIME = 0.2; ///< [s] between looks while the master co
 constexpr double TICK = 1.0;          ///< [s]
 constexpr double FAILURE_TIME = 1.0;  ///< [s] that the ranks have to come to the end of a failed command
 /// [s] A reporter that hears nothing for so long takes the job down: the master, or the way to it, is gone.
-constexpr double PATIENCE = 4.0 * ATTEMPTS * CALL_TIME;
+constexpr double PATIENCE = 2.0 * ATTEMPTS * CALL_TIME;
 /// [s] The first reporter has so long to take the job down; it prints its error and waits 5 s before.
 constexpr double ABORT_TIME = 12.0;
 
