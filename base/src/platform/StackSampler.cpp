@@ -119,8 +119,12 @@ std::vector<const void*> capture(std::string& reason) {
     const void* const* const begin = answer.frames;
     const void* const* const end = begin + answer.count;
     const void* const* const first = std::find(begin, end, answer.place);
-    // Code without unwind rows: the place alone is known.
-    return first == end ? std::vector<const void*>{answer.place} : std::vector<const void*>(first, end);
+    if (first != end)
+        return std::vector<const void*>(first, end);
+    // A sanitizer calls the handler later, from a function of its own.
+    if (answer.count > 1 && *(end - 1) == root)
+        return std::vector<const void*>(begin + 1, end);
+    return {answer.place}; // code without unwind rows: the place alone is known
 }
 
 bool isWhole(const std::vector<const void*>& frames) {
