@@ -14,6 +14,8 @@
 #include <sstream>
 #include <unistd.h>
 #include <unwind.h>
+#include <utility>
+#include <vector>
 
 // libbacktrace, told here since its header lies in a folder that only g++ looks into.
 extern "C" {
@@ -96,16 +98,18 @@ struct Place {
     int line = 0;
 };
 
-/// Called for inlined functions too, the innermost first: that one is where the program stood.
+/// Called for inlined functions too, the innermost first. The last one is the function that has the others in
+/// it.
 int takePlace(void* data, std::uintptr_t, const char* file, int line, const char* function) {
-    auto& place = *static_cast<Place*>(data);
+    Place place;
     if (function != nullptr)
         place.function = Platform::StackTracer::demangle(function);
     if (file != nullptr) {
         place.file = file;
         place.line = line;
     }
-    return 1;
+    static_cast<std::vector<Place>*>(data)->push_back(place);
+    return 0;
 }
 
 /// The line table may know a function by its short name only; the symbol table knows classes and arguments.
@@ -119,29 +123,41 @@ void takeSymbol(void* data, std::uintptr_t, const char* symbol, std::uintptr_t, 
         function = whole;
 }
 
-std::string describe(const void* frame) {
+std::vector<Place> findPlaces(std::uintptr_t pc) {
+    std::vector<Place> places;
+    backtrace_state* const state = getState();
+    if (state != nullptr)
+        ::backtrace_pcinfo(state, pc, takePlace, ignoreError, &places);
+    if (places.empty())
+        places.emplace_back();
+    if (state != nullptr)
+        for (Place& place : places)
+            if (place.function.find('(') == std::string::npos)
+                ::backtrace_syminfo(state, pc, takeSymbol, ignoreError, &place);
+    return places;
+}
+
+/// One text for each function that stands at this address.
+std::vector<std::string> describe(const void* frame) {
+    std::vector<std::string> texts;
     const auto pc = reinterpret_cast<std::uintptr_t>(frame) - 1; // into the call before the return address
-    Place place;
-    if (backtrace_state* state = getState()) {
-        ::backtrace_pcinfo(state, pc, takePlace, ignoreError, &place);
-        if (place.function.find('(') == std::string::npos)
-            ::backtrace_syminfo(state, pc, takeSymbol, ignoreError, &place);
-    }
     Dl_info library{};
     const bool known = ::dladdr(static_cast<const char*>(frame) - 1, &library) != 0;
-    if (place.function.empty() && known && library.dli_sname != nullptr)
-        place.function = Platform::StackTracer::demangle(library.dli_sname);
-
-    std::ostringstream text;
-    if (place.function.empty())
-        text << frame;
-    else
-        text << place.function;
-    if (!place.file.empty())
-        text << " at " << place.file << ":" << place.line;
-    else if (known && library.dli_fname != nullptr)
-        text << " in " << library.dli_fname;
-    return text.str();
+    for (Place& place : findPlaces(pc)) {
+        if (place.function.empty() && known && library.dli_sname != nullptr)
+            place.function = Platform::StackTracer::demangle(library.dli_sname);
+        std::ostringstream text;
+        if (place.function.empty())
+            text << frame;
+        else
+            text << place.function;
+        if (!place.file.empty())
+            text << " at " << place.file << ":" << place.line;
+        else if (known && library.dli_fname != nullptr)
+            text << " in " << library.dli_fname;
+        texts.push_back(text.str());
+    }
+    return texts;
 }
 
 /// Ends the process when the scope lasts too long, by the alarm's default course.
@@ -201,9 +217,9 @@ std::string StackTracer::demangle(const char* symbol) {
 
 std::vector<std::string> StackTracer::resolve(const void* const* frames, std::size_t count) const {
     std::vector<std::string> texts;
-    texts.reserve(count);
     for (std::size_t i = 0; i < count; ++i)
-        texts.push_back(describe(frames[i]));
+        for (std::string& text : describe(frames[i]))
+            texts.push_back(std::move(text));
     return texts;
 }
 
@@ -221,9 +237,11 @@ std::vector<std::string> StackTracer::resolve(const void* const* frames, std::si
         writeAddress(descriptor, frames[i]);
     const EndOfPatience patience;
     for (std::size_t i = 0; i < count; ++i) {
-        // Line by line: when a later frame can't be described, the earlier ones are out.
-        const std::string line = "  " + describe(frames[i]) + "\n";
-        if (!io().write(descriptor, line.data(), line.size()))
+        // One by one: when a later frame can't be described, the earlier ones are out.
+        std::string lines;
+        for (const std::string& text : describe(frames[i]))
+            lines += "  " + text + "\n";
+        if (!io().write(descriptor, lines.data(), lines.size()))
             return;
     }
 }

@@ -19,8 +19,8 @@ public:
     /// @param skip  frames to leave out at the top
     /// @return how many were written, at most `maxFrames`
     std::size_t capture(const void** frames, std::size_t maxFrames, std::size_t skip = 0) const;
-    /// One text a frame, "function at file:line", less where less is known; no line end. Slow: reads debug
-    /// information.
+    /// One text for each function, also for one that is inlined in the next: "function at file:line", less
+    /// where less is known; no line end. Slow: reads debug information.
     std::vector<std::string> resolve(const void* const* frames, std::size_t count) const;
     /// capture() and resolve() of up to `maxFrames` frames, the caller's first.
     std::vector<std::string> getStackTrace(std::size_t maxFrames = 64) const;
