@@ -22,6 +22,8 @@ constexpr std::array<std::string_view, 10> LAYER{"std::",
                                                  "OXM_",
                                                  "MPI_",
                                                  "PMPI_"};
+/// Parts of the paths of the sources of libraries, where the system has their debug information.
+constexpr std::array<std::string_view, 4> LIBRARY_SOURCES{"sysdeps/", "nptl/", "/c++/", "/libc-"};
 /// The same of the functions that call a command.
 constexpr std::array<std::string_view, 6> CALLERS{
     "runCommand", "Controller::", "CommandController::", "CommandThread::", "Machine::", "main"};
@@ -30,6 +32,18 @@ template <std::size_t size>
 bool beginsWithOne(std::string_view text, const std::array<std::string_view, size>& beginnings) {
     return std::any_of(beginnings.begin(), beginnings.end(),
                        [text](std::string_view each) { return text.starts_with(each); });
+}
+
+template <std::size_t size>
+bool holdsOne(std::string_view text, const std::array<std::string_view, size>& parts) {
+    return std::any_of(parts.begin(), parts.end(),
+                       [text](std::string_view each) { return text.find(each) != std::string_view::npos; });
+}
+
+/// Called by solvers and commands: a message, or the way of an error. Where a rank is inside it changes from
+/// look to look, or says nothing.
+bool isBoundary(std::string_view function) {
+    return function.starts_with("Communicator::") || function == "Machine::handleParallelError";
 }
 
 std::string_view baseOf(std::string_view path) {
@@ -68,8 +82,9 @@ std::string shorten(std::string_view function) {
 
 struct Parts {
     std::string_view function;
-    std::string_view file;
+    std::string_view file; ///< without its folder
     std::string_view library;
+    bool isOfLibrary = false;
 };
 
 Parts split(std::string_view frame) {
@@ -81,6 +96,8 @@ Parts split(std::string_view frame) {
         parts.file = baseOf(frame.substr(file + 4));
     else if (library != std::string_view::npos)
         parts.library = baseOf(frame.substr(library + 4));
+    parts.isOfLibrary = beginsWithOne(parts.library, LIBRARIES) ||
+                        holdsOne(frame.substr(std::min(file, frame.size())), LIBRARY_SOURCES);
     return parts;
 }
 
@@ -96,12 +113,18 @@ std::vector<FrameNames::Frame> FrameNames::pick(const std::vector<std::string>& 
     bool outside = false;
     for (const std::string& text : stack) {
         const Parts parts = split(text);
-        if (parts.function.empty() || parts.function.starts_with("0x"))
+        if (parts.function.empty() || parts.function.starts_with("0x") || parts.function.starts_with("(no "))
             continue;
         const Frame frame{shorten(parts.function), std::string(parts.file)};
+        const bool isInside = isBoundary(frame.function);
+        if (isInside) {
+            all.clear();
+            picked.clear();
+            outside = false;
+        }
         all.push_back(frame);
-        outside = outside || beginsWithOne(frame.function, CALLERS);
-        if (!outside && !beginsWithOne(parts.library, LIBRARIES) && !beginsWithOne(frame.function, LAYER) &&
+        outside = outside || (!isInside && beginsWithOne(frame.function, CALLERS));
+        if (!outside && !isInside && !parts.isOfLibrary && !beginsWithOne(frame.function, LAYER) &&
             !frame.function.starts_with("_"))
             picked.push_back(frame);
     }

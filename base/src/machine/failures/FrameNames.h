@@ -17,7 +17,7 @@ struct Frame {
 };
 
 /// Leaves out the message layer and the libraries below it, and what calls the command. When nothing is left,
-/// all frames that have a name.
+/// all frames that have a name, from the operation of the message layer on.
 /// @param stack  as Platform::StackTracer::resolve() gives it
 ORVEX_MACHINE_EXPORT std::vector<Frame> pick(const std::vector<std::string>& stack);
 

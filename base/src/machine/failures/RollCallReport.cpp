@@ -88,7 +88,10 @@ void add(Group& group, const RankStanding& standing, const std::vector<std::stri
         first.stillSeconds = std::min(first.stillSeconds, standing.stillSeconds);
         first.commandSeconds = std::min(first.commandSeconds, standing.commandSeconds);
         first.processorShare = std::min(first.processorShare, standing.processorShare);
-        shareStack(group.stack, frames);
+        if (group.stack.empty())
+            group.stack = frames;
+        else if (!frames.empty())
+            shareStack(group.stack, frames);
     }
     group.ranks.push_back(standing.rank);
     if (!standing.host.empty())
@@ -97,9 +100,18 @@ void add(Group& group, const RankStanding& standing, const std::vector<std::stri
 
 std::vector<Group> makeGroups(const std::vector<RankStanding>& standings,
                               const std::vector<std::vector<std::string>>& frames, Detail detail) {
-    std::map<std::string, Group> byKey;
+    // A rank whose stack can't be had belongs to the first one in the same operation.
+    std::map<std::string, const std::vector<std::string>*> known;
     for (std::size_t i = 0; i < standings.size(); ++i)
-        add(byKey[keyOf(standings[i], frames[i], detail)], standings[i], frames[i]);
+        if (!frames[i].empty() && !standings[i].operation.empty())
+            known.try_emplace(keyOf(standings[i], {}, Detail::OPERATION), &frames[i]);
+    std::map<std::string, Group> byKey;
+    for (std::size_t i = 0; i < standings.size(); ++i) {
+        const auto alike =
+            frames[i].empty() ? known.find(keyOf(standings[i], {}, Detail::OPERATION)) : known.end();
+        const std::vector<std::string>& own = alike == known.end() ? frames[i] : *alike->second;
+        add(byKey[keyOf(standings[i], own, detail)], standings[i], frames[i]);
+    }
     std::vector<Group> groups;
     groups.reserve(byKey.size());
     for (auto& each : byKey)
@@ -193,7 +205,8 @@ void addLine(std::string& text, const std::string& line) {
 }
 
 bool canTell(const RankStanding& standing) {
-    const bool answers = standing.state != RankStanding::SILENT && standing.state != RankStanding::DEAD;
+    const bool answers = standing.state != RankStanding::SILENT && standing.state != RankStanding::DEAD &&
+                         standing.state != RankStanding::STOPPED;
     return answers || !standing.command.empty() || !standing.operation.empty();
 }
 

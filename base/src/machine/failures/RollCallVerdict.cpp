@@ -32,6 +32,11 @@ bool isGlobal(const RankStanding& standing) {
     return standing.communicator.starts_with("global");
 }
 
+/// Where the ranks gather their errors.
+bool isAtEnd(const RankStanding& standing) {
+    return standing.communicator.starts_with("command,") && !standing.command.empty();
+}
+
 bool isGone(const RankStanding& standing) {
     return standing.state == RankStanding::DEAD || standing.state == RankStanding::STOPPED ||
            standing.state == RankStanding::SILENT;
@@ -120,6 +125,8 @@ Cause describeCause(const RankStanding& standing, bool withPlace) {
     }
     if (standing.command.empty())
         return {4, {}, "runs no command", "run no command"};
+    if (standing.state == RankStanding::WAITS && isAtEnd(standing))
+        return {6, {}, "has come to the end of the command", "have come to the end of the command"};
     if (standing.state == RankStanding::WAITS)
         return {6, {}, "waits in " + placeOf(standing), "wait in " + placeOf(standing)};
     if (standing.state == RankStanding::SLEEPS)
@@ -327,13 +334,27 @@ std::string countOf(std::uint64_t number) {
     return number == 1 ? "one" : std::to_string(number);
 }
 
+/// A collective: its number, operation and root.
+using Key = std::tuple<std::uint64_t, std::string, int>;
+
+/// As in "allReduce", "broadcast with the root 0".
+std::string callOf(const Key& key) {
+    const auto& [number, operation, root] = key;
+    return operation + (root < 0 ? "" : " with the root " + std::to_string(root));
+}
+
 std::string Relation::tellDifferentCollectives() const {
-    using Key = std::tuple<std::uint64_t, std::string, int>;
     std::map<Key, std::vector<unsigned>> groups;
     for (const RankStanding* const waiter : select(Wait::OTHERS))
         groups[{waiter->collectives, waiter->operation, waiter->partner}].push_back(waiter->rank);
     if (groups.size() < 2)
         return {};
+    for (auto each = groups.begin(); std::next(each) != groups.end(); ++each)
+        if (const auto next = std::next(each); std::get<0>(next->first) == std::get<0>(each->first) &&
+                                               groups.size() > 2 && groups.size() <= MAX_CAUSES)
+            return "At collective " + std::to_string(std::get<0>(each->first)) +
+                   " the ranks call different operations: " + nameOf(each->second) + " " +
+                   callOf(each->first) + ", " + nameOf(next->second) + " " + callOf(next->first) + ".";
     if (groups.size() > MAX_CAUSES)
         return "The ranks stand at different collectives: " + nameOf(groups.begin()->second) + " at " +
                std::to_string(std::get<0>(groups.begin()->first)) + ", " + nameOf(groups.rbegin()->second) +

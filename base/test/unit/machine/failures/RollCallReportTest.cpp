@@ -137,6 +137,34 @@ TEST(FrameNames, AreShort) {
     }
 }
 
+TEST(FrameNames, EndAtTheOperation) {
+    const struct {
+        std::vector<std::string> stack; // the innermost frame first
+        std::string names;
+    } rows[] = {
+        {{"sched_yield at ../sysdeps/unix/syscall-template.S:120", "Driver::Test(int) at a/Driver.cpp:9",
+          "void Communicator::allReduce<double>(double&) at Communicator.h:9", "reduce(int) at Solver.cpp:3",
+          "Solve::execute() at Solver.cpp:9", "runCommand(int) at Controller.cpp:9"},
+         "reduce (Solver.cpp:3)|Solve::execute (Solver.cpp:9)"},
+        {{"Driver::Test(int) at a/Driver.cpp:9", "Communicator::noSpinSynchronise(double) at C.cpp:81",
+          "CommandController::run() at CommandController.cpp:7"},
+         "Communicator::noSpinSynchronise (C.cpp:81)|CommandController::run (CommandController.cpp:7)"},
+        {{"Machine::endByError(Error const&) at MachineErrors.cpp:9",
+          "Machine::handleParallelError(Error*) at MachineErrors.cpp:8", "fail(int) at Solver.cpp:5"},
+         "fail (Solver.cpp:5)"},
+        {{"futex_wait at ../sysdeps/nptl/futex-internal.h:146", "lll_lock at ./nptl/pthread_mutex_lock.c:48",
+          "std::mutex::lock() at /usr/include/c++/12/bits/std_mutex.h:100", "lockField() at Solver.cpp:7"},
+         "lockField (Solver.cpp:7)"},
+        {{"(no stack: the main thread doesn't answer)"}, ""},
+    };
+    for (const auto& row : rows) {
+        std::vector<std::string> names;
+        for (const FrameNames::Frame& frame : FrameNames::pick(row.stack))
+            names.push_back(frame.describe());
+        EXPECT_EQ(StringHelper::join(names, "|"), row.names) << row.stack.front();
+    }
+}
+
 TEST(RankList, CutsTheMiddle) {
     const struct {
         std::string ranks;
