@@ -2,6 +2,7 @@
 
 #include "machine/failures/RollCall.h"
 #include "machine/failures/RollCallReport.h"
+#include "machine/failures/RollCallVerdict.h"
 #include "machine/messages/OperationRecord.h"
 
 #include "platform/Log.h"
@@ -28,10 +29,22 @@ bool isAtEnd(const RankStanding& standing) {
     return standing.communicator.starts_with("command");
 }
 
+/// One sends to the other, which receives: a long message may be on its way.
+bool isPair(const RankStanding& one, const RankStanding& other) {
+    return one.partner == int(other.rank) && other.partner == int(one.rank) &&
+           one.operation != other.operation && !RollCallVerdict::isCollective(one.operation) &&
+           !RollCallVerdict::isCollective(other.operation);
+}
+
 /// Can't be seen to do something.
 bool stands(const RankStanding& standing) {
     return (standing.state == RankStanding::WAITS && standing.stillSeconds >= PERIOD) ||
            standing.state == RankStanding::DEAD || standing.state == RankStanding::SILENT;
+}
+
+/// Ends the job by an error that the program can't go on from. It gives the output some time first.
+bool isEnding(const RankStanding& standing) {
+    return hasFailed(standing) && standing.state == RankStanding::SLEEPS && standing.stillSeconds >= PERIOD;
 }
 
 bool haveAllStoodFor(double seconds, const Standings& standings) {
@@ -47,6 +60,10 @@ bool isMismatch(const Standings& standings) {
     if (!std::all_of(standings.begin(), standings.end(),
                      [](const RankStanding& each) { return each.state == RankStanding::WAITS; }))
         return false;
+    for (const RankStanding& each : standings)
+        if (each.partner >= 0 && each.partner < int(standings.size()) &&
+            isPair(each, standings[static_cast<std::size_t>(each.partner)]))
+            return false;
     const auto endsOrNot = std::count_if(standings.begin(), standings.end(), isAtEnd);
     if (endsOrNot > 0 && endsOrNot < std::ptrdiff_t(standings.size()))
         return true;
@@ -139,6 +156,13 @@ void StuckWatch::lookAfterFailure() {
         _failureHeard = false; // the command has come to its end
         return;
     }
+    if (std::any_of(standings.begin(), standings.end(), isEnding)) {
+        _told = true;
+        const Standings places = _rollCall.callAll(true);
+        if (std::any_of(places.begin(), places.end(), hasFailed))
+            _settings.tell(describeFailure(places) + RollCallReport(places).getText());
+        return;
+    }
     const bool allStand = std::all_of(standings.begin(), standings.end(), stands);
     _standing = allStand ? _standing + PERIOD : 0.0;
     if (_standing >= _settings.patience) {
@@ -155,7 +179,8 @@ void StuckWatch::lookForMismatch() {
     if (const Standings standings = _rollCall.callAll(false);
         haveAllStoodFor(MISMATCH_TIME - PERIOD, standings) && isMismatch(standings)) {
         _told = true;
-        _settings.tell("The ranks wait for each other:\n" + RollCallReport(_rollCall.callAll(true)).getText());
+        _settings.tell("The ranks wait for each other:\n" +
+                       RollCallReport(_rollCall.callAll(true)).getText());
         return;
     }
     _nextLook = std::max(_nextLook, _rollCall.getStillSeconds()) + MISMATCH_TIME;

@@ -8,6 +8,7 @@
 #include "machine/failures/RollCall.h"
 #include "machine/failures/StuckWatch.h"
 #include "machine/ground/MachineOptions.h"
+#include "machine/messages/OperationRecord.h"
 #include "machine/start/LastWords.h"
 
 #include "kernel/Error.h"
@@ -37,6 +38,12 @@ std::atomic<bool> isHandling{false};
 void showState(Machine::NodeState state) {
     if (Thread::isMain())
         Machine::setState(state);
+}
+
+/// For the roll call: the main thread stands here by this error.
+void noteFailure(const std::string& message) {
+    if (Thread::isMain())
+        OperationRecord::setFailure(message);
 }
 
 class Handling {
@@ -87,8 +94,9 @@ void Machine::startParallelErrorHandler() {
     if (!_parallelErrorHandler->start()) {
         dropParallelErrorHandler();
         if (isMaster())
-            std::cout << "Parallel error handler failed to start. All internal errors will be treated as fatal."
-                      << std::endl;
+            std::cout
+                << "Parallel error handler failed to start. All internal errors will be treated as fatal."
+                << std::endl;
     } else if (isMaster()) {
         _stuckWatch->start();
         Server::getSingleton().setRollCall(
@@ -152,10 +160,13 @@ void Machine::handleParallelError(Error* error) {
     if (!NonRecoverableError::isNonRecoverableErrorIn(error->getProperties()))
         return;
     addStackTrace(error->getProperties());
+    noteFailure(error->what());
     if (!isHandling.exchange(true)) {
         const Handling handling;
-        if (_parallelErrorHandler && _parallelErrorHandler->report(*error))
+        if (_parallelErrorHandler && _parallelErrorHandler->report(*error)) {
+            noteFailure({}); // a command that catches it goes on
             return;
+        }
     }
     endByError(*error);
 }
