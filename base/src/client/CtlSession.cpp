@@ -217,6 +217,9 @@ void CtlSession::onNotification(const std::string& method, std::string_view para
     const Properties values(params);
     if (method == "server.abort")
         _console.tell("The job aborts: " +
+                      (values.hasName("Processor")
+                           ? "Rank " + std::to_string(values.getInt("Processor")) + ": "
+                           : std::string()) +
                       (values.hasName("Message") ? values.getString("Message") : "no reason given"));
     else if (method == "server.notice")
         _console.tell(values.getString("text"));
