@@ -88,7 +88,10 @@ void RollCallDesk::finish() {
 
 void RollCallDesk::ask(const Properties& request, Done done) {
     if (!_callback || _closed) {
-        done({{}, _closed ? "The server has stopped" : "This server has no roll call"});
+        done({{},
+              _closed ? "The server has stopped"
+                      : "This server can't tell where its ranks stand: it has no error channel, as with -s "
+                        "and -nothreads"});
         return;
     }
     if (_askers.size() >= MAX_ASKERS) {

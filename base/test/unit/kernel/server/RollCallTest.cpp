@@ -93,7 +93,9 @@ TEST_F(RollCall, TellsThatThereIsNoAnswer) {
     serve([&] {
         RpcClient boss;
         connect(boss, "boss", Access::CONTROL);
-        EXPECT_EQ(boss.call("server.where", "{}", 5s).message, "This server has no roll call");
+        EXPECT_EQ(boss.call("server.where", "{}", 5s).message,
+                  "This server can't tell where its ranks stand: it has no error channel, as with -s and "
+                  "-nothreads");
     });
 }
 
