@@ -144,7 +144,8 @@ private:
 };
 
 ParallelErrorHandler::ParallelErrorHandler()
-    : _peer(std::make_unique<XmlRpcPeer>()), _thread(std::make_unique<Thread>(*this, "orvex-errors")), _decisionTimer(SYSTEM_WALL_TIMER) {
+    : _peer(std::make_unique<XmlRpcPeer>()), _thread(std::make_unique<Thread>(*this, "orvex-errors")),
+      _decisionTimer(SYSTEM_WALL_TIMER) {
     _methods.push_back(std::make_unique<ContinueCmd>(*this));
     _methods.push_back(std::make_unique<NotifyCmd>(*this));
     _methods.push_back(std::make_unique<AbortCmd>(*this));
@@ -169,7 +170,8 @@ bool ParallelErrorHandler::start() {
         ranks.gather(bound ? 1u : 0u, flags, Communicator::masterRank());
         for (std::size_t rank = 0; rank < flags.size(); ++rank)
             if (flags[rank] == 0)
-                std::cerr << "ParallelErrorHandler failed to bind to a port on MPI Rank : " << rank << std::endl;
+                std::cerr << "ParallelErrorHandler failed to bind to a port on MPI Rank : " << rank
+                          << std::endl;
         return false;
     }
     spreadPlaces();
@@ -372,7 +374,8 @@ void ParallelErrorHandler::letAllContinue() {
     for (int attempt = 0; attempt < ATTEMPTS && !left.empty(); ++attempt) {
         std::vector<XmlRpcFanOut::Call> calls;
         for (const unsigned rank : left)
-            calls.push_back({_places[rank].host, _places[rank].port, CONTINUE, XmlRpcValue(XmlRpcValue::Array())});
+            calls.push_back(
+                {_places[rank].host, _places[rank].port, CONTINUE, XmlRpcValue(XmlRpcValue::Array())});
         XmlRpcFanOut fanOut;
         fanOut.setSecret(_secret);
         const auto answers = fanOut.call(calls, 2.0 * CALL_TIME, CALL_TIME);

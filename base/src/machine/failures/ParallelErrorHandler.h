@@ -24,16 +24,16 @@ class XmlRpcValue;
 
 /// The channel between the ranks beside the message layer. It works when that layer is stuck.
 ///
-/// Each rank serves XML-RPC over TCP on a thread of its own. A rank that meets a non-recoverable error reports
-/// it to the master and waits. The master waits DECISION_TIME for the others. When all ranks have reported,
-/// they met the error together: all continue, and the error fails the command on all of them. Otherwise the
-/// first reporter is told to abort, which takes the job down.
+/// Each rank serves XML-RPC over TCP on a thread of its own. A rank that meets a non-recoverable error
+/// reports it to the master and waits. The master waits DECISION_TIME for the others. When all ranks have
+/// reported, they met the error together: all continue, and the error fails the command on all of them.
+/// Otherwise the first reporter is told to abort, which takes the job down.
 ///
 /// A port takes requests of this job alone: its secret is made at the start and spread by the message layer.
 /// It is on loopback when all ranks share a host, else on the address that leads to the master's host.
 class ParallelErrorHandler : public Runnable {
 public:
-    static constexpr double DECISION_TIME = 0.5; ///< [s]
+    static constexpr double DECISION_TIME = 0.5;              ///< [s]
     static constexpr const char* PROCESSOR_TAG = "Processor"; ///< the rank of the reporter
 
     /// The place of a rank's port.
@@ -129,7 +129,8 @@ private:
     std::set<unsigned> _reporters; ///< a rank that asks twice counts once
     unsigned _reports = 0;
     Timer _decisionTimer;
-    double _failureTime = 0.0; ///< [s] when the error was seen by which this rank has left its command; 0: none
+    double _failureTime =
+        0.0; ///< [s] when the error was seen by which this rank has left its command; 0: none
     bool _failureTold = false;
     double _abortTime = 0.0; ///< [s] when the master ends the job itself; 0: nobody was told to
 };

@@ -50,7 +50,8 @@ RankStanding::State classify(const ThreadState::Look& look, bool isInOperation) 
     return isBusy ? RankStanding::COMPUTES : RankStanding::SLEEPS;
 }
 
-std::vector<XmlRpcFanOut::Answer> ask(const std::vector<XmlRpcFanOut::Call>& calls, const std::string& secret) {
+std::vector<XmlRpcFanOut::Answer> ask(const std::vector<XmlRpcFanOut::Call>& calls,
+                                      const std::string& secret) {
     XmlRpcFanOut fanOut;
     fanOut.setSecret(secret);
     return fanOut.call(calls, TOTAL_TIME, ANSWER_TIME);
@@ -60,7 +61,8 @@ RankStanding::State lookAt(int pid) {
     return classify(ThreadState::look(pid, pid), false); // a main thread has the number of its process
 }
 
-void takeStates(const XmlRpcValue& states, const std::vector<unsigned>& ranks, std::vector<RankStanding>& standings) {
+void takeStates(const XmlRpcValue& states, const std::vector<unsigned>& ranks,
+                std::vector<RankStanding>& standings) {
     try {
         for (std::size_t i = 0; i < ranks.size(); ++i)
             standings[ranks[i]].state = RankStanding::stateOf(states.getArray().at(i).getString());
@@ -225,9 +227,10 @@ void RollCall::lookAtSilent(std::vector<RankStanding>& standings, const std::vec
         XmlRpcValue::Array pids;
         for (const unsigned rank : ranks)
             pids.emplace_back(_pids[rank]);
-        const auto neighbour = std::find_if(standings.begin(), standings.end(), [&host](const RankStanding& each) {
-            return each.host == host && each.state != RankStanding::SILENT;
-        });
+        const auto neighbour =
+            std::find_if(standings.begin(), standings.end(), [&host](const RankStanding& each) {
+                return each.host == host && each.state != RankStanding::SILENT;
+            });
         if (neighbour == standings.end())
             continue; // the whole host is silent
         if (neighbour->rank == MachineGround::getPartitionId()) {
@@ -235,8 +238,8 @@ void RollCall::lookAtSilent(std::vector<RankStanding>& standings, const std::vec
                 standings[rank].state = lookAt(_pids[rank]);
             continue;
         }
-        calls.push_back({places[neighbour->rank].host, places[neighbour->rank].port, LOOK,
-                         XmlRpcValue(std::move(pids))});
+        calls.push_back(
+            {places[neighbour->rank].host, places[neighbour->rank].port, LOOK, XmlRpcValue(std::move(pids))});
         looked.push_back(&ranks);
     }
     const std::vector<XmlRpcFanOut::Answer> answers = ask(calls, _channel.getSecret());

@@ -17,8 +17,8 @@ class XmlRpcServerMethod;
 
 /// Asks each rank through the error channel where its main thread stands. It works while that thread hangs.
 ///
-/// A rank that doesn't answer is looked at by another rank on its host, or by the master: it may be stopped or
-/// dead.
+/// A rank that doesn't answer is looked at by another rank on its host, or by the master: it may be stopped
+/// or dead.
 class RollCall {
 public:
     /// Adds its methods to the channel, which must not have started. Borrowed; ends before this object.
@@ -35,8 +35,8 @@ public:
     RankStanding lookHere(bool withStack);
     /// Of all ranks, in their order. On the master, any thread except the main and the channel's.
     std::vector<RankStanding> callAll(bool withStacks);
-    /// The answer to a client: "text" for people, "ranks", "groups" and "verdict" for programs, and "seconds",
-    /// the time that it took. On the master, as above.
+    /// The answer to a client: "text" for people, "ranks", "groups" and "verdict" for programs, and
+    /// "seconds", the time that it took. On the master, as above.
     /// @param request  "rank": of this rank alone, in full
     /// @throw InputError when there is no such rank
     Properties answer(const Properties& request);

@@ -17,14 +17,14 @@ class Thread;
 /// Looks on the master whether a command still moves, and tells people when it doesn't.
 ///
 /// - A rank has left the command by an error, and the others stand in operations of the message layer: they
-///   wait for it. After a told time the job ends, with the error and the places of the others, or it waits for
-///   the user.
+///   wait for it. After a told time the job ends, with the error and the places of the others, or it waits
+///   for the user.
 /// - Ranks stand in operations that can't belong together, for example since one has skipped a collective:
 ///   clients are told after MISMATCH_TIME.
 /// - Nothing moves on any rank: clients are told after STANDSTILL_TIME.
 ///
-/// A rank that computes, sleeps or is held by a debugger is no suspect: as long as there is one, the watch only
-/// tells. While all goes well it compares two numbers a second.
+/// A rank that computes, sleeps or is held by a debugger is no suspect: as long as there is one, the watch
+/// only tells. While all goes well it compares two numbers a second.
 class StuckWatch : public Runnable {
 public:
     static constexpr double MISMATCH_TIME = 10.0;   ///< [s]
