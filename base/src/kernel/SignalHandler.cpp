@@ -44,6 +44,8 @@ bool installed = false;
 std::atomic<const std::function<void()>*> abortCallback{nullptr};
 std::atomic<const std::function<void(std::string_view)>*> lastWordsCallback{nullptr};
 std::atomic<bool> processEnds{false};
+std::atomic<double> faultTimeLimit{SignalHandler::FAULT_TIME_LIMIT};
+std::atomic<double> hookTimeLimit{SignalHandler::HOOK_TIME_LIMIT};
 std::terminate_handler terminateBefore = nullptr;
 
 /// Not a function-local object: it must be there when the first fault strikes.
@@ -67,7 +69,7 @@ void sayLastWords(std::string_view reason) {
         while (true)
             Platform::time().sleep(SignalHandler::FAULT_TIME_LIMIT);
     faultState = FaultState::ENDING;
-    watchdog.arm(signal, SignalHandler::FAULT_TIME_LIMIT);
+    watchdog.arm(signal, faultTimeLimit);
     sayLastWords(reason);
     if (const std::function<void()>* callback = abortCallback.load())
         (*callback)();
@@ -80,7 +82,7 @@ void sayLastWords(std::string_view reason) {
     if (faultState == FaultState::ENDING)
         std::_Exit(128 + signal);
     faultState = FaultState::ENDING;
-    watchdog.arm(signal, SignalHandler::FAULT_TIME_LIMIT);
+    watchdog.arm(signal, faultTimeLimit);
     sayLastWords(Platform::Signals::getDescription(signal)); // without the heap, which may be at fault
     ReportStream::write(
         "\nFault in the handling of a fault: " + Platform::Signals::getFaultText(signal, code) + "\n");
@@ -153,7 +155,7 @@ void speakBeforeDefault(int signal, int code, bool isSent) {
     if (faultState == FaultState::ENDING)
         return; // the end that was begun
     faultState = FaultState::ENDING;
-    watchdog.arm(signal, SignalHandler::FAULT_TIME_LIMIT);
+    watchdog.arm(signal, faultTimeLimit);
     if (isSent) {
         sayLastWords(Platform::Signals::getFaultText(signal, code));
         return;
@@ -166,7 +168,7 @@ void speakBeforeDefault(int signal, int code, bool isSent) {
 [[noreturn]] void endAtStackEnd(int signal) {
     constexpr const char* TEXT = "Stack overflow";
     faultState = FaultState::ENDING;
-    watchdog.arm(signal, SignalHandler::FAULT_TIME_LIMIT);
+    watchdog.arm(signal, faultTimeLimit);
     ReportStream::write(std::string("\n") + TEXT + ":\n");
     Platform::error().writeStackTrace(ReportStream::getDescriptor(), MAX_TRACE_FRAMES);
     endProcess(signal, TEXT);
@@ -178,7 +180,7 @@ class HandlingScope {
 public:
     explicit HandlingScope(int signal) {
         faultState = FaultState::HANDLING;
-        watchdog.arm(signal, SignalHandler::FAULT_TIME_LIMIT);
+        watchdog.arm(signal, faultTimeLimit);
     }
     ~HandlingScope() {
         watchdog.disarm();
@@ -191,7 +193,7 @@ public:
 /// Raises the error of the fault. The raise hook may wait for other ranks, so it gets a time limit of its
 /// own.
 [[noreturn]] void raiseFault(const std::string& text, const Properties& properties, bool isTrap) {
-    watchdog.extend(SignalHandler::HOOK_TIME_LIMIT);
+    watchdog.extend(hookTimeLimit);
     if (!isTrap)
         raise(NonRecoverableError(text, properties));
     // One rank alone must not go on from here while the others wait for it, so this error is announced, too.
@@ -247,6 +249,11 @@ void SignalHandler::uninstall() {
     Platform::signals().restoreDefaults(faultSignals());
     watchdog.stop();
     installed = false;
+}
+
+void SignalHandler::setTimeLimits(double fault, double hook) {
+    faultTimeLimit = fault;
+    hookTimeLimit = hook;
 }
 
 void SignalHandler::setAbortCallback(std::function<void()> callback) {

@@ -14,7 +14,7 @@
 /// "SignalNumber" and Error::MESSAGE_TAG. Where no exception can pass, and on a fault while a fault is
 /// handled, the stack is printed on the standard error stream and the abort callback ends the process; a
 /// fault there ends it at once, and so does a fault whose handling doesn't come to an end within
-/// FAULT_TIME_LIMIT, or whose raise hook doesn't come back within HOOK_TIME_LIMIT.
+/// FAULT_TIME_LIMIT, or whose raise hook doesn't come back within HOOK_TIME_LIMIT (see setTimeLimits()).
 ///
 /// When another process sends one of these signals, or the process calls abort(), the signal takes the
 /// system's default course behind the last-words callback. A stack overflow is printed with its trace and
@@ -41,6 +41,10 @@ public:
     static void install();
     /// The system's default course for all of it. Main thread.
     static void uninstall();
+    /// Other time limits than FAULT_TIME_LIMIT and HOOK_TIME_LIMIT, for the faults from now on. Any thread.
+    /// @param fault  for the handling of a fault without the hook, and for the end of the process [s]
+    /// @param hook   for the raise hook [s]
+    static void setTimeLimits(double fault, double hook);
 
     /// Ends the process, and in a job all of it; called on the thread at fault. None: the process ends with a
     /// core image where the system makes one. Any thread.

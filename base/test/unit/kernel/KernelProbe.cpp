@@ -58,9 +58,12 @@ int play(const std::string& how) {
     observer.hangs = how == "hang";
     if (how == "observer" || how == "abort" || how == "hang")
         Controller::getSingleton().getSignalRaisedObservable().attach(observer);
+    constexpr double LIMIT = 1.0, HOOK_LIMIT = 4.0; // [s]
+    if (how == "hang" || how == "hook")
+        SignalHandler::setTimeLimits(LIMIT, HOOK_LIMIT);
     if (how == "hook")
         setRaiseHook([](Error&) {
-            Platform::time().sleep(SignalHandler::FAULT_TIME_LIMIT + 1.0);
+            Platform::time().sleep(1.5 * LIMIT);
             std::cerr << "waits still" << std::endl;
             Platform::time().sleep(1e6);
         });
