@@ -92,6 +92,10 @@ StuckWatch::StuckWatch(RollCall& rollCall, Settings settings)
 
 StuckWatch::~StuckWatch() {
     stop();
+    join();
+}
+
+void StuckWatch::join() {
     _thread->join();
 }
 

@@ -50,6 +50,8 @@ public:
     void noteFailure();
     void run() override;
     void stop() override;
+    /// Waits for the end of the thread, behind stop(). From then on noteFailure() changes nothing.
+    void join();
 
 private:
     using Standings = std::vector<RankStanding>;

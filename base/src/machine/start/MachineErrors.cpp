@@ -138,8 +138,12 @@ void Machine::stopParallelErrorHandler() {
 void Machine::dropParallelErrorHandler() {
     if (_parallelErrorHandler)
         _parallelErrorHandler->stop();
+    if (_stuckWatch) {
+        _stuckWatch->stop();
+        _stuckWatch->join(); // it asks over the channel
+    }
+    _parallelErrorHandler.reset(); // its thread calls the other two to its end
     _stuckWatch.reset();
-    _parallelErrorHandler.reset();
     _rollCall.reset();
     Platform::StackSampler::uninstall();
 }
