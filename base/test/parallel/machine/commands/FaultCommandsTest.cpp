@@ -42,6 +42,8 @@ struct Row {
 class FaultCommands : public ParallelCommands {
 protected:
     void SetUp() override {
+        if (!isSmallJob())
+            GTEST_SKIP() << "in small jobs only";
         Controller& controller = Controller::getSingleton();
         if (!controller.findCommand("TestDivide")) {
             registerMachineCommands();

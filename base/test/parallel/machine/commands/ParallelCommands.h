@@ -16,6 +16,8 @@
 /// Runs commands on all ranks of a job.
 class ParallelCommands : public testing::Test {
 protected:
+    /// A job of more ranks than processors waits long for each command.
+    static bool isSmallJob() { return Machine::nProcesses() <= 4; }
     /// The master plays the server, the workers serve until it releases them.
     static void inCommandLoop(const std::function<void()>& serve) {
         if (!Machine::isMaster()) {
