@@ -223,7 +223,9 @@ void RollCall::lookAtSilent(std::vector<RankStanding>& standings, const std::vec
     const std::vector<ParallelErrorHandler::Place>& places = _channel.getPlaces();
     std::vector<XmlRpcFanOut::Call> calls;
     std::vector<const std::vector<unsigned>*> looked;
-    for (const auto& [host, ranks] : silentOfHost) {
+    for (const auto& each : silentOfHost) {
+        const std::string& host = each.first; // clang takes no structured binding into a lambda
+        const std::vector<unsigned>& ranks = each.second;
         XmlRpcValue::Array pids;
         for (const unsigned rank : ranks)
             pids.emplace_back(_pids[rank]);
