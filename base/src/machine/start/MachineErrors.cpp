@@ -161,6 +161,8 @@ void Machine::handleParallelError(Error* error) {
         return;
     if (MessagingGate::has(MessagingGate::LOCAL_COMMAND))
         return; // a command of this rank alone: nobody waits for it
+    if (isMaster() && OperationRecord::read().command.empty())
+        return; // outside a command, for example while it starts: main() tells the reason and ends the job
     if (!NonRecoverableError::isNonRecoverableErrorIn(error->getProperties()))
         return;
     addStackTrace(error->getProperties());
