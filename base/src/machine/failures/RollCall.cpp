@@ -230,8 +230,8 @@ void RollCall::lookAtSilent(std::vector<RankStanding>& standings, const std::vec
         for (const unsigned rank : ranks)
             pids.emplace_back(_pids[rank]);
         const auto neighbour =
-            std::find_if(standings.begin(), standings.end(), [&host](const RankStanding& each) {
-                return each.host == host && each.state != RankStanding::SILENT;
+            std::find_if(standings.begin(), standings.end(), [&host](const RankStanding& other) {
+                return other.host == host && other.state != RankStanding::SILENT;
             });
         if (neighbour == standings.end())
             continue; // the whole host is silent
