@@ -73,7 +73,7 @@ TEST(XmlRpcFanOut, BadPeersFailAloneWithTheirReason) {
           {3, "the host \"no.host.invalid\" has no address"},
           {4, "can't be reached: the port isn't one"}})
         EXPECT_NE(answers[index].failure.find(reason), std::string::npos) << answers[index].failure;
-    for (const std::size_t index : {5, 6})
+    for (const std::size_t index : {5U, 6U})
         EXPECT_TRUE(answers[index].answered) << answers[index].failure;
     const XmlRpcFanOut::Call call{"127.0.0.1", silent.port, "Echo", XmlRpcValue()};
     const auto late =
