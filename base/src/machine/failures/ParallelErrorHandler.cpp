@@ -133,7 +133,7 @@ public:
     void execute(const XmlRpcValue& parameters, XmlRpcValue& result) override {
         const Properties failure = unwrap(parameters);
         OS::Log::instance("Default").warning("ParallelErrorHandler::FailedCmd", "Rank @0@ has failed: @1@",
-                                             getReporter(failure), Error::getMessage(failure));
+                                             getReporter(failure), failure.getOr(Error::MESSAGE_TAG, ""));
         if (_handler._onFailure)
             _handler._onFailure();
         result = XmlRpcValue(0);
