@@ -153,7 +153,7 @@ ParallelErrorHandler::ParallelErrorHandler()
 }
 
 ParallelErrorHandler::~ParallelErrorHandler() {
-    stop();
+    ParallelErrorHandler::stop();
     _thread->join();
     _peer->getServer().shutdown();
 }
@@ -373,6 +373,7 @@ void ParallelErrorHandler::letAllContinue() {
         left.push_back(rank);
     for (int attempt = 0; attempt < ATTEMPTS && !left.empty(); ++attempt) {
         std::vector<XmlRpcFanOut::Call> calls;
+        calls.reserve(left.size());
         for (const unsigned rank : left)
             calls.push_back(
                 {_places[rank].host, _places[rank].port, CONTINUE, XmlRpcValue(XmlRpcValue::Array())});

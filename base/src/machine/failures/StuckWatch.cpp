@@ -91,7 +91,7 @@ StuckWatch::StuckWatch(RollCall& rollCall, Settings settings)
       _thread(std::make_unique<Thread>(*this, "orvex-watch")) {}
 
 StuckWatch::~StuckWatch() {
-    stop();
+    StuckWatch::stop();
     join();
 }
 
