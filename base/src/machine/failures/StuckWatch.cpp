@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 #include <utility>
 
 namespace {
@@ -40,6 +41,18 @@ bool isPair(const RankStanding& one, const RankStanding& other) {
 bool stands(const RankStanding& standing) {
     return (standing.state == RankStanding::WAITS && standing.stillSeconds >= PERIOD) ||
            standing.state == RankStanding::DEAD || standing.state == RankStanding::SILENT;
+}
+
+/// For how long no rank has moved [s]; 0 when one may be at work. The rank that failed is among them, so that
+/// the time begins with its failure.
+double getStandingTime(const Standings& standings) {
+    if (!std::all_of(standings.begin(), standings.end(), stands))
+        return 0.0;
+    double time = std::numeric_limits<double>::max();
+    for (const RankStanding& standing : standings)
+        if (standing.state == RankStanding::WAITS)
+            time = std::min(time, standing.stillSeconds);
+    return time;
 }
 
 /// Ends the job by an error that the program can't go on from. It gives the output some time first.
@@ -133,7 +146,6 @@ void StuckWatch::look() {
     if (record.command != _command || std::abs(began - _began) > PERIOD / 2.0) {
         _command = record.command;
         _began = began;
-        _standing = 0.0;
         _nextLook = MISMATCH_TIME;
         _warned = _told = false;
     }
@@ -167,13 +179,12 @@ void StuckWatch::lookAfterFailure() {
             _settings.tell(describeFailure(places) + RollCallReport(places).getText());
         return;
     }
-    const bool allStand = std::all_of(standings.begin(), standings.end(), stands);
-    _standing = allStand ? _standing + PERIOD : 0.0;
-    if (_standing >= _settings.patience) {
+    const double standing = getStandingTime(standings);
+    if (standing >= _settings.patience) {
         decide();
-    } else if (_standing >= WARNING_TIME && !_warned && !_settings.waits) {
+    } else if (standing >= WARNING_TIME && !_warned && !_settings.waits) {
         _warned = true;
-        const int left = int(_settings.patience - _standing);
+        const int left = int(_settings.patience - standing);
         _settings.tell(describeFailure(standings) + "Nothing moves; the job ends in " + std::to_string(left) +
                        " s (see -stuck and -stuckafter).");
     }

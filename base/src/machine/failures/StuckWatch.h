@@ -72,8 +72,7 @@ private:
 
     // ---- Of the thread alone, for the command at work.
     std::string _command;
-    double _began = 0.0;    ///< [s] when it did
-    double _standing = 0.0; ///< for how long all ranks have stood since one failed [s]
+    double _began = 0.0; ///< [s] when it did
     double _nextLook = MISMATCH_TIME;
     bool _warned = false;
     bool _told = false;
