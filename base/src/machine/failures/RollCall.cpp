@@ -61,11 +61,17 @@ RankStanding::State lookAt(int pid) {
     return classify(ThreadState::look(pid, pid), false); // a main thread has the number of its process
 }
 
+/// A rank that lives but doesn't answer stays silent: more isn't known of it.
+void takeState(RankStanding::State state, RankStanding& standing) {
+    if (state == RankStanding::DEAD || state == RankStanding::STOPPED)
+        standing.state = state;
+}
+
 void takeStates(const XmlRpcValue& states, const std::vector<unsigned>& ranks,
                 std::vector<RankStanding>& standings) {
     try {
         for (std::size_t i = 0; i < ranks.size(); ++i)
-            standings[ranks[i]].state = RankStanding::stateOf(states.getArray().at(i).getString());
+            takeState(RankStanding::stateOf(states.getArray().at(i).getString()), standings[ranks[i]]);
     } catch (const std::exception& error) {
         OS::Log::instance("Default").warning("RollCall::takeStates", "@0@", error.what());
     }
@@ -237,7 +243,7 @@ void RollCall::lookAtSilent(std::vector<RankStanding>& standings, const std::vec
             continue; // the whole host is silent
         if (neighbour->rank == MachineGround::getPartitionId()) {
             for (const unsigned rank : ranks)
-                standings[rank].state = lookAt(_pids[rank]);
+                takeState(lookAt(_pids[rank]), standings[rank]);
             continue;
         }
         calls.push_back(
