@@ -184,7 +184,7 @@ void StuckWatch::lookAfterFailure() {
         decide();
     } else if (standing >= WARNING_TIME && !_warned && !_settings.waits) {
         _warned = true;
-        const int left = int(_settings.patience - standing);
+        const int left = int(std::ceil(_settings.patience - standing));
         _settings.tell(describeFailure(standings) + "Nothing moves; the job ends in " + std::to_string(left) +
                        " s (see -stuck and -stuckafter).");
     }
