@@ -136,7 +136,7 @@ class Reporters(Stuck):
                 self.ends(job, 15)
                 client.wait(5 * PATIENCE)
                 self.assertIn(f"The job aborts: Rank {rank}: Segmentation fault: address not mapped", client.said())
-                self.assertRegex(job.err(), r"Error: Segmentation fault: address not mapped\n(  .*\n)+"
+                self.assertRegex(job.err(), r"Error: Segmentation fault: address not mapped\n  Address 0x10\n(  .*\n)+"
                                             r"  .*writeToUnmappedAddress")
 
 

@@ -62,8 +62,19 @@ void addStackTrace(Properties& error) {
         error.set(Error::STACK_TRACE_TAG, StringHelper::join(Platform::error().getStackTrace(), "\n"));
 }
 
+/// A line for the address of a segmentation fault.
+std::string describeAddress(const Properties& error) {
+    try {
+        const std::string address = error.getOr("Address", "");
+        return address.empty() ? address : "  Address " + address + "\n";
+    } catch (const InputError&) {
+        return {}; // an error of another kind, with a value of its own
+    }
+}
+
 std::string describe(const Error& error) {
     std::string text = std::string("Error: ") + error.what() + "\n";
+    text += describeAddress(error.getProperties());
     std::istringstream trace(error.getProperties().getOr(Error::STACK_TRACE_TAG, ""));
     for (std::string line; std::getline(trace, line);)
         text += "  " + line + "\n";
