@@ -152,7 +152,7 @@ std::string CollectiveCheck::describe(const Difference& difference) {
     const bool hasMost = most != rows.end();
     if (hasMost)
         std::rotate(most, most + 1, rows.end());
-    std::string text = ": from call " + std::to_string(difference.call + 1) + " on ";
+    std::string text = ": from call " + std::to_string(difference.call + 1) + " on, ";
     for (std::size_t i = 0; i < rows.size(); ++i) {
         const auto& [word, group] = rows[i];
         const bool isRest = hasMost && i + 1 == rows.size();

@@ -24,7 +24,7 @@ public:
     /// Whether the shares of all ranks tell of the same operations. Local.
     static bool agree(const std::vector<Share>& shares);
     /// From which call on the ranks differ, and which: as in "The ranks did not call the same collective
-    /// operations in "Solve": from call 41 on rank 3 called broadcast(root 0), the others
+    /// operations in "Solve": from call 41 on, rank 3 called broadcast(root 0), the others
     /// allReduce(8 bytes, sum)". Collective over `ranks`, which are all ranks.
     /// @param shares  of all ranks; they don't agree
     static std::string explain(Communicator& ranks, const std::string& command,

@@ -130,7 +130,6 @@ void Machine::prepareStuckWatch() {
 
 /// The ranks don't come together any more: the job ends with the error of the rank that failed.
 void Machine::endStuckJob(const std::string& text) {
-    OS::Log::instance("Default").error("StuckWatch", "@0@", text);
     std::cerr << "\nError: " + text + "\n" << std::flush;
     Properties reason;
     reason.set(Error::MESSAGE_TAG, text);

@@ -98,7 +98,8 @@ TEST(CollectiveCheck, TellsTheFirstCallInWhichOneRankDiffers) {
     for (const auto& [name, mistaken, right, call, theirs, others] : rows) {
         const std::string text =
             findDifference([&, &mine = rank() == lastRank() ? mistaken : right] { note(global(), mine); });
-        EXPECT_EQ(text, expected(" in \"Solve\": from call " + std::to_string(call) + " on ", theirs, others))
+        EXPECT_EQ(text,
+                  expected(" in \"Solve\": from call " + std::to_string(call) + " on, ", theirs, others))
             << name;
     }
 }
@@ -109,7 +110,7 @@ TEST(CollectiveCheck, SeesRealCallsThatDifferAndFinish) {
         int value = 1;
         global().allReduce(value, isLast ? Communicator::MAX : Communicator::SUM);
     };
-    const std::string where = " in \"Solve\": from call 1 on ";
+    const std::string where = " in \"Solve\": from call 1 on, ";
     EXPECT_EQ(findDifference(reduce), lastRank() == 0 ? ""
                                                       : expected(where, "allReduce(4 bytes, max, of int)",
                                                                  "allReduce(4 bytes, sum, of int)"));
@@ -176,7 +177,7 @@ TEST(CollectiveCheck, TellsADifferenceOnACommunicatorOfSomeRanks) {
         return;
     const auto sub = makeSub(1); // all but rank 0
     const std::string where =
-        " on a communicator of " + std::to_string(lastRank()) + " ranks in \"Solve\": from call 2 on ";
+        " on a communicator of " + std::to_string(lastRank()) + " ranks in \"Solve\": from call 2 on, ";
     const Words mine = rank() == lastRank() ? Words{SUM, BARRIER} : Words{SUM, SUM};
     std::string text = findDifference([&] {
         if (sub)
@@ -204,7 +205,7 @@ TEST(CollectiveCheck, KeepsTheLastCallsOnly) {
             note(global(), Words(equalCalls, SUM));
         });
     };
-    const std::string where = " in \"Solve\": from call 1 on ";
+    const std::string where = " in \"Solve\": from call 1 on, ";
     constexpr unsigned SOME = 20; // calls of the check itself are among them
     EXPECT_EQ(differThen(CollectiveHistory::RING_SIZE - SOME),
               expected(where, "broadcast(root 1, 8 bytes)", "broadcast(root 0, 8 bytes)"));
@@ -229,7 +230,7 @@ TEST(CollectiveCheck, ComparesACommandInsideAnotherByItself) {
     EXPECT_EQ(outer(BARRIER), "");
     const std::string text = outer(rank() == lastRank() ? SUM : BARRIER);
     if (lastRank() != 0) {
-        EXPECT_EQ(text, expected(" in \"Solve\": from call 2 on ", "allReduce(8 bytes, sum, of double)",
+        EXPECT_EQ(text, expected(" in \"Solve\": from call 2 on, ", "allReduce(8 bytes, sum, of double)",
                                  "synchronise"));
     }
 }

@@ -199,7 +199,7 @@ TEST_F(CommandRoad, FailsWhenTheRanksCalledDifferentCollectives) {
         if (Error::isErrorIn(response)) {
             EXPECT_EQ(
                 Error::getMessage(response).find("The ranks did not call the same collective operations in "
-                                                 "\"TestReduceDifferently\": from call 1 on rank "),
+                                                 "\"TestReduceDifferently\": from call 1 on, rank "),
                 0u)
                 << Error::getMessage(response);
             EXPECT_EQ(response.getString(Error::KIND_TAG), Error::INTERNAL_KIND);
