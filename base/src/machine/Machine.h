@@ -232,6 +232,7 @@ private:
     void startParallelErrorHandler();
     void prepareStuckWatch();
     void endStuckJob(const std::string& text);
+    void endLostRank();
     void dropParallelErrorHandler();
     void startTimer();
     static void scanForDesignFlags(int argc, const char* const* argv);

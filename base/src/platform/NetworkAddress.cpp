@@ -4,10 +4,12 @@
 #include "platform/Io.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <ifaddrs.h>
 #include <memory>
 #include <net/if.h>
 #include <netdb.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <vector>
 
@@ -76,4 +78,26 @@ std::string NetworkAddress::getOwnTowards(const std::string& peer) {
     if (::getsockname(socket.get(), reinterpret_cast<sockaddr*>(&own), &size) != 0)
         return {};
     return toFigures(reinterpret_cast<const sockaddr&>(own));
+}
+
+bool NetworkAddress::isReachable(const std::string& address, int port, double seconds) {
+    addrinfo hints{};
+    hints.ai_socktype = SOCK_STREAM;
+    hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV;
+    addrinfo* list = nullptr;
+    if (::getaddrinfo(address.c_str(), std::to_string(port).c_str(), &hints, &list) != 0)
+        return false;
+    const List target(list, ::freeaddrinfo);
+    const Descriptor socket(::socket(target->ai_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (::connect(socket.get(), target->ai_addr, target->ai_addrlen) == 0)
+        return true;
+    if (errno != EINPROGRESS)
+        return false;
+    constexpr double MILLISECONDS = 1000.0;
+    pollfd wait{socket.get(), POLLOUT, 0};
+    if (::poll(&wait, 1, static_cast<int>(seconds * MILLISECONDS)) != 1)
+        return false;
+    int error = 0;
+    socklen_t size = sizeof error;
+    return ::getsockopt(socket.get(), SOL_SOCKET, SO_ERROR, &error, &size) == 0 && error == 0;
 }

@@ -14,4 +14,7 @@ public:
     static std::string getOwn();
     /// The address of this host on the way to `peer`. Sends nothing. Empty when there is no way.
     static std::string getOwnTowards(const std::string& peer);
+    /// Whether the host of `address`, in figures, takes a connection on `port` within `seconds`. A process
+    /// that is stopped still does.
+    static bool isReachable(const std::string& address, int port, double seconds);
 };

@@ -50,9 +50,17 @@ private:
     Body _body;
 };
 
+void compute(double seconds) {
+    const double end = Platform::time().getTime() + seconds;
+    while (Platform::time().getTime() < end) {
+    }
+}
+
 /// Fails on the chosen ranks; with "wait" the others stand in a collective of all ranks.
 void fail(const Properties& args, Properties&) {
     if (!isChosen(args)) {
+        if (args.getOr("busy", Machine::nProcesses()) == Machine::getPartitionId())
+            compute(args.getOr("seconds", 0.0));
         if (args.getOr("wait", false))
             Machine::globalCommunicator().synchronise();
         return;
@@ -60,7 +68,11 @@ void fail(const Properties& args, Properties&) {
     Platform::time().sleep(args.getOr("seconds", 0.0) * Machine::getPartitionId());
     const std::string kind = args.getOr("kind", "recoverable");
     const std::string message = "A test failed on rank " + std::to_string(Machine::getPartitionId());
-    if (kind == "internal")
+    if (kind == "twice") // on another thread first, which then waits for the master
+        std::thread([] { raiseInternalError("A thread failed", "false", __FILE__, __LINE__); }).detach();
+    if (kind == "twice")
+        Platform::time().sleep(0.1);
+    if (kind == "internal" || kind == "twice")
         raiseInternalError(message, "false", __FILE__, __LINE__);
     if (kind == "empty")
         raise(InputError(""));
@@ -154,8 +166,11 @@ ORVEX_MODULE_ENTRY() {
     add("TestFail",
         {"Raises an error.",
          {ranks,
-          {"kind", "text", "internal, empty (without a message) or null (of what()); recoverable by default",
+          {"kind", "text",
+           "internal, twice (on two threads), empty (without a message) or null (of what()); recoverable by "
+           "default",
            false},
+          {"busy", "unsigned", "another rank, which computes for some seconds first", false},
           {"wait", "bool", "the other ranks stand in a collective; false by default", false},
           {"seconds", "real", "how much later than the rank before it a rank fails [s]", false}}},
         &fail);

@@ -58,6 +58,11 @@ class Errors(Case):
         job.ctl(*INTERNAL, "seconds=0.9", check=False)
         self.ends(job, 0, 15)
 
+    def test_a_second_error_ends_the_job_at_once(self):
+        job = self.ready(mpi=MPIS[0], ranks=2)
+        job.ctl("TestFail", "kind=twice", "ranks=[1]", check=False)
+        self.ends(job, 1, 15)
+
     def test_many_errors_leave_nothing_behind(self):
         job = self.ready(mpi=MPIS[0], ranks=2)
         job.ctl(*INTERNAL, check=False)

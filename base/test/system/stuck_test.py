@@ -3,6 +3,7 @@ import os
 import pathlib
 import signal
 import socket
+import subprocess
 import time
 import unittest
 
@@ -79,6 +80,15 @@ class Mistakes(Stuck):
                 self.assertRegex(client.said(), "\nNothing moves; the job ends in [1-4] s")
                 self.assertIn(f"The job aborts: {text}\n", client.said())
                 self.assertIn("stack: MakeMistake::execute (OrvexMistakesModule.cpp:", client.said())
+
+    def test_a_rank_that_computes_is_no_suspect(self):
+        job = self.ready("-stuckafter", "4", ranks=4)
+        begin = time.monotonic()
+        client = job.ctl_started("TestFail", "ranks=[0]", "wait=true", "busy=2", "seconds=10")
+        self.ends(job, 30)
+        self.assertGreater(time.monotonic() - begin, 13)
+        client.wait(5 * PATIENCE)
+        self.assertIn("A test failed on rank 0", client.said())
 
     def test_the_job_waits_for_a_stopped_rank_and_for_the_user(self):
         job = self.ready("-stuck", "wait", "-stuckafter", "3", ranks=4)
@@ -192,6 +202,20 @@ class Hosts(Stuck):
             self.assertNotEqual(job.wait(20 * PATIENCE), 0)
             client.wait(5 * PATIENCE)
             self.assertRegex(client.said(), "The job aborts: (Rank 6 has ended without a word|mpirun.* on another host)")
+
+    def test_a_cut_network_ends_the_job(self):
+        """On the side of the master at once, on the other side after a minute. The launcher itself hangs."""
+        with Cluster(2, own_processes=True) as cluster:
+            job = self.ready("-stuckafter", "4", mpi="openmpi", cluster=cluster, slots=[2, 1])
+            members = job.members()
+            client = job.ctl_started("MakeMistake", "kind=receiveWithoutSend", "rank=2")
+            self.standing(job, "Rank 2 waits")
+            subprocess.run(cluster.on(1, "ip", "link", "set", "eth0", "down"), check=True)
+            wait_until(lambda: not members[0].alive() and not members[1].alive(), 40 * PATIENCE, client.said)
+            client.wait(5 * PATIENCE)
+            self.assertIn("Rank 2 is lost, and the other ranks wait: its host node1 can't be reached\n", client.said())
+            wait_until(lambda: not members[2].alive(), 80 * PATIENCE, job.told)
+            self.room.end_all()
 
 
 if __name__ == "__main__":

@@ -49,6 +49,10 @@ constexpr double TICK = 1.0;          ///< [s]
 constexpr double FAILURE_TIME = 1.0;  ///< [s] that the ranks have to come to the end of a failed command
 /// [s] A reporter that hears nothing for so long takes the job down: the master, or the way to it, is gone.
 constexpr double PATIENCE = 2.0 * ATTEMPTS * CALL_TIME;
+/// [s] A rank that waits looks so often for the master; in a large job less often, since all ranks do.
+constexpr double MASTER_TIME = 30.0;
+constexpr double MASTER_TIME_OF_RANK = 0.05;
+constexpr double CONNECT_TIME = 2.0; ///< [s]
 /// [s] The first reporter has so long to take the job down; it prints its error and waits 5 s before.
 constexpr double ABORT_TIME = 12.0;
 
@@ -275,6 +279,8 @@ void ParallelErrorHandler::serveOnce() {
     if (MachineGround::isMaster() && _decisionTimer.getWallTime() > DECISION_TIME)
         decide();
     overseeAbort();
+    if (!MachineGround::isMaster())
+        watchMaster();
     if (_resetRequested)
         reset(true);
     if (_onTick)
@@ -323,6 +329,28 @@ void ParallelErrorHandler::watchForFailure() {
         _failureTold = true;
         tellFailure(failure);
     }
+}
+
+/// A main thread that waits in the message layer doesn't notice that the network is cut.
+void ParallelErrorHandler::watchMaster() {
+    const double time = now();
+    if (const std::uint64_t generation = OperationRecord::getGeneration(); generation != _generation) {
+        _generation = generation;
+        _nextWatch = time + std::max(MASTER_TIME, MASTER_TIME_OF_RANK * MachineGround::nProcesses());
+        _lostTime = 0.0;
+    }
+    if (time < _nextWatch)
+        return;
+    if (NetworkAddress::isReachable(_master.host, _master.port, CONNECT_TIME)) {
+        _nextWatch = time + std::max(MASTER_TIME, MASTER_TIME_OF_RANK * MachineGround::nProcesses());
+        _lostTime = 0.0;
+        return;
+    }
+    _nextWatch = time + CALL_TIME;
+    if (_lostTime == 0.0)
+        _lostTime = time;
+    else if (time - _lostTime >= PATIENCE && _onLost)
+        _onLost();
 }
 
 void ParallelErrorHandler::tellFailure(const std::string& message) {

@@ -62,6 +62,9 @@ public:
     /// Called on the master when it has to take the job down itself: the reporter that was told to doesn't.
     /// Before start().
     void setOverdueCallback(std::function<void()> callback) { _onOverdue = std::move(callback); }
+    /// Called on a worker when its main thread waits for others and the way to the master's host has been cut
+    /// for a while: nobody will end this process. Before start().
+    void setLostCallback(std::function<void()> callback) { _onLost = std::move(callback); }
     /// Called on the handler's thread about once a second, not while it is busy. Before start().
     void setTickCallback(std::function<void()> callback) { _onTick = std::move(callback); }
 
@@ -88,6 +91,7 @@ private:
     void noteLoopFailure();
     void sendPendingError();
     void watchForFailure();
+    void watchMaster();
     void tellFailure(const std::string& message);
     bool callMaster(const char* method, const Properties& properties);
     void countReport(const Properties& error);
@@ -107,6 +111,7 @@ private:
     std::string _secret;
     std::function<void()> _onFailure;
     std::function<void()> _onOverdue;
+    std::function<void()> _onLost;
     std::function<void()> _onTick;
 
     std::atomic<bool> _stopped{false};
@@ -132,5 +137,8 @@ private:
     double _failureTime =
         0.0; ///< [s] when the error was seen by which this rank has left its command; 0: none
     bool _failureTold = false;
-    double _abortTime = 0.0; ///< [s] when the master ends the job itself; 0: nobody was told to
+    std::uint64_t _generation = 0; ///< of the main thread's operations
+    double _nextWatch = 0.0;       ///< [s] when the master is looked for
+    double _lostTime = 0.0;        ///< [s] since when it can't be reached; 0: it can
+    double _abortTime = 0.0;       ///< [s] when the master ends the job itself; 0: nobody was told to
 };

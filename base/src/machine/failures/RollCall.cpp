@@ -7,6 +7,7 @@
 #include "machine/messages/OperationRecord.h"
 
 #include "platform/Log.h"
+#include "platform/NetworkAddress.h"
 #include "platform/Process.h"
 #include "platform/StackSampler.h"
 #include "platform/ThreadState.h"
@@ -28,8 +29,9 @@ namespace {
 
 constexpr const char* WHERE = "Where";
 constexpr const char* LOOK = "Look";
-constexpr double ANSWER_TIME = 2.0; ///< [s] of one rank
-constexpr double TOTAL_TIME = 4.0;  ///< [s] of all
+constexpr double ANSWER_TIME = 2.0;  ///< [s] of one rank
+constexpr double CONNECT_TIME = 1.0; ///< [s] for a host that is silent
+constexpr double TOTAL_TIME = 4.0;   ///< [s] of all
 constexpr std::size_t MAX_FRAMES = 48;
 
 /// The state of a main thread as people see it.
@@ -239,8 +241,10 @@ void RollCall::lookAtSilent(std::vector<RankStanding>& standings, const std::vec
             std::find_if(standings.begin(), standings.end(), [&host](const RankStanding& other) {
                 return other.host == host && other.state != RankStanding::SILENT;
             });
-        if (neighbour == standings.end())
-            continue; // the whole host is silent
+        if (neighbour == standings.end()) {
+            askWholeHost(standings, ranks);
+            continue;
+        }
         if (neighbour->rank == MachineGround::getPartitionId()) {
             for (const unsigned rank : ranks)
                 takeState(lookAt(_pids[rank]), standings[rank]);
@@ -254,4 +258,13 @@ void RollCall::lookAtSilent(std::vector<RankStanding>& standings, const std::vec
     for (std::size_t i = 0; i < answers.size(); ++i)
         if (answers[i].answered)
             takeStates(answers[i].result, *looked[i], standings);
+}
+
+/// None of these ranks, which are all of their host, has answered.
+void RollCall::askWholeHost(std::vector<RankStanding>& standings, const std::vector<unsigned>& ranks) const {
+    const ParallelErrorHandler::Place& place = _channel.getPlaces()[ranks.front()];
+    if (NetworkAddress::isReachable(place.host, place.port, CONNECT_TIME))
+        return; // for example stopped
+    for (const unsigned rank : ranks)
+        standings[rank].failure = "its host " + _hosts[rank] + " can't be reached";
 }

@@ -48,6 +48,7 @@ private:
 
     double noteMovement(std::uint64_t generation);
     std::vector<unsigned> askAll(std::vector<RankStanding>& standings, bool withStacks);
+    void askWholeHost(std::vector<RankStanding>& standings, const std::vector<unsigned>& ranks) const;
     void lookAtSilent(std::vector<RankStanding>& standings, const std::vector<unsigned>& silent);
 
     ParallelErrorHandler& _channel;

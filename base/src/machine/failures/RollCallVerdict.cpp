@@ -111,8 +111,10 @@ Cause describeCause(const RankStanding& standing, bool withPlace) {
         return {0, {}, "is dead", "are dead"};
     case RankStanding::STOPPED:
         return {2, {}, "is stopped", "are stopped"};
-    case RankStanding::SILENT:
-        return {3, {}, "does not answer", "do not answer"};
+    case RankStanding::SILENT: {
+        const std::string why = standing.failure.empty() ? "" : " (" + standing.failure + ")";
+        return {3, {}, "does not answer" + why, "do not answer" + why};
+    }
     case RankStanding::COMPUTES:
     case RankStanding::WAITS:
     case RankStanding::SLEEPS:

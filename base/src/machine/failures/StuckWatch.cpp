@@ -93,6 +93,9 @@ std::string describeFailure(const Standings& standings) {
     std::string text = "Rank " + std::to_string(first->rank);
     if (count > 1)
         text += " and " + std::to_string(count - 1) + " more";
+    if (first->state == RankStanding::SILENT)
+        return text + (count > 1 ? " are" : " is") + " lost, and the other ranks wait: " + first->failure +
+               "\n";
     return text + (count > 1 ? " have" : " has") + " left \"" + first->command +
            "\" by an error, and the other ranks wait: " + first->failure + "\n";
 }
@@ -191,8 +194,12 @@ void StuckWatch::lookAfterFailure() {
 }
 
 void StuckWatch::lookForMismatch() {
-    if (const Standings standings = _rollCall.callAll(false);
-        haveAllStoodFor(MISMATCH_TIME - PERIOD, standings) && isMismatch(standings)) {
+    const Standings standings = _rollCall.callAll(false);
+    if (std::any_of(standings.begin(), standings.end(), hasFailed)) { // for example lost with its host
+        noteFailure();
+        return;
+    }
+    if (haveAllStoodFor(MISMATCH_TIME - PERIOD, standings) && isMismatch(standings)) {
         _told = true;
         _settings.tell("The ranks wait for each other:\n" +
                        RollCallReport(_rollCall.callAll(true)).getText());

@@ -99,6 +99,7 @@ void Machine::startParallelErrorHandler() {
     _rollCall = std::make_unique<RollCall>(*_parallelErrorHandler);
     _parallelErrorHandler->setOverdueCallback(
         [] { getSingleton().abort(ExitStatus(ExitStatus::NON_RECOVERABLE_SERVER_ERROR)); });
+    _parallelErrorHandler->setLostCallback([this] { endLostRank(); });
     _parallelErrorHandler->setTickCallback([call = _rollCall.get()] { call->tick(); });
     if (isMaster())
         prepareStuckWatch();
@@ -126,6 +127,14 @@ void Machine::prepareStuckWatch() {
     settings.end = [this](const std::string& text) { endStuckJob(text); };
     _stuckWatch = std::make_unique<StuckWatch>(*_rollCall, std::move(settings));
     _parallelErrorHandler->setFailureCallback([watch = _stuckWatch.get()] { watch->noteFailure(); });
+}
+
+/// The launcher can't be reached either, as a rule.
+void Machine::endLostRank() {
+    if (_standardStreamManager)
+        _standardStreamManager->restore();
+    LastWords::say("the host of rank 0 can't be reached any more");
+    abort(ExitStatus(ExitStatus::NON_RECOVERABLE_SERVER_ERROR));
 }
 
 /// The ranks don't come together any more: the job ends with the error of the rank that failed.
