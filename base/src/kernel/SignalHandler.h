@@ -27,7 +27,7 @@ class ORVEX_KERNEL_EXPORT SignalHandler {
 public:
     static constexpr double FAULT_TIME_LIMIT = 10.0; ///< [s]
     /// [s] for the raise hook, which may wait for other ranks with the error of a fault.
-    static constexpr double HOOK_TIME_LIMIT = 20.0;
+    static constexpr double HOOK_TIME_LIMIT = 45.0;
 
     /// True when floating-point faults arrive as signals. Set by setCatchFpeSignals().
     static bool _catchFpeSignals;
