@@ -40,7 +40,7 @@ constexpr const char* CONTINUE = "Continue";
 constexpr const char* ABORT = "Abort";
 constexpr const char* FAILED = "Failed";
 
-constexpr unsigned MAX_BACKLOG = 1024; ///< all ranks may report at once
+constexpr int BACKLOG = 1024; ///< all ranks may report at once, and strangers knock
 constexpr int ATTEMPTS = 3;
 constexpr int MAX_LOOP_FAILURES = 10;
 constexpr double CALL_TIME = 5.0;     ///< [s] of one call
@@ -202,8 +202,7 @@ bool ParallelErrorHandler::bind() {
     constexpr unsigned OTHERS = 16;
     limits.connections = MachineGround::nProcesses() + OTHERS;
     _peer->getServer().setLimits(limits);
-    const int backlog = static_cast<int>(std::min(MachineGround::nProcesses() + OTHERS, MAX_BACKLOG));
-    return !_address.empty() && _peer->getServer().bindAndListen(0, backlog, _address);
+    return !_address.empty() && _peer->getServer().bindAndListen(0, BACKLOG, _address);
 }
 
 void ParallelErrorHandler::spreadPlaces() {
