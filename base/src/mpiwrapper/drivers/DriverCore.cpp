@@ -37,7 +37,9 @@ std::vector<MPI_Datatype> getFixedTypes() {
     types[OXM_MPI_UINT64] = MPI_UINT64_T;
     types[OXM_MPI_UNSIGNED_SHORT] = MPI_UNSIGNED_SHORT;
     types[OXM_MPI_LONG] = MPI_LONG;
-    types[OXM_MPI_UNSIGNED_LONG] = MPI_UNSIGNED_LONG;
+    // Not MPI_UNSIGNED_LONG, which Open MPI 4.1 compares as a signed number.
+    static_assert(sizeof(unsigned long) == sizeof(std::uint64_t));
+    types[OXM_MPI_UNSIGNED_LONG] = MPI_UINT64_T;
     types[OXM_MPI_WCHAR] = MPI_WCHAR;
     types[OXM_MPI_FLOAT_COMPLEX] = MPI_C_FLOAT_COMPLEX;
     types[OXM_MPI_DOUBLE_COMPLEX] = MPI_C_DOUBLE_COMPLEX;

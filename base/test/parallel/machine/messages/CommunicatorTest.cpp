@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <limits>
 #include <memory>
 #include <numeric>
 #include <string>
@@ -459,6 +460,25 @@ TEST_F(Job, ReducesOthersThanNumbers) {
     _comm.allReduce(smallest, Communicator::MIN_LOCATION);
     EXPECT_EQ(largest, (LocatedValue<double>{5.0, static_cast<int>(_ranks / 2)}));
     EXPECT_EQ(smallest, (LocatedValue<double>{2.0, 0}));
+}
+
+TEST_F(Job, ComparesUnsignedNumbersAsSuch) {
+    const auto check = [this]<class T>(T) {
+        const T huge = std::numeric_limits<T>::max(); // -1 for a library that takes it for a signed number
+        T largest = _me == 0 ? huge : T(5);
+        T smallest = largest;
+        _comm.allReduce(largest, Communicator::MAX);
+        _comm.reduce(smallest, Communicator::MIN, 0);
+        EXPECT_EQ(largest, huge);
+        if (_me == 0) {
+            EXPECT_EQ(smallest, _ranks > 1 ? T(5) : huge);
+        }
+    };
+    check(static_cast<unsigned char>(0));
+    check(static_cast<unsigned short>(0));
+    check(0u);
+    check(0ul);
+    check(0ull);
 }
 
 using ReductionsOfRecords = Reductions<Swarm>;
