@@ -60,7 +60,7 @@ std::string NetworkAddress::getOwn() {
     const std::vector<std::string> own = listOutwardAddresses();
     const List named = resolve(Platform::io().getHostName(), 0);
     for (const addrinfo* entry = named.get(); entry != nullptr; entry = entry->ai_next)
-        if (const std::string address = toFigures(*entry->ai_addr);
+        if (std::string address = toFigures(*entry->ai_addr);
             std::find(own.begin(), own.end(), address) != own.end())
             return address;
     return own.empty() ? LOOPBACK : own.front();
