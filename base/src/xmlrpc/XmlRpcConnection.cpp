@@ -48,6 +48,11 @@ void XmlRpcConnection::extend(Duration time) {
         armTimer(_timer.expiry() + time);
 }
 
+bool XmlRpcConnection::isSilent() const {
+    asio::error_code failed;
+    return !_admitted && !_ended && _socket.available(failed) == 0;
+}
+
 void XmlRpcConnection::end() {
     if (_ended)
         return;

@@ -38,7 +38,8 @@ public:
     void end();
     /// Whether the header of the request was accepted.
     bool isAdmitted() const { return _admitted; }
-    bool isEnded() const { return _ended; }
+    /// Whether it has neither shown the secret nor sent anything that waits to be read.
+    bool isSilent() const;
     std::chrono::steady_clock::time_point getBegin() const { return _begin; }
 
 private:

@@ -31,7 +31,7 @@ enum Status { FORBIDDEN = 403, NOT_FOUND = 404, NOT_ALLOWED = 405, LENGTH_REQUIR
 
 constexpr std::chrono::milliseconds RETRY_TIME{200}; ///< after the system had no descriptor for a client
 /// For a request to show the secret, when there is no room: an honest one shows it with its first bytes.
-constexpr std::chrono::milliseconds SHOW_TIME{20};
+constexpr std::chrono::milliseconds SHOW_TIME{100};
 constexpr std::chrono::milliseconds LONG_METHOD{100}; ///< from here on other connections get the time back
 /// Takes the same time wherever the texts differ.
 bool equalsSecret(const std::string& given, const std::string& secret) {
@@ -168,7 +168,7 @@ void XmlRpcServer::Impl::waitForRoom() {
     retry.async_wait([this, slow = *oldest](const asio::error_code& cancelled) {
         if (cancelled || accepting)
             return;
-        if (connections.size() >= limits.connections && !slow->isAdmitted() && !slow->isEnded()) {
+        if (connections.size() >= limits.connections && slow->isSilent()) {
             log.warn("XmlRpcServer::work", "Too many connections", "the slowest one was ended");
             slow->end(); // which accepts the next one
         } else

@@ -199,7 +199,7 @@ bool ParallelErrorHandler::bind() {
     _address = MachineGround::isMaster() ? master : NetworkAddress::getOwnTowards(master);
     _peer->setSecret(_secret);
     XmlRpcServer::Limits limits;
-    constexpr unsigned OTHERS = 16;
+    constexpr unsigned OTHERS = 256; // strangers, who may be silent for a moment
     limits.connections = MachineGround::nProcesses() + OTHERS;
     _peer->getServer().setLimits(limits);
     return !_address.empty() && _peer->getServer().bindAndListen(0, BACKLOG, _address);
