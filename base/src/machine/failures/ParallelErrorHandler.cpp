@@ -338,7 +338,7 @@ void ParallelErrorHandler::watchMaster() {
         _nextWatch = time + std::max(MASTER_TIME, MASTER_TIME_OF_RANK * MachineGround::nProcesses());
         _lostTime = 0.0;
     }
-    if (time < _nextWatch)
+    if (time < _nextWatch || !OperationRecord::isInside())
         return;
     if (NetworkAddress::isReachable(_master.host, _master.port, CONNECT_TIME)) {
         _nextWatch = time + std::max(MASTER_TIME, MASTER_TIME_OF_RANK * MachineGround::nProcesses());
