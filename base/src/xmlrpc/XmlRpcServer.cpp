@@ -30,8 +30,8 @@ using ConnectionPointer = std::shared_ptr<XmlRpcConnection>;
 enum Status { FORBIDDEN = 403, NOT_FOUND = 404, NOT_ALLOWED = 405, LENGTH_REQUIRED = 411, UNSUPPORTED = 415 };
 
 constexpr std::chrono::milliseconds RETRY_TIME{200}; ///< after the system had no descriptor for a client
-/// For a request to show the secret, when there is no room: an honest one shows it with its first bytes.
-constexpr std::chrono::milliseconds SHOW_TIME{100};
+/// For a request to show the secret, when there is no room. A busy caller has many connections to serve.
+constexpr std::chrono::seconds SHOW_TIME{1};
 constexpr std::chrono::milliseconds LONG_METHOD{100}; ///< from here on other connections get the time back
 /// Takes the same time wherever the texts differ.
 bool equalsSecret(const std::string& given, const std::string& secret) {
