@@ -6,7 +6,7 @@
 
 namespace Platform {
 
-/// What a thread of this process or of another one on this host does, as the system tells it. Local, any
+/// The work of a thread of this process or of another one on this host, as the system tells it. Local, any
 /// thread.
 class ORVEX_PLATFORM_EXPORT ThreadState {
 public:

@@ -6,7 +6,7 @@
 
 namespace XmlRpc {
 
-/// What came of a call.
+/// The outcome of a call.
 struct XmlRpcAnswer {
     bool answered = false;
     XmlRpcValue result;  ///< when answered

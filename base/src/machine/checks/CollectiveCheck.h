@@ -16,7 +16,7 @@ class Communicator;
 /// Operations of MPI that don't go through this layer, for example those of a library, aren't seen.
 class ORVEX_MACHINE_EXPORT CollectiveCheck {
 public:
-    /// What a rank tells the others.
+    /// A rank tells this to the others.
     using Share = std::array<std::uint64_t, 3>;
 
     /// Of this rank. Local.

@@ -51,7 +51,7 @@ std::string writeError(const Properties& error) {
     }
 }
 
-/// What a rank tells the others at the end of a command.
+/// A rank tells this to the others at the end of a command.
 using EndRecord = std::array<std::uint64_t, 5>; // length of its message, whether it failed, its share
 constexpr std::size_t SHARE = 2;
 

@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-/// Where one rank stands at a moment, as the roll call tells it.
+/// The place of one rank at a moment, as the roll call tells it.
 struct ORVEX_MACHINE_EXPORT RankStanding {
     enum State {
         COMPUTES, ///< at work outside the message layer

@@ -32,7 +32,7 @@ bool isGlobal(const RankStanding& standing) {
     return standing.communicator.starts_with("global");
 }
 
-/// Where the ranks gather their errors.
+/// The rank is where all gather their errors.
 bool isAtEnd(const RankStanding& standing) {
     return standing.communicator.starts_with("command,") && !standing.command.empty();
 }

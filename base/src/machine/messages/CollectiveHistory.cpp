@@ -15,7 +15,7 @@ constexpr std::uint64_t mix(std::uint64_t value) {
     return value ^ (value >> 31);
 }
 
-/// What `factor` is multiplied with to give 1: each round doubles the bits that are right.
+/// The number that gives 1 with `factor`: each round doubles the bits that are right.
 constexpr std::uint64_t invert(std::uint64_t factor) {
     std::uint64_t inverse = factor;
     for (int round = 0; round < 6; ++round)

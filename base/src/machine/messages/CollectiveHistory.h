@@ -106,7 +106,7 @@ public:
         std::uint32_t count = 0;       ///< of the global communicator
     };
     static Summary summarise();
-    /// What this rank adds to the sum for the communicator `number`, also for one that is gone.
+    /// The part of the sum that this rank adds for the communicator `number`, also for one that is gone.
     static std::uint64_t contributionOf(std::uint32_t number);
     /// The smallest number above `number` of a communicator other than the global one that was used;
     /// NONE_LEFT when there is none.

@@ -6,7 +6,7 @@
 #include "machine/messages/CommunicatorStatistics.h"
 #include "machine/messages/OperationRecord.h"
 
-/// What a call is to the record of operations and to the history of collectives.
+/// A call as it goes into the record of operations and into the history of collectives.
 struct MessageCall {
     int partner = -1;       ///< the root, or the other end of a message
     std::uint64_t word = 0; ///< of a collective

@@ -14,7 +14,7 @@
 /// and finds nothing (test(), iProbe()) is counted apart: it moves nothing.
 class ORVEX_MACHINE_EXPORT OperationRecord {
 public:
-    /// What the record says at one moment.
+    /// The record at one moment.
     struct Snapshot {
         bool isInside = false;         ///< in an operation
         std::string operation;         ///< this one, or the last one, for example "allReduce"

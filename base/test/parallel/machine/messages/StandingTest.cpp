@@ -1,4 +1,4 @@
-// Where the ranks of a real job stand. A thread of each rank tells it while the main thread waits for the
+// The places of the ranks of a real job. A thread of each rank tells it while the main thread waits for the
 // last rank. one.
 
 #include "machine/Communicator.h"
@@ -33,7 +33,7 @@ bool waitFor(const std::function<bool()>& condition) {
     return true;
 }
 
-/// What another thread sees of a rank that waits.
+/// The view of another thread on a rank that waits.
 struct Seen {
     OperationRecord::Snapshot snapshot;
     bool stands = false;

@@ -36,7 +36,7 @@ protected:
     Records() { mpi.setWorld(1, 3); }
     ~Records() override { MpiCore::finalize(); }
 
-    /// What another thread sees while `run` stands in its wrapper call `name`, which fails.
+    /// The view of another thread while `run` stands in its wrapper call `name`, which fails.
     Snapshot during(const std::string& name, const std::function<void()>& run) {
         Snapshot seen;
         mpi.setAction(name, [&seen](const ScriptedCall&) {
