@@ -77,8 +77,9 @@ public:
     /// before the error goes on its way. Tells the master and waits: when all ranks met the error together it
     /// returns, and the error fails the command on all of them; otherwise the job ends with the error's
     /// message and stack trace and exit value 32. Returns at once for a collective error, for a recoverable
-    /// one, and for one that no other rank can wait for: on the master away from the main thread, or in a
-    /// command of the master alone. A second error while the first is handled ends the job.
+    /// one, and for one that no other rank can wait for: on the master away from the main thread, outside
+    /// a command, or in a command of the master alone. A second error while the first is handled ends the
+    /// job.
     void handleParallelError(Error* error);
     /// The channel of the error handling. @throw InternalError in a serial process, with -nothreads, and
     /// when it couldn't be started

@@ -333,14 +333,12 @@ void ParallelErrorHandler::watchForFailure() {
 /// A main thread that waits in the message layer doesn't notice that the network is cut.
 void ParallelErrorHandler::watchMaster() {
     const double time = now();
-    if (const std::uint64_t generation = OperationRecord::getGeneration(); generation != _generation) {
-        _generation = generation;
-        _nextWatch = time + std::max(MASTER_TIME, MASTER_TIME_OF_RANK * MachineGround::nProcesses());
-        _lostTime = 0.0;
-    }
-    if (time < _nextWatch || !OperationRecord::isInside())
+    const std::uint64_t generation = OperationRecord::getGeneration();
+    const bool hasMoved = generation != _generation;
+    _generation = generation;
+    if (!hasMoved && (time < _nextWatch || !OperationRecord::isInside()))
         return;
-    if (NetworkAddress::isReachable(_master.host, _master.port, CONNECT_TIME)) {
+    if (hasMoved || NetworkAddress::isReachable(_master.host, _master.port, CONNECT_TIME)) {
         _nextWatch = time + std::max(MASTER_TIME, MASTER_TIME_OF_RANK * MachineGround::nProcesses());
         _lostTime = 0.0;
         return;
