@@ -70,6 +70,8 @@ class Mistakes(Stuck):
 
     def test_a_rank_that_fails_alone_ends_the_job(self):
         for kind, error in (("exceptionBeforeWait", "The time step is negative"), ("failedAllocation", "std::bad_alloc")):
+            if kind == "failedAllocation" and PATIENCE > 1:
+                continue  # the address sanitizer ends a process whose allocation fails
             with self.subTest(kind=kind):
                 job = self.ready("-stuckafter", "7", ranks=4)
                 client = job.ctl_started("MakeMistake", f"kind={kind}")
