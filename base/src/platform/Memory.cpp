@@ -2,11 +2,16 @@
 
 #include "platform/ProcFs.h"
 
+#include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <limits>
 #include <string>
 #include <string_view>
+#include <sys/mman.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 namespace Platform {
@@ -79,6 +84,38 @@ bool MemoryQuery::querySizes(MemoryUse& use) {
 
 std::unique_ptr<MemoryQuery> Memory::createQuery(int pid) const {
     return std::make_unique<MemoryQuery>(pid);
+}
+
+const char* const Memory::SHARED_MEMORY_FOLDER = "/dev/shm";
+
+bool Memory::reservePages(void* begin, std::size_t bytes) const {
+    const std::uintptr_t page = getPageSize();
+    const std::uintptr_t first = reinterpret_cast<std::uintptr_t>(begin) / page * page;
+    const std::uintptr_t end = reinterpret_cast<std::uintptr_t>(begin) + bytes;
+    if (bytes == 0)
+        return true;
+#ifdef MADV_POPULATE_WRITE
+    constexpr int populate = MADV_POPULATE_WRITE;
+#else
+    constexpr int populate = 23;
+#endif
+    int code = 0;
+    do
+        code = ::madvise(reinterpret_cast<void*>(first), end - first, populate);
+    while (code != 0 && (errno == EINTR || errno == EAGAIN));
+    return code == 0 || errno == EINVAL; // older than Linux 5.14
+}
+
+unsigned long long Memory::getFreeSharedMemory() const {
+    struct statvfs state {};
+    if (::statvfs(SHARED_MEMORY_FOLDER, &state) != 0 || state.f_blocks == 0)
+        return std::numeric_limits<unsigned long long>::max();
+    return static_cast<unsigned long long>(state.f_bavail) * state.f_frsize;
+}
+
+std::size_t Memory::getPageSize() const {
+    static const auto size = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+    return size;
 }
 
 Memory& memory() {

@@ -2,6 +2,7 @@
 
 #include "platform/PlatformExport.h"
 
+#include <cstddef>
 #include <memory>
 
 namespace Platform {
@@ -38,6 +39,16 @@ private:
 class ORVEX_PLATFORM_EXPORT Memory {
 public:
     std::unique_ptr<MemoryQuery> createQuery(int pid) const;
+    /// Has the system give the pages of [`begin`, `begin` + `bytes`) their memory now, on the NUMA node of
+    /// this thread, with zeros where they had none. Without memory a later access would end the process by a
+    /// signal. @return false when there isn't enough; true also on a system that can't do it
+    bool reservePages(void* begin, std::size_t bytes) const;
+    /// [bytes] free in the file system that holds the shared memory of this host's processes, and its place;
+    /// the largest number when that can't be told.
+    unsigned long long getFreeSharedMemory() const;
+    static const char* const SHARED_MEMORY_FOLDER;
+    /// [bytes] of a page.
+    std::size_t getPageSize() const;
 };
 
 /// The one memory service of the process.

@@ -15,6 +15,10 @@ void Threads::setName(const std::string& name) const {
     ::pthread_setname_np(::pthread_self(), name.substr(0, 15).c_str());
 }
 
+int Threads::getSystemId() const {
+    return ::gettid();
+}
+
 Threads& threads() {
     static Threads service;
     return service;

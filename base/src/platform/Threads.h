@@ -13,6 +13,8 @@ public:
     void yield() const;
     /// Names the calling thread for debuggers; the system keeps 15 characters.
     void setName(const std::string& name) const;
+    /// The operating system's number of the calling thread.
+    int getSystemId() const;
 };
 
 /// The one threads service of the process.
