@@ -11,6 +11,10 @@ pkg_check_modules(MPICH IMPORTED_TARGET mpich)
 # Hardware topology and binding.
 pkg_check_modules(HWLOC REQUIRED IMPORTED_TARGET hwloc>=2.4)
 
+# Threads of hybrid contexts.
+find_package(TBB REQUIRED COMPONENTS tbb)
+find_package(OpenMP REQUIRED COMPONENTS CXX)
+
 # Used by OS::Log.
 find_package(spdlog REQUIRED)
 

@@ -34,8 +34,11 @@ private:
     friend class Machine;
     friend class MachineHost;
     friend class MachineCommands;
+    friend class ThreadPolicyBase;
 
     static bool setThreadAffinity(const CpuTopology& topology, const AffinityMask& mask);
+    /// The same for another thread of this process, by the operating system's number.
+    static bool setThreadAffinity(const CpuTopology& topology, const AffinityMask& mask, int systemThread);
     /// Binds to the processor on which the thread runs now.
     static bool setThreadAffinityToCurrentCpuLocation(const CpuTopology& topology);
     /// Lets the thread run on all that this process may use.

@@ -429,9 +429,11 @@ public:
 
     /// Returns when all ranks have called it.
     void synchronise();
+    /// The sleeps of a rank that waits: always the same, or an eighth of the time that it has waited.
+    enum class Sleeps { EVEN, GROWING };
     /// The same for ranks that may wait for hours: a rank that has waited for `spinTime` [s] sleeps between
     /// its looks. Uses tag 1022: no message with this tag may be on its way to this communicator.
-    void noSpinSynchronise(double spinTime);
+    void noSpinSynchronise(double spinTime, Sleeps sleeps = Sleeps::EVEN);
     /// After the call every rank has the text of rank 0, which may come late: the others sleep meanwhile, an
     /// eighth of the time that they have waited each time, and leave their processors to it.
     void noSpinBroadcast(std::string& text);

@@ -14,6 +14,7 @@
 
 class Communicator;
 class Error;
+class HostMeeting;
 class LauncherWatch;
 class MachineHost;
 class ParallelConsoleBuf;
@@ -281,6 +282,7 @@ private:
     std::unique_ptr<Communicator> _commandComm;
     std::array<std::unique_ptr<Communicator>, NUMBER_SHMEM_SCOPES> _shmemComm;
     std::array<std::unique_ptr<Communicator>, NUMBER_SHMEM_SCOPES> _sparseComm;
+    std::unique_ptr<HostMeeting> _hostMeeting; ///< null in a serial process
     std::unique_ptr<MachineHost> _host;
     std::unique_ptr<RollCall> _rollCall; ///< this one and the next two: null in a serial process
     std::unique_ptr<ParallelErrorHandler> _parallelErrorHandler;

@@ -10,6 +10,7 @@
 #include "machine/StandardStreamManager.h"
 #include "machine/SynchronizedDynamicLoader.h"
 #include "machine/commands/FloatingPointCommands.h"
+#include "machine/commands/HybridCommands.h"
 #include "machine/commands/SegmentationCommands.h"
 #include "machine/commands/TestCommands.h"
 
@@ -509,8 +510,10 @@ void registerMachineCommands() {
     controller.registerCommand(new ReportAffinity);
     controller.registerCommand(new RedirectStandardStreams);
     registerTestCommands(controller);
+    registerHybridPi(controller);
     registerFloatingPointFaults(controller);
     registerSegmentationCommands(controller);
     controller.registerCommand(new SetMaximumMessageBufferSize);
+    registerHybridIdlingTest(controller);
     registerFloatingPointTests(controller);
 }

@@ -3,6 +3,7 @@
 #include "machine/CpuTopology.h"
 
 #include <hwloc.h>
+#include <hwloc/linux.h>
 
 #include <initializer_list>
 #include <new>
@@ -94,6 +95,11 @@ bool Affinity::isProcessBound(const CpuTopology& topology) {
 
 bool Affinity::setThreadAffinity(const CpuTopology& topology, const AffinityMask& mask) {
     return bind(topology.getHwlocTopology(), mask.getHwlocMask(), BIND_THREAD);
+}
+
+bool Affinity::setThreadAffinity(const CpuTopology& topology, const AffinityMask& mask, int systemThread) {
+    return topology.getHwlocTopology() && !mask.empty() &&
+           hwloc_linux_set_tid_cpubind(topology.getHwlocTopology(), systemThread, mask.getHwlocMask()) == 0;
 }
 
 bool Affinity::setProcessAffinity(const CpuTopology& topology, const AffinityMask& mask) {

@@ -69,6 +69,10 @@ const char* nameOf(Collective collective) {
         return "readAtAll of a file";
     case Collective::WRITE_FILE:
         return "writeAtAll of a file";
+    case Collective::CREATE_WINDOW:
+        return "making of a shared-memory window";
+    case Collective::LEAVE_HYBRID_CONTEXT:
+        return "leaveHybridContext";
     }
     return "nothing more";
 }

@@ -49,7 +49,7 @@ void Communicator::synchronise() {
         this, 0, CommunicatorFrame::collective(SYNCHRONISE, 0), _handle));
 }
 
-void Communicator::noSpinSynchronise(double spinTime) {
+void Communicator::noSpinSynchronise(double spinTime, Sleeps sleeps) {
     constexpr Tag tag(MessageTags::SYNCHRONISE);
     static const unsigned sleep = getSleep(MachineGround::nProcesses());
     const unsigned parent = (_myRank - 1) / 2; // of no use to rank 0
@@ -65,9 +65,15 @@ void Communicator::noSpinSynchronise(double spinTime) {
     const auto await = [&] {
         if (!test(receives)) { // the last rank to come needs no clock
             const double start = Platform::time().getTime();
-            while (!test(receives))
-                if (Platform::time().getTime() - start > spinTime)
+            ShortSleep growing;
+            while (!test(receives)) {
+                if (Platform::time().getTime() - start <= spinTime)
+                    continue;
+                if (sleeps == Sleeps::GROWING)
+                    growing.next();
+                else
                     Platform::time().sleepMilliseconds(sleep);
+            }
         }
         wait(receives);
     };

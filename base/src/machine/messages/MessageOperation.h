@@ -28,7 +28,9 @@ enum class Collective : std::uint8_t {
     CREATE_SHARED_MEMORY_COMMUNICATORS,
     OPEN_FILE,
     READ_FILE,
-    WRITE_FILE
+    WRITE_FILE,
+    CREATE_WINDOW,
+    LEAVE_HYBRID_CONTEXT
 };
 
 /// An operation of the message layer, as statistics and the record of operations know it.

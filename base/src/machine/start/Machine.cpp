@@ -10,6 +10,7 @@
 #include "machine/failures/StuckWatch.h"
 #include "machine/files/ParallelConsoleBuf.h"
 #include "machine/ground/MachineOptions.h"
+#include "machine/hybrid/HostMeeting.h"
 
 #include "kernel/AnalyticsEvent.h"
 #include "kernel/AnalyticsManager.h"

@@ -6,11 +6,13 @@
 #include "machine/Communicator.h"
 #include "machine/StandardStreamManager.h"
 #include "machine/SynchronizedDynamicLoader.h"
+#include "machine/ThreadCount.h"
 #include "machine/Timer.h"
 #include "machine/commands/MachineCommands.h"
 #include "machine/failures/ParallelErrorHandler.h"
 #include "machine/files/ParallelConsoleBuf.h"
 #include "machine/ground/MachineOptions.h"
+#include "machine/hybrid/HostMeeting.h"
 #include "machine/start/LastWords.h"
 #include "machine/start/StopLimit.h"
 #include "machine/start/StopSignals.h"
@@ -83,8 +85,10 @@ void Machine::main(int argc, char** argv) {
     resolveCpuContention();
     if (isParallel()) {
         buildShmemCommunicators();
+        _hostMeeting = std::make_unique<HostMeeting>();
         warnOfMixedVectorization();
     }
+    ThreadCount::setThreadCountsToOne(ThreadCount::OPENMP, ThreadCount::MKL | ThreadCount::MATH_OPENMP);
     SynchronizedDynamicLoader::getSingleton().nonStateLoad("OrvexScene");
     startParallelErrorHandler();
     startTimer();

@@ -7,6 +7,7 @@
 #include "machine/MpiCore.h"
 #include "machine/ground/CommandLine.h"
 #include "machine/ground/MachineOptions.h"
+#include "machine/hybrid/HostMeeting.h"
 #include "machine/messages/CollectiveHistory.h"
 #include "machine/start/LastWords.h"
 
@@ -230,6 +231,7 @@ void Machine::stopCommunicators() {
     stopHost();
     if (!isParallel())
         return;
+    _hostMeeting.reset();
     _ground.shmem.fill(nullptr);
     _ground.sparse.fill(nullptr);
     for (std::size_t scope = 0; scope < NUMBER_SHMEM_SCOPES; ++scope) {
@@ -253,6 +255,7 @@ Communicator* Machine::releaseCommunicators() {
     _ground.sparse.fill(nullptr);
     if (_singleton == nullptr)
         return global;
+    static_cast<void>(_singleton->_hostMeeting.release());
     static_cast<void>(_singleton->_globalComm.release());
     static_cast<void>(_singleton->_commandComm.release());
     for (std::size_t scope = 0; scope < NUMBER_SHMEM_SCOPES; ++scope) {

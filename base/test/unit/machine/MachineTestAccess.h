@@ -7,6 +7,7 @@
 #include "machine/ParameterInitialValues.h"
 #include "machine/ground/CommandLine.h"
 #include "machine/ground/MachineOptions.h"
+#include "machine/hybrid/HostMeeting.h"
 
 #include "kernel/FpeAgnosticMode.h"
 #include "kernel/Properties.h"
@@ -81,7 +82,10 @@ public:
         Machine::_ground.global = nullptr;
         Machine::getSingleton()._globalComm.reset();
     }
+    static void startHostMeeting() { Machine::getSingleton()._hostMeeting = std::make_unique<HostMeeting>(); }
+    static void stopHostMeeting() { Machine::getSingleton()._hostMeeting.reset(); }
     static void dropSharedMemCommunicators() {
+        stopHostMeeting();
         Machine::_ground.shmem.fill(nullptr);
         Machine::_ground.sparse.fill(nullptr);
         for (std::size_t scope = 0; scope < Machine::NUMBER_SHMEM_SCOPES; ++scope) {

@@ -1,0 +1,63 @@
+#pragma once
+
+#include "machine/Communicator.h"
+#include "machine/ShmemWindowBase.h"
+
+#include <cstddef>
+#include <span>
+#include <type_traits>
+
+/// An array that the ranks of one host share instead of sending it to each other. See ShmemWindowBase for
+/// what is collective, and where the memory is.
+///
+///     ShmemWindow<double> field(n, Machine::sharedMemCommunicator(Machine::HOST_SCOPE));
+///     for (double& value : field.ownShare())
+///         value = start();
+///     field.fence();                          // from here on every rank sees what the others wrote
+///     use(field.span());
+template <class T>
+class ShmemWindow : public ShmemWindowBase {
+    static_assert(std::is_trivially_copyable_v<T>, "other processes see the bytes alone");
+    static_assert(alignof(T) <= 8, "an MPI library promises no more for a window");
+
+public:
+    /// Elements of this rank in a window that is made of the shares of all ranks, in the order of their
+    /// ranks.
+    struct OwnCount {
+        std::size_t count;
+    };
+
+    /// `count` elements in all. @throw as ShmemWindowBase
+    ShmemWindow(std::size_t count, Communicator& comm)
+        : ShmemWindowBase(count, sizeof(T), comm), _count(count), _data(static_cast<T*>(getBaseAddress())) {}
+    /// Over all ranks of this host.
+    explicit ShmemWindow(std::size_t count)
+        : ShmemWindowBase(count, sizeof(T)), _count(count), _data(static_cast<T*>(getBaseAddress())) {}
+    /// As many elements as all ranks say together. Each rank's part lies in memory near to that rank.
+    ShmemWindow(OwnCount own, Communicator& comm)
+        : ShmemWindowBase(gatherShares(own.count, comm), sizeof(T), comm), _count(getShares().back()),
+          _data(static_cast<T*>(getBaseAddress())) {}
+
+    using ShmemWindowBase::fence;
+    using ShmemWindowBase::getWindowSize;
+
+    std::size_t size() const { return _count; }
+    T* data() { return _data; }
+    const T* data() const { return _data; }
+    T& operator[](std::size_t index) { return _data[index]; }
+    const T& operator[](std::size_t index) const { return _data[index]; }
+
+    /// All elements.
+    std::span<T> span() { return {_data, _count}; }
+    std::span<const T> span() const { return {_data, _count}; }
+    /// The elements of a rank of the communicator: those whose memory is near to it.
+    std::span<T> share(unsigned rank) {
+        const std::size_t first = getShares().at(rank);
+        return {_data + first, getShares().at(rank + 1) - first};
+    }
+    std::span<T> ownShare() { return share(getRank()); }
+
+private:
+    std::size_t _count;
+    T* _data;
+};
