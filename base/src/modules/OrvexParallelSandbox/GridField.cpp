@@ -4,16 +4,12 @@
 
 namespace {
 
-/// Points along a side, and the local place of point k of the border (`outward` 0) or of the rim (`outward`
-/// 1).
+/// The local place of point k of the border (`outward` 0) or of the rim (`outward` 1) along a side.
 struct SideLine {
     const GridField& field;
     GridBlock::Side side;
     int outward;
 
-    int size() const {
-        return side == GridBlock::WEST || side == GridBlock::EAST ? field.countY() : field.countX();
-    }
     std::pair<int, int> operator[](int k) const {
         switch (side) {
         case GridBlock::WEST:
@@ -26,6 +22,19 @@ struct SideLine {
             return {k, field.countY() - 1 + outward};
         }
         return {};
+    }
+
+    void read(const GridField& from, std::span<double> values) const {
+        for (std::size_t k = 0; k < values.size(); ++k) {
+            const auto [i, j] = (*this)[static_cast<int>(k)];
+            values[k] = from.at(i, j);
+        }
+    }
+    void write(std::span<const double> values, GridField& to) const {
+        for (std::size_t k = 0; k < values.size(); ++k) {
+            const auto [i, j] = (*this)[static_cast<int>(k)];
+            to.at(i, j) = values[k];
+        }
     }
 };
 
@@ -52,35 +61,43 @@ HaloExchange::HaloExchange(const GridBlock& block, Communicator* communicator)
     }
 }
 
-void HaloExchange::begin(const GridField& field) {
+void HaloExchange::shareMemory() {
+    _shared = std::make_unique<SharedBorders>(_block, *_communicator);
     for (const GridBlock::Side side : GridBlock::SIDES)
-        if (const auto& neighbour = _block.neighbour(side))
-            _communicator->iRecv(_rim[side].data(), _rim[side].size(), *neighbour, _requests,
+        if (isShared(side)) {
+            _border[side].clear();
+            _rim[side].clear();
+        }
+}
+
+void HaloExchange::begin(const GridField& field) {
+    if (_shared)
+        _shared->begin();
+    for (const GridBlock::Side side : GridBlock::SIDES)
+        if (!_rim[side].empty())
+            _communicator->iRecv(_rim[side].data(), _rim[side].size(), *_block.neighbour(side), _requests,
                                  tagOf(GridBlock::opposite(side)));
     for (const GridBlock::Side side : GridBlock::SIDES) {
-        const auto& neighbour = _block.neighbour(side);
-        if (!neighbour)
-            continue;
         const SideLine line{field, side, 0};
-        for (int k = 0; k < line.size(); ++k) {
-            const auto [i, j] = line[k];
-            _border[side][static_cast<std::size_t>(k)] = field.at(i, j);
+        if (isShared(side)) {
+            line.read(field, _shared->own(side));
+            _shared->publish(side);
+        } else if (!_border[side].empty()) {
+            line.read(field, _border[side]);
+            _communicator->iSend(_border[side].data(), _border[side].size(), *_block.neighbour(side),
+                                 _requests, tagOf(side));
         }
-        _communicator->iSend(_border[side].data(), _border[side].size(), *neighbour, _requests, tagOf(side));
     }
 }
 
 void HaloExchange::end(GridField& field) {
+    for (const GridBlock::Side side : GridBlock::SIDES)
+        if (isShared(side))
+            SideLine{field, side, 1}.write(_shared->await(side), field);
     if (_requests.empty())
         return;
     _communicator->wait(_requests);
-    for (const GridBlock::Side side : GridBlock::SIDES) {
-        if (!_block.neighbour(side))
-            continue;
-        const SideLine line{field, side, 1};
-        for (int k = 0; k < line.size(); ++k) {
-            const auto [i, j] = line[k];
-            field.at(i, j) = _rim[side][static_cast<std::size_t>(k)];
-        }
-    }
+    for (const GridBlock::Side side : GridBlock::SIDES)
+        if (!_rim[side].empty())
+            SideLine{field, side, 1}.write(_rim[side], field);
 }

@@ -1,11 +1,13 @@
 #pragma once
 
 #include "modules/OrvexParallelSandbox/GridBlock.h"
+#include "modules/OrvexParallelSandbox/SharedBorders.h"
 
 #include "machine/RequestStack.h"
 
 #include <array>
 #include <cstddef>
+#include <memory>
 #include <vector>
 
 class Communicator;
@@ -40,6 +42,8 @@ class HaloExchange {
 public:
     /// @param communicator  null for a grid on one rank
     HaloExchange(const GridBlock& block, Communicator* communicator);
+    /// From here on ranks of one host read each other's borders in memory that they share. In a parallel job.
+    void shareMemory();
 
     /// Sends the border of `field` and starts to receive its rim; its inner points may be read meanwhile.
     void begin(const GridField& field);
@@ -47,8 +51,11 @@ public:
     void end(GridField& field);
 
 private:
+    bool isShared(GridBlock::Side side) const { return _shared && _shared->has(side); }
+
     const GridBlock& _block;
     Communicator* _communicator;
+    std::unique_ptr<SharedBorders> _shared; ///< null when all goes by messages
     MpiCore::RequestStack _requests;
     std::array<std::vector<double>, 4> _border; ///< by side
     std::array<std::vector<double>, 4> _rim;    ///< by side

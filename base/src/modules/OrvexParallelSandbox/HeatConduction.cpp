@@ -1,11 +1,13 @@
 #include "modules/OrvexParallelSandbox/HeatConduction.h"
 
 #include "machine/Communicator.h"
+#include "machine/ThreadUtility.h"
 
 #include <algorithm>
 #include <array>
 #include <chrono>
 #include <cmath>
+#include <limits>
 #include <numbers>
 
 namespace {
@@ -33,48 +35,6 @@ private:
     Stopwatch _stopwatch;
 };
 
-/// Calls `operation(j)` for the inner rows of `field`.
-template <class Operation>
-void forRows(const GridField& field, Operation operation) {
-    for (int j = 0; j < field.countY(); ++j)
-        operation(j);
-}
-
-/// The scalar products of this rank's points: `a` with itself and with `b`.
-std::array<double, 2> products(const GridField& a, const GridField& b) {
-    double aa = 0.0;
-    double ab = 0.0;
-    forRows(a, [&](int j) {
-        const double* const rowA = a.row(j);
-        const double* const rowB = b.row(j);
-        for (int i = 0; i < a.countX(); ++i) {
-            aa += rowA[i] * rowA[i];
-            ab += rowA[i] * rowB[i];
-        }
-    });
-    return {aa, ab};
-}
-
-/// to = from + factor * to
-void scaleAndAdd(const GridField& from, double factor, GridField& to) {
-    forRows(to, [&](int j) {
-        const double* const source = from.row(j);
-        double* const target = to.row(j);
-        for (int i = 0; i < to.countX(); ++i)
-            target[i] = source[i] + factor * target[i];
-    });
-}
-
-/// to += factor * from
-void addScaled(const GridField& from, double factor, GridField& to) {
-    forRows(to, [&](int j) {
-        const double* const source = from.row(j);
-        double* const target = to.row(j);
-        for (int i = 0; i < to.countX(); ++i)
-            target[i] += factor * source[i];
-    });
-}
-
 /// How much of the middle of the plate's value the point `index` of `count` holds, along one axis.
 double centreWeight(unsigned index, unsigned count) {
     const unsigned lower = (count - 1) / 2;
@@ -93,49 +53,122 @@ struct HeatConduction::Totals {
     double maximum = 0.0; ///< not a sum
 };
 
-HeatConduction::HeatConduction(unsigned nx, unsigned ny, Communicator* communicator)
+HeatConduction::HeatConduction(unsigned nx, unsigned ny, Communicator* communicator, unsigned threads)
     : _nx(nx), _ny(ny), _hx(1.0 / (nx + 1.0)), _hy(1.0 / (ny + 1.0)), _communicator(communicator),
       _block(nx, ny, communicator ? communicator->size() : 1, communicator ? communicator->myRank() : 0),
-      _halo(_block, communicator), _u(_block), _residual(_block), _residualProduct(_block),
+      _halo(_block, communicator), _threads(threads), _u(_block), _residual(_block), _residualProduct(_block),
       _direction(_block), _directionProduct(_block) {
-    forRows(_residual, [&](int j) { std::fill_n(_residual.row(j), _residual.countX(), 1.0); });
+    for (int j = 0; j < _residual.countY(); ++j)
+        std::fill_n(_residual.row(j), _residual.countX(), 1.0);
+}
+
+void HeatConduction::shareMemory() {
+    if (_communicator)
+        _halo.shareMemory();
+}
+
+template <class Operation>
+void HeatConduction::forRows(const Operation& operation) const {
+    const int rows = _u.countY();
+    if (_threads == 1)
+        return operation(0, rows, std::size_t{0});
+    ThreadUtility::forEach(_threads, [&](std::size_t part) {
+        const auto cut = [&](std::size_t i) {
+            return static_cast<int>(i * static_cast<std::size_t>(rows) / _threads);
+        };
+        operation(cut(part), cut(part + 1), part);
+    });
+}
+
+/// The scalar products of this rank's points: `a` with itself and with `b`. The sum has the same order in
+/// each run.
+std::array<double, 2> HeatConduction::products(const GridField& a, const GridField& b) const {
+    std::vector<std::array<double, 2>> parts(_threads);
+    forRows([&](int first, int end, std::size_t part) {
+        double aa = 0.0;
+        double ab = 0.0;
+        for (int j = first; j < end; ++j) {
+            const double* const rowA = a.row(j);
+            const double* const rowB = b.row(j);
+            for (int i = 0; i < a.countX(); ++i) {
+                aa += rowA[i] * rowA[i];
+                ab += rowA[i] * rowB[i];
+            }
+        }
+        parts[part] = {aa, ab};
+    });
+    std::array<double, 2> sums{};
+    for (const auto& [aa, ab] : parts) {
+        sums[0] += aa;
+        sums[1] += ab;
+    }
+    return sums;
+}
+
+/// to = from + factor * to
+void HeatConduction::scaleAndAdd(const GridField& from, double factor, GridField& to) const {
+    forRows([&](int first, int end, std::size_t) {
+        for (int j = first; j < end; ++j) {
+            const double* const source = from.row(j);
+            double* const target = to.row(j);
+            for (int i = 0; i < to.countX(); ++i)
+                target[i] = source[i] + factor * target[i];
+        }
+    });
+}
+
+/// to += factor * from
+void HeatConduction::addScaled(const GridField& from, double factor, GridField& to) const {
+    forRows([&](int first, int end, std::size_t) {
+        for (int j = first; j < end; ++j) {
+            const double* const source = from.row(j);
+            double* const target = to.row(j);
+            for (int i = 0; i < to.countX(); ++i)
+                target[i] += factor * source[i];
+        }
+    });
 }
 
 HeatConduction::Result HeatConduction::solve(double tolerance, unsigned maxIterations,
                                              const Watcher& watcher) {
-    const Stopwatch stopwatch;
+    advance(tolerance, maxIterations, std::numeric_limits<unsigned>::max(), watcher);
+    return getResult();
+}
+
+bool HeatConduction::advance(double tolerance, unsigned maxIterations, unsigned steps,
+                             const Watcher& watcher) {
+    const TimedScope timed(_result.wallTime);
     const double sourceNorm = std::sqrt(static_cast<double>(_nx) * _ny);
-    Result result;
-    double oldSquare = 0.0;
-    double oldStep = 0.0;
-    while (true) {
+    for (unsigned done = 0; done < steps; ++done) {
         multiply(_residual, _residualProduct);
-        const auto [localSquare, localProduct] = products(_residual, _residualProduct);
-        std::array<double, 2> sums{localSquare, localProduct};
+        std::array<double, 2> sums = products(_residual, _residualProduct);
         addUp(sums);
         const auto [square, product] = sums;
 
         const double residual = std::sqrt(square) / sourceNorm;
-        result.converged = residual <= tolerance;
-        if (result.converged || result.iterations == maxIterations)
-            break;
-        watcher(result.iterations, residual);
+        _result.converged = residual <= tolerance;
+        if (_result.converged || _result.iterations == maxIterations)
+            return true;
+        watcher(_result.iterations, residual);
 
-        const double conjugation = result.iterations == 0 ? 0.0 : square / oldSquare;
+        const double conjugation = _result.iterations == 0 ? 0.0 : square / _oldSquare;
         const double step =
-            square / (result.iterations == 0 ? product : product - conjugation * square / oldStep);
+            square / (_result.iterations == 0 ? product : product - conjugation * square / _oldStep);
         scaleAndAdd(_residual, conjugation, _direction);
         scaleAndAdd(_residualProduct, conjugation, _directionProduct);
         addScaled(_direction, step, _u);
         addScaled(_directionProduct, -step, _residual);
-        oldSquare = square;
-        oldStep = step;
-        ++result.iterations;
+        _oldSquare = square;
+        _oldStep = step;
+        ++_result.iterations;
     }
-    result.wallTime = stopwatch.seconds();
-    result.communicationTime = _communicationTime;
-    measure(result);
-    return result;
+    return false;
+}
+
+HeatConduction::Result HeatConduction::getResult() {
+    _result.communicationTime = _communicationTime;
+    measure(_result);
+    return _result;
 }
 
 void HeatConduction::multiply(GridField& in, GridField& out) {
@@ -145,8 +178,10 @@ void HeatConduction::multiply(GridField& in, GridField& out) {
         const TimedScope communication(_communicationTime);
         _halo.begin(in);
     }
-    for (int j = 1; j < lastY; ++j)
-        multiplyRow(in, out, j, 1, lastX);
+    forRows([&](int first, int end, std::size_t) {
+        for (int j = std::max(first, 1); j < std::min(end, lastY); ++j)
+            multiplyRow(in, out, j, 1, lastX);
+    });
     {
         const TimedScope communication(_communicationTime);
         _halo.end(in);

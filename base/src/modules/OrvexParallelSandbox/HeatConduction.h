@@ -3,7 +3,9 @@
 #include "modules/OrvexParallelSandbox/GridBlock.h"
 #include "modules/OrvexParallelSandbox/GridField.h"
 
+#include <array>
 #include <functional>
+#include <vector>
 
 class Communicator;
 
@@ -33,18 +35,31 @@ public:
 
     /// @param nx, ny        inner points along x and y
     /// @param communicator  the ranks of the grid; null for a process alone
+    /// @param threads       of each rank: above 1 inside a hybrid context only
     /// @throw InputError on all ranks when the grid has fewer points than ranks along an axis
-    HeatConduction(unsigned nx, unsigned ny, Communicator* communicator);
+    HeatConduction(unsigned nx, unsigned ny, Communicator* communicator, unsigned threads = 1);
+    /// Ranks of one host give their borders to each other by memory that they share. Before the solution.
+    void shareMemory();
 
     const GridBlock& getBlock() const { return _block; }
     /// Solves from u = 0 until the residual is down to `tolerance` or `maxIterations` are done. Once.
     Result solve(double tolerance, unsigned maxIterations, const Watcher& watcher);
+    /// The same in parts: goes on by at most `steps` iterations. @return whether it is done
+    bool advance(double tolerance, unsigned maxIterations, unsigned steps, const Watcher& watcher);
+    /// What came of it, when it is done.
+    Result getResult();
     /// u in the middle of the plate as the exact solution has it.
     static double exactCentre();
 
 private:
     struct Totals;
 
+    /// Calls `operation(first, end, part)` for parts of this rank's rows, one for each thread.
+    template <class Operation>
+    void forRows(const Operation& operation) const;
+    std::array<double, 2> products(const GridField& a, const GridField& b) const;
+    void scaleAndAdd(const GridField& from, double factor, GridField& to) const;
+    void addScaled(const GridField& from, double factor, GridField& to) const;
     void multiply(GridField& in, GridField& out);
     void multiplyRow(const GridField& in, GridField& out, int j, int begin, int end) const;
     void measure(Result& result);
@@ -59,6 +74,10 @@ private:
     Communicator* _communicator;
     GridBlock _block;
     HaloExchange _halo;
+    unsigned _threads;
+    Result _result = {};
+    double _oldSquare = 0.0; ///< of the iteration before
+    double _oldStep = 0.0;
     double _communicationTime = 0.0;
     GridField _u;
     GridField _residual;

@@ -5,10 +5,13 @@
 #include "kernel/Properties.h"
 #include "kernel/Raise.h"
 #include "kernel/Task.h"
+#include "machine/Communicator.h"
 #include "machine/GlobalErrorCheck.h"
+#include "machine/HybridMpiThreadContext.h"
 #include "machine/Machine.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <iostream>
 #include <new>
@@ -31,6 +34,8 @@ struct Input {
     double tolerance = 1e-10;
     unsigned maxIterations = 0; ///< 0: ten times the points along both axes
     unsigned reportInterval = 50;
+    bool hybrid = false;
+    bool sharesMemory = false;
 
     explicit Input(const Properties& args) {
         read(args, "nx", nx);
@@ -41,12 +46,21 @@ struct Input {
         read(args, "tolerance", tolerance);
         read(args, "maxIterations", maxIterations);
         read(args, "reportInterval", reportInterval);
+        read(args, "hybrid", hybrid);
+        std::string way = MESSAGES;
+        read(args, "halo", way);
+        demand(way == MESSAGES || way == WINDOW, "halo", way, "\"messages\" or \"window\"");
+        sharesMemory = way == WINDOW;
+        demand(!hybrid || way == MESSAGES, "halo", way, "\"messages\" in hybrid mode");
         check();
         if (maxIterations == 0)
             maxIterations = 10 * (nx + ny);
     }
 
 private:
+    static constexpr const char* MESSAGES = "messages";
+    static constexpr const char* WINDOW = "window";
+
     template <class V>
     static void read(const Properties& args, const char* key, V& value) {
         value = args.getOr(key, value);
@@ -82,8 +96,10 @@ public:
 
     /// Collective, see Task::advance().
     void tell(unsigned iteration, double residual) {
-        if (_input.reportInterval != 0 && iteration % _input.reportInterval == 0)
+        if (_input.reportInterval != 0 && iteration >= _nextLine) {
             print(iteration, residual);
+            _nextLine = (iteration / _input.reportInterval + 1) * _input.reportInterval;
+        }
         // The residual rises now and then; the progress that was told doesn't fall.
         _furthest = std::max(_furthest, std::log(residual) / std::log(_input.tolerance));
         _task.advance(_furthest);
@@ -98,6 +114,7 @@ private:
 
     const Input& _input;
     Task _task;
+    unsigned _nextLine = 0; ///< iteration
     double _furthest = 0.0; ///< fraction of the way
 };
 
@@ -121,6 +138,60 @@ void answer(const Input& input, const GridBlock& block, const HeatConduction::Re
     response.set("timePerIteration", result.wallTime / std::max(result.iterations, 1u));
 }
 
+/// The plate on the ranks that have a part of it. Collective over the job.
+std::optional<HeatConduction> makePlate(const Input& input, bool takesPart, Communicator* ranks,
+                                        unsigned threads) {
+    std::optional<HeatConduction> plate;
+    try {
+        if (takesPart)
+            plate.emplace(input.nx, input.ny, ranks, threads);
+    } catch (const std::bad_alloc&) {
+        plate.reset();
+    }
+    ORVEX_GLOBAL_CHECK(plate.has_value() || !takesPart, GlobalCondition::ON_ALL,
+                       SystemError("There isn't enough memory for a grid of " + std::to_string(input.nx) +
+                                   " by " + std::to_string(input.ny) + " points"));
+    if (input.sharesMemory)
+        plate->shareMemory();
+    return plate;
+}
+
+void solvePlainly(const Input& input, Progress& progress, Properties& response) {
+    Communicator* const ranks = Machine::isParallel() ? &Machine::globalCommunicator() : nullptr;
+    std::optional<HeatConduction> plate = makePlate(input, true, ranks, 1);
+    const HeatConduction::Result result =
+        plate->solve(input.tolerance, input.maxIterations,
+                     [&](unsigned iteration, double residual) { progress.tell(iteration, residual); });
+    answer(input, plate->getBlock(), result, response);
+}
+
+/// One process of each host has a part of the grid, and as many threads as the host has ranks. All ranks
+/// come together now and then, to tell of the progress and to hear of a cancellation.
+void solveHybrid(const Input& input, Progress& progress, Properties& response) {
+    constexpr Machine::ShmemScope SCOPE = Machine::HOST_SCOPE;
+    constexpr unsigned STEPS = 25; // of a context
+    Communicator* const hosts = Machine::isParallel() ? Machine::hasSparseCommunicator(SCOPE) : nullptr;
+    const bool takesPart = Machine::isSerial() || hosts;
+    std::optional<HeatConduction> plate = makePlate(
+        input, takesPart, hosts && hosts->size() > 1 ? hosts : nullptr, HybridMachine(SCOPE).nLocalCore());
+    std::array<double, 3> state{1.0, 0.0, 0.0};
+    auto& [residual, iteration, isDone] = state;
+    while (isDone == 0.0) {
+        HybridMpiThreadContext::execute(SCOPE, [&](const HybridMachine&) {
+            const auto note = [&state](unsigned iterationNow, double residualNow) {
+                state[0] = residualNow;
+                state[1] = iterationNow;
+            };
+            state[2] = plate->advance(input.tolerance, input.maxIterations, STEPS, note) ? 1.0 : 0.0;
+        });
+        if (Machine::isParallel())
+            Machine::globalCommunicator().broadcast(state, Communicator::masterRank());
+        progress.tell(static_cast<unsigned>(iteration), residual);
+    }
+    HybridMpiThreadContext::execute(
+        SCOPE, [&](const HybridMachine&) { answer(input, plate->getBlock(), plate->getResult(), response); });
+}
+
 } // namespace
 
 SolveHeatConduction::SolveHeatConduction()
@@ -136,6 +207,12 @@ SolveHeatConduction::SolveHeatConduction()
             {"tolerance", "real", "relative residual to reach, between 0 and 1; 1e-10 by default", false},
             {"maxIterations", "unsigned", "when to give up; 0, the default: 10 (nx + ny)", false},
             {"reportInterval", "unsigned", "iterations between two lines of progress, 0: none; 50 by default",
+             false},
+            {"hybrid", "bool",
+             "one process with threads for each host in place of the ranks; false by default", false},
+            {"halo", "text",
+             "how ranks of one host give their borders to each other: \"messages\", the default, or "
+             "\"window\", by memory that they share",
              false}},
            {{"ranks", "unsigned", "ranks at work"},
             {"processGrid", "vector of unsigned", "columns and rows of ranks"},
@@ -154,19 +231,9 @@ SolveHeatConduction::SolveHeatConduction()
 
 void SolveHeatConduction::execute(const Properties& args, Properties& response) {
     const Input input(args);
-    Communicator* const ranks = Machine::isParallel() ? &Machine::globalCommunicator() : nullptr;
-    std::optional<HeatConduction> plate;
-    try {
-        plate.emplace(input.nx, input.ny, ranks);
-    } catch (const std::bad_alloc&) {
-        plate.reset();
-    }
-    ORVEX_GLOBAL_CHECK(plate.has_value(), GlobalCondition::ON_ALL,
-                       SystemError("There isn't enough memory for a grid of " + std::to_string(input.nx) +
-                                   " by " + std::to_string(input.ny) + " points"));
     Progress progress(input);
-    const HeatConduction::Result result =
-        plate->solve(input.tolerance, input.maxIterations,
-                     [&](unsigned iteration, double residual) { progress.tell(iteration, residual); });
-    answer(input, plate->getBlock(), result, response);
+    if (input.hybrid)
+        solveHybrid(input, progress, response);
+    else
+        solvePlainly(input, progress, response);
 }
