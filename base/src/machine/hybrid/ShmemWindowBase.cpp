@@ -68,6 +68,7 @@ void ShmemWindowBase::commonConstructor(Communicator& comm) {
 /// Without room some MPI libraries make the window all the same, others tell one rank and leave the rest
 /// waiting.
 void ShmemWindowBase::assertRoom(Communicator& comm) const {
+    comm.synchronise(); // all ranks have given up the windows before
     unsigned long long available = 0;
     if (_rank == 0)
         available = Platform::memory().getFreeSharedMemory();
