@@ -6,6 +6,7 @@
 #include "machine/Machine.h"
 #include "machine/checks/CollectiveCheck.h"
 #include "machine/ground/RankList.h"
+#include "machine/hybrid/HostMeeting.h"
 #include "machine/messages/CollectiveHistory.h"
 #include "machine/messages/OperationRecord.h"
 #include "machine/start/StopLimit.h"
@@ -28,6 +29,9 @@
 #include <vector>
 
 namespace {
+
+constexpr MessageOperation AWAIT_COMMAND{"CommandController::awaitCommand", CommunicatorStatistics::GLOBAL,
+                                         true, Collective::SLEEPING_SYNCHRONISE};
 
 /// The name of the command that gave `response`: the command may have put something else in its place.
 std::string commandIn(const Properties& response) {
@@ -378,7 +382,7 @@ void CommandController::scatterCommand(Properties& command) const {
     Communicator& ranks = Machine::commandCommunicator();
     std::string text = command.toString();
     if (!_spinWait)
-        ranks.noSpinSynchronise(1.0);
+        HostMeeting::meet(ranks, AWAIT_COMMAND, false, 1.0);
     ranks.broadcast(text, Communicator::masterRank());
     command = Properties(text);
     OperationRecord::beginCommand(Command::getCommandName(command));

@@ -74,13 +74,13 @@ void HostMeeting::makeWords() {
     _window->fence();
 }
 
-bool HostMeeting::meet(const MessageOperation& operation, bool isMarked, double spinTime) {
+bool HostMeeting::meet(Communicator& ranks, const MessageOperation& operation, bool isMarked,
+                       double spinTime) {
     MessageGate::pass();
-    CollectiveHistory::of(MachineGround::globalCommunicator())
-        .note(CollectiveHistory::wordOf(operation.collective, 0));
+    CollectiveHistory::of(ranks).note(CollectiveHistory::wordOf(operation.collective, 0));
     const OperationRecord::Composite recorded(operation);
     return _current && _current->_words ? _current->meetByMemory(isMarked, spinTime)
-                                        : meetByMessages(isMarked, spinTime);
+                                        : meetByMessages(ranks, isMarked, spinTime);
 }
 
 bool HostMeeting::meetByMemory(bool isMarked, double spinTime) {
@@ -115,11 +115,10 @@ void HostMeeting::lead(double spinTime) {
     Futex::wakeAll(_words->generation);
 }
 
-bool HostMeeting::meetByMessages(bool isMarked, double spinTime) {
-    Communicator& all = MachineGround::globalCommunicator();
-    all.noSpinSynchronise(spinTime);
+bool HostMeeting::meetByMessages(Communicator& ranks, bool isMarked, double spinTime) {
+    ranks.noSpinSynchronise(spinTime);
     unsigned result = isMarked ? 1 : 0;
-    all.allReduce(result, Communicator::MAX);
+    ranks.allReduce(result, Communicator::MAX);
     return result != 0;
 }
 

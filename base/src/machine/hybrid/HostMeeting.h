@@ -28,11 +28,12 @@ public:
 
     /// Returns when all ranks have called it: in the place that is made, or else by messages. Collective over
     /// the job.
+    /// @param ranks      all ranks of the job: the communicator that they meet on
     /// @param operation  as the record of operations shows it
     /// @param isMarked   this rank has something to tell
     /// @param spinTime   [s] that a rank looks without a sleep
     /// @return whether any rank was marked
-    static bool meet(const MessageOperation& operation, bool isMarked, double spinTime);
+    static bool meet(Communicator& ranks, const MessageOperation& operation, bool isMarked, double spinTime);
 
 private:
     using Word = std::atomic<std::uint32_t>;
@@ -40,7 +41,7 @@ private:
 
     void makeWords();
     bool meetByMemory(bool isMarked, double spinTime);
-    static bool meetByMessages(bool isMarked, double spinTime);
+    static bool meetByMessages(Communicator& ranks, bool isMarked, double spinTime);
     void lead(double spinTime);
     template <class Condition>
     static void await(const Word& word, double spinTime, Condition isDone);

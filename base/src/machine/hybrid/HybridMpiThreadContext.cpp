@@ -57,9 +57,9 @@ std::string describe(const std::exception_ptr& failure) {
 /// Returns when all ranks are here. Collective.
 /// @param failure  what left the work on this rank
 void leave(const std::exception_ptr& failure, const std::string& name) {
-    if (!HostMeeting::meet(LEAVE, failure != nullptr, 0.0))
-        return;
     Communicator& ranks = MachineGround::globalCommunicator();
+    if (!HostMeeting::meet(ranks, LEAVE, failure != nullptr, 0.0))
+        return;
     unsigned failed = failure ? ranks.myRank() : ranks.size();
     ranks.allReduce(failed, Communicator::MIN);
     std::string text;

@@ -292,7 +292,8 @@ TEST_F(HybridContext, RanksThatWaitMeetAndHearOfAMark) {
             const bool isMarked = (state >> 8) % 3 == 0;
             if (late == _me && round % 50 == 0)
                 std::this_thread::sleep_for(std::chrono::milliseconds(20));
-            EXPECT_EQ(HostMeeting::meet(MEET, isMarked && late == _me, round % 2 == 0 ? 0.0 : 0.001),
+            EXPECT_EQ(HostMeeting::meet(Machine::globalCommunicator(), MEET, isMarked && late == _me,
+                                        round % 2 == 0 ? 0.0 : 0.001),
                       isMarked);
         }
     }
