@@ -188,6 +188,10 @@ public:
     /// @throw InternalError when the driver module can't be used, or when there is a host already
     /// @throw NonRecoverableError when MPI doesn't start; the reason is on the standard error stream
     void startCommunicators(int& argc, char*** argv, std::map<std::string, unsigned>& consumed);
+    /// Gives the ranks communicators along the hardware, and one thread in OpenMP and the mathematical
+    /// libraries: hybrid contexts and shared-memory windows need it. Behind startCommunicators(); part of
+    /// main(), where the processes are bound before. Collective over the job; in a serial process local.
+    void startSharedMemory();
     /// Destroys the host and the communicators and ends the message layer. Collective over the global
     /// communicator, main thread; a serial process only loses its host, and a second call does nothing there.
     void stopCommunicators();

@@ -6,13 +6,11 @@
 #include "machine/Communicator.h"
 #include "machine/StandardStreamManager.h"
 #include "machine/SynchronizedDynamicLoader.h"
-#include "machine/ThreadCount.h"
 #include "machine/Timer.h"
 #include "machine/commands/MachineCommands.h"
 #include "machine/failures/ParallelErrorHandler.h"
 #include "machine/files/ParallelConsoleBuf.h"
 #include "machine/ground/MachineOptions.h"
-#include "machine/hybrid/HostMeeting.h"
 #include "machine/start/LastWords.h"
 #include "machine/start/StopLimit.h"
 #include "machine/start/StopSignals.h"
@@ -83,12 +81,9 @@ void Machine::main(int argc, char** argv) {
     StopSignals::install();
     bindProcesses();
     resolveCpuContention();
-    if (isParallel()) {
-        buildShmemCommunicators();
-        _hostMeeting = std::make_unique<HostMeeting>();
+    startSharedMemory();
+    if (isParallel())
         warnOfMixedVectorization();
-    }
-    ThreadCount::setThreadCountsToOne(ThreadCount::OPENMP, ThreadCount::MKL | ThreadCount::MATH_OPENMP);
     SynchronizedDynamicLoader::getSingleton().nonStateLoad("OrvexScene");
     startParallelErrorHandler();
     startTimer();

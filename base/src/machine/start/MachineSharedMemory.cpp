@@ -8,6 +8,8 @@
 #include "machine/CpuTopology.h"
 #include "machine/MachineHost.h"
 #include "machine/MpiCore.h"
+#include "machine/ThreadCount.h"
+#include "machine/hybrid/HostMeeting.h"
 #include "machine/messages/CollectiveHistory.h"
 
 #include "kernel/Raise.h"
@@ -51,6 +53,14 @@ AffinityMask uniteBindings(Communicator& ranks, const CpuTopology& topology) {
 }
 
 } // namespace
+
+void Machine::startSharedMemory() {
+    if (isParallel()) {
+        buildShmemCommunicators();
+        _hostMeeting = std::make_unique<HostMeeting>();
+    }
+    ThreadCount::setThreadCountsToOne(ThreadCount::OPENMP, ThreadCount::MKL | ThreadCount::MATH_OPENMP);
+}
 
 void Machine::buildShmemCommunicators() {
     ORVEX_ASSERT_AS(_ground.host, "_host", "host not built yet");
