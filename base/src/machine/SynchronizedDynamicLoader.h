@@ -27,10 +27,16 @@ public:
     /// @throw SystemError as load() does
     void nonStateLoad(const std::string& module);
 
+    /// Called on each rank, on the main thread, when a module has come with all that it needs; null:
+    /// nothing is called. Inside this library.
+    using LoadedCallback = void (*)();
+    static void setLoadedCallback(LoadedCallback callback) { _loadedCallback = callback; }
+
 private:
     /// @throw InternalError when there is one already
     SynchronizedDynamicLoader();
     ~SynchronizedDynamicLoader() = default;
 
     static SynchronizedDynamicLoader* _singleton;
+    static LoadedCallback _loadedCallback;
 };

@@ -52,6 +52,14 @@ class Consumer(Case):
                 text = self.must(*launcher, program, *words, env=self.room.environment(), cwd=self.room.work)
                 self.assertRegex(text, rf"(?m)^{ranks} ranks, \d+ sweeps, largest error ")
 
+    def test_hybrid(self):
+        for launcher, words, ranks in [([], ["-s"], 1)] + [
+                ([*LAUNCHERS[mpi], "2"], ["-mpi", DRIVERS[mpi]], 2) for mpi in MPIS]:
+            with self.subTest(words=words):
+                text = self.must(*launcher, self.top / "build/hybrid_sum", *words, env=self.room.environment(),
+                                 cwd=self.room.work)
+                self.assertIn(f"pi = 3.14159 with {ranks} threads on each of 1 processes\n", text)
+
     def test_files(self):
         table = self.room.work / "table.txt"
         table.write_text("1001\n0 1\n0.25 2\n0.5 0\n1 4\n")

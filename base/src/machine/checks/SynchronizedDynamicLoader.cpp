@@ -7,6 +7,7 @@
 #include "kernel/SingletonCleaner.h"
 
 SynchronizedDynamicLoader* SynchronizedDynamicLoader::_singleton = nullptr;
+SynchronizedDynamicLoader::LoadedCallback SynchronizedDynamicLoader::_loadedCallback = nullptr;
 
 namespace {
 
@@ -45,11 +46,15 @@ bool SynchronizedDynamicLoader::isLoaded(const std::string& module) {
 void SynchronizedDynamicLoader::load(const std::string& module) {
     std::string reason;
     const bool loaded = DynamicLoader::getSingleton().loadNoAssert(module, reason);
+    if (_loadedCallback)
+        _loadedCallback();
     assertLoadedOnAll(loaded, module, reason);
 }
 
 void SynchronizedDynamicLoader::nonStateLoad(const std::string& module) {
     std::string reason;
     const bool loaded = DynamicLoader::getSingleton().nonStateLoadNoAssert(module, reason);
+    if (_loadedCallback)
+        _loadedCallback();
     assertLoadedOnAll(loaded, module, reason);
 }

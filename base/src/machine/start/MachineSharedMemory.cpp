@@ -8,11 +8,13 @@
 #include "machine/CpuTopology.h"
 #include "machine/MachineHost.h"
 #include "machine/MpiCore.h"
+#include "machine/SynchronizedDynamicLoader.h"
 #include "machine/ThreadCount.h"
 #include "machine/hybrid/HostMeeting.h"
 #include "machine/messages/CollectiveHistory.h"
 
 #include "kernel/Raise.h"
+#include "kernel/ThreadParallelContext.h"
 
 #include <algorithm>
 #include <numeric>
@@ -52,6 +54,11 @@ AffinityMask uniteBindings(Communicator& ranks, const CpuTopology& topology) {
     return topology.getLpuMask(lpusOfAll);
 }
 
+void setThreadCountsToOne() {
+    if (!ThreadParallelContext::_threadParallelContext)
+        ThreadCount::setThreadCountsToOne(ThreadCount::OPENMP, ThreadCount::MKL | ThreadCount::MATH_OPENMP);
+}
+
 } // namespace
 
 void Machine::startSharedMemory() {
@@ -59,7 +66,8 @@ void Machine::startSharedMemory() {
         buildShmemCommunicators();
         _hostMeeting = std::make_unique<HostMeeting>();
     }
-    ThreadCount::setThreadCountsToOne(ThreadCount::OPENMP, ThreadCount::MKL | ThreadCount::MATH_OPENMP);
+    setThreadCountsToOne();
+    SynchronizedDynamicLoader::setLoadedCallback(&setThreadCountsToOne); // a module may bring libraries
 }
 
 void Machine::buildShmemCommunicators() {
