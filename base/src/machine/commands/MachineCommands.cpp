@@ -11,6 +11,7 @@
 #include "machine/SynchronizedDynamicLoader.h"
 #include "machine/commands/FloatingPointCommands.h"
 #include "machine/commands/HybridCommands.h"
+#include "machine/commands/MpiStatisticsCommands.h"
 #include "machine/commands/SegmentationCommands.h"
 #include "machine/commands/TestCommands.h"
 
@@ -490,9 +491,11 @@ void registerMachineCommands() {
     controller.registerCommand(new EnableProcessLogFile);
     controller.registerCommand(new EnableSlaveCout);
     controller.registerCommand(new EnableMpiDriverTracing);
+    registerEnableMpiStatistics(controller);
     controller.registerCommand(new EnableCommunicationTimer);
     controller.registerCommand(new GetCommunicationTimes);
     controller.registerCommand(new GetTimes);
+    registerReportMpiStatistics(controller);
     controller.registerCommand(new GetSystemInformation);
     controller.registerCommand(new GetHosts);
     controller.registerCommand(new PerformPerformanceTest);

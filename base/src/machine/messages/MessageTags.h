@@ -12,6 +12,8 @@ namespace MessageTags {
 constexpr int SENDRECV = 0;
 constexpr int SELF_TEST = 0;
 constexpr int SYNCHRONISE = 1022;
+/// The last tag of users: reports use the operations of users.
+constexpr unsigned REPORTS = Communicator::Tag::upper_bound() - 1;
 
 /// Both MPI libraries carry far larger tags than this.
 constexpr int FIRST_OWN = Communicator::Tag::upper_bound() + 1;

@@ -4,6 +4,7 @@
 
 #include "machine/CommandController.h"
 #include "machine/Communicator.h"
+#include "machine/MpiStatisticsManager.h"
 #include "machine/StandardStreamManager.h"
 #include "machine/SynchronizedDynamicLoader.h"
 #include "machine/Timer.h"
@@ -176,6 +177,7 @@ void Machine::abortRole(const std::string& text, const std::string& reason) {
 
 void Machine::stopLogger() {
     EventTracker::getSingleton().getEventLoggerManager().report();
+    MpiStatisticsManager::reportAtEnd();
     EventTracker::reset();
 }
 
