@@ -499,6 +499,7 @@ void registerMachineCommands() {
     controller.registerCommand(new GetSystemInformation);
     controller.registerCommand(new GetHosts);
     controller.registerCommand(new PerformPerformanceTest);
+    registerMpiStressTest(controller);
     controller.registerCommand(new LoadParallelSandBox);
     controller.registerCommand(new GetMpiVersion);
     controller.registerCommand(new GetNumberOfWorkers);

@@ -1,12 +1,17 @@
 #include "machine/commands/MpiStatisticsCommands.h"
 
+#include "machine/MachineGround.h"
 #include "machine/MpiStatisticsManager.h"
+#include "machine/reports/MpiStressTester.h"
 
 #include "kernel/Command.h"
 #include "kernel/Controller.h"
 #include "kernel/Error.h"
 #include "kernel/Properties.h"
 #include "kernel/Raise.h"
+
+#include <string>
+#include <vector>
 
 namespace {
 
@@ -42,6 +47,35 @@ public:
     }
 };
 
+class PerformPerformanceMpiStressTest : public Command {
+public:
+    PerformPerformanceMpiStressTest()
+        : Command({"Measures time and bandwidth of messages by pattern and length, in a parallel job.",
+                   {{"nSamples", "unsigned", "repetitions of each pattern, at least 1; 20 by default", false},
+                    {"messageLengths", "vector of unsigned", "[bytes]; 14 up to 9600000 by default", false},
+                    {"testNames", "vector of text", "the patterns; all by default", false}},
+                   {{"Message Lengths", "vector of unsigned", "[bytes]; only in a parallel job", false},
+                    {"Number Samples", "unsigned", "repetitions; only in a parallel job", false},
+                    {"Results", "vector of properties",
+                     "for each pattern its name, times [s] and bandwidths [bytes/s]; only in a parallel job",
+                     false}}}) {}
+    std::string getName() const override { return "PerformPerformanceMpiStressTest"; }
+    void execute(const Properties& args, Properties& response) override {
+        const unsigned nSamples = args.getOr("nSamples", 20u);
+        if (nSamples == 0)
+            raise(InputError("\"nSamples\" must be at least 1"));
+        if (MachineGround::isSerial())
+            return;
+        const std::vector<unsigned> lengths = args.getOr("messageLengths", DEFAULT_LENGTHS);
+        MpiStressTester tester(MachineGround::globalCommunicator(), nSamples, lengths);
+        tester.runStressTests(args.getOr("testNames", std::vector<std::string>()), response);
+    }
+
+private:
+    static inline const std::vector<unsigned> DEFAULT_LENGTHS{
+        0, 8, 32, 96, 320, 1000, 3200, 10000, 32000, 100000, 320000, 1000000, 3200000, 9600000};
+};
+
 } // namespace
 
 void registerEnableMpiStatistics(Controller& controller) {
@@ -50,4 +84,8 @@ void registerEnableMpiStatistics(Controller& controller) {
 
 void registerReportMpiStatistics(Controller& controller) {
     controller.registerCommand(new ReportMpiStatistics);
+}
+
+void registerMpiStressTest(Controller& controller) {
+    controller.registerCommand(new PerformPerformanceMpiStressTest);
 }

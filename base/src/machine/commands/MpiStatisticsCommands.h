@@ -2,7 +2,8 @@
 
 class Controller;
 
-/// "EnableMpiStatistics" and "ReportMpiStatistics" have their own places in the order of the commands: two
-/// calls.
+/// "EnableMpiStatistics", "ReportMpiStatistics" and "PerformPerformanceMpiStressTest". Each has its own place
+/// in the order of the commands: three calls.
 void registerEnableMpiStatistics(Controller& controller);
 void registerReportMpiStatistics(Controller& controller);
+void registerMpiStressTest(Controller& controller);
