@@ -4,6 +4,7 @@
 #include "kernel/Task.h"
 #include "machine/Communicator.h"
 #include "machine/GlobalCondition.h"
+#include "machine/MpiStatisticsManager.h"
 
 #include <set>
 #include <string>
@@ -67,6 +68,11 @@ private:
             _comm.enableCommunicationTimer(true);
             pingPong(_comm, _buffer, bytes, n);
             _comm.enableCommunicationTimer(false);
+        });
+        _harness.addCase("with statistics", [this, bytes](int n) {
+            MpiStatisticsManager::enable(false);
+            pingPong(_comm, _buffer, bytes, n);
+            MpiStatisticsManager::disable(false);
         });
     }
 

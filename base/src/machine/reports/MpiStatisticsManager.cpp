@@ -33,10 +33,7 @@ public:
     }
 };
 
-Recorder& recorder() {
-    static Recorder object;
-    return object;
-}
+constinit Recorder recorder;
 
 std::size_t findClass(unsigned bytes) {
     std::size_t found = Manager::NUMBER_CLASSES - 1;
@@ -121,11 +118,11 @@ void MpiStatisticsManager::destroySingleton() {
 }
 
 bool MpiStatisticsManager::isEnabled() {
-    return CommunicatorStatistics::getInstalled() == &recorder();
+    return CommunicatorStatistics::getInstalled() == &recorder;
 }
 
 void MpiStatisticsManager::enable(bool verbose) {
-    CommunicatorStatistics::install(&recorder());
+    CommunicatorStatistics::install(&recorder);
     if (verbose)
         std::cout << "Enabling MPI statistics collection" << std::endl;
 }
