@@ -13,6 +13,14 @@ bool isMainThread() {
     return !MessagingGate::has(MessagingGate::NOT_MAIN_THREAD);
 }
 
+/// The place of a pair of names among `places`, by their addresses.
+std::size_t placeOf(const char* first, const char* second, std::size_t places) {
+    constexpr std::uintptr_t SPREAD = 0x9E3779B97F4A7C15;
+    const auto a = reinterpret_cast<std::uintptr_t>(first);
+    const auto b = reinterpret_cast<std::uintptr_t>(second);
+    return ((a * SPREAD + b) * SPREAD >> 32) % places;
+}
+
 std::string makeKey(const std::string& first, const std::string& second) {
     return first + EventLoggerManager::FIELD_TAG + second;
 }
@@ -86,6 +94,25 @@ void EventLoggerManager::stopEventLog(const std::string& name) {
     stopEventLog(name, std::string());
 }
 
+void EventLoggerManager::startEventLog(const char* first, const char* second) {
+    if (!_isOn || !isMainThread())
+        return;
+    Remembered& names = recall(first, second);
+    if (names.logger == nullptr)
+        names = {first, second, createEventLogger(first, second)};
+    names.logger->start();
+}
+
+void EventLoggerManager::stopEventLog(const char* first, const char* second) {
+    if (!isMainThread())
+        return;
+    EventLogger* logger = recall(first, second).logger;
+    if (logger == nullptr)
+        logger = getEventLogger(first, second);
+    if (logger != nullptr)
+        logger->stop();
+}
+
 void EventLoggerManager::report() {}
 
 void EventLoggerManager::switchOn() {
@@ -112,7 +139,18 @@ EventLoggerManager::EventLogger* EventLoggerManager::getEventLogger(const std::s
 }
 
 EventLoggerManager::EventLogger* EventLoggerManager::addEventLogger(std::unique_ptr<EventLogger> logger) {
+    _remembered.fill({}); // it may hold the one that is replaced
     std::unique_ptr<EventLogger>& entry = _loggers[logger->getKey()];
     entry = std::move(logger);
     return entry.get();
+}
+
+EventLoggerManager::Remembered& EventLoggerManager::recall(const char* first, const char* second) {
+    Remembered& names = _remembered[placeOf(first, second, NUMBER_REMEMBERED)];
+    // The text at an address may have changed since.
+    if (names.logger != nullptr &&
+        (names.first != first || names.second != second || names.logger->getFirstName() != first ||
+         names.logger->getSecondName() != second))
+        names = {};
+    return names;
 }

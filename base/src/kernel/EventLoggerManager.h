@@ -2,6 +2,8 @@
 
 #include "kernel/KernelExport.h"
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -76,6 +78,10 @@ public:
     virtual void switchOff();
     /// The logger of the event, made and entered if there was none.
     virtual EventLogger* createEventLogger(const std::string& first, const std::string& second);
+    /// The same as with strings. An event that is known costs neither memory nor a search: the manager
+    /// remembers the addresses of names.
+    virtual void startEventLog(const char* first, const char* second);
+    virtual void stopEventLog(const char* first, const char* second);
 
     bool isOn() const { return _isOn; }
     /// By key, in key order.
@@ -88,6 +94,18 @@ protected:
     EventLogger* addEventLogger(std::unique_ptr<EventLogger> logger);
 
 private:
+    /// The logger of two names at these addresses.
+    struct Remembered {
+        const char* first = nullptr;
+        const char* second = nullptr;
+        EventLogger* logger = nullptr;
+    };
+    static constexpr std::size_t NUMBER_REMEMBERED = 256;
+
+    /// Its logger is null when these names aren't remembered.
+    Remembered& recall(const char* first, const char* second);
+
     EventLoggers _loggers;
+    std::array<Remembered, NUMBER_REMEMBERED> _remembered{};
     bool _isOn = false;
 };
