@@ -25,6 +25,9 @@ public:
     /// outlive the timer and its copies. A serial process doesn't use it
     explicit Timer(Communicator* communicator = nullptr);
     explicit Timer(WallTimerType type, Communicator* communicator = nullptr);
+    /// On clocks of the caller's, for example those of a test; both are stopped at first.
+    Timer(std::unique_ptr<WallTimer> wallClock, std::unique_ptr<WallTimer> processorClock,
+          Communicator* communicator = nullptr);
     Timer(const Timer& other);
     Timer& operator=(const Timer& other);
     ~Timer();
@@ -86,6 +89,7 @@ private:
     std::unique_ptr<WallTimer> _wallTimer;
     double _wallTime = 0.0;
     Platform::ProcessorStamp _cpuStamp;
+    std::unique_ptr<WallTimer> _cpuTimer; ///< null: the system's processor time
     double _cpuTime = 0.0;
     bool _cpuRunning = false;
     Communicator* _communicator; ///< not owned; null in a serial process

@@ -9,6 +9,7 @@
 #include "machine/MpiCore.h"
 #include "machine/StandardStreamManager.h"
 #include "machine/SynchronizedDynamicLoader.h"
+#include "machine/TimeLoggerManager.h"
 #include "machine/commands/FloatingPointCommands.h"
 #include "machine/commands/HybridCommands.h"
 #include "machine/commands/MpiStatisticsCommands.h"
@@ -27,6 +28,7 @@
 #include <cstdint>
 #include <iostream>
 #include <limits>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -59,6 +61,47 @@ public:
     ReportLogging() : Command({"Writes the report of the event logging.", {}, {}}) {}
     std::string getName() const override { return "ReportLogging"; }
     void execute(const Properties&, Properties&) override { eventLoggerManager().report(); }
+};
+
+/// Puts `manager` in the place of the one that is installed.
+template <class Manager>
+void installEventLoggerManager(std::unique_ptr<Manager> manager, const char* line) {
+    std::cout << line << std::endl;
+    manager->EventLoggerManager::operator=(eventLoggerManager());
+    EventTracker::getSingleton().setEventLoggerManager(manager.release());
+}
+
+class ChangeEventLoggerManager : public Command {
+public:
+    ChangeEventLoggerManager()
+        : Command({"Chooses what the event logging measures.",
+                   {{"type", "text", "\"timer\", or \"null\": the number of events only"},
+                    {THRESHOLD_KEY, "real",
+                     "timer: the part of the sampled time that an event must exceed to be reported, 0.01",
+                     false}},
+                   {}}) {}
+    std::string getName() const override { return "ChangeEventLoggerManager"; }
+    void execute(const Properties& args, Properties&) override {
+        const std::string type = args.getString("type");
+        if (type == "timer")
+            install<TimeLoggerManager>(args, "Installing Time Logging");
+        else if (type == "null")
+            installEventLoggerManager(std::make_unique<EventLoggerManager>(), "Installing NUll Logging");
+        else
+            std::cout << "Cannot find event logger of type : " << type << std::endl;
+    }
+
+private:
+    /// Nothing happens when the manager is one already.
+    template <class Manager>
+    static void install(const Properties& args, const char* line) {
+        const double threshold =
+            args.hasName(THRESHOLD_KEY) ? args.getReal(THRESHOLD_KEY) : Manager::DEFAULT_THRESHOLD;
+        if (dynamic_cast<Manager*>(&eventLoggerManager()) == nullptr)
+            installEventLoggerManager(std::make_unique<Manager>(threshold), line);
+    }
+
+    static constexpr const char* THRESHOLD_KEY = "threshold";
 };
 
 class GetProcessFileName : public QueryCommand {
@@ -486,6 +529,7 @@ void registerMachineCommands() {
     Controller& controller = Controller::getSingleton();
     controller.registerCommand(new EnableEventLogging);
     controller.registerCommand(new ReportLogging);
+    controller.registerCommand(new ChangeEventLoggerManager);
     controller.registerCommand(new GetProcessFileName);
     controller.registerCommand(new SetDevErrorChecking);
     controller.registerCommand(new EnableProcessLogFile);

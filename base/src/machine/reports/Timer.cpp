@@ -1,6 +1,7 @@
 #include "machine/Timer.h"
 
 #include "machine/Communicator.h"
+#include "machine/EventLoggerReporter.h"
 #include "machine/MachineGround.h"
 #include "machine/messages/MpiWallTimer.h"
 
@@ -8,8 +9,8 @@
 #include "platform/Time.h"
 #include "platform/WallTimer.h"
 
-#include <cmath>
 #include <iostream>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -20,6 +21,10 @@ Communicator* chooseCommunicator(Communicator* communicator) {
     return communicator ? communicator : &MachineGround::globalCommunicator();
 }
 
+std::unique_ptr<WallTimer> copyOf(const std::unique_ptr<WallTimer>& clock) {
+    return clock ? clock->clone() : nullptr;
+}
+
 } // namespace
 
 Timer::Timer(Communicator* communicator) : Timer(DEFAULT_WALL_TIMER, communicator) {}
@@ -27,9 +32,15 @@ Timer::Timer(Communicator* communicator) : Timer(DEFAULT_WALL_TIMER, communicato
 Timer::Timer(WallTimerType type, Communicator* communicator)
     : _wallTimer(createWallTimer(type)), _communicator(chooseCommunicator(communicator)) {}
 
+Timer::Timer(std::unique_ptr<WallTimer> wallClock, std::unique_ptr<WallTimer> processorClock,
+             Communicator* communicator)
+    : _wallTimer(std::move(wallClock)), _cpuTimer(std::move(processorClock)),
+      _communicator(chooseCommunicator(communicator)) {}
+
 Timer::Timer(const Timer& other)
     : _wallTimer(other._wallTimer->clone()), _wallTime(other._wallTime), _cpuStamp(other._cpuStamp),
-      _cpuTime(other._cpuTime), _cpuRunning(other._cpuRunning), _communicator(other._communicator) {}
+      _cpuTimer(copyOf(other._cpuTimer)), _cpuTime(other._cpuTime), _cpuRunning(other._cpuRunning),
+      _communicator(other._communicator) {}
 
 Timer& Timer::operator=(const Timer& other) {
     if (this == &other)
@@ -37,6 +48,7 @@ Timer& Timer::operator=(const Timer& other) {
     _wallTimer = other._wallTimer->clone();
     _wallTime = other._wallTime;
     _cpuStamp = other._cpuStamp;
+    _cpuTimer = copyOf(other._cpuTimer);
     _cpuTime = other._cpuTime;
     _cpuRunning = other._cpuRunning;
     _communicator = other._communicator;
@@ -68,7 +80,10 @@ void Timer::startWallTimer() {
 }
 
 void Timer::startCpuTimer() {
-    Platform::time().stampProcessorTime(_cpuStamp);
+    if (_cpuTimer)
+        _cpuTimer->start();
+    else
+        Platform::time().stampProcessorTime(_cpuStamp);
     _cpuRunning = true;
 }
 
@@ -124,7 +139,11 @@ double Timer::getElapsedWallTime() const {
 }
 
 double Timer::getElapsedCpuTime() const {
-    return Platform::time().getElapsedProcessorTime(_cpuStamp);
+    if (!_cpuTimer)
+        return Platform::time().getElapsedProcessorTime(_cpuStamp);
+    double dt = 0.0;
+    _cpuTimer->getElapsedTime(dt);
+    return dt;
 }
 
 double Timer::getWallTime() const {
@@ -196,18 +215,5 @@ double Timer::getStandardDeviation(double value) const {
     Communicator& communicator = checkCommunicator();
     std::vector<double> values;
     communicator.gather(value, values, Communicator::_master);
-    if (values.empty())
-        return 0.0;
-    // Taken from the first value, the sums of equal times are exact, and so their deviation is exactly 0.
-    double sum = 0.0;
-    double sumOfSquares = 0.0;
-    for (const double each : values) {
-        const double difference = each - values.front();
-        sum += difference;
-        sumOfSquares += difference * difference;
-    }
-    const auto n = static_cast<double>(values.size());
-    const double mean = sum / n;
-    const double variance = sumOfSquares / n - mean * mean;
-    return variance > 0.0 ? std::sqrt(variance) : 0.0;
+    return EventLoggerReporter::getStandardDeviation(values);
 }
