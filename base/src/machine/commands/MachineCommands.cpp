@@ -6,6 +6,7 @@
 #include "machine/GlobalErrorCheck.h"
 #include "machine/Machine.h"
 #include "machine/MachineHost.h"
+#include "machine/MemoryLoggerManager.h"
 #include "machine/MpiCore.h"
 #include "machine/StandardStreamManager.h"
 #include "machine/SynchronizedDynamicLoader.h"
@@ -75,9 +76,10 @@ class ChangeEventLoggerManager : public Command {
 public:
     ChangeEventLoggerManager()
         : Command({"Chooses what the event logging measures.",
-                   {{"type", "text", "\"timer\", or \"null\": the number of events only"},
+                   {{"type", "text", "\"timer\", \"memory\", or \"null\": the number of events only"},
                     {THRESHOLD_KEY, "real",
-                     "timer: the part of the sampled time that an event must exceed to be reported, 0.01",
+                     "timer: the part of the sampled time that an event must exceed to be reported, 0.01; "
+                     "memory: the MB, 1.0",
                      false}},
                    {}}) {}
     std::string getName() const override { return "ChangeEventLoggerManager"; }
@@ -85,6 +87,8 @@ public:
         const std::string type = args.getString("type");
         if (type == "timer")
             install<TimeLoggerManager>(args, "Installing Time Logging");
+        else if (type == "memory")
+            install<MemoryLoggerManager>(args, "Installing Memory Logging");
         else if (type == "null")
             installEventLoggerManager(std::make_unique<EventLoggerManager>(), "Installing NUll Logging");
         else
