@@ -24,7 +24,7 @@ public:
     /// The time of one event: from its outermost start to its outermost stop.
     class ORVEX_MACHINE_EXPORT TimerEventLogger : public EventLogger {
     public:
-        TimerEventLogger(const std::string& first, const std::string& second, Timer timer);
+        TimerEventLogger(const std::string& first, const std::string& second, const Timer& timer);
         ~TimerEventLogger() override;
         /// Both with the open interval up to now. [s]
         double getWallTime() const { return _timer.getWallTime(); }

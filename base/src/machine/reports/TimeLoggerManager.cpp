@@ -28,7 +28,7 @@ double toPercent(double part, double total) {
 // ---- An event.
 
 TimeLoggerManager::TimerEventLogger::TimerEventLogger(const std::string& first, const std::string& second,
-                                                      Timer timer)
+                                                      const Timer& timer)
     : EventLogger(first, second), _timer(timer) {}
 
 TimeLoggerManager::TimerEventLogger::~TimerEventLogger() {
