@@ -62,6 +62,8 @@ public:
 private:
     class ScatterCommandObserver;
     class GatherResponseObserver;
+    class SerialBeginObserver;
+    class SerialEndObserver;
     class PostExecuteFloatingPointErrorObserver;
     class CommandLoop;
     class SerialMasterCommandLoop;
@@ -85,5 +87,7 @@ private:
     bool _spinWait = false; ///< while false, every scatter begins with a sleeping synchronisation
     std::unique_ptr<ScatterCommandObserver> _scatterCommandObserver;
     std::unique_ptr<GatherResponseObserver> _gatherResponseObserver;
+    std::unique_ptr<SerialBeginObserver> _serialBeginObserver;
+    std::unique_ptr<SerialEndObserver> _serialEndObserver;
     std::unique_ptr<PostExecuteFloatingPointErrorObserver> _postExecuteObserver;
 };

@@ -236,6 +236,7 @@ private:
     std::unique_ptr<Communicator> createSparseCompanion(const Communicator* communicator) const;
     void warnOfMixedVectorization() const;
     void startParallelErrorHandler();
+    void startRollCall();
     void prepareStuckWatch();
     void endStuckJob(const std::string& text);
     void endLostRank();
@@ -288,9 +289,9 @@ private:
     std::array<std::unique_ptr<Communicator>, NUMBER_SHMEM_SCOPES> _sparseComm;
     std::unique_ptr<HostMeeting> _hostMeeting; ///< null in a serial process
     std::unique_ptr<MachineHost> _host;
-    std::unique_ptr<RollCall> _rollCall; ///< this one and the next two: null in a serial process
-    std::unique_ptr<ParallelErrorHandler> _parallelErrorHandler;
-    std::unique_ptr<StuckWatch> _stuckWatch; ///< on the master
+    std::unique_ptr<RollCall> _rollCall;                         ///< null with -nothreads
+    std::unique_ptr<ParallelErrorHandler> _parallelErrorHandler; ///< null in a serial process, too
+    std::unique_ptr<StuckWatch> _stuckWatch;                     ///< on the master
     std::unique_ptr<Timer> _timer;
     std::unique_ptr<Analytics::Manager> _usageManager;
     std::unique_ptr<ParallelConsoleBuf> _parallelConsoleBuf;

@@ -67,6 +67,13 @@ class Mistakes(Stuck):
                 self.assertIn("  stack: MakeMistake::execute (OrvexMistakesModule.cpp:", answer)
                 self.assertNotIn("Driver::", answer)
                 self.abort(job, client)
+        with self.subTest("serial"):
+            job = self.ready(mpi=None)
+            self.assertIn("No command runs", job.ctl("where").stdout)
+            client = job.ctl_started("TestFail", "ranks=[1]", "busy=0", "seconds=1000")
+            self.assertRegex(self.standing(job, "Rank 0 computes in compute (OrvexTestModule.cpp:"),
+                             "^1 rank on 1 host\nRank 0 computes .*\n  command TestFail for .*\n  stack: compute")
+            self.abort(job, client)
 
     def test_a_rank_that_fails_alone_ends_the_job(self):
         for kind, error in (("exceptionBeforeWait", "The time step is negative"), ("failedAllocation", "std::bad_alloc")):

@@ -90,8 +90,8 @@ void RollCallDesk::ask(const Properties& request, Done done) {
     if (!_callback || _closed) {
         done({{},
               _closed ? "The server has stopped"
-                      : "This server can't tell where its ranks stand: it has no error channel, as with -s "
-                        "and -nothreads"});
+                      : "This server can't tell where its ranks stand: it has no error channel, as with "
+                        "-nothreads"});
         return;
     }
     if (_askers.size() >= MAX_ASKERS) {

@@ -197,6 +197,19 @@ private:
     CommandController* _controller;
 };
 
+/// In a serial process, whose commands take no way to other ranks.
+class CommandController::SerialBeginObserver : public Observer {
+public:
+    void update(Properties& command) override {
+        OperationRecord::beginCommand(Command::getCommandName(command));
+    }
+};
+
+class CommandController::SerialEndObserver : public Observer {
+public:
+    void update(Properties&) override { OperationRecord::endCommand(); }
+};
+
 class CommandController::PostExecuteFloatingPointErrorObserver : public Observer {
 public:
     explicit PostExecuteFloatingPointErrorObserver(CommandController* controller) : _controller(controller) {}
@@ -309,12 +322,16 @@ void CommandController::reset() {
 CommandController::CommandController()
     : _scatterCommandObserver(std::make_unique<ScatterCommandObserver>(this)),
       _gatherResponseObserver(std::make_unique<GatherResponseObserver>(this)),
+      _serialBeginObserver(std::make_unique<SerialBeginObserver>()),
+      _serialEndObserver(std::make_unique<SerialEndObserver>()),
       _postExecuteObserver(std::make_unique<PostExecuteFloatingPointErrorObserver>(this)) {
     Controller& controller = Controller::getSingleton();
     if (Machine::isMaster()) {
         controller.getMasterScatterCommandObservable().attach(*_scatterCommandObserver);
         controller.getMasterGatherResponseObservable().attach(*_gatherResponseObserver);
     } else if (Machine::isSerial()) {
+        controller.getMasterScatterCommandObservable().attach(*_serialBeginObserver);
+        controller.getMasterGatherResponseObservable().attach(*_serialEndObserver);
         controller.getPostExecuteFloatingPointErrorObservable().attach(*_postExecuteObserver);
     }
 }
@@ -323,6 +340,8 @@ CommandController::~CommandController() {
     Controller& controller = Controller::getSingleton();
     controller.getMasterScatterCommandObservable().detach(*_scatterCommandObserver);
     controller.getMasterGatherResponseObservable().detach(*_gatherResponseObserver);
+    controller.getMasterScatterCommandObservable().detach(*_serialBeginObserver);
+    controller.getMasterGatherResponseObservable().detach(*_serialEndObserver);
     controller.getPostExecuteFloatingPointErrorObservable().detach(*_postExecuteObserver);
 }
 

@@ -106,16 +106,18 @@ public:
     }
 };
 
-RollCall::RollCall(ParallelErrorHandler& channel)
+RollCall::RollCall(ParallelErrorHandler* channel)
     : _channel(channel), _hosts(MachineGround::nProcesses()), _pids(MachineGround::nProcesses()) {
     for (const auto& [host, process] : MachineGround::getHost().getHostPidMap()) {
         _hosts.at(process.second) = host;
         _pids.at(process.second) = static_cast<int>(process.first);
     }
+    if (!_channel)
+        return;
     _methods.push_back(std::make_unique<WhereCmd>(*this));
     _methods.push_back(std::make_unique<LookCmd>());
     for (const auto& method : _methods)
-        channel.addMethod(*method);
+        _channel->addMethod(*method);
 }
 
 RollCall::~RollCall() = default;
@@ -149,7 +151,8 @@ RankStanding RollCall::lookHere(bool withStack) {
     const OperationRecord::Snapshot record = OperationRecord::read();
     standing.processorShare = look.processorShare;
     standing.state = classify(look, record.isInside);
-    standing.stillSeconds = noteMovement(record.generation);
+    // Nothing calls tick() in a serial process, and no message moves it within a command.
+    standing.stillSeconds = _channel ? noteMovement(record.generation) : record.commandSeconds;
     standing.operations = record.operations;
     standing.collectives = record.collectives;
     standing.command = record.command;
@@ -187,14 +190,16 @@ std::vector<RankStanding> RollCall::callAll(bool withStacks) {
         standings[rank].host = _hosts[rank];
         standings[rank].pid = _pids[rank];
     }
-    const std::vector<unsigned> silent = askAll(standings, withStacks);
-    lookAtSilent(standings, silent);
+    if (_channel)
+        lookAtSilent(standings, askAll(standings, withStacks));
+    else
+        standings[0] = lookHere(withStacks);
     return standings;
 }
 
 /// @return the ranks that didn't answer
 std::vector<unsigned> RollCall::askAll(std::vector<RankStanding>& standings, bool withStacks) {
-    const std::vector<ParallelErrorHandler::Place>& places = _channel.getPlaces();
+    const std::vector<ParallelErrorHandler::Place>& places = _channel->getPlaces();
     const unsigned own = MachineGround::getPartitionId();
     std::vector<XmlRpcFanOut::Call> calls;
     std::vector<unsigned> ranks;
@@ -204,7 +209,7 @@ std::vector<unsigned> RollCall::askAll(std::vector<RankStanding>& standings, boo
                              XmlRpcValue(XmlRpcValue::Array{XmlRpcValue(withStacks)})});
             ranks.push_back(rank);
         }
-    const std::vector<XmlRpcFanOut::Answer> answers = ask(calls, _channel.getSecret());
+    const std::vector<XmlRpcFanOut::Answer> answers = ask(calls, _channel->getSecret());
     standings[own] = lookHere(withStacks);
     std::vector<unsigned> silent;
     for (std::size_t i = 0; i < ranks.size(); ++i) {
@@ -228,7 +233,7 @@ void RollCall::lookAtSilent(std::vector<RankStanding>& standings, const std::vec
     std::map<std::string, std::vector<unsigned>> silentOfHost;
     for (const unsigned rank : silent)
         silentOfHost[_hosts[rank]].push_back(rank);
-    const std::vector<ParallelErrorHandler::Place>& places = _channel.getPlaces();
+    const std::vector<ParallelErrorHandler::Place>& places = _channel->getPlaces();
     std::vector<XmlRpcFanOut::Call> calls;
     std::vector<const std::vector<unsigned>*> looked;
     for (const auto& each : silentOfHost) {
@@ -254,7 +259,7 @@ void RollCall::lookAtSilent(std::vector<RankStanding>& standings, const std::vec
             {places[neighbour->rank].host, places[neighbour->rank].port, LOOK, XmlRpcValue(std::move(pids))});
         looked.push_back(&ranks);
     }
-    const std::vector<XmlRpcFanOut::Answer> answers = ask(calls, _channel.getSecret());
+    const std::vector<XmlRpcFanOut::Answer> answers = ask(calls, _channel->getSecret());
     for (std::size_t i = 0; i < answers.size(); ++i)
         if (answers[i].answered)
             takeStates(answers[i].result, *looked[i], standings);
@@ -262,7 +267,7 @@ void RollCall::lookAtSilent(std::vector<RankStanding>& standings, const std::vec
 
 /// None of these ranks, which are all of their host, has answered.
 void RollCall::askWholeHost(std::vector<RankStanding>& standings, const std::vector<unsigned>& ranks) const {
-    const ParallelErrorHandler::Place& place = _channel.getPlaces()[ranks.front()];
+    const ParallelErrorHandler::Place& place = _channel->getPlaces()[ranks.front()];
     if (NetworkAddress::isReachable(place.host, place.port, CONNECT_TIME))
         return; // for example stopped
     for (const unsigned rank : ranks)

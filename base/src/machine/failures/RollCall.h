@@ -18,11 +18,12 @@ class XmlRpcServerMethod;
 /// Asks each rank through the error channel where its main thread stands. It works while that thread hangs.
 ///
 /// A rank that doesn't answer is looked at by another rank on its host, or by the master: it may be stopped
-/// or dead.
+/// or dead. A serial process, which has no channel, looks at itself.
 class RollCall {
 public:
-    /// Adds its methods to the channel, which must not have started. Borrowed; ends before this object.
-    explicit RollCall(ParallelErrorHandler& channel);
+    /// @param channel  gets the methods of this object, and must not have started. Borrowed; ends before this
+    ///                 object. Null in a serial process
+    explicit RollCall(ParallelErrorHandler* channel);
     RollCall(const RollCall&) = delete;
     RollCall& operator=(const RollCall&) = delete;
     ~RollCall();
@@ -33,10 +34,10 @@ public:
     double getStillSeconds();
     /// Of this rank. Not the main thread. @param withStack  interrupts the main thread for a moment
     RankStanding lookHere(bool withStack);
-    /// Of all ranks, in their order. On the master, any thread except the main and the channel's.
+    /// Of all ranks, in their order. Serial or on the master, any thread except the main and the channel's.
     std::vector<RankStanding> callAll(bool withStacks);
     /// The answer to a client: "text" for people, "ranks", "groups" and "verdict" for programs, and
-    /// "seconds", the time that it took. On the master, as above.
+    /// "seconds", the time that it took. As above.
     /// @param request  "rank": of this rank alone, in full
     /// @throw InputError when there is no such rank
     Properties answer(const Properties& request);
@@ -51,7 +52,7 @@ private:
     void askWholeHost(std::vector<RankStanding>& standings, const std::vector<unsigned>& ranks) const;
     void lookAtSilent(std::vector<RankStanding>& standings, const std::vector<unsigned>& silent);
 
-    ParallelErrorHandler& _channel;
+    ParallelErrorHandler* const _channel;
     std::vector<std::unique_ptr<XmlRpc::XmlRpcServerMethod>> _methods;
     std::vector<std::string> _hosts; ///< of each rank
     std::vector<int> _pids;          ///< of each rank, on its host

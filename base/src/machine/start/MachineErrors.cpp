@@ -84,8 +84,11 @@ std::string describe(const Error& error) {
 } // namespace
 
 void Machine::startParallelErrorHandler() {
-    if (isSerial())
+    if (isSerial()) {
+        if (_options.threaded)
+            startRollCall();
         return;
+    }
     isHandling = true;
     const Handling starting;
     setRaiseHook([](Error& error) { getSingleton().handleParallelError(&error); });
@@ -93,10 +96,8 @@ void Machine::startParallelErrorHandler() {
         std::cout << "All internal errors will be treated as fatal" << std::endl;
         return;
     }
-    if (!Platform::StackSampler::install())
-        OS::Log::instance("Default").warning("Machine", "No signal is free: nobody can ask for stacks");
     _parallelErrorHandler = std::make_unique<ParallelErrorHandler>();
-    _rollCall = std::make_unique<RollCall>(*_parallelErrorHandler);
+    startRollCall();
     _parallelErrorHandler->setOverdueCallback(
         [] { getSingleton().abort(ExitStatus(ExitStatus::NON_RECOVERABLE_SERVER_ERROR)); });
     _parallelErrorHandler->setLostCallback([this] { endLostRank(); });
@@ -111,9 +112,17 @@ void Machine::startParallelErrorHandler() {
                 << std::endl;
     } else if (isMaster()) {
         _stuckWatch->start();
+    }
+}
+
+/// The last step on a serial process; in a job the channel has still to start.
+void Machine::startRollCall() {
+    if (!Platform::StackSampler::install())
+        OS::Log::instance("Default").warning("Machine", "No signal is free: nobody can ask for stacks");
+    _rollCall = std::make_unique<RollCall>(_parallelErrorHandler.get());
+    if (isSerialOrMaster())
         Server::getSingleton().setRollCall(
             [call = _rollCall.get()](const Properties& request) { return call->answer(request); });
-    }
 }
 
 void Machine::prepareStuckWatch() {
@@ -149,12 +158,12 @@ void Machine::endStuckJob(const std::string& text) {
 
 void Machine::stopParallelErrorHandler() {
     setRaiseHook(nullptr);
-    if (_parallelErrorHandler && isMaster())
-        Server::getSingleton().setRollCall({});
     dropParallelErrorHandler();
 }
 
 void Machine::dropParallelErrorHandler() {
+    if (_rollCall && isSerialOrMaster())
+        Server::getSingleton().setRollCall({});
     if (_parallelErrorHandler)
         _parallelErrorHandler->stop();
     if (_stuckWatch) {

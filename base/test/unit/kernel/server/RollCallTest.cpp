@@ -94,7 +94,7 @@ TEST_F(RollCall, TellsThatThereIsNoAnswer) {
         RpcClient boss;
         connect(boss, "boss", Access::CONTROL);
         EXPECT_EQ(boss.call("server.where", "{}", 5s).message,
-                  "This server can't tell where its ranks stand: it has no error channel, as with -s and "
+                  "This server can't tell where its ranks stand: it has no error channel, as with "
                   "-nothreads");
     });
 }
