@@ -30,7 +30,8 @@ struct ORVEX_MACHINE_EXPORT RankStanding {
     State state = SILENT;
     std::string host;
     int pid = 0;
-    double processorShare = 0.0; ///< of one processor, of the main thread, over the moment of the look
+    double processorShare = 0.0; ///< of one processor, over the moment of the look; of all threads when
+                                 ///< others than the main thread work too
 
     std::string command;         ///< at work; empty between commands
     double commandSeconds = 0.0; ///< since it began on this rank [s]

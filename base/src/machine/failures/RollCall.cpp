@@ -11,6 +11,7 @@
 #include "platform/Process.h"
 #include "platform/StackSampler.h"
 #include "platform/ThreadState.h"
+#include "platform/Time.h"
 #include "xmlrpc/XmlRpcFanOut.h"
 #include "xmlrpc/XmlRpcServerMethod.h"
 #include "xmlrpc/XmlRpcValue.h"
@@ -34,9 +35,30 @@ constexpr double CONNECT_TIME = 1.0; ///< [s] for a host that is silent
 constexpr double TOTAL_TIME = 4.0;   ///< [s] of all
 constexpr std::size_t MAX_FRAMES = 48;
 
+constexpr double BUSY = 0.05;          ///< of a processor: a main thread that works
+constexpr double SHORTEST_LOOK = 1e-3; ///< [s]
+constexpr double BUSY_THREADS = 0.25;  ///< the same of all threads: less may be those of the layer itself
+
+/// Looks at the main thread. When it sleeps while other threads of the process work, for example those of a
+/// hybrid context, it counts as one that runs, with the share of all.
+ThreadState::Look lookAtOwn(int pid) {
+    const Platform::Time& clock = Platform::time();
+    Platform::ProcessorStamp stamp;
+    clock.stampProcessorTime(stamp);
+    const double begin = clock.getTime();
+    ThreadState::Look look = ThreadState::look(pid, pid);
+    const double share =
+        clock.getElapsedProcessorTime(stamp) / std::max(clock.getTime() - begin, SHORTEST_LOOK);
+    const bool mayWork = look.state == ThreadState::RUNS || look.state == ThreadState::SLEEPS;
+    if (mayWork && share > std::max(BUSY_THREADS, look.processorShare)) {
+        look.state = ThreadState::RUNS;
+        look.processorShare = share;
+    }
+    return look;
+}
+
 /// The state of a main thread as people see it.
 RankStanding::State classify(const ThreadState::Look& look, bool isInOperation) {
-    constexpr double BUSY = 0.05; // of a processor
     switch (look.state) {
     case ThreadState::DEAD:
         return RankStanding::DEAD;
@@ -147,7 +169,7 @@ RankStanding RollCall::lookHere(bool withStack) {
     standing.host = _hosts[standing.rank];
     standing.pid = _pids[standing.rank];
     const int pid = Platform::process().getPid();
-    const ThreadState::Look look = ThreadState::look(pid, pid);
+    const ThreadState::Look look = lookAtOwn(pid);
     const OperationRecord::Snapshot record = OperationRecord::read();
     standing.processorShare = look.processorShare;
     standing.state = classify(look, record.isInside);
