@@ -55,6 +55,7 @@ Properties RankStanding::toProperties() const {
     properties.set("stillSeconds", stillSeconds);
     properties.set("operations", operations);
     properties.set("collectives", collectives);
+    properties.set("number", number);
     properties.set("failure", failure);
     properties.set("stack", stack);
     return properties;
@@ -78,6 +79,7 @@ RankStanding RankStanding::fromProperties(const Properties& properties) {
     read(properties, "stillSeconds", standing.stillSeconds);
     read(properties, "operations", standing.operations);
     read(properties, "collectives", standing.collectives);
+    read(properties, "number", standing.number);
     read(properties, "failure", standing.failure);
     read(properties, "stack", standing.stack);
     return standing;

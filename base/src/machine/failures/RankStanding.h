@@ -43,6 +43,7 @@ struct ORVEX_MACHINE_EXPORT RankStanding {
     double stillSeconds = 0.0;    ///< since an operation last began or ended, or a command began [s]
     std::uint64_t operations = 0; ///< begun since the command began
     std::uint64_t collectives = 0; ///< of these, those that all ranks of the communicator call together
+    std::uint64_t number = 0;      ///< of the collective that it stands in, among those of its communicator
     std::string failure;           ///< the message of the error by which this rank left the command
 
     std::vector<std::string> stack; ///< of the main thread, the innermost frame first

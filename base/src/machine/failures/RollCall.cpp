@@ -185,6 +185,7 @@ RankStanding RollCall::lookHere(bool withStack) {
         standing.communicator = record.communicator;
         standing.bytes = record.bytes;
         standing.partner = record.partner;
+        standing.number = record.number;
     }
     if (withStack) {
         std::string whyNot;

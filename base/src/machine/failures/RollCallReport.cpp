@@ -51,8 +51,7 @@ std::string keyOf(const RankStanding& standing, const std::vector<std::string>& 
     std::string key = RankStanding::nameOf(standing.state) + (separator + standing.command);
     key += separator + standing.failure + separator + standing.operation + separator + standing.communicator;
     if (RollCallVerdict::isCollective(standing.operation))
-        key +=
-            separator + std::to_string(standing.partner) + separator + std::to_string(standing.collectives);
+        key += separator + std::to_string(standing.partner) + separator + std::to_string(standing.number);
     if (detail == Detail::STACK)
         for (std::size_t i = 0; i < std::min(frames.size(), KEY_FRAMES); ++i)
             key += separator + functionOf(frames[i]);
@@ -178,7 +177,7 @@ std::string operationOf(const Group& group) {
     if (!first.communicator.empty())
         text += ", on " + first.communicator;
     if (collective && !first.command.empty())
-        text += ", collective " + std::to_string(first.collectives);
+        text += ", collective " + std::to_string(first.number);
     if (group.sameNumbers)
         text += ", " + number(first.bytes, "byte");
     return text;

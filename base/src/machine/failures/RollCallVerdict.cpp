@@ -71,7 +71,7 @@ std::string capitalised(std::string text) {
 std::string placeOf(const RankStanding& standing) {
     std::string text = standing.operation.empty() ? "an operation" : standing.operation;
     if (RollCallVerdict::isCollective(standing.operation))
-        text += " (collective " + std::to_string(standing.collectives) + ")";
+        text += " (collective " + std::to_string(standing.number) + ")";
     if (!isGlobal(standing) && !standing.communicator.empty())
         text += " on " + standing.communicator;
     return text;
@@ -348,7 +348,7 @@ std::string callOf(const Key& key) {
 std::string Relation::tellDifferentCollectives() const {
     std::map<Key, std::vector<unsigned>> groups;
     for (const RankStanding* const waiter : select(Wait::OTHERS))
-        groups[{waiter->collectives, waiter->operation, waiter->partner}].push_back(waiter->rank);
+        groups[{waiter->number, waiter->operation, waiter->partner}].push_back(waiter->rank);
     if (groups.size() < 2)
         return {};
     for (auto each = groups.begin(); std::next(each) != groups.end(); ++each)

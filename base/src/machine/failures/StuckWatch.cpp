@@ -82,8 +82,7 @@ bool isMismatch(const Standings& standings) {
         return true;
     return std::any_of(standings.begin(), standings.end(), [&standings](const RankStanding& each) {
         return each.communicator == standings.front().communicator &&
-               (each.operation != standings.front().operation ||
-                each.collectives != standings.front().collectives);
+               (each.operation != standings.front().operation || each.number != standings.front().number);
     });
 }
 

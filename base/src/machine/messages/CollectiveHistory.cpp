@@ -6,6 +6,7 @@
 
 constinit std::array<CollectiveHistory::Entry, CollectiveHistory::RING_SIZE> CollectiveHistory::_ring{};
 constinit std::atomic<std::uint64_t> CollectiveHistory::_position{0};
+constinit std::atomic<std::uint32_t> CollectiveHistory::_latestCount{0};
 
 namespace {
 
@@ -271,7 +272,8 @@ std::uint64_t CollectiveHistory::countAll() {
 
 CollectiveHistory::Latest CollectiveHistory::getLatest() {
     const Entry& entry = _ring[(countAll() - 1) % RING_SIZE];
-    return {entry.word.load(std::memory_order_acquire), entry.label.load(std::memory_order_acquire)};
+    return {entry.word.load(std::memory_order_acquire), entry.label.load(std::memory_order_acquire),
+            _latestCount.load(std::memory_order_acquire)};
 }
 
 void CollectiveHistory::beginCommand() {

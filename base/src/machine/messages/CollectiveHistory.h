@@ -81,7 +81,7 @@ public:
         entry.label.store(_label, std::memory_order_release);
         _position.store(position + 1, std::memory_order_release);
         _hash = extend(_hash, word);
-        ++_count;
+        _latestCount.store(++_count, std::memory_order_release);
     }
     /// The same for callers outside this library, whose calls needn't be fast.
     void noteFromOutside(std::uint64_t word);
@@ -90,6 +90,7 @@ public:
     struct Latest {
         std::uint64_t word;
         std::uint64_t label;
+        std::uint32_t count; ///< of its communicator's collectives since the command began
     };
     static Latest getLatest();
     /// Collectives that this rank called in all, on all communicators. Any thread.
@@ -147,4 +148,5 @@ private:
 
     [[gnu::visibility("hidden")]] static constinit std::array<Entry, RING_SIZE> _ring;
     [[gnu::visibility("hidden")]] static constinit std::atomic<std::uint64_t> _position;
+    [[gnu::visibility("hidden")]] static constinit std::atomic<std::uint32_t> _latestCount;
 };

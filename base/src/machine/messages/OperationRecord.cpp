@@ -65,6 +65,7 @@ bool OperationRecord::readLine(Snapshot& snapshot) {
     snapshot.partner = operation ? static_cast<int>(size >> 32) : -1;
     if (operation && operation->collective != Collective::NONE) {
         communicator = latest.label;
+        snapshot.number = latest.count;
         snapshot.bytes = CollectiveHistory::bytesOf(latest.word);
         snapshot.partner = CollectiveHistory::rootOf(latest.word);
     }

@@ -24,6 +24,7 @@ public:
         std::uint64_t generation = 0;  ///< moves when an operation or a command begins or ends
         std::uint64_t operations = 0;  ///< begun since the command began
         std::uint64_t collectives = 0; ///< of these, those that all ranks of a communicator call together
+        std::uint64_t number = 0;      ///< of a collective, among those of its communicator in the command
         std::uint64_t looks = 0;       ///< in vain, in all: a rank that waits in a loop of test() moves it
 
         std::string command;         ///< at work on this rank, the innermost one; empty between commands
