@@ -24,6 +24,7 @@ class RollCall;
 class Serializable;
 class StandardStreamManager;
 class StuckWatch;
+class SystemMonitor;
 class Timer;
 struct CommandLineOption;
 struct ServerHostOptions;
@@ -111,6 +112,19 @@ public:
     double getTotalCommunicationTime() const;
     /// The same of all ranks. Collective.
     void getCommunicationTimes(std::vector<double>& times) const;
+
+    // ---- Memory.
+
+    static bool hasSystemMonitor();
+    /// On: makes the monitor of this process, which samples `rate` times a second [1/s], and records. Off:
+    /// stops it, and the serial or master process writes the history of the job to
+    /// "memory-history-<time>.csv" in its folder. Nothing when that is so already. Collective over the job.
+    /// @throw InputError on all ranks for a rate that isn't 0.001 to 1000
+    /// @throw SystemError on all ranks: one of them has no thread left; or the file can't be written, and the
+    /// monitor stays, stopped: switching it off again writes anew, switching it on goes on
+    static void enableSystemMonitor(bool enable, float rate);
+    /// @throw InternalError while there is none
+    SystemMonitor& getSystemMonitor();
 
     // ---- Standard streams.
 
@@ -248,6 +262,7 @@ private:
     void runRole(int argc, char** argv, ConsumedOptions& consumed);
     void abortRole(const std::string& text, const std::string& reason);
     void stopLogger();
+    void endSystemMonitor();
     void stopUsageManager();
     void deleteOnExit();
     void stopTimer();
@@ -266,6 +281,9 @@ private:
     /// Prints the error with its trace and takes the job down.
     [[noreturn]] void endByError(const Error& error);
     static void abortRanks(const ExitStatus& status);
+
+    void startSystemMonitor(float rate);
+    void stopSystemMonitor();
 
     void gatherOnMaster(double value, std::vector<double>& values) const;
     /// Gives up the communicators without destroying them: other ranks may be anywhere.
@@ -296,4 +314,5 @@ private:
     std::unique_ptr<Analytics::Manager> _usageManager;
     std::unique_ptr<ParallelConsoleBuf> _parallelConsoleBuf;
     std::unique_ptr<StandardStreamManager> _standardStreamManager;
+    std::unique_ptr<SystemMonitor> _systemMonitor;
 };

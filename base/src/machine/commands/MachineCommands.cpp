@@ -15,6 +15,7 @@
 #include "machine/commands/HybridCommands.h"
 #include "machine/commands/MpiStatisticsCommands.h"
 #include "machine/commands/SegmentationCommands.h"
+#include "machine/commands/SystemMonitorCommands.h"
 #include "machine/commands/TestCommands.h"
 
 #include "kernel/Command.h"
@@ -555,6 +556,7 @@ void registerMachineCommands() {
     controller.registerCommand(new GetUserName);
     controller.registerCommand(new PrintProcessSummary);
     controller.registerCommand(new EnableIODebug);
+    registerSystemMonitorCommands(controller);
     controller.registerCommand(new GetDoublePrecision);
     controller.registerCommand(new GetAffinity);
     controller.registerCommand(new MachineCommands::SetAffinity);

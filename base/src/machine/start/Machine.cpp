@@ -4,6 +4,7 @@
 #include "machine/GroundLocks.h"
 #include "machine/MachineHost.h"
 #include "machine/StandardStreamManager.h"
+#include "machine/SystemMonitor.h"
 #include "machine/Timer.h"
 #include "machine/failures/ParallelErrorHandler.h"
 #include "machine/failures/RollCall.h"

@@ -100,6 +100,7 @@ void Machine::main(int argc, char** argv) {
 
     stopLogger();
     consumed.reset();
+    endSystemMonitor();
     StopLimit::enter("the observers of the exit");
     _onExitObservable.notify();
     stopUsageManager();
