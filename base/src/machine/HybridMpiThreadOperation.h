@@ -11,8 +11,8 @@ class HybridMachine;
 class ORVEX_MACHINE_EXPORT HybridMpiThreadOperation {
 public:
     virtual ~HybridMpiThreadOperation();
-    /// The setting of threads for run(): a ThreadPolicyBase of the default configuration. Called on the
-    /// processes that take part.
+    /// The setting of threads for run(): a ThreadPolicyBase of the default configuration, which with
+    /// -xthreadbindverbose also reports TBB's threads. Called on the processes that take part.
     /// @param nThreads     threads of this process
     /// @param bindThreads  whether each should have a processor of its own
     virtual std::unique_ptr<AbstractThreadPolicy> createThreadPolicy(unsigned nThreads, bool bindThreads);

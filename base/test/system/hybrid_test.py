@@ -1,10 +1,11 @@
 """Hybrid work from outside: the commands that check it, on one host and on two, and what a failure in it does."""
+import os
 import re
 import unittest
 
 from harness import MPIS, PATIENCE, Case, main, wait_until
 from cluster import Cluster, is_possible
-from placement_test import HARDWARE, PROCESSORS, wait_alone
+from placement_test import ALLOWED, HARDWARE, PROCESSORS, wait_alone
 
 WARNING = "Warning: The {} command is intended for testing purposes only.\n"
 
@@ -20,24 +21,28 @@ class Hybrid(Case):
 
     def told(self, job, *words):
         """What a command prints. Pi and shares of time are replaced by the word NUMBER."""
-        before = len(job.out())
-        job.ctl(*words)
-        end = job.out()[before:]
-        return re.sub(r"(Pi = |overhead: )[\d.e+-]+", r"\1NUMBER", end)
+        told = job.ctl(*words).stdout.partition("pass     ")[0]
+        return re.sub(r"(Pi = |overhead: )[\d.e+-]+", r"\1NUMBER", told)
 
     def test_threads_take_the_places_of_the_ranks(self):
+        if PROCESSORS < 2:
+            self.skipTest("needs two processors")
+        masks = [1 << processor for processor in ALLOWED]
         for mpi, option in zip((*MPIS, MPIS[0]), ("-xthreadbindverbose", "-xthreadbindverbose", "-xthreadbindoff")):
             with self.subTest(mpi=mpi, option=option):
                 job = self.ready(option, mpi=mpi, ranks=2, environment=HARDWARE)
-                if PROCESSORS < 2:
-                    self.skipTest("needs two processors")
+                report = "" if option.endswith("off") else \
+                    f'Thread Binding Report for "HybridPi::CalculatePiWithThreads" (total number of threads = 2):\n' \
+                    f"  Hybrid Process #0 (threads = 2, on {os.uname().nodename}):\n    Process Affinity = {{S00 : 0x{masks[0] | masks[1]:x}}}\n" \
+                    f"    TBB Thread 0 - Affinity = {{S00[1 0] : 0x{masks[0]:x}}}\n" \
+                    f"    TBB Thread 1 - Affinity = {{S00[0 1] : 0x{masks[1]:x}}}\n"
                 pi = "HybridPi HybridMachine Report:\n  Number of Hybrid Processes: 1\n  Total Number of Cores: 2\n" \
-                     "    Hybrid Process #0: 2 local cores\nPi = NUMBER\n"
-                self.assertEqual(self.told(job, "HybridPi", "verb=true", "time=50"), WARNING.format("HybridPi") +
-                                 "".join(announced(scope, 50) + pi for scope in ("HOST", "SOCKET", "NUMA")))
+                     "    Hybrid Process #0: 2 local cores\nPi = NUMBER\n" + report
+                self.assertEqual(self.told(job, "HybridPi", "verb=true", "time=300"), WARNING.format("HybridPi") +
+                                 "".join(announced(scope, 300) + pi for scope in ("HOST", "SOCKET", "NUMA")))
                 idling = self.told(job, "TestHybridIdling", "time=500", "scope=NUMA", "threshold=0.1")
                 self.assertEqual(idling, WARNING.format("TestHybridIdling") + "Invalid scope 'NUMA'! Fallback to 'host'.\n" +
-                                 announced("NUMA", 500) + "Pi = NUMBER\nTest succeeded: Non-involved CPUs are idle!\n"
+                                 announced("NUMA", 500) + "Pi = NUMBER\n" + report + "Test succeeded: Non-involved CPUs are idle!\n"
                                  "Number of busy processes: 1\nNumber of idle processes: 1\n"
                                  "Idle process overhead: NUMBER% (allowed: 10%).\n")
                 self.assertIs(job.run("RelaxAffinity")["pass"], True)

@@ -32,82 +32,6 @@ namespace {
 constexpr unsigned MAX_ITEMS_PER_CORE = 1u << 20;
 constexpr double LONGEST_TIME = 3.6e6; ///< [ms]
 
-/// Counts random points in a square and in the circle in it, on all threads, for a given time.
-class CalculatePiWithThreads : public HybridMpiThreadOperation {
-public:
-    /// @param wppt  work items for each local core
-    /// @param time  [ms]
-    CalculatePiWithThreads(bool verb, unsigned wppt, double time) : _verb(verb), _wppt(wppt), _time(time) {}
-
-    void run(const HybridMachine& machine) override {
-        if (_verb)
-            report(machine);
-        const std::size_t items = std::size_t{_wppt} * machine.nLocalCore();
-        std::vector<std::uint64_t> total(items, 0);
-        std::vector<std::uint64_t> inside(items, 0);
-        {
-            const MachineGround::SerialCritical noMessages;
-            ThreadUtility::forEach(items, [&](std::size_t item) { throwPoints(total[item], inside[item]); });
-        }
-        std::array<std::uint64_t, 2> sums{std::reduce(total.begin(), total.end()),
-                                          std::reduce(inside.begin(), inside.end())};
-        const bool isRoot = machine.isSerial() || machine.getCommunicator().myRank() == 0;
-        if (machine.isParallel())
-            machine.getCommunicator().reduce(sums, Communicator::SUM, Communicator::masterRank());
-        if (isRoot)
-            std::cout << "Pi = " << 4.0 * static_cast<double>(sums[1]) / static_cast<double>(sums[0])
-                      << std::endl;
-    }
-
-private:
-    static void report(const HybridMachine& machine) {
-        unsigned processes = 1;
-        unsigned rank = 0;
-        unsigned cores = machine.nLocalCore();
-        if (machine.isParallel()) {
-            Communicator& ranks = machine.getCommunicator();
-            processes = ranks.size();
-            rank = ranks.myRank();
-            ranks.allReduce(cores, Communicator::SUM);
-        }
-        std::string number = std::to_string(rank);
-        number.insert(0, std::to_string(processes - 1).size() - number.size(), '0');
-        std::string lines =
-            "    Hybrid Process #" + number + ": " + std::to_string(machine.nLocalCore()) + " local cores\n";
-        if (machine.isParallel()) {
-            std::string all;
-            std::vector<unsigned> lengths;
-            machine.getCommunicator().gatherVector(lines, all, lengths, Communicator::masterRank());
-            lines = all;
-        }
-        if (rank == 0)
-            std::cout << "HybridPi HybridMachine Report:\n  Number of Hybrid Processes: " << processes
-                      << "\n  Total Number of Cores: " << cores << "\n"
-                      << lines << std::flush;
-    }
-
-    /// One item of work.
-    void throwPoints(std::uint64_t& total, std::uint64_t& inside) const {
-        using Clock = std::chrono::high_resolution_clock;
-        using Milliseconds = std::chrono::duration<double, std::milli>;
-        const Clock::time_point start = Clock::now();
-        const auto seed = std::chrono::duration_cast<std::chrono::nanoseconds>(start.time_since_epoch());
-        std::mt19937 random(static_cast<std::uint32_t>(seed.count()));
-        const auto draw = [&random] { return std::generate_canonical<double, 53>(random); };
-        do {
-            const double x = draw();
-            const double y = draw();
-            ++total;
-            if (x * x + y * y <= 1.0)
-                ++inside;
-        } while (Milliseconds(Clock::now() - start).count() < _time / _wppt);
-    }
-
-    bool _verb;
-    unsigned _wppt;
-    double _time;
-};
-
 /// The arguments that both commands have, checked.
 struct PiArguments {
     PiArguments(const Properties& args, double defaultTime)
@@ -131,8 +55,89 @@ void announce(std::string_view scope, double time) {
                   << " scope and a target wall time of " << time << " ms." << std::endl;
 }
 
+} // namespace
+
+/// Not in a namespace without a name: the reports tell the names of its classes.
 class HybridPi : public Command {
 public:
+    /// Counts random points in a square and in the circle in it, on all threads, for a given time.
+    class CalculatePiWithThreads : public HybridMpiThreadOperation {
+    public:
+        /// @param wppt  work items for each local core
+        /// @param time  [ms]
+        CalculatePiWithThreads(bool verb, unsigned wppt, double time)
+            : _verb(verb), _wppt(wppt), _time(time) {}
+
+        void run(const HybridMachine& machine) override {
+            if (_verb)
+                report(machine);
+            const std::size_t items = std::size_t{_wppt} * machine.nLocalCore();
+            std::vector<std::uint64_t> total(items, 0);
+            std::vector<std::uint64_t> inside(items, 0);
+            {
+                const MachineGround::SerialCritical noMessages;
+                ThreadUtility::forEach(items,
+                                       [&](std::size_t item) { throwPoints(total[item], inside[item]); });
+            }
+            std::array<std::uint64_t, 2> sums{std::reduce(total.begin(), total.end()),
+                                              std::reduce(inside.begin(), inside.end())};
+            const bool isRoot = machine.isSerial() || machine.getCommunicator().myRank() == 0;
+            if (machine.isParallel())
+                machine.getCommunicator().reduce(sums, Communicator::SUM, Communicator::masterRank());
+            if (isRoot)
+                std::cout << "Pi = " << 4.0 * static_cast<double>(sums[1]) / static_cast<double>(sums[0])
+                          << std::endl;
+        }
+
+    private:
+        static void report(const HybridMachine& machine) {
+            unsigned processes = 1;
+            unsigned rank = 0;
+            unsigned cores = machine.nLocalCore();
+            if (machine.isParallel()) {
+                Communicator& ranks = machine.getCommunicator();
+                processes = ranks.size();
+                rank = ranks.myRank();
+                ranks.allReduce(cores, Communicator::SUM);
+            }
+            std::string number = std::to_string(rank);
+            number.insert(0, std::to_string(processes - 1).size() - number.size(), '0');
+            std::string lines = "    Hybrid Process #" + number + ": " +
+                                std::to_string(machine.nLocalCore()) + " local cores\n";
+            if (machine.isParallel()) {
+                std::string all;
+                std::vector<unsigned> lengths;
+                machine.getCommunicator().gatherVector(lines, all, lengths, Communicator::masterRank());
+                lines = all;
+            }
+            if (rank == 0)
+                std::cout << "HybridPi HybridMachine Report:\n  Number of Hybrid Processes: " << processes
+                          << "\n  Total Number of Cores: " << cores << "\n"
+                          << lines << std::flush;
+        }
+
+        /// One item of work.
+        void throwPoints(std::uint64_t& total, std::uint64_t& inside) const {
+            using Clock = std::chrono::high_resolution_clock;
+            using Milliseconds = std::chrono::duration<double, std::milli>;
+            const Clock::time_point start = Clock::now();
+            const auto seed = std::chrono::duration_cast<std::chrono::nanoseconds>(start.time_since_epoch());
+            std::mt19937 random(static_cast<std::uint32_t>(seed.count()));
+            const auto draw = [&random] { return std::generate_canonical<double, 53>(random); };
+            do {
+                const double x = draw();
+                const double y = draw();
+                ++total;
+                if (x * x + y * y <= 1.0)
+                    ++inside;
+            } while (Milliseconds(Clock::now() - start).count() < _time / _wppt);
+        }
+
+        bool _verb;
+        unsigned _wppt;
+        double _time;
+    };
+
     HybridPi()
         : Command({"Computes Pi on few processes with many threads, for each scope in turn. For tests.",
                    {{"verb", "bool", "tell the processes and their cores; false by default", false},
@@ -144,7 +149,7 @@ public:
         const PiArguments arguments(args, 1000.0);
         if (MachineGround::isMaster())
             warnOfTestCommand(*this);
-        CalculatePiWithThreads operation(arguments.verb, arguments.wppt, arguments.time);
+        HybridPi::CalculatePiWithThreads operation(arguments.verb, arguments.wppt, arguments.time);
         constexpr std::array<std::pair<MachineGround::ShmemScope, const char*>, 3> scopes{
             {{MachineGround::HOST_SCOPE, "HOST"},
              {MachineGround::SOCKET_SCOPE, "SOCKET"},
@@ -157,6 +162,7 @@ public:
         response.set("message", "Successfully used HybridMpiThreadContext to calculate Pi.");
     }
 };
+namespace {
 
 class TestHybridIdling : public Command {
 public:
@@ -180,7 +186,7 @@ public:
         warnOfTestCommand(*this);
         const MachineGround::ShmemScope scope = findScope(word);
         announce(word, arguments.time);
-        CalculatePiWithThreads operation(arguments.verb, arguments.wppt, arguments.time);
+        HybridPi::CalculatePiWithThreads operation(arguments.verb, arguments.wppt, arguments.time);
         Platform::ProcessorStamp stamp;
         Platform::time().stampProcessorTime(stamp);
         const double start = Platform::time().getTime();
