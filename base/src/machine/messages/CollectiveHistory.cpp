@@ -7,6 +7,8 @@
 constinit std::array<CollectiveHistory::Entry, CollectiveHistory::RING_SIZE> CollectiveHistory::_ring{};
 constinit std::atomic<std::uint64_t> CollectiveHistory::_position{0};
 constinit std::atomic<std::uint32_t> CollectiveHistory::_latestCount{0};
+constinit std::atomic<std::uint64_t> CollectiveHistory::_heldPosition{0};
+constinit std::atomic<std::uint32_t> CollectiveHistory::_heldCount{0};
 
 namespace {
 
@@ -271,9 +273,16 @@ std::uint64_t CollectiveHistory::countAll() {
 }
 
 CollectiveHistory::Latest CollectiveHistory::getLatest() {
-    const Entry& entry = _ring[(countAll() - 1) % RING_SIZE];
+    const std::uint64_t held = _heldPosition.load(std::memory_order_acquire);
+    const Entry& entry = _ring[((held != 0 ? held : countAll()) - 1) % RING_SIZE];
+    const std::atomic<std::uint32_t>& count = held != 0 ? _heldCount : _latestCount;
     return {entry.word.load(std::memory_order_acquire), entry.label.load(std::memory_order_acquire),
-            _latestCount.load(std::memory_order_acquire)};
+            count.load(std::memory_order_acquire)};
+}
+
+void CollectiveHistory::hold() {
+    _heldCount.store(_latestCount.load(std::memory_order_relaxed), std::memory_order_release);
+    _heldPosition.store(countAll(), std::memory_order_release);
 }
 
 void CollectiveHistory::beginCommand() {

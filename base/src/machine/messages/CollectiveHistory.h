@@ -93,6 +93,9 @@ public:
         std::uint32_t count; ///< of its communicator's collectives since the command began
     };
     static Latest getLatest();
+    /// Until release() getLatest() tells the latest word of now: the next ones are parts of it.
+    static void hold();
+    static void release() { _heldPosition.store(0, std::memory_order_release); }
     /// Collectives that this rank called in all, on all communicators. Any thread.
     static std::uint64_t countAll();
 
@@ -149,4 +152,6 @@ private:
     [[gnu::visibility("hidden")]] static constinit std::array<Entry, RING_SIZE> _ring;
     [[gnu::visibility("hidden")]] static constinit std::atomic<std::uint64_t> _position;
     [[gnu::visibility("hidden")]] static constinit std::atomic<std::uint32_t> _latestCount;
+    [[gnu::visibility("hidden")]] static constinit std::atomic<std::uint64_t> _heldPosition; ///< 0: none
+    [[gnu::visibility("hidden")]] static constinit std::atomic<std::uint32_t> _heldCount;
 };

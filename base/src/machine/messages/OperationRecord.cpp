@@ -125,14 +125,17 @@ void OperationRecord::endCommand() {
     step(commandChanges, 1);
 }
 
-OperationRecord::Composite::Composite(const MessageOperation& operation) : _before(_line) {
+OperationRecord::Composite::Composite(const MessageOperation& operation)
+    : _before(_line), _holds(_line == &_main) {
+    if (_holds)
+        CollectiveHistory::hold();
     beginNoted(operation);
     _line = &_unseen;
 }
 
 OperationRecord::Composite::Composite(const MessageOperation& operation, std::uint64_t communicator,
                                       unsigned bytes, int partner)
-    : _before(_line) {
+    : _before(_line), _holds(false) {
     begin(operation, communicator, bytes, partner);
     _line = &_unseen;
 }
@@ -140,4 +143,6 @@ OperationRecord::Composite::Composite(const MessageOperation& operation, std::ui
 OperationRecord::Composite::~Composite() {
     _line = _before;
     end();
+    if (_holds)
+        CollectiveHistory::release();
 }

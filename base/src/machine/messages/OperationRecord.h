@@ -100,6 +100,7 @@ public:
 
     private:
         Line* _before;
+        bool _holds; ///< a word of CollectiveHistory
     };
 
 private:

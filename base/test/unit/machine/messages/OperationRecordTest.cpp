@@ -84,6 +84,17 @@ TEST_F(Records, TellAnotherThreadTheOperationInWhichTheMainThreadStands) {
         {"Barrier", [&] { comm.synchronise(); }, "synchronise, global, 3 ranks, 0 bytes, partner -1"},
         {"Isend", [&] { comm.noSpinSynchronise(1.0); },
          "noSpinSynchronise, global, 3 ranks, 0 bytes, partner -1"},
+        {"Allreduce",
+         [&] { // a composite that has collectives of another communicator in it
+             CollectiveHistory::of(comm).noteFromOutside(
+                 CollectiveHistory::wordOf(Collective::LEAVE_HYBRID_CONTEXT, 0));
+             constexpr static MessageOperation MEET{"HybridMpiThreadContext::leaveHybridContext",
+                                                    CommunicatorStatistics::GLOBAL, true,
+                                                    Collective::LEAVE_HYBRID_CONTEXT};
+             const OperationRecord::Composite meeting(MEET);
+             sub->allReduce(value, Communicator::SUM);
+         },
+         "leaveHybridContext, global, 3 ranks, 0 bytes, partner -1"},
         {"Comm_create", [&] { comm.createCommunicator({1}); },
          "createCommunicator, global, 3 ranks, 0 bytes, partner -1"},
         {"Comm_free", [&] { sub.reset(); }, "freeCommunicator, of 2 ranks, 0 bytes, partner -1"},
