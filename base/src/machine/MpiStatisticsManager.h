@@ -32,7 +32,8 @@ public:
     using Counts = std::array<std::uint64_t, NUMBER_CLASSES>;
     using Times = std::array<double, NUMBER_CLASSES>;
 
-    /// What one operation did on this rank. An event counts when it is opened, so one that fails counts, too.
+    /// The work of one operation on this rank. An event counts when it is opened, so one that fails counts,
+    /// too.
     class ORVEX_MACHINE_EXPORT MpiEvent {
     public:
         virtual ~MpiEvent();

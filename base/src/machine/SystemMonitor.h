@@ -41,7 +41,7 @@ public:
     /// One value for each metric. [bytes]
     using Values = std::array<std::int64_t, NUMBER_METRICS>;
 
-    /// Where the monitor takes its values and its time from: for tests. Its worker calls it on its thread,
+    /// The source of the monitor's values and of its time: for tests. Its worker calls it on its thread,
     /// and getTime() is called on the main thread too.
     class ORVEX_MACHINE_EXPORT Source {
     public:

@@ -15,7 +15,7 @@ class ORVEX_MACHINE_EXPORT ThreadCount {
 public:
     /// Runtimes that the code's own loops use; values to be combined.
     enum ThreadLibrary : unsigned { TBB = 1, OPENMP = 2 };
-    /// What the mathematical libraries use: MKL, which stands for all of them (OpenBLAS, BLIS, FlexiBLAS
+    /// Runtimes of the mathematical libraries: MKL, which stands for all of them (OpenBLAS, BLIS, FlexiBLAS
     /// too), and their OpenMP.
     enum MathLibrary : unsigned { MKL = 1, MATH_OPENMP = 2 };
 

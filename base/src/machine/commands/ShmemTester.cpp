@@ -13,7 +13,7 @@
 
 namespace {
 
-/// What this rank prints reaches the console while this lives. Made by all ranks together.
+/// The output of this rank reaches the console while this lives. Made by all ranks together.
 class WorkerOutput {
 public:
     WorkerOutput() : _isOnAnyway(Machine::getSingleton().slaveCoutEnabled()) {

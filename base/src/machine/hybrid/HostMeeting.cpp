@@ -39,7 +39,7 @@ bool succeedsEverywhere(Makes makes) {
 
 } // namespace
 
-/// What the ranks of a host share, each in a cache line of its own.
+/// The numbers that the ranks of a host share, each in a cache line of its own.
 struct HostMeeting::Words {
     alignas(64) Word arrived{0};    ///< ranks that have come
     alignas(64) Word generation{0}; ///< moves when all have come

@@ -7,7 +7,7 @@
 
 class Communicator;
 
-/// Where the threads of a hybrid context run, as text on the standard output of one process.
+/// The places of the threads of a hybrid context, as text on the standard output of one process.
 class ORVEX_MACHINE_EXPORT ThreadBindingReport {
 public:
     /// Prints nothing when no process knows the processors of its threads. Collective over `sparse`. Main

@@ -46,7 +46,7 @@ public:
     Result solve(double tolerance, unsigned maxIterations, const Watcher& watcher);
     /// The same in parts: goes on by at most `steps` iterations. @return whether it is done
     bool advance(double tolerance, unsigned maxIterations, unsigned steps, const Watcher& watcher);
-    /// What came of it, when it is done.
+    /// The solution and its cost, when it is done.
     Result getResult();
     /// u in the middle of the plate as the exact solution has it.
     static double exactCentre();

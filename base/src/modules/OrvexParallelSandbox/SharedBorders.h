@@ -30,9 +30,9 @@ public:
     bool has(GridBlock::Side side) const { return _neighbours[side].has_value(); }
     /// The next step begins.
     void begin() { ++_step; }
-    /// Where this rank writes the border of the step.
+    /// The place for this rank's border of the step.
     std::span<double> own(GridBlock::Side side);
-    /// What was written there may be read.
+    /// Lets the neighbour read that place.
     void publish(GridBlock::Side side);
     /// The neighbour's border of the step. Waits for it.
     std::span<const double> await(GridBlock::Side side);

@@ -1,4 +1,4 @@
-// What the statistics count, and their log, on a clock that makes the times exact.
+// The counts of the statistics and their log, on a clock that makes the times exact.
 
 #include "machine/Communicator.h"
 #include "machine/MpiStatisticsManager.h"
