@@ -14,11 +14,15 @@
 #include "platform/Log.h"
 #include "platform/Time.h"
 
+#include <algorithm>
 #include <new>
 
 namespace {
 
 constexpr double LONGEST_SLEEP = 0.010; ///< [s]
+/// [s] of the first rank of a host: its own threads have come to their end, and the first sleep would be
+/// longer than a message between hosts.
+constexpr double SHORTEST_SPIN = 2e-4;
 
 Communicator& getHostRanks() {
     return MachineGround::sharedMemCommunicator(MachineGround::HOST_SCOPE);
@@ -105,7 +109,7 @@ void HostMeeting::lead(double spinTime) {
     std::uint32_t isMarked = _words->isMarked.load(std::memory_order_relaxed);
     Communicator& leaders = *MachineGround::hasSparseCommunicator(MachineGround::HOST_SCOPE);
     if (leaders.size() > 1) {
-        leaders.noSpinSynchronise(spinTime, Communicator::Sleeps::GROWING);
+        leaders.noSpinSynchronise(std::max(spinTime, SHORTEST_SPIN), Communicator::Sleeps::GROWING);
         leaders.allReduce(isMarked, Communicator::MAX);
     }
     _words->result.store(isMarked, std::memory_order_relaxed);
