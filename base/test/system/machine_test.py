@@ -151,6 +151,7 @@ class Answers(Case):
     def test_wrong_words_are_named(self):
         """Each command with a key missing, and with each key of a wrong type: the key is named, and the server goes on."""
         wrong = {"text": {"a": 1}, "bool": [1], "unsigned": -1, "int": "x", "long": 1e300, "real": "x"}
+        right = {"bool": True}
         for mpi, ranks in ((None, 1), (MPIS[0], 4)):
             with self.subTest(mpi=mpi, ranks=ranks):
                 job = self.ready("-module", "OrvexTestModule", mpi=mpi, ranks=ranks)
@@ -162,14 +163,13 @@ class Answers(Case):
                         continue
                     self.assertTrue(command["summary"], command)
                     keys = command["arguments"]
-                    needed = [key["name"] for key in keys if key["required"]]
+                    needed = {key["name"]: right.get(key["type"], "/nowhere") for key in keys if key["required"]}
                     if needed:
                         answer = client.request(command["name"])
                         self.assertTrue(any(f'"{name}"' in answer["error"]["message"] for name in needed), answer)
                     for key in keys:
-                        others = {name: "/nowhere" for name in needed if name != key["name"]}
                         value = wrong.get(key["type"], "x")
-                        answer = client.request(command["name"], {**others, key["name"]: value})
+                        answer = client.request(command["name"], {**needed, key["name"]: value})
                         self.assertIn(f'"{key["name"]}"', answer.get("error", {}).get("message", ""), (command["name"], key))
                         tried += 1
                 self.assertGreater(tried, 20)

@@ -198,19 +198,19 @@ class Hosts(Stuck):
         with Cluster(3, own_processes=True) as cluster:
             job = self.ready(mpi="openmpi", cluster=cluster, slots=[3, 2, 2])
             members = job.members()
-            members[5].kill(signal.SIGSTOP)
+            members[6].kill(signal.SIGSTOP)  # no other rank hears of a command through it
             client = job.ctl_started("MakeMistake", "kind=endlessLoop", "rank=4")
-            self.standing(job, "Ranks 0-3,6 wait in allReduce (collective 1) for rank 5, which is stopped, and rank 4, "
+            self.standing(job, "Ranks 0-3,5 wait in allReduce (collective 1) for rank 6, which is stopped, and rank 4, "
                                "which computes in loop (OrvexMistakesModule.cpp:", 20)
             tree = job.run("where")
             self.assertEqual([(group["ranks"], group["state"], group["hosts"]) for group in tree["groups"]],
-                             [("0-3,6", "waits", ["node0", "node1", "node2"]), ("4", "computes", ["node1"]),
-                              ("5", "stopped", ["node2"])])
+                             [("0-3,5", "waits", ["node0", "node1", "node2"]), ("4", "computes", ["node1"]),
+                              ("6", "stopped", ["node2"])])
             self.assertIn("loop", job.ctl("where", "--rank", "4").stdout)
-            members[6].kill()  # the launcher ends the job
+            members[5].kill()  # the launcher ends the job
             self.assertNotEqual(job.wait(20 * PATIENCE), 0)
             client.wait(5 * PATIENCE)
-            self.assertRegex(client.said(), "The job aborts: (Rank 6 has ended without a word|mpirun.* on another host)")
+            self.assertRegex(client.said(), "The job aborts: (Rank 5 has ended without a word|mpirun.* on another host)")
 
     def test_a_cut_network_ends_the_job(self):
         """On the side of the master at once, on the other side after a minute. The launcher itself hangs."""

@@ -401,7 +401,7 @@ void CommandController::scatterCommand(Properties& command) const {
     Communicator& ranks = Machine::commandCommunicator();
     std::string text = command.toString();
     if (!_spinWait)
-        HostMeeting::meet(ranks, AWAIT_COMMAND, false, 1.0);
+        HostMeeting::meet(ranks, AWAIT_COMMAND, 1.0);
     ranks.broadcast(text, Communicator::masterRank());
     command = Properties(text);
     OperationRecord::beginCommand(Command::getCommandName(command));

@@ -78,22 +78,30 @@ void HostMeeting::makeWords() {
     _window->fence();
 }
 
+void HostMeeting::meet(Communicator& ranks, const MessageOperation& operation, double spinTime) {
+    meet(ranks, operation, Mark::NOT_ASKED, spinTime);
+}
+
 bool HostMeeting::meet(Communicator& ranks, const MessageOperation& operation, bool isMarked,
                        double spinTime) {
+    return meet(ranks, operation, isMarked ? Mark::YES : Mark::NO, spinTime);
+}
+
+bool HostMeeting::meet(Communicator& ranks, const MessageOperation& operation, Mark mark, double spinTime) {
     MessageGate::pass();
     CollectiveHistory::of(ranks).note(CollectiveHistory::wordOf(operation.collective, 0));
     const OperationRecord::Composite recorded(operation);
-    return _current && _current->_words ? _current->meetByMemory(isMarked, spinTime)
-                                        : meetByMessages(ranks, isMarked, spinTime);
+    return _current && _current->_words ? _current->meetByMemory(mark, spinTime)
+                                        : meetByMessages(ranks, mark, spinTime);
 }
 
-bool HostMeeting::meetByMemory(bool isMarked, double spinTime) {
+bool HostMeeting::meetByMemory(Mark mark, double spinTime) {
     const std::uint32_t generation = _words->generation.load(std::memory_order_acquire);
-    if (isMarked)
+    if (mark == Mark::YES)
         _words->isMarked.store(1, std::memory_order_relaxed);
     const unsigned arrived = _words->arrived.fetch_add(1, std::memory_order_acq_rel) + 1;
     if (getHostRanks().myRank() == 0) {
-        lead(spinTime);
+        lead(mark, spinTime);
     } else {
         if (arrived == getHostRanks().size())
             Futex::wakeAll(_words->arrived); // the first rank waits for all others
@@ -103,14 +111,15 @@ bool HostMeeting::meetByMemory(bool isMarked, double spinTime) {
 }
 
 /// The first rank of a host lets the others go when it has met the first ranks of all hosts.
-void HostMeeting::lead(double spinTime) {
+void HostMeeting::lead(Mark mark, double spinTime) {
     const unsigned all = getHostRanks().size();
     await(_words->arrived, spinTime, [all](std::uint32_t arrived) { return arrived == all; });
     std::uint32_t isMarked = _words->isMarked.load(std::memory_order_relaxed);
     Communicator& leaders = *MachineGround::hasSparseCommunicator(MachineGround::HOST_SCOPE);
     if (leaders.size() > 1) {
         leaders.noSpinSynchronise(std::max(spinTime, SHORTEST_SPIN), Communicator::Sleeps::GROWING);
-        leaders.allReduce(isMarked, Communicator::MAX);
+        if (mark != Mark::NOT_ASKED)
+            leaders.allReduce(isMarked, Communicator::MAX);
     }
     _words->result.store(isMarked, std::memory_order_relaxed);
     _words->isMarked.store(0, std::memory_order_relaxed);
@@ -119,10 +128,11 @@ void HostMeeting::lead(double spinTime) {
     Futex::wakeAll(_words->generation);
 }
 
-bool HostMeeting::meetByMessages(Communicator& ranks, bool isMarked, double spinTime) {
+bool HostMeeting::meetByMessages(Communicator& ranks, Mark mark, double spinTime) {
     ranks.noSpinSynchronise(spinTime);
-    unsigned result = isMarked ? 1 : 0;
-    ranks.allReduce(result, Communicator::MAX);
+    unsigned result = mark == Mark::YES ? 1 : 0;
+    if (mark != Mark::NOT_ASKED)
+        ranks.allReduce(result, Communicator::MAX);
     return result != 0;
 }
 

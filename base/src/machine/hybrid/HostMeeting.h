@@ -30,9 +30,9 @@ public:
     /// the job.
     /// @param ranks      all ranks of the job: the communicator that they meet on
     /// @param operation  as the record of operations shows it
-    /// @param isMarked   this rank has something to tell
     /// @param spinTime   [s] that a rank looks without a sleep
-    /// @return whether any rank was marked
+    static void meet(Communicator& ranks, const MessageOperation& operation, double spinTime);
+    /// The same for ranks that may have something to tell. @return whether any rank was marked
     static bool meet(Communicator& ranks, const MessageOperation& operation, bool isMarked, double spinTime);
 
 private:
@@ -40,9 +40,11 @@ private:
     struct Words;
 
     void makeWords();
-    bool meetByMemory(bool isMarked, double spinTime);
-    static bool meetByMessages(Communicator& ranks, bool isMarked, double spinTime);
-    void lead(double spinTime);
+    enum class Mark { NOT_ASKED, NO, YES };
+    static bool meet(Communicator& ranks, const MessageOperation& operation, Mark mark, double spinTime);
+    bool meetByMemory(Mark mark, double spinTime);
+    static bool meetByMessages(Communicator& ranks, Mark mark, double spinTime);
+    void lead(Mark mark, double spinTime);
     template <class Condition>
     static void await(const Word& word, double spinTime, Condition isDone);
 
