@@ -37,12 +37,18 @@ public:
     /// Collective over the global communicator. Main thread.
     /// @throw InternalError inside a field loop, and inside another context
     static void execute(MachineGround::ShmemScope scope, HybridMpiThreadOperation& operation);
-    /// The same for a function of a HybridMachine. The reports call it by the type of the function.
+    /// The same for a function of a HybridMachine. Profiles and reports call it by `name`, or
+    /// by the type of the function.
     template <std::invocable<const HybridMachine&> Work>
     requires(!std::derived_from<std::remove_cvref_t<Work>, HybridMpiThreadOperation>) static void execute(
         MachineGround::ShmemScope scope, Work&& work) {
         Function<std::remove_reference_t<Work>> operation(work);
-        run(scope, operation, typeid(Work));
+        run(scope, operation, nameOf(typeid(Work)));
+    }
+    template <std::invocable<const HybridMachine&> Work>
+    static void execute(MachineGround::ShmemScope scope, const std::string& name, Work&& work) {
+        Function<std::remove_reference_t<Work>> operation(work);
+        run(scope, operation, name);
     }
 
 private:
@@ -56,8 +62,9 @@ private:
         Work& _work;
     };
 
+    static std::string nameOf(const std::type_info& type);
     static void run(MachineGround::ShmemScope scope, HybridMpiThreadOperation& operation,
-                    const std::type_info& type);
+                    const std::string& name);
     static void runThreads(MachineGround::ShmemScope scope, HybridMpiThreadOperation& operation,
                            const std::string& name, bool bindThreads);
 };

@@ -75,18 +75,21 @@ void leave(const std::exception_ptr& failure, const std::string& name) {
 } // namespace
 
 void HybridMpiThreadContext::execute(MachineGround::ShmemScope scope, HybridMpiThreadOperation& operation) {
-    run(scope, operation, typeid(operation));
+    run(scope, operation, nameOf(typeid(operation)));
+}
+
+std::string HybridMpiThreadContext::nameOf(const std::type_info& type) {
+    return Platform::StackTracer::demangle(type.name());
 }
 
 void HybridMpiThreadContext::run(MachineGround::ShmemScope scope, HybridMpiThreadOperation& operation,
-                                 const std::type_info& type) {
+                                 const std::string& name) {
     ORVEX_ASSERT(!FieldLoopState::busy(), "Cannot start hybrid thread context inside FieldLoops!");
     ORVEX_ASSERT(!ThreadParallelContext::_threadParallelContext,
                  "Cannot start hybrid thread context inside another one!");
     const bool wasBound = Affinity::isProcessBound(MachineGround::getHost().getCpuTopology());
     const bool bindThreads = wasBound && MachineGround::getOptions().threadBinding;
     const AffinityRelaxer relaxer(scope, AffinityRelaxer::Key());
-    const std::string name = Platform::StackTracer::demangle(type.name());
     const EventTracker::Track track("HybridMpiThreadContext", name);
     if (MachineGround::isSerial())
         return runThreads(scope, operation, name, bindThreads);

@@ -177,7 +177,7 @@ void solveHybrid(const Input& input, Progress& progress, Properties& response) {
     std::array<double, 3> state{1.0, 0.0, 0.0};
     auto& [residual, iteration, isDone] = state;
     while (isDone == 0.0) {
-        HybridMpiThreadContext::execute(SCOPE, [&](const HybridMachine&) {
+        HybridMpiThreadContext::execute(SCOPE, "HeatConduction::advance", [&](const HybridMachine&) {
             const auto note = [&state](unsigned iterationNow, double residualNow) {
                 state[0] = residualNow;
                 state[1] = iterationNow;
