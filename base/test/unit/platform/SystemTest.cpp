@@ -3,6 +3,8 @@
 #include "platform/Memory.h"
 #include "platform/Process.h"
 #include "platform/RendererConfig.h"
+#include "platform/TickClock.h"
+#include "platform/Time.h"
 
 #include <gtest/gtest.h>
 
@@ -63,4 +65,16 @@ TEST(RendererConfig, RefusesUnknownGraphics) {
     EXPECT_EQ(config.setGraphics(L"ray\x20AC"),
               "Unknown graphics \"ray\xE2\x82\xAC\". Expected is native, software or none.");
     EXPECT_EQ(config.getGraphics(), RendererConfig::SOFTWARE);
+}
+
+TEST(TickClock, RunsAsTheSystemsClock) {
+    const double rate = Platform::TickClock::getTicksPerSecond();
+    const double begin = Platform::time().getTime();
+    const std::uint64_t ticks = Platform::TickClock::read();
+    Platform::time().sleep(0.05);
+    const double bySystem = Platform::time().getTime() - begin;
+    const double byTicks = Platform::TickClock::toSeconds(Platform::TickClock::read() - ticks);
+    EXPECT_GT(rate, 1e6);
+    EXPECT_GT(byTicks, 0.05 * 0.999);
+    EXPECT_LT(byTicks, bySystem * 1.01 + 0.05); // the thread may lose its processor between two readings
 }
