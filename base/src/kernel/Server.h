@@ -41,6 +41,10 @@ public:
     /// after that the clients are told that there is no answer. An exception becomes the client's error.
     /// Before the start.
     void setRollCall(std::function<Properties(const Properties& request)> callback);
+    /// The same for another method that the ranks take part in, for example "server.live". It gets the
+    /// client's request as it is; an empty callback takes the method away. Before the start.
+    void setSlowMethod(const std::string& method,
+                       std::function<Properties(const Properties& request)> callback);
     /// Empty: listen on loopback. Else listen on the network and accept this host (name or address) only.
     void setClientAddress(const std::string& address);
     /// Number of ports to try from the port given to start(), -1: that port, then any free one.

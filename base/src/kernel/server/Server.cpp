@@ -144,6 +144,14 @@ void Server::setAbortCallback(std::function<void()> callback) {
     _impl->settings.abortCallback = std::move(callback);
 }
 
+void Server::setSlowMethod(const std::string& method,
+                           std::function<Properties(const Properties& request)> callback) {
+    if (callback)
+        _impl->settings.slowMethods[method] = std::move(callback);
+    else
+        _impl->settings.slowMethods.erase(method);
+}
+
 void Server::setRollCall(std::function<Properties(const Properties& request)> callback) {
     _impl->settings.rollCall = std::move(callback);
 }

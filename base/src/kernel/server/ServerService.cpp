@@ -99,7 +99,11 @@ ServerService::ServerService(Settings settings)
       _loop(std::make_unique<Loop>(*_context)),
       _rollCalls(_context, _settings.rollCall, _settings.limits.rollCallTime),
       _forcedEnds(_context, _rollCalls, _settings.limits.forceTime),
-      _budget(std::make_shared<RequestBudget>(_settings.limits.requestBytes)) {}
+      _budget(std::make_shared<RequestBudget>(_settings.limits.requestBytes)) {
+    for (const auto& [method, callback] : _settings.slowMethods)
+        _slowMethods[method] =
+            std::make_unique<RollCallDesk>(_context, callback, _settings.limits.rollCallTime);
+}
 
 ServerService::~ServerService() = default;
 
@@ -157,6 +161,12 @@ void ServerService::publishRecord() {
 void ServerService::releaseConsole() {
     const std::lock_guard lock(_consoleMutex);
     _console.reset();
+}
+
+void ServerService::finishRollCalls() {
+    _rollCalls.finish();
+    for (const auto& [method, desk] : _slowMethods)
+        desk->finish();
 }
 
 void ServerService::run() {
@@ -228,6 +238,8 @@ void ServerService::endConnections() {
     _port = 0;
     drainConsole();
     _rollCalls.close();
+    for (const auto& [method, desk] : _slowMethods)
+        desk->close();
     for (const ServerClients::Connection& connection : _clients.getAll()) {
         if (connection->getPeer().authenticated)
             connection->endWith({}, "the server has stopped");
@@ -565,6 +577,9 @@ bool ServerService::callSlowMethod(RpcConnection& connection, const RpcMessage& 
         tellWhere(asker, params);
     else if (message.method == "server.cancel" && params.getOr("force", false))
         forceEnd(asker);
+    else if (const auto found = _slowMethods.find(message.method); found != _slowMethods.end())
+        found->second->ask(params,
+                           [this, asker](const RollCallDesk::Answer& answer) { deliver(asker, answer); });
     else
         return false;
     return true;
@@ -581,12 +596,14 @@ void ServerService::tellWhere(const Asker& asker, const Properties& params) {
                 (size > 1 ? ": the ranks are 0 to " + std::to_string(size - 1) : ": the process is serial")));
         request.set("rank", rank);
     }
-    _rollCalls.ask(request, [this, asker](const RollCallDesk::Answer& answer) {
-        if (!answer.failure.empty())
-            refuse(*asker.connection, asker.id, {RpcFault::COMMAND_FAILED, answer.failure});
-        else
-            this->answer(asker, answer.result);
-    });
+    _rollCalls.ask(request, [this, asker](const RollCallDesk::Answer& answer) { deliver(asker, answer); });
+}
+
+void ServerService::deliver(const Asker& asker, const RollCallDesk::Answer& answer) {
+    if (!answer.failure.empty())
+        refuse(*asker.connection, asker.id, {RpcFault::COMMAND_FAILED, answer.failure});
+    else
+        this->answer(asker, answer.result);
 }
 
 void ServerService::answer(const Asker& asker, const Properties& result) const {

@@ -13,6 +13,7 @@
 
 #include <atomic>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -47,6 +48,7 @@ public:
         ServerLimits limits;
         std::function<void()> abortCallback;
         RollCallDesk::Callback rollCall;
+        std::map<std::string, RollCallDesk::Callback> slowMethods; ///< by name, for example "server.live"
     };
 
     explicit ServerService(Settings settings);
@@ -78,7 +80,7 @@ public:
     void notify(const std::string& method, const Properties& params);
     void notifyAbort(const Properties& reason);
     void tellClients(const std::string& text);
-    void finishRollCalls() { _rollCalls.finish(); }
+    void finishRollCalls();
     void flushNotifies();
 
 private:
@@ -110,6 +112,7 @@ private:
     void answer(const Asker& asker, const Properties& result) const;
     bool callSlowMethod(RpcConnection& connection, const RpcMessage& message, const Properties& params);
     void tellWhere(const Asker& asker, const Properties& params);
+    void deliver(const Asker& asker, const RollCallDesk::Answer& answer);
     void forceEnd(const Asker& asker);
     static void setDeadline(RpcConnection& connection, const Properties& params);
     Properties getStatus() const;
@@ -137,6 +140,7 @@ private:
     std::unique_ptr<Loop> _loop; ///< what serves to wait: timer and work guard
     std::unique_ptr<RpcListener> _listener;
     RollCallDesk _rollCalls;
+    std::map<std::string, std::unique_ptr<RollCallDesk>> _slowMethods;
     ForcedEnd _forcedEnds;
     std::vector<std::weak_ptr<CommandDeadline>> _deadlines; ///< of the commands queued and at work
     const std::shared_ptr<RequestBudget> _budget;

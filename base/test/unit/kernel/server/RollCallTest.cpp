@@ -80,12 +80,14 @@ TEST_F(RollCall, TellsThatThereIsNoAnswer) {
         EXPECT_TRUE(waitFor([&] { return mayAnswer.load(); }));
         return standing("late");
     });
+    server().setSlowMethod("server.other", [](const Properties& request) { return request; });
     serve([&] {
         RpcClient boss;
         connect(boss, "boss", Access::CONTROL);
         for (int i = 0; i < 2; ++i) // the second one waits for the first call in vain
             EXPECT_EQ(boss.call("server.where", "{}", 5s).message,
                       "The roll call brought no answer within 0.1 s");
+        EXPECT_EQ(boss.call("server.other", "{\"x\":1}", 5s).result, "{\"x\":1}");
         mayAnswer = true;
         EXPECT_TRUE(waitFor([&] { return !boss.call("server.where", "{}", 5s).failed; }));
     });
