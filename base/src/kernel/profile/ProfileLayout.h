@@ -28,7 +28,7 @@ constexpr std::size_t MAX_DEPTH = 4; ///< of commands inside commands that are k
 /// An operation of the message layer.
 struct Operation {
     Word name;         ///< Name::address
-    Word communicator; ///< its label, see CollectiveHistory::describeLabel()
+    Word communicator; ///< see CommunicatorLabel
     Word size;  ///< bytes of this rank's buffer in the lower half, the partner or root in the upper one
     Word begin; ///< [ticks]; 0: it isn't timed, since it never waits
     Word end;   ///< [ticks]; 0: it hasn't ended, or isn't timed

@@ -121,9 +121,6 @@ constexpr const char* TYPES[] = {"",
                                  "int with location",
                                  "long double with location"};
 
-constexpr unsigned NAME_SHIFT = 24;
-constexpr std::uint64_t MAX_SIZE = (1u << NAME_SHIFT) - 1;
-
 struct Used {
     std::uint64_t hash = 0;
     std::uint32_t count = 0;
@@ -230,33 +227,11 @@ std::uint32_t CollectiveHistory::makeNumber(std::uint32_t key) {
     return number <= GLOBAL_NUMBER || number == NONE_LEFT ? GLOBAL_NUMBER + 1 : number;
 }
 
-std::string CollectiveHistory::describeLabel(std::uint64_t label) {
-    if (label == 0)
-        return {};
-    const std::uint64_t size = label & MAX_SIZE;
-    const std::string ranks = std::to_string(size) + (size == 1 ? " rank" : " ranks");
-    switch (static_cast<Name>((label >> NAME_SHIFT) & 0xFF)) {
-    case UNNAMED:
-        break;
-    case GLOBAL:
-        return "global, " + ranks;
-    case COMMAND:
-        return "command, " + ranks;
-    case HOST:
-        return "host, " + ranks;
-    case SOCKET:
-        return "socket, " + ranks;
-    case NUMA_NODE:
-        return "NUMA node, " + ranks;
-    }
-    return "of " + ranks;
-}
-
 void CollectiveHistory::relabel() {
     // A command inside another one counts from 0 again: its words have another label.
     const auto depth = static_cast<std::uint32_t>(registry().levels.size());
-    const std::uint64_t tag = _number == NO_NUMBER ? NO_NUMBER : _number ^ (depth << 16);
-    _label = tag << 32 | std::uint64_t(_name) << NAME_SHIFT | std::min<std::uint64_t>(_size, MAX_SIZE);
+    const std::uint32_t tag = _number == NO_NUMBER ? NO_NUMBER : _number ^ (depth << 16);
+    _label = CommunicatorLabel::make(tag, _name, _size);
 }
 
 std::uint64_t CollectiveHistory::contribution(std::uint64_t hash) const {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "kernel/profile/CommunicatorLabel.h"
 #include "machine/MachineExport.h"
 #include "machine/messages/MessageOperation.h"
 
@@ -20,7 +21,8 @@ class Communicator;
 /// RING_SIZE words of all communicators together are kept, to tell where ranks differ. Main thread.
 class ORVEX_MACHINE_EXPORT CollectiveHistory {
 public:
-    enum Name : std::uint8_t { UNNAMED, GLOBAL, COMMAND, HOST, SOCKET, NUMA_NODE };
+    using Name = CommunicatorLabel::Name;
+    using enum CommunicatorLabel::Name;
     static constexpr unsigned RING_SIZE = 1024; ///< a power of 2
     static constexpr std::uint32_t GLOBAL_NUMBER = 1;
     /// Of a communicator whose operations aren't compared.
@@ -67,11 +69,9 @@ public:
     /// at the same time.
     std::uint32_t makeNumber(std::uint32_t key);
     void setName(Name name);
-    /// Name and size in the lower half, for OperationRecord; the upper half tells the words of this
-    /// communicator, in this depth of commands, from all others.
+    /// See CommunicatorLabel. The tag tells the words of this communicator, in this depth of commands, from
+    /// all others.
     std::uint64_t getLabel() const { return _label; }
-    /// As in "global, 7 ranks"; empty for 0.
-    static std::string describeLabel(std::uint64_t label);
 
     /// This rank calls a collective.
     void note(std::uint64_t word) {

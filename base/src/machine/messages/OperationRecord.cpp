@@ -73,7 +73,7 @@ bool OperationRecord::readLine(Snapshot& snapshot) {
     snapshot.operations = (generation + 1) / 2;
     snapshot.generation = generation;
     snapshot.operation = operation ? shorten(operation->name) : std::string();
-    snapshot.communicator = CollectiveHistory::describeLabel(communicator);
+    snapshot.communicator = CommunicatorLabel::describe(communicator);
     return true;
 }
 
