@@ -97,7 +97,8 @@ struct Header {
     std::uint32_t ranks;
     std::int32_t pid;
     std::int32_t masterPid;
-    std::uint64_t startStamp; ///< ThreadState::getStartStamp() of the process
+    std::uint64_t startStamp;   ///< ThreadState::getStartStamp() of the process
+    std::uint64_t pidNamespace; ///< Process::getPidNamespace(): the one that the pids belong to
     char bootId[40];
     char host[72];
     char masterHost[72];
