@@ -40,7 +40,7 @@ struct Board {
     Word bytes;                  ///< of all operations
     Word waitTicks;              ///< in operations that may wait, without the one that is open
     Word looks;                  ///< that found nothing, such as a test of a request
-    Word hybridTicks;            ///< of waitTicks, asleep while other ranks work with threads
+    Word lentTicks;              ///< of waitTicks, asleep while other ranks work with threads
     alignas(64) Operation operations[NUMBER_OPERATIONS]; ///< that number n is at (n - 1) % NUMBER_OPERATIONS
 };
 

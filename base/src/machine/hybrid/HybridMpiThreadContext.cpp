@@ -10,11 +10,13 @@
 #include "machine/ground/MachineOptions.h"
 #include "machine/hybrid/HostMeeting.h"
 #include "machine/hybrid/ThreadBindingReport.h"
+#include "machine/messages/OperationRecord.h"
 
 #include "kernel/EventTracker.h"
 #include "kernel/Raise.h"
 #include "kernel/ThreadParallelContext.h"
 #include "platform/StackTracer.h"
+#include "platform/TickClock.h"
 
 #include <exception>
 
@@ -56,9 +58,14 @@ std::string describe(const std::exception_ptr& failure) {
 
 /// Returns when all ranks are here. Collective.
 /// @param failure  what left the work on this rank
-void leave(const std::exception_ptr& failure, const std::string& name) {
+/// @param hasLent  this rank has left its processor to the threads of another one
+void leave(const std::exception_ptr& failure, const std::string& name, bool hasLent) {
     Communicator& ranks = MachineGround::globalCommunicator();
-    if (!HostMeeting::meet(ranks, LEAVE, failure != nullptr, 0.0))
+    const std::uint64_t begin = Platform::TickClock::read();
+    const bool hasFailed = HostMeeting::meet(ranks, LEAVE, failure != nullptr, 0.0);
+    if (hasLent)
+        OperationRecord::noteLent(Platform::TickClock::read() - begin);
+    if (!hasFailed)
         return;
     unsigned failed = failure ? ranks.myRank() : ranks.size();
     ranks.allReduce(failed, Communicator::MIN);
@@ -94,13 +101,14 @@ void HybridMpiThreadContext::run(MachineGround::ShmemScope scope, HybridMpiThrea
     if (MachineGround::isSerial())
         return runThreads(scope, operation, name, bindThreads);
     std::exception_ptr failure;
+    const bool hasThreads = MachineGround::hasSparseCommunicator(scope) != nullptr;
     try {
-        if (MachineGround::hasSparseCommunicator(scope))
+        if (hasThreads)
             runThreads(scope, operation, name, bindThreads);
     } catch (...) { // the other ranks wait for this one
         failure = std::current_exception();
     }
-    leave(failure, name);
+    leave(failure, name, !hasThreads);
 }
 
 void HybridMpiThreadContext::runThreads(MachineGround::ShmemScope scope, HybridMpiThreadOperation& operation,

@@ -23,8 +23,9 @@ public:
     static constexpr Operation global(const char* name, Collective collective) {
         return {name, CommunicatorStatistics::GLOBAL, true, collective};
     }
-    static constexpr Operation pointToPoint(const char* name) {
-        return {name, CommunicatorStatistics::POINT_TO_POINT};
+    /// @param waitsFrom  as MessageOperation::waitsFrom
+    static constexpr Operation pointToPoint(const char* name, unsigned waitsFrom = 0) {
+        return {name, CommunicatorStatistics::POINT_TO_POINT, true, Collective::NONE, waitsFrom};
     }
 
     using Call = MessageCall;
@@ -94,7 +95,8 @@ private:
         if (operation.collective == Collective::NONE)
             return OperationRecord::begin(operation, history.getLabel(), bytes, call.partner);
         history.note(call.word);
-        OperationRecord::beginNoted(operation);
+        OperationRecord::begin(operation, history.getLabel(), CollectiveHistory::bytesOf(call.word),
+                               call.partner);
     }
 
     template <auto call, const Operation& operation, class... Args>

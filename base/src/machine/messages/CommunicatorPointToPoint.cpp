@@ -8,16 +8,16 @@
 namespace {
 
 using Frame = CommunicatorFrame;
-constexpr Frame::Operation SEND = Frame::pointToPoint("Communicator::Send");
-constexpr Frame::Operation I_SEND = Frame::pointToPoint("Communicator::iSend");
+constexpr Frame::Operation SEND = Frame::pointToPoint("Communicator::Send", Frame::Operation::COPIED);
+constexpr Frame::Operation I_SEND = Frame::pointToPoint("Communicator::iSend", Frame::Operation::NEVER);
 constexpr Frame::Operation RECV = Frame::pointToPoint("Communicator::Recv");
-constexpr Frame::Operation I_RECV = Frame::pointToPoint("Communicator::iRecv");
-constexpr Frame::Operation RECV_INIT = Frame::pointToPoint("Communicator::recvInit");
+constexpr Frame::Operation I_RECV = Frame::pointToPoint("Communicator::iRecv", Frame::Operation::NEVER);
+constexpr Frame::Operation RECV_INIT = Frame::pointToPoint("Communicator::recvInit", Frame::Operation::NEVER);
 constexpr Frame::Operation SEND_RECV = Frame::pointToPoint("Communicator::SendRecv");
 constexpr Frame::Operation PROBE = Frame::pointToPoint("Communicator::Probe");
-constexpr Frame::Operation START = Frame::pointToPoint("Communicator::Start");
+constexpr Frame::Operation START = Frame::pointToPoint("Communicator::Start", Frame::Operation::NEVER);
 constexpr Frame::Operation WAIT = Frame::pointToPoint("Communicator::Wait");
-constexpr Frame::Operation TEST = Frame::pointToPoint("Communicator::Test");
+constexpr Frame::Operation TEST = Frame::pointToPoint("Communicator::Test", Frame::Operation::NEVER);
 constexpr Frame::Operation FREE_REQUEST{"Communicator::FreeRequest", CommunicatorStatistics::POINT_TO_POINT,
                                         false};
 

@@ -33,10 +33,14 @@ enum class Collective : std::uint8_t {
     LEAVE_HYBRID_CONTEXT
 };
 
-/// An operation of the message layer, as statistics and the record of operations know it.
+/// An operation of the message layer, as statistics and the record of operations know it. A static object.
 struct MessageOperation {
     const char* name; ///< a static text: the class and the operation
     CommunicatorStatistics::Kind kind = CommunicatorStatistics::GLOBAL;
     bool isTimed = true;
     Collective collective = Collective::NONE;
+    unsigned waitsFrom = 0; ///< [bytes] smaller messages never wait for another rank
+    static constexpr unsigned NEVER = 0xFFFFFFFF;
+    /// Both MPI libraries copy a message of this size and go on.
+    static constexpr unsigned COPIED = 4096;
 };

@@ -5,14 +5,18 @@
 #include <algorithm>
 #include <cctype>
 #include <chrono>
+#include <cstddef>
+#include <cstring>
 #include <mutex>
 #include <string_view>
 #include <utility>
 #include <vector>
 
-constinit OperationRecord::Line OperationRecord::_main;
-constinit OperationRecord::Line OperationRecord::_unseen;
-constinit OperationRecord::Line* OperationRecord::_line = &OperationRecord::_main;
+constinit ProfileLayout::Page OperationRecord::_ownPage{};
+constinit ProfileLayout::Board OperationRecord::_unseen{};
+constinit ProfileLayout::Board* OperationRecord::_board = &OperationRecord::_ownPage.board;
+constinit std::atomic<ProfileLayout::Page*> OperationRecord::_page{&OperationRecord::_ownPage};
+constinit const MessageOperation* OperationRecord::_known[NUMBER_KNOWN] = {};
 
 namespace {
 
@@ -51,24 +55,56 @@ std::string shorten(std::string_view name) {
 
 } // namespace
 
-bool OperationRecord::readLine(Snapshot& snapshot) {
-    const std::uint64_t generation = _main.generation.load(std::memory_order_acquire);
-    const MessageOperation* const operation = _main.operation.load(std::memory_order_acquire);
-    std::uint64_t communicator = _main.communicator.load(std::memory_order_acquire);
-    const std::uint64_t size = _main.size.load(std::memory_order_acquire);
+/// Enters the name into the page, unless it stands there.
+void OperationRecord::learn(const MessageOperation& operation) {
+    _known[hashOf(operation)] = &operation;
+    for (ProfileLayout::Name& name : getPage().names) {
+        const std::uint64_t address = name.address.load(std::memory_order_relaxed);
+        if (address == addressOf(operation))
+            return;
+        if (address != 0)
+            continue;
+        std::strncpy(name.text, operation.name, sizeof name.text - 1);
+        name.address.store(addressOf(operation), std::memory_order_release);
+        return;
+    }
+}
+
+void OperationRecord::moveTo(ProfileLayout::Page& page) {
+    ProfileLayout::Page& before = getPage();
+    // The two have the same layout, and nobody else writes to either. The header stays.
+    constexpr std::size_t BEGIN = offsetof(ProfileLayout::Page, board);
+    std::memcpy(reinterpret_cast<std::byte*>(&page) + BEGIN,
+                reinterpret_cast<const std::byte*>(&before) + BEGIN, sizeof page - BEGIN);
+    _page.store(&page, std::memory_order_release);
+    if (_board == &before.board)
+        _board = &page.board;
+}
+
+void OperationRecord::beginNoted(const MessageOperation& operation) {
+    const CollectiveHistory::Latest latest = CollectiveHistory::getLatest();
+    begin(operation, latest.label, CollectiveHistory::bytesOf(latest.word),
+          CollectiveHistory::rootOf(latest.word));
+}
+
+bool OperationRecord::readBoard(Snapshot& snapshot) {
+    ProfileLayout::Board& board = getPage().board;
+    const std::uint64_t generation = board.generation.load(std::memory_order_acquire);
+    // Between operations, that of the last one.
+    const ProfileLayout::Operation& slot = slotOf(board, generation - ((generation & 1) == 0 ? 2 : 0));
+    const auto* const operation = reinterpret_cast<const MessageOperation*>(
+        static_cast<std::uintptr_t>(slot.name.load(std::memory_order_acquire)));
+    const std::uint64_t communicator = slot.communicator.load(std::memory_order_acquire);
+    const std::uint64_t size = slot.size.load(std::memory_order_acquire);
     const CollectiveHistory::Latest latest = CollectiveHistory::getLatest();
     snapshot.collectives = CollectiveHistory::countAll();
-    snapshot.looks = _main.looks.load(std::memory_order_acquire);
-    if (_main.generation.load(std::memory_order_relaxed) != generation)
+    snapshot.looks = board.looks.load(std::memory_order_acquire);
+    if (board.generation.load(std::memory_order_relaxed) != generation)
         return false;
+    if (operation && operation->collective != Collective::NONE)
+        snapshot.number = latest.count;
     snapshot.bytes = static_cast<unsigned>(size);
     snapshot.partner = operation ? static_cast<int>(size >> 32) : -1;
-    if (operation && operation->collective != Collective::NONE) {
-        communicator = latest.label;
-        snapshot.number = latest.count;
-        snapshot.bytes = CollectiveHistory::bytesOf(latest.word);
-        snapshot.partner = CollectiveHistory::rootOf(latest.word);
-    }
     snapshot.isInside = (generation & 1) != 0;
     snapshot.operations = (generation + 1) / 2;
     snapshot.generation = generation;
@@ -80,7 +116,7 @@ bool OperationRecord::readLine(Snapshot& snapshot) {
 OperationRecord::Snapshot OperationRecord::read() {
     constexpr int TRIES = 1000; // a rank that begins operations faster than this reads is none that stands
     Snapshot snapshot;
-    for (int i = 0; i < TRIES && !readLine(snapshot); ++i) {
+    for (int i = 0; i < TRIES && !readBoard(snapshot); ++i) {
     }
     Commands& all = commands();
     const std::lock_guard lock(all.mutex);
@@ -98,11 +134,12 @@ OperationRecord::Snapshot OperationRecord::read() {
 }
 
 std::uint64_t OperationRecord::getGeneration() {
-    return _main.generation.load(std::memory_order_acquire) + commandChanges.load(std::memory_order_acquire);
+    return getPage().board.generation.load(std::memory_order_acquire) +
+           commandChanges.load(std::memory_order_acquire);
 }
 
 void OperationRecord::beginCommand(const std::string& name) {
-    const std::uint64_t operations = (_main.generation.load(std::memory_order_relaxed) + 1) / 2;
+    const std::uint64_t operations = (getPage().board.generation.load(std::memory_order_relaxed) + 1) / 2;
     Commands& all = commands();
     const std::lock_guard lock(all.mutex);
     all.open.push_back({name, Clock::now(), operations, CollectiveHistory::countAll()});
@@ -126,22 +163,22 @@ void OperationRecord::endCommand() {
 }
 
 OperationRecord::Composite::Composite(const MessageOperation& operation)
-    : _before(_line), _holds(_line == &_main) {
+    : _before(_board), _holds(_board != &_unseen) {
     if (_holds)
         CollectiveHistory::hold();
     beginNoted(operation);
-    _line = &_unseen;
+    _board = &_unseen;
 }
 
 OperationRecord::Composite::Composite(const MessageOperation& operation, std::uint64_t communicator,
                                       unsigned bytes, int partner)
-    : _before(_line), _holds(false) {
+    : _before(_board), _holds(false) {
     begin(operation, communicator, bytes, partner);
-    _line = &_unseen;
+    _board = &_unseen;
 }
 
 OperationRecord::Composite::~Composite() {
-    _line = _before;
+    _board = _before;
     end();
     if (_holds)
         CollectiveHistory::release();

@@ -1,7 +1,9 @@
 #pragma once
 
+#include "kernel/profile/ProfileLayout.h"
 #include "machine/MachineExport.h"
 #include "machine/messages/MessageOperation.h"
+#include "platform/TickClock.h"
 
 #include <atomic>
 #include <cstdint>
@@ -50,25 +52,49 @@ public:
     /// @param communicator  CollectiveHistory::getLabel(), 0 for none
     static void begin(const MessageOperation& operation, std::uint64_t communicator, unsigned bytes,
                       int partner) {
+        if (_known[hashOf(operation)] != &operation) [[unlikely]]
+            learn(operation);
+        Board& board = *_board;
+        const std::uint64_t generation = board.generation.load(std::memory_order_relaxed);
+        ProfileLayout::Operation& slot = slotOf(board, generation);
         // A reader that sees one of these new values sees the even generation before it too.
-        _line->communicator.store(communicator, std::memory_order_release);
-        _line->size.store(std::uint64_t(static_cast<unsigned>(partner)) << 32 | bytes,
-                          std::memory_order_release);
-        beginNoted(operation);
-    }
-    /// A collective that CollectiveHistory has just noted, with all that is to tell.
-    static void beginNoted(const MessageOperation& operation) {
-        Line& line = *_line;
-        line.operation.store(&operation, std::memory_order_release);
-        line.generation.store(line.generation.load(std::memory_order_relaxed) | 1, std::memory_order_release);
-    }
-    static void end() {
-        std::atomic<std::uint64_t>& generation = _line->generation;
-        generation.store((generation.load(std::memory_order_relaxed) + 1) & ~std::uint64_t(1),
+        slot.name.store(addressOf(operation), std::memory_order_release);
+        slot.communicator.store(communicator, std::memory_order_release);
+        slot.size.store(std::uint64_t(static_cast<unsigned>(partner)) << 32 | bytes,
+                        std::memory_order_release);
+        slot.end.store(0, std::memory_order_release);
+        slot.begin.store(bytes >= operation.waitsFrom ? Platform::TickClock::read() : 0,
                          std::memory_order_release);
+        step(board.bytes, bytes);
+        board.generation.store(generation | 1, std::memory_order_release);
     }
-    static bool isInside() { return (_line->generation.load(std::memory_order_relaxed) & 1) != 0; }
-    static void countLook() { step(_line->looks, 1); }
+    /// A collective that CollectiveHistory has just noted.
+    static void beginNoted(const MessageOperation& operation);
+    static void end() {
+        Board& board = *_board;
+        const std::uint64_t generation = board.generation.load(std::memory_order_relaxed);
+        if ((generation & 1) == 0)
+            return; // another operation has ended it
+        ProfileLayout::Operation& slot = slotOf(board, generation);
+        const std::uint64_t begin = slot.begin.load(std::memory_order_relaxed);
+        if (begin != 0) {
+            const std::uint64_t now = Platform::TickClock::read();
+            slot.end.store(now, std::memory_order_relaxed);
+            step(board.waitTicks, now - begin);
+        }
+        board.generation.store(generation + 1, std::memory_order_release);
+    }
+    static bool isInside() { return (_board->generation.load(std::memory_order_relaxed) & 1) != 0; }
+    static void countLook() { step(_board->looks, 1); }
+    /// Of the time in operations, `ticks` were spent asleep while another rank's threads had the processor.
+    static void noteLent(std::uint64_t ticks) { step(_board->lentTicks, ticks); }
+
+    /// Has the record kept in `page` from now on, with all that it holds by now, until moveBack().
+    static void moveTo(ProfileLayout::Page& page);
+    /// The same, in the page of its own again.
+    static void moveBack() { moveTo(_ownPage); }
+    /// The page that it is kept in, at first one of its own.
+    static ProfileLayout::Page& getPage() { return *_page; }
 
     /// An operation from here to the end of the scope, by whatever way.
     class Scope {
@@ -85,7 +111,7 @@ public:
     };
 
 private:
-    struct Line;
+    using Board = ProfileLayout::Board;
 
 public:
     /// The same for an operation that is made of others: these aren't recorded.
@@ -99,27 +125,35 @@ public:
         Composite& operator=(const Composite&) = delete;
 
     private:
-        Line* _before;
+        Board* _before;
         bool _holds; ///< a word of CollectiveHistory
     };
 
 private:
-    struct alignas(64) Line {
-        std::atomic<std::uint64_t> generation{0}; ///< odd inside an operation
-        std::atomic<const MessageOperation*> operation{nullptr};
-        std::atomic<std::uint64_t> communicator{0};
-        std::atomic<std::uint64_t> size{0}; ///< bytes in the lower half, the partner in the upper one
-        std::atomic<std::uint64_t> looks{0};
-    };
+    static constexpr std::size_t NUMBER_KNOWN = 512; ///< a power of 2
 
     /// Only one thread writes.
     static void step(std::atomic<std::uint64_t>& counter, std::uint64_t by) {
         counter.store(counter.load(std::memory_order_relaxed) + by, std::memory_order_relaxed);
     }
-    static bool readLine(Snapshot& snapshot);
+    /// The slot of the operation that is open, or begins next.
+    static ProfileLayout::Operation& slotOf(Board& board, std::uint64_t generation) {
+        return board.operations[generation / 2 % ProfileLayout::NUMBER_OPERATIONS];
+    }
+    static std::uint64_t addressOf(const MessageOperation& operation) {
+        return reinterpret_cast<std::uintptr_t>(&operation);
+    }
+    static std::size_t hashOf(const MessageOperation& operation) {
+        return addressOf(operation) / alignof(MessageOperation) % NUMBER_KNOWN;
+    }
+    static void learn(const MessageOperation& operation);
+    static bool readBoard(Snapshot& snapshot);
 
     // Hidden, so that no table of addresses is read on the way.
-    [[gnu::visibility("hidden")]] static constinit Line _main;
-    [[gnu::visibility("hidden")]] static constinit Line _unseen; ///< for the parts of a composite
-    [[gnu::visibility("hidden")]] static constinit Line* _line;
+    [[gnu::visibility("hidden")]] static constinit ProfileLayout::Page _ownPage;
+    [[gnu::visibility("hidden")]] static constinit Board _unseen; ///< for the parts of a composite
+    [[gnu::visibility("hidden")]] static constinit Board* _board;
+    [[gnu::visibility("hidden")]] static constinit std::atomic<ProfileLayout::Page*> _page;
+    /// Operations whose names stand in the page.
+    [[gnu::visibility("hidden")]] static constinit const MessageOperation* _known[NUMBER_KNOWN];
 };
