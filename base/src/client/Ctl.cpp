@@ -1,5 +1,6 @@
 #include "client/Ctl.h"
 
+#include "client/CtlBill.h"
 #include "client/CtlInterrupt.h"
 #include "client/CtlPrompt.h"
 #include "client/OwnCommands.h"
@@ -227,11 +228,22 @@ int Ctl::runCommand(const std::string& name, const std::vector<CommandWords::Wor
     if (_options.deadline)
         if (const RpcClient::Reply reply = sendDeadline(); reply.failed)
             return print(reply);
+    if (_options.bill && !_asksForBills) {
+        const RpcClient::Reply reply =
+            _session.getClient().call("server.bill", "{\"on\":true}", _options.timeout.value_or(ANSWER_TIME));
+        if (reply.failed)
+            return print(reply);
+        _asksForBills = true;
+    }
     try {
         const RpcClient::Reply reply = _session.getClient().call(name, params, _options.timeout);
         answered = true;
         _interrupted = interrupt.happened();
-        return reply.failed ? print(reply) : printResponse(name, reply.result);
+        const int code = reply.failed ? print(reply) : printResponse(name, reply.result);
+        if (!reply.bill.empty())
+            _console.print(_options.json ? "{\"bill\":" + reply.bill + "}\n"
+                                         : CtlBill::describe(Properties(std::string_view(reply.bill))));
+        return code;
     } catch (const RpcClientError& error) {
         if (error.getTrouble() != RpcClientError::TIMED_OUT && error.getTrouble() != RpcClientError::GIVEN_UP)
             throw;
@@ -278,6 +290,8 @@ int Ctl::runOwn(const std::string& name, const std::vector<CommandWords::Word>& 
             callServer("server.abort", CommandWords::toParams(arguments, {{"reason", "text"}}));
         return result == ExitCode::SUCCESS ? waitForEnd(false) : result;
     }
+    if (name == "bills")
+        return showBills(arguments);
     if (name == "where")
         return where(arguments);
     if (name == "cancel")
@@ -339,6 +353,28 @@ int Ctl::printStanding(const RpcClient::Reply& reply) {
         printObject(standing.toString());
     else
         _console.print(text.ends_with('\n') ? text : text + "\n");
+    return ExitCode::SUCCESS;
+}
+
+int Ctl::showBills(const std::vector<CommandWords::Word>& arguments) {
+    if (arguments.size() > 1)
+        throw UsageError("bills takes nothing, or the number of bills");
+    Properties params;
+    if (!arguments.empty()) {
+        const std::string& text = arguments.front().text;
+        unsigned count = 0;
+        const auto [end, failed] = std::from_chars(text.data(), text.data() + text.size(), count);
+        if (failed != std::errc() || end != text.data() + text.size() || count == 0)
+            throw UsageError("bills takes nothing, or the number of bills");
+        params.set("count", count);
+    }
+    const RpcClient::Reply reply =
+        _session.getClient().call("server.bills", params.toString(), _options.timeout.value_or(ANSWER_TIME));
+    if (reply.failed || _options.json)
+        return print(reply);
+    std::vector<Properties> bills;
+    Properties(std::string_view(reply.result)).get("bills", bills);
+    _console.print(CtlBill::list(bills));
     return ExitCode::SUCCESS;
 }
 

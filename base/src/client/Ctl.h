@@ -36,6 +36,7 @@ private:
     RpcClient::Reply sendDeadline();
     int stop();
     int waitForEnd(bool commandRuns);
+    int showBills(const std::vector<CommandWords::Word>& arguments);
     int callServer(const std::string& method, const std::string& params);
     int print(const RpcClient::Reply& reply);
     void printError(const RpcClient::Reply& reply);
@@ -47,5 +48,6 @@ private:
     const CtlOptions& _options;
     CtlConsole _console;
     CtlSession _session;
+    bool _asksForBills = false;
     bool _interrupted = false; ///< Ctrl-C was pressed while a command ran: no further one follows
 };

@@ -47,6 +47,7 @@ Examples:
   orvexctl ListDir path=/data
   orvexctl --json --session wing.sim GetTimes
   orvexctl --deadline 30m SolveHeatConduction
+  orvexctl --bill SolveHeatConduction
   orvexctl where
   orvexctl --file commands.txt)";
 
@@ -84,6 +85,8 @@ CtlOptions CtlOptions::parse(int argc, char** argv, std::optional<int>& exitCode
         });
     app.add_flag("--json", options.json,
                  "Answers as JSON, one object a line; the console goes to standard error");
+    app.add_flag("--bill", options.bill,
+                 "After each answer, what the command cost: time, waiting, memory, messages");
     app.add_flag("-q,--quiet", options.quiet, "Don't show what the server prints");
     app.add_flag("-k,--keep-going", options.keepGoing, "A script goes on after an error");
     app.add_option("command", options.words, "Command and its arguments, key=value");

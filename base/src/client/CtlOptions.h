@@ -28,6 +28,7 @@ struct CtlOptions {
     std::string keyFile;
     std::string script; ///< path, "-" is standard input
     bool json = false;
+    bool bill = false;                                ///< what each command cost, after its answer
     bool quiet = false;                               ///< no console output of the server
     bool keepGoing = false;                           ///< a script goes on after an error
     std::optional<std::chrono::milliseconds> timeout; ///< for an answer; none: as long as it takes

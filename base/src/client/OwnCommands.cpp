@@ -19,6 +19,7 @@ constexpr std::array COMMANDS{
     OwnCommand{"status", "", "the command that runs, since when, and for which client"},
     OwnCommand{"where", " [--rank N]",
                "where all ranks stand, also while they hang; with --rank, that one in full"},
+    OwnCommand{"bills", " [COUNT]", "what the latest commands cost: time, waiting, memory, messages"},
     OwnCommand{"cancel", " [--force]",
                "ask the task at work to end early; with --force, take the job down if it doesn't"},
     OwnCommand{"stop", "", "end the server in order: the command at work finishes first"},

@@ -46,7 +46,8 @@ public:
             STOPPING
         };
         Status status = DONE;
-        Properties response; ///< the results, or else the error
+        Properties response;  ///< the results, or else the error
+        Properties bill = {}; ///< what the command cost, empty when nobody has told
 
         bool hasFailed() const { return status != DONE; }
     };

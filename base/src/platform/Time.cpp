@@ -97,6 +97,10 @@ void Time::sleepMilliseconds(unsigned milliseconds) const {
     sleep(milliseconds * 1e-3);
 }
 
+double Time::getProcessorTime() const {
+    return toSeconds(readClock(CLOCK_PROCESS_CPUTIME_ID));
+}
+
 void Time::stampProcessorTime(ProcessorStamp& stamp) const {
     stamp._nanoseconds = readClock(CLOCK_PROCESS_CPUTIME_ID);
 }

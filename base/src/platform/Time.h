@@ -33,6 +33,8 @@ public:
 
     /// Starts an interval of this process's processor time, all its threads together.
     void stampProcessorTime(ProcessorStamp& stamp) const;
+    /// [s] that this process has worked so far, all its threads together.
+    double getProcessorTime() const;
     /// [s] of processor time since the stamp
     double getElapsedProcessorTime(const ProcessorStamp& stamp) const;
 

@@ -227,6 +227,7 @@ void RpcClient::Impl::shakeHands(const SessionKey& key, SessionHandshake::Access
 RpcClient::Reply RpcClient::Impl::toReply(const RpcMessage& message) {
     Reply reply;
     reply.failed = !message.error.empty();
+    reply.bill = message.bill;
     if (!reply.failed) {
         reply.result = message.result;
         return reply;

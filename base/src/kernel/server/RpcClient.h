@@ -47,6 +47,7 @@ public:
         int code = 0;        ///< of the failure, as in RpcFault
         std::string message; ///< of the failure
         std::string data;    ///< of the failure: JSON text, "{}" when there is none
+        std::string bill;    ///< JSON text of what the command cost, when server.bill has asked for it
     };
     /// `params` is JSON text.
     using NotificationCallback = std::function<void(const std::string& method, std::string_view params)>;

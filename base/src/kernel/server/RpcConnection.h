@@ -44,6 +44,7 @@ public:
         bool control = false;           ///< only asks and steers the server, runs no commands
         std::string client;             ///< its own words
         std::optional<double> deadline; ///< of its next command [s]
+        bool wantsBills = false;        ///< with the answers to its commands
         std::string nonce;              ///< ours to it
         std::chrono::system_clock::time_point since = std::chrono::system_clock::now();
         Clock::time_point connected = Clock::now();

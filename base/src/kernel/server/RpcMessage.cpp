@@ -114,6 +114,8 @@ private:
             return once(_message.result, raw);
         if (_key == "error")
             return once(_message.error, raw);
+        if (_key == "bill")
+            return once(_message.bill, raw);
         return true;
     }
 
@@ -217,14 +219,17 @@ std::string RpcMessage::notification(std::string_view method, std::string_view p
     return join({R"({"jsonrpc":"2.0","method":)", quote(method), R"(,"params":)", params, "}\n"});
 }
 
-std::string RpcMessage::answer(std::string_view id, std::string_view result) {
-    return join({R"({"jsonrpc":"2.0","id":)", id, R"(,"result":)", result, "}\n"});
+std::string RpcMessage::answer(std::string_view id, std::string_view result, std::string_view bill) {
+    return join({R"({"jsonrpc":"2.0","id":)", id, R"(,"result":)", result, bill.empty() ? "" : R"(,"bill":)",
+                 bill, "}\n"});
 }
 
-std::string RpcMessage::failure(std::string_view id, const RpcFault& fault, std::string_view data) {
+std::string RpcMessage::failure(std::string_view id, const RpcFault& fault, std::string_view data,
+                                std::string_view bill) {
     return join({R"({"jsonrpc":"2.0","id":)", id.empty() ? "null" : id, R"(,"error":{"code":)",
                  std::to_string(fault.code), R"(,"message":)", quote(fault.message),
-                 data.empty() ? "" : R"(,"data":)", data, "}}\n"});
+                 data.empty() ? "" : R"(,"data":)", data, "}", bill.empty() ? "" : R"(,"bill":)", bill,
+                 "}\n"});
 }
 
 std::string RpcMessage::quote(std::string_view text) {

@@ -35,6 +35,7 @@ struct ORVEX_KERNEL_EXPORT RpcMessage {
     std::string_view params;
     std::string_view result;
     std::string_view error;
+    std::string_view bill; ///< of an answer: JSON text of what the command cost, see server.bill
 
     bool isRequest() const { return !method.empty(); }
 
@@ -45,9 +46,11 @@ struct ORVEX_KERNEL_EXPORT RpcMessage {
     // The lines to send, each with its line end. `params`, `result` and `data` are JSON texts.
     static std::string request(std::string_view id, std::string_view method, std::string_view params);
     static std::string notification(std::string_view method, std::string_view params);
-    static std::string answer(std::string_view id, std::string_view result);
+    /// @param bill  JSON text of what the command cost; empty: the client didn't ask for it
+    static std::string answer(std::string_view id, std::string_view result, std::string_view bill = {});
     /// An empty `id` stands for a request that couldn't be read.
-    static std::string failure(std::string_view id, const RpcFault& fault, std::string_view data = {});
+    static std::string failure(std::string_view id, const RpcFault& fault, std::string_view data = {},
+                               std::string_view bill = {});
     /// `text` as a JSON string; bytes that aren't UTF-8 become the replacement character.
     static std::string quote(std::string_view text);
 };

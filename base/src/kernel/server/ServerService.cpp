@@ -1,5 +1,6 @@
 #include "kernel/server/ServerService.h"
 
+#include "kernel/BillBook.h"
 #include "kernel/Command.h"
 #include "kernel/Controller.h"
 #include "kernel/OrvexVersion.h"
@@ -71,13 +72,15 @@ RpcFault::Code codeOf(Controller::Outcome::Status status) {
 }
 
 /// The answer to a command: its results, or its error with all else that the error tells.
-std::string answerOf(const std::string& id, const Controller::Outcome& outcome) {
+std::string answerOf(const std::string& id, const Controller::Outcome& outcome, bool withBill) {
+    const std::string bill =
+        withBill && outcome.bill != Properties() ? outcome.bill.toString() : std::string();
     if (!outcome.hasFailed())
-        return RpcMessage::answer(id, outcome.response.toString());
+        return RpcMessage::answer(id, outcome.response.toString(), bill);
     Properties data = outcome.response;
     data.remove(Error::MESSAGE_TAG);
     return RpcMessage::failure(id, {codeOf(outcome.status), Error::getMessage(outcome.response)},
-                               data.toString());
+                               data.toString(), bill);
 }
 
 std::string noticeOf(const std::string& text) {
@@ -507,7 +510,7 @@ void ServerService::onCommandDone(RpcConnection& connection, const std::string& 
         reviveConsole();
         drainConsole(); // what the command printed comes before its answer
         if (!id.empty())
-            line = boundedAnswer(connection, id, answerOf(id, outcome));
+            line = boundedAnswer(connection, id, answerOf(id, outcome, connection.getPeer().wantsBills));
     } catch (const std::exception& error) { // too large for the memory that is left
         line = RpcMessage::failure(
             id, {RpcFault::INTERNAL_ERROR, std::string("The response is lost: ") + error.what()});
@@ -548,6 +551,17 @@ std::string ServerService::callMethod(const std::string& method, const Propertie
     if (method == "server.deadline") {
         setDeadline(connection, params);
         return Properties().toString();
+    }
+    if (method == "server.bill") {
+        connection.getPeer().wantsBills = params.getBool("on");
+        return Properties().toString();
+    }
+    if (method == "server.bills") {
+        Properties result;
+        result.set("bills",
+                   BillBook::getSingleton().getLatest(params.hasName("count") ? params.getUnsignedInt("count")
+                                                                              : BillBook::MAX_BILLS));
+        return result.toString();
     }
     if (method == "server.stop") {
         OS::Log::instance("Default").info("ServerService::callMethod", "@0@ asked the server to stop",

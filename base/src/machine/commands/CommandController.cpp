@@ -9,8 +9,11 @@
 #include "machine/hybrid/HostMeeting.h"
 #include "machine/messages/CollectiveHistory.h"
 #include "machine/messages/OperationRecord.h"
+#include "machine/reports/CommandBill.h"
+#include "machine/reports/CommandMeter.h"
 #include "machine/start/StopLimit.h"
 
+#include "kernel/BillBook.h"
 #include "kernel/Command.h"
 #include "kernel/EventTracker.h"
 #include "kernel/Properties.h"
@@ -135,13 +138,29 @@ std::optional<Properties> compareCollectives(const Properties& response,
 /// The records of this process tell from here on that no command runs.
 struct EndOfCommand {
     EndOfCommand() = default;
+    bool isMeasured = false; ///< its cost has been taken
     ~EndOfCommand() {
+        if (!isMeasured)
+            CommandMeter::getSingleton().end(true);
         CollectiveHistory::endCommand();
         OperationRecord::endCommand();
     }
     EndOfCommand(const EndOfCommand&) = delete;
     EndOfCommand& operator=(const EndOfCommand&) = delete;
 };
+
+/// Puts the bill into the outcome and into the book. Serial or master.
+void writeBill(const std::vector<CommandBill::Cost>& costs, double began, Controller::Outcome& outcome) {
+    Properties bill = CommandBill::describe(costs);
+    bill.set("command", commandIn(outcome.response));
+    const auto running = Controller::getSingleton().getRunningCommand();
+    if (running && !running->client.empty())
+        bill.set("client", running->client);
+    bill.set("began", began);
+    bill.set("failed", outcome.hasFailed());
+    BillBook::getSingleton().add(bill);
+    outcome.bill = std::move(bill);
+}
 
 void assertMayExecuteCommands() {
     ORVEX_ASSERT_AS(Machine::isSerialOrMaster(), "Machine::isSerial() || Machine::isMaster()",
@@ -201,13 +220,21 @@ private:
 class CommandController::SerialBeginObserver : public Observer {
 public:
     void update(Properties& command) override {
-        OperationRecord::beginCommand(Command::getCommandName(command));
+        const std::string name = Command::getCommandName(command);
+        OperationRecord::beginCommand(name);
+        CommandMeter::getSingleton().begin(name);
     }
 };
 
 class CommandController::SerialEndObserver : public Observer {
 public:
-    void update(Properties&) override { OperationRecord::endCommand(); }
+    void update(Properties&) override {
+        Controller::Outcome& outcome = Controller::getSingleton().getToldOutcome();
+        CommandMeter& meter = CommandMeter::getSingleton();
+        const double began = meter.getBeginning();
+        writeBill({meter.end(outcome.hasFailed())}, began, outcome);
+        OperationRecord::endCommand();
+    }
 };
 
 class CommandController::PostExecuteFloatingPointErrorObserver : public Observer {
@@ -404,18 +431,26 @@ void CommandController::scatterCommand(Properties& command) const {
         HostMeeting::meet(ranks, AWAIT_COMMAND, 1.0);
     ranks.broadcast(text, Communicator::masterRank());
     command = Properties(text);
-    OperationRecord::beginCommand(Command::getCommandName(command));
+    const std::string name = Command::getCommandName(command);
+    OperationRecord::beginCommand(name);
     CollectiveHistory::beginCommand();
+    CommandMeter::getSingleton().begin(name);
 }
 
 void CommandController::gatherResponse(Controller::Outcome& outcome) const {
     const EventTracker::Track track("CommandController", "gatherResponse");
+    CommandBill::Cost cost;
+    const double began = CommandMeter::getSingleton().getBeginning();
     {
-        const EndOfCommand end;
+        EndOfCommand end;
         const Properties* const mine = outcome.hasFailed() ? &outcome.response : nullptr;
         const std::string message = messageOf(mine);
         OperationRecord::setFailure(message);
         const std::vector<EndRecord> records = gatherRecords(mine, message.size());
+        // Here all ranks have come to the end, and who came first has waited.
+        cost = CommandMeter::getSingleton().end(
+            std::ranges::any_of(records, [](const EndRecord& record) { return record[1] != 0; }));
+        end.isMeasured = true;
         std::optional<Properties> error = gatherError(mine, message, records);
         if (!error)
             error = compareCollectives(outcome.response, records);
@@ -423,6 +458,9 @@ void CommandController::gatherResponse(Controller::Outcome& outcome) const {
             outcome = {Controller::Outcome::FAILED, std::move(*error)};
     }
     postExecuteFloatingPointErrorCheck(outcome);
+    const std::vector<CommandBill::Cost> costs = CommandBill::gather(Machine::commandCommunicator(), cost);
+    if (Machine::isMaster() && commandIn(outcome.response) != ExitCommandLoop::NAME)
+        writeBill(costs, began, outcome);
 }
 
 /// A fault counts when no rank's command has failed by then.

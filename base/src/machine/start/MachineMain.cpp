@@ -12,6 +12,7 @@
 #include "machine/failures/ParallelErrorHandler.h"
 #include "machine/files/ParallelConsoleBuf.h"
 #include "machine/ground/MachineOptions.h"
+#include "machine/reports/RankProfile.h"
 #include "machine/start/LastWords.h"
 #include "machine/start/StopLimit.h"
 #include "machine/start/StopSignals.h"
@@ -83,6 +84,7 @@ void Machine::main(int argc, char** argv) {
     bindProcesses();
     resolveCpuContention();
     startSharedMemory();
+    RankProfile::start();
     if (isParallel())
         warnOfMixedVectorization();
     SynchronizedDynamicLoader::getSingleton().nonStateLoad("OrvexScene");
@@ -108,6 +110,7 @@ void Machine::main(int argc, char** argv) {
         deleteOnExit();
     stopTimer();
     stopParallelErrorHandler();
+    RankProfile::stop();
     StopLimit::enter("the end of the message layer");
     stopCommunicators();
     StopLimit::enter("the exit functions");

@@ -1,5 +1,9 @@
 #include "ServerTestSupport.h"
 
+#include "kernel/BillBook.h"
+#include "kernel/Controller.h"
+#include "kernel/Observer.h"
+#include "kernel/Subject.h"
 #include "platform/Process.h"
 #include "platform/StringHelper.h"
 
@@ -37,7 +41,26 @@ protected:
     std::string _keyFile;
 };
 
+/// Writes the same bill for each command.
+class BillObserver : public Observer {
+public:
+    BillObserver() {
+        _bill.set("command", "Echo");
+        _bill.set("began", 0.0);
+        _bill.set("ranks", 1);
+        _bill.set("wall", 1.5);
+        BillBook::getSingleton().add(_bill);
+    }
+    void update(Properties&) override { Controller::getSingleton().getToldOutcome().bill = _bill; }
+
+private:
+    Properties _bill;
+};
+
 TEST_F(OrvexctlTest, RunsCommandsAndTellsHowTheyEnd) {
+    BillObserver observer;
+    Subject& observable = Controller::getSingleton().getMasterGatherResponseObservable();
+    observable.attach(observer);
     server().setRollCall([](const Properties& request) {
         Properties standing;
         standing.set("text", request.hasName("rank") ? "\nRank 0 alone.\n" : "\nAll is well.");
@@ -70,6 +93,10 @@ TEST_F(OrvexctlTest, RunsCommandsAndTellsHowTheyEnd) {
             {{"list-commands", "Echo"}, 0, "text  text  anything       false"},
             {{"list-commands", "Ecko"}, 1, "did you mean \"Echo\""},
             {{"status"}, 0, "queued"},
+            {{"bills"}, 0, "Echo         1.50 s"},
+            {{"bills", "0"}, 2, "bills takes nothing, or the number of bills"},
+            {{"--bill", "--json", "Echo"}, 0, "\n{\"bill\":{\"command\":\"Echo\",\"began\":0.0,\"ranks\":1,"},
+            {{"--bill", "Fail", "text=bad luck"}, 1, "Bill of Echo: 1.50 s\n"},
             {{"cancel"}, 0, "cancelled  false"},
             {{"cancel", "--force"}, 1, "no way to abort"},
             {{"cancel", "now"}, 2, "cancel takes nothing, or --force"},
@@ -96,7 +123,9 @@ TEST_F(OrvexctlTest, RunsCommandsAndTellsHowTheyEnd) {
         }
         EXPECT_FALSE(has(run({"-q", "Print", "lines=2", "text=x"}), "line"));
         check(run({"Echo", ">/dev/full"}, true), 7, "can't be written: No space left on device");
+        EXPECT_FALSE(has(run({"Echo"}), "Bill"));
     });
+    observable.detach(observer);
 }
 
 TEST_F(OrvexctlTest, RunsScripts) {

@@ -1,0 +1,151 @@
+#include "machine/reports/CommandMeter.h"
+
+#include "machine/messages/OperationRecord.h"
+
+#include "platform/Memory.h"
+#include "platform/Process.h"
+#include "platform/TickClock.h"
+#include "platform/Time.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace {
+
+using Platform::TickClock;
+
+std::int64_t toNanoseconds(double seconds) {
+    return static_cast<std::int64_t>(seconds * 1e9);
+}
+
+std::uint64_t toCount(double value) {
+    return static_cast<std::uint64_t>(std::max(value, 0.0));
+}
+
+template <std::size_t SIZE>
+void copyText(char (&to)[SIZE], const std::string& text) {
+    std::memset(to, 0, SIZE);
+    std::memcpy(to, text.data(), std::min(text.size(), SIZE - 1));
+}
+
+/// Marks a record of the profile as being written, for its scope.
+class Writing {
+public:
+    explicit Writing(ProfileLayout::Word& sequence) : _sequence(sequence) {
+        _sequence.store(_sequence.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+        std::atomic_thread_fence(std::memory_order_release);
+    }
+    ~Writing() { _sequence.store(_sequence.load(std::memory_order_relaxed) + 1, std::memory_order_release); }
+    Writing(const Writing&) = delete;
+    Writing& operator=(const Writing&) = delete;
+
+private:
+    ProfileLayout::Word& _sequence;
+};
+
+Platform::MemoryUse readMemory() {
+    static const auto query = Platform::memory().createQuery(Platform::process().getPid());
+    Platform::MemoryUse use;
+    query->query(use); // all zero when the system doesn't tell
+    return use;
+}
+
+} // namespace
+
+CommandMeter& CommandMeter::getSingleton() {
+    static CommandMeter meter;
+    return meter;
+}
+
+CommandMeter::Start CommandMeter::measure() {
+    const ProfileLayout::Board& board = OperationRecord::getPage().board;
+    const Platform::MemoryUse memory = readMemory();
+    Start now;
+    now.at = Platform::time().getSecondsSinceEpoch();
+    now.tick = TickClock::read();
+    now.processor = Platform::time().getProcessorTime();
+    now.waitTicks = board.waitTicks.load(std::memory_order_relaxed);
+    now.lentTicks = board.lentTicks.load(std::memory_order_relaxed);
+    now.generation = board.generation.load(std::memory_order_relaxed);
+    now.bytes = board.bytes.load(std::memory_order_relaxed);
+    now.memory = memory.residentSize;
+    now.highWater = memory.residentHighWater;
+    return now;
+}
+
+CommandMeter::Cost CommandMeter::subtract(const Start& end, const Start& begin) {
+    Cost cost;
+    cost.wall = TickClock::toSeconds(end.tick - begin.tick);
+    cost.processor = end.processor - begin.processor;
+    cost.lent = TickClock::toSeconds(end.lentTicks - begin.lentTicks);
+    cost.waiting = std::max(TickClock::toSeconds(end.waitTicks - begin.waitTicks) - cost.lent, 0.0);
+    // The system keeps one highest value for the life of the process. Of a command that stayed below it only
+    // the two ends are known.
+    cost.peakMemory = static_cast<double>(
+        end.highWater > begin.highWater ? end.highWater : std::max(begin.memory, end.memory));
+    cost.addedMemory = static_cast<double>(end.memory - begin.memory);
+    cost.messages = static_cast<double>((end.generation + 1) / 2 - (begin.generation + 1) / 2);
+    cost.bytes = static_cast<double>(end.bytes - begin.bytes);
+    return cost;
+}
+
+void CommandMeter::begin(const std::string& command) {
+    Start start = measure();
+    start.command = command;
+    ProfileLayout::Page& page = OperationRecord::getPage();
+    if (_open.size() < ProfileLayout::MAX_DEPTH) {
+        ProfileLayout::Command& shown = page.commands[_open.size()];
+        const Writing writing(shown.sequence);
+        copyText(shown.name, command);
+        shown.beganAt = toNanoseconds(start.at);
+        shown.beginTick = start.tick;
+        shown.operations = start.generation / 2;
+        shown.bytes = start.bytes;
+        shown.waitTicks = start.waitTicks;
+        shown.processorTime = toCount(start.processor * 1e9);
+        shown.memory = toCount(static_cast<double>(start.memory));
+    }
+    _open.push_back(std::move(start));
+    page.depth.store(_open.size(), std::memory_order_release);
+}
+
+CommandMeter::Cost CommandMeter::end(bool hasFailed) {
+    if (_open.empty())
+        return {};
+    const Start start = std::move(_open.back());
+    _open.pop_back();
+    const Cost cost = subtract(measure(), start);
+    ProfileLayout::Page& page = OperationRecord::getPage();
+    const std::uint64_t number = page.bills.load(std::memory_order_relaxed);
+    {
+        ProfileLayout::Bill& bill = page.bill[number % ProfileLayout::NUMBER_BILLS];
+        const Writing writing(bill.sequence);
+        copyText(bill.command, start.command);
+        bill.beganAt = toNanoseconds(start.at);
+        bill.wallTime = toCount(cost.wall * 1e9);
+        bill.processorTime = toCount(cost.processor * 1e9);
+        bill.waitTime = toCount(cost.waiting * 1e9);
+        bill.operations = toCount(cost.messages);
+        bill.bytes = toCount(cost.bytes);
+        bill.peakMemory = toCount(cost.peakMemory);
+        bill.addedMemory = static_cast<std::int64_t>(cost.addedMemory);
+        bill.hasFailed = hasFailed ? 1 : 0;
+    }
+    page.bills.store(number + 1, std::memory_order_release);
+    page.depth.store(_open.size(), std::memory_order_release);
+    if (!_open.empty())
+        return cost;
+    _total.wall += cost.wall;
+    _total.processor += cost.processor;
+    _total.waiting += cost.waiting;
+    _total.lent += cost.lent;
+    _total.peakMemory = std::max(_total.peakMemory, cost.peakMemory);
+    _total.addedMemory += cost.addedMemory;
+    _total.messages += cost.messages;
+    _total.bytes += cost.bytes;
+    return cost;
+}
+
+double CommandMeter::getBeginning() const {
+    return _open.empty() ? Platform::time().getSecondsSinceEpoch() : _open.back().at;
+}

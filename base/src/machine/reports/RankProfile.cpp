@@ -1,0 +1,68 @@
+#include "machine/reports/RankProfile.h"
+
+#include "machine/MachineGround.h"
+#include "machine/MachineHost.h"
+#include "machine/messages/OperationRecord.h"
+
+#include "kernel/OrvexVersion.h"
+#include "kernel/profile/ProfileFile.h"
+#include "platform/BatchSystem.h"
+#include "platform/Log.h"
+#include "platform/TickClock.h"
+#include "platform/Time.h"
+
+#include <algorithm>
+#include <string>
+#include <utility>
+
+ProfileFile* RankProfile::_file = nullptr;
+
+namespace {
+
+template <std::size_t SIZE>
+void copyText(char (&to)[SIZE], const std::string& text) {
+    const std::size_t length = std::min(text.size(), SIZE - 1);
+    std::copy_n(text.begin(), length, to);
+    to[length] = '\0';
+}
+
+void describeRank(ProfileLayout::Header& header) {
+    header.rank = MachineGround::getPartitionId();
+    header.ranks = MachineGround::nProcesses();
+    for (const auto& [host, process] : MachineGround::getHost().getHostPidMap()) {
+        if (process.second == header.rank)
+            copyText(header.host, host);
+        if (process.second != 0)
+            continue;
+        copyText(header.masterHost, host);
+        header.masterPid = static_cast<std::int32_t>(process.first);
+    }
+}
+
+} // namespace
+
+void RankProfile::start() {
+    std::string reason;
+    std::unique_ptr<ProfileFile> file = ProfileFile::create(&reason);
+    if (!file) {
+        OS::Log::instance("Default").info("RankProfile::start", "No profile is kept: @0@", reason);
+        return;
+    }
+    ProfileLayout::Header& header = file->getPage().header;
+    describeRank(header);
+    copyText(header.product, OrvexVersion::getVersionedProductName());
+    copyText(header.job, Platform::findBatchJob());
+    header.beganAt = static_cast<std::int64_t>(Platform::time().getSecondsSinceEpoch() * 1e9);
+    header.beginTick = Platform::TickClock::read();
+    header.ticksPerSecond = Platform::TickClock::getTicksPerSecond();
+    OperationRecord::moveTo(file->getPage());
+    header.magic.store(ProfileLayout::MAGIC, std::memory_order_release);
+    _file = file.release();
+}
+
+void RankProfile::stop() {
+    if (!_file)
+        return;
+    OperationRecord::moveBack();
+    delete std::exchange(_file, nullptr);
+}
