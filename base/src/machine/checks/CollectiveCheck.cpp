@@ -1,7 +1,7 @@
 #include "machine/checks/CollectiveCheck.h"
 
+#include "kernel/profile/RankList.h"
 #include "machine/Communicator.h"
-#include "machine/ground/RankList.h"
 #include "machine/messages/CollectiveHistory.h"
 
 #include <algorithm>

@@ -1,11 +1,11 @@
 #include "machine/CommandController.h"
 
+#include "kernel/profile/RankList.h"
 #include "machine/Communicator.h"
 #include "machine/GlobalCondition.h"
 #include "machine/GlobalFloatingPointExceptionStatus.h"
 #include "machine/Machine.h"
 #include "machine/checks/CollectiveCheck.h"
-#include "machine/ground/RankList.h"
 #include "machine/hybrid/HostMeeting.h"
 #include "machine/messages/CollectiveHistory.h"
 #include "machine/messages/OperationRecord.h"

@@ -1,9 +1,9 @@
 #include "machine/failures/RollCallReport.h"
 
 #include "kernel/Raise.h"
+#include "kernel/profile/RankList.h"
 #include "machine/failures/FrameNames.h"
 #include "machine/failures/RollCallVerdict.h"
-#include "machine/ground/RankList.h"
 #include "platform/StringHelper.h"
 
 #include <algorithm>

@@ -1,7 +1,7 @@
 #include "machine/failures/RollCallVerdict.h"
 
+#include "kernel/profile/RankList.h"
 #include "machine/failures/FrameNames.h"
-#include "machine/ground/RankList.h"
 #include "platform/StringHelper.h"
 
 #include <algorithm>

@@ -1,8 +1,8 @@
 #include "machine/failures/RollCallReport.h"
 
 #include "kernel/Error.h"
+#include "kernel/profile/RankList.h"
 #include "machine/failures/FrameNames.h"
-#include "machine/ground/RankList.h"
 #include "platform/StringHelper.h"
 
 #include <algorithm>

@@ -1,4 +1,4 @@
-#include "machine/ground/RankList.h"
+#include "kernel/profile/RankList.h"
 
 namespace {
 
