@@ -52,17 +52,24 @@ std::optional<Stat> readStatAt(const std::string& folder) {
         return std::nullopt;
     stat.state = *place++;
     constexpr int PARENT = 4;
+    constexpr int USER_TIME = 14;
+    constexpr int SYSTEM_TIME = 15;
     constexpr int START = 22;
-    for (int field = PARENT; field <= START; ++field) {
+    constexpr int RESIDENT = 24;
+    for (int field = PARENT; field <= RESIDENT; ++field) {
         char* end = nullptr;
-        const long long value = std::strtoll(place, &end, 10);
+        const long long value = std::strtoll(place, &end, 10); // a larger one becomes the largest
         if (end == place)
             return std::nullopt;
         place = end;
         if (field == PARENT)
             stat.parent = static_cast<int>(value);
+        if (field == USER_TIME || field == SYSTEM_TIME)
+            stat.processorTicks += static_cast<unsigned long long>(value);
         if (field == START)
             stat.startStamp = static_cast<unsigned long long>(value);
+        if (field == RESIDENT)
+            stat.residentPages = value;
     }
     return stat;
 }

@@ -11,7 +11,9 @@ struct Stat {
     std::string name; ///< at most 15 characters
     char state = '?';
     int parent = 0;
+    unsigned long long processorTicks = 0; ///< user and system, all threads
     unsigned long long startStamp = 0;
+    long long residentPages = 0;
 };
 
 /// Nothing when there is no such process.

@@ -12,25 +12,6 @@ namespace Platform {
 
 namespace {
 
-ThreadState::State toState(char letter) {
-    switch (letter) {
-    case 'R':
-        return ThreadState::RUNS;
-    case 'D':
-        return ThreadState::DISK;
-    case 'T':
-        return ThreadState::STOPPED;
-    case 't':
-        return ThreadState::TRACED;
-    case 'Z':
-    case 'X':
-    case 'x':
-        return ThreadState::DEAD;
-    default:
-        return ThreadState::SLEEPS;
-    }
-}
-
 /// Nanoseconds on a processor, and ready without one, since the thread began.
 struct Times {
     double running = 0.0;
@@ -70,6 +51,25 @@ const char* ThreadState::nameOf(State state) {
         break;
     }
     return "dead";
+}
+
+ThreadState::State ThreadState::toState(char letter) {
+    switch (letter) {
+    case 'R':
+        return RUNS;
+    case 'D':
+        return DISK;
+    case 'T':
+        return STOPPED;
+    case 't':
+        return TRACED;
+    case 'Z':
+    case 'X':
+    case 'x':
+        return DEAD;
+    default:
+        return SLEEPS;
+    }
 }
 
 unsigned long long ThreadState::getStartStamp(int process) {

@@ -19,6 +19,8 @@ public:
         DEAD     ///< gone, or its number belongs to another process now
     };
     static const char* nameOf(State state);
+    /// The state behind the letter of the system's process pages.
+    static State toState(char letter);
 
     struct Look {
         State state = DEAD;
