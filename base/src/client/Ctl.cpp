@@ -3,6 +3,7 @@
 #include "client/CtlBill.h"
 #include "client/CtlInterrupt.h"
 #include "client/CtlPrompt.h"
+#include "client/CtlTop.h"
 #include "client/OwnCommands.h"
 #include "client/ResponsePrinter.h"
 #include "kernel/Error.h"
@@ -280,6 +281,8 @@ int Ctl::printResponse(const std::string& name, const std::string& response) {
 }
 
 int Ctl::runOwn(const std::string& name, const std::vector<CommandWords::Word>& arguments) {
+    if (name == "top")
+        return CtlTop(_options, _session, _console).run(arguments);
     const CtlInterrupt interrupt(_session, _console);
     if (name == "help")
         return help(arguments);

@@ -59,6 +59,10 @@ CtlOptions CtlOptions::parse(int argc, char** argv, std::optional<int>& exitCode
     std::string deadline;
     std::string rank;
     bool force = false;
+    bool ranks = false;
+    std::string count;
+    std::string seconds;
+    std::string sort;
     CLI::App app(DESCRIPTION, "orvexctl");
     app.footer("\nCommands of orvexctl itself:\n" + OwnCommands::describe() + FOOTER);
     app.set_version_flag("--version", OrvexVersion::getVersionedProductName());
@@ -78,6 +82,10 @@ CtlOptions CtlOptions::parse(int argc, char** argv, std::optional<int>& exitCode
         });
     app.add_option("--rank", rank, "Of \"where\": this rank alone");
     app.add_flag("--force", force, "Of \"cancel\": take the job down if the task doesn't look");
+    app.add_flag("--ranks", ranks, "Of \"top\": a line for each rank");
+    app.add_option("-n", count, "Of \"top\": so many pictures as plain text; 0: until it is ended");
+    app.add_option("--seconds", seconds, "Of \"top\": between two pictures; default: 1");
+    app.add_option("--sort", sort, "Of \"top\": by P processor, M memory, W waiting, N name");
     // An empty value is a variable that wasn't set; taken for "any", it would choose somebody else's session.
     for (const char* name : {"--session", "--host", "--key-file", "--file"})
         app.get_option(name)->check([](const std::string& value) {
@@ -108,6 +116,15 @@ CtlOptions CtlOptions::parse(int argc, char** argv, std::optional<int>& exitCode
                 throw CLI::ValidationError("--force", "it belongs to the command \"cancel\"");
             options.words.emplace_back("--force");
         }
+        if (ranks && first == "top")
+            options.words.emplace_back("--ranks");
+        for (const auto& [name, value] :
+             {std::pair{"-n", &count}, {"--seconds", &seconds}, {"--sort", &sort}})
+            if (!value->empty() && first == "top")
+                options.words.insert(options.words.end(), {name, *value});
+        if (first != "top" && (ranks || !count.empty() || !seconds.empty() || !sort.empty()))
+            throw CLI::ValidationError("--ranks, -n, --seconds, --sort",
+                                       "they belong to the command \"top\"");
         if (!options.script.empty() && !options.words.empty())
             throw CLI::ValidationError("--file", "a script and a command can't both be given");
     } catch (const CLI::ParseError& error) {

@@ -20,6 +20,7 @@ constexpr std::array COMMANDS{
     OwnCommand{"where", " [--rank N]",
                "where all ranks stand, also while they hang; with --rank, that one in full"},
     OwnCommand{"bills", " [COUNT]", "what the latest commands cost: time, waiting, memory, messages"},
+    OwnCommand{"top", " [-n COUNT]", "the job at work, each second: hosts and ranks, the slowest marked"},
     OwnCommand{"cancel", " [--force]",
                "ask the task at work to end early; with --force, take the job down if it doesn't"},
     OwnCommand{"stop", "", "end the server in order: the command at work finishes first"},
@@ -45,6 +46,8 @@ std::vector<std::string> OwnCommands::getNames() {
 std::vector<std::string> OwnCommands::getOptions(std::string_view name) {
     if (name == "where")
         return {"--rank"};
+    if (name == "top")
+        return {"--ranks", "--seconds", "--sort"};
     if (name == "cancel")
         return {"--force"};
     return {};
