@@ -20,6 +20,7 @@ class MachineHost;
 class ParallelConsoleBuf;
 class ParallelErrorHandler;
 class Properties;
+class LiveView;
 class RollCall;
 class Serializable;
 class StandardStreamManager;
@@ -308,6 +309,7 @@ private:
     std::unique_ptr<HostMeeting> _hostMeeting; ///< null in a serial process
     std::unique_ptr<MachineHost> _host;
     std::unique_ptr<RollCall> _rollCall;                         ///< null with -nothreads
+    std::unique_ptr<LiveView> _liveView;                         ///< null with -nothreads
     std::unique_ptr<ParallelErrorHandler> _parallelErrorHandler; ///< null in a serial process, too
     std::unique_ptr<StuckWatch> _stuckWatch;                     ///< on the master
     std::unique_ptr<Timer> _timer;

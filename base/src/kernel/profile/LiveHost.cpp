@@ -172,12 +172,16 @@ Properties LiveHost::toProperties() const {
     properties.set("command", command);
     properties.set("commandSeconds", commandSeconds);
     for (const auto& [key, figure] : FIGURES)
-        properties.set(key, (this->*figure).toProperties());
-    properties.set("load", load);
-    properties.set("processors", processors);
-    properties.set("hostMemory", hostMemory);
-    properties.set("freeMemory", freeMemory);
-    properties.set("odd", toList(odd));
+        if ((this->*figure).count > 0)
+            properties.set(key, (this->*figure).toProperties());
+    if (processors > 0) {
+        properties.set("load", load);
+        properties.set("processors", processors);
+        properties.set("hostMemory", hostMemory);
+        properties.set("freeMemory", freeMemory);
+    }
+    if (!odd.empty())
+        properties.set("odd", toList(odd));
     if (!list.empty())
         properties.set("list", toList(list));
     return properties;

@@ -7,6 +7,7 @@
 #include "machine/SystemMonitor.h"
 #include "machine/Timer.h"
 #include "machine/failures/ParallelErrorHandler.h"
+#include "machine/failures/LiveView.h"
 #include "machine/failures/RollCall.h"
 #include "machine/failures/StuckWatch.h"
 #include "machine/files/ParallelConsoleBuf.h"

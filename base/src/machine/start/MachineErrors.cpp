@@ -4,6 +4,7 @@
 
 #include "machine/Communicator.h"
 #include "machine/StandardStreamManager.h"
+#include "machine/failures/LiveView.h"
 #include "machine/failures/ParallelErrorHandler.h"
 #include "machine/failures/RollCall.h"
 #include "machine/failures/StuckWatch.h"
@@ -29,6 +30,7 @@
 
 namespace {
 
+constexpr const char* LIVE_METHOD = "server.live";
 constexpr double OUTPUT_TIME = 5.0; ///< [s] for launchers to pass the last output on
 
 /// One error at a time is handled; the start of the handler counts as one.
@@ -120,9 +122,13 @@ void Machine::startRollCall() {
     if (!Platform::StackSampler::install())
         OS::Log::instance("Default").warning("Machine", "No signal is free: nobody can ask for stacks");
     _rollCall = std::make_unique<RollCall>(_parallelErrorHandler.get());
-    if (isSerialOrMaster())
-        Server::getSingleton().setRollCall(
-            [call = _rollCall.get()](const Properties& request) { return call->answer(request); });
+    _liveView = std::make_unique<LiveView>(_parallelErrorHandler.get());
+    if (!isSerialOrMaster())
+        return;
+    Server::getSingleton().setRollCall(
+        [call = _rollCall.get()](const Properties& request) { return call->answer(request); });
+    Server::getSingleton().setSlowMethod(
+        LIVE_METHOD, [view = _liveView.get()](const Properties& request) { return view->answer(request); });
 }
 
 void Machine::prepareStuckWatch() {
@@ -162,17 +168,20 @@ void Machine::stopParallelErrorHandler() {
 }
 
 void Machine::dropParallelErrorHandler() {
-    if (_rollCall && isSerialOrMaster())
+    if (_rollCall && isSerialOrMaster()) {
         Server::getSingleton().setRollCall({});
+        Server::getSingleton().setSlowMethod(LIVE_METHOD, {});
+    }
     if (_parallelErrorHandler)
         _parallelErrorHandler->stop();
     if (_stuckWatch) {
         _stuckWatch->stop();
         _stuckWatch->join(); // it asks over the channel
     }
-    _parallelErrorHandler.reset(); // its thread calls the other two to its end
+    _parallelErrorHandler.reset(); // its thread calls the others to its end
     _stuckWatch.reset();
     _rollCall.reset();
+    _liveView.reset();
     Platform::StackSampler::uninstall();
 }
 
