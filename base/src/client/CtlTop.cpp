@@ -62,15 +62,16 @@ const char* escapeOf(TopStyle style, bool hasColours) {
     return "";
 }
 
-/// All lines from the upper left corner; each one clears the rest of its row.
-std::string toPicture(const std::vector<TopScreen::Line>& lines, bool hasColours) {
+/// All lines from the upper left corner; each one clears the rest of its row, where there is one.
+std::string toPicture(const std::vector<TopScreen::Line>& lines, unsigned columns, bool hasColours) {
     std::string picture = "\033[H";
     for (std::size_t i = 0; i < lines.size(); ++i) {
         const std::string escape = escapeOf(lines[i].style, hasColours);
-        picture +=
-            (i == 0 ? "" : "\r\n") + escape + lines[i].text + (escape.empty() ? "" : "\033[0m") + "\033[K";
+        picture += (i == 0 ? "" : "\r\n") + escape + lines[i].text + (escape.empty() ? "" : "\033[0m");
+        if (TopTable::widthOf(lines[i].text) < columns)
+            picture += "\033[K";
     }
-    return picture + "\033[J";
+    return picture;
 }
 
 double now() {
@@ -137,6 +138,7 @@ int CtlTop::runPlain() {
 int CtlTop::runScreen() {
     _session.getClient().setInterruptCallback([] { return false; });
     std::exception_ptr failure;
+    bool wasEnded = false;
     {
         Platform::Terminal terminal;
         _feed = std::make_unique<TopFeed>(_session.getClient(), _session.getRecord().name,
@@ -148,6 +150,7 @@ int CtlTop::runScreen() {
         } catch (const std::exception&) {
             failure = std::current_exception(); // is told on the screen of before
         }
+        wasEnded = terminal.wasEnded();
         _feed->stop();
         thread.join();
     }
@@ -158,7 +161,7 @@ int CtlTop::runScreen() {
     _feed.reset();
     if (failure)
         std::rethrow_exception(failure);
-    return ExitCode::SUCCESS;
+    return wasEnded ? ExitCode::GIVEN_UP : ExitCode::SUCCESS;
 }
 
 /// Returns when the user wants to leave.
@@ -197,7 +200,7 @@ void CtlTop::showFrame(Platform::Terminal& terminal) {
     const bool hasNotice = !_notices.empty() && now() - _noticeTime < NOTICE_TIME;
     _frame.notice = hasNotice ? _notices.back() : _hasFrame ? std::string() : "the server is asked";
     const std::vector<TopScreen::Line> lines = TopScreen::draw(_frame, _view, size.columns, size.rows);
-    terminal.draw(toPicture(lines, Platform::Terminal::hasColours()));
+    terminal.draw(toPicture(lines, size.columns, Platform::Terminal::hasColours()));
 }
 
 /// @return false to leave

@@ -34,8 +34,8 @@ std::string standsIn(const LiveHost& host) {
     const auto [operation, count] = host.getMostCommon();
     if (operation.empty())
         return "";
-    return (operation == LiveHost::OUTSIDE ? "(no operation)" : operation) + " " + std::to_string(count) +
-           " of " + std::to_string(host.ranks);
+    return (operation == LiveHost::OUTSIDE ? "(none)" : operation) + " " + std::to_string(count) + " of " +
+           std::to_string(host.ranks);
 }
 
 std::string secondsOf(double seconds) {

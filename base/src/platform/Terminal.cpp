@@ -159,6 +159,10 @@ Terminal::Size Terminal::getSize() const {
     return {size.ws_col, size.ws_row};
 }
 
+bool Terminal::wasEnded() const {
+    return _impl->mustLeave;
+}
+
 void Terminal::wake() {
     _impl->wake();
 }

@@ -52,6 +52,8 @@ public:
     Size getSize() const;
     /// Waits for a key, at most `seconds`. Ctrl-Z stops the process here; when it goes on, NONE is returned.
     int waitForKey(double seconds);
+    /// Whether a signal asked the process to end.
+    bool wasEnded() const;
     /// Ends the wait. Any thread.
     void wake();
     /// Writes `picture` with one system call where the system allows, from the upper left corner.
