@@ -9,16 +9,23 @@
 #include <utility>
 
 EventTracker* EventTracker::_singleton = nullptr;
-std::atomic<EventLoggerManager*> EventTracker::_active{nullptr};
+std::atomic<unsigned> EventTracker::_listeners{0};
+std::atomic<EventTracker::Watcher*> EventTracker::_watcher{nullptr};
 
 void EventTracker::Track::start() {
     if (MessagingGate::has(MessagingGate::NOT_MAIN_THREAD))
         return;
-    _active.load(std::memory_order_relaxed)->startEventLog(_class, _method);
+    const unsigned listeners = _listeners.load(std::memory_order_acquire);
+    if ((listeners & MANAGER) != 0)
+        _singleton->_manager->startEventLog(_class, _method);
+    if ((listeners & WATCHER) != 0)
+        _watcher.load(std::memory_order_relaxed)->onStart(_class, _method);
     _started = true;
 }
 
 void EventTracker::Track::stop() noexcept {
+    if ((_listeners.load(std::memory_order_acquire) & WATCHER) != 0)
+        _watcher.load(std::memory_order_relaxed)->onStop(_class, _method);
     // The manager may have been switched off, replaced or destroyed since the start.
     if (_singleton == nullptr)
         return;
@@ -36,7 +43,7 @@ EventTracker& EventTracker::getSingleton() {
 }
 
 void EventTracker::reset() {
-    _active.store(nullptr, std::memory_order_relaxed);
+    listen(MANAGER, false);
     delete std::exchange(_singleton, nullptr);
 }
 
@@ -48,7 +55,7 @@ void EventTracker::setEventLoggerManager(EventLoggerManager* manager) {
     ORVEX_ASSERT_AS(manager != nullptr, "manager", "There is no event logger manager to install");
     if (manager == _manager.get())
         return;
-    _active.store(nullptr, std::memory_order_relaxed);
+    listen(MANAGER, false);
     _manager.reset(manager);
     noteSwitch(*manager);
 }
@@ -56,5 +63,18 @@ void EventTracker::setEventLoggerManager(EventLoggerManager* manager) {
 void EventTracker::noteSwitch(const EventLoggerManager& manager) {
     if (_singleton == nullptr || _singleton->_manager.get() != &manager)
         return;
-    _active.store(manager.isOn() ? _singleton->_manager.get() : nullptr, std::memory_order_relaxed);
+    listen(MANAGER, manager.isOn());
+}
+
+void EventTracker::setWatcher(Watcher* watcher) {
+    if (watcher)
+        _watcher.store(watcher, std::memory_order_relaxed);
+    listen(WATCHER, watcher != nullptr);
+}
+
+void EventTracker::listen(Listener listener, bool on) {
+    if (on)
+        _listeners.fetch_or(listener, std::memory_order_release);
+    else
+        _listeners.fetch_and(~unsigned(listener), std::memory_order_release);
 }

@@ -8,16 +8,16 @@
 
 class EventLoggerManager;
 
-/// Gives the events of the code to the event logger manager of the moment.
+/// Gives the events of the code to the event logger manager of the moment, and to a watcher.
 class ORVEX_KERNEL_EXPORT EventTracker {
 public:
-    /// An event that lasts as long as the scope. Costs one load and one test while the manager is off, and
-    /// only the main thread's events count.
+    /// An event that lasts as long as the scope. Costs one load and one test while neither the manager is on
+    /// nor a watcher there, and only the main thread's events count.
     class Track {
     public:
         /// The names are borrowed for the scope.
         Track(const char* className, const char* method) : _class(className), _method(method) {
-            if (_active.load(std::memory_order_relaxed) != nullptr) [[unlikely]]
+            if (_listeners.load(std::memory_order_relaxed) != 0) [[unlikely]]
                 start();
         }
         Track(const char* className, const std::string& method) : Track(className, method.c_str()) {}
@@ -38,12 +38,26 @@ public:
         bool _started = false;
     };
 
+    /// Is told each event of the main thread, there.
+    class Watcher {
+    public:
+        virtual void onStart(const char* className, const char* method) noexcept = 0;
+        /// Also of an event that started before the watcher was set, when the manager was on.
+        virtual void onStop(const char* className, const char* method) noexcept = 0;
+
+    protected:
+        ~Watcher() = default;
+    };
+
     static EventTracker& getSingleton();
     /// Destroys the tracker with its manager.
     static void reset();
 
     /// A plain EventLoggerManager until another one is set.
     EventLoggerManager& getEventLoggerManager() { return *_manager; }
+    /// Null: none. One that was set is called a little longer, so it has to live to the end of the process.
+    /// Any thread.
+    static void setWatcher(Watcher* watcher);
     /// Takes ownership of `manager` and destroys the one before it. Main thread.
     void setEventLoggerManager(EventLoggerManager* manager);
 
@@ -56,7 +70,10 @@ private:
     static void noteSwitch(const EventLoggerManager& manager);
 
     static EventTracker* _singleton;
-    /// The installed manager while it is on, else null.
-    static std::atomic<EventLoggerManager*> _active;
+    enum Listener : unsigned { MANAGER = 1u << 0, WATCHER = 1u << 1 };
+    static void listen(Listener listener, bool on);
+
+    static std::atomic<unsigned> _listeners; ///< the manager while it is on, the watcher
+    static std::atomic<Watcher*> _watcher;   ///< the last one that was set
     std::unique_ptr<EventLoggerManager> _manager;
 };

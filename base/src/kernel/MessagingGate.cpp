@@ -2,11 +2,19 @@
 
 #include "platform/Thread.h"
 
-constinit thread_local unsigned MessagingGate::_word = MessagingGate::NOT_MAIN_THREAD;
+constinit std::atomic<MessagingGate::Word*> MessagingGate::_mainWord{nullptr};
+constinit thread_local MessagingGate::Word MessagingGate::_word{MessagingGate::NOT_MAIN_THREAD};
 
 void MessagingGate::noteMainThread() {
-    if (Thread::isMain())
-        set(NOT_MAIN_THREAD, false);
+    if (!Thread::isMain())
+        return;
+    set(NOT_MAIN_THREAD, false);
+    _mainWord.store(&_word, std::memory_order_release);
+}
+
+void MessagingGate::setTrace(bool on) {
+    if (Word* const word = _mainWord.load(std::memory_order_acquire))
+        change(*word, TRACE, on);
 }
 
 namespace {
