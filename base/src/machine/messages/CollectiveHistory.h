@@ -65,6 +65,8 @@ public:
     /// `number` is the same on all ranks of the communicator, and another one for each communicator.
     void setNumber(std::uint32_t number);
     std::uint32_t getNumber() const { return _number; }
+    /// Of the collectives since the command began.
+    std::uint32_t getCount() const { return _count; }
     /// The number of the next communicator that is made from this one. `key` tells apart those that are made
     /// at the same time.
     std::uint32_t makeNumber(std::uint32_t key);

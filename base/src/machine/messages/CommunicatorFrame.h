@@ -8,8 +8,9 @@
 
 /// A call as it goes into the record of operations and into the history of collectives.
 struct MessageCall {
-    int partner = -1;       ///< the root, or the other end of a message
-    std::uint64_t word = 0; ///< of a collective
+    int partner = -1; ///< the root, or the other end of a message
+    std::uint64_t word =
+        0; ///< of a collective; else the tag in the lower half, the requests in the upper one
 };
 
 /// The frame around every wrapper call of Communicator: the gate, the communication timer, the statistics,
@@ -29,6 +30,11 @@ public:
     }
 
     using Call = MessageCall;
+    /// @param requests  the stack that gets or completes a request
+    static Call message(int partner, int tag, const void* requests = nullptr) {
+        const auto stack = static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(requests) >> 3);
+        return {partner, std::uint64_t(stack) << 32 | static_cast<unsigned>(tag)};
+    }
     /// @param reduction, type  as CollectiveHistory::wordOf() takes them
     static constexpr Call collective(const Operation& called, unsigned bytes, int root = -1,
                                      int reduction = 0, int type = 0) {
@@ -42,6 +48,8 @@ public:
         : CommunicatorFrame(communicator, operation, bytes, Look::AT_REQUESTS) {
         begin(communicator, operation, bytes, call);
         _isRecorded = true;
+        if (_communicator) [[unlikely]]
+            openTrace(bytes, call);
     }
     CommunicatorFrame(Communicator& communicator, const Operation& operation, unsigned bytes, Look) {
         if (!MessagingGate::isOpen()) [[unlikely]]
@@ -52,8 +60,8 @@ public:
     ~CommunicatorFrame() {
         if (_isRecorded)
             OperationRecord::end();
-        if (_event) [[unlikely]]
-            closeEvent(0);
+        if (_communicator) [[unlikely]]
+            leave();
     }
     /// The operation succeeded.
     void finish(unsigned partner = 0) {
@@ -61,11 +69,13 @@ public:
             close(partner);
     }
     /// For a look: it has found something, or not.
-    static void recordLook(const Communicator& communicator, const Operation& operation, bool found) {
+    void recordLook(const Communicator& communicator, const Operation& operation, bool found, Call call) {
         if (!found)
             return OperationRecord::countLook();
         begin(communicator, operation, 0, {});
         OperationRecord::end();
+        if (_communicator) [[unlikely]]
+            openTrace(0, call);
     }
 
     /// Runs `call` inside a frame. All arguments go by value, so that the fast path spills none.
@@ -116,6 +126,9 @@ private:
 
     void open(Communicator& communicator, const Operation& operation, unsigned bytes);
     void close(unsigned partner);
+    void leave() noexcept;
+    void openTrace(unsigned bytes, Call call) noexcept;
+    void closeTrace(int partner) noexcept;
     void closeEvent(unsigned partner) noexcept;
 
     Communicator* _communicator = nullptr; ///< null while the gate is open
@@ -123,6 +136,8 @@ private:
     CommunicatorStatistics* _statistics = nullptr;
     void* _event = nullptr;
     double _start = 0.0;
+    std::uint64_t _begin = 0; ///< [ticks] of a trace
+    std::uint64_t _token = 0; ///< of the trace
     bool _isTimed = false;
     bool _isRecorded = false;
 };

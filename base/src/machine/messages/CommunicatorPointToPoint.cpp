@@ -65,7 +65,7 @@ template <auto call, const Frame::Operation& operation, class View>
 void begin(Communicator& communicator, const View& buf, int partner, MpiCore::RequestStack& requests,
            int tag) {
     Slot slot(requests);
-    const Frame::Call what{partner == OXM_MPI_ANY_SOURCE ? -1 : partner};
+    const Frame::Call what = Frame::message(partner == OXM_MPI_ANY_SOURCE ? -1 : partner, tag, &requests);
     MpiCore::handleError(Frame::run<call, operation>(&communicator, bytesOf(buf), what, buf.data, buf.size,
                                                      buf.type, partner, tag, communicator.handle(),
                                                      slot.address()));
@@ -78,22 +78,23 @@ int Communicator::sendFrame(const void* data, int size, int type, unsigned dest,
                             unsigned typeSize) {
     checkSend(dest, self->_myRank);
     return Frame::run<OXM_MPI_Send, SEND>(self, static_cast<unsigned>(size) * typeSize,
-                                          {static_cast<int>(dest)}, data, size, type, static_cast<int>(dest),
-                                          tag, self->_handle);
+                                          Frame::message(static_cast<int>(dest), tag), data, size, type,
+                                          static_cast<int>(dest), tag, self->_handle);
 }
 
 int Communicator::syncSendFrame(const void* data, int size, int type, unsigned dest, int tag,
                                 Communicator* self, unsigned typeSize) {
     checkSend(dest, self->_myRank);
     return Frame::run<OXM_MPI_Ssend, SEND>(self, static_cast<unsigned>(size) * typeSize,
-                                           {static_cast<int>(dest)}, data, size, type, static_cast<int>(dest),
-                                           tag, self->_handle);
+                                           Frame::message(static_cast<int>(dest), tag), data, size, type,
+                                           static_cast<int>(dest), tag, self->_handle);
 }
 
 void Communicator::recvFrame(void* data, int size, int type, unsigned source, int tag, Communicator* self,
                              unsigned typeSize) {
     checkRecv(source, self->_myRank);
-    CommunicatorFrame frame(*self, RECV, static_cast<unsigned>(size) * typeSize, {static_cast<int>(source)});
+    CommunicatorFrame frame(*self, RECV, static_cast<unsigned>(size) * typeSize,
+                            Frame::message(static_cast<int>(source), tag));
     OXM_MPI_Status_struct status;
     status.error = OXM_MPI_SUCCESS;
     const int code = OXM_MPI_Recv(data, size, type, static_cast<int>(source), tag, self->_handle, &status);
@@ -102,7 +103,7 @@ void Communicator::recvFrame(void* data, int size, int type, unsigned source, in
 }
 
 void Communicator::_recvFromAny(BufferBase<int> buf, unsigned& source, Tag tag) {
-    CommunicatorFrame frame(*this, RECV, bytesOf(buf));
+    CommunicatorFrame frame(*this, RECV, bytesOf(buf), Frame::message(-1, tag.value()));
     OXM_MPI_Status_struct status{};
     const int code =
         OXM_MPI_Recv(buf.data, buf.size, buf.type, OXM_MPI_ANY_SOURCE, tag.value(), _handle, &status);
@@ -181,7 +182,7 @@ bool Communicator::_iProbe(unsigned& source, unsigned& tag, const int& type, int
         source = static_cast<unsigned>(status.source);
         tag = static_cast<unsigned>(status.tag);
     }
-    Frame::recordLook(*this, PROBE, flag != 0);
+    frame.recordLook(*this, PROBE, flag != 0, {});
     frame.finish(flag != 0 ? source : 0);
     return flag != 0;
 }
@@ -193,13 +194,13 @@ void Communicator::start(PersistentRequestStack& requests) {
 }
 
 void Communicator::wait(RequestStack& requests) {
-    CommunicatorFrame frame(*this, WAIT, 0);
+    CommunicatorFrame frame(*this, WAIT, 0, Frame::message(-1, 0, &requests));
     requests.wait();
     frame.finish();
 }
 
 void Communicator::wait(RequestStack& requests, std::vector<unsigned>& sources) {
-    CommunicatorFrame frame(*this, WAIT, 0);
+    CommunicatorFrame frame(*this, WAIT, 0, Frame::message(-1, 0, &requests));
     requests.wait(sources);
     frame.finish();
 }
@@ -207,13 +208,13 @@ void Communicator::wait(RequestStack& requests, std::vector<unsigned>& sources) 
 bool Communicator::test(RequestStack& requests) {
     CommunicatorFrame frame(*this, TEST, 0, Frame::Look::AT_REQUESTS);
     const bool done = requests.test();
-    Frame::recordLook(*this, TEST, done);
+    frame.recordLook(*this, TEST, done, Frame::message(-1, 0, &requests));
     frame.finish();
     return done;
 }
 
 void Communicator::freeRequest(RequestStack& requests) {
-    CommunicatorFrame frame(*this, FREE_REQUEST, 0);
+    CommunicatorFrame frame(*this, FREE_REQUEST, 0, Frame::message(-1, 0, &requests));
     requests.free();
     frame.finish();
 }

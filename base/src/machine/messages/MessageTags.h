@@ -18,5 +18,6 @@ constexpr unsigned REPORTS = Communicator::Tag::upper_bound() - 1;
 /// Both MPI libraries carry far larger tags than this.
 constexpr int FIRST_OWN = Communicator::Tag::upper_bound() + 1;
 constexpr int SLEEPING_BROADCAST = FIRST_OWN;
+constexpr int CLOCKS = FIRST_OWN + 1;
 
 } // namespace MessageTags

@@ -133,6 +133,15 @@ OperationRecord::Snapshot OperationRecord::read() {
     return snapshot;
 }
 
+std::uint64_t OperationRecord::getCommandChanges() {
+    return commandChanges.load(std::memory_order_acquire);
+}
+
+void OperationRecord::leave() noexcept {
+    if (_line == &_main)
+        OperationTrace::leaveUnseen();
+}
+
 std::uint64_t OperationRecord::getGeneration() {
     return getPage().board.generation.load(std::memory_order_acquire) +
            commandChanges.load(std::memory_order_acquire);
@@ -144,6 +153,15 @@ void OperationRecord::beginCommand(const std::string& name) {
     const std::lock_guard lock(all.mutex);
     all.open.push_back({name, Clock::now(), operations, CollectiveHistory::countAll()});
     step(commandChanges, 1);
+    const std::uint64_t operations = (_main.generation.load(std::memory_order_relaxed) + 1) / 2;
+    {
+        Commands& all = commands();
+        const std::lock_guard lock(all.mutex);
+        all.open.push_back({name, Clock::now(), operations, CollectiveHistory::countAll()});
+        step(commandChanges, 1);
+    }
+    if (OperationTrace::isOn())
+        OperationTrace::get().beginCommand(name);
 }
 
 void OperationRecord::setFailure(const std::string& message) {
@@ -154,6 +172,8 @@ void OperationRecord::setFailure(const std::string& message) {
 }
 
 void OperationRecord::endCommand() {
+    if (OperationTrace::isOn())
+        OperationTrace::get().endCommand();
     Commands& all = commands();
     const std::lock_guard lock(all.mutex);
     if (all.open.empty())
@@ -168,6 +188,11 @@ OperationRecord::Composite::Composite(const MessageOperation& operation)
         CollectiveHistory::hold();
     beginNoted(operation);
     _board = &_unseen;
+    _line = &_unseen;
+    if (OperationTrace::isOn()) {
+        const CollectiveHistory::Latest latest = CollectiveHistory::getLatest();
+        trace(operation, {.label = latest.label, .number = latest.count});
+    }
 }
 
 OperationRecord::Composite::Composite(const MessageOperation& operation, std::uint64_t communicator,
@@ -179,6 +204,14 @@ OperationRecord::Composite::Composite(const MessageOperation& operation, std::ui
 
 OperationRecord::Composite::~Composite() {
     _board = _before;
+    _line = &_unseen;
+    if (OperationTrace::isOn())
+        trace(operation, {.label = communicator, .bytes = bytes, .partner = partner});
+void OperationRecord::Composite::trace(const MessageOperation& operation, const OperationTrace::Call& call) {
+    _token = OperationTrace::get().open(operation, call, 0);
+    if (_token != 0)
+        OperationTrace::get().close(_token, -1);
+    _line = _before;
     end();
     if (_holds)
         CollectiveHistory::release();

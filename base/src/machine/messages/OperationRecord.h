@@ -4,6 +4,7 @@
 #include "machine/MachineExport.h"
 #include "machine/messages/MessageOperation.h"
 #include "platform/TickClock.h"
+#include "machine/messages/OperationTrace.h"
 
 #include <atomic>
 #include <cstdint>
@@ -39,6 +40,10 @@ public:
     static Snapshot read();
     /// That of the snapshot, for a watcher that looks often.
     static std::uint64_t getGeneration();
+    /// Of the operations alone.
+    static std::uint64_t getOperationGeneration() { return _main.generation.load(std::memory_order_acquire); }
+    /// Of the commands alone: how many have begun and how many have ended, together.
+    static std::uint64_t getCommandChanges();
 
     // ---- Commands. Main thread. A command may run inside another one.
 
@@ -67,6 +72,8 @@ public:
                          std::memory_order_release);
         step(board.bytes, bytes);
         board.generation.store(generation | 1, std::memory_order_release);
+        if (!MessagingGate::isOpen()) [[unlikely]]
+            leave();
     }
     /// A collective that CollectiveHistory has just noted.
     static void beginNoted(const MessageOperation& operation);
@@ -127,6 +134,11 @@ public:
     private:
         Board* _before;
         bool _holds; ///< a word of CollectiveHistory
+        void trace(const MessageOperation& operation, const OperationTrace::Call& call);
+
+        Line* _before;
+        std::uint64_t _token = 0; ///< of the trace
+        bool _holds;              ///< a word of CollectiveHistory
     };
 
 private:
@@ -148,6 +160,9 @@ private:
     }
     static void learn(const MessageOperation& operation);
     static bool readBoard(Snapshot& snapshot);
+    static bool readLine(Snapshot& snapshot);
+    /// Beside the way: the gate isn't open.
+    static void leave() noexcept;
 
     // Hidden, so that no table of addresses is read on the way.
     [[gnu::visibility("hidden")]] static constinit ProfileLayout::Page _ownPage;
