@@ -22,6 +22,7 @@ class ParallelErrorHandler;
 class Properties;
 class LiveView;
 class RollCall;
+class TraceService;
 class Serializable;
 class StandardStreamManager;
 class StuckWatch;
@@ -310,6 +311,7 @@ private:
     std::unique_ptr<MachineHost> _host;
     std::unique_ptr<RollCall> _rollCall;                         ///< null with -nothreads
     std::unique_ptr<LiveView> _liveView;                         ///< null with -nothreads
+    std::unique_ptr<TraceService> _traceService;                 ///< the same
     std::unique_ptr<ParallelErrorHandler> _parallelErrorHandler; ///< null in a serial process, too
     std::unique_ptr<StuckWatch> _stuckWatch;                     ///< on the master
     std::unique_ptr<Timer> _timer;

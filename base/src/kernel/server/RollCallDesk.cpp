@@ -1,5 +1,6 @@
 #include "kernel/server/RollCallDesk.h"
 
+#include "kernel/Error.h"
 #include "platform/Log.h"
 #include "platform/Runnable.h"
 #include "platform/Thread.h"
@@ -54,6 +55,8 @@ private:
     Answer call() const {
         try {
             return {_callback(_request), {}};
+        } catch (const InputError& error) { // the request is wrong
+            return {{}, error.what()};
         } catch (const std::exception& error) {
             return {{}, std::string("The roll call failed: ") + error.what()};
         }

@@ -6,6 +6,8 @@
 #include "machine/GlobalFloatingPointExceptionStatus.h"
 #include "machine/Machine.h"
 #include "machine/checks/CollectiveCheck.h"
+#include "machine/ground/RankList.h"
+#include "machine/hosts/HostClocks.h"
 #include "machine/hybrid/HostMeeting.h"
 #include "machine/messages/CollectiveHistory.h"
 #include "machine/messages/OperationRecord.h"
@@ -59,8 +61,13 @@ std::string writeError(const Properties& error) {
 }
 
 /// A rank tells this to the others at the end of a command.
-using EndRecord = std::array<std::uint64_t, 5>; // length of its message, whether it failed, its share
-constexpr std::size_t SHARE = 2;
+/// The length of its message, whether it failed, whether rank 0 wants the clocks measured, its share.
+using EndRecord = std::array<std::uint64_t, 6>;
+constexpr std::size_t CLOCKS = 2;
+constexpr std::size_t SHARE = 3;
+
+/// A space before the text of a command: all ranks measure the clocks of the hosts before they run it.
+constexpr char MEASURE_CLOCKS = ' ';
 
 /// This rank's error as the others compare it.
 std::string messageOf(const Properties* error) {
@@ -70,7 +77,7 @@ std::string messageOf(const Properties* error) {
 
 /// Collective: the records of all ranks.
 std::vector<EndRecord> gatherRecords(const Properties* mine, std::size_t length) {
-    EndRecord record{length, mine ? 1u : 0u};
+    EndRecord record{length, mine ? 1u : 0u, HostClocks::isDue() ? 1u : 0u};
     std::ranges::copy(CollectiveCheck::getShare(), record.begin() + SHARE);
     std::vector<EndRecord> records;
     Machine::commandCommunicator().allGather(record, records);
@@ -427,12 +434,17 @@ void CommandController::scatterCommand(Properties& command) const {
     const EventTracker::Track track("CommandController", "scatterCommand");
     Communicator& ranks = Machine::commandCommunicator();
     std::string text = command.toString();
+    if (HostClocks::isDue())
+        text.insert(text.begin(), MEASURE_CLOCKS);
     if (!_spinWait)
         HostMeeting::meet(ranks, AWAIT_COMMAND, 1.0);
     ranks.broadcast(text, Communicator::masterRank());
     command = Properties(text);
     const std::string name = Command::getCommandName(command);
     OperationRecord::beginCommand(name);
+    if (text.front() == MEASURE_CLOCKS)
+        HostClocks::measure(ranks);
+    OperationRecord::beginCommand(Command::getCommandName(command));
     CollectiveHistory::beginCommand();
     CommandMeter::getSingleton().begin(name);
 }
@@ -451,6 +463,8 @@ void CommandController::gatherResponse(Controller::Outcome& outcome) const {
         cost = CommandMeter::getSingleton().end(
             std::ranges::any_of(records, [](const EndRecord& record) { return record[1] != 0; }));
         end.isMeasured = true;
+        if (records.front()[CLOCKS] != 0)
+            HostClocks::measure(Machine::commandCommunicator());
         std::optional<Properties> error = gatherError(mine, message, records);
         if (!error)
             error = compareCollectives(outcome.response, records);

@@ -9,6 +9,7 @@
 #include "machine/failures/ParallelErrorHandler.h"
 #include "machine/failures/LiveView.h"
 #include "machine/failures/RollCall.h"
+#include "machine/failures/TraceService.h"
 #include "machine/failures/StuckWatch.h"
 #include "machine/files/ParallelConsoleBuf.h"
 #include "machine/ground/MachineOptions.h"

@@ -8,7 +8,9 @@
 #include "machine/failures/ParallelErrorHandler.h"
 #include "machine/failures/RollCall.h"
 #include "machine/failures/StuckWatch.h"
+#include "machine/failures/TraceService.h"
 #include "machine/ground/MachineOptions.h"
+#include "machine/hosts/HostClocks.h"
 #include "machine/messages/OperationRecord.h"
 #include "machine/start/LastWords.h"
 
@@ -103,7 +105,10 @@ void Machine::startParallelErrorHandler() {
     _parallelErrorHandler->setOverdueCallback(
         [] { getSingleton().abort(ExitStatus(ExitStatus::NON_RECOVERABLE_SERVER_ERROR)); });
     _parallelErrorHandler->setLostCallback([this] { endLostRank(); });
-    _parallelErrorHandler->setTickCallback([call = _rollCall.get()] { call->tick(); });
+    _parallelErrorHandler->setTickCallback([call = _rollCall.get()] {
+        call->tick();
+        TraceService::tick();
+    });
     if (isMaster())
         prepareStuckWatch();
     if (!_parallelErrorHandler->start()) {
@@ -115,6 +120,7 @@ void Machine::startParallelErrorHandler() {
     } else if (isMaster()) {
         _stuckWatch->start();
     }
+    HostClocks::measure(commandCommunicator());
 }
 
 /// The last step on a serial process; in a job the channel has still to start.
@@ -129,6 +135,14 @@ void Machine::startRollCall() {
         [call = _rollCall.get()](const Properties& request) { return call->answer(request); });
     Server::getSingleton().setSlowMethod(
         LIVE_METHOD, [view = _liveView.get()](const Properties& request) { return view->answer(request); });
+    if (isSerialOrMaster())
+        Server::getSingleton().setRollCall(
+            [call = _rollCall.get()](const Properties& request) { return call->answer(request); });
+    _traceService = std::make_unique<TraceService>(_parallelErrorHandler.get());
+    if (isSerialOrMaster())
+        Server::getSingleton().setSlowMethod(
+            "server.trace",
+            [service = _traceService.get()](const Properties& request) { return service->answer(request); });
 }
 
 void Machine::prepareStuckWatch() {
@@ -172,6 +186,8 @@ void Machine::dropParallelErrorHandler() {
         Server::getSingleton().setRollCall({});
         Server::getSingleton().setSlowMethod(LIVE_METHOD, {});
     }
+    if (_traceService && isSerialOrMaster())
+        Server::getSingleton().setSlowMethod("server.trace", {});
     if (_parallelErrorHandler)
         _parallelErrorHandler->stop();
     if (_stuckWatch) {
@@ -182,6 +198,7 @@ void Machine::dropParallelErrorHandler() {
     _stuckWatch.reset();
     _rollCall.reset();
     _liveView.reset();
+    _traceService.reset();
     Platform::StackSampler::uninstall();
 }
 
