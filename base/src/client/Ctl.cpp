@@ -4,6 +4,7 @@
 #include "client/CtlInterrupt.h"
 #include "client/CtlPrompt.h"
 #include "client/CtlTop.h"
+#include "client/CtlTrace.h"
 #include "client/OwnCommands.h"
 #include "client/ResponsePrinter.h"
 #include "kernel/Error.h"
@@ -283,6 +284,8 @@ int Ctl::printResponse(const std::string& name, const std::string& response) {
 int Ctl::runOwn(const std::string& name, const std::vector<CommandWords::Word>& arguments) {
     if (name == "top")
         return CtlTop(_options, _session, _console).run(arguments);
+    if (name == "trace")
+        return trace(arguments); // Ctrl-C ends it early
     const CtlInterrupt interrupt(_session, _console);
     if (name == "help")
         return help(arguments);
@@ -331,6 +334,15 @@ int Ctl::where(const std::vector<CommandWords::Word>& arguments) {
     }
     return printStanding(_session.getClient().call("server.where", params.toString(),
                                                    _options.timeout.value_or(ROLL_CALL_TIME)));
+}
+
+int Ctl::trace(const std::vector<CommandWords::Word>& arguments) {
+    try {
+        printObject(CtlTrace(_options, _console, _session).run(arguments).toString());
+    } catch (const CtlTrace::Refusal& refusal) {
+        return print(refusal.getReply());
+    }
+    return ExitCode::SUCCESS;
 }
 
 int Ctl::cancel(const std::vector<CommandWords::Word>& arguments) {

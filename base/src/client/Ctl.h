@@ -32,6 +32,7 @@ private:
     int listCommands(const std::vector<CommandWords::Word>& arguments);
     int where(const std::vector<CommandWords::Word>& arguments);
     int cancel(const std::vector<CommandWords::Word>& arguments);
+    int trace(const std::vector<CommandWords::Word>& arguments);
     int printStanding(const RpcClient::Reply& reply);
     RpcClient::Reply sendDeadline();
     int stop();

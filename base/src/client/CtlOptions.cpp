@@ -8,6 +8,7 @@
 
 #include <charconv>
 #include <iostream>
+#include <utility>
 
 namespace {
 
@@ -49,6 +50,7 @@ Examples:
   orvexctl --deadline 30m SolveHeatConduction
   orvexctl --bill SolveHeatConduction
   orvexctl where
+  orvexctl trace --seconds 5
   orvexctl --file commands.txt)";
 
 } // namespace
@@ -63,6 +65,7 @@ CtlOptions CtlOptions::parse(int argc, char** argv, std::optional<int>& exitCode
     std::string count;
     std::string seconds;
     std::string sort;
+    std::string output;
     CLI::App app(DESCRIPTION, "orvexctl");
     app.footer("\nCommands of orvexctl itself:\n" + OwnCommands::describe() + FOOTER);
     app.set_version_flag("--version", OrvexVersion::getVersionedProductName());
@@ -86,6 +89,8 @@ CtlOptions CtlOptions::parse(int argc, char** argv, std::optional<int>& exitCode
     app.add_option("-n", count, "Of \"top\": so many pictures as plain text; 0: until it is ended");
     app.add_option("--seconds", seconds, "Of \"top\": between two pictures; default: 1");
     app.add_option("--sort", sort, "Of \"top\": by P processor, M memory, W waiting, N name");
+    app.add_option("--seconds", seconds, "Of \"trace\": how long; default: 10");
+    app.add_option("--output", output, "Of \"trace\": the file; default: trace.json");
     // An empty value is a variable that wasn't set; taken for "any", it would choose somebody else's session.
     for (const char* name : {"--session", "--host", "--key-file", "--file"})
         app.get_option(name)->check([](const std::string& value) {
@@ -125,6 +130,13 @@ CtlOptions CtlOptions::parse(int argc, char** argv, std::optional<int>& exitCode
         if (first != "top" && (ranks || !count.empty() || !seconds.empty() || !sort.empty()))
             throw CLI::ValidationError("--ranks, -n, --seconds, --sort",
                                        "they belong to the command \"top\"");
+        for (const auto& [word, value] : {std::pair("--seconds", seconds), std::pair("--output", output)}) {
+            if (value.empty())
+                continue;
+            if (first != "trace")
+                throw CLI::ValidationError(word, "it belongs to the command \"trace\"");
+            options.words.insert(options.words.end(), {word, value});
+        }
         if (!options.script.empty() && !options.words.empty())
             throw CLI::ValidationError("--file", "a script and a command can't both be given");
     } catch (const CLI::ParseError& error) {

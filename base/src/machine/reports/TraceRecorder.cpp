@@ -21,8 +21,8 @@ constexpr double PATIENCE = 120.0; ///< [s] for which nobody has to ask for what
 constexpr unsigned DEPTH_BITS = 16;
 constexpr const char* OTHERS = "(others)"; ///< the first name, for those beyond the limit
 
-/// What can be said of the moments at which ranks leave a collective. One whose data may be empty on some
-/// ranks, or which waits beside the messages, tells nothing.
+/// What can be said of the moments at which ranks leave a collective that has data. One whose data may be
+/// empty on some ranks, or which waits beside the messages, tells nothing.
 TraceLayout::Kind kindOf(Collective collective) {
     switch (collective) {
     case Collective::SYNCHRONISE:
@@ -277,7 +277,9 @@ std::uint64_t TraceRecorder::open(const MessageOperation& operation, const Call&
         return 0;
     }
     const Known& known = know(operation);
-    Record record = make(known.kind, known.name, now);
+    const bool isEmpty = call.bytes == 0 && operation.collective != Collective::SYNCHRONISE;
+    const bool isCollective = operation.collective != Collective::NONE;
+    Record record = make(isCollective && isEmpty ? TraceLayout::COLLECTIVE : known.kind, known.name, now);
     record.communicator = nameOfLabel(call.label);
     record.group = static_cast<std::uint32_t>(call.label >> 32);
     record.number = call.number;
