@@ -418,6 +418,8 @@ int Ctl::showStatus() {
                                         (left < 0.0 ? ", passed" : ", in " + duration(left)));
             running.remove("deadlineLeft");
         }
+        if (running.hasName("bill"))
+            running.set("bill", CtlBill::describeSoFar(running.getProperties("bill")));
         running.set("since", localTime(running.getReal("since")));
         running.set("for", duration(running.getReal("seconds")));
         running.remove("seconds");

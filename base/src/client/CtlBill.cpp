@@ -113,6 +113,14 @@ std::string CtlBill::describe(const Properties& bill) {
     return text;
 }
 
+std::string CtlBill::describeSoFar(const Properties& bill) {
+    return "rank " + std::to_string(bill.getUnsignedInt("rank")) + ": " +
+           showSeconds(bill.getReal("processor")) + " of processor time, " +
+           show(bill.getReal("waitingShare"), Unit::SHARE) + " waiting, " +
+           showBytes(bill.getReal("addedMemory")) + " of memory added, " +
+           show(bill.getReal("messages"), Unit::COUNT) + " messages";
+}
+
 std::string CtlBill::list(const std::vector<Properties>& bills) {
     if (bills.empty())
         return "No command has run yet.\n";

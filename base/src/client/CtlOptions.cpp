@@ -6,9 +6,10 @@
 
 #include <CLI/CLI.hpp>
 
+#include <array>
 #include <charconv>
 #include <iostream>
-#include <utility>
+#include <string_view>
 
 namespace {
 
@@ -53,19 +54,49 @@ Examples:
   orvexctl trace --seconds 5
   orvexctl --file commands.txt)";
 
+/// An option of some commands of orvexctl itself. It is handed on as one of their arguments.
+struct OwnOption {
+    const char* name;
+    bool hasValue;
+    std::array<std::string_view, 2> commands; ///< the second may be empty
+    const char* meaning;
+
+    bool belongsTo(std::string_view command) const {
+        return !command.empty() && (command == commands[0] || command == commands[1]);
+    }
+    /// As in "\"top\" or \"trace\"".
+    std::string listCommands() const {
+        std::string text = "\"" + std::string(commands[0]) + "\"";
+        if (!commands[1].empty())
+            text += " or \"" + std::string(commands[1]) + "\"";
+        return text;
+    }
+    std::string describe() const { return "Of " + listCommands() + ": " + meaning; }
+};
+
+constexpr std::array OWN_OPTIONS{
+    OwnOption{"--rank", true, {"where"}, "this rank alone"},
+    OwnOption{"--force", false, {"cancel"}, "take the job down if the task doesn't look"},
+    OwnOption{"--ranks", false, {"top"}, "a line for each rank"},
+    OwnOption{"-n", true, {"top"}, "so many pictures as plain text; 0: until it is ended"},
+    OwnOption{"--seconds", true, {"top", "trace"}, "between two pictures, default 1; how long, default 10"},
+    OwnOption{"--sort", true, {"top"}, "by P processor, M memory, W waiting, N name"},
+    OwnOption{"--output", true, {"trace"}, "the file, default trace.json"},
+};
+
+struct OwnWish {
+    CLI::Option* option = nullptr;
+    std::string value;
+    bool isSet = false;
+};
+
 } // namespace
 
 CtlOptions CtlOptions::parse(int argc, char** argv, std::optional<int>& exitCode) {
     CtlOptions options;
     double timeout = 0.0;
     std::string deadline;
-    std::string rank;
-    bool force = false;
-    bool ranks = false;
-    std::string count;
-    std::string seconds;
-    std::string sort;
-    std::string output;
+    std::array<OwnWish, OWN_OPTIONS.size()> wishes;
     CLI::App app(DESCRIPTION, "orvexctl");
     app.footer("\nCommands of orvexctl itself:\n" + OwnCommands::describe() + FOOTER);
     app.set_version_flag("--version", OrvexVersion::getVersionedProductName());
@@ -83,14 +114,11 @@ CtlOptions CtlOptions::parse(int argc, char** argv, std::optional<int>& exitCode
         ->check([](const std::string& text) {
             return parseTime(text) ? std::string() : "\"" + text + "\" is no time like 90s, 30m or 1.5h";
         });
-    app.add_option("--rank", rank, "Of \"where\": this rank alone");
-    app.add_flag("--force", force, "Of \"cancel\": take the job down if the task doesn't look");
-    app.add_flag("--ranks", ranks, "Of \"top\": a line for each rank");
-    app.add_option("-n", count, "Of \"top\": so many pictures as plain text; 0: until it is ended");
-    app.add_option("--seconds", seconds, "Of \"top\": between two pictures; default: 1");
-    app.add_option("--sort", sort, "Of \"top\": by P processor, M memory, W waiting, N name");
-    app.add_option("--seconds", seconds, "Of \"trace\": how long; default: 10");
-    app.add_option("--output", output, "Of \"trace\": the file; default: trace.json");
+    for (std::size_t i = 0; i < OWN_OPTIONS.size(); ++i) {
+        const OwnOption& option = OWN_OPTIONS[i];
+        wishes[i].option = option.hasValue ? app.add_option(option.name, wishes[i].value, option.describe())
+                                           : app.add_flag(option.name, wishes[i].isSet, option.describe());
+    }
     // An empty value is a variable that wasn't set; taken for "any", it would choose somebody else's session.
     for (const char* name : {"--session", "--host", "--key-file", "--file"})
         app.get_option(name)->check([](const std::string& value) {
@@ -111,31 +139,15 @@ CtlOptions CtlOptions::parse(int argc, char** argv, std::optional<int>& exitCode
         if (!deadline.empty())
             options.deadline = parseTime(deadline);
         const std::string first = options.words.empty() ? std::string() : options.words.front();
-        if (!rank.empty()) {
-            if (first != "where")
-                throw CLI::ValidationError("--rank", "it belongs to the command \"where\"");
-            options.words.insert(options.words.end(), {"--rank", rank});
-        }
-        if (force) {
-            if (first != "cancel")
-                throw CLI::ValidationError("--force", "it belongs to the command \"cancel\"");
-            options.words.emplace_back("--force");
-        }
-        if (ranks && first == "top")
-            options.words.emplace_back("--ranks");
-        for (const auto& [name, value] :
-             {std::pair{"-n", &count}, {"--seconds", &seconds}, {"--sort", &sort}})
-            if (!value->empty() && first == "top")
-                options.words.insert(options.words.end(), {name, *value});
-        if (first != "top" && (ranks || !count.empty() || !seconds.empty() || !sort.empty()))
-            throw CLI::ValidationError("--ranks, -n, --seconds, --sort",
-                                       "they belong to the command \"top\"");
-        for (const auto& [word, value] : {std::pair("--seconds", seconds), std::pair("--output", output)}) {
-            if (value.empty())
+        for (std::size_t i = 0; i < OWN_OPTIONS.size(); ++i) {
+            const OwnOption& option = OWN_OPTIONS[i];
+            if (wishes[i].option->count() == 0)
                 continue;
-            if (first != "trace")
-                throw CLI::ValidationError(word, "it belongs to the command \"trace\"");
-            options.words.insert(options.words.end(), {word, value});
+            if (!option.belongsTo(first))
+                throw CLI::ValidationError(option.name, "it belongs to the command " + option.listCommands());
+            options.words.emplace_back(option.name);
+            if (option.hasValue)
+                options.words.push_back(wishes[i].value);
         }
         if (!options.script.empty() && !options.words.empty())
             throw CLI::ValidationError("--file", "a script and a command can't both be given");

@@ -45,6 +45,8 @@ public:
     /// client's request as it is; an empty callback takes the method away. Before the start.
     void setSlowMethod(const std::string& method,
                        std::function<Properties(const Properties& request)> callback);
+    /// Tells what the command at work has cost so far, for `server.status`. Any thread. Before the start.
+    void setBillCallback(std::function<Properties()> callback);
     /// Empty: listen on loopback. Else listen on the network and accept this host (name or address) only.
     void setClientAddress(const std::string& address);
     /// Number of ports to try from the port given to start(), -1: that port, then any free one.

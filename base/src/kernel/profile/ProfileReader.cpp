@@ -183,7 +183,7 @@ private:
         _snapshot.bytes = valueOf(board.bytes);
         _snapshot.waitSeconds = _clock.length(valueOf(board.waitTicks));
         _snapshot.looks = valueOf(board.looks);
-        _snapshot.hybridSeconds = _clock.length(valueOf(board.hybridTicks));
+        _snapshot.lentSeconds = _clock.length(valueOf(board.lentTicks));
     }
 
     static std::uint64_t begun(std::uint64_t generation) { return generation / 2 + generation % 2; }

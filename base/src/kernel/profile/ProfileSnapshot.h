@@ -86,7 +86,7 @@ struct ORVEX_KERNEL_EXPORT ProfileSnapshot {
     std::uint64_t bytes = 0;
     double waitSeconds = 0.0; ///< in operations that may wait, without the one that is open
     std::uint64_t looks = 0;  ///< in vain
-    double hybridSeconds = 0.0;
+    double lentSeconds = 0.0;
     std::uint64_t depth = 0;           ///< commands at work
     std::vector<Command> commands;     ///< the innermost last; those that are deepest may be missing
     std::vector<Operation> operations; ///< newest first

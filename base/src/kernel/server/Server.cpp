@@ -144,6 +144,10 @@ void Server::setAbortCallback(std::function<void()> callback) {
     _impl->settings.abortCallback = std::move(callback);
 }
 
+void Server::setBillCallback(std::function<Properties()> callback) {
+    _impl->settings.billSoFar = std::move(callback);
+}
+
 void Server::setSlowMethod(const std::string& method,
                            std::function<Properties(const Properties& request)> callback) {
     if (callback)

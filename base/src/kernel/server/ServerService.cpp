@@ -683,6 +683,9 @@ Properties ServerService::describeRunning() const {
         command.set("progress", task->progress);
         command.set("message", task->message);
     }
+    if (_settings.billSoFar)
+        if (const Properties bill = _settings.billSoFar(); bill != Properties())
+            command.set("bill", bill);
     for (const std::weak_ptr<CommandDeadline>& each : _deadlines)
         if (const auto deadline = each.lock())
             deadline->describe(running->thread, command);

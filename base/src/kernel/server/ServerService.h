@@ -47,6 +47,7 @@ public:
         int portRange = -1;
         ServerLimits limits;
         std::function<void()> abortCallback;
+        std::function<Properties()> billSoFar;
         RollCallDesk::Callback rollCall;
         std::map<std::string, RollCallDesk::Callback> slowMethods; ///< by name, for example "server.live"
     };

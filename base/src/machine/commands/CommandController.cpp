@@ -6,7 +6,6 @@
 #include "machine/GlobalFloatingPointExceptionStatus.h"
 #include "machine/Machine.h"
 #include "machine/checks/CollectiveCheck.h"
-#include "machine/ground/RankList.h"
 #include "machine/hosts/HostClocks.h"
 #include "machine/hybrid/HostMeeting.h"
 #include "machine/messages/CollectiveHistory.h"
@@ -441,10 +440,9 @@ void CommandController::scatterCommand(Properties& command) const {
     ranks.broadcast(text, Communicator::masterRank());
     command = Properties(text);
     const std::string name = Command::getCommandName(command);
-    OperationRecord::beginCommand(name);
     if (text.front() == MEASURE_CLOCKS)
         HostClocks::measure(ranks);
-    OperationRecord::beginCommand(Command::getCommandName(command));
+    OperationRecord::beginCommand(name);
     CollectiveHistory::beginCommand();
     CommandMeter::getSingleton().begin(name);
 }

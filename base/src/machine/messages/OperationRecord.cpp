@@ -138,7 +138,7 @@ std::uint64_t OperationRecord::getCommandChanges() {
 }
 
 void OperationRecord::leave() noexcept {
-    if (_line == &_main)
+    if (_board != &_unseen)
         OperationTrace::leaveUnseen();
 }
 
@@ -153,7 +153,7 @@ void OperationRecord::beginCommand(const std::string& name) {
     const std::lock_guard lock(all.mutex);
     all.open.push_back({name, Clock::now(), operations, CollectiveHistory::countAll()});
     step(commandChanges, 1);
-    const std::uint64_t operations = (_main.generation.load(std::memory_order_relaxed) + 1) / 2;
+    const std::uint64_t operations = (getPage().board.generation.load(std::memory_order_relaxed) + 1) / 2;
     {
         Commands& all = commands();
         const std::lock_guard lock(all.mutex);
@@ -188,7 +188,6 @@ OperationRecord::Composite::Composite(const MessageOperation& operation)
         CollectiveHistory::hold();
     beginNoted(operation);
     _board = &_unseen;
-    _line = &_unseen;
     if (OperationTrace::isOn()) {
         const CollectiveHistory::Latest latest = CollectiveHistory::getLatest();
         trace(operation, {.label = latest.label, .number = latest.count});
@@ -200,18 +199,18 @@ OperationRecord::Composite::Composite(const MessageOperation& operation, std::ui
     : _before(_board), _holds(false) {
     begin(operation, communicator, bytes, partner);
     _board = &_unseen;
+    if (OperationTrace::isOn())
+        trace(operation, {.label = communicator, .bytes = bytes, .partner = partner});
+}
+
+void OperationRecord::Composite::trace(const MessageOperation& operation, const OperationTrace::Call& call) {
+    _token = OperationTrace::get().open(operation, call, 0);
 }
 
 OperationRecord::Composite::~Composite() {
-    _board = _before;
-    _line = &_unseen;
-    if (OperationTrace::isOn())
-        trace(operation, {.label = communicator, .bytes = bytes, .partner = partner});
-void OperationRecord::Composite::trace(const MessageOperation& operation, const OperationTrace::Call& call) {
-    _token = OperationTrace::get().open(operation, call, 0);
     if (_token != 0)
         OperationTrace::get().close(_token, -1);
-    _line = _before;
+    _board = _before;
     end();
     if (_holds)
         CollectiveHistory::release();

@@ -3,8 +3,8 @@
 #include "kernel/profile/ProfileLayout.h"
 #include "machine/MachineExport.h"
 #include "machine/messages/MessageOperation.h"
-#include "platform/TickClock.h"
 #include "machine/messages/OperationTrace.h"
+#include "platform/TickClock.h"
 
 #include <atomic>
 #include <cstdint>
@@ -41,7 +41,9 @@ public:
     /// That of the snapshot, for a watcher that looks often.
     static std::uint64_t getGeneration();
     /// Of the operations alone.
-    static std::uint64_t getOperationGeneration() { return _main.generation.load(std::memory_order_acquire); }
+    static std::uint64_t getOperationGeneration() {
+        return getPage().board.generation.load(std::memory_order_acquire);
+    }
     /// Of the commands alone: how many have begun and how many have ended, together.
     static std::uint64_t getCommandChanges();
 
@@ -72,8 +74,6 @@ public:
                          std::memory_order_release);
         step(board.bytes, bytes);
         board.generation.store(generation | 1, std::memory_order_release);
-        if (!MessagingGate::isOpen()) [[unlikely]]
-            leave();
     }
     /// A collective that CollectiveHistory has just noted.
     static void beginNoted(const MessageOperation& operation);
@@ -90,6 +90,8 @@ public:
             step(board.waitTicks, now - begin);
         }
         board.generation.store(generation + 1, std::memory_order_release);
+        if (!MessagingGate::isOpen()) [[unlikely]]
+            leave();
     }
     static bool isInside() { return (_board->generation.load(std::memory_order_relaxed) & 1) != 0; }
     static void countLook() { step(_board->looks, 1); }
@@ -132,11 +134,9 @@ public:
         Composite& operator=(const Composite&) = delete;
 
     private:
-        Board* _before;
-        bool _holds; ///< a word of CollectiveHistory
         void trace(const MessageOperation& operation, const OperationTrace::Call& call);
 
-        Line* _before;
+        Board* _before;
         std::uint64_t _token = 0; ///< of the trace
         bool _holds;              ///< a word of CollectiveHistory
     };

@@ -1,5 +1,6 @@
 #include "machine/reports/CommandMeter.h"
 
+#include "machine/MachineGround.h"
 #include "machine/messages/OperationRecord.h"
 
 #include "platform/Memory.h"
@@ -43,23 +44,21 @@ private:
     ProfileLayout::Word& _sequence;
 };
 
-Platform::MemoryUse readMemory() {
-    static const auto query = Platform::memory().createQuery(Platform::process().getPid());
-    Platform::MemoryUse use;
-    query->query(use); // all zero when the system doesn't tell
-    return use;
-}
-
 } // namespace
 
 CommandMeter& CommandMeter::getSingleton() {
-    static CommandMeter meter;
-    return meter;
+    static auto* const meter = new CommandMeter; // clients may ask to the very end of the process
+    return *meter;
 }
 
-CommandMeter::Start CommandMeter::measure() {
+CommandMeter::CommandMeter() : _query(Platform::memory().createQuery(Platform::process().getPid())) {}
+
+CommandMeter::~CommandMeter() = default;
+
+CommandMeter::Start CommandMeter::measure(Platform::MemoryQuery& query) {
     const ProfileLayout::Board& board = OperationRecord::getPage().board;
-    const Platform::MemoryUse memory = readMemory();
+    Platform::MemoryUse memory;
+    query.query(memory); // all zero when the system doesn't tell
     Start now;
     now.at = Platform::time().getSecondsSinceEpoch();
     now.tick = TickClock::read();
@@ -90,7 +89,7 @@ CommandMeter::Cost CommandMeter::subtract(const Start& end, const Start& begin) 
 }
 
 void CommandMeter::begin(const std::string& command) {
-    Start start = measure();
+    Start start = measure(*_query);
     start.command = command;
     ProfileLayout::Page& page = OperationRecord::getPage();
     if (_open.size() < ProfileLayout::MAX_DEPTH) {
@@ -105,6 +104,7 @@ void CommandMeter::begin(const std::string& command) {
         shown.processorTime = toCount(start.processor * 1e9);
         shown.memory = toCount(static_cast<double>(start.memory));
     }
+    const std::lock_guard lock(_mutex);
     _open.push_back(std::move(start));
     page.depth.store(_open.size(), std::memory_order_release);
 }
@@ -112,9 +112,12 @@ void CommandMeter::begin(const std::string& command) {
 CommandMeter::Cost CommandMeter::end(bool hasFailed) {
     if (_open.empty())
         return {};
-    const Start start = std::move(_open.back());
-    _open.pop_back();
-    const Cost cost = subtract(measure(), start);
+    const Start start = _open.back();
+    {
+        const std::lock_guard lock(_mutex);
+        _open.pop_back();
+    }
+    const Cost cost = subtract(measure(*_query), start);
     ProfileLayout::Page& page = OperationRecord::getPage();
     const std::uint64_t number = page.bills.load(std::memory_order_relaxed);
     {
@@ -144,6 +147,27 @@ CommandMeter::Cost CommandMeter::end(bool hasFailed) {
     _total.messages += cost.messages;
     _total.bytes += cost.bytes;
     return cost;
+}
+
+Properties CommandMeter::describeSoFar() {
+    Start begin;
+    {
+        const std::lock_guard lock(_mutex);
+        if (_open.empty())
+            return {};
+        begin = _open.front();
+    }
+    const Cost cost = subtract(measure(*Platform::memory().createQuery(Platform::process().getPid())), begin);
+    Properties bill;
+    bill.set("rank", MachineGround::getPartitionId());
+    bill.set("processor", cost.processor);
+    bill.set("waiting", cost.waiting);
+    bill.set("waitingShare", cost.wall > 0.0 ? std::min(cost.waiting / cost.wall, 1.0) : 0.0);
+    bill.set("peakMemory", cost.peakMemory);
+    bill.set("addedMemory", cost.addedMemory);
+    bill.set("messages", cost.messages);
+    bill.set("bytes", cost.bytes);
+    return bill;
 }
 
 double CommandMeter::getBeginning() const {

@@ -1,8 +1,16 @@
 #pragma once
 
+#include "kernel/Properties.h"
+
 #include <cstdint>
+#include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
+
+namespace Platform {
+class MemoryQuery;
+}
 
 /// What a command cost this rank: its processor time and waiting, memory and messages.
 ///
@@ -32,6 +40,9 @@ public:
     Cost end(bool hasFailed);
     /// When that command began [s since 1970], before end().
     double getBeginning() const;
+    /// What the outermost command at work has cost this rank so far, with the keys of a bill, and "rank";
+    /// empty when none is at work. Any thread.
+    Properties describeSoFar();
     /// Sums over the commands that have ended, the outermost ones; the largest of peakMemory.
     const Cost& getTotal() const { return _total; }
 
@@ -49,10 +60,13 @@ private:
         long long highWater = 0;
     };
 
-    CommandMeter() = default;
-    static Start measure();
+    CommandMeter();
+    ~CommandMeter();
+    static Start measure(Platform::MemoryQuery& query);
     static Cost subtract(const Start& end, const Start& begin);
 
-    std::vector<Start> _open; ///< the outermost first
+    const std::unique_ptr<Platform::MemoryQuery> _query;
+    mutable std::mutex _mutex; ///< guards the next one against the threads that ask
+    std::vector<Start> _open;  ///< the outermost first
     Cost _total;
 };

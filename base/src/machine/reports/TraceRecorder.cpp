@@ -5,6 +5,7 @@
 
 #include "kernel/Error.h"
 #include "kernel/Raise.h"
+#include "kernel/profile/CommunicatorLabel.h"
 #include "platform/TickClock.h"
 
 #include <algorithm>
@@ -404,7 +405,7 @@ std::uint32_t TraceRecorder::nameOfLabel(std::uint64_t label) {
         return 0;
     if (const auto found = _labels.find(label); found != _labels.end())
         return found->second;
-    const std::uint32_t name = nameOf(CollectiveHistory::describeLabel(label));
+    const std::uint32_t name = nameOf(CommunicatorLabel::describe(label));
     if (_labels.size() < MAX_LABELS)
         _labels.emplace(label, name);
     return name;

@@ -12,6 +12,7 @@
 #include "machine/ground/MachineOptions.h"
 #include "machine/hosts/HostClocks.h"
 #include "machine/messages/OperationRecord.h"
+#include "machine/reports/CommandMeter.h"
 #include "machine/start/LastWords.h"
 
 #include "kernel/Error.h"
@@ -33,6 +34,7 @@
 namespace {
 
 constexpr const char* LIVE_METHOD = "server.live";
+constexpr const char* TRACE_METHOD = "server.trace";
 constexpr double OUTPUT_TIME = 5.0; ///< [s] for launchers to pass the last output on
 
 /// One error at a time is handled; the start of the handler counts as one.
@@ -88,6 +90,7 @@ std::string describe(const Error& error) {
 } // namespace
 
 void Machine::startParallelErrorHandler() {
+    Server::getSingleton().setBillCallback([] { return CommandMeter::getSingleton().describeSoFar(); });
     if (isSerial()) {
         if (_options.threaded)
             startRollCall();
@@ -129,20 +132,16 @@ void Machine::startRollCall() {
         OS::Log::instance("Default").warning("Machine", "No signal is free: nobody can ask for stacks");
     _rollCall = std::make_unique<RollCall>(_parallelErrorHandler.get());
     _liveView = std::make_unique<LiveView>(_parallelErrorHandler.get());
+    _traceService = std::make_unique<TraceService>(_parallelErrorHandler.get());
     if (!isSerialOrMaster())
         return;
     Server::getSingleton().setRollCall(
         [call = _rollCall.get()](const Properties& request) { return call->answer(request); });
     Server::getSingleton().setSlowMethod(
         LIVE_METHOD, [view = _liveView.get()](const Properties& request) { return view->answer(request); });
-    if (isSerialOrMaster())
-        Server::getSingleton().setRollCall(
-            [call = _rollCall.get()](const Properties& request) { return call->answer(request); });
-    _traceService = std::make_unique<TraceService>(_parallelErrorHandler.get());
-    if (isSerialOrMaster())
-        Server::getSingleton().setSlowMethod(
-            "server.trace",
-            [service = _traceService.get()](const Properties& request) { return service->answer(request); });
+    Server::getSingleton().setSlowMethod(
+        TRACE_METHOD,
+        [service = _traceService.get()](const Properties& request) { return service->answer(request); });
 }
 
 void Machine::prepareStuckWatch() {
@@ -185,9 +184,8 @@ void Machine::dropParallelErrorHandler() {
     if (_rollCall && isSerialOrMaster()) {
         Server::getSingleton().setRollCall({});
         Server::getSingleton().setSlowMethod(LIVE_METHOD, {});
+        Server::getSingleton().setSlowMethod(TRACE_METHOD, {});
     }
-    if (_traceService && isSerialOrMaster())
-        Server::getSingleton().setSlowMethod("server.trace", {});
     if (_parallelErrorHandler)
         _parallelErrorHandler->stop();
     if (_stuckWatch) {
