@@ -2,6 +2,7 @@
 
 #include "client/CtlBill.h"
 #include "client/CtlInterrupt.h"
+#include "client/CtlPostmortem.h"
 #include "client/CtlPrompt.h"
 #include "client/CtlTop.h"
 #include "client/CtlTrace.h"
@@ -83,6 +84,14 @@ std::vector<CommandWords::Word> toWords(const std::vector<std::string>& texts) {
     return words;
 }
 
+std::vector<std::string> toTexts(const std::vector<CommandWords::Word>& words) {
+    std::vector<std::string> texts;
+    texts.reserve(words.size());
+    for (const CommandWords::Word& word : words)
+        texts.push_back(word.text);
+    return texts;
+}
+
 /// Reads a line of at most MAX_LINE bytes. @return false at the end
 bool readLine(std::istream& stream, std::string& line) {
     line.clear();
@@ -145,7 +154,7 @@ int Ctl::dispatch() {
     const std::string first = _options.words.empty() ? std::string() : _options.words.front();
     const bool ownHelp =
         first == "help" && (_options.words.size() != 2 || OwnCommands::isOne(_options.words[1]));
-    if (first == "list-sessions" || ownHelp) // asks no server
+    if (first == "list-sessions" || first == "postmortem" || ownHelp) // asks no server
         return runLine(toWords(_options.words));
     if (!_options.script.empty() &&
         Platform::filesystem().isDirectory(StringHelper::toWString(_options.script)))
@@ -302,6 +311,8 @@ int Ctl::runOwn(const std::string& name, const std::vector<CommandWords::Word>& 
         return where(arguments);
     if (name == "cancel")
         return cancel(arguments);
+    if (name == "postmortem")
+        return CtlPostmortem(_console, _options.json).run(toTexts(arguments));
     if (!arguments.empty())
         throw UsageError(name + " takes no arguments");
     if (name == "list-sessions")
@@ -494,6 +505,7 @@ int Ctl::listSessions() {
     Properties table;
     table.set("sessions", rows);
     _console.print(rows.empty() ? "No session runs here.\n" : forPeople(table.toString()));
+    CtlPostmortem(_console, _options.json).mention();
     return ExitCode::SUCCESS;
 }
 

@@ -97,6 +97,9 @@ CtlOptions CtlOptions::parse(int argc, char** argv, std::optional<int>& exitCode
     double timeout = 0.0;
     std::string deadline;
     std::array<OwnWish, OWN_OPTIONS.size()> wishes;
+    std::string rank;
+    bool force = false;
+    bool remove = false;
     CLI::App app(DESCRIPTION, "orvexctl");
     app.footer("\nCommands of orvexctl itself:\n" + OwnCommands::describe() + FOOTER);
     app.set_version_flag("--version", OrvexVersion::getVersionedProductName());
@@ -119,6 +122,9 @@ CtlOptions CtlOptions::parse(int argc, char** argv, std::optional<int>& exitCode
         wishes[i].option = option.hasValue ? app.add_option(option.name, wishes[i].value, option.describe())
                                            : app.add_flag(option.name, wishes[i].isSet, option.describe());
     }
+    app.add_option("--rank", rank, "Of \"where\" and \"postmortem\": this rank alone");
+    app.add_flag("--force", force, "Of \"cancel\": take the job down if the task doesn't look");
+    app.add_flag("--remove", remove, "Of \"postmortem\": remove the profiles of that job, or of \"all\"");
     // An empty value is a variable that wasn't set; taken for "any", it would choose somebody else's session.
     for (const char* name : {"--session", "--host", "--key-file", "--file"})
         app.get_option(name)->check([](const std::string& value) {
@@ -148,6 +154,21 @@ CtlOptions CtlOptions::parse(int argc, char** argv, std::optional<int>& exitCode
             options.words.emplace_back(option.name);
             if (option.hasValue)
                 options.words.push_back(wishes[i].value);
+        if (!rank.empty()) {
+            if (first != "where" && first != "postmortem")
+                throw CLI::ValidationError("--rank",
+                                           "it belongs to the commands \"where\" and \"postmortem\"");
+            options.words.insert(options.words.end(), {"--rank", rank});
+        }
+        if (remove) {
+            if (first != "postmortem")
+                throw CLI::ValidationError("--remove", "it belongs to the command \"postmortem\"");
+            options.words.emplace_back("--remove");
+        }
+        if (force) {
+            if (first != "cancel")
+                throw CLI::ValidationError("--force", "it belongs to the command \"cancel\"");
+            options.words.emplace_back("--force");
         }
         if (!options.script.empty() && !options.words.empty())
             throw CLI::ValidationError("--file", "a script and a command can't both be given");

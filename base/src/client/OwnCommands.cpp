@@ -23,6 +23,8 @@ constexpr std::array COMMANDS{
     OwnCommand{"top", " [-n COUNT]", "the job at work, each second: hosts and ranks, the slowest marked"},
     OwnCommand{"trace", " [--seconds N]",
                "what all ranks do during 10 s, as a timeline for a viewer; --output FILE, else trace.json"},
+    OwnCommand{"postmortem", " [JOB]",
+               "the dead jobs of this host; with JOB (its number, a process, last), what it did last"},
     OwnCommand{"cancel", " [--force]",
                "ask the task at work to end early; with --force, take the job down if it doesn't"},
     OwnCommand{"stop", "", "end the server in order: the command at work finishes first"},
@@ -50,6 +52,8 @@ std::vector<std::string> OwnCommands::getOptions(std::string_view name) {
         return {"--rank"};
     if (name == "top")
         return {"--ranks", "--seconds", "--sort"};
+    if (name == "postmortem")
+        return {"--rank", "--remove"};
     if (name == "cancel")
         return {"--force"};
     if (name == "trace")

@@ -2,7 +2,6 @@
 
 #include "kernel/profile/ProfileFile.h"
 #include "kernel/profile/ProfileLayout.h"
-#include "kernel/profile/ProfileReader.h"
 
 #include "platform/FileSystem.h"
 #include "platform/StringHelper.h"
@@ -64,8 +63,8 @@ bool isOlder(const std::string& path, double maxAge) {
 
 } // namespace
 
-std::vector<ProfileJob> ProfileJob::find(std::vector<std::string>* ignored) {
-    Found found = readAll(ProfileReader::Extent::WHOLE);
+std::vector<ProfileJob> ProfileJob::find(std::vector<std::string>* ignored, ProfileReader::Extent extent) {
+    Found found = readAll(extent);
     if (ignored != nullptr)
         *ignored = std::move(found.reasons);
     return group(std::move(found.snapshots));

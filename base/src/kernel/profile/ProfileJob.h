@@ -1,6 +1,7 @@
 #pragma once
 
 #include "kernel/KernelExport.h"
+#include "kernel/profile/ProfileReader.h"
 #include "kernel/profile/ProfileSnapshot.h"
 
 #include <cstddef>
@@ -16,7 +17,8 @@ public:
 
     /// The jobs of this user with a profile here, the latest activity first.
     /// @param ignored  gets, for each file that can't be read as a profile, why
-    static std::vector<ProfileJob> find(std::vector<std::string>* ignored = nullptr);
+    static std::vector<ProfileJob> find(std::vector<std::string>* ignored = nullptr,
+                                        ProfileReader::Extent extent = ProfileReader::Extent::WHOLE);
     /// Removes the files of dead jobs that show no activity for `maxAge` seconds, and of all except the
     /// newest jobs: at most `maxJobs` and `maxBytes` stay. Files of this user that can't be read go by their
     /// age.

@@ -10,6 +10,7 @@
 #include "platform/TickClock.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cstddef>
 #include <cstring>
 #include <map>
@@ -37,6 +38,14 @@ std::string textOf(const char (&field)[SIZE]) {
     for (char& c : text)
         if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F)
             c = '?';
+    return text;
+}
+
+/// As in "allReduce", for "Communicator::AllReduce".
+std::string shorten(const std::string& name) {
+    std::string text = name.substr(name.rfind(':') + 1); // all of it without one
+    if (!text.empty())
+        text[0] = static_cast<char>(std::tolower(static_cast<unsigned char>(text[0])));
     return text;
 }
 
@@ -216,7 +225,7 @@ private:
     void readNames() {
         for (std::size_t i = 0; i < NUMBER_NAMES; ++i)
             if (const std::uint64_t address = valueOf(_first.names[i].address); address != 0)
-                _names.try_emplace(address, textOf(_second.names[i].text));
+                _names.try_emplace(address, shorten(textOf(_second.names[i].text)));
     }
 
     /// Those that were begun before the first copy, and whose place can't have been taken since.

@@ -32,7 +32,7 @@ protected:
         page.header.beginTick = 1'000'000;
         page.header.ticksPerSecond = 1e6;
         page.names[0].address = 11;
-        write(page.names[0].text, "allReduce");
+        write(page.names[0].text, "Communicator::allReduce");
         page.board.operations[0].begin = 2'000'000;
         page.board.operations[0].end = 2'500'000;
         page.board.operations[1].name = 11;
