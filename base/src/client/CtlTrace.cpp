@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cmath>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -188,6 +189,10 @@ void CtlTrace::begin() {
     _trace = answer.getUnsignedInt("trace");
     std::vector<unsigned> silent;
     answer.get("silent", silent);
+    char seconds[32];
+    std::snprintf(seconds, sizeof seconds, "%g", _seconds);
+    if (!_options.quiet)
+        _console.tell(std::string("[The trace has begun and lasts ") + seconds + " s. Ctrl-C ends it early]");
     if (!silent.empty())
         _console.tell("[" + std::to_string(silent.size()) + " of " +
                       std::to_string(answer.getUnsignedInt("ranks")) + " ranks don't answer]");
@@ -204,7 +209,7 @@ void CtlTrace::wait() {
     } catch (const RpcClientError& error) {
         if (error.getTrouble() != RpcClientError::GIVEN_UP)
             throw;
-        _console.tell("[The trace ends early. Ctrl-C again leaves without a file]");
+        _console.tell("[The trace ends. Ctrl-C again leaves without a file]");
     }
 }
 
@@ -273,7 +278,7 @@ void CtlTrace::release() noexcept {
 Properties CtlTrace::summarise(const TraceFile::Summary& summary) const {
     Properties answer;
     answer.set("file", _path);
-    answer.set("seconds", summary.seconds);
+    answer.set("seconds", std::round(summary.seconds * 1e3) * 1e-3);
     answer.set("ranks", _data.ranks.size() - summary.silent.size());
     answer.set("events", summary.events);
     if (!summary.silent.empty())
@@ -282,7 +287,8 @@ Properties CtlTrace::summarise(const TraceFile::Summary& summary) const {
         answer.set("dropped", summary.dropped);
         answer.set("droppedFrom", summary.droppedFrom);
     }
-    answer.set("tolerance", summary.tolerance);
+    if (summary.tolerance > 0.0)
+        answer.set("toleranceMicroseconds", std::round(summary.tolerance * 1e9) * 1e-3);
     answer.set("violations", summary.violations);
     if (!summary.unknownClocks.empty())
         answer.set("hostsWithUnknownClock", summary.unknownClocks);

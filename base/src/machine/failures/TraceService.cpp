@@ -58,9 +58,10 @@ std::vector<std::string> textsIn(const XmlRpcValue& array) {
     return texts;
 }
 
-XmlRpcValue valueOf(const XmlRpcValue& structure, const char* name) {
+const XmlRpcValue& valueOf(const XmlRpcValue& structure, const char* name) {
+    static const XmlRpcValue NOTHING;
     const XmlRpcValue* const value = structure.find(name);
-    return value ? *value : XmlRpcValue();
+    return value ? *value : NOTHING;
 }
 
 /// The end of a trace on one rank, as the client gets it.
