@@ -16,9 +16,9 @@ double between(std::uint64_t from, std::uint64_t to) {
 
 } // namespace
 
-TraceClock::TraceClock(const TraceData& trace) {
-    const auto first =
-        std::find_if(trace.ranks.begin(), trace.ranks.end(), [](const auto& rank) { return rank.answered; });
+TraceClock::TraceClock(const TraceData& trace) : _trace(trace) {
+    const auto first = std::find_if(trace.ranks.begin(), trace.ranks.end(),
+                                    [](const TraceData::Rank& rank) { return rank.answered; });
     if (first == trace.ranks.end())
         return;
     _base = first->begin;
@@ -27,7 +27,6 @@ TraceClock::TraceClock(const TraceData& trace) {
     for (const TraceData::Rank& rank : trace.ranks)
         if (rank.answered && !rank.clock.empty() && !_lines.contains(rank.host))
             _lines[rank.host] = makeLine(rank.clock, _rate / rank.ticksPerSecond);
-    _origin = 0.0;
     for (const TraceData::Rank& rank : trace.ranks) {
         if (!rank.answered)
             continue;
@@ -35,18 +34,40 @@ TraceClock::TraceClock(const TraceData& trace) {
             _lines[rank.host] = makeLine({{rank.begin, _base, 0}}, _rate / rank.ticksPerSecond);
             _unknownHosts.push_back(rank.host);
         }
-        const Line& line = _lines[rank.host];
-        _origin = std::min(_origin, toMaster(line, rank.begin, _base));
+        Line& line = _lines[rank.host];
         for (const std::uint64_t ticks : {rank.begin, rank.end})
-            _tolerance = std::max(_tolerance, toleranceAt(line, ticks) / rank.ticksPerSecond);
+            line.tolerance = std::max(line.tolerance, toleranceAt(line, ticks) / rank.ticksPerSecond * 1e9);
+        _tolerance = std::max(_tolerance, line.tolerance * 1e-9);
     }
+    settle();
+}
+
+void TraceClock::settle() {
+    _origin = 0;
+    std::int64_t origin = 0;
+    bool isFirst = true;
+    for (const TraceData::Rank& rank : _trace.ranks) {
+        if (!rank.answered)
+            continue;
+        const std::int64_t begin = toNanoseconds(rank, rank.begin);
+        origin = isFirst ? begin : std::min(origin, begin);
+        isFirst = false;
+    }
+    _origin = origin;
+}
+
+std::int64_t TraceClock::move(const std::string& host, std::int64_t nanoseconds) {
+    Line& line = _lines.at(host);
+    const auto limit = static_cast<std::int64_t>(line.tolerance);
+    line.moved = std::clamp(line.moved + nanoseconds, -limit, limit);
+    return line.moved;
 }
 
 std::int64_t TraceClock::toNanoseconds(const TraceData::Rank& rank, std::uint64_t ticks) const {
     const auto line = _lines.find(rank.host);
     if (line == _lines.end())
         return 0;
-    return std::llround((toMaster(line->second, ticks, _base) - _origin) * 1e9 / _rate);
+    return std::llround(toMaster(line->second, ticks, _base) * 1e9 / _rate) + line->second.moved - _origin;
 }
 
 /// @param ratio  ticks of rank 0 for each tick of the host, as the hosts themselves know it

@@ -74,7 +74,7 @@ private:
     const TraceData& _trace;
     std::ostream& _output;
     const std::size_t _maxSize;
-    const TraceClock _clock;
+    TraceClock _clock; ///< the matches settle it
     const TraceMatches _matches;
     std::vector<std::vector<Arrow>> _arrows; ///< of each rank
     std::size_t _size = 0;                   ///< [bytes]

@@ -4,11 +4,16 @@
 #include <array>
 #include <map>
 #include <set>
+#include <string>
+#include <string_view>
 #include <utility>
 
 using TraceLayout::Record;
 
 namespace {
+
+constexpr std::size_t MAX_COMPARED_HOSTS = 16; ///< of one collective, each with each
+constexpr std::size_t MAX_ROUNDS = 100;        ///< a host's time moves those that depend on it
 
 bool isCollective(const Record& record) {
     return record.kind >= TraceLayout::COLLECTIVE && record.kind <= TraceLayout::COLLECTIVE_TO_ROOT;
@@ -25,9 +30,11 @@ using Way = std::array<std::uint32_t, 5>; // communicator, epoch, source, destin
 
 } // namespace
 
-TraceMatches::TraceMatches(const TraceData& trace, const TraceClock& clock) : _trace(trace), _clock(clock) {
+TraceMatches::TraceMatches(const TraceData& trace, TraceClock& clock) : _trace(trace), _clock(clock) {
     matchCollectives();
     matchMessages();
+    adjust();
+    countBreaches();
 }
 
 void TraceMatches::matchCollectives() {
@@ -66,11 +73,8 @@ void TraceMatches::joinCollective(std::vector<Place>& places) {
 /// @param places  in the order of their ends
 void TraceMatches::checkCollective(const std::vector<Place>& places, const Place& last) {
     const Record& first = at(places.front());
-    if (first.kind == TraceLayout::COLLECTIVE_MEETING) {
-        if (end(places.front()) < begin(last))
-            ++_violations;
-        return;
-    }
+    if (first.kind == TraceLayout::COLLECTIVE_MEETING)
+        return checkMeeting(places, last);
     if (first.kind == TraceLayout::COLLECTIVE || first.partner < 0 ||
         !hasAllRanks(_trace.ranks[places.front().rank], first))
         return;
@@ -79,10 +83,65 @@ void TraceMatches::checkCollective(const std::vector<Place>& places, const Place
     });
     if (root == places.end())
         return;
-    const bool isEarly = first.kind == TraceLayout::COLLECTIVE_FROM_ROOT ? end(places.front()) < begin(*root)
-                                                                         : end(*root) < begin(last);
-    if (isEarly)
-        ++_violations;
+    const bool isFromRoot = first.kind == TraceLayout::COLLECTIVE_FROM_ROOT;
+    for (const Place& place : places)
+        if (place.rank != root->rank)
+            depend(isFromRoot ? place : *root, isFromRoot ? *root : place);
+}
+
+/// The first end on a host needs the last begin on each other one.
+void TraceMatches::checkMeeting(const std::vector<Place>& places, const Place& last) {
+    struct Bounds {
+        Place end;
+        Place begin;
+    };
+    std::map<std::string_view, Bounds> hosts;
+    for (const Place& place : places) {
+        Bounds& bounds = hosts.try_emplace(_trace.ranks[place.rank].host, Bounds{place, place}).first->second;
+        bounds.begin = begin(place) > begin(bounds.begin) ? place : bounds.begin;
+    }
+    depend(places.front(), last);
+    if (hosts.size() > MAX_COMPARED_HOSTS)
+        return;
+    for (const auto& [host, bounds] : hosts)
+        for (const auto& [otherHost, other] : hosts)
+            if (host != otherHost)
+                depend(bounds.end, other.begin);
+}
+
+/// Moves the times of hosts as far as their tolerances allow, so that no end comes before the begin it needs.
+void TraceMatches::adjust() {
+    std::map<std::pair<std::string, std::string>, std::int64_t> needs; // by which the first is to rise
+    for (const auto& [later, earlier] : _dependences) {
+        const std::string& host = _trace.ranks[later.rank].host;
+        const std::string& other = _trace.ranks[earlier.rank].host;
+        if (host == other)
+            continue;
+        const std::int64_t need = begin(earlier) - end(later);
+        std::int64_t& most = needs.try_emplace({host, other}, need).first->second;
+        most = std::max(most, need);
+    }
+    std::map<std::string, std::int64_t> moved;
+    bool isSettled = needs.empty();
+    for (std::size_t round = 0; round < MAX_ROUNDS && !isSettled; ++round) {
+        isSettled = true;
+        for (const auto& [hosts, need] : needs) {
+            const std::int64_t lack = need - moved[hosts.first] + moved[hosts.second];
+            if (lack <= 0)
+                continue;
+            const bool isFixed = hosts.first == _trace.ranks.front().host;
+            const std::string& host = isFixed ? hosts.second : hosts.first;
+            const std::int64_t now = _clock.move(host, isFixed ? -lack : lack);
+            isSettled = now == std::exchange(moved[host], now) && isSettled;
+        }
+    }
+    _clock.settle();
+}
+
+void TraceMatches::countBreaches() {
+    for (const auto& [later, earlier] : _dependences)
+        if (end(later) < begin(earlier))
+            ++_violations;
 }
 
 /// Messages of commands that began within the span of both ranks: of others the first ones may be missing.
@@ -141,8 +200,7 @@ void TraceMatches::joinMessages(const std::vector<Place>& sends, const std::vect
             to.record = next;
         }
         ++_messages;
-        if (end(to) < begin(sends[i]))
-            ++_violations;
+        depend(to, sends[i]);
         addFlow({false, sends[i], {to}});
     }
 }

@@ -4,12 +4,15 @@
 #include "client/TraceData.h"
 
 #include <cstddef>
+#include <cstdint>
+#include <utility>
 #include <vector>
 
 /// The records of different ranks that belong together: collectives, and messages with their receives.
 ///
 /// It also proves the clocks: no receive ends before its message was sent, and no collective before its last
-/// rank began, for those whose results need it. The times of two hosts that break this are counted.
+/// rank began, for those whose results need it. Where times of two hosts break this, the times of a host are
+/// moved within its tolerance; those that still do are counted.
 class TraceMatches {
 public:
     struct Place {
@@ -23,7 +26,7 @@ public:
         std::vector<Place> to;
     };
 
-    TraceMatches(const TraceData& trace, const TraceClock& clock);
+    TraceMatches(const TraceData& trace, TraceClock& clock);
 
     std::size_t countCollectives() const { return _collectives; }
     std::size_t countMessages() const { return _messages; }
@@ -39,6 +42,10 @@ private:
     void matchCollectives();
     void joinCollective(std::vector<Place>& places);
     void checkCollective(const std::vector<Place>& places, const Place& last);
+    void checkMeeting(const std::vector<Place>& places, const Place& last);
+    void depend(const Place& end, const Place& begin) { _dependences.emplace_back(end, begin); }
+    void adjust();
+    void countBreaches();
     void matchMessages();
     void joinMessages(const std::vector<Place>& sends, const std::vector<Place>& receives);
     void addFlow(Flow flow);
@@ -47,7 +54,8 @@ private:
     std::int64_t end(const Place& place) const;
 
     const TraceData& _trace;
-    const TraceClock& _clock;
+    TraceClock& _clock;
+    std::vector<std::pair<Place, Place>> _dependences; ///< the end of the first needs the begin of the second
     std::size_t _collectives = 0;
     std::size_t _messages = 0;
     std::size_t _violations = 0;

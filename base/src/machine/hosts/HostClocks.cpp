@@ -23,8 +23,12 @@ using Platform::TickClock;
 namespace {
 
 constexpr MessageOperation MEASURE{"HostClocks::measure"};
-/// The fastest exchange counts. More of them bring no better one: the fastest are as unequal in their ways.
-constexpr int EXCHANGES = 20;
+/// The fastest exchange counts. When ENOUGH of them were nearly as fast, more bring no better one. Where they
+/// are slow, for example since ranks share a processor, the time is limited.
+constexpr int LEAST_EXCHANGES = 20;
+constexpr int MOST_EXCHANGES = 100;
+constexpr int ENOUGH = 5;
+constexpr double TIME = 0.02; ///< [s]
 /// A host measures against one that has been measured before, and serves so many others one after the other:
 /// up to 65 hosts all measure against the first. An exchange takes some 30 us between hosts, so that a stage
 /// takes 64 * 20 * 30 us = 40 ms, and there are two of them up to 4161 hosts. With each stage the tolerance
@@ -92,28 +96,37 @@ public:
     Knowledge measure() const {
         Knowledge best;
         std::uint64_t shortest = std::numeric_limits<std::uint64_t>::max();
-        for (int i = 0; i < EXCHANGES; ++i) {
+        const std::uint64_t first = TickClock::read();
+        int fast = 0;
+        for (int i = 0; i < MOST_EXCHANGES && (i < LEAST_EXCHANGES || fast < ENOUGH); ++i) {
+            if (i > ENOUGH && TickClock::toSeconds(TickClock::read() - first) > TIME)
+                break;
             const std::uint64_t begin = TickClock::read();
-            char question = 0;
+            char question = 1;
             send(&question, sizeof question);
             Answer answer;
             receive(&answer, sizeof answer);
             const std::uint64_t roundTrip = TickClock::read() - begin;
+            const bool isFaster = roundTrip < shortest - shortest / 8;
+            fast = isFaster ? 1 : fast + (roundTrip / 9 * 8 < shortest ? 1 : 0);
             if (roundTrip >= shortest)
                 continue;
             shortest = roundTrip;
             const std::uint64_t tolerance = roundTrip / 2 + 1 + fromNanoseconds(answer.tolerance);
             best = {{begin + roundTrip / 2, answer.master, tolerance}, answer.rate};
         }
+        char done = 0;
+        send(&done, sizeof done);
         return best;
     }
-    /// @param known  of a moment ago
+    /// Until the other host has enough. @param known  of a moment ago
     void serve(const Knowledge& known) const {
         const HostClocks::Point& base = known.point;
         const double speed = known.rate / TickClock::getTicksPerSecond();
-        for (int i = 0; i < EXCHANGES; ++i) {
-            char question = 0;
+        for (char question = 1;;) {
             receive(&question, sizeof question);
+            if (question == 0)
+                return;
             const double since = static_cast<double>(TickClock::read() - base.own);
             Answer answer{base.master + static_cast<std::uint64_t>(since * speed),
                           toNanoseconds(base.tolerance), known.rate};
