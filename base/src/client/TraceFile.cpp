@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <map>
 #include <ostream>
+#include <type_traits>
 #include <utility>
 
 using TraceLayout::Record;
@@ -272,14 +273,16 @@ void TraceFile::sortFlows() {
             const std::int64_t end = _clock.toNanoseconds(rank, rank.records[place.record].end);
             return isEnd ? std::max(begin, end - 1) : begin;
         };
+        std::vector<std::pair<std::int64_t, std::size_t>> ends; // with the rank
+        for (const TraceMatches::Place& place : flow.to)
+            ends.emplace_back(timeAt(place, true), place.rank);
+        std::sort(ends.begin(), ends.end());
         const std::int64_t begin = timeAt(flow.from, false);
-        if (std::any_of(flow.to.begin(), flow.to.end(),
-                        [&](const auto& place) { return timeAt(place, true) < begin; }))
+        if (ends.front().first < begin)
             continue; // counted as a violation, or too short to be seen
         _arrows[flow.from.rank].push_back({begin, 's', number});
-        for (std::size_t i = 0; i < flow.to.size(); ++i)
-            _arrows[flow.to[i].rank].push_back(
-                {timeAt(flow.to[i], true), i + 1 == flow.to.size() ? 'f' : 't', number});
+        for (const auto& [time, rank] : ends)
+            _arrows[rank].push_back({time, &rank == &ends.back().second ? 'f' : 't', number});
     }
 }
 
