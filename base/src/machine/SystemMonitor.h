@@ -118,6 +118,8 @@ public:
     std::int64_t getGlobalMinHostMemory(MemoryMetric metric) const;
     std::int64_t getGlobalMinHostPeakMemory(MemoryMetric metric) const;
 
+    /// The recorded samples of this process so far. For units of this library. Local.
+    void copyHistory(MemoryHistory& history) const;
     /// Writes the history of the job as a CSV file on the serial or master process: one row for each time
     /// step. A row sums over all processes the largest value that each of them saw in the step. The steps
     /// are as long as the longest time between two samples of a process. The rows end with the shortest

@@ -12,6 +12,8 @@
 #include <string>
 #include <utility>
 
+class CallPaths;
+
 /// Measures how long events are open, in wall-clock and processor time, and writes a profile of all ranks.
 ///
 /// The events are those of EventTracker, once this manager is installed there and switched on. Main thread.
@@ -24,7 +26,9 @@ public:
     /// The time of one event: from its outermost start to its outermost stop.
     class ORVEX_MACHINE_EXPORT TimerEventLogger : public EventLogger {
     public:
-        TimerEventLogger(const std::string& first, const std::string& second, const Timer& timer);
+        /// @param paths  also told of each start and stop, unless null
+        TimerEventLogger(const std::string& first, const std::string& second, const Timer& timer,
+                         std::shared_ptr<CallPaths> paths = nullptr);
         ~TimerEventLogger() override;
         /// Both with the open interval up to now. [s]
         double getWallTime() const { return _timer.getWallTime(); }
@@ -36,6 +40,8 @@ public:
 
     private:
         Timer _timer;
+        std::shared_ptr<CallPaths> _paths;
+        unsigned _pathEvent = 0;
     };
 
     TimeLoggerManager();
@@ -48,6 +54,10 @@ public:
     void switchOn() override;
     void switchOff() override;
     EventLogger* createEventLogger(const std::string& first, const std::string& second) override;
+    /// [s] that the manager has been on. Local.
+    double getSampledTime() const { return _timer.getWallTime(); }
+    /// Which event began inside which. For units of this library. Local.
+    const CallPaths& getCallPaths() const { return *_paths; }
     /// Writes the file orvexsim+-timed-events-<session>-np-<ranks>-<process>.log in the working directory:
     /// a table for each rank and, in a job, a table over the ranks. Changes nothing that is measured. A later
     /// report of the same process replaces the file. Collective over all processes.
@@ -73,6 +83,7 @@ private:
 
     TimerFactory _makeTimer;
     Timer _timer;
+    std::shared_ptr<CallPaths> _paths;
     double _threshold;
     std::wstring _sessionName;
 };

@@ -14,6 +14,7 @@
 #include "machine/commands/FloatingPointCommands.h"
 #include "machine/commands/HybridCommands.h"
 #include "machine/commands/MpiStatisticsCommands.h"
+#include "machine/commands/ProfileCommands.h"
 #include "machine/commands/SegmentationCommands.h"
 #include "machine/commands/SystemMonitorCommands.h"
 #include "machine/commands/TestCommands.h"
@@ -570,4 +571,5 @@ void registerMachineCommands() {
     controller.registerCommand(new SetMaximumMessageBufferSize);
     registerHybridIdlingTest(controller);
     registerFloatingPointTests(controller);
+    registerProfileCommands(controller);
 }

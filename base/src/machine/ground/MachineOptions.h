@@ -9,6 +9,8 @@ enum CpuBindingPolicy : int;
 /// The one value of the process is MachineGround::getOptions(). The options that only the server of a serial
 /// or master process needs are in ServerHostOptions.
 struct MachineOptions {
+    std::string commandLine = {}; ///< all words of this process, with a blank between two
+
     // ---- Server and role.
     bool threaded = true; ///< the server has a thread of its own; on a worker: that of the master
     bool proxyServer = false;

@@ -328,12 +328,14 @@ std::int64_t SystemMonitor::getGlobalMinHostPeakMemory(MemoryMetric metric) cons
     return checkKnown(foldOverJob(sumOverHost(read(_peak, metric)), Fold::MIN));
 }
 
+void SystemMonitor::copyHistory(MemoryHistory& history) const {
+    const Lock lock(_dataMutex);
+    history = *_history;
+}
+
 void SystemMonitor::exportHistoryData(const std::string& fileName) const {
     std::cout << "Exporting memory history to file : " << fileName << std::endl;
     MemoryHistory history;
-    {
-        const Lock lock(_dataMutex);
-        history = *_history;
-    }
+    copyHistory(history);
     MemoryHistoryFile(fileName).write(history);
 }

@@ -3,6 +3,7 @@
 #include "machine/Communicator.h"
 #include "machine/MachineGround.h"
 #include "machine/OutputFileStream.h"
+#include "machine/reports/CallPaths.h"
 
 #include "kernel/Server.h"
 #include "platform/StringHelper.h"
@@ -28,8 +29,11 @@ double toPercent(double part, double total) {
 // ---- An event.
 
 TimeLoggerManager::TimerEventLogger::TimerEventLogger(const std::string& first, const std::string& second,
-                                                      const Timer& timer)
-    : EventLogger(first, second), _timer(timer) {}
+                                                      const Timer& timer, std::shared_ptr<CallPaths> paths)
+    : EventLogger(first, second), _timer(timer), _paths(std::move(paths)) {
+    if (_paths)
+        _pathEvent = _paths->addEvent(second.empty() ? first : first + "::" + second);
+}
 
 TimeLoggerManager::TimerEventLogger::~TimerEventLogger() {
     if (isOpen())
@@ -39,9 +43,17 @@ TimeLoggerManager::TimerEventLogger::~TimerEventLogger() {
 void TimeLoggerManager::TimerEventLogger::onStart() {
     if (!_timer.running())
         _timer.start();
+    if (!_paths)
+        return;
+    if (getNumberOpen() == 0)
+        _paths->start(_pathEvent);
+    else
+        _paths->startAgain(_pathEvent);
 }
 
 void TimeLoggerManager::TimerEventLogger::onStop() {
+    if (getNumberOpen() == 1 && _paths)
+        _paths->stop(_pathEvent);
     if (getNumberOpen() == 1)
         _timer.stop();
 }
@@ -52,7 +64,8 @@ TimeLoggerManager::TimeLoggerManager() : TimeLoggerManager(DEFAULT_THRESHOLD) {}
 
 TimeLoggerManager::TimeLoggerManager(double threshold, TimerFactory makeTimer)
     : _makeTimer(makeTimer ? std::move(makeTimer) : [] { return Timer(); }), _timer(_makeTimer()),
-      _threshold(threshold), _sessionName(StringHelper::toWString(Server::getSingleton().getSessionName())) {}
+      _paths(std::make_shared<CallPaths>(_makeTimer())), _threshold(threshold),
+      _sessionName(StringHelper::toWString(Server::getSingleton().getSessionName())) {}
 
 TimeLoggerManager::~TimeLoggerManager() = default;
 
@@ -76,7 +89,7 @@ EventLoggerManager::EventLogger* TimeLoggerManager::createEventLogger(const std:
                                                                       const std::string& second) {
     if (TimerEventLogger* known = getTimerEventLogger(first, second))
         return known;
-    return addEventLogger(std::make_unique<TimerEventLogger>(first, second, _makeTimer()));
+    return addEventLogger(std::make_unique<TimerEventLogger>(first, second, _makeTimer(), _paths));
 }
 
 // ---- The report.

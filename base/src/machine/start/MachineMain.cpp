@@ -14,6 +14,7 @@
 #include "machine/ground/MachineOptions.h"
 #include "machine/reports/RankProfile.h"
 #include "machine/start/LastWords.h"
+#include "machine/start/StartTimeline.h"
 #include "machine/start/StopLimit.h"
 #include "machine/start/StopSignals.h"
 
@@ -54,6 +55,13 @@ std::string describeUncaught() {
     return "Terminating: std::terminate was called without an error";
 }
 
+std::string joinWords(int argc, const char* const* argv) {
+    std::string line;
+    for (int i = 0; i < argc; ++i)
+        (line += i == 0 ? "" : " ") += argv[i] ? argv[i] : "";
+    return line;
+}
+
 void terminateHandler() {
     const std::string reason = describeUncaught();
     LastWords::endForkedChild(reason);
@@ -71,32 +79,42 @@ void Machine::main(int argc, char** argv) {
         return;
     FpuHandling::resetEnvironment(FpuEnvironmentAccessKey());
     auto consumed = std::make_unique<ConsumedOptions>();
+    _options.commandLine = joinWords(argc, argv);
     startCommunicators(argc, &argv, *consumed);
+    StartTimeline::enter("options");
     parseCommonArgvs(argc, argv, *consumed);
     if (_options.proxyServer || _options.proxySessionDaemon)
         throw std::invalid_argument(
             "This version can't run as a proxy: -proxyserver and -proxydaemon are unknown");
+    StartTimeline::enter("signals");
     installTerminateHandler();
     SignalHandler::setAbortCallback(&Machine::abortFromAnywhere);
     SignalHandler::install();
     LastWords::install();
     StopSignals::install();
+    StartTimeline::enter("binding");
     bindProcesses();
     resolveCpuContention();
+    StartTimeline::enter("shared memory");
     startSharedMemory();
     RankProfile::start();
     if (isParallel())
         warnOfMixedVectorization();
+    StartTimeline::enter("modules");
     SynchronizedDynamicLoader::getSingleton().nonStateLoad("OrvexScene");
+    StartTimeline::enter("error channel");
     startParallelErrorHandler();
+    StartTimeline::enter("console");
     startTimer();
     scanForDesignFlags(argc, argv);
     startUsageManager();
     startConsole();
+    StartTimeline::enter("commands");
     registerMachineCommands();
     // Its observers bring each command to all ranks. They exist before the server takes the first one.
     static_cast<void>(CommandController::getSingleton());
 
+    StartTimeline::enter("role");
     runRole(argc, argv, *consumed);
     LastWords::endWork();
 
@@ -157,6 +175,7 @@ void Machine::runRole(int argc, char** argv, ConsumedOptions& consumed) {
         } else {
             writeProcessFile();
             Controller::getSingleton().getSignalRaisedObservable().attach(_signalRaisedObserver);
+            StartTimeline::end();
             CommandController::getSingleton().processCommands();
             StopLimit::enter("the end of the work");
         }

@@ -11,6 +11,7 @@
 #include "machine/files/StateFileUtilities.h"
 #include "machine/ground/MachineOptions.h"
 #include "machine/start/ServerHostOptions.h"
+#include "machine/start/StartTimeline.h"
 #include "machine/start/StopLimit.h"
 #include "machine/start/StopSignals.h"
 
@@ -103,6 +104,7 @@ void Machine::serve(const ServerHostOptions& options) {
         if (!options.proxyHost.empty())
             raise(NonRecoverableError("This version can't start a proxy server on " + options.proxyHost));
         server.startInThread(options.sessionName, options.port);
+        StartTimeline::end();
         CommandController::getSingleton().processCommands();
     } else {
         if (!options.proxyHost.empty())
@@ -111,6 +113,7 @@ void Machine::serve(const ServerHostOptions& options) {
             StopLimit::enter("the release of the workers");
             CommandController::getSingleton().releaseWorkers();
         });
+        StartTimeline::end();
         server.start(options.sessionName, options.port);
     }
     StopSignals::setServing(false);

@@ -10,6 +10,7 @@
 #include "machine/hybrid/HostMeeting.h"
 #include "machine/messages/CollectiveHistory.h"
 #include "machine/start/LastWords.h"
+#include "machine/start/StartTimeline.h"
 
 #include "kernel/IsolatedFpuContext.h"
 #include "kernel/OrvexVersion.h"
@@ -162,11 +163,13 @@ void Machine::startCommunicators(int& argc, char*** argv, ConsumedOptions& consu
         preloadMpi(module.c_str(), argc, argv, consumed);
         startMessageLayer(module, argc, argv);
     }
+    StartTimeline::enter("hosts and hardware");
     startHost(processors);
     OrvexVersion::_machineConfig = isParallel() ? "Np=" + std::to_string(_ground.size) : "Serial";
 }
 
 void Machine::startMessageLayer(const std::string& module, int& argc, char*** argv) {
+    StartTimeline::enter("driver of MPI");
     const auto driver = Platform::dynamiclibrary().load(module);
     ORVEX_ASSERT_AS(
         OXM_MPI_Initialize(driver.handle) == OXM_MPI_SUCCESS, "OXM_MPI_Initialize(handle) == OXM_MPI_SUCCESS",
@@ -174,6 +177,7 @@ void Machine::startMessageLayer(const std::string& module, int& argc, char*** ar
     ORVEX_ASSERT_AS(OXM_MPIO_Initialize(driver.handle) == OXM_MPI_SUCCESS,
                     "OXM_MPIO_Initialize(handle) == OXM_MPI_SUCCESS", "Failed to initialize MPIO wrapper");
     startLauncherWatch();
+    StartTimeline::enter("MPI");
     int started = OXM_MPI_SUCCESS;
     {
         // The library computes at its start, for example on the hardware: that is no fault of a simulation.
@@ -187,6 +191,7 @@ void Machine::startMessageLayer(const std::string& module, int& argc, char*** ar
             std::cerr << reason + '\n'; // in one piece: all ranks say it
         raise(NonRecoverableError("MPI failed to initialize"));
     }
+    StartTimeline::enter("communicators");
     _globalComm.reset(new Communicator);
     _commandComm = duplicate(*_globalComm);
     CollectiveHistory::of(*_commandComm).setNumber(CollectiveHistory::NO_NUMBER); // not the user's operations

@@ -1,0 +1,5 @@
+#pragma once
+
+class Controller;
+
+void registerProfileCommands(Controller& controller);
