@@ -65,12 +65,28 @@ void gatherOperations(const Events& mine, const char* kind, std::vector<Properti
     }
 }
 
-/// How often this rank had each rank as its partner.
-std::vector<long long> countPartners() {
+/// An event that isn't the sending of a message to its partner: it would count a message twice, or it has no
+/// partner and counts at rank 0.
+bool isNoSend(const std::string& name) {
+    static const std::set<std::string> names{
+        "Communicator::FreeRequest", "Communicator::Probe",  "Communicator::Recv",  "Communicator::Start",
+        "Communicator::Test",        "Communicator::Wait",   "Communicator::iRecv", "Communicator::recvInit",
+        "RequestStack::wait",        "RequestStack::waitAny"};
+    return names.contains(name);
+}
+
+/// Its partner is the sender of what it received.
+constexpr const char* EXCHANGE = "Communicator::SendRecv";
+
+/// How many messages this rank sent to each rank, or, from exchanges, how many it received from each.
+std::vector<long long> countPartners(bool exchanges) {
     std::vector<long long> partners(MachineGround::nProcesses());
-    for (const auto& [name, event] : Manager::getSingleton().getPt2PtEvents())
+    for (const auto& [name, event] : Manager::getSingleton().getPt2PtEvents()) {
+        if (isNoSend(name) || (name == EXCHANGE) != exchanges)
+            continue;
         for (std::size_t rank = 0; rank < partners.size(); ++rank)
             partners[rank] += static_cast<long long>(event->getPartnerCounts()[rank]);
+    }
     return partners;
 }
 
@@ -97,12 +113,14 @@ std::vector<long long> sumByHost(const std::vector<long long>& partners, std::si
     return sums;
 }
 
-Properties makeSquare(const std::vector<long long>& cells, std::size_t width) {
-    std::vector<std::vector<long long>> rows;
-    for (std::size_t first = 0; first < cells.size(); first += width) {
-        const auto begin = cells.begin() + static_cast<std::ptrdiff_t>(first);
-        rows.emplace_back(begin, begin + static_cast<std::ptrdiff_t>(width));
-    }
+/// @param sent      row by row, from the row to the column
+/// @param received  row by row, from the column to the row
+Properties makeSquare(const std::vector<long long>& sent, const std::vector<long long>& received,
+                      std::size_t width) {
+    std::vector<std::vector<long long>> rows(width, std::vector<long long>(width));
+    for (std::size_t row = 0; row < width; ++row)
+        for (std::size_t column = 0; column < width; ++column)
+            rows[row][column] = sent[row * width + column] + received[column * width + row];
     return ProfileNumbers::makeRows("counts", rows);
 }
 
@@ -116,13 +134,16 @@ Properties gatherPartners(unsigned maxRanks) {
         part.set("ranks", 0);
         return part;
     }
-    const std::vector<long long> mine = countPartners();
-    const std::vector<long long> cells = gatherRows(isByHost ? sumByHost(mine, hosts) : mine);
+    std::vector<long long> squares[2];
+    for (const bool exchanges : {false, true}) {
+        const std::vector<long long> mine = countPartners(exchanges);
+        squares[exchanges] = gatherRows(isByHost ? sumByHost(mine, hosts) : mine);
+    }
     part.set("ranks", ranks);
     if (isByHost)
         part.set("byHost", true);
     if (MachineGround::isSerialOrMaster())
-        part.merge(makeSquare(cells, isByHost ? hosts : ranks));
+        part.merge(makeSquare(squares[0], squares[1], isByHost ? hosts : ranks));
     return part;
 }
 
