@@ -154,6 +154,7 @@ Properties describeOptions() {
 /// The longest time of each step over the ranks; empty when the ranks took different steps. Collective.
 std::vector<LocatedValue<double>> findLongestSteps(const std::vector<StartTimeline::Step>& steps) {
     std::vector<LocatedValue<double>> longest;
+    longest.reserve(steps.size());
     for (const StartTimeline::Step& step : steps)
         longest.push_back({step.seconds, static_cast<int>(Machine::getPartitionId())});
     if (Machine::isSerial())

@@ -80,7 +80,7 @@ Properties ProfileMemory::gather(const MemoryHistory* history) {
     const bool isOn = reduceOverJob(history ? 1.0 : 0.0, Communicator::MIN) > 0.0;
     Properties part;
     part.set("on", isOn);
-    if (!isOn)
+    if (!isOn || !history) // isOn: no process lacks it
         return part;
     const std::size_t hosts = MachineGround::getHost().getNumberHosts();
     const double step = reduceOverJob(history->empty() ? 0.0 : history->findStep(), Communicator::MAX);

@@ -5,6 +5,7 @@
 #include "machine/GlobalFloatingPointError.h"
 #include "machine/MachineHost.h"
 
+#include "kernel/Command.h"
 #include "kernel/Controller.h"
 #include "kernel/Error.h"
 #include "kernel/EventLoggerManager.h"
@@ -19,6 +20,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 
@@ -85,6 +87,22 @@ TEST_F(MachineCommands, AnswerAndPrint) {
             << row.request;
     }
     EXPECT_EQ(Machine::getIOVerbosityLevel(), 3);
+}
+
+TEST_F(MachineCommands, TellAProfileOfOneProcess) {
+    Properties profile = run(R"({"command":"GetProfile"})");
+    const std::vector<std::string> names = profile.getNames();
+    for (const char* const key :
+         {"written", "product", "session", "commandLine", "warnings", "build", "hosts", "start", "options"}) {
+        EXPECT_TRUE(profile.hasName(key)) << key;
+        profile.remove(key);
+    }
+    for (const CommandKey& key : Controller::getSingleton().findCommand("GetProfile")->getHelp().results)
+        EXPECT_NE(std::ranges::find(names, key.name), names.end()) << key.name;
+    profile.remove("messages");
+    profile.remove("events");
+    EXPECT_EQ(profile.toString(), R"({"Command":"GetProfile","format":"orvex-profile","version":1,"mpi":"",)"
+                                  R"("ranks":1,"rankHost":[0],"memory":{"on":false}})");
 }
 
 TEST_F(MachineCommands, ChangeFilesByTheirRole) {
