@@ -3,7 +3,10 @@
 #include "machine/Communicator.h"
 #include "machine/ShmemWindowBase.h"
 
+#include <atomic>
+#include <concepts>
 #include <cstddef>
+#include <cstdint>
 #include <span>
 #include <type_traits>
 
@@ -56,6 +59,21 @@ public:
         return {_data + first, getShares().at(rank + 1) - first};
     }
     std::span<T> ownShare() { return share(getRank()); }
+
+    /// Raises an element that other ranks wait for. What this rank wrote into shared memory before, they read
+    /// afterwards. Local.
+    static void raiseCounter(T& counter, T value) requires std::same_as<T, std::uint64_t> {
+        std::atomic_ref(counter).store(value, std::memory_order_release);
+    }
+    /// Waits until the rank `owner` has raised the element to `value` at least. Local, main thread.
+    ///
+    /// After a short look around the rank sleeps between its looks; its messages move on meanwhile. It counts
+    /// as a rank that waits in an operation of the message layer: when the owner has left the command by an
+    /// error, the watch over the job ends the wait with the job.
+    /// @throw InternalError where a message would be refused as well, for example in a field loop
+    void awaitCounter(T& counter, T value, unsigned owner) const requires std::same_as<T, std::uint64_t> {
+        await(counter, value, owner);
+    }
 
 private:
     std::size_t _count;

@@ -53,6 +53,9 @@ protected:
     /// Orders accesses: what any rank wrote before, every rank reads afterwards. Collective; not through the
     /// gate of Communicator's operations. @throw NonRecoverableError of the MPI library
     void fence();
+    /// Waits until `counter`, an element that the rank `owner` raises, has come to `value`. Local; through
+    /// the gate of Communicator's operations. @throw InternalError when the gate refuses it
+    void await(std::uint64_t& counter, std::uint64_t value, unsigned owner) const;
 
 private:
     void commonConstructor(Communicator& comm);

@@ -8,8 +8,10 @@
 #include "kernel/Raise.h"
 #include "machine/Communicator.h"
 #include "machine/Machine.h"
+#include "machine/ShmemWindow.h"
 
 #include <cstddef>
+#include <cstdint>
 #include <cstdlib>
 #include <latch>
 #include <mutex>
@@ -78,6 +80,18 @@ void raiseBetweenPostAndWait(const Rank& rank) {
     rank.ranks.wait(requests);
 }
 
+/// Each rank waits in shared memory for a neighbour, and for the end of the window.
+void raiseBeforeCounter(const Rank& rank) {
+    ShmemWindow<std::uint64_t> steps(rank.size(), Machine::sharedMemCommunicator(Machine::HOST_SCOPE));
+    const unsigned before = (rank.me() + rank.size() - 1) % rank.size();
+    steps[rank.me()] = 0;
+    steps.fence();
+    if (rank.isWrong)
+        raise(InputError("The time step is negative"));
+    steps.raiseCounter(steps[rank.me()], 1);
+    steps.awaitCounter(steps[before], 1, before);
+}
+
 void leave(const Rank& rank) {
     if (rank.isWrong)
         std::exit(3);
@@ -125,6 +139,7 @@ constexpr Mistake MISTAKES[] = {{"skippedCollective", skipCollective},
                                 {"wrongCount", takeWrongCount},
                                 {"receiveWithoutSend", receiveWithoutSend},
                                 {"exceptionBeforeWait", raiseBetweenPostAndWait},
+                                {"exceptionBeforeCounter", raiseBeforeCounter},
                                 {"exit", leave},
                                 {"deadlock", deadlock},
                                 {"endlessLoop", loop},

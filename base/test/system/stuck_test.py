@@ -90,6 +90,15 @@ class Mistakes(Stuck):
                 self.assertIn(f"The job aborts: {text}\n", client.said())
                 self.assertIn("stack: MakeMistake::execute (OrvexMistakesModule.cpp:", client.said())
 
+    def test_a_rank_that_fails_alone_beside_a_window_ends_the_job(self):
+        job = self.ready("-stuckafter", "7", ranks=4)
+        client = job.ctl_started("MakeMistake", "kind=exceptionBeforeCounter")
+        self.ends(job, 40)
+        client.wait(5 * PATIENCE)
+        self.assertIn("Rank 1 has left \"MakeMistake\" by an error, and the other ranks wait: its message waits for the "
+                      "end of a shared-memory window\n", client.said())
+        self.assertIn("waitForCounter", client.said())
+
     def test_a_rank_that_computes_is_no_suspect(self):
         job = self.ready("-stuckafter", "4", ranks=4)
         begin = time.monotonic()

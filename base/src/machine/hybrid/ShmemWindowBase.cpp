@@ -4,12 +4,18 @@
 #include "machine/MachineGround.h"
 #include "machine/MpiCore.h"
 #include "machine/messages/CollectiveHistory.h"
+#include "machine/messages/MessageGate.h"
+#include "machine/messages/MessageTags.h"
 #include "machine/messages/OperationRecord.h"
 
 #include "kernel/Raise.h"
 #include "mpiwrapper/OxmMpi.h"
 #include "platform/Memory.h"
+#include "platform/Threads.h"
+#include "platform/Time.h"
 
+#include <algorithm>
+#include <atomic>
 #include <exception>
 #include <limits>
 #include <string>
@@ -20,6 +26,20 @@ constexpr MessageOperation CREATE{"ShmemWindowBase::createWindow", CommunicatorS
                                   Collective::CREATE_WINDOW};
 constexpr MessageOperation FENCE{"ShmemWindowBase::fence"};
 constexpr MessageOperation FREE{"ShmemWindowBase::freeWindow"};
+constexpr MessageOperation AWAIT{"ShmemWindowBase::waitForCounter"};
+
+constexpr int FIRST_LOOKS = 2000;      ///< some microseconds
+constexpr double YIELD_TIME = 1e-3;    ///< [s] that a rank gives its processor away and looks again
+constexpr double SLEEP_SHARE = 0.05;   ///< of the time that it has waited
+constexpr double LONGEST_SLEEP = 1e-2; ///< [s]
+
+/// To look for a message, even one that nobody sends, makes those under way move on.
+void moveMessages() {
+    unsigned source = MpiCore::ANY_SOURCE;
+    unsigned tag = MessageTags::SYNCHRONISE;
+    unsigned count = 0;
+    static_cast<void>(MachineGround::globalCommunicator().iProbe<char>(source, tag, count));
+}
 
 Communicator& getHostCommunicator() {
     ORVEX_ASSERT_AS(MpiCore::hasMpiSharedMemory(), "MpiCore::hasMpiSharedMemory()",
@@ -101,14 +121,39 @@ void ShmemWindowBase::raiseNoRoom(unsigned long long available) const {
 ShmemWindowBase::~ShmemWindowBase() noexcept(false) {
     const OperationRecord::Scope recorded(FREE, _label);
     const bool isUnwinding = std::uncaught_exceptions() > 0;
+    if (isUnwinding) // this rank may be the only one that comes here
+        OperationRecord::setFailure("its message waits for the end of a shared-memory window");
     const int code = OXM_MPI_Win_free(&_win);
-    if (!isUnwinding) // a second exception would end the process
+    if (isUnwinding)
+        OperationRecord::setFailure({});
+    else // a second exception would end the process
         MpiCore::handleError(code);
 }
 
 void ShmemWindowBase::fence() {
     const OperationRecord::Scope recorded(FENCE, _label);
     MpiCore::handleError(OXM_MPI_Win_fence(0, _win));
+}
+
+void ShmemWindowBase::await(std::uint64_t& counter, std::uint64_t value, unsigned owner) const {
+    MessageGate::pass();
+    const std::atomic_ref raised(counter);
+    const auto isThere = [&] { return raised.load(std::memory_order_acquire) >= value; };
+    if (isThere())
+        return;
+    const OperationRecord::Composite recorded(AWAIT, _label, sizeof(counter), static_cast<int>(owner));
+    for (int looks = 0; looks < FIRST_LOOKS; ++looks)
+        if (isThere())
+            return;
+    const double start = Platform::time().getTime();
+    while (!isThere()) {
+        moveMessages();
+        const double waited = Platform::time().getTime() - start;
+        if (waited < YIELD_TIME)
+            Platform::threads().yield(); // the owner may need this processor
+        else
+            Platform::time().sleep(std::min(SLEEP_SHARE * waited, LONGEST_SLEEP));
+    }
 }
 
 ShmemWindowBase::Shares ShmemWindowBase::divideEvenly(std::size_t count, unsigned ranks) {

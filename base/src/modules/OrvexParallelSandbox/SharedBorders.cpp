@@ -2,10 +2,8 @@
 
 #include "machine/Communicator.h"
 #include "machine/Machine.h"
-#include "platform/Threads.h"
 
 #include <algorithm>
-#include <atomic>
 
 namespace {
 
@@ -45,17 +43,14 @@ std::span<double> SharedBorders::own(GridBlock::Side side) {
 }
 
 void SharedBorders::publish(GridBlock::Side side) {
-    std::atomic_ref(counter(_me, side)).store(_step, std::memory_order_release);
+    _counters.raiseCounter(counter(_me, side), _step);
 }
 
 std::span<const double> SharedBorders::await(GridBlock::Side side) {
-    constexpr int PATIENCE = 2000; // looks, some microseconds
     const GridBlock::Side opposite = GridBlock::opposite(side);
-    const std::atomic_ref published(counter(*_neighbours[side], opposite));
-    for (int looks = 0; published.load(std::memory_order_acquire) < _step; ++looks)
-        if (looks > PATIENCE)
-            Platform::threads().yield(); // the neighbour may need this processor
-    return place(*_neighbours[side], opposite);
+    const unsigned neighbour = *_neighbours[side];
+    _counters.awaitCounter(counter(neighbour, opposite), _step, neighbour);
+    return place(neighbour, opposite);
 }
 
 std::span<double> SharedBorders::place(unsigned hostRank, GridBlock::Side side) {

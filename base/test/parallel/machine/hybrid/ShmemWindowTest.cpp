@@ -3,6 +3,7 @@
 #include "machine/ShmemWindow.h"
 #include "machine/Communicator.h"
 #include "machine/Machine.h"
+#include "machine/messages/OperationRecord.h"
 
 #include "kernel/Raise.h"
 
@@ -13,8 +14,10 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
 #include <memory>
 #include <numeric>
+#include <thread>
 
 namespace {
 
@@ -69,6 +72,31 @@ TEST_F(ShmemWindows, SharesHaveTheSizesThatTheRanksWant) {
     for (unsigned rank = 0; rank < _ranks; ++rank)
         for (const Cell& cell : window.share(rank))
             EXPECT_EQ(std::pair(cell.volume, cell.zone), std::pair(0.5 * rank, static_cast<int>(rank)));
+}
+
+TEST_F(ShmemWindows, ARankThatWaitsForACounterIsSeenToWait) {
+    ShmemWindow<std::uint64_t> counters(ShmemWindow<std::uint64_t>::OwnCount{2}, host());
+    std::ranges::fill(counters.ownShare(), 0);
+    counters.fence();
+    OperationRecord::Snapshot seen;
+    std::thread thread([&] {
+        for (int looks = 0; looks < 60000 && seen.operation != "waitForCounter"; ++looks) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            if (const OperationRecord::Snapshot now = OperationRecord::read(); now.isInside)
+                seen = now;
+        }
+        counters.raiseCounter(counters.share(_me)[0], 7);
+    });
+    counters.awaitCounter(counters.share(_me)[0], 7, _me);
+    thread.join();
+    const unsigned before = (_me + _ranks - 1) % _ranks;
+    counters.raiseCounter(counters.ownShare()[1], _me + 1);
+    counters.awaitCounter(counters.share(before)[1], before + 1, before);
+    EXPECT_EQ(seen.operation, "waitForCounter");
+    EXPECT_EQ(seen.partner, static_cast<int>(_me));
+    EXPECT_TRUE(seen.communicator.find(std::to_string(_ranks) + " rank") != std::string::npos)
+        << seen.communicator;
+    counters.fence();
 }
 
 TEST_F(ShmemWindows, AWindowWithoutRoomIsAnErrorOnAllRanks) {
