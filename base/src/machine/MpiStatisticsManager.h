@@ -2,7 +2,7 @@
 
 #include "kernel/Observer.h"
 #include "machine/MachineExport.h"
-#include "machine/Timer.h"
+#include "platform/TickClock.h"
 
 #include <array>
 #include <cstddef>
@@ -44,7 +44,7 @@ public:
         /// Events opened, by size class.
         const Counts& getCounts() const { return _counts; }
         /// [s] between opening and closing, by size class.
-        const Times& getTimes() const { return _times; }
+        Times getTimes() const;
 
     protected:
         MpiEvent();
@@ -56,10 +56,9 @@ public:
         void begin(unsigned bytes);
 
         Counts _counts{};
-        Times _times{};
-        Timer _timer;
+        Counts _ticks{}; ///< between opening and closing, by size class
         std::size_t _currentClass = 0;
-        double _openedAt = 0.0; ///< [s] on the timer
+        std::uint64_t _openedAt = 0; ///< [ticks]
         bool _isOpen = false;
     };
 
@@ -107,6 +106,10 @@ public:
     static GlobalMpiEvent* openGlobalEvent(const char* name, unsigned bytes);
     static Pt2PtMpiEvent* openPt2PtEvent(const char* name, unsigned bytes);
 
+    /// Takes the times of events from another clock than Platform::TickClock, for tests.
+    /// @param clock  [ns], null for TickClock
+    static void setClock(std::uint64_t (*clock)()) { _clock = clock; }
+
     using GlobalEvents = std::map<std::string, std::unique_ptr<GlobalMpiEvent>>;
     using Pt2PtEvents = std::map<std::string, std::unique_ptr<Pt2PtMpiEvent>>;
     const GlobalEvents& getGlobalEvents() const { return _global.events; }
@@ -148,7 +151,11 @@ private:
         std::array<Slot, 256> recent;
     };
 
+    static std::uint64_t readClock() { return _clock ? _clock() : Platform::TickClock::read(); }
+    static double toSeconds(std::uint64_t ticks);
+
     static MpiStatisticsManager* _singleton;
+    static std::uint64_t (*_clock)();
 
     Table<GlobalMpiEvent> _global;
     Table<Pt2PtMpiEvent> _pt2pt;

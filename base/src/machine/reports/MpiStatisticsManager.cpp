@@ -10,6 +10,7 @@
 #include "platform/Process.h"
 #include "platform/Thread.h"
 
+#include <algorithm>
 #include <iostream>
 #include <utility>
 
@@ -45,9 +46,10 @@ std::size_t findClass(unsigned bytes) {
 template <class Events>
 MpiStatisticsReport::Events copyNumbers(const Events& events) {
     MpiStatisticsReport::Events copies;
-    for (const auto& [name, event] : events)
-        copies[name] = {{event->getCounts().begin(), event->getCounts().end()},
-                        {event->getTimes().begin(), event->getTimes().end()}};
+    for (const auto& [name, event] : events) {
+        const Manager::Times times = event->getTimes();
+        copies[name] = {{event->getCounts().begin(), event->getCounts().end()}, {times.begin(), times.end()}};
+    }
     return copies;
 }
 
@@ -71,16 +73,20 @@ void MpiStatisticsManager::MpiEvent::begin(unsigned bytes) {
     _isOpen = true;
     _currentClass = findClass(bytes);
     ++_counts[_currentClass];
-    _openedAt = _timer.getWallTime();
-    _timer.startWallTimer();
+    _openedAt = readClock();
 }
 
 void MpiStatisticsManager::MpiEvent::end() {
     if (!_isOpen) // a signal closed it
         return;
-    _timer.stopWallTimer();
-    _times[_currentClass] += _timer.getWallTime() - _openedAt;
+    _ticks[_currentClass] += readClock() - _openedAt;
     _isOpen = false;
+}
+
+MpiStatisticsManager::Times MpiStatisticsManager::MpiEvent::getTimes() const {
+    Times times;
+    std::ranges::transform(_ticks, times.begin(), toSeconds);
+    return times;
 }
 
 MpiStatisticsManager::Pt2PtMpiEvent::Pt2PtMpiEvent() : _partnerCounts(MachineGround::nProcesses()) {}
@@ -97,6 +103,11 @@ void MpiStatisticsManager::Pt2PtMpiEvent::close(unsigned partner) {
 // ---- The manager.
 
 MpiStatisticsManager* MpiStatisticsManager::_singleton = nullptr;
+std::uint64_t (*MpiStatisticsManager::_clock)() = nullptr;
+
+double MpiStatisticsManager::toSeconds(std::uint64_t ticks) {
+    return _clock ? static_cast<double>(ticks) * 1e-9 : Platform::TickClock::toSeconds(ticks);
+}
 
 MpiStatisticsManager::MpiStatisticsManager() : _signalObserver(*this) {
     ORVEX_ASSERT(!_singleton, "Singleton already exists");

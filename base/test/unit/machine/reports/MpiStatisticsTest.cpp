@@ -35,12 +35,13 @@ protected:
         MachineTestAccess::playRole(rank == 0 ? Machine::MASTER_MODE : Machine::WORKER_MODE, 3,
                                     unsigned(rank));
         MachineTestAccess::makeGlobalCommunicator();
-        mpi.setClock(100.0, 0.5);
+        Manager::setClock([] { return now += 500000000; });
         Manager::enable(false);
     }
     ~MpiStatistics() override {
         Manager::disable(false);
         Manager::destroySingleton();
+        Manager::setClock(nullptr);
         EXPECT_TRUE(MessagingGate::isOpen());
         MachineTestAccess::dropGlobalCommunicator();
         MachineTestAccess::startAfresh();
@@ -59,6 +60,7 @@ protected:
         return {std::istreambuf_iterator<char>(file), {}};
     }
 
+    static inline std::uint64_t now = 0; ///< [ns]
     TemporaryDirectory folder;
     ScriptedMpi& mpi = ScriptedMpi::start();
 };
