@@ -12,6 +12,9 @@ using rapidjson::Value;
 
 constexpr std::size_t GAP = 2; ///< blanks between columns and before what lies deeper
 
+/// Stands for a value without a limit, as the largest real does in the servers' answers.
+constexpr std::string_view LARGEST = "1.7976931348623157e+308";
+
 std::string_view textOf(const Value& value) {
     return {value.GetString(), value.GetStringLength()};
 }
@@ -35,7 +38,10 @@ std::string cellOf(const Value& value) {
         return std::string(textOf(value.MemberBegin()->value));
     if (value.IsBool())
         return value.GetBool() ? "true" : "false";
-    return value.IsString() ? std::string(textOf(value)) : std::string();
+    if (!value.IsString())
+        return {};
+    const std::string_view text = textOf(value);
+    return text == LARGEST ? "unlimited" : std::string(text);
 }
 
 bool isListOfCells(const Value& value) {

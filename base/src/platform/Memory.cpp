@@ -113,6 +113,16 @@ unsigned long long Memory::getFreeSharedMemory() const {
     return static_cast<unsigned long long>(state.f_bavail) * state.f_frsize;
 }
 
+unsigned long long Memory::getAvailable() const {
+    constexpr std::string_view KEY = "MemAvailable:";
+    constexpr unsigned long long KIBIBYTE = 1024;
+    const std::string text = ProcFs::readText("/proc/meminfo").value_or("");
+    const std::size_t place = text.find(KEY);
+    return place == std::string::npos
+               ? std::numeric_limits<unsigned long long>::max()
+               : std::strtoull(text.c_str() + place + KEY.size(), nullptr, 10) * KIBIBYTE;
+}
+
 std::size_t Memory::getPageSize() const {
     static const auto size = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
     return size;

@@ -47,6 +47,9 @@ public:
     /// the largest number when that can't be told.
     unsigned long long getFreeSharedMemory() const;
     static const char* const SHARED_MEMORY_FOLDER;
+    /// [bytes] that processes of this host can still get without swapping; the largest number when that can't
+    /// be told.
+    unsigned long long getAvailable() const;
     /// [bytes] of a page.
     std::size_t getPageSize() const;
 };

@@ -15,6 +15,7 @@ CollectiveStressTest::CollectiveStressTest(std::string name, Kind kind, Transfer
       _transfer(transfer) {}
 
 Properties CollectiveStressTest::run() {
+    chooseSettleRounds();
     const double latency = measure(LATENCY_BYTES, 0.0).time;
     Task task(getName());
     std::cout << '\n' << getName() << " : " << std::flush;
@@ -33,11 +34,11 @@ Properties CollectiveStressTest::run() {
 
 MpiStressTest::Measurement CollectiveStressTest::measure(unsigned bytes, double latency) {
     const unsigned ranks = communicator().size();
-    double elapsed = time(bytes, [&](unsigned* data, std::size_t count, unsigned sample) {
+    Timing timing = time(bytes, Repetitions::AGREED, [&](unsigned* data, std::size_t count, unsigned sample) {
         _transfer(communicator(), data, count, sample % ranks);
     });
     if (_kind == GLOBAL)
-        return makeMeasurement(elapsed, latency, bytes);
-    communicator().reduce(elapsed, Communicator::MAX, Communicator::_master);
-    return makeMeasurement(elapsed, latency, 2.0 * bytes * (ranks - 1));
+        return makeMeasurement(timing, latency, bytes);
+    communicator().reduce(timing.seconds, Communicator::MAX, Communicator::_master);
+    return makeMeasurement(timing, latency, 2.0 * bytes * (ranks - 1));
 }

@@ -5,6 +5,7 @@
 #include "kernel/Properties.h"
 #include "mpiwrapper/OxmMpi.h"
 
+#include <algorithm>
 #include <limits>
 #include <utility>
 
@@ -19,15 +20,39 @@ double MpiStressTest::now() const {
     return OXM_MPI_Wtime();
 }
 
+/// Ranks that wait for others leave them the processors: for example those outside a pair.
+void MpiStressTest::meet() {
+    constexpr double SPIN_TIME = 1e-3; // [s]
+    _communicator->noSpinSynchronise(SPIN_TIME, Communicator::Sleeps::GROWING);
+}
+
 void MpiStressTest::settle() {
-    constexpr int ROUNDS = 10;
-    for (int i = 0; i < ROUNDS; ++i)
+    for (unsigned i = 0; i < _settleRounds; ++i)
         _communicator->synchronise();
 }
 
-MpiStressTest::Measurement MpiStressTest::makeMeasurement(double elapsed, double latency,
-                                                          double moved) const {
-    const double time = elapsed / _nSamples;
+/// Collective. @param seconds  of one transfer on this rank
+unsigned MpiStressTest::agree(double seconds) {
+    constexpr double LIMIT = 0.25; // [s]
+    _communicator->allReduce(seconds, Communicator::MAX);
+    return static_cast<unsigned>(std::clamp(LIMIT / std::max(seconds, 1e-9), 1.0, double(_nSamples)));
+}
+
+/// Where ranks share processors a synchronisation takes long, and meet() has to do.
+void MpiStressTest::chooseSettleRounds() {
+    constexpr unsigned MOST = 10;
+    constexpr double LIMIT = 0.02; // [s]
+    meet();
+    _communicator->synchronise();
+    const double begin = now();
+    _communicator->synchronise();
+    double seconds = now() - begin;
+    _communicator->allReduce(seconds, Communicator::MAX);
+    _settleRounds = static_cast<unsigned>(std::clamp(LIMIT / std::max(seconds, 1e-9), 0.0, double(MOST)));
+}
+
+MpiStressTest::Measurement MpiStressTest::makeMeasurement(Timing timing, double latency, double moved) {
+    const double time = timing.seconds / timing.repetitions;
     const double rest = time - latency;
     return {time, rest > 0.0 ? moved / rest : std::numeric_limits<double>::max()};
 }

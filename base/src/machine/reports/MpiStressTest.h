@@ -31,33 +31,50 @@ protected:
     /// The bytes of the shortest message, whose time counts as latency.
     static constexpr unsigned LATENCY_BYTES = 4;
 
-    /// Runs a transfer as often as the test repeats it. @return [s] in all
+    /// Repetitions of a transfer, timed together.
+    struct Timing {
+        double seconds; ///< in all
+        unsigned repetitions;
+    };
+    /// Runs a transfer once untimed, then as often as the test repeats it: all repetitions, or as many as all
+    /// ranks agree on when these would take longer than a quarter of a second.
+    enum class Repetitions { ALL, AGREED };
     template <class Transfer>
-    double time(unsigned bytes, Transfer transfer);
-    /// @param elapsed  [s] of all repetitions
-    /// @param moved    [bytes] by one of them
-    Measurement makeMeasurement(double elapsed, double latency, double moved) const;
+    Timing time(unsigned bytes, Repetitions repetitions, Transfer transfer);
+    /// @param moved  [bytes] by one repetition
+    static Measurement makeMeasurement(Timing timing, double latency, double moved);
     static void set(const std::vector<Measurement>& measurements, Properties& entry);
+
+    /// The first step of run(). Collective.
+    void chooseSettleRounds();
 
     Communicator& communicator() const { return *_communicator; }
     const std::vector<unsigned>& lengths() const { return *_messageLengths; }
 
 private:
     double now() const;
+    void meet();
     void settle();
+    unsigned agree(double seconds);
 
     std::string _name;
     Communicator* _communicator;
     unsigned _nSamples;
+    unsigned _settleRounds = 1;
     const std::vector<unsigned>* _messageLengths;
 };
 
 template <class Transfer>
-double MpiStressTest::time(unsigned bytes, Transfer transfer) {
-    settle();
+MpiStressTest::Timing MpiStressTest::time(unsigned bytes, Repetitions repetitions, Transfer transfer) {
+    meet();
     std::vector<unsigned> words(bytes / sizeof(unsigned));
+    unsigned* const data = words.empty() ? nullptr : words.data();
+    const double begin = now();
+    transfer(data, words.size(), 0);
+    const unsigned count = repetitions == Repetitions::ALL ? _nSamples : agree(now() - begin);
+    settle();
     const double start = now();
-    for (unsigned sample = 0; sample < _nSamples; ++sample)
-        transfer(words.empty() ? nullptr : words.data(), words.size(), sample);
-    return now() - start;
+    for (unsigned sample = 0; sample < count; ++sample)
+        transfer(data, words.size(), sample);
+    return {now() - start, count};
 }

@@ -4,10 +4,18 @@
 #include "machine/reports/CollectiveStressTest.h"
 #include "machine/reports/PairStressTest.h"
 
+#include "kernel/Error.h"
 #include "kernel/Properties.h"
+#include "kernel/Raise.h"
+#include "platform/Host.h"
+#include "platform/Memory.h"
 
+#include <algorithm>
 #include <deque>
+#include <functional>
+#include <iomanip>
 #include <iostream>
+#include <sstream>
 #include <utility>
 
 namespace {
@@ -70,6 +78,36 @@ void exchangeWithAll(Communicator& communicator, unsigned* data, std::size_t cou
     communicator.wait(sends);
 }
 
+/// [messages] that a rank holds at a time.
+std::size_t countBuffers(const std::string& name, unsigned ranks) {
+    const bool holdsAll =
+        name == "AllGather" || name == "AsynchExchange" || name == "Gather" || name == "Scatter";
+    return holdsAll ? ranks + std::size_t{1} : 2;
+}
+
+/// Ranks of the communicator on this host. Collective.
+unsigned countNeighbours(Communicator& communicator) {
+    const std::size_t mine = std::hash<std::string>()(OS::Io::Host().getName());
+    std::vector<std::size_t> all;
+    communicator.allGather(mine, all);
+    return static_cast<unsigned>(std::ranges::count(all, mine));
+}
+
+/// Before any rank allocates: without memory the system would end one of them. Collective.
+/// @throw InputError on all ranks
+void checkMemory(Communicator& communicator, std::size_t buffers, unsigned longest) {
+    const double need = double(buffers) * longest;
+    const double available = double(Platform::memory().getAvailable()) / countNeighbours(communicator);
+    double smallest = available;
+    communicator.allReduce(smallest, Communicator::MIN);
+    if (need <= smallest)
+        return;
+    std::ostringstream text;
+    text << std::fixed << std::setprecision(0) << "A message length of " << longest << " bytes takes " << need
+         << " bytes on each rank, but only " << smallest << " are free";
+    raise(InputError(text.str(), Error::RECOVERABLE_SEVERITY, Properties(), Error::DEFAULT_ERROR_TYPE, true));
+}
+
 } // namespace
 
 MpiStressTester::MpiStressTester(Communicator& communicator, unsigned nSamples,
@@ -104,6 +142,13 @@ void MpiStressTester::runStressTests(const std::vector<std::string>& names, Prop
     if (wanted.empty())
         for (const auto& [name, test] : _tests)
             wanted.push_back(name);
+    std::size_t buffers = 0;
+    for (const std::string& name : wanted)
+        if (_tests.contains(name))
+            buffers = std::max(buffers, countBuffers(name, _communicator->size()));
+    const auto longest = std::ranges::max_element(_messageLengths);
+    if (longest != _messageLengths.end())
+        checkMemory(*_communicator, buffers, *longest);
     std::vector<Properties> entries;
     for (const std::string& name : wanted) {
         const auto found = _tests.find(name);

@@ -24,7 +24,9 @@ public:
     MpiStressTester& operator=(const MpiStressTester&) = delete;
 
     /// Runs the tests of these names, all of them when there are none, and shows the progress on the standard
-    /// output. A client can cancel it. Collective over the communicator, with the same names.
+    /// output. A client can cancel it. A pattern that takes long is repeated less often. Collective over the
+    /// communicator, with the same names.
+    /// @throw InputError on all ranks, before any allocates, when a host has no room for the messages
     void runStressTests(const std::vector<std::string>& names, Properties& results);
 
 private:

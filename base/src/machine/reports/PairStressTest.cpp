@@ -25,6 +25,7 @@ void exchange(Communicator& communicator, unsigned* data, std::size_t count, uns
 
 Properties PairStressTest::run() {
     const unsigned ranks = communicator().size();
+    chooseSettleRounds();
     Task task(getName());
     std::cout << '\n' << getName() << " : " << std::endl;
     std::vector<Properties> pairs;
@@ -61,12 +62,12 @@ Properties PairStressTest::runPair(unsigned from, unsigned to, Task& task, doubl
 MpiStressTest::Measurement PairStressTest::measure(unsigned bytes, double latency, unsigned from,
                                                    unsigned to) {
     const unsigned me = communicator().myRank();
-    const double elapsed = time(bytes, [&](unsigned* data, std::size_t count, unsigned) {
+    const Timing timing = time(bytes, Repetitions::ALL, [&](unsigned* data, std::size_t count, unsigned) {
         if (me == from || me == to)
             exchange(communicator(), data, count, me == from ? to : from);
     });
     // A rank outside the pair measures nothing.
-    return elapsed > OXM_MPI_Wtick() ? makeMeasurement(elapsed, latency, 2.0 * bytes) : Measurement();
+    return timing.seconds > OXM_MPI_Wtick() ? makeMeasurement(timing, latency, 2.0 * bytes) : Measurement();
 }
 
 void PairStressTest::bringToMaster(std::vector<Measurement>& measurements, unsigned source) {
