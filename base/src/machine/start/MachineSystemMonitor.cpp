@@ -2,16 +2,21 @@
 
 #include "machine/Machine.h"
 
+#include "machine/Communicator.h"
 #include "machine/GlobalCondition.h"
 #include "machine/SystemMonitor.h"
 #include "machine/start/StopLimit.h"
 
 #include "kernel/Error.h"
 #include "kernel/Raise.h"
+#include "platform/FileSystem.h"
 #include "platform/Time.h"
 
+#include <cerrno>
+#include <cstdio>
 #include <iostream>
 #include <sstream>
+#include <string>
 #include <system_error>
 
 namespace {
@@ -27,6 +32,46 @@ unsigned toYieldTime(float rate) {
     }
     return static_cast<unsigned>(1000.0 / static_cast<double>(rate));
 }
+
+/// A file of this job in the working directory of the master, which is there from the beginning: another
+/// server that stops its monitor in the same second gets another name.
+class ReservedFile {
+public:
+    /// Collective.
+    ReservedFile() : _name(Machine::isSerialOrMaster() ? reserve() : std::string()) {
+        if (Machine::isParallel())
+            Machine::globalCommunicator().broadcast(_name, Communicator::masterRank());
+    }
+    ReservedFile(const ReservedFile&) = delete;
+    ReservedFile& operator=(const ReservedFile&) = delete;
+    /// Removes it when nobody has written to it.
+    ~ReservedFile() {
+        Platform::FileSystem& files = Platform::filesystem();
+        const std::wstring path = files.fromSystem(_name);
+        if (Machine::isSerialOrMaster() && files.getSize(path) == 0)
+            files.deleteFile(path);
+    }
+    const std::string& getName() const { return _name; }
+
+private:
+    static std::string reserve() {
+        constexpr int TRIES = 100;
+        const std::string base = "memory-history-" + Platform::time().formatUtc("%Y%m%d%H%M%S");
+        std::string name = base + ".csv";
+        for (int i = 2; i <= TRIES; ++i) {
+            if (std::FILE* const file = std::fopen(name.c_str(), "wxe")) {
+                static_cast<void>(std::fclose(file));
+                return name;
+            }
+            if (errno != EEXIST)
+                break; // the export tells why
+            name = base + '-' + std::to_string(i) + ".csv";
+        }
+        return name;
+    }
+
+    std::string _name;
+};
 
 /// @return false when the system has no thread left
 bool tryToStart(SystemMonitor& monitor) {
@@ -80,8 +125,8 @@ void Machine::stopSystemMonitor() {
     std::cout << "Stopping system monitor" << std::endl;
     _systemMonitor->stopRecording();
     _systemMonitor->stop();
-    _systemMonitor->exportHistoryData("memory-history-" + Platform::time().formatUtc("%Y%m%d%H%M%S") +
-                                      ".csv");
+    const ReservedFile file;
+    _systemMonitor->exportHistoryData(file.getName());
     _systemMonitor.reset();
 }
 
