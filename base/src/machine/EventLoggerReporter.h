@@ -71,6 +71,14 @@ protected:
     static void forEachRank(const Rows& own,
                             const std::function<void(unsigned rank, const Rows& rows)>& print);
 
+    /// Calls `take` on the master for each row, with the values that all ranks have there: a list in rank
+    /// order for each column. Collective, with as many rows on all ranks. Many rows travel together, but the
+    /// master holds no more than some 65,536 numbers at a time.
+    /// @param columns  this rank's values
+    static void forEachRow(
+        const std::vector<std::vector<double>>& columns,
+        const std::function<void(std::size_t row, const std::vector<std::vector<double>>& ofRanks)>& take);
+
     /// The base of a file name: that of the session without folder and extension.
     static std::wstring getStem(const std::wstring& session);
     /// Opens the file of a report in the working directory, says so on all ranks, and writes the head down to

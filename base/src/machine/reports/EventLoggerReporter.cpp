@@ -11,8 +11,8 @@
 #include "platform/StringHelper.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cmath>
-#include <cstdio>
 #include <iostream>
 #include <iterator>
 #include <numeric>
@@ -124,8 +124,8 @@ std::string EventLoggerReporter::alignRight(const std::string& text, int width) 
 
 std::string EventLoggerReporter::toText(double value, int decimals) {
     char text[400]; // the largest number has 309 digits before its decimals
-    std::snprintf(text, sizeof text, "%.*f", decimals, value);
-    return text;
+    const auto end = std::to_chars(text, text + sizeof text, value, std::chars_format::fixed, decimals);
+    return {text, end.ptr};
 }
 
 void EventLoggerReporter::printRankHead(OStreamWrapper& out, int nameWidth, int ruleLength, int rank,
@@ -253,6 +253,35 @@ void EventLoggerReporter::forEachRank(const Rows& own,
         comm.recv(rows.offsets, rank);
         comm.recv(rows.names, rank);
         print(rank, rows);
+    }
+}
+
+void EventLoggerReporter::forEachRow(
+    const std::vector<std::vector<double>>& columns,
+    const std::function<void(std::size_t row, const std::vector<std::vector<double>>& ofRanks)>& take) {
+    constexpr std::size_t LARGEST_BLOCK = 65536; // numbers
+    Communicator& comm = allRanks();
+    const std::size_t ranks = comm.size();
+    const std::size_t width = columns.size();
+    const std::size_t rows = columns.front().size();
+    const std::size_t most = std::max<std::size_t>(LARGEST_BLOCK / (ranks * width), 1);
+    std::vector<std::vector<double>> ofRanks(width, std::vector<double>(ranks));
+    std::vector<double> mine;
+    std::vector<double> all;
+    for (std::size_t first = 0; first < rows; first += most) {
+        const std::size_t count = std::min(most, rows - first);
+        mine.clear();
+        for (std::size_t row = first; row < first + count; ++row)
+            for (const std::vector<double>& column : columns)
+                mine.push_back(column[row]);
+        comm.gather(mine, all, MASTER);
+        if (comm.myRank() != MASTER)
+            continue;
+        for (std::size_t row = 0; row < count; ++row) {
+            for (std::size_t i = 0; i < ranks * width; ++i)
+                ofRanks[i % width][i / width] = all[(i / width * count + row) * width + i % width];
+            take(first + row, ofRanks);
+        }
     }
 }
 

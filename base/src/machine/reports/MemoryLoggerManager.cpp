@@ -130,11 +130,17 @@ void MemoryLoggerManager::report() {
         reportProcesses(out, getNameWidth(longest));
     } else {
         // The table over the ranks may show an event that adds little on each.
+        std::vector<double> added;
         for (const auto& [key, logger] : getEventLoggers()) {
-            double added[] = {asEvent(logger).getAddedResident(), asEvent(logger).getAddedHighWater()};
-            MachineGround::globalCommunicator().allReduce(added, 2, Communicator::SUM);
-            if (exceedsThreshold(added[0], added[1]))
+            added.push_back(asEvent(logger).getAddedResident());
+            added.push_back(asEvent(logger).getAddedHighWater());
+        }
+        MachineGround::globalCommunicator().allReduce(added.data(), added.size(), Communicator::SUM);
+        auto sum = added.cbegin();
+        for (const auto& [key, logger] : getEventLoggers()) {
+            if (exceedsThreshold(sum[0], sum[1]))
                 longest = std::max(longest, key.size());
+            sum += 2;
         }
         const int nameWidth = getNameWidth(longest);
         reportProcesses(out, nameWidth);
@@ -174,29 +180,31 @@ void MemoryLoggerManager::reportEvents(OStreamWrapper& out, int nameWidth) const
         std::string name;
         double added;
     };
-    std::map<std::string, std::vector<const MemoryEvent*>> groups;
+    // By the second name; in a group in key order.
+    std::vector<const MemoryEvent*> events;
     for (const auto& [key, logger] : getEventLoggers())
-        groups[logger->getSecondName()].push_back(&asEvent(logger));
-    Communicator& comm = MachineGround::globalCommunicator();
-    std::vector<double> highWaters;
-    std::vector<double> resident;
-    std::vector<double> added;
-    std::vector<std::uint32_t> counters;
-    comm.gather(getHighWater(), highWaters, Communicator::_master); // the same for all events of a process
-    std::multimap<double, Row> rows;
-    for (const auto& [second, events] : groups) {
-        for (const MemoryEvent* event : events) {
-            comm.gather(event->getAddedResident(), resident, Communicator::_master);
-            comm.gather(event->getAddedHighWater(), added, Communicator::_master);
-            comm.gather(event->getEventCounter(), counters, Communicator::_master);
-            if (std::accumulate(counters.begin(), counters.end(), std::uint64_t{0}) == 0)
-                continue; // also on all ranks but the master
-            const double totalResident = std::accumulate(resident.begin(), resident.end(), 0.0);
-            const double totalAdded = std::accumulate(added.begin(), added.end(), 0.0);
-            if (exceedsThreshold(totalResident, totalAdded))
-                rows.insert({totalAdded, {event->getFirstName() + "::" + second, totalResident}});
-        }
+        events.push_back(&asEvent(logger));
+    std::ranges::stable_sort(events, {}, [](const MemoryEvent* event) { return event->getSecondName(); });
+    std::vector<std::vector<double>> columns(3);
+    for (const MemoryEvent* event : events) {
+        columns[0].push_back(event->getAddedResident());
+        columns[1].push_back(event->getAddedHighWater());
+        columns[2].push_back(event->getEventCounter());
     }
+    std::vector<double> highWaters;
+    MachineGround::globalCommunicator().gather(getHighWater(), highWaters,
+                                               Communicator::_master); // the same for all events of a process
+    std::multimap<double, Row> rows;
+    forEachRow(columns, [&](std::size_t i, const std::vector<std::vector<double>>& ofRanks) {
+        const auto sum = [](const std::vector<double>& values) {
+            return std::accumulate(values.begin(), values.end(), 0.0);
+        };
+        const double totalResident = sum(ofRanks[0]);
+        const double totalAdded = sum(ofRanks[1]);
+        if (sum(ofRanks[2]) > 0.0 && exceedsThreshold(totalResident, totalAdded))
+            rows.insert(
+                {totalAdded, {events[i]->getFirstName() + "::" + events[i]->getSecondName(), totalResident}});
+    });
     printEventTableHead(out, nameWidth, EVENT_COLUMN_WIDTH, EVENT_COLUMNS);
     for (auto row = rows.rbegin(); row != rows.rend(); ++row)
         printEventTableData(out, nameWidth, EVENT_COLUMN_WIDTH, row->second.name,

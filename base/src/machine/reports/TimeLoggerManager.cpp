@@ -10,7 +10,6 @@
 
 #include <algorithm>
 #include <map>
-#include <numeric>
 #include <vector>
 
 namespace {
@@ -172,26 +171,27 @@ void TimeLoggerManager::reportEvents(OStreamWrapper& out, const Profile& profile
         RankedValue maximum, minimum;
         double stddev;
     };
-    std::map<std::string, std::vector<const Event*>> groups;
+    // By the second name; in a group in key order.
+    std::vector<const Event*> events;
     for (const Event& event : profile.events)
-        groups[event.logger->getSecondName()].push_back(&event);
-    Communicator& comm = MachineGround::globalCommunicator();
-    std::multimap<double, Row> rows; // by the mean
-    std::vector<double> times;
-    std::vector<std::uint32_t> counters;
-    for (const auto& [second, events] : groups) {
-        for (const Event* event : events) {
-            comm.gather(event->wallTime, times, Communicator::_master);
-            comm.gather(event->logger->getEventCounter(), counters, Communicator::_master);
-            if (std::accumulate(counters.begin(), counters.end(), std::uint64_t{0}) == 0)
-                continue; // also on all ranks but the master
-            const RankedValue maximum = getMaximum(times);
-            if (exceedsThreshold(maximum.first, profile.localTotal))
-                rows.insert({getMean(times),
-                             {event->logger->getFirstName() + "::" + second, maximum, getMinimum(times),
-                              getStandardDeviation(times)}});
-        }
+        events.push_back(&event);
+    std::ranges::stable_sort(events, {}, [](const Event* event) { return event->logger->getSecondName(); });
+    std::vector<std::vector<double>> columns(2);
+    for (const Event* event : events) {
+        columns[0].push_back(event->wallTime);
+        columns[1].push_back(event->logger->getEventCounter());
     }
+    std::multimap<double, Row> rows; // by the mean
+    forEachRow(columns, [&](std::size_t i, const std::vector<std::vector<double>>& ofRanks) {
+        const std::vector<double>& times = ofRanks[0];
+        const std::vector<double>& counters = ofRanks[1];
+        const RankedValue maximum = getMaximum(times);
+        if (std::ranges::any_of(counters, [](double counter) { return counter > 0.0; }) &&
+            exceedsThreshold(maximum.first, profile.localTotal))
+            rows.insert({getMean(times),
+                         {events[i]->logger->getFirstName() + "::" + events[i]->logger->getSecondName(),
+                          maximum, getMinimum(times), getStandardDeviation(times)}});
+    });
     printEventTableHead(out, nameWidth, COLUMN_WIDTH, EVENT_COLUMNS);
     for (auto row = rows.rbegin(); row != rows.rend(); ++row)
         printEventTableData(out, nameWidth, COLUMN_WIDTH, row->second.name, row->second.maximum,
