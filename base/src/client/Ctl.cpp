@@ -6,6 +6,7 @@
 #include "client/CtlPrompt.h"
 #include "client/CtlTop.h"
 #include "client/CtlTrace.h"
+#include "client/CtlReport.h"
 #include "client/OwnCommands.h"
 #include "client/ResponsePrinter.h"
 #include "kernel/Error.h"
@@ -155,12 +156,13 @@ int Ctl::dispatch() {
     const bool ownHelp =
         first == "help" && (_options.words.size() != 2 || OwnCommands::isOne(_options.words[1]));
     if (first == "list-sessions" || first == "postmortem" || ownHelp) // asks no server
+    if (first == "list-sessions" || ownHelp || CtlReport::isOffline(_options.words)) // asks no server
         return runLine(toWords(_options.words));
     if (!_options.script.empty() &&
         Platform::filesystem().isDirectory(StringHelper::toWString(_options.script)))
         throw UsageError("The script " + _options.script + " is a folder");
-    _session.connect(OwnCommands::isOne(first) ? SessionHandshake::Access::CONTROL
-                                               : SessionHandshake::Access::COMMANDS);
+    _session.connect(OwnCommands::isOne(first) && first != "report" ? SessionHandshake::Access::CONTROL
+                                                                    : SessionHandshake::Access::COMMANDS);
     if (!first.empty())
         return runLine(toWords(_options.words));
     if (_options.script.empty() && Platform::io().isTerminal(Platform::io().getDescriptor(stdin)))
@@ -309,6 +311,8 @@ int Ctl::runOwn(const std::string& name, const std::vector<CommandWords::Word>& 
         return showBills(arguments);
     if (name == "where")
         return where(arguments);
+    if (name == "report")
+        return report(arguments);
     if (name == "cancel")
         return cancel(arguments);
     if (name == "postmortem")
@@ -353,6 +357,21 @@ int Ctl::trace(const std::vector<CommandWords::Word>& arguments) {
     } catch (const CtlTrace::Refusal& refusal) {
         return print(refusal.getReply());
     }
+int Ctl::report(const std::vector<CommandWords::Word>& arguments) {
+    const CtlReport report = CtlReport::parse(arguments);
+    RpcClient::Reply reply;
+    if (report.from.empty())
+        reply = _session.getClient().call(CtlReport::COMMAND, "{}", _options.timeout);
+    else
+        reply.result = report.read();
+    if (reply.failed)
+        return print(reply);
+    std::string told;
+        told = report.write(reply.result, _session.getRecord().name, _options.json, _console);
+    } catch (const InputError& error) {
+        throw UsageError((report.from.empty() ? "" : report.from + ": ") + error.what());
+    if (!told.empty())
+        _console.print(told + "\n");
     return ExitCode::SUCCESS;
 }
 

@@ -31,6 +31,7 @@ private:
     int listSessions();
     int listCommands(const std::vector<CommandWords::Word>& arguments);
     int where(const std::vector<CommandWords::Word>& arguments);
+    int report(const std::vector<CommandWords::Word>& arguments);
     int cancel(const std::vector<CommandWords::Word>& arguments);
     int trace(const std::vector<CommandWords::Word>& arguments);
     int printStanding(const RpcClient::Reply& reply);

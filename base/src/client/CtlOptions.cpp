@@ -98,6 +98,8 @@ CtlOptions CtlOptions::parse(int argc, char** argv, std::optional<int>& exitCode
     std::string deadline;
     std::array<OwnWish, OWN_OPTIONS.size()> wishes;
     std::string rank;
+    std::string output;
+    std::string from;
     bool force = false;
     bool remove = false;
     CLI::App app(DESCRIPTION, "orvexctl");
@@ -123,10 +125,13 @@ CtlOptions CtlOptions::parse(int argc, char** argv, std::optional<int>& exitCode
                                            : app.add_flag(option.name, wishes[i].isSet, option.describe());
     }
     app.add_option("--rank", rank, "Of \"where\" and \"postmortem\": this rank alone");
+    app.add_option("--rank", rank, "Of \"where\": this rank alone");
+    app.add_option("--output", output, "Of \"report\": the file to write; - is standard output");
+    app.add_option("--from", from, "Of \"report\": a saved profile, in place of a server");
     app.add_flag("--force", force, "Of \"cancel\": take the job down if the task doesn't look");
     app.add_flag("--remove", remove, "Of \"postmortem\": remove the profiles of that job, or of \"all\"");
     // An empty value is a variable that wasn't set; taken for "any", it would choose somebody else's session.
-    for (const char* name : {"--session", "--host", "--key-file", "--file"})
+    for (const char* name : {"--session", "--host", "--key-file", "--file", "--output", "--from"})
         app.get_option(name)->check([](const std::string& value) {
             return value.empty() ? std::string("the value is empty") : std::string();
         });
@@ -164,6 +169,13 @@ CtlOptions CtlOptions::parse(int argc, char** argv, std::optional<int>& exitCode
             if (first != "postmortem")
                 throw CLI::ValidationError("--remove", "it belongs to the command \"postmortem\"");
             options.words.emplace_back("--remove");
+        for (const auto& [option, value] :
+             {std::pair<const char*, const std::string&>{"--output", output}, {"--from", from}}) {
+            if (value.empty())
+                continue;
+            if (first != "report")
+                throw CLI::ValidationError(option, "it belongs to the command \"report\"");
+            options.words.insert(options.words.end(), {option, value});
         }
         if (force) {
             if (first != "cancel")

@@ -25,6 +25,9 @@ constexpr std::array COMMANDS{
                "what all ranks do during 10 s, as a timeline for a viewer; --output FILE, else trace.json"},
     OwnCommand{"postmortem", " [JOB]",
                "the dead jobs of this host; with JOB (its number, a process, last), what it did last"},
+    OwnCommand{
+        "report", " [--output FILE]",
+        "write the job's profile as a web page; with --from FILE, from a profile that was saved with --json"},
     OwnCommand{"cancel", " [--force]",
                "ask the task at work to end early; with --force, take the job down if it doesn't"},
     OwnCommand{"stop", "", "end the server in order: the command at work finishes first"},
@@ -54,6 +57,8 @@ std::vector<std::string> OwnCommands::getOptions(std::string_view name) {
         return {"--ranks", "--seconds", "--sort"};
     if (name == "postmortem")
         return {"--rank", "--remove"};
+    if (name == "report")
+        return {"--output", "--from"};
     if (name == "cancel")
         return {"--force"};
     if (name == "trace")

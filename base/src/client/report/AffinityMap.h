@@ -1,0 +1,13 @@
+#pragma once
+
+#include "client/report/ReportData.h"
+
+#include <string>
+
+/// Where the ranks of each host may run, as pictures: sockets, NUMA nodes, cores and their processors.
+namespace AffinityMap {
+
+/// Hosts that are built and bound alike share one picture. Empty when the profile tells of no processors.
+std::string toHtml(const ReportData& data);
+
+} // namespace AffinityMap
