@@ -12,7 +12,7 @@ namespace {
 
 constexpr double WIDTH = 1160.0;
 constexpr double ROW = 19.0;
-constexpr double LETTER = 6.7;     ///< width of one at 12 px, with room
+constexpr double LETTER = 7.3;     ///< width of one at 12 px, with room
 constexpr double LEAST = 0.001;    ///< part of the whole below which an event is left out
 constexpr double STANDS_OUT = 1.5; ///< imbalance that is marked
 constexpr std::size_t MAX_DEPTH = 60;

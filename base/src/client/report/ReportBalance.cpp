@@ -86,8 +86,9 @@ std::string ReportSections::ranksOf(const ReportData& data, const ReportData::Pe
     std::string html = "<div class=\"plots\">";
     html += SvgPlot::quantiles(ReportFigures::quantileCurve(values, POINTS), values.size(),
                                {name + ", ranks in ascending order", "ranks", unitName, unit});
-    html += SvgPlot::histogram(ReportFigures::histogramOf(values, BINS),
-                               {name + ", how many ranks", unitName, "ranks", unit});
+    if (values.size() > BINS / 2) // fewer have hardly two in a bin
+        html += SvgPlot::histogram(ReportFigures::histogramOf(values, BINS),
+                                   {name + ", how many ranks", unitName, "ranks", unit});
     HtmlTable table("The ranks with the most, of " + std::to_string(values.size()),
                     {{"rank", false}, {name + ", " + unitName}, {"of the mean"}});
     for (const std::size_t rank : ReportFigures::greatest(values, WORST))

@@ -14,7 +14,7 @@ using ReportText::fixed;
 
 void addBill(const ReportData& data, const ReportData::Bill& bill, HtmlTable& table) {
     const ReportFigures::Efficiency all = ReportFigures::efficiencyOf(bill);
-    const std::string name = ReportText::escape(ReportText::shorten(bill.command, 60));
+    const std::string name = ReportText::breakable(ReportText::shorten(bill.command, 60));
     table.add({bill.failed ? name + " <span class=\"bad\">✗ failed</span>" : name,
                {ReportText::escape(ReportText::time(bill.began)), bill.began},
                ReportText::escape(ReportText::shorten(bill.client, 40)),

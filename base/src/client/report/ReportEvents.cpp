@@ -38,7 +38,7 @@ void addEvent(const ReportData& data, const EventTotal& event, const ReportText:
     const std::size_t entered = enteredOf(event);
     const double balance = loadBalanceOf(own, entered);
     const double calls = std::accumulate(event.count.begin(), event.count.end(), 0.0);
-    std::string name = ReportText::escape(ReportText::shorten(event.name, MAX_NAME));
+    std::string name = ReportText::breakable(ReportText::shorten(event.name, MAX_NAME));
     if (event.open)
         name += " <span class=\"mark\">open</span>";
     if (data.ranks == 1) {
@@ -54,7 +54,7 @@ void addEvent(const ReportData& data, const EventTotal& event, const ReportText:
                {std::to_string(entered), static_cast<double>(entered)},
                {number(own.mean / unit.size), own.mean},
                {number(own.max / unit.size), own.max},
-               ReportSections::rankLabel(data, own.maxRank),
+               {ReportSections::rankLabel(data, own.maxRank), static_cast<double>(own.maxRank)},
                {number(own.min / unit.size), own.min},
                {(standsOut ? "<b>▲ " : "") + fixed(own.getImbalance(), 2) + (standsOut ? "</b>" : ""),
                 own.getImbalance()},
@@ -106,19 +106,22 @@ std::string heatOf(const ReportData& data, const std::vector<EventTotal>& events
     if (data.ranks < 2)
         return {};
     SvgPlot::HeatMap map{
-        "heatEvents", "Own time of events by rank", "rank →", "event", {"s", 1.0}, {}, {}, {}, {}};
+        "heatEvents", "Own time of events by rank", "rank →", "event", {"s", 1.0}, {}, {}, {}};
     std::vector<std::vector<double>> rows;
+    double greatest = 0.0;
     for (std::size_t i = 0; i < std::min(events.size(), MAX_ROWS); ++i) {
         rows.push_back(events[i].own);
         map.rowNames.push_back(ReportText::shorten(events[i].name, MAX_NAME));
-        map.rowScale.push_back(*std::max_element(events[i].own.begin(), events[i].own.end()));
+        const Spread spread = ReportFigures::spreadOf(events[i].own);
+        map.rowMeans.push_back(spread.mean);
+        greatest = std::max(greatest, spread.max);
     }
     map.cells = ReportFigures::cellsOf(rows);
-    map.unit = ReportText::secondsUnit(map.rowScale.empty() ? 0.0 : map.rowScale.front());
+    map.unit = ReportText::secondsUnit(greatest);
     return SvgPlot::heatMap(map) +
-           "<p class=\"note\">The darkest colour of a row is its greatest value. A row with one dark cell "
-           "has one slow "
-           "rank. A cell shows the greatest value of " +
+           "<p class=\"note\">The middle colour is the mean of the row. One cell at the upper end of the "
+           "scale is one "
+           "slow rank. A cell shows the greatest value of " +
            (map.cells.columnsEach > 1 ? std::to_string(map.cells.columnsEach) + " ranks." : "one rank.") +
            "</p>\n";
 }

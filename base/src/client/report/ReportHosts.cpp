@@ -8,7 +8,7 @@
 
 namespace {
 
-constexpr std::size_t MAX_PLOTS = 24;
+constexpr std::size_t MAX_PLOTS = 12;
 constexpr std::size_t POINTS = 150; ///< of a line
 
 /// The greatest value of each of at most POINTS spans.

@@ -44,7 +44,7 @@ std::string operationTable(const ReportData& data) {
     for (const std::size_t index : ReportFigures::greatest(times, MAX_ROWS)) {
         const ReportData::Operation& each = data.operations[index];
         const double count = sumOf(each.count);
-        std::vector<HtmlTable::Cell> cells{ReportText::escape(ReportText::shorten(each.name, 60)),
+        std::vector<HtmlTable::Cell> cells{ReportText::breakable(ReportText::shorten(each.name, 60)),
                                            ReportText::escape(ReportText::shorten(each.kind, 20)),
                                            {fixed(count, 0), count},
                                            {number(times[index]), times[index]}};
@@ -92,7 +92,7 @@ std::string partnerMap(const ReportData& data) {
                          ReportFigures::cellsOf(data.partners.counts),
                          {},
                          {},
-                         {}};
+                         true};
     if (data.partners.byHost && map.cells.rowsEach == 1)
         for (const ReportData::Host& host : data.hosts)
             map.rowNames.push_back(ReportText::shorten(host.name, 40));

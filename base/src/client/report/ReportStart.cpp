@@ -12,15 +12,13 @@ constexpr std::size_t MAX_OPTIONS = 200;
 constexpr std::size_t MAX_TEXT = 400;
 
 std::string timeline(const ReportData::Step& step, double end) {
-    constexpr double LENGTH = 300.0;
-    const double from = LENGTH * step.at / end;
-    const double width = std::max(2.0, LENGTH * step.seconds / end);
-    return "<svg class=\"parts\" role=\"img\" aria-label=\"from " + ReportText::seconds(step.at) +
-           " on\" width=\"300\" "
-           "height=\"14\" viewBox=\"0 0 300 14\"><rect class=\"track\" width=\"300\" height=\"14\"/><rect "
+    const double from = std::clamp(100.0 * step.at / end, 0.0, 99.0);
+    const double width = std::clamp(100.0 * step.seconds / end, 0.7, 100.0 - from);
+    return "<svg class=\"time\" role=\"img\" aria-label=\"from " + ReportText::seconds(step.at) +
+           " on\" width=\"300\" height=\"14\"><rect class=\"track\" width=\"100%\" height=\"14\"/><rect "
            "class=\"bar\" x=\"" +
-           SvgPlot::coordinate(std::clamp(from, 0.0, LENGTH - 2.0)) + "\" y=\"1\" width=\"" +
-           SvgPlot::coordinate(width) + "\" height=\"12\"/></svg>";
+           SvgPlot::coordinate(from) + "%\" y=\"1\" width=\"" + SvgPlot::coordinate(width) +
+           "%\" height=\"12\"/></svg>";
 }
 
 void addSetting(HtmlTable& table, const std::string& name, const std::string& value) {

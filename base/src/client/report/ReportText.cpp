@@ -49,6 +49,19 @@ std::string ReportText::escape(std::string_view text) {
     return escaped;
 }
 
+std::string ReportText::breakable(std::string_view text) {
+    std::string pieces;
+    std::size_t begin = 0;
+    for (std::size_t i = 1; i < text.size(); ++i) {
+        const bool isCapital = text[i] >= 'A' && text[i] <= 'Z' && text[i - 1] >= 'a' && text[i - 1] <= 'z';
+        if (!isCapital && text[i - 1] != '/' && (text[i - 1] != ':' || text[i] == ':'))
+            continue;
+        pieces += escape(text.substr(begin, i - begin)) + "<wbr>";
+        begin = i;
+    }
+    return pieces + escape(text.substr(begin));
+}
+
 std::string ReportText::shorten(std::string_view text, std::size_t length) {
     const std::vector<std::size_t> places = beginnings(text);
     const std::size_t count = places.size() - 1;

@@ -9,6 +9,8 @@ namespace ReportText {
 
 /// `text` for HTML, as content or in quotes. Faulty UTF-8 and control characters become visible.
 std::string escape(std::string_view text);
+/// The same, with places for a line break behind "::", "/" and before capitals.
+std::string breakable(std::string_view text);
 /// `text` with at most `length` characters, cut in the middle by "…".
 std::string shorten(std::string_view text, std::size_t length);
 /// `text` as a JSON string that may stand in an element script.

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
+#include <utility>
 
 namespace {
 
@@ -12,26 +14,42 @@ using SvgPlot::Labels;
 constexpr double WIDTH = 360.0;
 constexpr double HEIGHT = 210.0;
 constexpr double LEFT = 52.0;
-constexpr double RIGHT = 12.0;
+constexpr double RIGHT = 22.0;
 constexpr double TOP = 28.0;
 constexpr double BOTTOM = 40.0;
 constexpr int LEVELS = 9; ///< colours of a heat map
 
 struct Scale {
+    double least;
     double greatest;
-    double from; ///< coordinate of 0
+    double from; ///< coordinate of `least`
     double to;   ///< coordinate of `greatest`
 
     double operator()(double value) const {
-        return greatest > 0.0 ? from + (to - from) * std::clamp(value / greatest, 0.0, 1.0) : from;
+        return greatest > least
+                   ? from + (to - from) * std::clamp((value - least) / (greatest - least), 0.0, 1.0)
+                   : from;
+    }
+    /// The texts of an axis in a unit, each with its coordinate.
+    std::vector<std::pair<double, std::string>> ticksIn(double unit) const {
+        std::vector<std::pair<double, std::string>> texts;
+        for (const double value : SvgPlot::ticks(least / unit, greatest / unit))
+            texts.emplace_back((*this)(value * unit), tickText(value));
+        return texts;
+    }
+    /// As few digits as the value needs.
+    static std::string tickText(double value) {
+        char text[32];
+        std::snprintf(text, sizeof text, "%.6g", value);
+        return text;
     }
 };
 
-Scale across(double greatest) {
-    return {greatest, LEFT, WIDTH - RIGHT};
+Scale across(double least, double greatest) {
+    return {least, greatest, LEFT, WIDTH - RIGHT};
 }
 Scale upward(double greatest) {
-    return {greatest, HEIGHT - BOTTOM, TOP};
+    return {0.0, greatest, HEIGHT - BOTTOM, TOP};
 }
 
 std::string line(double x1, double y1, double x2, double y2, const char* classes) {
@@ -50,21 +68,16 @@ std::string open(double width, double height, const std::string& title, const ch
            coordinate(height) + "\" aria-label=\"" + ReportText::escape(title) + "\">";
 }
 
-std::string tickText(double value, double unit) {
-    return value == 0.0 ? "0" : ReportText::number(value / unit).substr(0, 8);
-}
-
 /// Frame, title and axes. The units of the two axes turn values into numbers.
 std::string frame(const Labels& labels, const Scale& x, double xUnit, const Scale& y, double yUnit) {
     std::string svg = open(WIDTH, HEIGHT, labels.title, "plot");
     svg += SvgPlot::text(LEFT, 14.0, labels.title, "title");
-    for (const double value : SvgPlot::ticks(y.greatest / yUnit)) {
-        svg += line(LEFT, y(value * yUnit), WIDTH - RIGHT, y(value * yUnit), "grid");
-        svg += SvgPlot::text(LEFT - 5.0, y(value * yUnit) + 4.0, tickText(value, 1.0), "tick end");
-    }
-    for (const double value : SvgPlot::ticks(x.greatest / xUnit))
-        svg += line(x(value * xUnit), HEIGHT - BOTTOM, x(value * xUnit), HEIGHT - BOTTOM + 4.0, "axis") +
-               SvgPlot::text(x(value * xUnit), HEIGHT - BOTTOM + 16.0, tickText(value, 1.0), "tick middle");
+    for (const auto& [place, words] : y.ticksIn(yUnit))
+        svg += line(LEFT, place, WIDTH - RIGHT, place, "grid") +
+               SvgPlot::text(LEFT - 5.0, place + 4.0, words, "tick end");
+    for (const auto& [place, words] : x.ticksIn(xUnit))
+        svg += line(place, HEIGHT - BOTTOM, place, HEIGHT - BOTTOM + 4.0, "axis") +
+               SvgPlot::text(place, HEIGHT - BOTTOM + 16.0, words, "tick middle");
     svg += line(LEFT, HEIGHT - BOTTOM, WIDTH - RIGHT, HEIGHT - BOTTOM, "axis");
     svg += SvgPlot::text((LEFT + WIDTH - RIGHT) / 2.0, HEIGHT - 6.0, labels.across, "label middle");
     return svg + SvgPlot::text(4.0, TOP - 4.0, labels.up, "label");
@@ -82,29 +95,32 @@ double greatestOf(const std::vector<double>& values) {
     return values.empty() ? 0.0 : *std::max_element(values.begin(), values.end());
 }
 
-/// 0: nothing to show, else 1 to LEVELS.
-int levelOf(double value, double greatest) {
-    if (!(value > 0.0) || !(greatest > 0.0))
-        return 0;
-    return std::clamp(static_cast<int>(std::ceil(value / greatest * LEVELS)), 1, LEVELS);
-}
-
-std::vector<double> scalesOf(const SvgPlot::HeatMap& map) {
-    return map.rowScale.empty() ? std::vector<double>(map.cells.rows, greatestOf(map.cells.max))
-                                : map.rowScale;
+/// The colour of each cell: 0 has nothing to show, else 1 to LEVELS.
+std::vector<int> levelsOf(const SvgPlot::HeatMap& map) {
+    const ReportFigures::CellTable& cells = map.cells;
+    const double greatest = greatestOf(cells.max);
+    std::vector<int> levels;
+    levels.reserve(cells.max.size());
+    for (std::size_t cell = 0; cell < cells.max.size(); ++cell) {
+        const double value = cells.max[cell];
+        const double part = map.rowMeans.empty() ? std::log1p(value) / std::log1p(greatest)
+                                                 : 0.5 * value / map.rowMeans[cell / cells.columns];
+        levels.push_back(
+            value > 0.0 ? static_cast<int>(std::clamp(std::ceil(part * LEVELS), 1.0, 1.0 * LEVELS)) : 0);
+    }
+    return levels;
 }
 
 /// One path for each colour; neighbours in a row are one rectangle.
 std::string cellPaths(const SvgPlot::HeatMap& map) {
     const ReportFigures::CellTable& cells = map.cells;
-    const std::vector<double> scales = scalesOf(map);
+    const std::vector<int> levels = levelsOf(map);
     std::vector<std::string> paths(LEVELS + 1);
     for (std::size_t row = 0; row < cells.rows; ++row)
         for (std::size_t column = 0, next = 0; column < cells.columns; column = next) {
-            const int level = levelOf(cells.max[row * cells.columns + column], scales[row]);
+            const int level = levels[row * cells.columns + column];
             next = column + 1;
-            while (next < cells.columns &&
-                   levelOf(cells.max[row * cells.columns + next], scales[row]) == level)
+            while (next < cells.columns && levels[row * cells.columns + next] == level)
                 ++next;
             const std::string width = std::to_string(next - column);
             paths[static_cast<std::size_t>(level)] +=
@@ -169,19 +185,28 @@ std::string SvgPlot::text(double x, double y, const std::string& words, const ch
            "\">" + ReportText::escape(words) + "</text>";
 }
 
-std::vector<double> SvgPlot::ticks(double greatest) {
-    if (!(greatest > 0.0))
-        return {0.0};
+std::vector<double> SvgPlot::ticks(double least, double greatest) {
+    if (!(greatest > least))
+        return {least};
     constexpr double COUNT = 4.0;
-    const double rough = greatest / COUNT;
+    const double rough = (greatest - least) / COUNT;
     const double power = std::pow(10.0, std::floor(std::log10(rough)));
     const double step = power * (rough / power <= 1.0   ? 1.0
                                  : rough / power <= 2.0 ? 2.0
                                  : rough / power <= 5.0 ? 5.0
                                                         : 10.0);
     std::vector<double> places;
-    for (int i = 0; i * step <= greatest * (1.0 + 1e-9); ++i)
-        places.push_back(i * step);
+    const double first = std::ceil(least / step - 1e-9);
+    for (int i = 0; (first + i) * step <= greatest + 1e-9 * (greatest - least); ++i)
+        places.push_back((first + i) * step);
+    return places;
+}
+
+std::vector<std::size_t> SvgPlot::wholeTicks(std::size_t greatest) {
+    std::vector<std::size_t> places;
+    for (const double value : ticks(0.0, static_cast<double>(greatest)))
+        if (value == std::floor(value))
+            places.push_back(static_cast<std::size_t>(value));
     return places;
 }
 
@@ -189,7 +214,7 @@ std::string SvgPlot::quantiles(const std::vector<double>& ascending, std::size_t
                                const Labels& labels) {
     if (ascending.empty())
         return {};
-    const Scale x = across(static_cast<double>(ranks));
+    const Scale x = across(0.0, static_cast<double>(ranks));
     const Scale y = upward(ascending.back());
     std::string svg = frame(labels, x, 1.0, y, labels.unit.size);
     // Steps: each rank has a width, so that one rank among few is as wide as its part.
@@ -207,7 +232,7 @@ std::string SvgPlot::histogram(const ReportFigures::Histogram& histogram, const 
     const double most =
         static_cast<double>(*std::max_element(histogram.counts.begin(), histogram.counts.end()));
     const double last = histogram.first + histogram.width * static_cast<double>(histogram.counts.size());
-    const Scale x = across(last);
+    const Scale x = across(histogram.first, last);
     const Scale y = upward(most);
     std::string svg = frame(labels, x, labels.unit.size, y, 1.0);
     for (std::size_t i = 0; i < histogram.counts.size(); ++i) {
@@ -228,7 +253,7 @@ std::string SvgPlot::lines(const std::vector<double>& places, const std::vector<
     double top = greatest;
     for (const Line& each : lines)
         top = greatest > 0.0 ? top : std::max(top, greatestOf(each.values));
-    const Scale x = across(greatestOf(places));
+    const Scale x = across(0.0, greatestOf(places));
     const Scale y = upward(top);
     std::string svg = frame(labels, x, 1.0, y, labels.unit.size);
     for (std::size_t i = 0; i < lines.size(); ++i)
@@ -238,25 +263,23 @@ std::string SvgPlot::lines(const std::vector<double>& places, const std::vector<
 }
 
 std::string SvgPlot::parts(const std::array<int, 3>& parts) {
-    constexpr double LENGTH = 200.0;
-    constexpr double THICKNESS = 14.0;
-    const std::string words = std::to_string(parts[0]) + " useful, " + std::to_string(parts[1]) +
-                              " imbalance, " + std::to_string(parts[2]) + " waiting";
-    std::string svg = open(LENGTH, THICKNESS, words, "parts");
+    std::string svg = "<svg class=\"parts\" role=\"img\" width=\"200\" height=\"14\" aria-label=\"" +
+                      std::to_string(parts[0]) + " useful, " + std::to_string(parts[1]) + " imbalance, " +
+                      std::to_string(parts[2]) + " waiting\">";
     constexpr std::array CLASSES{"useful", "imbalance", "waiting"};
-    double from = 0.0;
+    int from = 0;
     for (std::size_t i = 0; i < parts.size(); ++i) {
-        const double width = LENGTH * parts[i] / 100.0;
         if (parts[i] > 0)
-            svg += rectangle(from, 0.0, width, THICKNESS, CLASSES[i]);
-        from += width;
+            svg += std::string("<rect class=\"") + CLASSES[i] + "\" x=\"" + std::to_string(from) +
+                   "%\" width=\"" + std::to_string(parts[i]) + "%\" height=\"100%\"/>";
+        from += parts[i];
     }
     return svg + "</svg>";
 }
 
 std::string SvgPlot::strip(const ReportFigures::Spread& spread, double greatest) {
     constexpr double LENGTH = 160.0;
-    const Scale x{greatest, 2.0, LENGTH - 2.0};
+    const Scale x{0.0, greatest, 2.0, LENGTH - 2.0};
     std::string svg =
         open(LENGTH, 14.0,
              "from " + ReportText::seconds(spread.min) + " to " + ReportText::seconds(spread.max), "strip");
@@ -276,28 +299,29 @@ std::string SvgPlot::heatMap(const HeatMap& map) {
     constexpr double LENGTH = 900.0;
     const bool named = !map.rowNames.empty() && cells.rows <= MAX_NAMED;
     const double left = named ? 250.0 : 60.0;
-    const double cell = named ? 16.0 : std::clamp(400.0 / static_cast<double>(cells.rows), 3.0, 16.0);
+    const double cell = named ? 16.0 : std::clamp(400.0 / static_cast<double>(cells.rows), 3.0, 24.0);
     const double top = 48.0;
-    const double length = LENGTH - left - 20.0;
     const double breadth = cell * static_cast<double>(cells.rows);
+    const double length = map.isSquare ? std::max(breadth, 120.0) : LENGTH - left - 20.0;
     std::string svg = open(LENGTH, top + breadth + 24.0, map.title, "heat");
     svg += text(0.0, 14.0, map.title, "title");
-    svg += legend(LENGTH - 210.0, 4.0, "low", map.rowScale.empty() ? "high" : "row's max");
+    svg += legend(LENGTH - 230.0, 4.0, map.rowMeans.empty() ? "1" : "0",
+                  map.rowMeans.empty() ? "most, logarithmic" : "2 × mean of row");
     svg += text(left, top - 6.0, map.across, "label") + text(0.0, top - 6.0, map.down, "label");
     for (std::size_t row = 0; named && row < cells.rows; ++row)
         svg += text(left - 6.0, top + cell * (static_cast<double>(row) + 0.78),
                     ReportText::shorten(map.rowNames[row], 36), "tick end");
     if (!named)
-        for (const double value : ticks(static_cast<double>(cells.rows)))
-            svg += text(left - 6.0, top + cell * value + 4.0,
-                        ReportText::fixed(value * static_cast<double>(cells.rowsEach), 0), "tick end");
+        for (const std::size_t value : wholeTicks(cells.rows))
+            svg += text(left - 6.0, top + cell * static_cast<double>(value) + 4.0,
+                        std::to_string(value * cells.rowsEach), "tick end");
     svg += "<svg class=\"cells\" data-heat=\"" + map.id + "\" x=\"" + coordinate(left) + "\" y=\"" +
            coordinate(top) + "\" width=\"" + coordinate(length) + "\" height=\"" + coordinate(breadth) +
            "\" viewBox=\"0 0 " + std::to_string(cells.columns) + " " + std::to_string(cells.rows) +
            "\" preserveAspectRatio=\"none\"><rect class=\"none\" width=\"" + std::to_string(cells.columns) +
            "\" height=\"" + std::to_string(cells.rows) + "\"/>" + cellPaths(map) + "</svg>";
-    for (const double value : ticks(static_cast<double>(cells.columns)))
-        svg += text(left + length * value / static_cast<double>(cells.columns), top + breadth + 16.0,
-                    ReportText::fixed(value * static_cast<double>(cells.columnsEach), 0), "tick middle");
+    for (const std::size_t value : wholeTicks(cells.columns))
+        svg += text(left + length * static_cast<double>(value) / static_cast<double>(cells.columns),
+                    top + breadth + 16.0, std::to_string(value * cells.columnsEach), "tick middle");
     return "<div class=\"scroll\">" + svg + "</svg></div>\n" + heatData(map);
 }

@@ -44,12 +44,17 @@ struct HeatMap {
     ReportFigures::CellTable cells;
     std::vector<std::string> rowNames;    ///< of the rows of cells; none: numbers
     std::vector<std::string> columnNames; ///< none: numbers
-    std::vector<double> rowScale; ///< the value that gets the darkest colour in each row; none: the greatest
+    bool isSquare = false;                ///< rows and columns are the same things
+    /// The value of each row that gets the middle colour; twice as much gets the last one. None: all rows
+    /// together, by the logarithm of the value.
+    std::vector<double> rowMeans{};
 };
 std::string heatMap(const HeatMap& map);
 
-/// Round values from 0 to `greatest` for an axis.
-std::vector<double> ticks(double greatest);
+/// Round values between the two for an axis.
+std::vector<double> ticks(double least, double greatest);
+/// The integers among the round values from 0 on.
+std::vector<std::size_t> wholeTicks(std::size_t greatest);
 std::string text(double x, double y, const std::string& words, const char* classes);
 /// A coordinate with one digit behind the point, or none.
 std::string coordinate(double value);

@@ -87,7 +87,7 @@
       frame.box.setAttribute('x', x);
       frame.box.setAttribute('width', Math.max(0.5, length));
       frame.text.setAttribute('x', x + 4);
-      frame.text.textContent = cut((frame.group.classList.contains('out') ? '▲ ' : '') + frame.name, Math.floor((length - 8) / 6.7));
+      frame.text.textContent = cut((frame.group.classList.contains('out') ? '▲ ' : '') + frame.name, Math.floor((length - 8) / 7.3));
     });
     frames.forEach(frame => frame.group.addEventListener('click', () => zoom(frame.x, frame.width, frame.y)));
     const tools = make('div', 'tools');
