@@ -8,9 +8,8 @@
 
 #include "platform/Base64Encoder.h"
 
-#include <algorithm>
-#include <array>
 #include <charconv>
+#include <initializer_list>
 #include <numeric>
 #include <utility>
 
@@ -100,6 +99,25 @@ std::string missing(const ReportData& data) {
                      html + "</ul></section>\n";
 }
 
+/// Links to the sections that `content` has.
+std::string links(const std::string& content) {
+    std::string html;
+    for (const auto& [id, name] :
+         std::initializer_list<std::pair<const char*, const char*>>{{"balance", "Efficiency"},
+                                                                    {"commands", "Commands"},
+                                                                    {"events", "Events"},
+                                                                    {"flame", "Flame graph"},
+                                                                    {"messages", "Messages"},
+                                                                    {"memory", "Memory"},
+                                                                    {"hosts", "Hosts"},
+                                                                    {"missing", "Not measured"},
+                                                                    {"start", "Start"},
+                                                                    {"settings", "Versions"}})
+        if (content.find("<section id=\"" + std::string(id) + "\">") != std::string::npos)
+            html += std::string("<a href=\"#") + id + "\">" + name + "</a> ";
+    return "<nav>" + html + "</nav>\n";
+}
+
 std::string top(const ReportData& data) {
     std::string html = "<header><h1>" + escape(titleOf(data)) + "</h1>\n<p class=\"sub\">" +
                        escape(ReportText::shorten(data.product, 80)) +
@@ -114,10 +132,11 @@ std::string top(const ReportData& data) {
 } // namespace
 
 std::string ReportPage::make(const ReportData& data) {
-    std::string html = head(titleOf(data)) + PATTERNS + "<main>\n" + top(data);
+    std::string content;
     for (const auto section : {ReportSections::balance, ReportSections::commands, ReportSections::events,
                                ReportSections::messages, ReportSections::memory, ReportSections::hosts})
-        html += section(data);
-    html += missing(data) + ReportSections::start(data) + ReportSections::settings(data);
-    return html + "</main>\n<script>" + std::string(ReportAssets::SCRIPT) + "</script>\n</body></html>\n";
+        content += section(data);
+    content += missing(data) + ReportSections::start(data) + ReportSections::settings(data);
+    return head(titleOf(data)) + PATTERNS + "<main>\n" + top(data) + links(content) + content +
+           "</main>\n<script>" + std::string(ReportAssets::SCRIPT) + "</script>\n</body></html>\n";
 }

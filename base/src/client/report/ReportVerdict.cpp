@@ -199,7 +199,7 @@ std::vector<std::string> ReportVerdict::warnings(const ReportData& data) {
     if (warnings.empty() && (containsWord(data.build, "sanitizer") || containsWord(data.build, "debug")))
         warnings.push_back("The build makes these times longer, and not evenly: " +
                            ReportText::shorten(data.build, MAX_NAME));
-    if (warnings.empty())
+    if (data.warnings.empty())
         warnOfHosts(data, warnings);
     warnOfBindings(data, warnings);
     const auto failed = std::count_if(data.bills.begin(), data.bills.end(),
