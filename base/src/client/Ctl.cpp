@@ -4,9 +4,9 @@
 #include "client/CtlInterrupt.h"
 #include "client/CtlPostmortem.h"
 #include "client/CtlPrompt.h"
+#include "client/CtlReport.h"
 #include "client/CtlTop.h"
 #include "client/CtlTrace.h"
-#include "client/CtlReport.h"
 #include "client/OwnCommands.h"
 #include "client/ResponsePrinter.h"
 #include "kernel/Error.h"
@@ -155,8 +155,9 @@ int Ctl::dispatch() {
     const std::string first = _options.words.empty() ? std::string() : _options.words.front();
     const bool ownHelp =
         first == "help" && (_options.words.size() != 2 || OwnCommands::isOne(_options.words[1]));
-    if (first == "list-sessions" || first == "postmortem" || ownHelp) // asks no server
-    if (first == "list-sessions" || ownHelp || CtlReport::isOffline(_options.words)) // asks no server
+    const bool asksNobody =
+        first == "list-sessions" || first == "postmortem" || ownHelp || CtlReport::isOffline(_options.words);
+    if (asksNobody)
         return runLine(toWords(_options.words));
     if (!_options.script.empty() &&
         Platform::filesystem().isDirectory(StringHelper::toWString(_options.script)))
@@ -357,6 +358,9 @@ int Ctl::trace(const std::vector<CommandWords::Word>& arguments) {
     } catch (const CtlTrace::Refusal& refusal) {
         return print(refusal.getReply());
     }
+    return ExitCode::SUCCESS;
+}
+
 int Ctl::report(const std::vector<CommandWords::Word>& arguments) {
     const CtlReport report = CtlReport::parse(arguments);
     RpcClient::Reply reply;
@@ -367,9 +371,11 @@ int Ctl::report(const std::vector<CommandWords::Word>& arguments) {
     if (reply.failed)
         return print(reply);
     std::string told;
+    try {
         told = report.write(reply.result, _session.getRecord().name, _options.json, _console);
     } catch (const InputError& error) {
         throw UsageError((report.from.empty() ? "" : report.from + ": ") + error.what());
+    }
     if (!told.empty())
         _console.print(told + "\n");
     return ExitCode::SUCCESS;

@@ -75,13 +75,15 @@ struct OwnOption {
 };
 
 constexpr std::array OWN_OPTIONS{
-    OwnOption{"--rank", true, {"where"}, "this rank alone"},
+    OwnOption{"--rank", true, {"where", "postmortem"}, "this rank alone"},
     OwnOption{"--force", false, {"cancel"}, "take the job down if the task doesn't look"},
     OwnOption{"--ranks", false, {"top"}, "a line for each rank"},
     OwnOption{"-n", true, {"top"}, "so many pictures as plain text; 0: until it is ended"},
     OwnOption{"--seconds", true, {"top", "trace"}, "between two pictures, default 1; how long, default 10"},
     OwnOption{"--sort", true, {"top"}, "by P processor, M memory, W waiting, N name"},
-    OwnOption{"--output", true, {"trace"}, "the file, default trace.json"},
+    OwnOption{"--output", true, {"trace", "report"}, "the file to write; - is standard output of \"report\""},
+    OwnOption{"--from", true, {"report"}, "a saved profile, in place of a server"},
+    OwnOption{"--remove", false, {"postmortem"}, "remove the profiles of that job, or of \"all\""},
 };
 
 struct OwnWish {
@@ -97,11 +99,6 @@ CtlOptions CtlOptions::parse(int argc, char** argv, std::optional<int>& exitCode
     double timeout = 0.0;
     std::string deadline;
     std::array<OwnWish, OWN_OPTIONS.size()> wishes;
-    std::string rank;
-    std::string output;
-    std::string from;
-    bool force = false;
-    bool remove = false;
     CLI::App app(DESCRIPTION, "orvexctl");
     app.footer("\nCommands of orvexctl itself:\n" + OwnCommands::describe() + FOOTER);
     app.set_version_flag("--version", OrvexVersion::getVersionedProductName());
@@ -124,12 +121,6 @@ CtlOptions CtlOptions::parse(int argc, char** argv, std::optional<int>& exitCode
         wishes[i].option = option.hasValue ? app.add_option(option.name, wishes[i].value, option.describe())
                                            : app.add_flag(option.name, wishes[i].isSet, option.describe());
     }
-    app.add_option("--rank", rank, "Of \"where\" and \"postmortem\": this rank alone");
-    app.add_option("--rank", rank, "Of \"where\": this rank alone");
-    app.add_option("--output", output, "Of \"report\": the file to write; - is standard output");
-    app.add_option("--from", from, "Of \"report\": a saved profile, in place of a server");
-    app.add_flag("--force", force, "Of \"cancel\": take the job down if the task doesn't look");
-    app.add_flag("--remove", remove, "Of \"postmortem\": remove the profiles of that job, or of \"all\"");
     // An empty value is a variable that wasn't set; taken for "any", it would choose somebody else's session.
     for (const char* name : {"--session", "--host", "--key-file", "--file", "--output", "--from"})
         app.get_option(name)->check([](const std::string& value) {
@@ -159,28 +150,6 @@ CtlOptions CtlOptions::parse(int argc, char** argv, std::optional<int>& exitCode
             options.words.emplace_back(option.name);
             if (option.hasValue)
                 options.words.push_back(wishes[i].value);
-        if (!rank.empty()) {
-            if (first != "where" && first != "postmortem")
-                throw CLI::ValidationError("--rank",
-                                           "it belongs to the commands \"where\" and \"postmortem\"");
-            options.words.insert(options.words.end(), {"--rank", rank});
-        }
-        if (remove) {
-            if (first != "postmortem")
-                throw CLI::ValidationError("--remove", "it belongs to the command \"postmortem\"");
-            options.words.emplace_back("--remove");
-        for (const auto& [option, value] :
-             {std::pair<const char*, const std::string&>{"--output", output}, {"--from", from}}) {
-            if (value.empty())
-                continue;
-            if (first != "report")
-                throw CLI::ValidationError(option, "it belongs to the command \"report\"");
-            options.words.insert(options.words.end(), {option, value});
-        }
-        if (force) {
-            if (first != "cancel")
-                throw CLI::ValidationError("--force", "it belongs to the command \"cancel\"");
-            options.words.emplace_back("--force");
         }
         if (!options.script.empty() && !options.words.empty())
             throw CLI::ValidationError("--file", "a script and a command can't both be given");

@@ -149,11 +149,6 @@ std::uint64_t OperationRecord::getGeneration() {
 
 void OperationRecord::beginCommand(const std::string& name) {
     const std::uint64_t operations = (getPage().board.generation.load(std::memory_order_relaxed) + 1) / 2;
-    Commands& all = commands();
-    const std::lock_guard lock(all.mutex);
-    all.open.push_back({name, Clock::now(), operations, CollectiveHistory::countAll()});
-    step(commandChanges, 1);
-    const std::uint64_t operations = (getPage().board.generation.load(std::memory_order_relaxed) + 1) / 2;
     {
         Commands& all = commands();
         const std::lock_guard lock(all.mutex);
