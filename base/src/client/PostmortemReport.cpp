@@ -180,7 +180,7 @@ std::string sinceText(const Members& members, double lastActivity, Get get) {
         first = std::min(first, get(*member));
         last = std::max(last, get(*member));
     }
-    const std::string text = dateText(first, "%H:%M:%S");
+    std::string text = dateText(first, "%H:%M:%S");
     if (members.front()->life == Life::LIVES)
         return text;
     const double before = lastActivity - last;
@@ -195,7 +195,7 @@ std::string standingText(const Members& members, double lastActivity) {
         return " before any message\n";
     const auto all = [&members, operation](auto field) {
         return std::all_of(members.begin(), members.end(), [&](const ProfileSnapshot* each) {
-            return lastOperation(*each)->*field == operation->*field;
+            return each->operations.front().*field == operation->*field; // one key, so all have one
         });
     };
     const std::string what = operationText(*operation, all(&ProfileSnapshot::Operation::partner),
@@ -345,6 +345,7 @@ std::vector<Properties> commandRows(const Members& members) {
         }
     }
     std::vector<Properties> rows;
+    rows.reserve(byPlace.size());
     for (const auto& each : byPlace)
         rows.push_back(each.second.toRow(false));
     return rows;
@@ -391,6 +392,7 @@ std::vector<Properties> eventRows(const Members& members) {
         }
     }
     std::vector<EventTime> times;
+    times.reserve(byName.size());
     for (auto& each : byName)
         times.push_back(std::move(each.second));
     std::stable_sort(times.begin(), times.end(), [](const EventTime& a, const EventTime& b) {

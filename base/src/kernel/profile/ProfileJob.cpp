@@ -32,7 +32,7 @@ Found readAll(ProfileReader::Extent extent) {
             found.snapshots.push_back(std::move(*snapshot));
         else if (Platform::filesystem().exists(StringHelper::toWString(path))) { // else its process has ended
             found.unreadable.push_back(path);
-            found.reasons.push_back(path + ": " + reason);
+            found.reasons.push_back(reason.insert(0, path + ": "));
         }
     }
     return found;

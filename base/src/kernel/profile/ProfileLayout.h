@@ -109,7 +109,7 @@ struct Header {
     double ticksPerSecond;
 };
 
-struct Page {
+struct Page { // NOLINT(clang-analyzer-optin.performance.Padding): the order is that of the file
     alignas(64) Header header;
     alignas(64) Board board;
     Word depth; ///< commands at work, also those beyond MAX_DEPTH

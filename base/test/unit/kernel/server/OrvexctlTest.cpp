@@ -87,6 +87,10 @@ TEST_F(OrvexctlTest, RunsCommandsAndTellsHowTheyEnd) {
             {{"--json", "Undone", "text=x"}, 0, "\"Success\":true"},
             {{"Diverged"}, 0, "false"}, // a result of its own
             {{"Echo", "Success:=false"}, 0, "false"},
+            {{"postmortem", "no-such-job"}, 1, "There is no dead job \"no-such-job\" here"},
+            {{"postmortem", "1", "2"}, 2, "postmortem takes one job"},
+            {{"postmortem", "--remove"}, 2, "takes a job, or all"},
+            {{"status", "--remove"}, 2, "it belongs to the command \"postmortem\""},
             {{"help"}, 0, "Usage: orvexctl"},
             {{"help", "stop"}, 0, "end the server in order"},
             {{"list-commands"}, 0, "Echo      For tests: Echo\n"},
