@@ -217,8 +217,19 @@ private:
         if (const std::uint64_t now = Platform::TickClock::read();
             _snapshot.life == ProfileSnapshot::Life::LIVES && _clock.between(_lastTick, now) > 0.0)
             _momentTick = now;
-        _snapshot.lastActivity = _clock.timeOf(_lastTick);
-        _snapshot.moment = _clock.timeOf(_momentTick);
+        _snapshot.lastActivity = std::max(_clock.timeOf(_lastTick), getEndOfLastBill());
+        _snapshot.moment = _snapshot.life == ProfileSnapshot::Life::LIVES ? _clock.timeOf(_momentTick)
+                                                                          : _snapshot.lastActivity;
+    }
+
+    /// A serial process sends no messages, so the end of its last command is all that tells when it lived.
+    double getEndOfLastBill() {
+        const std::uint64_t count = valueOf(_second.bills);
+        const std::size_t place = static_cast<std::size_t>((count - 1) % NUMBER_BILLS);
+        const ProfileLayout::Bill& bill = _second.bill[place];
+        if (count == 0 || valueOf(bill.sequence) % 2 != 0)
+            return 0.0;
+        return (static_cast<double>(bill.beganAt) + static_cast<double>(bill.wallTime)) / NANOSECONDS;
     }
 
     /// A name that the first copy has an address for is whole in the second one.

@@ -27,7 +27,7 @@ public:
     ProfileReader& operator=(const ProfileReader&) = delete;
     ~ProfileReader();
 
-    /// The state of now; takes some 20 us. A record that the rank writes at this moment is left out.
+    /// The state of now; takes about 0.1 ms. A record that the rank writes at this moment is left out.
     /// @param reason  gets, when there is none, why the content is no profile
     std::optional<ProfileSnapshot> read(std::string& reason, Extent extent = Extent::WHOLE);
 

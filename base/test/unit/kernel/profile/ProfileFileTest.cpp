@@ -43,6 +43,7 @@ protected:
         page.header.startStamp = 1;
         page.header.rank = rank;
         page.header.masterPid = masterPid;
+        page.bills = 0;
         page.header.beganAt = static_cast<std::int64_t>(began * 1e9);
         const std::string name = _file->getPath() + std::to_string(_count++);
         std::filesystem::copy_file(_file->getPath(), name);
@@ -92,20 +93,21 @@ TEST_F(Profile, TellsWhatItsRankDoes) {
     _file->getPage().header.startStamp = 1; // a dead one, so that no time goes on
     const ProfileSnapshot profile = read();
     EXPECT_EQ(_reason, "");
-    EXPECT_EQ(profile.toProperties().toString(),
-              R"({"rank":1,"ranks":3,"state":"died","process":)" + std::to_string(::getpid()) +
-                  R"(,"masterProcess":77,"host":"n1","masterHost":"n0","job":"","product":"Product 1",)"
-                  R"("began":1700000001.0,"lastActivity":1700000003.0,"messages":2,"inside":true,)"
-                  R"("bytes":1000,"waiting":0.5,"depth":1,"commands":[{"name":"Solve","began":0.0,)"
-                  R"("seconds":1.5,"operations":1,"bytes":1000,"waiting":0.5}],"operations":[{"number":2,)"
-                  R"("name":"allReduce","communicator":"global, 3 ranks","bytes":800,"partner":2,)"
-                  R"("open":true,"began":1700000003.0,"seconds":0.0},{"number":1,"name":"",)"
-                  R"("communicator":"","bytes":0,"partner":0,"open":false,"began":1700000002.0,)"
-                  R"("seconds":0.5}],"bills":[{"number":1,"command":"GetTimes","began":0.0,"wall":2.0,)"
-                  R"("processor":0.0,"waiting":0.0,"messages":0,"bytes":0,"peakMemory":0,)"
-                  R"("addedMemory":-4096,"failed":false}],"events":[{"name":"Solver::step?","count":0,)"
-                  R"("seconds":0.25,"open":true,"openSeconds":0.1}],"halfWritten":0,"file":")" +
-                  _file->getPath() + "\"}");
+    EXPECT_EQ(
+        profile.toProperties().toString(),
+        R"({"rank":1,"ranks":3,"state":"died","process":)" + std::to_string(::getpid()) +
+            R"(,"masterProcess":77,"host":"n1","masterHost":"n0","job":"","product":"Product 1",)"
+            R"("began":1700000001.0,"lastActivity":1700000004.0,"messages":2,"inside":true,)"
+            R"("bytes":1000,"waiting":0.5,"depth":1,"commands":[{"name":"Solve","began":0.0,)"
+            R"("seconds":1.5,"operations":1,"bytes":1000,"waiting":0.5}],"operations":[{"number":2,)"
+            R"("name":"allReduce","communicator":"global, 3 ranks","bytes":800,"partner":2,)"
+            R"("open":true,"began":1700000003.0,"seconds":0.0},{"number":1,"name":"",)"
+            R"("communicator":"","bytes":0,"partner":0,"open":false,"began":1700000002.0,)"
+            R"("seconds":0.5}],"bills":[{"number":1,"command":"GetTimes","began":1700000002.0,"wall":2.0,)"
+            R"("processor":0.0,"waiting":0.0,"messages":0,"bytes":0,"peakMemory":0,)"
+            R"("addedMemory":-4096,"failed":false}],"events":[{"name":"Solver::step?","count":0,)"
+            R"("seconds":0.25,"open":true,"openSeconds":0.1}],"halfWritten":0,"file":")" +
+            _file->getPath() + "\"}");
 }
 
 TEST_F(Profile, LeavesOutWhatIsBeingWritten) {

@@ -48,6 +48,7 @@ protected:
         page.commands[0].operations = 1;
         page.bills = 1;
         write(page.bill[0].command, "GetTimes");
+        page.bill[0].beganAt = 1'700'000'002'000'000'000;
         page.bill[0].wallTime = 2'000'000'000;
         page.bill[0].addedMemory = -4096;
         write(page.events[0].name, "Solver::step\x1b\xc3"); // an escape, and half a character
