@@ -18,14 +18,15 @@ SIZES = ((80, 24), (200, 60))
 class Screen:
     """A terminal of its own with a shell in it."""
 
-    def __init__(self, room, columns, rows):
-        self.room, self.columns = room, columns
+    def __init__(self, room, mpi, columns, rows):
+        self.room, self.mpi, self.columns = room, mpi, columns
         self.run("new-session", "-d", "-x", columns, "-y", rows, "sh")
 
     def run(self, *words):
-        command = ["tmux", "-S", str(self.room.top / "terminal"), "-f", "/dev/null", *map(str, words)]
+        command = ["tmux", "-S", str(self.room.top / f"terminal-{self.columns}-{self.mpi}"), "-f", "/dev/null", *map(str, words)]
         environment = self.room.environment(LC_ALL="C.UTF-8", PS1="$ ")
-        return subprocess.run(command, capture_output=True, text=True, check=True, env=environment, timeout=20).stdout
+        return subprocess.run(command, capture_output=True, text=True, check=True, env=environment,
+                              cwd=self.room.work, timeout=20).stdout
 
     def text(self):
         return self.run("capture-pane", "-p")
@@ -80,7 +81,7 @@ class Top(Case):
         self.assertEqual((wrong.returncode, wrong.stdout), (2, ""))
 
     def check_screen(self, job, columns, rows):
-        screen = Screen(self.room, columns, rows)
+        screen = Screen(self.room, job.mpi, columns, rows)
         record = record_of(job.members()[0])
         screen.press(f"clear; stty -a > before; '{CLIENT}' --key-file '{record}' top; stty -a > after; echo end=$?",
                      "Enter")
@@ -129,7 +130,7 @@ class Top(Case):
         refused = job.ctl("top", check=False)
         self.assertEqual(refused.returncode, 1, refused.stdout)
         self.assertIn("server.live", refused.stdout)
-        self.stop(job)
+        job.stop()
 
     @unittest.skipUnless(is_possible(), "needs root, and a kernel that lets it make hosts")
     def test_shows_hosts(self):

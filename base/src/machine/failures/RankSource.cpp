@@ -30,6 +30,14 @@ LiveRank::State toState(ThreadState::State state) {
     return LiveRank::SLEEPS;
 }
 
+/// "allReduce" of "Communicator::AllReduce", as the roll call names it.
+std::string shorten(const std::string& name) {
+    std::string word = name.substr(name.rfind(':') + 1);
+    if (!word.empty() && word[0] >= 'A' && word[0] <= 'Z')
+        word[0] = static_cast<char>(word[0] - 'A' + 'a');
+    return word;
+}
+
 void take(const ProfileSnapshot& profile, RankSample& sample) {
     sample.hasProfile = true;
     sample.isInside = profile.isInside;
@@ -37,7 +45,7 @@ void take(const ProfileSnapshot& profile, RankSample& sample) {
     double open = 0.0;
     if (!profile.operations.empty() && profile.operations.front().isOpen) {
         const ProfileSnapshot::Operation& operation = profile.operations.front();
-        sample.operation = operation.name.empty() ? "an operation" : operation.name;
+        sample.operation = operation.name.empty() ? "an operation" : shorten(operation.name);
         open = sample.operationSeconds = operation.seconds;
         sample.waitSeconds += open;
     }
