@@ -1,6 +1,7 @@
 #include "client/TopFeed.h"
 
 #include "kernel/Properties.h"
+#include "kernel/server/RpcMessage.h"
 
 #include <ctime>
 #include <utility>
@@ -14,6 +15,12 @@ std::string localClock() {
     if (localtime_r(&now, &parts))
         std::strftime(text, sizeof text, "%H:%M:%S", &parts);
     return text;
+}
+
+std::string failureOf(const RpcClient::Reply& reply) {
+    if (reply.code == RpcFault::METHOD_NOT_FOUND)
+        return "This server can't tell what its ranks do: it has no error channel, as with -nothreads";
+    return reply.message;
 }
 
 } // namespace
@@ -52,7 +59,7 @@ TopFrame TopFeed::fetch(const std::string& request, const RpcClient::Time& time)
     frame.clock = localClock();
     Properties all;
     if (live.failed)
-        all.set("error", live.message);
+        all.set("error", failureOf(live));
     else
         all = Properties(std::string_view(live.result));
     const Properties state{std::string_view(status.failed ? "{}" : status.result)};
@@ -61,7 +68,7 @@ TopFrame TopFeed::fetch(const std::string& request, const RpcClient::Time& time)
         all.set("running", frame.running);
     }
     if (live.failed)
-        frame.failure = live.message;
+        frame.failure = failureOf(live);
     else
         frame.job = LiveJob::fromProperties(all);
     _json = all.toString();
