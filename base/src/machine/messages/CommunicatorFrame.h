@@ -5,6 +5,7 @@
 #include "machine/messages/CollectiveHistory.h"
 #include "machine/messages/CommunicatorStatistics.h"
 #include "machine/messages/OperationRecord.h"
+#include "machine/messages/OperationTrace.h"
 
 /// A call as it goes into the record of operations and into the history of collectives.
 struct MessageCall {
@@ -32,8 +33,8 @@ public:
     using Call = MessageCall;
     /// @param requests  the stack that gets or completes a request
     static Call message(int partner, int tag, const void* requests = nullptr) {
-        const auto stack = static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(requests) >> 3);
-        return {partner, std::uint64_t(stack) << 32 | static_cast<unsigned>(tag)};
+        return {partner,
+                std::uint64_t(OperationTrace::numberOf(requests)) << 32 | static_cast<unsigned>(tag)};
     }
     /// @param reduction, type  as CollectiveHistory::wordOf() takes them
     static constexpr Call collective(const Operation& called, unsigned bytes, int root = -1,

@@ -34,6 +34,10 @@ public:
     virtual void beginCommand(const std::string& name) noexcept = 0;
     virtual void endCommand() noexcept = 0;
 
+    /// A number that tells a stack of requests from others.
+    static std::uint32_t numberOf(const void* requests) {
+        return static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(requests) >> 3);
+    }
     static bool isOn() { return MessagingGate::has(MessagingGate::TRACE); }
     /// Before a trace is taken. It has to live to the end of the process.
     static void install(OperationTrace& trace) { _installed = &trace; }

@@ -1,6 +1,7 @@
 #include "machine/RequestStack.h"
 
 #include "machine/messages/OperationRecord.h"
+#include "machine/messages/OperationTrace.h"
 
 #include "kernel/Raise.h"
 #include "mpiwrapper/OxmMpi.h"
@@ -18,11 +19,18 @@ constexpr MessageOperation WAIT_ANY{"RequestStack::waitAny", CommunicatorStatist
 /// Records a wait that no operation of a communicator is around.
 class Recorded {
 public:
-    explicit Recorded(const MessageOperation& operation) : _isOutermost(!OperationRecord::isInside()) {
-        if (_isOutermost)
-            OperationRecord::begin(operation, 0, 0, -1);
+    Recorded(const MessageOperation& operation, const void* requests)
+        : _isOutermost(!OperationRecord::isInside()) {
+        if (!_isOutermost)
+            return;
+        OperationRecord::begin(operation, 0, 0, -1);
+        if (OperationTrace::isOn())
+            _token =
+                OperationTrace::get().open(operation, {.requests = OperationTrace::numberOf(requests)}, 0);
     }
     ~Recorded() {
+        if (_token != 0)
+            OperationTrace::get().close(_token, -1);
         if (_isOutermost)
             OperationRecord::end();
     }
@@ -31,6 +39,7 @@ public:
 
 private:
     bool _isOutermost;
+    std::uint64_t _token = 0; ///< of a trace
 };
 
 constexpr unsigned NO_SOURCE = 0xFFFFFFFF;
@@ -128,7 +137,7 @@ void MpiCore::RequestStack::complete(unsigned* sources) {
     const std::size_t count = _requests.size();
     if (count == 0)
         return;
-    const Recorded recorded(WAIT);
+    const Recorded recorded(WAIT, this);
     Statuses statuses(count);
     const int code = count > 1 ? OXM_MPI_Waitall(static_cast<int>(count), _requests.data(), statuses.data())
                                : OXM_MPI_Wait(&_requests.back(), statuses.data());
@@ -144,7 +153,7 @@ void MpiCore::RequestStack::waitAny(unsigned& source) {
     if (_requests.empty())
         return;
     int index = OXM_MPI_UNDEFINED;
-    const Recorded recorded(WAIT_ANY);
+    const Recorded recorded(WAIT_ANY, this);
     OXM_MPI_Status_struct status{};
     handleError(OXM_MPI_Waitany(static_cast<int>(_requests.size()), _requests.data(), &index, &status),
                 status);

@@ -53,6 +53,7 @@ TraceLayout::Kind kindOf(const MessageOperation& operation) {
         {"Communicator::Wait", TraceLayout::COMPLETE},
         {"Communicator::Test", TraceLayout::COMPLETE},
         {"Communicator::FreeRequest", TraceLayout::COMPLETE},
+        {"RequestStack::wait", TraceLayout::COMPLETE},
     };
     for (const auto& [name, kind] : KINDS)
         if (name == operation.name)

@@ -2,6 +2,7 @@
 
 #include "kernel/EventTracker.h"
 #include "kernel/profile/TraceLayout.h"
+#include "machine/MachineExport.h"
 #include "machine/messages/OperationTrace.h"
 
 #include <array>
@@ -17,7 +18,7 @@
 ///
 /// Another thread switches it on and off while the main thread works. It ends by itself after a time. The
 /// memory is taken at the begin and bounded; records that don't fit are counted.
-class TraceRecorder final : public OperationTrace, public EventTracker::Watcher {
+class ORVEX_MACHINE_EXPORT TraceRecorder final : public OperationTrace, public EventTracker::Watcher {
 public:
     using Record = TraceLayout::Record;
 
