@@ -172,15 +172,16 @@ void TraceMatches::matchMessages() {
             (isSend ? sends : receives)[way].push_back({i, k});
         }
     }
-    for (const auto& [way, sent] : sends) {
+    for (const auto& each : sends) {
+        const Way& way = each.first; // clang takes no structured binding into a lambda
         const auto received = receives.find(way);
         const Way fromAny{way[0], way[1], static_cast<std::uint32_t>(-1), way[3], way[4]};
         const auto isMember = [&](std::uint32_t number) {
             return number < _trace.ranks.size() && way[1] != _trace.ranks[number].epoch;
         };
-        if (received != receives.end() && received->second.size() == sent.size() && !unsure.contains(way) &&
-            !unsure.contains(fromAny) && isMember(way[2]) && isMember(way[3]))
-            joinMessages(sent, received->second);
+        if (received != receives.end() && received->second.size() == each.second.size() &&
+            !unsure.contains(way) && !unsure.contains(fromAny) && isMember(way[2]) && isMember(way[3]))
+            joinMessages(each.second, received->second);
     }
 }
 
