@@ -15,8 +15,10 @@
 #include "machine/reports/ProfileMemory.h"
 #include "machine/reports/ProfileMessages.h"
 #include "machine/reports/ProfileNumbers.h"
+#include "machine/reports/ProfileSpans.h"
 #include "machine/start/StartTimeline.h"
 
+#include "kernel/BillBook.h"
 #include "kernel/Command.h"
 #include "kernel/Controller.h"
 #include "kernel/EventTracker.h"
@@ -24,6 +26,8 @@
 #include "kernel/Properties.h"
 #include "kernel/Server.h"
 #include "platform/BatchSystem.h"
+#include "platform/Memory.h"
+#include "platform/Process.h"
 #include "platform/Time.h"
 
 #include <memory>
@@ -189,6 +193,14 @@ std::vector<Properties> gatherStart() {
     return told;
 }
 
+/// Collective.
+Properties gatherSpans() {
+    Platform::MemoryUse memory;
+    static_cast<void>(Platform::memory().createQuery(Platform::process().getPid())->query(memory));
+    return ProfileSpans::gather(CommandMeter::getSingleton().getTotal(),
+                                static_cast<double>(memory.residentSize));
+}
+
 Properties gatherMemory() {
     if (!Machine::hasSystemMonitor())
         return ProfileMemory::gather(nullptr);
@@ -216,9 +228,11 @@ public:
                 {"hosts", "vector of properties", "hardware and placement"},
                 {"rankHost", "vector of unsigned", "for each rank the index of its host"},
                 {"start", "vector of properties", "the steps of the start"},
+                {"spans", "properties", "what the ranks did in commands"},
                 {"events", "properties", "the calls of the time profile"},
                 {"messages", "properties", "the statistics of messages"},
                 {"memory", "properties", "the memory of the hosts over time"},
+                {"bills", "vector of properties", "the latest commands and what they cost"},
                 {"options", "properties", "settings of the job"}}}) {}
     std::string getName() const override { return "GetProfile"; }
     void execute(const Properties&, Properties& response) override {
@@ -226,6 +240,7 @@ public:
         Properties document;
         ProfileHosts::gather(document);
         const std::vector<Properties> start = gatherStart();
+        const Properties spans = gatherSpans();
         const Properties events = ProfileCalls::gather(
             dynamic_cast<const TimeLoggerManager*>(&EventTracker::getSingleton().getEventLoggerManager()));
         const Properties messages = ProfileMessages::gather(pause.wasOn());
@@ -235,9 +250,11 @@ public:
         describeJob(document, pause.wasOn(), response);
         response.merge(document);
         response.set("start", start);
+        response.set("spans", spans);
         response.set("events", events);
         response.set("messages", messages);
         response.set("memory", memory);
+        response.set("bills", BillBook::getSingleton().getLatest());
         response.set("options", describeOptions());
     }
 

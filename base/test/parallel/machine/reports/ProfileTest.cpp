@@ -10,6 +10,7 @@
 #include "machine/reports/ProfileHosts.h"
 #include "machine/reports/ProfileMemory.h"
 #include "machine/reports/ProfileMessages.h"
+#include "machine/reports/ProfileSpans.h"
 
 #include "kernel/Properties.h"
 
@@ -59,6 +60,26 @@ private:
     std::unique_ptr<MachineHost> _claimed;
     const MachineHost* _real;
 };
+
+TEST_F(ProfileOfJob, TellsWhatTheRanksDidInCommands) {
+    const CommandMeter::Cost total{4.0 + _me, 1.0 / 3.0, _me * 0.5, 0.0, 9e9, -1.0, _me * 2.0, 1e15};
+    const std::string seconds = std::to_string(3 + _ranks) + ".0";
+    const auto same = [&](const char* value) { return list([&](unsigned) { return std::string(value); }); };
+    const std::string waiting =
+        list([](unsigned rank) { return std::to_string(rank / 2) + (rank % 2 == 0 ? ".0" : ".5"); });
+    expect(ProfileSpans::gather(total, 7.0),
+           R"({"seconds":)" + seconds + R"(,"waiting":)" + waiting + R"(,"processor":)" + same("0.33333") +
+               R"(,"memory":)" + same("7") + R"(,"peakMemory":)" + same("9000000000") + R"(,"messages":)" +
+               list([](unsigned rank) { return std::to_string(2 * rank); }) + R"(,"bytes":)" +
+               same("1000000000000000") + "}");
+    CommandMeter::Cost lent = total;
+    lent.lent = _me == 0 ? 1.5 : 0.0;
+    const Properties part = ProfileSpans::gather(lent, 7.0);
+    std::vector<double> times;
+    if (_me == 0)
+        part.get("lent", times);
+    EXPECT_EQ(times.size(), _me == 0 ? _ranks : 0);
+}
 
 TEST_F(ProfileOfJob, TellsTheCallsOfEachRank) {
     EventClock::wall = EventClock::processor = 0.0;
