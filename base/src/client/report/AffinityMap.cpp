@@ -94,13 +94,15 @@ private:
         for (const auto& core : cores)
             deepest = std::max(deepest, core.size());
         const double pitch = static_cast<double>(deepest) * BOX + 2.0 * GAP;
-        for (std::size_t i = 0; i < cores.size(); ++i)
+        for (std::size_t i = 0; i < cores.size(); ++i) {
+            const std::size_t row = i / IN_ROW;
             drawCore(cores[i], 8.0 + static_cast<double>(i % IN_ROW) * (BOX + 2.0 * GAP + 2.0),
-                     top + 22.0 + static_cast<double>(i / IN_ROW) * pitch, deepest);
-        const auto rows = static_cast<double>((cores.size() + IN_ROW - 1) / IN_ROW);
+                     top + 22.0 + static_cast<double>(row) * pitch, deepest);
+        }
+        const std::size_t rows = (cores.size() + IN_ROW - 1) / IN_ROW;
         const double width =
             12.0 + static_cast<double>(std::min(cores.size(), IN_ROW)) * (BOX + 2.0 * GAP + 2.0);
-        const double height = 24.0 + rows * pitch;
+        const double height = 24.0 + static_cast<double>(rows) * pitch;
         _svg += "<rect class=\"node\" x=\"1\" y=\"" + SvgPlot::coordinate(top + 1.0) + "\" width=\"" +
                 SvgPlot::coordinate(std::max(width, 190.0)) + "\" height=\"" + SvgPlot::coordinate(height) +
                 "\" rx=\"4\"/>";

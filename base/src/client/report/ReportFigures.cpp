@@ -57,7 +57,7 @@ ReportFigures::Spread ReportFigures::spreadOf(std::span<const double> values) {
 }
 
 std::vector<double> ReportFigures::quantileCurve(std::span<const double> values, std::size_t points) {
-    const std::vector<double> sorted = sortedCopy(values);
+    std::vector<double> sorted = sortedCopy(values);
     if (sorted.size() <= points || points < 2)
         return sorted;
     std::vector<double> curve;

@@ -123,8 +123,9 @@ std::string cellPaths(const SvgPlot::HeatMap& map) {
             while (next < cells.columns && levels[row * cells.columns + next] == level)
                 ++next;
             const std::string width = std::to_string(next - column);
-            paths[static_cast<std::size_t>(level)] +=
-                "M" + std::to_string(column) + " " + std::to_string(row) + "h" + width + "v1h-" + width + "z";
+            paths[static_cast<std::size_t>(level)]
+                .append("M" + std::to_string(column) + " " + std::to_string(row))
+                .append("h" + width + "v1h-" + width + "z");
         }
     std::string svg;
     for (std::size_t level = 1; level < paths.size(); ++level)
