@@ -69,9 +69,9 @@ std::string pairTable(const ReportData& data) {
     std::vector<double> all;
     for (const std::vector<double>& row : counts)
         all.insert(all.end(), row.begin(), row.end());
-    const char* const unit = data.partners.byHost ? "host" : "rank";
-    HtmlTable table("The pairs with the most operations",
-                    {{unit, false}, {"partner", false}, {"operations"}});
+    const std::string unit = data.partners.byHost ? "host" : "rank";
+    HtmlTable table("The pairs with the most messages",
+                    {{"from " + unit, false}, {"to " + unit, false}, {"messages"}});
     for (const std::size_t index : ReportFigures::greatest(all, WORST))
         if (all[index] > 0.0)
             table.add({partnerName(data, index / counts.size()),
@@ -85,10 +85,10 @@ std::string partnerMap(const ReportData& data) {
         return {};
     const std::string unit = data.partners.byHost ? "host" : "rank";
     SvgPlot::HeatMap map{"heatPartners",
-                         "Operations between two ranks, by partner",
-                         "partner: " + unit + " →",
-                         unit,
-                         {"operations", 1.0},
+                         "Messages between two ranks, by sender and receiver",
+                         "to " + unit + " →",
+                         "from " + unit,
+                         {"messages", 1.0},
                          ReportFigures::cellsOf(data.partners.counts),
                          {},
                          {},
