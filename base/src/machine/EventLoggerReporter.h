@@ -41,7 +41,7 @@ public:
     static double getStandardDeviation(const std::vector<double>& values);
 
     /// Merges sorted texts: all ranks get the texts of all ranks, sorted, each once. Collective. A rank holds
-    /// no more than two lists at a time.
+    /// no more than two lists at a time. No text holds the character of value 0.
     /// @param names    the texts, one after the other
     /// @param lengths  [bytes] of each
     static void mergeKeys(std::string& names, std::vector<unsigned>& lengths);

@@ -3,6 +3,7 @@
 #include "machine/Communicator.h"
 #include "machine/MachineGround.h"
 #include "machine/OutputFileStream.h"
+#include "machine/reports/NameUnion.h"
 
 #include "kernel/FileHelper.h"
 #include "kernel/OrvexVersion.h"
@@ -52,16 +53,6 @@ EventLoggerReporter::RankedValue findBest(const std::vector<double>& values, IsB
     return {*best, static_cast<unsigned>(best - values.begin())};
 }
 
-/// A sorted list of texts in the form that travels.
-void pack(const std::set<std::string>& keys, std::string& names, std::vector<unsigned>& lengths) {
-    names.clear();
-    lengths.clear();
-    for (const std::string& key : keys) {
-        names += key;
-        lengths.push_back(static_cast<unsigned>(key.size()));
-    }
-}
-
 template <class Take>
 void forEachKey(const std::string& names, const std::vector<unsigned>& lengths, Take take) {
     std::size_t place = 0;
@@ -69,10 +60,6 @@ void forEachKey(const std::string& names, const std::vector<unsigned>& lengths, 
         take(names.substr(place, length));
         place += length;
     }
-}
-
-void insert(const std::string& names, const std::vector<unsigned>& lengths, std::set<std::string>& keys) {
-    forEachKey(names, lengths, [&](std::string key) { keys.insert(std::move(key)); });
 }
 
 } // namespace
@@ -175,27 +162,14 @@ double EventLoggerReporter::getStandardDeviation(const std::vector<double>& valu
 void EventLoggerReporter::mergeKeys(std::string& names, std::vector<unsigned>& lengths) {
     if (MachineGround::isSerial())
         return;
-    Communicator& comm = allRanks();
     std::set<std::string> keys;
-    insert(names, lengths, keys);
-    // A tree of ranks: each takes in the lists of its children, then goes to its parent.
-    for (unsigned step = 1; step < comm.size(); step *= 2) {
-        if ((comm.myRank() & step) != 0) {
-            pack(keys, names, lengths);
-            comm.send(lengths, comm.myRank() - step);
-            comm.send(names, comm.myRank() - step);
-            break;
-        }
-        if (comm.myRank() + step < comm.size()) {
-            comm.recv(lengths, comm.myRank() + step);
-            comm.recv(names, comm.myRank() + step);
-            insert(names, lengths, keys);
-        }
+    forEachKey(names, lengths, [&](std::string key) { keys.insert(std::move(key)); });
+    names.clear();
+    lengths.clear();
+    for (const std::string& key : NameUnion::unite(allRanks(), std::move(keys))) {
+        names += key;
+        lengths.push_back(static_cast<unsigned>(key.size()));
     }
-    if (comm.myRank() == MASTER)
-        pack(keys, names, lengths);
-    comm.broadcast(lengths, MASTER);
-    comm.broadcast(names, MASTER);
 }
 
 void EventLoggerReporter::shareEvents(EventLoggerManager& manager) {

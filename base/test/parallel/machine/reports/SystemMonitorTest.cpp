@@ -8,11 +8,15 @@
 #include "kernel/Error.h"
 #include "platform/FileSystem.h"
 #include "platform/Memory.h"
+#include "platform/Process.h"
 #include "platform/StringHelper.h"
+#include "platform/Time.h"
 #include "unit/machine/Failures.h"
 
 #include <gtest/gtest.h>
 
+#include <ctime>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -135,6 +139,45 @@ TEST_F(SystemMonitorOfJob, WritesTheSumOfAllRanksUpToTheEndOfTheShortestHistory)
                     size + ',' + std::to_string(sum - 10 * (n - 1)) + ",\n";
     }
     EXPECT_EQ(text.str(), expected);
+    Platform::filesystem().deleteTree(StringHelper::toWString(folder));
+}
+
+TEST(SystemMonitorOfMachine, LeavesTheFileOfAnotherServerAndAgreesWithTheSystem) {
+    const unsigned me = Machine::getPartitionId();
+    const std::filesystem::path before = std::filesystem::current_path();
+    std::string folder;
+    if (me == 0) {
+        folder = StringHelper::toString(Platform::filesystem().makeTemporaryDirectory(
+            Platform::filesystem().getDefaultTemporaryDirectory(), L"orvex-monitor-"));
+        std::filesystem::current_path(folder);
+        for (std::time_t now = std::time(nullptr), next = now; next < now + 60; ++next) {
+            char name[64];
+            ASSERT_NE(std::strftime(name, sizeof name, "memory-history-%Y%m%d%H%M%S.csv", std::gmtime(&next)),
+                      0u);
+            std::ofstream(name) << "of another server";
+        }
+    }
+    testing::internal::CaptureStdout();
+    Machine::enableSystemMonitor(true, 1000.0F);
+    Platform::time().sleep(0.1);
+    Machine::enableSystemMonitor(false, 50.0F);
+    const std::string told = testing::internal::GetCapturedStdout();
+    Platform::MemoryUse use;
+    ASSERT_TRUE(Platform::memory().createQuery(Platform::process().getPid())->query(use));
+    double size = static_cast<double>(use.virtualSize);
+    if (Machine::isParallel())
+        Machine::globalCommunicator().allReduce(size, Communicator::SUM);
+    EXPECT_NE(told.find("-2.csv\n"), std::string::npos) << told;
+    if (me != 0)
+        return;
+    const std::size_t place = told.find("memory-history-");
+    std::ifstream file(told.substr(place, told.size() - 1 - place));
+    std::string line;
+    std::string last;
+    while (std::getline(file, line))
+        last = line;
+    EXPECT_NEAR(std::stod(last.substr(last.find(',') + 1)), size, 0.02 * size) << last;
+    std::filesystem::current_path(before);
     Platform::filesystem().deleteTree(StringHelper::toWString(folder));
 }
 

@@ -5,12 +5,16 @@
 #include "machine/Machine.h"
 
 #include "parallel/harness/ParallelTest.h"
+#include "platform/Memory.h"
+#include "platform/Process.h"
 #include "unit/machine/reports/EventClock.h"
 #include "unit/machine/reports/EventReports.h"
 
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <fstream>
+#include <malloc.h>
 #include <map>
 #include <string>
 
@@ -26,7 +30,8 @@ std::string row(const char* name, const std::string& cells) {
 }
 
 std::string processTable(unsigned rank, bool isLast) {
-    const std::string rankCell = std::to_string(rank) + "     ";
+    std::string rankCell = std::to_string(rank);
+    rankCell.resize(6, ' ');
     const std::string common = "               1 |          2.0000 |          1.0000 |         20.0000 |";
     const std::string only = "               1 |          5.0000 |          2.5000 |         50.0000 |";
     return rule('=', 87) + "| Proc # " + rankCell +
@@ -39,12 +44,16 @@ std::string eventTable(unsigned ranks) {
         {2, "          2.5000 |          2.5000 |         25.0000 |"},
         {3, "          1.6667 |          2.3570 |         16.6667 |"},
         {4, "          1.2500 |          2.1651 |         12.5000 |"},
-        {7, "          0.7143 |          1.7496 |          7.1429 |"}};
-    const std::string common = row(
-        "Common::step ", "       2.000 / 0 |       2.000 / 0 |          2.0000 |          0.0000 |         "
-                         "20.0000 |");
-    const std::string only = row("Last::only   ", "       5.000 / " + std::to_string(ranks - 1) +
-                                                      " |       0.000 / 0 |" + averages.at(ranks));
+        {7, "          0.7143 |          1.7496 |          7.1429 |"},
+        {11, "          0.4545 |          1.4374 |          4.5455 |"},
+        {16, "          0.3125 |          1.2103 |          3.1250 |"}};
+    const std::string first = ranks > 10 ? "/  0 |" : "/ 0 |"; // as wide as the last rank
+    const auto cell = [](const std::string& text) { return std::string(18 - text.size(), ' ') + text; };
+    const std::string common =
+        row("Common::step ", cell("2.000 " + first) + cell("2.000 " + first) +
+                                 "          2.0000 |          0.0000 |         20.0000 |");
+    const std::string only = row("Last::only   ", cell("5.000 / " + std::to_string(ranks - 1) + " |") +
+                                                      cell("0.000 " + first) + averages.at(ranks));
     return rule('=', 105) +
            "| Event Logged  |Max (value/rank) |Min (value/rank) |         Average |          stddev |        "
            " % "
@@ -83,6 +92,42 @@ TEST(TimeProfileOfJob, ShowsEachRankAndAllRanks) {
         expected += processTable(rank, rank + 1 == ranks);
     EXPECT_EQ(readReport(path), expected + eventTable(ranks));
     std::remove(path.c_str());
+}
+
+/// [bytes] by which the resident memory of this process has grown at most since the last call.
+long long takePeakGrowth(long long& before) {
+    ::malloc_trim(0);
+    Platform::MemoryUse use;
+    EXPECT_TRUE(Platform::memory().createQuery(Platform::process().getPid())->query(use));
+    const long long growth = use.residentHighWater - before;
+    before = use.residentSize;
+    std::ofstream("/proc/self/clear_refs") << 5; // the peak begins anew
+    return growth;
+}
+
+TEST(TimeProfileOfJob, HoldsTheListOfOneRankAtATime) {
+    if (Machine::nProcesses() < 16)
+        GTEST_SKIP() << "for many lists";
+    constexpr std::size_t EVENTS = 4000;
+    const std::string method(200, 'x');
+    const auto list = static_cast<double>(EVENTS * (method.size() + 30)); // names and numbers of a rank
+    TimeLoggerManager manager(-1.0, EventClock::makeTimer);
+    manager.switchOn();
+    for (std::size_t i = 0; i < EVENTS; ++i) {
+        manager.startEventLog(std::to_string(i), method);
+        EventClock::pass(1.0);
+        manager.stopEventLog(std::to_string(i), method);
+    }
+    testing::internal::CaptureStdout();
+    manager.report(); // buffers of the message layer are there from now on
+    long long before = 0;
+    takePeakGrowth(before);
+    manager.report();
+    const long long growth = takePeakGrowth(before);
+    const std::string line = testing::internal::GetCapturedStdout();
+    EXPECT_LT(static_cast<double>(growth), 8.0 * list);
+    if (Machine::isMaster())
+        std::remove(line.substr(12, line.find('\n') - 12).c_str());
 }
 
 } // namespace

@@ -2,7 +2,9 @@
 
 #include "kernel/EventTracker.h"
 #include "kernel/MessagingGate.h"
+#include "platform/Process.h"
 
+#include "support/TemporaryDirectory.h"
 #include "unit/machine/MachineTestAccess.h"
 #include "unit/machine/reports/EventClock.h"
 #include "unit/machine/reports/EventReports.h"
@@ -10,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <filesystem>
 #include <string>
 
 namespace {
@@ -88,6 +91,37 @@ TEST_F(TimeProfile, CountsNestedAndOpenEventsOnceAndOrdersByTime) {
     EventClock::pass(4.0); // the open event goes on, the sampled time doesn't
     EXPECT_NE(report(manager, "1").find("|          8.0000 |          4.0000 |        200.0000 |"),
               std::string::npos);
+}
+
+TEST_F(TimeProfile, WithoutSampledTimeHasNoPercentages) {
+    TimeLoggerManager& manager = install(0.01);
+    manager.EventLoggerManager::switchOn(); // its own timer stands
+    manager.startEventLog("Only", "event");
+    EventClock::pass(2.0);
+    manager.stopEventLog("Only", "event");
+    EXPECT_NE(report(manager, "1")
+                  .find("\n| Only / event |               1 |          2.0000 |          1.0000 |          "
+                        "0.0000 |\n"),
+              std::string::npos);
+}
+
+TEST_F(TimeProfile, TellsThatItsFileCantBeWritten) {
+    const TemporaryDirectory folder;
+    const std::filesystem::path before = std::filesystem::current_path();
+    std::filesystem::create_symlink("/dev/full", std::filesystem::path(folder.getPath()) /
+                                                     ("orvexsim+-timed-events--np-1-" +
+                                                      std::to_string(Platform::process().getPid()) + ".log"));
+    for (const std::filesystem::path& path :
+         {std::filesystem::path("/proc"), std::filesystem::path(folder.getPath())}) {
+        std::filesystem::current_path(path); // no file can be made there; no room
+        testing::internal::CaptureStdout();
+        install(0.01).report();
+        EXPECT_NE(testing::internal::GetCapturedStdout().find(
+                      ".log\nWarning: the file of the event log could not be written\n"),
+                  std::string::npos)
+            << path;
+    }
+    std::filesystem::current_path(before);
 }
 
 TEST_F(TimeProfile, ShowsAsMuchOfALongNameAsFits) {
