@@ -2,7 +2,6 @@
 
 #include "kernel/Observer.h"
 #include "machine/MachineExport.h"
-#include "platform/TickClock.h"
 
 #include <array>
 #include <cstddef>
@@ -106,8 +105,8 @@ public:
     static GlobalMpiEvent* openGlobalEvent(const char* name, unsigned bytes);
     static Pt2PtMpiEvent* openPt2PtEvent(const char* name, unsigned bytes);
 
-    /// Takes the times of events from another clock than Platform::TickClock, for tests.
-    /// @param clock  [ns], null for TickClock
+    /// Takes the times of events from another clock, for tests.
+    /// @param clock  [ns]; null for the host's own
     static void setClock(std::uint64_t (*clock)()) { _clock = clock; }
 
     using GlobalEvents = std::map<std::string, std::unique_ptr<GlobalMpiEvent>>;
@@ -151,7 +150,7 @@ private:
         std::array<Slot, 256> recent;
     };
 
-    static std::uint64_t readClock() { return _clock ? _clock() : Platform::TickClock::read(); }
+    static std::uint64_t readClock();
     static double toSeconds(std::uint64_t ticks);
 
     static MpiStatisticsManager* _singleton;

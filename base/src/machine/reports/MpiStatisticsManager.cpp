@@ -9,6 +9,7 @@
 #include "kernel/Subject.h"
 #include "platform/Process.h"
 #include "platform/Thread.h"
+#include "platform/TickClock.h"
 
 #include <algorithm>
 #include <iostream>
@@ -64,6 +65,18 @@ public:
 
 } // namespace
 
+// ---- The clock.
+
+std::uint64_t (*MpiStatisticsManager::_clock)() = nullptr;
+
+inline std::uint64_t MpiStatisticsManager::readClock() {
+    return _clock ? _clock() : Platform::TickClock::read();
+}
+
+double MpiStatisticsManager::toSeconds(std::uint64_t ticks) {
+    return _clock ? static_cast<double>(ticks) * 1e-9 : Platform::TickClock::toSeconds(ticks);
+}
+
 // ---- Events.
 
 MpiStatisticsManager::MpiEvent::MpiEvent() = default;
@@ -103,11 +116,6 @@ void MpiStatisticsManager::Pt2PtMpiEvent::close(unsigned partner) {
 // ---- The manager.
 
 MpiStatisticsManager* MpiStatisticsManager::_singleton = nullptr;
-std::uint64_t (*MpiStatisticsManager::_clock)() = nullptr;
-
-double MpiStatisticsManager::toSeconds(std::uint64_t ticks) {
-    return _clock ? static_cast<double>(ticks) * 1e-9 : Platform::TickClock::toSeconds(ticks);
-}
 
 MpiStatisticsManager::MpiStatisticsManager() : _signalObserver(*this) {
     ORVEX_ASSERT(!_singleton, "Singleton already exists");
