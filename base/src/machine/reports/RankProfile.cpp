@@ -6,6 +6,7 @@
 
 #include "kernel/OrvexVersion.h"
 #include "kernel/profile/ProfileFile.h"
+#include "kernel/profile/ProfileJob.h"
 #include "platform/BatchSystem.h"
 #include "platform/Log.h"
 #include "platform/TickClock.h"
@@ -42,6 +43,7 @@ void describeRank(ProfileLayout::Header& header) {
 } // namespace
 
 void RankProfile::start() {
+    ProfileJob::removeOld(); // files in memory take memory
     std::string reason;
     std::unique_ptr<ProfileFile> file = ProfileFile::create(&reason);
     if (!file) {
