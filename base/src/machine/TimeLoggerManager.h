@@ -13,6 +13,7 @@
 #include <utility>
 
 class CallPaths;
+class ProfiledEvent;
 
 /// Measures how long events are open, in wall-clock and processor time, and writes a profile of all ranks.
 ///
@@ -26,7 +27,7 @@ public:
     /// The time of one event: from its outermost start to its outermost stop.
     class ORVEX_MACHINE_EXPORT TimerEventLogger : public EventLogger {
     public:
-        /// @param paths  also told of each start and stop, unless null
+        /// @param paths  also told of each start and stop, as is the profile of this rank, unless null
         TimerEventLogger(const std::string& first, const std::string& second, const Timer& timer,
                          std::shared_ptr<CallPaths> paths = nullptr);
         ~TimerEventLogger() override;
@@ -41,6 +42,7 @@ public:
     private:
         Timer _timer;
         std::shared_ptr<CallPaths> _paths;
+        std::shared_ptr<const ProfiledEvent> _profiled; ///< null without paths
         unsigned _pathEvent = 0;
     };
 

@@ -2,6 +2,7 @@
 
 #include "machine/MachineGround.h"
 #include "machine/messages/OperationRecord.h"
+#include "machine/reports/ProfileWriting.h"
 
 #include "platform/Memory.h"
 #include "platform/Process.h"
@@ -9,7 +10,6 @@
 #include "platform/Time.h"
 
 #include <algorithm>
-#include <cstring>
 
 namespace {
 
@@ -22,27 +22,6 @@ std::int64_t toNanoseconds(double seconds) {
 std::uint64_t toCount(double value) {
     return static_cast<std::uint64_t>(std::max(value, 0.0));
 }
-
-template <std::size_t SIZE>
-void copyText(char (&to)[SIZE], const std::string& text) {
-    std::memset(to, 0, SIZE);
-    std::memcpy(to, text.data(), std::min(text.size(), SIZE - 1));
-}
-
-/// Marks a record of the profile as being written, for its scope.
-class Writing {
-public:
-    explicit Writing(ProfileLayout::Word& sequence) : _sequence(sequence) {
-        _sequence.store(_sequence.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
-        std::atomic_thread_fence(std::memory_order_release);
-    }
-    ~Writing() { _sequence.store(_sequence.load(std::memory_order_relaxed) + 1, std::memory_order_release); }
-    Writing(const Writing&) = delete;
-    Writing& operator=(const Writing&) = delete;
-
-private:
-    ProfileLayout::Word& _sequence;
-};
 
 } // namespace
 
@@ -94,8 +73,8 @@ void CommandMeter::begin(const std::string& command) {
     ProfileLayout::Page& page = OperationRecord::getPage();
     if (_open.size() < ProfileLayout::MAX_DEPTH) {
         ProfileLayout::Command& shown = page.commands[_open.size()];
-        const Writing writing(shown.sequence);
-        copyText(shown.name, command);
+        const ProfileWriting writing(shown.sequence);
+        ProfileWriting::copyText(shown.name, command);
         shown.beganAt = toNanoseconds(start.at);
         shown.beginTick = start.tick;
         shown.operations = start.generation / 2;
@@ -122,8 +101,8 @@ CommandMeter::Cost CommandMeter::end(bool hasFailed) {
     const std::uint64_t number = page.bills.load(std::memory_order_relaxed);
     {
         ProfileLayout::Bill& bill = page.bill[number % ProfileLayout::NUMBER_BILLS];
-        const Writing writing(bill.sequence);
-        copyText(bill.command, start.command);
+        const ProfileWriting writing(bill.sequence);
+        ProfileWriting::copyText(bill.command, start.command);
         bill.beganAt = toNanoseconds(start.at);
         bill.wallTime = toCount(cost.wall * 1e9);
         bill.processorTime = toCount(cost.processor * 1e9);

@@ -3,6 +3,7 @@
 #include "machine/MachineGround.h"
 #include "machine/MachineHost.h"
 #include "machine/messages/OperationRecord.h"
+#include "machine/reports/ProfileWriting.h"
 
 #include "kernel/OrvexVersion.h"
 #include "kernel/profile/ProfileFile.h"
@@ -12,7 +13,6 @@
 #include "platform/TickClock.h"
 #include "platform/Time.h"
 
-#include <algorithm>
 #include <string>
 #include <utility>
 
@@ -20,22 +20,15 @@ ProfileFile* RankProfile::_file = nullptr;
 
 namespace {
 
-template <std::size_t SIZE>
-void copyText(char (&to)[SIZE], const std::string& text) {
-    const std::size_t length = std::min(text.size(), SIZE - 1);
-    std::copy_n(text.begin(), length, to);
-    to[length] = '\0';
-}
-
 void describeRank(ProfileLayout::Header& header) {
     header.rank = MachineGround::getPartitionId();
     header.ranks = MachineGround::nProcesses();
     for (const auto& [host, process] : MachineGround::getHost().getHostPidMap()) {
         if (process.second == header.rank)
-            copyText(header.host, host);
+            ProfileWriting::copyText(header.host, host);
         if (process.second != 0)
             continue;
-        copyText(header.masterHost, host);
+        ProfileWriting::copyText(header.masterHost, host);
         header.masterPid = static_cast<std::int32_t>(process.first);
     }
 }
@@ -52,8 +45,8 @@ void RankProfile::start() {
     }
     ProfileLayout::Header& header = file->getPage().header;
     describeRank(header);
-    copyText(header.product, OrvexVersion::getVersionedProductName());
-    copyText(header.job, Platform::findBatchJob());
+    ProfileWriting::copyText(header.product, OrvexVersion::getVersionedProductName());
+    ProfileWriting::copyText(header.job, Platform::findBatchJob());
     header.beganAt = static_cast<std::int64_t>(Platform::time().getSecondsSinceEpoch() * 1e9);
     header.beginTick = Platform::TickClock::read();
     header.ticksPerSecond = Platform::TickClock::getTicksPerSecond();

@@ -4,6 +4,7 @@
 #include "machine/MachineGround.h"
 #include "machine/OutputFileStream.h"
 #include "machine/reports/CallPaths.h"
+#include "machine/reports/ProfiledEvent.h"
 
 #include "kernel/Server.h"
 #include "platform/StringHelper.h"
@@ -30,8 +31,11 @@ double toPercent(double part, double total) {
 TimeLoggerManager::TimerEventLogger::TimerEventLogger(const std::string& first, const std::string& second,
                                                       const Timer& timer, std::shared_ptr<CallPaths> paths)
     : EventLogger(first, second), _timer(timer), _paths(std::move(paths)) {
-    if (_paths)
-        _pathEvent = _paths->addEvent(second.empty() ? first : first + "::" + second);
+    if (!_paths)
+        return;
+    const std::string name = second.empty() ? first : first + "::" + second;
+    _pathEvent = _paths->addEvent(name);
+    _profiled = std::make_shared<const ProfiledEvent>(name);
 }
 
 TimeLoggerManager::TimerEventLogger::~TimerEventLogger() {
@@ -44,6 +48,7 @@ void TimeLoggerManager::TimerEventLogger::onStart() {
         _timer.start();
     if (!_paths)
         return;
+    _profiled->start(getNumberOpen() == 0);
     if (getNumberOpen() == 0)
         _paths->start(_pathEvent);
     else
@@ -51,10 +56,13 @@ void TimeLoggerManager::TimerEventLogger::onStart() {
 }
 
 void TimeLoggerManager::TimerEventLogger::onStop() {
-    if (getNumberOpen() == 1 && _paths)
+    if (getNumberOpen() != 1)
+        return;
+    if (_paths) {
         _paths->stop(_pathEvent);
-    if (getNumberOpen() == 1)
-        _timer.stop();
+        _profiled->stop();
+    }
+    _timer.stop();
 }
 
 // ---- Measuring.

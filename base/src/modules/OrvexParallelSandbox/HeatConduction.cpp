@@ -3,6 +3,8 @@
 #include "machine/Communicator.h"
 #include "machine/ThreadUtility.h"
 
+#include "kernel/EventTracker.h"
+
 #include <algorithm>
 #include <array>
 #include <chrono>
@@ -11,6 +13,8 @@
 #include <numbers>
 
 namespace {
+
+constexpr const char* CLASS = "HeatConduction"; ///< of its events
 
 class Stopwatch {
 public:
@@ -138,6 +142,7 @@ HeatConduction::Result HeatConduction::solve(double tolerance, unsigned maxItera
 bool HeatConduction::advance(double tolerance, unsigned maxIterations, unsigned steps,
                              const Watcher& watcher) {
     const TimedScope timed(_result.wallTime);
+    const EventTracker::Track track(CLASS, "advance");
     const double sourceNorm = std::sqrt(static_cast<double>(_nx) * _ny);
     for (unsigned done = 0; done < steps; ++done) {
         multiply(_residual, _residualProduct);
@@ -154,6 +159,7 @@ bool HeatConduction::advance(double tolerance, unsigned maxIterations, unsigned 
         const double conjugation = _result.iterations == 0 ? 0.0 : square / _oldSquare;
         const double step =
             square / (_result.iterations == 0 ? product : product - conjugation * square / _oldStep);
+        const EventTracker::Track updating(CLASS, "update");
         scaleAndAdd(_residual, conjugation, _direction);
         scaleAndAdd(_residualProduct, conjugation, _directionProduct);
         addScaled(_direction, step, _u);
@@ -172,10 +178,12 @@ HeatConduction::Result HeatConduction::getResult() {
 }
 
 void HeatConduction::multiply(GridField& in, GridField& out) {
+    const EventTracker::Track track(CLASS, "multiply");
     const int lastX = in.countX() - 1;
     const int lastY = in.countY() - 1;
     {
         const TimedScope communication(_communicationTime);
+        const EventTracker::Track exchange(CLASS, "exchangeBorders");
         _halo.begin(in);
     }
     forRows([&](int first, int end, std::size_t) {
@@ -184,6 +192,7 @@ void HeatConduction::multiply(GridField& in, GridField& out) {
     });
     {
         const TimedScope communication(_communicationTime);
+        const EventTracker::Track exchange(CLASS, "exchangeBorders");
         _halo.end(in);
     }
     for (int j = 1; j < lastY; ++j) {
@@ -250,6 +259,7 @@ HeatConduction::Totals HeatConduction::sumUp(const GridField& product) const {
 
 template <class V>
 void HeatConduction::addUp(V& values) {
+    const EventTracker::Track track(CLASS, "addUp");
     if (!_communicator)
         return;
     const TimedScope communication(_communicationTime);

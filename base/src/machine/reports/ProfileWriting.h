@@ -1,0 +1,32 @@
+#pragma once
+
+#include "kernel/profile/ProfileLayout.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <string>
+
+/// Marks a record of the profile as being written, for its scope.
+class ProfileWriting {
+public:
+    explicit ProfileWriting(ProfileLayout::Word& sequence) : _sequence(sequence) {
+        _sequence.store(_sequence.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+        std::atomic_thread_fence(std::memory_order_release);
+    }
+    ~ProfileWriting() {
+        _sequence.store(_sequence.load(std::memory_order_relaxed) + 1, std::memory_order_release);
+    }
+    ProfileWriting(const ProfileWriting&) = delete;
+    ProfileWriting& operator=(const ProfileWriting&) = delete;
+
+    /// What doesn't fit is cut off.
+    template <std::size_t SIZE>
+    static void copyText(char (&to)[SIZE], const std::string& text) {
+        const std::size_t length = std::min(text.size(), SIZE - 1);
+        std::copy_n(text.begin(), length, to);
+        std::fill(to + length, to + SIZE, '\0');
+    }
+
+private:
+    ProfileLayout::Word& _sequence;
+};
