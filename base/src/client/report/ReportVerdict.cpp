@@ -11,7 +11,8 @@
 
 namespace {
 
-constexpr const char* EVENTS_ON = "orvexctl ChangeEventLoggerManager type=timer";
+constexpr const char* EVENTS_ON =
+    "orvexctl ChangeEventLoggerManager type=timer, then orvexctl EnableEventLogging enableFlag=true";
 constexpr const char* MESSAGES_ON = "orvexctl EnableMpiStatistics enableFlag=true";
 constexpr const char* MEMORY_ON = "orvexctl EnableSystemMonitor enable=true";
 constexpr std::size_t MAX_NAME = 80; ///< of an event or host in a sentence

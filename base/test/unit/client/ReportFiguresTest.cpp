@@ -104,7 +104,8 @@ TEST(ReportVerdict, NamesTheRankThatHoldsTheOthersUp) {
     EXPECT_EQ(ReportVerdict::sentence(late),
               "Rank 2 on node1 computes 1.3 times the mean; the others wait 35 % of the time. To see in "
               "which event, "
-              "turn the time profile on: orvexctl ChangeEventLoggerManager type=timer");
+              "turn the time profile on: orvexctl ChangeEventLoggerManager type=timer, then orvexctl "
+              "EnableEventLogging enableFlag=true");
     late.hasEvents = true;
     late.events = {{"Solver::assemble", -1, {}, {20, 20, 56, 20}, false},
                    {"Solver::exchange", -1, {}, {35, 35, 1, 35}, false}};
