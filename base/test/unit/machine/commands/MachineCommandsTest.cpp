@@ -92,8 +92,8 @@ TEST_F(MachineCommands, AnswerAndPrint) {
 TEST_F(MachineCommands, TellAProfileOfOneProcess) {
     Properties profile = run(R"({"command":"GetProfile"})");
     const std::vector<std::string> names = profile.getNames();
-    for (const char* const key :
-         {"written", "product", "session", "commandLine", "warnings", "build", "hosts", "start", "spans", "bills", "options"}) {
+    for (const char* const key : {"written", "product", "session", "commandLine", "warnings", "build",
+                                  "hosts", "start", "spans", "bills", "options"}) {
         EXPECT_TRUE(profile.hasName(key)) << key;
         profile.remove(key);
     }
