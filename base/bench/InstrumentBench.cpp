@@ -168,7 +168,7 @@ private:
                         100.0 * (with - without) / _monitorTime);
     }
 
-    /// What the ranks tell of their events, event by event and then the rows of each rank.
+    /// The events of the ranks as they travel, event by event and then the rows of each rank.
     void gatherRaw(int iterations) {
         for (int i = 0; i < iterations; ++i)
             gatherRaw();

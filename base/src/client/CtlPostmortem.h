@@ -20,7 +20,7 @@ public:
     void mention();
 
 private:
-    /// What the words ask for.
+    /// The wish in the words.
     struct Wish {
         std::string job;              ///< empty: all of them, in a list
         std::optional<unsigned> rank; ///< that one alone

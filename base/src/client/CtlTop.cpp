@@ -39,7 +39,7 @@ std::optional<double> toSeconds(const std::string& text) {
     return seconds && *seconds >= MIN_SECONDS && *seconds <= MAX_SECONDS ? seconds : std::nullopt;
 }
 
-/// What shows a style: the first with colours, the second without.
+/// The escape codes of a style: the first with colours, the second without.
 const char* escapeOf(TopStyle style, bool hasColours) {
     switch (style) {
     case TopStyle::TITLE:

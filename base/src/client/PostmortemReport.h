@@ -16,7 +16,7 @@ public:
     std::string getText() const;
     /// One rank in full. None when it left no profile here.
     std::optional<std::string> describeRank(unsigned rank) const;
-    /// What a list of jobs tells of this one.
+    /// This job's row in a list of jobs.
     Properties getSummary() const;
     /// A point in time, in the zone of this host.
     static std::string describeTime(double secondsSinceEpoch);

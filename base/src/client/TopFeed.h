@@ -34,7 +34,7 @@ public:
     void ask(const std::string& request);
     /// A frame that has arrived since the last call. @throw RpcClientError when no more will come
     std::optional<TopFrame> take();
-    /// What the server has told unasked.
+    /// Notices that the server has sent unasked.
     std::vector<std::string> takeNotices();
 
     void run() override;

@@ -196,7 +196,7 @@ Rows rowsOfRanks(const LiveJob& job, const std::string& wanted) {
     return rows;
 }
 
-/// What a row is sorted by: the smallest first.
+/// The key that rows are sorted by: the smallest first.
 double valueOf(const Row& row, TopView::Sort sort) {
     constexpr double NO_VALUE = 1e300; // at the end
     switch (sort) {

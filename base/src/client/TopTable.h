@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-/// What a line of the live view is, for colours. No meaning hangs on it alone.
+/// The kind of a line, for colours. No meaning hangs on it alone.
 enum class TopStyle { PLAIN, TITLE, HEAD, SELECTED, BAD, SLOW, MEMORY, FAINT };
 
 /// The table of the live view: a line for each host or rank, and the columns that a width has room for.

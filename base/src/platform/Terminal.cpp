@@ -64,7 +64,7 @@ void onFault(int, int, void*) {
     giveBack();
 }
 
-/// What keys send behind the escape character.
+/// The characters that keys send behind the escape character.
 constexpr std::array<std::pair<std::string_view, Terminal::Key>, 21> SEQUENCES{{
     {"[A", Terminal::UP},         {"OA", Terminal::UP},     {"[B", Terminal::DOWN},
     {"OB", Terminal::DOWN},       {"[C", Terminal::RIGHT},  {"OC", Terminal::RIGHT},

@@ -1,4 +1,4 @@
-"""What ranks leave when they die, and what orvexctl tells of it."""
+"""Ranks leave a profile when they die, and orvexctl tells of it."""
 import json
 import pathlib
 import signal

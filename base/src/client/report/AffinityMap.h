@@ -4,7 +4,8 @@
 
 #include <string>
 
-/// Where the ranks of each host may run, as pictures: sockets, NUMA nodes, cores and their processors.
+/// Pictures of the places where the ranks of each host may run: sockets, NUMA nodes, cores and their
+/// processors.
 namespace AffinityMap {
 
 /// Hosts that are built and bound alike share one picture. Empty when the profile tells of no processors.

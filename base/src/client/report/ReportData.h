@@ -14,7 +14,7 @@ struct ReportData {
 
     using PerRank = std::vector<double>; ///< in rank order; empty or as long as the job has ranks
 
-    /// Where the ranks of a host may run. The first four have one entry for each processor.
+    /// The places where the ranks of a host may run. The first four have one entry for each processor.
     struct Affinity {
         std::vector<long> processors; ///< numbers of the operating system
         std::vector<long> cores;

@@ -18,7 +18,7 @@ std::string events(const ReportData& data);
 std::string messages(const ReportData& data);
 /// Memory by rank and over time.
 std::string memory(const ReportData& data);
-/// Where the ranks may run.
+/// The places where the ranks may run.
 std::string hosts(const ReportData& data);
 /// The start of the job.
 std::string start(const ReportData& data);

@@ -22,7 +22,7 @@ std::string times(double factor) {
     return ReportText::fixed(factor, 1) + " times";
 }
 
-/// Where a rank spends more than the others.
+/// The event in which a rank spends more time than the others.
 struct Place {
     std::string event;
     double factor = 1.0; ///< against the mean over the ranks

@@ -5,14 +5,14 @@
 #include <string>
 #include <vector>
 
-/// What a reader should know before all figures. Plain text, not HTML.
+/// Text that a reader should know before all figures. Plain text, not HTML.
 namespace ReportVerdict {
 
 constexpr double GOOD = 0.8; ///< a parallel efficiency from here on is accepted, as the POP centre advises
 
 /// A sentence or two: which rank or host holds the others up, and where, or that nothing stands out.
 std::string sentence(const ReportData& data);
-/// What makes the times doubtful: a debug build, too many ranks on a host, commands that failed.
+/// Reasons to doubt the times: a debug build, too many ranks on a host, commands that failed.
 std::vector<std::string> warnings(const ReportData& data);
 
 /// An instrument that was off, and how to turn it on.

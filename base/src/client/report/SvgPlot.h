@@ -9,7 +9,7 @@
 /// Pictures of the report as SVG. The style sheet gives colours to their classes. All texts given are plain.
 namespace SvgPlot {
 
-/// What a plot shows, for its axes and for readers that can't see it.
+/// The texts of a plot, for its axes and for readers that can't see it.
 struct Labels {
     std::string title;
     std::string across; ///< the axis from left to right

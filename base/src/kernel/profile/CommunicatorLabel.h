@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <string>
 
-/// What a profile and the record of operations tell of a communicator, in one word: name and size in the
+/// A communicator in one word, for profiles and the record of operations: name and size in the
 /// lower half, and in the upper half a tag that tells it from others.
 namespace CommunicatorLabel {
 

@@ -17,7 +17,7 @@ constexpr double START_TIME = 600.0; ///< [s] within which all ranks of a job be
 
 using Life = ProfileSnapshot::Life;
 
-/// What lies in the folders.
+/// The files in the folders.
 struct Found {
     std::vector<ProfileSnapshot> snapshots = {};
     std::vector<std::string> unreadable = {}; ///< paths

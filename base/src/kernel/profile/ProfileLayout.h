@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 
-/// What a rank keeps up to date about itself in a file of a few pages, so that others can read it without the
+/// A rank keeps this up to date about itself in a file of a few pages, so that others can read it without the
 /// rank: while it is busy, and when it has died.
 ///
 /// The file lies in memory, and its rank alone writes to it, on its main thread. A record with a sequence is
@@ -72,7 +72,7 @@ struct Event {
     std::uint64_t openedAt;    ///< [ticks], 0: it isn't open
 };
 
-/// What a command cost this rank. The latest is at (bills - 1) % NUMBER_BILLS.
+/// The cost of a command on this rank. The latest is at (bills - 1) % NUMBER_BILLS.
 struct Bill {
     Word sequence;
     char command[96];

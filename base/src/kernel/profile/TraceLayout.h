@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <type_traits>
 
-/// What a rank records while a trace is taken, as its clients get it: records of a fixed size, as bytes.
+/// The records of a rank while a trace is taken, as its clients get them: records of a fixed size, as bytes.
 namespace TraceLayout {
 
 enum Kind : std::uint8_t {

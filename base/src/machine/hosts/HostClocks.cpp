@@ -64,14 +64,14 @@ const std::vector<unsigned>& getFirstRanks() {
     return ranks;
 }
 
-/// What a host answers: the time on the first host, as far as it knows it.
+/// The answer of a host: the time on the first host, as far as it knows it.
 struct Answer {
     std::uint64_t master = 0;    ///< [ticks of the first host]
     std::uint64_t tolerance = 0; ///< [ns]
     double rate = 0.0;           ///< ticks of the first host in a second
 };
 
-/// What a host knows at the moment of a measurement.
+/// The knowledge of a host at the moment of a measurement.
 struct Knowledge {
     HostClocks::Point point; ///< on the first host equal numbers
     double rate = 0.0;       ///< of the first host

@@ -43,7 +43,7 @@ public:
     static void install(OperationTrace& trace) { _installed = &trace; }
     /// While a trace is on.
     static OperationTrace& get() { return *_installed; }
-    /// What closeUnseen() does, out of the way of operations.
+    /// The work of closeUnseen(), out of the way of operations.
     static void leaveUnseen() noexcept;
 
 private:

@@ -22,7 +22,7 @@ public:
     static constexpr std::size_t MAX_PATHS = 2000;
     static constexpr unsigned NONE = ~0u;
 
-    /// What stands between the names in a key. Names hold no control characters.
+    /// The text between the names in a key. Names hold no control characters.
     static constexpr char SEPARATOR = '\n';
 
     struct Path {

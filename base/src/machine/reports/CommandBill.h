@@ -10,8 +10,8 @@
 
 class Communicator;
 
-/// What a command cost the job: for each figure the sum over the ranks, the smallest, the mean, the largest,
-/// and which ranks they are.
+/// The cost of a command for the job: for each figure the sum over the ranks, the smallest, the mean, the
+/// largest, and which ranks they are.
 ///
 /// The load is balanced when `imbalance`, the largest value divided by the mean, is 1.
 class ORVEX_MACHINE_EXPORT CommandBill {

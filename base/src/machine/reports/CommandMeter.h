@@ -12,7 +12,7 @@ namespace Platform {
 class MemoryQuery;
 }
 
-/// What a command cost this rank: its processor time and waiting, memory and messages.
+/// Measures the cost of a command on this rank: its processor time and waiting, memory and messages.
 ///
 /// The meter notes what the process has used when a command begins, and takes the difference at its end. It
 /// writes both into this rank's profile (ProfileLayout), where others read them. A command may run inside
@@ -40,7 +40,7 @@ public:
     Cost end(bool hasFailed);
     /// When that command began [s since 1970], before end().
     double getBeginning() const;
-    /// What the outermost command at work has cost this rank so far, with the keys of a bill, and "rank";
+    /// The cost of the outermost command at work on this rank so far, with the keys of a bill, and "rank";
     /// empty when none is at work. Any thread.
     Properties describeSoFar();
     /// Sums over the commands that have ended, the outermost ones; the largest of peakMemory.

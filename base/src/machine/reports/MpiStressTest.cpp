@@ -38,7 +38,7 @@ unsigned MpiStressTest::agree(double seconds) {
     return static_cast<unsigned>(std::clamp(LIMIT / std::max(seconds, 1e-9), 1.0, double(_nSamples)));
 }
 
-/// Where ranks share processors a synchronisation takes long, and meet() has to do.
+/// Ranks that share processors take long for a synchronisation, so that meet() has to do.
 void MpiStressTest::chooseSettleRounds() {
     constexpr unsigned MOST = 10;
     constexpr double LIMIT = 0.02; // [s]

@@ -19,7 +19,7 @@ public:
     ProfileWriting(const ProfileWriting&) = delete;
     ProfileWriting& operator=(const ProfileWriting&) = delete;
 
-    /// What doesn't fit is cut off.
+    /// Cuts off the rest of a text that doesn't fit.
     template <std::size_t SIZE>
     static void copyText(char (&to)[SIZE], const std::string& text) {
         const std::size_t length = std::min(text.size(), SIZE - 1);

@@ -22,8 +22,8 @@ constexpr double PATIENCE = 120.0; ///< [s] for which nobody has to ask for what
 constexpr unsigned DEPTH_BITS = 16;
 constexpr const char* OTHERS = "(others)"; ///< the first name, for those beyond the limit
 
-/// What can be said of the moments at which ranks leave a collective that has data. One whose data may be
-/// empty on some ranks, or which waits beside the messages, tells nothing.
+/// Tells what can be said of the moments at which ranks leave a collective that has data. One whose data may
+/// be empty on some ranks, or which waits beside the messages, tells nothing.
 TraceLayout::Kind kindOf(Collective collective) {
     switch (collective) {
     case Collective::SYNCHRONISE:
@@ -159,7 +159,7 @@ void TraceRecorder::expect(std::uint64_t trace) const {
         raise(InputError("This trace isn't known any more"));
 }
 
-/// Where memory is short, for less.
+/// For less when memory is short.
 void TraceRecorder::reserve(std::size_t records) {
     constexpr std::size_t LEAST = 1000;
     for (_room = records;; _room /= 2)

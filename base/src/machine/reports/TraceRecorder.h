@@ -22,7 +22,7 @@ class ORVEX_MACHINE_EXPORT TraceRecorder final : public OperationTrace, public E
 public:
     using Record = TraceLayout::Record;
 
-    /// What was taken down.
+    /// The records that were taken down.
     struct Summary {
         std::uint64_t trace = 0;
         std::uint64_t begin = 0; ///< of the span [ticks]

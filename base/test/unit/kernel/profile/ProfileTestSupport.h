@@ -20,7 +20,7 @@ protected:
         std::strncpy(field, text, SIZE - 1);
     }
 
-    /// What rank 1 of 3 noted: it stands in the second of two operations, in a command, after one bill.
+    /// The notes of rank 1 of 3: it stands in the second of two operations, in a command, after one bill.
     static void fill(ProfileLayout::Page& page) {
         page.header.rank = 1;
         page.header.ranks = 3;

@@ -34,7 +34,7 @@ protected:
     void begin(double seconds = 1000.0, std::size_t room = MANY) {
         std::thread([&] { recorder.begin(++number, seconds, room); }).join();
     }
-    /// What was taken down, in the order of the ends: as in "send 8 bytes to 2", with "<" for a begin and ">"
+    /// The records in the order of the ends: as in "send 8 bytes to 2", with "<" for a begin and ">"
     /// for an end that was cut, and the depth as spaces.
     std::vector<std::string> end() {
         std::thread([&] { summary = recorder.end(number); }).join();
