@@ -12,7 +12,7 @@ from harness import MPIS, PATIENCE, Case, Room, main, wait_until
 from cluster import Cluster, is_possible
 
 SOLVER = ("-module", "OrvexParallelSandbox")
-LONG = ("SolveHeatConduction", "nx=300", "ny=300", "tolerance=1e-15", "maxIterations=100000000", "reportInterval=0")
+LONG = ("SolveHeatConduction", "nx=1200", "ny=1200", "tolerance=1e-15", "maxIterations=100000000", "reportInterval=0")
 SHORT = ("SolveHeatConduction", "nx=16", "ny=16")
 CLOCK_SOURCE = "/sys/devices/system/clocksource/clocksource0/current_clocksource"
 

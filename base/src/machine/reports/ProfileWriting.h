@@ -10,8 +10,7 @@
 class ProfileWriting {
 public:
     explicit ProfileWriting(ProfileLayout::Word& sequence) : _sequence(sequence) {
-        _sequence.store(_sequence.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
-        std::atomic_thread_fence(std::memory_order_release);
+        _sequence.fetch_add(1, std::memory_order_acq_rel); // what follows isn't written before it
     }
     ~ProfileWriting() {
         _sequence.store(_sequence.load(std::memory_order_relaxed) + 1, std::memory_order_release);
