@@ -257,6 +257,8 @@ int Ctl::runCommand(const std::string& name, const std::vector<CommandWords::Wor
         if (!reply.bill.empty())
             _console.print(_options.json ? "{\"bill\":" + reply.bill + "}\n"
                                          : CtlBill::describe(Properties(std::string_view(reply.bill))));
+        else if (_options.bill && !reply.failed)
+            _console.tell("No bill is kept of " + name + ": it doesn't run on all ranks");
         return code;
     } catch (const RpcClientError& error) {
         if (error.getTrouble() != RpcClientError::TIMED_OUT && error.getTrouble() != RpcClientError::GIVEN_UP)

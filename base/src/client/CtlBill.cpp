@@ -1,5 +1,7 @@
 #include "client/CtlBill.h"
 
+#include "client/Quantity.h"
+
 #include <algorithm>
 #include <array>
 #include <cmath>
@@ -46,16 +48,6 @@ std::string showSeconds(double seconds) {
     return format(size < 1000.0 ? "%.2f s" : "%.0f s", seconds);
 }
 
-std::string showBytes(double bytes) {
-    static constexpr std::array UNITS{"B", "KiB", "MiB", "GiB", "TiB", "PiB"};
-    std::size_t unit = 0;
-    while (std::abs(bytes) >= 1024.0 && unit + 1 < UNITS.size()) {
-        bytes /= 1024.0;
-        ++unit;
-    }
-    return format(unit == 0 ? "%.0f %s" : "%.1f %s", bytes, UNITS[unit]);
-}
-
 std::string show(double value, Unit unit) {
     switch (unit) {
     case Unit::SECONDS:
@@ -63,7 +55,7 @@ std::string show(double value, Unit unit) {
     case Unit::SHARE:
         return format("%.1f %%", value * 100.0);
     case Unit::BYTES:
-        return showBytes(value);
+        return Quantity::bytes(value);
     case Unit::COUNT:
         break;
     }
@@ -117,7 +109,7 @@ std::string CtlBill::describeSoFar(const Properties& bill) {
     return "rank " + std::to_string(bill.getUnsignedInt("rank")) + ": " +
            showSeconds(bill.getReal("processor")) + " of processor time, " +
            show(bill.getReal("waitingShare"), Unit::SHARE) + " waiting, " +
-           showBytes(bill.getReal("addedMemory")) + " of memory added, " +
+           Quantity::bytes(bill.getReal("addedMemory")) + " of memory added, " +
            show(bill.getReal("messages"), Unit::COUNT) + " messages";
 }
 
@@ -132,15 +124,16 @@ std::string CtlBill::list(const std::vector<Properties>& bills) {
         format("%-8s  %-*s  %10s  %10s  %9s  %8s  %12s  %10s  %10s\n", "began", int(width), "command", "wall",
                "processor", "most/mean", "waiting", "peak memory", "messages", "bytes");
     for (const Properties& bill : bills) {
-        text += format(
-            "%-8s  %-*.40s  %10s  %10s  %9.2f  %8s  %12s  %10s  %10s%s\n",
-            localTime(bill.getReal("began")).c_str(), int(width), bill.getString("command").c_str(),
-            showSeconds(bill.getReal("wall")).c_str(), showSeconds(read(bill, "processor", "total")).c_str(),
-            read(bill, "processor", "imbalance"),
-            show(read(bill, "waitingShare", "mean"), Unit::SHARE).c_str(),
-            showBytes(read(bill, "peakMemory", "max")).c_str(),
-            show(read(bill, "messages", "total"), Unit::COUNT).c_str(),
-            showBytes(read(bill, "bytes", "total")).c_str(), bill.getOr("failed", false) ? "  failed" : "");
+        text += format("%-8s  %-*.40s  %10s  %10s  %9.2f  %8s  %12s  %10s  %10s%s\n",
+                       localTime(bill.getReal("began")).c_str(), int(width),
+                       bill.getString("command").c_str(), showSeconds(bill.getReal("wall")).c_str(),
+                       showSeconds(read(bill, "processor", "total")).c_str(),
+                       read(bill, "processor", "imbalance"),
+                       show(read(bill, "waitingShare", "mean"), Unit::SHARE).c_str(),
+                       Quantity::bytes(read(bill, "peakMemory", "max")).c_str(),
+                       show(read(bill, "messages", "total"), Unit::COUNT).c_str(),
+                       Quantity::bytes(read(bill, "bytes", "total")).c_str(),
+                       bill.getOr("failed", false) ? "  failed" : "");
     }
     return text;
 }

@@ -1,5 +1,6 @@
 #include "client/PostmortemReport.h"
 
+#include "client/Quantity.h"
 #include "client/ResponsePrinter.h"
 #include "kernel/Properties.h"
 #include "kernel/profile/RankList.h"
@@ -49,14 +50,6 @@ std::string timeText(double seconds) {
     if (seconds < 120.0)
         return format("%.1f s", seconds);
     return seconds < 7200.0 ? format("%.1f min", seconds / 60.0) : format("%.1f h", seconds / 3600.0);
-}
-
-std::string sizeText(double bytes) {
-    if (bytes < 1e3)
-        return format("%.0f B", bytes);
-    if (bytes < 1e6)
-        return format("%.1f kB", bytes / 1e3);
-    return bytes < 1e9 ? format("%.1f MB", bytes / 1e6) : format("%.2f GB", bytes / 1e9);
 }
 
 std::string percent(double fraction) {
@@ -325,7 +318,7 @@ struct Spent {
         setFold(row, "waiting", waiting, &percent);
         row.set("operations", format("%.0f", operations.getMax()));
         if (isOver) {
-            row.set("peak memory", sizeText(memory.getMax()));
+            row.set("peak memory", Quantity::bytes(memory.getMax()));
             row.set("end", hasFailed ? "failed" : "done");
         }
         return row;
@@ -484,8 +477,8 @@ std::optional<std::string> PostmortemReport::describeRank(unsigned rank) const {
         return groupText({&member}, _job.getLastActivity()) + "  process " + std::to_string(member.pid) +
                " on " + member.host + "; last note at " + dateText(member.lastActivity) +
                "\n  since its start " + number(member.begunOperations, "operation") + " with " +
-               sizeText(static_cast<double>(member.bytes)) + ", waiting for " + timeText(member.waitSeconds) +
-               "\n" +
+               Quantity::bytes(static_cast<double>(member.bytes)) + ", waiting for " +
+               timeText(member.waitSeconds) + "\n" +
                table("Last operations, the newest first; ago: before the last note", operationRows(member)) +
                timesText({&member});
     }

@@ -155,7 +155,7 @@ Line worstOf(const LiveJob& job) {
     if (total.memory.count > 1)
         text += (text.empty() ? "+ " : "; + ") +
                 placeOf(total.memory.maxRank, job.findHostOf(total.memory.maxRank, &LiveHost::memory, true)) +
-                " has " + TopTable::toBytes(total.memory.max);
+                " has " + TopTable::toSize(total.memory.max);
     return {text, slowest ? TopStyle::SLOW : TopStyle::PLAIN};
 }
 

@@ -307,7 +307,7 @@ std::string TopTable::toSize(double bytes) {
 std::string TopTable::toBytes(double bytes) {
     const std::string size = toSize(bytes);
     const std::size_t digits = size.find_first_not_of("0123456789.");
-    return digits == size.npos ? size + " B" : size.substr(0, digits) + " " + size.substr(digits) + "B";
+    return digits == size.npos ? size + " B" : size.substr(0, digits) + " " + size.substr(digits) + "iB";
 }
 
 std::size_t TopTable::widthOf(std::string_view text) {

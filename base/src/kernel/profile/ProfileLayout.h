@@ -58,7 +58,7 @@ struct Command {
     std::uint64_t beginTick;  ///< [ticks]
     std::uint64_t operations; ///< the values at its begin
     std::uint64_t bytes;
-    std::uint64_t waitTicks;
+    std::uint64_t waitTicks;     ///< without lentTicks
     std::uint64_t processorTime; ///< [ns] of the process
     std::uint64_t memory;        ///< [bytes] resident
 };

@@ -190,9 +190,15 @@ private:
         _snapshot.begunOperations = begun(valueOf(board.generation));
         _snapshot.isInside = valueOf(board.generation) % 2 != 0;
         _snapshot.bytes = valueOf(board.bytes);
-        _snapshot.waitSeconds = _clock.length(valueOf(board.waitTicks));
+        _snapshot.waitSeconds = _clock.length(getWaitTicks());
         _snapshot.looks = valueOf(board.looks);
         _snapshot.lentSeconds = _clock.length(valueOf(board.lentTicks));
+    }
+
+    /// Without those in which the rank had lent its processor.
+    std::uint64_t getWaitTicks() const {
+        const std::uint64_t all = valueOf(_second.board.waitTicks);
+        return all - std::min(valueOf(_second.board.lentTicks), all);
     }
 
     static std::uint64_t begun(std::uint64_t generation) { return generation / 2 + generation % 2; }
@@ -283,7 +289,7 @@ private:
             command.seconds = std::max(0.0, _clock.between(slot.beginTick, _momentTick));
             command.operations = difference(_snapshot.begunOperations, slot.operations);
             command.bytes = difference(_snapshot.bytes, slot.bytes);
-            command.waitSeconds = _clock.length(difference(valueOf(_second.board.waitTicks), slot.waitTicks));
+            command.waitSeconds = _clock.length(difference(getWaitTicks(), slot.waitTicks));
             command.processorSeconds = static_cast<double>(slot.processorTime) / NANOSECONDS;
             command.memory = slot.memory;
             _snapshot.commands.push_back(std::move(command));

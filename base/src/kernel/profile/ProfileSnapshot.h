@@ -84,7 +84,7 @@ struct ORVEX_KERNEL_EXPORT ProfileSnapshot {
     std::uint64_t begunOperations = 0;
     bool isInside = false; ///< an operation
     std::uint64_t bytes = 0;
-    double waitSeconds = 0.0; ///< in operations that may wait, without the one that is open
+    double waitSeconds = 0.0; ///< in operations that may wait, without the one that is open and lentSeconds
     std::uint64_t looks = 0;  ///< in vain
     double lentSeconds = 0.0;
     std::uint64_t depth = 0;           ///< commands at work

@@ -12,6 +12,8 @@ using Platform::ThreadState;
 
 namespace {
 
+constexpr const char* LENDS = "leaveHybridContext"; ///< the operation in which a rank sleeps beside threads
+
 constexpr unsigned LOOKS_BETWEEN_SEARCHES = 30; ///< for profiles that weren't there
 
 LiveRank::State toState(ThreadState::State state) {
@@ -46,7 +48,9 @@ void take(const ProfileSnapshot& profile, RankSample& sample) {
     if (!profile.operations.empty() && profile.operations.front().isOpen) {
         const ProfileSnapshot::Operation& operation = profile.operations.front();
         sample.operation = operation.name.empty() ? "an operation" : shorten(operation.name);
-        open = sample.operationSeconds = operation.seconds;
+        sample.operationSeconds = operation.seconds;
+        if (sample.operation != LENDS) // its processor works for another rank meanwhile
+            open = operation.seconds;
         sample.waitSeconds += open;
     }
     if (profile.commands.empty())

@@ -79,7 +79,7 @@ void CommandMeter::begin(const std::string& command) {
         shown.beginTick = start.tick;
         shown.operations = start.generation / 2;
         shown.bytes = start.bytes;
-        shown.waitTicks = start.waitTicks;
+        shown.waitTicks = start.waitTicks - start.lentTicks;
         shown.processorTime = toCount(start.processor * 1e9);
         shown.memory = toCount(static_cast<double>(start.memory));
     }

@@ -69,8 +69,8 @@ Commands at work, up to the last note of each rank
 
 Commands before, the last one first
   command   began     time      mean waiting  most waiting   operations  peak memory  end
-  GetTimes  00:16:42  2.0 s     40 %          75 % (rank 5)  7           3.0 MB       failed
-  GetHosts  00:16:41  100.0 ms  0 %           0 % (rank 0)   0           2.0 MB       done
+  GetTimes  00:16:42  2.0 s     40 %          75 % (rank 5)  7           2.9 MiB      failed
+  GetHosts  00:16:41  100.0 ms  0 %           0 % (rank 0)   0           1.9 MiB      done
 
 Events
   event         count  mean time  most time       open on ranks
@@ -112,8 +112,8 @@ Commands at work, up to the last note of each rank
 
 Commands before, the last one first
   command   began     time      mean waiting  most waiting   operations  peak memory  end
-  GetTimes  00:16:42  2.0 s     12 %          12 % (rank 0)  7           3.0 MB       done
-  GetHosts  00:16:41  100.0 ms  0 %           0 % (rank 0)   0           2.0 MB       done
+  GetTimes  00:16:42  2.0 s     12 %          12 % (rank 0)  7           2.9 MiB      done
+  GetHosts  00:16:41  100.0 ms  0 %           0 % (rank 0)   0           1.9 MiB      done
 
 Events
   event         count  mean time  most time       open on ranks

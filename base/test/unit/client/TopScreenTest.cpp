@@ -36,9 +36,9 @@ TEST(TopScreen, ShowsHosts) {
     EXPECT_EQ(draw(frameOf(48, 12), {}, 80, 24),
               R"(orvexctl top  wing.sim  48 ranks on 4 hosts                             12:03:44
 SolveHeatConduction  00:01:23  [#########-----------] 45 %  computing
-so far: processor 3840 s, waiting 30 %, 576 k messages, 240 MB, memory +4.7 GB
-now: 6 compute, 42 wait; processor 97 %, waiting 31 %, memory 50.0 GB
-* rank 24 on node002 waits 2 %, the others 31 %; + rank 36 on node003 has 3.0 GB
+so far: processor 3840 s, waiting 30 %, 576 k messages, 240 MiB, memory +4.7 GiB
+now: 6 compute, 42 wait; processor 97 %, waiting 31 %, memory 50.0 GiB
+* rank 24 on node002 waits 2 %, the others 31 %; + rank 36 on node003 has 3.0G
   HOST         RANKS  CPU%    MEM WAIT% LEAST%   RANK   FREE STANDS IN
 * node002         12    97  12.0G    29      2     24   120G allReduce 10 of 12
   node000         12    97  12.0G    31     31      0   120G allReduce 10 of 12
@@ -67,9 +67,9 @@ TEST(TopScreen, ShowsRanks) {
     EXPECT_EQ(draw(frameOf(4, 2, true), view, 80, 16),
               R"(orvexctl top  wing.sim  4 ranks on 2 hosts                              12:03:44
 SolveHeatConduction  00:01:23  [#########-----------] 45 %  computing
-so far: processor 320 s, waiting 30 %, 48 k messages, 20.0 MB, memory +400 MB
-now: 1 compute, 3 wait; processor 97 %, waiting 24 %, memory 6.0 GB
-* rank 2 on node001 waits 2 %, the others 31 %; + rank 3 on node001 has 3.0 GB
+so far: processor 320 s, waiting 30 %, 48 k messages, 20.0 MiB, memory +400 MiB
+now: 1 compute, 3 wait; processor 97 %, waiting 24 %, memory 6.0 GiB
+* rank 2 on node001 waits 2 %, the others 31 %; + rank 3 on node001 has 3.0G
      RANK HOST          CPU%    MEM WAIT% STATE    STANDS IN
 *       2 node001         97   1.0G     2 waits    allReduce
         0 node000         97   1.0G    31 computes
@@ -183,9 +183,9 @@ TEST(TopScreen, IsPlainTextForAFile) {
     frame.job.hosts[0].name = std::string(70, 'n');
     EXPECT_EQ(textOf(TopScreen::drawPlain(frame, {})), R"(orvexctl top  wing.sim  3 ranks on 1 host  12:03:44
 SolveHeatConduction of ana@desk (orvexctl, process 4711)  00:01:23  [#########-----------] 45 %  computing
-so far: processor 240 s, waiting 30 %, 36 k messages, 15.0 MB, memory +300 MB
-now: 1 compute, 2 wait; processor 97 %, waiting 21 %, memory 5.0 GB
-* rank 1 on nnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnn waits 2 %, the others 31 %; + rank 2 on nnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnn has 3.0 GB
+so far: processor 240 s, waiting 30 %, 36 k messages, 15.0 MiB, memory +300 MiB
+now: 1 compute, 2 wait; processor 97 %, waiting 21 %, memory 5.0 GiB
+* rank 1 on nnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnn waits 2 %, the others 31 %; + rank 2 on nnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnn has 3.0G
   HOST                                                                   RANKS  CPU% MAXCPU    MEM MAXMEM OFRANK WAIT% MAXWAIT LEAST%   RANK   LOAD  CPUS   FREE STANDS IN
 *+nnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnn     3    97     97   5.0G   3.0G      2    21      31      2      1   47.9    48   120G allReduce 2 of 3
 )");
