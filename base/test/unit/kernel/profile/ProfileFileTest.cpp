@@ -200,9 +200,7 @@ TEST_F(Profile, IsWholeWhileItChanges) {
     std::thread writer([&] {
         ProfileLayout::Bill& bill = _file->getPage().bill[0];
         for (std::uint64_t i = 0; !stop; ++i) {
-            const std::uint64_t sequence = bill.sequence.load(std::memory_order_relaxed);
-            bill.sequence.store(sequence + 1, std::memory_order_relaxed);
-            std::atomic_thread_fence(std::memory_order_seq_cst);
+            const std::uint64_t sequence = bill.sequence.fetch_add(1);
             std::atomic_ref(bill.operations).store(i);
             std::this_thread::yield();
             std::atomic_ref(bill.bytes).store(i);
