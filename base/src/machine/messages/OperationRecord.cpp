@@ -3,6 +3,7 @@
 #include "machine/messages/CollectiveHistory.h"
 
 #include <algorithm>
+#include <bit>
 #include <cctype>
 #include <chrono>
 #include <cstddef>
@@ -92,8 +93,8 @@ bool OperationRecord::readBoard(Snapshot& snapshot) {
     const std::uint64_t generation = board.generation.load(std::memory_order_acquire);
     // Between operations, that of the last one.
     const ProfileLayout::Operation& slot = slotOf(board, generation - ((generation & 1) == 0 ? 2 : 0));
-    const auto* const operation = reinterpret_cast<const MessageOperation*>(
-        static_cast<std::uintptr_t>(slot.name.load(std::memory_order_acquire)));
+    const auto* const operation = std::bit_cast<const MessageOperation*>(
+        slot.name.load(std::memory_order_acquire)); // addressOf() wrote it in this process
     const std::uint64_t communicator = slot.communicator.load(std::memory_order_acquire);
     const std::uint64_t size = slot.size.load(std::memory_order_acquire);
     const CollectiveHistory::Latest latest = CollectiveHistory::getLatest();

@@ -62,7 +62,8 @@ CommandMeter::Cost CommandMeter::subtract(const Start& end, const Start& begin) 
     cost.peakMemory = static_cast<double>(
         end.highWater > begin.highWater ? end.highWater : std::max(begin.memory, end.memory));
     cost.addedMemory = static_cast<double>(end.memory - begin.memory);
-    cost.messages = static_cast<double>((end.generation + 1) / 2 - (begin.generation + 1) / 2);
+    const std::uint64_t begun = (end.generation + 1) / 2 - (begin.generation + 1) / 2;
+    cost.messages = static_cast<double>(begun);
     cost.bytes = static_cast<double>(end.bytes - begin.bytes);
     return cost;
 }
