@@ -290,10 +290,12 @@ void TraceFile::writeFlows(std::size_t index) {
     const std::string thread = std::to_string(mainThread(_trace.ranks[index]));
     for (const Arrow& arrow : _arrows[index]) {
         const bool isCollective = _matches.getFlows()[arrow.flow].isCollective;
-        put(std::string(R"({"ph":")") + arrow.phase + R"(","cat":"flow","name":")" +
-            (isCollective ? "last to come" : "message") + R"(","id":)" + std::to_string(arrow.flow + 1) +
-            (arrow.phase == 's' ? "" : R"(,"bp":"e")") + ",\"ts\":" + timeOf(arrow.time) +
-            ",\"pid\":" + thread + ",\"tid\":" + thread + "}");
+        std::string line = R"({"ph":")";
+        line.append(1, arrow.phase).append(R"(","cat":"flow","name":")");
+        line.append(isCollective ? "last to come" : "message").append(R"(","id":)");
+        line.append(std::to_string(arrow.flow + 1)).append(arrow.phase == 's' ? "" : R"(,"bp":"e")");
+        line.append(",\"ts\":").append(timeOf(arrow.time)).append(",\"pid\":").append(thread);
+        put(line.append(",\"tid\":").append(thread).append("}"));
     }
 }
 

@@ -10,6 +10,7 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <cmath>
 #include <csignal>
 #include <poll.h>
 #include <string_view>
@@ -178,7 +179,7 @@ bool Terminal::draw(const std::string& picture) {
 
 int Terminal::waitForKey(double seconds) {
     pollfd both[] = {{STDIN_FILENO, POLLIN, 0}, {_impl->woken.getReadDescriptor(), POLLIN, 0}};
-    const int time = static_cast<int>(std::clamp(seconds, 0.0, 3600.0) * 1000.0 + 0.5);
+    const int time = static_cast<int>(std::lround(std::clamp(seconds, 0.0, 3600.0) * 1000.0));
     const int ready = ::poll(both, 2, time);
     if (both[1].revents != 0)
         _impl->drain();

@@ -56,6 +56,7 @@ const std::vector<unsigned>& getFirstRanks() {
             entry->second = std::min(entry->second, process.second);
         }
         std::vector<unsigned> first;
+        first.reserve(firstOfHost.size());
         for (const auto& each : firstOfHost)
             first.push_back(each.second);
         std::sort(first.begin(), first.end());
