@@ -108,6 +108,9 @@ long long takePeakGrowth(long long& before) {
 TEST(TimeProfileOfJob, HoldsTheListOfOneRankAtATime) {
     if (Machine::nProcesses() < 16)
         GTEST_SKIP() << "for many lists";
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "a sanitizer keeps memory that was freed";
+#endif
     constexpr std::size_t EVENTS = 4000;
     const std::string method(200, 'x');
     const auto list = static_cast<double>(EVENTS * (method.size() + 30)); // names and numbers of a rank

@@ -83,8 +83,9 @@ TEST_F(Trace, TakesDownOperationsEventsAndCommandsThatNest) {
     begin();
     OperationRecord::beginCommand("Solve");
     {
+        const std::string innerName = "inner";
         const EventTracker::Track outer("Class", "outer");
-        const EventTracker::Track inner("Class", std::string("inner").c_str());
+        const EventTracker::Track inner("Class", innerName);
         comm.send(value, 2);
         comm.allReduce(value, Communicator::SUM);
     }
