@@ -156,9 +156,10 @@ struct EndOfCommand {
 };
 
 /// Puts the bill into the outcome and into the book. Serial or master.
-void writeBill(const std::vector<CommandBill::Cost>& costs, double began, Controller::Outcome& outcome) {
+void writeBill(const std::string& command, const std::vector<CommandBill::Cost>& costs, double began,
+               Controller::Outcome& outcome) {
     Properties bill = CommandBill::describe(costs);
-    bill.set("command", commandIn(outcome.response));
+    bill.set("command", command);
     const auto running = Controller::getSingleton().getRunningCommand();
     if (running && !running->client.empty())
         bill.set("client", running->client);
@@ -237,8 +238,9 @@ public:
     void update(Properties&) override {
         Controller::Outcome& outcome = Controller::getSingleton().getToldOutcome();
         CommandMeter& meter = CommandMeter::getSingleton();
+        const std::string command = meter.getCommand();
         const double began = meter.getBeginning();
-        writeBill({meter.end(outcome.hasFailed())}, began, outcome);
+        writeBill(command, {meter.end(outcome.hasFailed())}, began, outcome);
         OperationRecord::endCommand();
     }
 };
@@ -450,6 +452,7 @@ void CommandController::scatterCommand(Properties& command) const {
 void CommandController::gatherResponse(Controller::Outcome& outcome) const {
     const EventTracker::Track track("CommandController", "gatherResponse");
     CommandBill::Cost cost;
+    const std::string command = CommandMeter::getSingleton().getCommand();
     const double began = CommandMeter::getSingleton().getBeginning();
     {
         EndOfCommand end;
@@ -471,8 +474,8 @@ void CommandController::gatherResponse(Controller::Outcome& outcome) const {
     }
     postExecuteFloatingPointErrorCheck(outcome);
     const std::vector<CommandBill::Cost> costs = CommandBill::gather(Machine::commandCommunicator(), cost);
-    if (Machine::isMaster() && commandIn(outcome.response) != ExitCommandLoop::NAME)
-        writeBill(costs, began, outcome);
+    if (Machine::isMaster() && command != ExitCommandLoop::NAME)
+        writeBill(command, costs, began, outcome);
 }
 
 /// A fault counts when no rank's command has failed by then.

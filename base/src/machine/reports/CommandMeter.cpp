@@ -150,6 +150,10 @@ Properties CommandMeter::describeSoFar() {
     return bill;
 }
 
+std::string CommandMeter::getCommand() const {
+    return _open.empty() ? std::string() : _open.back().command;
+}
+
 double CommandMeter::getBeginning() const {
     return _open.empty() ? Platform::time().getSecondsSinceEpoch() : _open.back().at;
 }

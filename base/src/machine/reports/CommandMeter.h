@@ -38,7 +38,8 @@ public:
     void begin(const std::string& command);
     /// Of the innermost command that has begun; all zero when there is none.
     Cost end(bool hasFailed);
-    /// When that command began [s since 1970], before end().
+    /// The name of that command, and when it began [s since 1970]; before end().
+    std::string getCommand() const;
     double getBeginning() const;
     /// The cost of the outermost command at work on this rank so far, with the keys of a bill, and "rank";
     /// empty when none is at work. Any thread.
